@@ -1,0 +1,32 @@
+# Warnings and hardening, as two interface libraries that every target of ours links.
+
+add_library(kova_warnings INTERFACE)
+target_compile_options(kova_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+  -Wnon-virtual-dtor -Wcast-qual -Wformat=2 -Wundef -Wmissing-declarations)
+
+# Sanitizers are chosen by the presets: KOVA_SANITIZE is "address,undefined", "thread" or empty.
+set(KOVA_SANITIZE "" CACHE STRING "sanitizers to build everything with")
+if(KOVA_SANITIZE)
+  add_compile_options(-fsanitize=${KOVA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${KOVA_SANITIZE})
+endif()
+
+add_library(kova_hardening INTERFACE)
+if(WIN32)
+  # The runtime formats numbers as C does, so that both targets print the same digits.
+  target_compile_definitions(kova_hardening INTERFACE
+    __USE_MINGW_ANSI_STDIO=1 _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX UNICODE _UNICODE)
+  target_link_options(kova_hardening INTERFACE
+    -static -Wl,--dynamicbase,--high-entropy-va,--nxcompat,--gc-sections)
+  target_compile_options(kova_hardening INTERFACE -ffunction-sections -fdata-sections)
+else()
+  target_compile_options(kova_hardening INTERFACE
+    -fPIE -fstack-protector-strong -fvisibility=hidden -ffunction-sections -fdata-sections)
+  target_link_options(kova_hardening INTERFACE
+    -pie -static-libstdc++ -static-libgcc
+    -Wl,-z,relro,-z,now,-z,noexecstack,--as-needed,--gc-sections,--hash-style=gnu,-O1)
+  if(NOT KOVA_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    target_compile_options(kova_hardening INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  endif()
+endif()
