@@ -1,0 +1,48 @@
+// Lines of standard input, read in blocks.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace kova {
+
+/// Room for the longest piece that a read may take, with a terminator.
+inline constexpr std::size_t kLineBufferCapacity = 1048578;
+inline constexpr std::size_t kMessageLimit = 1048576;
+
+/// What one read took: up to and including a line feed, or 1,048,577 bytes, or what was left at
+/// the end of input.
+struct Line {
+  std::string_view text;
+  bool at_end_of_input;  ///< this read met the end; a full piece or a line feed ends a read before
+};
+
+/// Cuts standard input into lines inside a buffer that the caller owns; the unread rest stays
+/// there. The bytes of a line are valid until the next call.
+class LineReader {
+ public:
+  using Source = std::size_t (*)(char* data, std::size_t size);
+
+  /// `buffer` has kLineBufferCapacity bytes. `source` reads as read_stdin does.
+  LineReader(char* buffer, Source source) : buffer_(buffer), source_(source) {}
+
+  /// False at the end of input with nothing left.
+  [[nodiscard]] bool next(Line& line);
+  /// Skips everything up to and including the next line feed, or to the end of input.
+  void discard_line();
+
+ private:
+  [[nodiscard]] bool fill();
+
+  char* buffer_;
+  Source source_;
+  std::size_t begin_ = 0;
+  std::size_t end_ = 0;
+};
+
+/// The line up to its first NUL.
+[[nodiscard]] std::string_view cut_at_nul(std::string_view line);
+/// The line without the line feeds and carriage returns at its end.
+[[nodiscard]] std::string_view strip_line_end(std::string_view line);
+
+}  // namespace kova

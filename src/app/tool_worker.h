@@ -1,0 +1,42 @@
+// The thread of the stdio server that runs one tool call in a child process and answers it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string_view>
+
+#include "app/prescan.h"
+#include "platform/process.h"
+#include "platform/thread.h"
+
+namespace kova {
+
+/// What the reading thread and the worker thread share. At most one call is active.
+struct ToolState {
+  std::atomic<std::uint32_t> ToolActive{0};
+  std::atomic<std::uint32_t> CancelRequested{0};
+  /// Guards WorkerProcess: whoever uses the process holds it, so that a process that has been
+  /// collected is never signalled.
+  SpinLock worker_process_lock;
+  ChildProcess* WorkerProcess = nullptr;
+  /// Written by the reading thread while no worker exists.
+  char ActiveRequestId[kIdCapacity] = {};
+};
+
+/// One call on its way to a child; freed with `free` by the worker thread.
+struct ToolJob {
+  ToolState* state;
+  char raw_id[kRawIdCapacity];
+  std::uint32_t message_length;
+  char message[1];  ///< message_length bytes and a line feed
+};
+
+/// A job with copies of the texts, or null without memory.
+[[nodiscard]] ToolJob* make_tool_job(ToolState& state, std::string_view message,
+                                     std::string_view raw_id);
+
+/// The worker thread: starts the child, feeds it the message, answers with its reply line, with
+/// the cancelled result or with a failure, frees the job and clears ToolActive last.
+void run_tool_job(void* job);
+
+}  // namespace kova

@@ -1,0 +1,93 @@
+// The JSON document: a borrowed text and a flat array of tokens that point into it. Parsing
+// allocates and copies nothing (RFC 8259, UTF-8 by RFC 3629); texts are unescaped only when a
+// caller takes them out, into a buffer of its own.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "base/text.h"
+
+namespace kova {
+
+enum class JsonType : std::int32_t { kObject = 1, kArray = 2, kString = 3, kPrimitive = 4 };
+
+/// One value or key. The offsets of a string lie inside its quotation marks; `end` is the index
+/// after the last byte, for an object or array after its closing bracket, -1 while it is open.
+struct JsonToken {
+  JsonType type;
+  std::int32_t start;
+  std::int32_t end;
+  std::int32_t size;    ///< direct children; an object's keys and values both count
+  std::int32_t parent;  ///< index of the enclosing object or array, -1 for the root
+};
+
+/// Tokens of the protocol's messages.
+inline constexpr int kMessageTokenCapacity = 4096;
+/// A value at this depth is the deepest that parses; the root's depth is 0.
+inline constexpr int kJsonDepthLimit = 128;
+
+/// A parsed text: tokens in document order, an object's keys and values alternately. Both arrays
+/// are the caller's.
+struct JsonDoc {
+  std::string_view text;
+  const JsonToken* tokens = nullptr;
+  int count = 0;
+
+  [[nodiscard]] const JsonToken& operator[](int index) const { return tokens[index]; }
+  /// Whether the index names a token of this type.
+  [[nodiscard]] bool is(int index, JsonType type) const {
+    return index >= 0 && index < count && tokens[index].type == type;
+  }
+  /// The source text of a token; a string's without its quotation marks.
+  [[nodiscard]] std::string_view raw(int index) const {
+    const JsonToken& token = tokens[index];
+    return text.substr(static_cast<std::size_t>(token.start),
+                       static_cast<std::size_t>(token.end - token.start));
+  }
+};
+
+/// Parses one complete text into `tokens`, at most `capacity` of them, and sets `doc` to it. False
+/// on malformed JSON or UTF-8, on more tokens or a deeper nesting than allowed, and on an empty
+/// text; `doc` is then not to be used.
+[[nodiscard]] bool json_parse(std::string_view text, JsonToken* tokens, int capacity,
+                              JsonDoc& doc);
+
+/// The value of an object's first member whose key's source text equals `key` (escapes are not
+/// decoded, so an escaped spelling is never found), or -1.
+[[nodiscard]] int json_find(const JsonDoc& doc, int object, std::string_view key);
+
+/// The index of the first token after a subtree, `count` after the last one; -1 for a bad index or
+/// an open container.
+[[nodiscard]] int json_skip(const JsonDoc& doc, int index);
+
+/// Unescapes a string token into `out`. False for another type, a text that does not fit and a
+/// malformed escape (a lone surrogate). An escaped NUL is written as such: a reader of the result
+/// sees the text end there.
+[[nodiscard]] bool json_get_string(const JsonDoc& doc, int index, TextOut out);
+
+/// A string as json_get_string gives it, any other token's source text.
+[[nodiscard]] bool json_get_scalar_text(const JsonDoc& doc, int index, TextOut out);
+
+/// A number token of 1 to 31 characters that is a whole decimal integer without a sign and fits
+/// 32 bits.
+[[nodiscard]] bool json_get_unsigned(const JsonDoc& doc, int index, std::uint32_t& value);
+
+/// Reads the next byte of a string token's decoded text. `position` starts at 0 and is advanced;
+/// answers the byte, -1 at the end (an escaped NUL is an end) and -2 for a malformed escape.
+class JsonStringReader {
+ public:
+  explicit JsonStringReader(std::string_view raw) : raw_(raw) {}
+  static constexpr int kEnd = -1;
+  static constexpr int kMalformed = -2;
+  /// The next byte of the decoded text as 0 to 255, kEnd or kMalformed.
+  [[nodiscard]] int next();
+
+ private:
+  std::string_view raw_;
+  std::size_t position_ = 0;
+  unsigned char pending_[3] = {};
+  int pending_count_ = 0;
+};
+
+}  // namespace kova

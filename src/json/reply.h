@@ -1,0 +1,58 @@
+// Reply lines on standard output and their plain envelopes.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "json/json.h"
+
+namespace kova {
+
+// JSON-RPC 2.0 error codes.
+inline constexpr int kParseError = -32700;
+inline constexpr int kInvalidRequest = -32600;
+inline constexpr int kMethodNotFound = -32601;
+inline constexpr int kInvalidParams = -32602;
+inline constexpr int kInternalError = -32603;
+inline constexpr int kNotInitialized = -32002;
+inline constexpr int kBusy = -32000;
+
+/// The room for an id's decoded text, with its terminator.
+inline constexpr std::size_t kIdCapacity = 96;
+
+inline constexpr char kServerMemoryLimit[] = "server memory limit";
+
+/// The id of the request that a reply answers: a token of the request's document, or none.
+struct RequestId {
+  const JsonDoc* doc = nullptr;
+  int token = -1;
+};
+
+/// One reply line. Takes OutputLock at construction; adds the line feed, writes the line and
+/// releases the lock at destruction. A line that fits the buffer is one write; a longer one is
+/// written in pieces of the buffer's size, so that no reply can fail for want of memory.
+class ReplyLine {
+ public:
+  ReplyLine();
+  ~ReplyLine();
+  ReplyLine(const ReplyLine&) = delete;
+  ReplyLine& operator=(const ReplyLine&) = delete;
+
+  /// Adds the bytes as they stand.
+  ReplyLine& raw(std::string_view bytes);
+  /// Adds a JSON string literal. Escapes the quotation mark, the backslash and control bytes;
+  /// everything else is added unchanged.
+  ReplyLine& string(std::string_view text);
+  ReplyLine& number(long long value);
+  /// Adds the id: a string of at most 95 bytes re-escaped, any other value as it was received,
+  /// null for none and for a string that is longer or does not decode.
+  ReplyLine& id(RequestId id);
+
+ private:
+  std::size_t used_ = 0;
+};
+
+/// {"jsonrpc":"2.0","id":...,"error":{"code":...,"message":...}}
+void write_error_reply(RequestId id, int code, std::string_view message);
+
+}  // namespace kova

@@ -1,0 +1,18 @@
+// Wall clock and tick count.
+#pragma once
+
+#include <cstdint>
+
+namespace kova {
+
+struct UtcTime {
+  unsigned year, month, day, hour, minute, second, millisecond;
+};
+
+/// The wall clock as calendar time in UTC.
+[[nodiscard]] UtcTime utc_now();
+
+/// Milliseconds of a clock that never goes back; its start is arbitrary.
+[[nodiscard]] std::uint64_t tick_ms();
+
+}  // namespace kova

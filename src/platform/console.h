@@ -1,0 +1,25 @@
+// The three standard streams.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace kova {
+
+/// Puts standard input and output into binary mode and keeps a reader that has gone from ending
+/// the process. Called once, before any other function of this header.
+void prepare_standard_streams();
+
+/// Reads what is there, at most `size` bytes, waiting until there is something. Answers the
+/// number of bytes, 0 at the end of input and after an error.
+[[nodiscard]] std::size_t read_stdin(char* data, std::size_t size);
+
+/// Writes everything to standard output, unbuffered. What a reader that has gone does not take is
+/// dropped.
+void write_stdout(std::string_view bytes);
+
+/// Writes text to standard error in one piece, unbuffered; standard error is in text mode, so that
+/// a line feed becomes CR LF on Windows.
+void write_stderr(std::string_view text);
+
+}  // namespace kova

@@ -1,0 +1,55 @@
+// Child processes of this executable.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace kova {
+
+/// The exit code of a process that a cancel has ended.
+inline constexpr std::uint32_t kCancelledExitCode = 1223;
+
+/// The capacity that this executable's own path must fit, with its terminator.
+inline constexpr std::size_t kOwnPathCapacity = 260;
+
+/// A running copy of this executable with pipes on its standard input and output and this
+/// process's standard error; it inherits nothing else. It ends with this process, however that
+/// ends. One thread starts, feeds, reads and collects it; only `terminate` may be called by
+/// another one, between a successful `start` and `collect`, and that thread sees to the order.
+class ChildProcess {
+ public:
+  ChildProcess() = default;
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  /// Starts the executable with one argument. The calling thread must outlive the child.
+  [[nodiscard]] bool start(const char* argument);
+
+  /// Writes everything to the child's standard input; what a child that has gone does not take is
+  /// dropped.
+  void write_input(std::string_view bytes);
+  void close_input();
+  /// Reads what is there of the child's output, at most `size` bytes, waiting until there is
+  /// something; 0 at its end and after an error.
+  [[nodiscard]] std::size_t read_output(char* data, std::size_t size);
+
+  /// Ends the child at once; `collect` then answers `exit_code`, unless it had ended before.
+  void terminate(std::uint32_t exit_code);
+
+  /// Waits until the child has ended; it may still be given to `terminate`, without effect.
+  void wait();
+  /// Releases an ended child and answers its exit code. A child that a signal has ended answers
+  /// 128 plus the signal's number, one whose code cannot be had 1.
+  [[nodiscard]] std::uint32_t collect();
+
+ private:
+  std::intptr_t process_ = -1;
+  std::intptr_t guard_ = -1;
+  std::intptr_t input_ = -1;
+  std::intptr_t output_ = -1;
+  std::uint32_t terminated_with_ = 0;
+};
+
+}  // namespace kova

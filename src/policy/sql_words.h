@@ -1,0 +1,26 @@
+// The word scanner that the SQL checkers share.
+#pragma once
+
+#include <string_view>
+
+#include "base/text.h"
+
+namespace kova {
+
+/// The room for one word, with its terminator: words are compared by their first 63 characters.
+inline constexpr std::size_t kWordCapacity = 64;
+
+/// Takes the next word off the front of `sql`: letters, digits and "_", beginning with a letter or
+/// "_" (digits before it are skipped, as is every other byte). Single-quoted literals are skipped;
+/// an open one runs to the end. The word is written upper-cased and cut to the capacity, the whole
+/// of it is taken off. False at the end of the text.
+[[nodiscard]] bool policy_next_word(std::string_view& sql, TextOut& word);
+
+/// The index after the single-quoted literal whose opening quote stands at `open`; two quotes in a
+/// row are one escaped quote. The text's length when the literal is open.
+[[nodiscard]] std::size_t skip_literal(std::string_view sql, std::size_t open);
+
+/// Whether a comment ("--", "/*" or "#") begins at this index.
+[[nodiscard]] bool begins_comment(std::string_view sql, std::size_t index);
+
+}  // namespace kova

@@ -1,0 +1,31 @@
+// Reading a tool's arguments.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string_view>
+
+#include "base/text.h"
+#include "json/json.h"
+
+namespace kova {
+
+/// Whether the token is an object each of whose keys, decoded, has at most 63 bytes and is one of
+/// the allowed names. Nested objects are not looked at.
+[[nodiscard]] bool check_allowed_members(const JsonDoc& doc, int object,
+                                         std::initializer_list<std::string_view> allowed);
+
+/// The member's decoded text; false when it is absent, no string or does not fit.
+[[nodiscard]] bool get_string_member(const JsonDoc& doc, int object, std::string_view key,
+                                     TextOut out);
+
+/// The member's text when it is a safe name; false otherwise. `out` holds at least 64 bytes.
+[[nodiscard]] bool get_identifier_member(const JsonDoc& doc, int object, std::string_view key,
+                                         TextOut out);
+
+/// The member as a number within the bounds; false when it is absent.
+[[nodiscard]] bool get_bounded_member(const JsonDoc& doc, int object, std::string_view key,
+                                      std::uint32_t low, std::uint32_t high,
+                                      std::uint32_t& value);
+
+}  // namespace kova
