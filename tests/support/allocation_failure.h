@@ -1,0 +1,25 @@
+// Running out of memory on purpose. The unit test binary is linked so that its calls of malloc,
+// calloc and realloc pass through here.
+#pragma once
+
+namespace kova::testing {
+
+/// While it lives, the n-th allocation from its construction on (1 is the next one) answers null;
+/// all others succeed. Counts the allocations of every thread, so others should be idle. One at a
+/// time.
+class AllocationFailure {
+ public:
+  explicit AllocationFailure(int nth);
+  ~AllocationFailure();
+  AllocationFailure(const AllocationFailure&) = delete;
+  AllocationFailure& operator=(const AllocationFailure&) = delete;
+
+  /// Whether the allocation was asked for, and refused.
+  [[nodiscard]] static bool happened();
+};
+
+/// The number of allocations asked for so far; the difference of two answers is the number between
+/// them.
+[[nodiscard]] unsigned long allocation_count();
+
+}  // namespace kova::testing

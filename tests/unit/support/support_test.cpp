@@ -1,0 +1,106 @@
+// The test support itself: a guard that does not guard would let every other test pass.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "platform/console.h"
+#include "platform/environment.h"
+#include "support/allocation_failure.h"
+#include "support/captured_output.h"
+#include "support/environment.h"
+#include "support/guard_page.h"
+#include "support/temporary_directory.h"
+
+namespace kova::testing {
+namespace {
+
+TEST(GuardPageDeathTest, ReadingPastEitherSideEndsTheProgram) {
+  const GuardedText after("abc", GuardSide::kAfter);
+  const GuardedText before("abc", GuardSide::kBefore);
+  EXPECT_EQ(after.view(), "abc");
+  EXPECT_EQ(before.view(), "abc");
+  const volatile char* past = after.data() + 3;
+  const volatile char* ahead = before.data() - 1;
+  EXPECT_DEATH(std::exit(*past), "");
+  EXPECT_DEATH(std::exit(*ahead), "");
+}
+
+TEST(GuardPageDeathTest, WritingPastABufferEndsTheProgram) {
+  const GuardedBuffer buffer(5);
+  volatile char* bytes = buffer.data();
+  bytes[4] = 'x';
+  EXPECT_DEATH(bytes[5] = 'x', "");
+}
+
+TEST(AllocationFailure, RefusesExactlyTheNthAllocation) {
+  void* first = nullptr;
+  void* second = nullptr;
+  void* third = nullptr;
+  bool happened = false;
+  {
+    const AllocationFailure failure(2);
+    first = std::malloc(10);
+    second = std::malloc(10);
+    third = std::malloc(10);
+    happened = AllocationFailure::happened();
+  }
+  EXPECT_NE(first, nullptr);
+  EXPECT_EQ(second, nullptr);
+  EXPECT_NE(third, nullptr);
+  EXPECT_TRUE(happened);
+  std::free(first);
+  std::free(third);
+}
+
+TEST(AllocationFailure, RefusesReallocAndKeepsTheBlock) {
+  char* block = static_cast<char*>(std::malloc(4));
+  ASSERT_NE(block, nullptr);
+  block[0] = 'k';
+  void* grown = nullptr;
+  {
+    const AllocationFailure failure(1);
+    // Called through a pointer, as the compiler takes the block for gone after a plain call.
+    void* (*volatile reallocate)(void*, std::size_t) = std::realloc;
+    grown = reallocate(block, 4096);
+  }
+  EXPECT_EQ(grown, nullptr);
+  EXPECT_EQ(block[0], 'k');
+  std::free(block);
+}
+
+TEST(CapturedOutput, TakesWhatWasWrittenSinceTheLastTime) {
+  CapturedOutput output;
+  EXPECT_EQ(output.take(), "");
+  write_stdout("one\n");
+  EXPECT_EQ(output.take(), "one\n");
+  write_stdout("two\n");
+  write_stdout(std::string("a\0b\n", 4));
+  EXPECT_EQ(output.take(), std::string("two\na\0b\n", 8));
+}
+
+TEST(ScopedEnvironment, SetsAndRestores) {
+  const ScopedEnvironment outer("KOVA_TEST_VARIABLE", "outer");
+  {
+    ScopedEnvironment inner("KOVA_TEST_VARIABLE", "inner");
+    EXPECT_EQ(EnvironmentValue("KOVA_TEST_VARIABLE").view(), "inner");
+    inner.unset();
+    EXPECT_FALSE(EnvironmentValue("KOVA_TEST_VARIABLE").is_set());
+  }
+  EXPECT_EQ(EnvironmentValue("KOVA_TEST_VARIABLE").view(), "outer");
+}
+
+TEST(TemporaryDirectory, HoldsFilesAndGoesAway) {
+  std::string path;
+  {
+    const TemporaryDirectory directory;
+    path = directory.file("a file");
+    write_file(path, "bytes\r\n");
+    EXPECT_EQ(read_file(path), "bytes\r\n");
+  }
+  EXPECT_EQ(read_file(path), "");
+}
+
+}  // namespace
+}  // namespace kova::testing
