@@ -16,7 +16,7 @@ add_library(kova_hardening INTERFACE)
 if(WIN32)
   # The runtime formats numbers as C does, so that both targets print the same digits.
   target_compile_definitions(kova_hardening INTERFACE
-    __USE_MINGW_ANSI_STDIO=1 _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX UNICODE _UNICODE)
+    __USE_MINGW_ANSI_STDIO=1 _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX NOGDI UNICODE _UNICODE)
   target_link_options(kova_hardening INTERFACE
     -static -Wl,--dynamicbase,--high-entropy-va,--nxcompat,--gc-sections)
   target_compile_options(kova_hardening INTERFACE -ffunction-sections -fdata-sections)

@@ -36,7 +36,7 @@ struct ToolJob {
                                      std::string_view raw_id);
 
 /// The worker thread: starts the child, feeds it the message, answers with its reply line, with
-/// the cancelled result or with a failure, frees the job and clears ToolActive last.
-void run_tool_job(void* job);
+/// the cancelled result or with a failure, frees the job and clears ToolActive last. Answers null.
+void* run_tool_job(void* job);
 
 }  // namespace kova

@@ -9,7 +9,7 @@ namespace kova {
 /// One thread of this process; the object is used by the thread that starts it.
 class Thread {
  public:
-  using Entry = void (*)(void* argument);
+  using Entry = void* (*)(void* argument);
 
   Thread() = default;
   ~Thread() { join(); }

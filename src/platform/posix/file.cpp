@@ -1,0 +1,84 @@
+#include "platform/file.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace kova {
+
+namespace {
+
+constexpr std::size_t kResolvedPathCapacity = 1024;
+
+int descriptor_of(std::intptr_t handle) { return static_cast<int>(handle); }
+
+// Not blocking: a named pipe is refused, not waited for.
+int open_file(const char* path, int flags, mode_t mode) {
+  return ::open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode);
+}
+
+}  // namespace
+
+bool is_canonical_path(const char* path) {
+  const std::string_view text(path);
+  if (text.size() >= kResolvedPathCapacity || !text.starts_with('/')) return false;
+  for (std::size_t slash = 0; slash < text.size();) {
+    const std::size_t begin = slash + 1;
+    slash = std::min(text.find('/', begin), text.size());
+    const std::string_view part = text.substr(begin, slash - begin);
+    if (part == "." || part == "..") return false;
+    if (part.empty() && slash != text.size()) return false;
+  }
+  return true;
+}
+
+bool is_directory(const char* path) {
+  struct stat status {};
+  return ::stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+InputFile::~InputFile() {
+  if (handle_ >= 0) ::close(descriptor_of(handle_));
+}
+
+bool InputFile::open(const char* path) {
+  const int descriptor = open_file(path, O_RDONLY, 0);
+  if (descriptor < 0) return false;
+  struct stat status {};
+  if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+    ::close(descriptor);
+    return false;
+  }
+  handle_ = descriptor;
+  return true;
+}
+
+std::uint64_t InputFile::size() const {
+  struct stat status {};
+  if (::fstat(descriptor_of(handle_), &status) != 0) return UINT64_MAX;
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
+bool InputFile::read(char* data, std::size_t size) {
+  ssize_t got = 0;
+  do {
+    got = ::read(descriptor_of(handle_), data, size);
+  } while (got < 0 && errno == EINTR);
+  return got >= 0 && static_cast<std::size_t>(got) == size;
+}
+
+void append_record(const char* path, std::string_view record) {
+  const int descriptor = open_file(path, O_WRONLY | O_APPEND | O_CREAT, 0600);
+  if (descriptor < 0) return;
+  if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0 &&
+      ::write(descriptor, record.data(), record.size()) > 0) {
+    ::fdatasync(descriptor);
+  }
+  ::close(descriptor);
+}
+
+}  // namespace kova

@@ -1,0 +1,144 @@
+#include "platform/process.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <utility>
+
+#include "platform/own_path.h"
+
+namespace kova {
+
+namespace {
+
+constexpr int kSignalExitBase = 128;
+
+int descriptor_of(std::intptr_t handle) { return static_cast<int>(handle); }
+
+void close_descriptor(std::intptr_t& handle) {
+  if (handle >= 0) ::close(descriptor_of(handle));
+  handle = -1;
+}
+
+/// The two ends of a pipe; what is not handed on is closed.
+struct Pipe {
+  std::intptr_t read_end = -1;
+  std::intptr_t write_end = -1;
+
+  Pipe() = default;
+  ~Pipe() {
+    close_descriptor(read_end);
+    close_descriptor(write_end);
+  }
+  Pipe(const Pipe&) = delete;
+  Pipe& operator=(const Pipe&) = delete;
+
+  [[nodiscard]] bool open() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return false;
+    read_end = ends[0];
+    write_end = ends[1];
+    return true;
+  }
+};
+
+// A duplicate above the standard streams, so that putting one stream in its place never overwrites
+// the other when this process runs without a standard stream itself.
+int above_standard(std::intptr_t descriptor) {
+  return ::fcntl(descriptor_of(descriptor), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+
+// Runs between vfork and exec, in the parent's memory: system calls only.
+[[noreturn]] void become_child(const char* path, char* const* arguments, int input, int output,
+                               pid_t parent) {
+  // A parent that ended before the signal was asked for sends none.
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(1);
+  if (::dup2(input, STDIN_FILENO) < 0 || ::dup2(output, STDOUT_FILENO) < 0) ::_exit(1);
+  // Covers what this process itself was given beside its standard streams.
+  if (::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) ::_exit(1);
+  ::execve(path, arguments, environ);
+  ::_exit(1);
+}
+
+}  // namespace
+
+ChildProcess::~ChildProcess() {
+  close_descriptor(input_);
+  close_descriptor(output_);
+}
+
+bool ChildProcess::start(const char* argument) {
+  char path[kOwnPathCapacity];
+  Pipe input;
+  Pipe output;
+  if (!own_path(path) || !input.open() || !output.open()) return false;
+  const int child_input = above_standard(input.read_end);
+  const int child_output = above_standard(output.write_end);
+  const char* const arguments[] = {path, argument, nullptr};
+  const pid_t parent = ::getpid();
+  pid_t child = -1;
+  if (child_input >= 0 && child_output >= 0) {
+    child = ::vfork();
+    if (child == 0) {
+      become_child(path, const_cast<char* const*>(arguments), child_input, child_output, parent);
+    }
+  }
+  if (child_input >= 0) ::close(child_input);
+  if (child_output >= 0) ::close(child_output);
+  if (child < 0) return false;
+  process_ = child;
+  input_ = std::exchange(input.write_end, -1);
+  output_ = std::exchange(output.read_end, -1);
+  return true;
+}
+
+void ChildProcess::write_input(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(descriptor_of(input_), bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+void ChildProcess::close_input() { close_descriptor(input_); }
+
+std::size_t ChildProcess::read_output(char* data, std::size_t size) {
+  for (;;) {
+    const ssize_t got = ::read(descriptor_of(output_), data, size);
+    if (got >= 0) return static_cast<std::size_t>(got);
+    if (errno != EINTR) return 0;
+  }
+}
+
+void ChildProcess::terminate(std::uint32_t exit_code) {
+  terminated_with_ = exit_code;
+  ::kill(static_cast<pid_t>(process_), SIGKILL);
+}
+
+void ChildProcess::wait() {
+  siginfo_t info{};
+  while (::waitid(P_PID, static_cast<id_t>(process_), &info, WEXITED | WNOWAIT) != 0 &&
+         errno == EINTR) {
+  }
+}
+
+std::uint32_t ChildProcess::collect() {
+  int status = 0;
+  pid_t collected = 0;
+  do {
+    collected = ::waitpid(static_cast<pid_t>(process_), &status, 0);
+  } while (collected < 0 && errno == EINTR);
+  process_ = -1;
+  if (collected < 0) return 1;
+  if (WIFEXITED(status)) return static_cast<std::uint32_t>(WEXITSTATUS(status));
+  // Exit codes above 255 exist here only by agreement: the killer's word stands for the signal.
+  if (terminated_with_ != 0 && WTERMSIG(status) == SIGKILL) return terminated_with_;
+  return static_cast<std::uint32_t>(kSignalExitBase + WTERMSIG(status));
+}
+
+}  // namespace kova
