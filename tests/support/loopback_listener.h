@@ -1,0 +1,29 @@
+// A listening TCP socket on 127.0.0.1, for what only asks whether somebody listens.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace kova::testing {
+
+/// Listens on a free port while it lives; accepts nothing, so that connections wait in its queue.
+class LoopbackListener {
+ public:
+  LoopbackListener();
+  ~LoopbackListener();
+  LoopbackListener(const LoopbackListener&) = delete;
+  LoopbackListener& operator=(const LoopbackListener&) = delete;
+
+  [[nodiscard]] std::string port() const { return std::to_string(port_); }
+  /// Takes one waiting connection and closes it; whether there was one.
+  [[nodiscard]] bool had_connection();
+
+ private:
+  std::intptr_t socket_;
+  unsigned port_;
+};
+
+/// A port of 127.0.0.1 on which nobody listens.
+[[nodiscard]] std::string refused_port();
+
+}  // namespace kova::testing
