@@ -48,7 +48,6 @@ void clean_audit_text(std::string_view source, TextOut out);
 
 /// Appends the record of a finished call to the file that KOVA_MCP_AUDIT names; without one it
 /// does nothing. Every failure is silent: auditing never changes a reply.
-void write_audit_record(const AuditContext& context, const McpPolicy& policy,
-                        AuditOutcome outcome);
+void write_audit_record(const AuditContext& context, const McpPolicy& policy, AuditOutcome outcome);
 
 }  // namespace kova

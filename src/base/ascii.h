@@ -6,20 +6,38 @@
 
 namespace kova {
 
-constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
-constexpr bool is_upper(char c) { return c >= 'A' && c <= 'Z'; }
-constexpr bool is_lower(char c) { return c >= 'a' && c <= 'z'; }
-constexpr bool is_alpha(char c) { return is_upper(c) || is_lower(c); }
-constexpr bool is_alnum(char c) { return is_alpha(c) || is_digit(c); }
+constexpr bool is_digit(char c) {
+  return c >= '0' && c <= '9';
+}
+constexpr bool is_upper(char c) {
+  return c >= 'A' && c <= 'Z';
+}
+constexpr bool is_lower(char c) {
+  return c >= 'a' && c <= 'z';
+}
+constexpr bool is_alpha(char c) {
+  return is_upper(c) || is_lower(c);
+}
+constexpr bool is_alnum(char c) {
+  return is_alpha(c) || is_digit(c);
+}
 
 /// A byte that may continue a word or a safe name: letter, digit or "_".
-constexpr bool is_word_byte(char c) { return is_alnum(c) || c == '_'; }
+constexpr bool is_word_byte(char c) {
+  return is_alnum(c) || c == '_';
+}
 
 /// White space of the C locale: blank, TAB, LF, VT, FF, CR.
-constexpr bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+constexpr bool is_space(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
 
-constexpr char to_upper(char c) { return is_lower(c) ? static_cast<char>(c - 'a' + 'A') : c; }
-constexpr char to_lower(char c) { return is_upper(c) ? static_cast<char>(c - 'A' + 'a') : c; }
+constexpr char to_upper(char c) {
+  return is_lower(c) ? static_cast<char>(c - 'a' + 'A') : c;
+}
+constexpr char to_lower(char c) {
+  return is_upper(c) ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 /// The value of a hexadecimal digit of either case, or -1.
 constexpr int hex_value(char c) {

@@ -15,13 +15,13 @@ bool TextOut::copy(std::string_view text) {
 
 void TextOut::copy_cut(std::string_view text) {
   length_ = std::min(text.size(), capacity_ - 1);
-  std::memmove(data_, text.data(), length_);
+  if (length_ > 0) std::memmove(data_, text.data(), length_);
   data_[length_] = '\0';
 }
 
 bool TextOut::append(std::string_view text) {
   if (text.size() >= capacity_ - length_) return false;
-  std::memcpy(data_ + length_, text.data(), text.size());
+  if (!text.empty()) std::memcpy(data_ + length_, text.data(), text.size());
   length_ += text.size();
   data_[length_] = '\0';
   return true;

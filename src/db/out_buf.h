@@ -36,6 +36,8 @@ class OutBuf {
   [[nodiscard]] char* release();
 
  private:
+  [[nodiscard]] bool append_escape(char byte);
+
   char* text_ = nullptr;
   std::uint32_t length_ = 0;
   std::uint32_t capacity_ = 0;

@@ -50,8 +50,7 @@ struct JsonDoc {
 /// Parses one complete text into `tokens`, at most `capacity` of them, and sets `doc` to it. False
 /// on malformed JSON or UTF-8, on more tokens or a deeper nesting than allowed, and on an empty
 /// text; `doc` is then not to be used.
-[[nodiscard]] bool json_parse(std::string_view text, JsonToken* tokens, int capacity,
-                              JsonDoc& doc);
+[[nodiscard]] bool json_parse(std::string_view text, JsonToken* tokens, int capacity, JsonDoc& doc);
 
 /// The value of an object's first member whose key's source text equals `key` (escapes are not
 /// decoded, so an escaped spelling is never found), or -1.
@@ -73,21 +72,29 @@ struct JsonDoc {
 /// 32 bits.
 [[nodiscard]] bool json_get_unsigned(const JsonDoc& doc, int index, std::uint32_t& value);
 
-/// Reads the next byte of a string token's decoded text. `position` starts at 0 and is advanced;
-/// answers the byte, -1 at the end (an escaped NUL is an end) and -2 for a malformed escape.
+/// A number token of 1 to 63 characters, read as a double and narrowed. False for a number that a
+/// double cannot hold, that narrows to no finite float or that exceeds 3.402823466e38 in magnitude;
+/// one too small for a float becomes zero, one too small for a double is refused.
+[[nodiscard]] bool json_get_float(const JsonDoc& doc, int index, float& value);
+
+/// The value of four hexadecimal digits of either case.
+[[nodiscard]] bool json_hex4(const char* digits, std::uint32_t& value);
+
+/// Decodes a string token's source text byte by byte; an escaped NUL ends the text.
 class JsonStringReader {
  public:
   explicit JsonStringReader(std::string_view raw) : raw_(raw) {}
   static constexpr int kEnd = -1;
   static constexpr int kMalformed = -2;
-  /// The next byte of the decoded text as 0 to 255, kEnd or kMalformed.
+  /// The next byte as 1 to 255, kEnd or kMalformed; not to be called again after the last two.
   [[nodiscard]] int next();
 
  private:
   std::string_view raw_;
   std::size_t position_ = 0;
-  unsigned char pending_[3] = {};
+  unsigned char pending_[4] = {};
   int pending_count_ = 0;
+  int pending_index_ = 0;
 };
 
 }  // namespace kova

@@ -1,6 +1,7 @@
 // The word scanner that the SQL checkers share.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "base/text.h"
@@ -17,7 +18,7 @@ inline constexpr std::size_t kWordCapacity = 64;
 [[nodiscard]] bool policy_next_word(std::string_view& sql, TextOut& word);
 
 /// The index after the single-quoted literal whose opening quote stands at `open`; two quotes in a
-/// row are one escaped quote. The text's length when the literal is open.
+/// row are one escaped quote. `npos` when the literal does not end.
 [[nodiscard]] std::size_t skip_literal(std::string_view sql, std::size_t open);
 
 /// Whether a comment ("--", "/*" or "#") begins at this index.

@@ -25,7 +25,6 @@ namespace kova {
 
 /// The member as a number within the bounds; false when it is absent.
 [[nodiscard]] bool get_bounded_member(const JsonDoc& doc, int object, std::string_view key,
-                                      std::uint32_t low, std::uint32_t high,
-                                      std::uint32_t& value);
+                                      std::uint32_t low, std::uint32_t high, std::uint32_t& value);
 
 }  // namespace kova

@@ -39,8 +39,12 @@ std::size_t read_stdin(char* data, std::size_t size) {
   }
 }
 
-void write_stdout(std::string_view bytes) { write_all(STDOUT_FILENO, bytes); }
+void write_stdout(std::string_view bytes) {
+  write_all(STDOUT_FILENO, bytes);
+}
 
-void write_stderr(std::string_view text) { write_all(STDERR_FILENO, text); }
+void write_stderr(std::string_view text) {
+  write_all(STDERR_FILENO, text);
+}
 
 }  // namespace kova

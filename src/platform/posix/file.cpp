@@ -14,7 +14,9 @@ namespace {
 
 constexpr std::size_t kResolvedPathCapacity = 1024;
 
-int descriptor_of(std::intptr_t handle) { return static_cast<int>(handle); }
+int descriptor_of(std::intptr_t handle) {
+  return static_cast<int>(handle);
+}
 
 // Not blocking: a named pipe is refused, not waited for.
 int open_file(const char* path, int flags, mode_t mode) {

@@ -54,6 +54,8 @@ bool Library::open(const char* file_name) {
   return handle_ != nullptr;
 }
 
-void* Library::symbol(const char* name) const { return ::dlsym(handle_, name); }
+void* Library::symbol(const char* name) const {
+  return ::dlsym(handle_, name);
+}
 
 }  // namespace kova

@@ -17,7 +17,9 @@ namespace {
 
 constexpr int kSignalExitBase = 128;
 
-int descriptor_of(std::intptr_t handle) { return static_cast<int>(handle); }
+int descriptor_of(std::intptr_t handle) {
+  return static_cast<int>(handle);
+}
 
 void close_descriptor(std::intptr_t& handle) {
   if (handle >= 0) ::close(descriptor_of(handle));
@@ -105,7 +107,9 @@ void ChildProcess::write_input(std::string_view bytes) {
   }
 }
 
-void ChildProcess::close_input() { close_descriptor(input_); }
+void ChildProcess::close_input() {
+  close_descriptor(input_);
+}
 
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
   for (;;) {

@@ -14,7 +14,9 @@ namespace kova {
 
 namespace {
 
-int descriptor_of(std::intptr_t handle) { return static_cast<int>(handle); }
+int descriptor_of(std::intptr_t handle) {
+  return static_cast<int>(handle);
+}
 
 // A refused connection is writable too; the socket's own error tells them apart.
 bool connected_within(int descriptor, std::uint32_t timeout_ms) {
@@ -66,7 +68,9 @@ const void* AddressList::next(const void* address) {
   return static_cast<const addrinfo*>(address)->ai_next;
 }
 
-Socket::~Socket() { close(); }
+Socket::~Socket() {
+  close();
+}
 
 bool Socket::connect(const void* address, std::uint32_t timeout_ms) {
   const auto& target = *static_cast<const addrinfo*>(address);

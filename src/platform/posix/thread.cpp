@@ -35,6 +35,8 @@ void Thread::join() {
   joinable_ = false;
 }
 
-void yield_thread() { ::sched_yield(); }
+void yield_thread() {
+  ::sched_yield();
+}
 
 }  // namespace kova

@@ -16,6 +16,8 @@ UtcTime utc_now() {
           .millisecond = now.wMilliseconds};
 }
 
-std::uint64_t tick_ms() { return ::GetTickCount64(); }
+std::uint64_t tick_ms() {
+  return ::GetTickCount64();
+}
 
 }  // namespace kova

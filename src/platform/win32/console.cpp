@@ -26,14 +26,16 @@ void prepare_standard_streams() {}
 
 std::size_t read_stdin(char* data, std::size_t size) {
   DWORD got = 0;
-  if (::ReadFile(::GetStdHandle(STD_INPUT_HANDLE), data, static_cast<DWORD>(size), &got,
-                 nullptr) == 0) {
+  if (::ReadFile(::GetStdHandle(STD_INPUT_HANDLE), data, static_cast<DWORD>(size), &got, nullptr) ==
+      0) {
     return 0;
   }
   return got;
 }
 
-void write_stdout(std::string_view bytes) { write_all(STD_OUTPUT_HANDLE, bytes); }
+void write_stdout(std::string_view bytes) {
+  write_all(STD_OUTPUT_HANDLE, bytes);
+}
 
 void write_stderr(std::string_view text) {
   char lines[1024];

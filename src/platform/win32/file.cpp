@@ -9,7 +9,9 @@ namespace kova {
 
 namespace {
 
-HANDLE handle_of(std::intptr_t handle) { return reinterpret_cast<HANDLE>(handle); }
+HANDLE handle_of(std::intptr_t handle) {
+  return reinterpret_cast<HANDLE>(handle);
+}
 
 HANDLE open_file(const char* path, DWORD access, DWORD disposition) {
   wchar_t wide[kWideCapacity];
@@ -62,8 +64,7 @@ void append_record(const char* path, std::string_view record) {
   const HANDLE file = open_file(path, FILE_APPEND_DATA, OPEN_ALWAYS);
   if (file == INVALID_HANDLE_VALUE) return;
   DWORD written = 0;
-  if (::WriteFile(file, record.data(), static_cast<DWORD>(record.size()), &written, nullptr) !=
-      0) {
+  if (::WriteFile(file, record.data(), static_cast<DWORD>(record.size()), &written, nullptr) != 0) {
     ::FlushFileBuffers(file);
   }
   ::CloseHandle(file);

@@ -16,7 +16,9 @@ constexpr std::size_t kCommandLineCapacity = 292;
 // Holds the three entries that the start-up attributes need with room to spare.
 constexpr std::size_t kAttributeListCapacity = 256;
 
-HANDLE handle_of(std::intptr_t handle) { return reinterpret_cast<HANDLE>(handle); }
+HANDLE handle_of(std::intptr_t handle) {
+  return reinterpret_cast<HANDLE>(handle);
+}
 
 /// Closes its handle at destruction.
 class Handle {
@@ -163,7 +165,9 @@ void ChildProcess::write_input(std::string_view bytes) {
   }
 }
 
-void ChildProcess::close_input() { close_handle(input_); }
+void ChildProcess::close_input() {
+  close_handle(input_);
+}
 
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
   DWORD got = 0;
@@ -175,7 +179,9 @@ void ChildProcess::terminate(std::uint32_t exit_code) {
   ::TerminateProcess(handle_of(process_), exit_code);
 }
 
-void ChildProcess::wait() { ::WaitForSingleObject(handle_of(process_), INFINITE); }
+void ChildProcess::wait() {
+  ::WaitForSingleObject(handle_of(process_), INFINITE);
+}
 
 std::uint32_t ChildProcess::collect() {
   DWORD exit_code = 1;

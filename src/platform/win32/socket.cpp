@@ -11,9 +11,13 @@ namespace {
 
 constexpr std::size_t kLargestTransfer = 1 << 20;
 
-SOCKET socket_of(std::intptr_t handle) { return static_cast<SOCKET>(handle); }
+SOCKET socket_of(std::intptr_t handle) {
+  return static_cast<SOCKET>(handle);
+}
 
-int transfer_size(std::size_t size) { return static_cast<int>(std::min(size, kLargestTransfer)); }
+int transfer_size(std::size_t size) {
+  return static_cast<int>(std::min(size, kLargestTransfer));
+}
 
 bool set_non_blocking(SOCKET socket, bool non_blocking) {
   u_long mode = non_blocking ? 1 : 0;
@@ -30,8 +34,7 @@ bool connected_within(SOCKET socket, std::uint32_t timeout_ms) {
   FD_SET(socket, &failed);
   timeval timeout{.tv_sec = static_cast<long>(timeout_ms / 1000),
                   .tv_usec = static_cast<long>(timeout_ms % 1000) * 1000};
-  return ::select(0, nullptr, &writable, &failed, &timeout) > 0 &&
-         FD_ISSET(socket, &writable) != 0;
+  return ::select(0, nullptr, &writable, &failed, &timeout) > 0 && FD_ISSET(socket, &writable) != 0;
 }
 
 bool connect_within(SOCKET socket, const addrinfo& address, std::uint32_t timeout_ms) {
@@ -73,14 +76,15 @@ const void* AddressList::next(const void* address) {
   return static_cast<const addrinfo*>(address)->ai_next;
 }
 
-Socket::~Socket() { close(); }
+Socket::~Socket() {
+  close();
+}
 
 bool Socket::connect(const void* address, std::uint32_t timeout_ms) {
   const auto& target = *static_cast<const addrinfo*>(address);
   close();
-  const SOCKET socket =
-      ::WSASocketW(target.ai_family, target.ai_socktype, target.ai_protocol, nullptr, 0,
-                   WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+  const SOCKET socket = ::WSASocketW(target.ai_family, target.ai_socktype, target.ai_protocol,
+                                     nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
   if (socket == INVALID_SOCKET) return false;
   handle_ = static_cast<std::intptr_t>(socket);
   return connect_within(socket, target, timeout_ms);

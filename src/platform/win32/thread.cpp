@@ -20,7 +20,9 @@ DWORD WINAPI run(void* parameter) {
   return 0;
 }
 
-HANDLE handle_of(std::uintptr_t handle) { return reinterpret_cast<HANDLE>(handle); }
+HANDLE handle_of(std::uintptr_t handle) {
+  return reinterpret_cast<HANDLE>(handle);
+}
 
 }  // namespace
 
@@ -43,8 +45,12 @@ bool Thread::join_within(std::uint32_t milliseconds) {
   return true;
 }
 
-void Thread::join() { static_cast<void>(join_within(INFINITE)); }
+void Thread::join() {
+  static_cast<void>(join_within(INFINITE));
+}
 
-void yield_thread() { ::Sleep(0); }
+void yield_thread() {
+  ::Sleep(0);
+}
 
 }  // namespace kova

@@ -1,0 +1,100 @@
+#include "app/modes.h"
+
+#include "app/stdio_server.h"
+#include "base/text.h"
+#include "db/session.h"
+#include "platform/console.h"
+#include "policy/predicates.h"
+
+namespace kova {
+
+namespace {
+
+constexpr std::size_t kResultLineCapacity = 512;
+
+const char* yes_no(bool value) {
+  return value ? "yes" : "no";
+}
+
+int config_invalid(std::string_view reason) {
+  char text[kResultLineCapacity];
+  TextOut line(text);
+  if (line.append("MCP_CONFIG_INVALID: ") && line.append(reason) && line.append('\n')) {
+    write_stderr(line.view());
+  }
+  return kExitFailure;
+}
+
+int policy_invalid(const McpPolicy& policy) {
+  const std::string_view error(policy.error);
+  return config_invalid(error.empty() ? "policy validation failed" : error);
+}
+
+int config_ok(const McpPolicy& policy, const char* database_profile) {
+  char text[kResultLineCapacity];
+  TextOut line(text);
+  if (line.format("MCP_CONFIG_OK policy=%s configured=%s reads=%s provider_reads=%s writes=%s "
+                  "approval_required=%s tables=%u collections=%u write_tables=%u "
+                  "database_profile=%s\n",
+                  policy.name[0] != '\0' ? policy.name : "default", yes_no(policy.configured),
+                  yes_no(policy.reads_enabled), yes_no(policy_provider_reads_allowed(policy)),
+                  yes_no(policy_writes_allowed(policy)), yes_no(policy.approval_required),
+                  policy.allowed_tables.count, policy.allowed_collections.count,
+                  policy.write_tables.count, database_profile)) {
+    write_stdout(line.view());
+  }
+  return kExitOk;
+}
+
+int not_in_this_version(std::string_view mode) {
+  char text[kResultLineCapacity];
+  TextOut line(text);
+  if (line.append(mode) && line.append(" is not part of this version\n")) write_stderr(line.view());
+  return kExitFailure;
+}
+
+}  // namespace
+
+int stdio_mode(const Startup& startup) {
+  LineReader lines(startup.line_buffer, read_stdin);
+  run_stdio_server(lines, startup.protocol, startup.tools);
+  disconnect(startup.tools.session);
+  return kExitOk;
+}
+
+int check_policy_mode(const Startup& startup) {
+  const McpPolicy& policy = startup.tools.policy;
+  return policy.valid ? config_ok(policy, "not-tested") : policy_invalid(policy);
+}
+
+int check_config_mode(const Startup& startup) {
+  const McpPolicy& policy = startup.tools.policy;
+  if (!policy.valid) return policy_invalid(policy);
+  const bool authenticated = ensure_session(startup.tools.session);
+  const int exit_code = authenticated
+                            ? config_ok(policy, "authenticated")
+                            : config_invalid("authenticated database profile unavailable");
+  disconnect(startup.tools.session);
+  return exit_code;
+}
+
+int tool_worker_mode(const Startup& startup) {
+  LineReader lines(startup.line_buffer, read_stdin);
+  Line line;
+  if (lines.next(line)) {
+    startup.protocol.Initialized = true;
+    dispatch(strip_line_end(cut_at_nul(line.text)), startup.protocol, startup.tools);
+  }
+  disconnect(startup.tools.session);
+  return kExitOk;
+}
+
+int issue_approval_mode(const Startup& /*startup*/) {
+  return not_in_this_version("--issue-approval");
+}
+
+int http_mode(const char* /*port*/) {
+  return not_in_this_version("--http");
+}
+
+}  // namespace kova

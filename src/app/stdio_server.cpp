@@ -1,0 +1,141 @@
+#include "app/stdio_server.h"
+
+#include <cstdlib>
+
+#include "app/prescan.h"
+#include "app/tool_worker.h"
+#include "app/trace.h"
+#include "json/reply.h"
+
+namespace kova {
+
+namespace {
+
+constexpr std::uint32_t kBusyWaitMs = 50;
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
+/// The thread that reads: frames messages, answers what needs no tool and minds the one tool call
+/// that may be running.
+class StdioServer {
+ public:
+  StdioServer(LineReader& lines, ProtocolState& state, ToolContext& tools)
+      : lines_(lines), protocol_(state), context_(tools) {}
+
+  void run() {
+    Line line;
+    while (lines_.next(line)) {
+      const std::string_view message = frame(line);
+      if (!message.empty()) handle(message);
+    }
+    worker_.join();
+  }
+
+ private:
+  /// The message of a line; empty for a line that holds none, after the answer that it may need.
+  [[nodiscard]] std::string_view frame(const Line& line) {
+    std::string_view text = cut_at_nul(line.text);
+    if (text.empty()) return {};
+    if (first_line_ && text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+    first_line_ = false;
+    // A line that a NUL has cut looks unterminated too.
+    if (!text.ends_with('\n') && !line.at_end_of_input) {
+      lines_.discard_line();
+      write_error_reply({}, kParseError, "MCP message exceeds 1048576 bytes");
+      return {};
+    }
+    return strip_line_end(text);
+  }
+
+  void handle(std::string_view message) {
+    const Prescan found = prescan(message);
+    collect_worker(0);
+    if (found.is_cancel && is_active() &&
+        std::string_view(found.cancelled_id) == tool_.ActiveRequestId) {
+      cancel();
+      return;
+    }
+    if (is_active()) collect_worker(kBusyWaitMs);
+    if (is_active()) {
+      refuse_as_busy(found);
+    } else if (found.is_tool_call) {
+      start_tool(message, found);
+    } else {
+      dispatch(message, protocol_, context_);
+    }
+  }
+
+  [[nodiscard]] bool is_active() const { return tool_.ToolActive.load() != 0; }
+
+  void collect_worker(std::uint32_t wait_ms) {
+    if (worker_.joinable() && worker_.join_within(wait_ms)) tool_.ToolActive.store(0);
+  }
+
+  void cancel() {
+    trace("MCP_TRACE event=cancel_matched request_id=%s\n", tool_.ActiveRequestId);
+    tool_.CancelRequested.store(1);
+    const char* const outcome = terminate_worker_process() ? "terminated" : "starting";
+    trace("MCP_TRACE event=cancel_dispatched request_id=%s isolated_process=%s\n",
+          tool_.ActiveRequestId, outcome);
+  }
+
+  [[nodiscard]] bool terminate_worker_process() {
+    const SpinGuard guard(tool_.worker_process_lock);
+    if (tool_.WorkerProcess == nullptr) return false;
+    tool_.WorkerProcess->terminate(kCancelledExitCode);
+    return true;
+  }
+
+  static void refuse_as_busy(const Prescan& found) {
+    if (found.raw_id[0] == '\0') return;
+    ReplyLine()
+        .raw(R"({"jsonrpc":"2.0","id":)")
+        .raw(found.raw_id)
+        .raw(R"(,"error":{"code":)")
+        .number(kBusy)
+        .raw(R"(,"message":"another MCP database tool is still active"}})");
+  }
+
+  void start_tool(std::string_view message, const Prescan& found) {
+    ToolJob* const job = make_tool_job(tool_, message, found.raw_id);
+    if (job == nullptr) {
+      write_error_reply({}, kInternalError, kServerMemoryLimit);
+      return;
+    }
+    // The last call's thread may still be at its very end, past the clearing of ToolActive.
+    worker_.join();
+    set_active_request_id(found.raw_id);
+    tool_.CancelRequested.store(0);
+    tool_.ToolActive.store(1);
+    if (worker_.start(run_tool_job, job)) return;
+    tool_.ToolActive.store(0);
+    std::free(job);
+    write_error_reply({}, kInternalError, "worker creation failed");
+  }
+
+  /// The id as a cancel spells it: a string without its quotation marks, its escapes as they are.
+  void set_active_request_id(std::string_view raw_id) {
+    TextOut id(tool_.ActiveRequestId);
+    if (!raw_id.starts_with('"')) {
+      id.copy_cut(raw_id);
+    } else if (raw_id.size() >= 3 && raw_id.size() <= kIdCapacity) {
+      id.copy_cut(raw_id.substr(1, raw_id.size() - 2));
+    } else {
+      id.copy_cut("invalid");
+    }
+  }
+
+  LineReader& lines_;
+  ProtocolState& protocol_;
+  ToolContext& context_;
+  ToolState tool_;
+  Thread worker_;
+  bool first_line_ = true;
+};
+
+}  // namespace
+
+void run_stdio_server(LineReader& lines, ProtocolState& state, ToolContext& tools) {
+  StdioServer(lines, state, tools).run();
+}
+
+}  // namespace kova

@@ -1,0 +1,118 @@
+#include "app/tool_worker.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "app/line_reader.h"
+#include "app/trace.h"
+#include "json/output_lock.h"
+#include "json/reply.h"
+#include "platform/console.h"
+
+namespace kova {
+
+namespace {
+
+/// The most of a child's output that is passed on.
+constexpr std::size_t kReplyLimit = kMessageLimit + 1;
+constexpr std::size_t kDrainSize = 4096;
+/// The exit code that stands for a child which never ran.
+constexpr std::uint32_t kNeverRan = 1;
+
+/// The child's reply line, with room for a line feed; no data without memory.
+struct Reply {
+  Reply() : data(static_cast<char*>(std::malloc(kReplyLimit + 1))) {}
+  ~Reply() { std::free(data); }
+  Reply(const Reply&) = delete;
+  Reply& operator=(const Reply&) = delete;
+
+  char* data;
+  std::size_t length = 0;
+};
+
+void publish(ToolState& state, ChildProcess* child) {
+  const SpinGuard guard(state.worker_process_lock);
+  state.WorkerProcess = child;
+}
+
+/// Reads the whole output; what the reply does not hold is read too, so that the child can end.
+void read_reply(ChildProcess& child, Reply& reply) {
+  while (reply.data != nullptr && reply.length < kReplyLimit) {
+    const std::size_t got =
+        child.read_output(reply.data + reply.length, kReplyLimit - reply.length);
+    if (got == 0) return;
+    reply.length += got;
+  }
+  char rest[kDrainSize];
+  while (child.read_output(rest, sizeof rest) > 0) {
+  }
+}
+
+/// Runs the call in a child process and answers its exit code.
+std::uint32_t run_child(const ToolJob& job, ToolState& state, Reply& reply) {
+  ChildProcess child;
+  if (!child.start("--tool-worker")) return kNeverRan;
+  publish(state, &child);
+  // A cancel that came before the process was published found none to end.
+  if (state.CancelRequested.load() != 0) child.terminate(kCancelledExitCode);
+  child.write_input({job.message, job.message_length + 1U});
+  child.close_input();
+  read_reply(child, reply);
+  child.wait();
+  publish(state, nullptr);
+  return child.collect();
+}
+
+void write_cancelled(const ToolJob& job) {
+  ReplyLine()
+      .raw(R"({"jsonrpc":"2.0","id":)")
+      .raw(job.raw_id[0] != '\0' ? job.raw_id : "null")
+      .raw(R"(,"result":{"content":[{"type":"text","text":"request cancelled"}],)")
+      .raw(R"("structuredContent":{"cancelled":true},"isError":true}})");
+}
+
+void pass_on(Reply& reply) {
+  if (reply.data[reply.length - 1] != '\n') reply.data[reply.length++] = '\n';
+  const SpinGuard guard(OutputLock);
+  write_stdout({reply.data, reply.length});
+}
+
+}  // namespace
+
+ToolJob* make_tool_job(ToolState& state, std::string_view message, std::string_view raw_id) {
+  auto* job = static_cast<ToolJob*>(std::malloc(sizeof(ToolJob) + message.size()));
+  if (job == nullptr) return nullptr;
+  job->state = &state;
+  job->message_length = static_cast<std::uint32_t>(message.size());
+  TextOut(job->raw_id).copy_cut(raw_id);
+  std::memcpy(job->message, message.data(), message.size());
+  job->message[message.size()] = '\n';
+  return job;
+}
+
+void* run_tool_job(void* argument) {
+  auto* const job = static_cast<ToolJob*>(argument);
+  ToolState& state = *job->state;
+  trace("MCP_TRACE event=tool_worker_start request_id=%s isolation=process\n",
+        state.ActiveRequestId);
+  std::uint32_t exit_code = kNeverRan;
+  {
+    Reply reply;
+    exit_code = run_child(*job, state, reply);
+    if (state.CancelRequested.load() != 0) {
+      write_cancelled(*job);
+    } else if (exit_code == 0 && reply.length > 0) {
+      pass_on(reply);
+    } else {
+      write_error_reply({}, kInternalError, "isolated MCP tool worker failed");
+    }
+  }
+  trace("MCP_TRACE event=tool_worker_finish request_id=%s cancelled=%ld exit=%lu\n",
+        state.ActiveRequestId, static_cast<long>(state.CancelRequested.load()),
+        static_cast<unsigned long>(exit_code));
+  std::free(job);
+  state.ToolActive.store(0);
+  return nullptr;
+}
+
+}  // namespace kova

@@ -1,0 +1,58 @@
+#include "db/statement.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "base/text.h"
+#include "db/out_buf.h"
+#include "db/result_json.h"
+
+namespace kova {
+
+void StatementResult::release() {
+  std::free(text);
+  text = nullptr;
+  rowCount = 0;
+  textLength = 0;
+  truncated = false;
+  std::memset(error, 0, sizeof error);
+}
+
+bool execute_statement(DbSession& session, const char* sql, std::uint32_t max_rows,
+                       StatementResult& result) {
+  result.release();
+  const std::size_t length = sql != nullptr ? std::strlen(sql) : 0;
+  if (length == 0 || length > kStatementLimit || max_rows == 0 || max_rows > kMaxRowsLimit) {
+    return refuse(result.error, "invalid database execution bounds");
+  }
+  if (!ensure_session(session)) {
+    return refuse(result.error, "authenticated Vantreo profile is unavailable");
+  }
+  const ClientLibrary& library = *session.library;
+  if (library.exec(session.statement_object, sql) <= 0) {
+    const char* const status = library.status(session.statement_object);
+    const bool has_words = status != nullptr && *status != '\0';
+    return refuse(result.error, has_words ? status : "database statement failed");
+  }
+  OutBuf out;
+  if (const char* const failure =
+          compose_result_json(library, session.statement_object, max_rows, out, result.rowCount)) {
+    result.rowCount = 0;
+    return refuse(result.error, failure);
+  }
+  result.textLength = out.length();
+  result.text = out.release();
+  result.truncated = result.rowCount == max_rows;
+  return true;
+}
+
+bool execute_between(DbSession& session, const char* setup, const char* sql, const char* cleanup,
+                     std::uint32_t max_rows, StatementResult& result) {
+  if (!execute_statement(session, setup, max_rows, result)) return false;
+  const bool succeeded = execute_statement(session, sql, max_rows, result);
+  StatementResult ignored;
+  static_cast<void>(execute_statement(session, cleanup, 1, ignored));
+  return succeeded;
+}
+
+}  // namespace kova

@@ -1,0 +1,184 @@
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "base/ascii.h"
+#include "json/json.h"
+
+namespace kova {
+
+namespace {
+
+constexpr std::size_t kUnsignedDigits = 31;
+constexpr std::size_t kFloatDigits = 63;
+constexpr double kFloatLimit = 3.402823466e38;
+
+constexpr std::uint32_t kHighSurrogate = 0xD800;
+constexpr std::uint32_t kLowSurrogate = 0xDC00;
+constexpr std::uint32_t kSurrogateEnd = 0xE000;
+
+int encode_utf8(std::uint32_t code, unsigned char (&out)[4]) {
+  const auto byte = [](std::uint32_t value) { return static_cast<unsigned char>(value); };
+  const auto continuation = [&](std::uint32_t shift) {
+    return byte(0x80 | ((code >> shift) & 0x3F));
+  };
+  if (code < 0x80) {
+    out[0] = byte(code);
+    return 1;
+  }
+  if (code < 0x800) {
+    out[0] = byte(0xC0 | (code >> 6));
+    out[1] = continuation(0);
+    return 2;
+  }
+  if (code < 0x10000) {
+    out[0] = byte(0xE0 | (code >> 12));
+    out[1] = continuation(6);
+    out[2] = continuation(0);
+    return 3;
+  }
+  out[0] = byte(0xF0 | (code >> 18));
+  out[1] = continuation(12);
+  out[2] = continuation(6);
+  out[3] = continuation(0);
+  return 4;
+}
+
+/// Decodes the escape that begins with the backslash at `position` and steps over it. Answers the
+/// number of bytes, 0 for a malformed one.
+int decode_escape(std::string_view raw, std::size_t& position, unsigned char (&out)[4]) {
+  const auto unicode = [&](std::uint32_t& code) {
+    if (raw.size() - position < 6 || raw[position] != '\\' || raw[position + 1] != 'u') {
+      return false;
+    }
+    if (!json_hex4(raw.data() + position + 2, code)) return false;
+    position += 6;
+    return true;
+  };
+  if (raw.size() - position < 2) return 0;
+  const char kind = raw[position + 1];
+  if (kind != 'u') {
+    static constexpr std::string_view kLetters = "bfnrt";
+    static constexpr std::string_view kBytes = "\b\f\n\r\t";
+    const std::size_t letter = kLetters.find(kind);
+    out[0] = static_cast<unsigned char>(letter != kLetters.npos ? kBytes[letter] : kind);
+    position += 2;
+    return 1;
+  }
+  std::uint32_t code = 0;
+  if (!unicode(code)) return 0;
+  if (code >= kLowSurrogate && code < kSurrogateEnd) return 0;
+  if (code >= kHighSurrogate && code < kLowSurrogate) {
+    std::uint32_t low = 0;
+    if (!unicode(low) || low < kLowSurrogate || low >= kSurrogateEnd) return 0;
+    code = 0x10000 + ((code - kHighSurrogate) << 10) + (low - kLowSurrogate);
+  }
+  return encode_utf8(code, out);
+}
+
+}  // namespace
+
+bool json_hex4(const char* digits, std::uint32_t& value) {
+  value = 0;
+  for (int i = 0; i < 4; ++i) {
+    const int digit = hex_value(digits[i]);
+    if (digit < 0) return false;
+    value = value << 4 | static_cast<std::uint32_t>(digit);
+  }
+  return true;
+}
+
+int json_skip(const JsonDoc& doc, int index) {
+  if (index < 0 || index >= doc.count || doc[index].end < 0) return -1;
+  const std::int32_t end = doc[index].end;
+  int next = index + 1;
+  while (next < doc.count && doc[next].start < end)
+    ++next;
+  return next;
+}
+
+int json_find(const JsonDoc& doc, int object, std::string_view key) {
+  if (!doc.is(object, JsonType::kObject)) return -1;
+  int candidate = object + 1;
+  while (candidate >= 0 && candidate < doc.count && doc[candidate].start < doc[object].end) {
+    const int value = candidate + 1;
+    if (doc[candidate].type != JsonType::kString || doc[candidate].parent != object ||
+        value >= doc.count || doc[value].parent != object) {
+      return -1;
+    }
+    if (doc.raw(candidate) == key) return value;
+    candidate = json_skip(doc, value);
+  }
+  return -1;
+}
+
+bool json_get_string(const JsonDoc& doc, int index, TextOut out) {
+  if (!doc.is(index, JsonType::kString) || !out.copy({})) return false;
+  const std::string_view raw = doc.raw(index);
+  std::size_t position = 0;
+  for (;;) {
+    const std::size_t escape = std::min(raw.find('\\', position), raw.size());
+    if (!out.append(raw.substr(position, escape - position))) return false;
+    if (escape == raw.size()) return true;
+    position = escape;
+    unsigned char bytes[4];
+    const int count = decode_escape(raw, position, bytes);
+    if (count == 0) return false;
+    const std::string_view decoded(reinterpret_cast<const char*>(bytes),
+                                   static_cast<std::size_t>(count));
+    if (!out.append(decoded)) return false;
+  }
+}
+
+bool json_get_scalar_text(const JsonDoc& doc, int index, TextOut out) {
+  if (index < 0 || index >= doc.count) return false;
+  if (doc.is(index, JsonType::kString)) return json_get_string(doc, index, out);
+  return out.copy(doc.raw(index));
+}
+
+bool json_get_unsigned(const JsonDoc& doc, int index, std::uint32_t& value) {
+  if (!doc.is(index, JsonType::kPrimitive)) return false;
+  const std::string_view raw = doc.raw(index);
+  if (raw.empty() || raw.size() > kUnsignedDigits) return false;
+  std::uint64_t number = 0;
+  for (const char c : raw) {
+    if (!is_digit(c)) return false;
+    number = number * 10 + static_cast<std::uint64_t>(c - '0');
+    if (number > UINT32_MAX) return false;
+  }
+  value = static_cast<std::uint32_t>(number);
+  return true;
+}
+
+bool json_get_float(const JsonDoc& doc, int index, float& value) {
+  if (!doc.is(index, JsonType::kPrimitive)) return false;
+  char digits[kFloatDigits + 1];
+  TextOut out(digits);
+  const std::string_view raw = doc.raw(index);
+  if (raw.empty() || !out.copy(raw)) return false;
+  char* end = nullptr;
+  const double number = std::strtod(digits, &end);
+  if (end != digits + raw.size() || !(std::fabs(number) <= kFloatLimit)) return false;
+  // The C libraries disagree on whether a subnormal result is a range error; a number that is
+  // written as none and came out as zero is one.
+  const std::string_view mantissa = raw.substr(0, raw.find_first_of("eE"));
+  if (number == 0 && mantissa.find_first_of("123456789") != mantissa.npos) return false;
+  value = static_cast<float>(number);
+  return std::isfinite(value);
+}
+
+int JsonStringReader::next() {
+  if (pending_index_ < pending_count_) return pending_[pending_index_++];
+  if (position_ == raw_.size()) return kEnd;
+  const char byte = raw_[position_];
+  if (byte != '\\') {
+    ++position_;
+    return static_cast<unsigned char>(byte);
+  }
+  pending_count_ = decode_escape(raw_, position_, pending_);
+  pending_index_ = 1;
+  if (pending_count_ == 0) return kMalformed;
+  return pending_[0] != 0 ? pending_[0] : kEnd;
+}
+
+}  // namespace kova

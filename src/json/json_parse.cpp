@@ -1,0 +1,238 @@
+#include <cstring>
+
+#include "base/ascii.h"
+#include "base/byte_run.h"
+#include "json/json.h"
+
+namespace kova {
+
+namespace {
+
+constexpr bool is_json_space(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+constexpr bool is_continuation(unsigned char byte) {
+  return (byte & 0xC0) == 0x80;
+}
+
+/// The length of the UTF-8 sequence at `p` (RFC 3629: no overlong form, no surrogate, nothing above
+/// U+10FFFF), or 0 when there is none. `p` is before `end` and holds a byte of 0x80 or above.
+int utf8_length(const char* p, const char* end) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(p);
+  const unsigned char lead = bytes[0];
+  const std::ptrdiff_t left = end - p;
+  if (lead < 0xC2 || lead > 0xF4) return 0;
+  if (lead < 0xE0) return left >= 2 && is_continuation(bytes[1]) ? 2 : 0;
+  if (lead < 0xF0) {
+    if (left < 3 || !is_continuation(bytes[1]) || !is_continuation(bytes[2])) return 0;
+    if (lead == 0xE0 && bytes[1] < 0xA0) return 0;
+    if (lead == 0xED && bytes[1] > 0x9F) return 0;
+    return 3;
+  }
+  if (left < 4 || !is_continuation(bytes[1]) || !is_continuation(bytes[2]) ||
+      !is_continuation(bytes[3])) {
+    return 0;
+  }
+  if (lead == 0xF0 && bytes[1] < 0x90) return 0;
+  if (lead == 0xF4 && bytes[1] > 0x8F) return 0;
+  return 4;
+}
+
+/// One function per rule of the grammar; each leaves the position after what it took.
+class Parser {
+ public:
+  Parser(std::string_view text, JsonToken* tokens, int capacity)
+      : begin_(text.data()),
+        p_(text.data()),
+        end_(text.data() + text.size()),
+        tokens_(tokens),
+        capacity_(capacity) {}
+
+  [[nodiscard]] bool document() {
+    skip_space();
+    if (!value(-1, 0)) return false;
+    skip_space();
+    return p_ == end_;
+  }
+
+  [[nodiscard]] int count() const { return count_; }
+
+ private:
+  void skip_space() {
+    while (p_ != end_ && is_json_space(*p_))
+      ++p_;
+  }
+
+  [[nodiscard]] bool take(char c) {
+    if (p_ == end_ || *p_ != c) return false;
+    ++p_;
+    return true;
+  }
+
+  [[nodiscard]] std::int32_t offset(const char* p) const {
+    return static_cast<std::int32_t>(p - begin_);
+  }
+
+  [[nodiscard]] bool append(JsonType type, const char* start, const char* end, int parent) {
+    if (count_ == capacity_) return false;
+    tokens_[count_++] = {.type = type,
+                         .start = offset(start),
+                         .end = end != nullptr ? offset(end) : -1,
+                         .size = 0,
+                         .parent = parent};
+    if (parent >= 0) ++tokens_[parent].size;
+    return true;
+  }
+
+  [[nodiscard]] bool value(int parent, int depth) {
+    if (depth > kJsonDepthLimit || p_ == end_) return false;
+    switch (*p_) {
+      case '{':
+        return container(JsonType::kObject, '}', parent, depth);
+      case '[':
+        return container(JsonType::kArray, ']', parent, depth);
+      case '"':
+        return string(parent);
+      case 't':
+        return literal("true", parent);
+      case 'f':
+        return literal("false", parent);
+      case 'n':
+        return literal("null", parent);
+      default:
+        return number(parent);
+    }
+  }
+
+  [[nodiscard]] bool container(JsonType type, char closing, int parent, int depth) {
+    const int self = count_;
+    if (!append(type, p_, nullptr, parent)) return false;
+    ++p_;
+    skip_space();
+    if (!take(closing)) {
+      for (;;) {
+        if (type == JsonType::kObject && !key(self)) return false;
+        if (!value(self, depth + 1)) return false;
+        skip_space();
+        if (take(closing)) break;
+        if (!take(',')) return false;
+        skip_space();
+      }
+    }
+    tokens_[self].end = offset(p_);
+    return true;
+  }
+
+  [[nodiscard]] bool key(int object) {
+    if (!string(object)) return false;
+    skip_space();
+    if (!take(':')) return false;
+    skip_space();
+    return true;
+  }
+
+  // UTF-8 is judged here alone: outside a string no byte beyond ASCII passes anyway.
+  [[nodiscard]] bool string(int parent) {
+    if (!take('"')) return false;
+    const char* const start = p_;
+    for (;;) {
+      p_ = find_run_end<NonAscii::kStops>(p_, end_);
+      if (p_ == end_) return false;
+      if (*p_ == '"') break;
+      if (*p_ == '\\') {
+        if (!escape()) return false;
+      } else if (!non_ascii_run()) {
+        return false;
+      }
+    }
+    if (!append(JsonType::kString, start, p_, parent)) return false;
+    ++p_;
+    return true;
+  }
+
+  // Refuses control bytes: a sequence cannot begin with one.
+  [[nodiscard]] bool non_ascii_run() {
+    do {
+      const int length = utf8_length(p_, end_);
+      if (length == 0) return false;
+      p_ += length;
+    } while (p_ != end_ && static_cast<signed char>(*p_) < 0);
+    return true;
+  }
+
+  [[nodiscard]] bool escape() {
+    if (end_ - p_ < 2) return false;
+    const char kind = p_[1];
+    p_ += 2;
+    switch (kind) {
+      case '"':
+      case '\\':
+      case '/':
+      case 'b':
+      case 'f':
+      case 'n':
+      case 'r':
+      case 't':
+        return true;
+      case 'u':
+        break;
+      default:
+        return false;
+    }
+    if (end_ - p_ < 4) return false;
+    for (int i = 0; i < 4; ++i) {
+      if (hex_value(p_[i]) < 0) return false;
+    }
+    p_ += 4;
+    return true;
+  }
+
+  [[nodiscard]] bool literal(std::string_view word, int parent) {
+    if (static_cast<std::size_t>(end_ - p_) < word.size() ||
+        std::memcmp(p_, word.data(), word.size()) != 0) {
+      return false;
+    }
+    const char* const start = p_;
+    p_ += word.size();
+    return append(JsonType::kPrimitive, start, p_, parent);
+  }
+
+  [[nodiscard]] bool digits() {
+    const char* const start = p_;
+    while (p_ != end_ && is_digit(*p_))
+      ++p_;
+    return p_ != start;
+  }
+
+  [[nodiscard]] bool number(int parent) {
+    const char* const start = p_;
+    static_cast<void>(take('-'));
+    if (!take('0') && !digits()) return false;
+    if (take('.') && !digits()) return false;
+    if (take('e') || take('E')) {
+      if (!take('+')) static_cast<void>(take('-'));
+      if (!digits()) return false;
+    }
+    return append(JsonType::kPrimitive, start, p_, parent);
+  }
+
+  const char* begin_;
+  const char* p_;
+  const char* end_;
+  JsonToken* tokens_;
+  int capacity_;
+  int count_ = 0;
+};
+
+}  // namespace
+
+bool json_parse(std::string_view text, JsonToken* tokens, int capacity, JsonDoc& doc) {
+  if (text.empty() || text.size() > INT32_MAX || tokens == nullptr || capacity <= 0) return false;
+  Parser parser(text, tokens, capacity);
+  if (!parser.document()) return false;
+  doc = {.text = text, .tokens = tokens, .count = parser.count()};
+  return true;
+}
+
+}  // namespace kova

@@ -1,0 +1,7 @@
+#include "json/output_lock.h"
+
+namespace kova {
+
+constinit SpinLock OutputLock;
+
+}  // namespace kova

@@ -1,0 +1,85 @@
+#include "mcp/duplicate_keys.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+namespace kova {
+
+namespace {
+
+constexpr std::size_t kComparedKeyCapacity = 256;
+constexpr int kMostKeys = kMessageTokenCapacity / 2;
+
+bool has_escape(std::string_view raw) {
+  return raw.find('\\') != raw.npos;
+}
+
+/// Whether the key takes part: it decodes, into at most 255 bytes.
+bool is_compared(const JsonDoc& doc, int key) {
+  const std::string_view raw = doc.raw(key);
+  if (!has_escape(raw)) return raw.size() < kComparedKeyCapacity;
+  char text[kComparedKeyCapacity];
+  return json_get_string(doc, key, text);
+}
+
+/// Orders keys by their decoded bytes, decoding no further than the first difference.
+int compare_keys(std::string_view a, std::string_view b) {
+  if (!has_escape(a) && !has_escape(b)) return a.compare(b);
+  JsonStringReader left(a);
+  JsonStringReader right(b);
+  for (;;) {
+    const int left_byte = left.next();
+    const int right_byte = right.next();
+    if (left_byte != right_byte) return left_byte - right_byte;
+    if (left_byte < 0) return 0;
+  }
+}
+
+/// The keys of one object that take part in the comparison.
+class KeySet {
+ public:
+  /// False for a member that is no pair of a key and a value.
+  [[nodiscard]] bool collect(const JsonDoc& doc, int object) {
+    count_ = 0;
+    for (int key = object + 1; key < doc.count && doc[key].start < doc[object].end;) {
+      const int value = key + 1;
+      if (doc[key].type != JsonType::kString || doc[key].parent != object || value >= doc.count ||
+          doc[value].parent != object || count_ == kMostKeys) {
+        return false;
+      }
+      if (is_compared(doc, key)) keys_[count_++] = static_cast<std::uint16_t>(key);
+      key = json_skip(doc, value);
+      if (key < 0) return false;
+    }
+    return true;
+  }
+
+  // Sorting brings equal keys together, at n log n comparisons whatever the keys are.
+  [[nodiscard]] bool has_equal_pair(const JsonDoc& doc) {
+    const auto compare = [&](std::uint16_t a, std::uint16_t b) {
+      return compare_keys(doc.raw(a), doc.raw(b));
+    };
+    std::uint16_t* const end = keys_ + count_;
+    std::sort(keys_, end, [&](auto a, auto b) { return compare(a, b) < 0; });
+    return std::adjacent_find(keys_, end, [&](auto a, auto b) { return compare(a, b) == 0; }) !=
+           end;
+  }
+
+ private:
+  std::uint16_t keys_[kMostKeys];
+  int count_ = 0;
+};
+
+}  // namespace
+
+bool has_duplicate_keys(const JsonDoc& doc) {
+  KeySet keys;
+  for (int token = 0; token < doc.count; ++token) {
+    if (doc[token].type != JsonType::kObject) continue;
+    if (!keys.collect(doc, token) || keys.has_equal_pair(doc)) return true;
+  }
+  return false;
+}
+
+}  // namespace kova

@@ -1,0 +1,45 @@
+#include "policy/sql_words.h"
+
+#include <algorithm>
+
+#include "base/ascii.h"
+
+namespace kova {
+
+namespace {
+
+constexpr bool begins_word(char c) {
+  return is_alpha(c) || c == '_';
+}
+
+}  // namespace
+
+std::size_t skip_literal(std::string_view sql, std::size_t open) {
+  std::size_t quote = sql.find('\'', open + 1);
+  while (quote != sql.npos && sql.substr(quote + 1).starts_with('\'')) {
+    quote = sql.find('\'', quote + 2);
+  }
+  return quote == sql.npos ? sql.npos : quote + 1;
+}
+
+bool begins_comment(std::string_view sql, std::size_t index) {
+  const std::string_view rest = sql.substr(index);
+  return rest.starts_with("--") || rest.starts_with("/*") || rest.starts_with('#');
+}
+
+bool policy_next_word(std::string_view& sql, TextOut& word) {
+  std::size_t begin = 0;
+  while (begin < sql.size() && !begins_word(sql[begin])) {
+    begin = sql[begin] == '\'' ? skip_literal(sql, begin) : begin + 1;
+  }
+  begin = std::min(begin, sql.size());
+  std::size_t end = begin;
+  while (end < sql.size() && is_word_byte(sql[end]))
+    ++end;
+  word.copy_cut(sql.substr(begin, end - begin));
+  std::transform(word.data(), word.data() + word.length(), word.data(), to_upper);
+  sql.remove_prefix(end);
+  return end != begin;
+}
+
+}  // namespace kova

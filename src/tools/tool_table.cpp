@@ -1,0 +1,99 @@
+#include "tools/tool_table.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "tools/catalogue_tools.h"
+#include "tools/query_tool.h"
+
+namespace kova {
+
+namespace {
+
+constexpr Tool kTools[] = {
+    {.name = "kova_list_databases",
+     .description = "List policy-allowed Vantreo databases.",
+     .input_schema = R"({"type":"object","additionalProperties":false})",
+     .gates = kReadTool,
+     .handler = list_databases_tool},
+    {.name = "kova_list_tables",
+     .description = "List policy-allowed tables and views.",
+     .input_schema = R"({"type":"object","additionalProperties":false})",
+     .gates = kReadTool,
+     .handler = list_tables_tool},
+    {.name = "kova_describe_table",
+     .description = "Describe one allowed table without returning row data.",
+     .input_schema = R"({"type":"object","properties":{"table":{"type":"string","maxLength":63}},)"
+                     R"("required":["table"],"additionalProperties":false})",
+     .gates = kReadTool,
+     .handler = describe_table_tool},
+    {.name = "kova_query",
+     .description = "Execute exactly one parsed read-only SELECT with bounded output.",
+     .input_schema = R"({"type":"object","properties":{"sql":{"type":"string","maxLength":32768},)"
+                     R"("max_rows":{"type":"integer","minimum":1,"maximum":256}},)"
+                     R"("required":["sql"],"additionalProperties":false})",
+     .gates = kReadTool,
+     .handler = query_tool},
+    {.name = "kova_vector_search",
+     .description = "Search an AI collection with a numeric vector.",
+     .input_schema =
+         R"({"type":"object","properties":{"collection":{"type":"string","maxLength":63},)"
+         R"("vector":{"type":"array","minItems":1,"maxItems":4096,"items":{"type":"number"}},)"
+         R"("top":{"type":"integer","minimum":1,"maximum":256}},)"
+         R"("required":["collection","vector","top"],"additionalProperties":false})",
+     .gates = kReadTool | kCollectionTool,
+     .handler = nullptr},
+    {.name = "kova_text_search",
+     .description = "Embed bounded text using the collection provider and search.",
+     .input_schema =
+         R"({"type":"object","properties":{"collection":{"type":"string","maxLength":63},)"
+         R"("text":{"type":"string","maxLength":8192},)"
+         R"("top":{"type":"integer","minimum":1,"maximum":256}},)"
+         R"("required":["collection","text","top"],"additionalProperties":false})",
+     .gates = kReadTool | kProviderTool | kCollectionTool,
+     .handler = nullptr},
+    {.name = "kova_hybrid_search",
+     .description = "Search an AI collection and join ranked hits to authorized source columns.",
+     .input_schema =
+         R"({"type":"object","properties":{"collection":{"type":"string","maxLength":63},)"
+         R"("text":{"type":"string","maxLength":8192},)"
+         R"("top":{"type":"integer","minimum":1,"maximum":256},)"
+         R"("source_table":{"type":"string","maxLength":63},)"
+         R"("key_field":{"type":"string","maxLength":63},)"
+         R"("columns":{"type":"array","minItems":1,"maxItems":16,)"
+         R"("items":{"type":"string","maxLength":63}}},)"
+         R"("required":["collection","text","top","source_table","key_field","columns"],)"
+         R"("additionalProperties":false})",
+     .gates = kReadTool | kProviderTool | kCollectionTool | kHybridTool,
+     .handler = nullptr},
+    {.name = "kova_ai_status",
+     .description =
+         "Show bounded AI collection, optional provider, and durable job health without secrets.",
+     .input_schema =
+         R"({"type":"object","properties":{"collection":{"type":"string","maxLength":63},)"
+         R"("provider":{"type":"string","maxLength":63}},)"
+         R"("required":["collection"],"additionalProperties":false})",
+     .gates = kReadTool | kCollectionTool | kProviderStatus,
+     .handler = nullptr},
+    {.name = "kova_execute",
+     .description = "Execute one policy-approved INSERT, UPDATE, or DELETE.",
+     .input_schema = R"({"type":"object","properties":{"sql":{"type":"string","maxLength":32768},)"
+                     R"("approval_token":{"type":"string","maxLength":255}},)"
+                     R"("required":["sql"],"additionalProperties":false})",
+     .gates = kWriteTool,
+     .handler = nullptr},
+};
+
+}  // namespace
+
+std::span<const Tool> tool_table() {
+  return kTools;
+}
+
+const Tool* find_tool(std::string_view name) {
+  const auto* const found = std::find_if(std::begin(kTools), std::end(kTools),
+                                         [&](const Tool& tool) { return tool.name == name; });
+  return found != std::end(kTools) ? found : nullptr;
+}
+
+}  // namespace kova
