@@ -1,12 +1,15 @@
 // Environment variables as UTF-8.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 namespace kova {
 
 /// The value of one environment variable, read at construction. A copy made for it is wiped at
-/// destruction, as it may hold a secret. Not safe against a concurrent change of the environment.
+/// destruction, as it may hold a secret; a variable that is set and cannot be copied ends the
+/// process, since nothing may be decided as if it were not set. Not safe against a concurrent
+/// change of the environment.
 class EnvironmentValue {
  public:
   explicit EnvironmentValue(const char* name);
@@ -20,8 +23,12 @@ class EnvironmentValue {
   [[nodiscard]] std::string_view view() const { return c_str(); }
 
  private:
+  static constexpr std::size_t kInlineCapacity = 512;
+
   const char* text_ = nullptr;
+  // Used where the system's text has another encoding and must be copied.
   char* owned_ = nullptr;
+  char inline_[kInlineCapacity];
 };
 
 }  // namespace kova
