@@ -437,11 +437,94 @@ TEST(JsonStringReader, AnEscapedNulIsTheEnd) {
   EXPECT_EQ(end, JsonStringReader::kEnd);
 }
 
-TEST(JsonStringReader, StaysAtTheEnd) {
-  JsonStringReader reader("a");
-  EXPECT_EQ(reader.next(), 'a');
-  EXPECT_EQ(reader.next(), JsonStringReader::kEnd);
-  EXPECT_EQ(reader.next(), JsonStringReader::kEnd);
+TEST(JsonHex4, FourDigitsOfEitherCase) {
+  const struct {
+    std::string_view digits;
+    bool valid;
+    std::uint32_t value;
+  } rows[] = {{"0000", true, 0},       {"ffff", true, 0xFFFF}, {"FFFF", true, 0xFFFF},
+              {"12aB", true, 0x12AB},  {"D83d", true, 0xD83D}, {"0x12", false, 0},
+              {"g000", false, 0},      {"000G", false, 0},     {" 123", false, 0},
+              {"-123", false, 0},      {"+123", false, 0},     {"12\0003"sv, false, 0},
+              {"12\xc3\xa9", false, 0}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.digits);
+    const GuardedText text(row.digits);
+    std::uint32_t value = 0;
+    EXPECT_EQ(json_hex4(text.data(), value), row.valid);
+    if (row.valid) {
+      EXPECT_EQ(value, row.value);
+    }
+  }
+}
+
+TEST(JsonGetFloat, NumbersThatAFloatHolds) {
+  const struct {
+    std::string source;
+    bool valid;
+    float value;
+  } rows[] = {
+      {"0", true, 0.0F},
+      {"-0", true, -0.0F},
+      {"1", true, 1.0F},
+      {"-1.5", true, -1.5F},
+      {"0.1", true, 0.1F},
+      {"1e3", true, 1000.0F},
+      {"25E-2", true, 0.25F},
+      {"16777217", true, 16777216.0F},
+      {"3.402823466e38", true, 3.402823466e38F},
+      {"-3.402823466e38", true, -3.402823466e38F},
+      {"340282346600000000000000000000000000000", true, 3.402823466e38F},
+      {"3.402823467e38", false, 0},
+      {"-3.402823467e38", false, 0},
+      {"3.5e38", false, 0},
+      {"1e39", false, 0},
+      {"1e308", false, 0},
+      {"1e309", false, 0},
+      {"-1e309", false, 0},
+      {"1e99999", false, 0},
+      {"1.17549435e-38", true, 1.17549435e-38F},
+      {"1e-45", true, 1e-45F},
+      {"1e-60", true, 0.0F},
+      {"1e-400", false, 0},
+      {"0e999", true, 0.0F},
+      {"0." + std::string(60, '0') + "1", true, 0.0F},  // 63 characters
+      {"0." + std::string(61, '0') + "1", false, 0},    // 64 characters
+      {"1." + std::string(61, '0'), true, 1.0F},        // 63 characters
+      {"1." + std::string(62, '0'), false, 0},          // 64 characters
+      {"true", false, 0},
+      {"false", false, 0},
+      {"null", false, 0},
+      {"\"1\"", false, 0},
+      {"[1]", false, 0},
+      {"{}", false, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.source);
+    const ParsedText parsed(row.source);
+    ASSERT_TRUE(parsed.ok());
+    float value = 77.0F;
+    ASSERT_EQ(json_get_float(parsed.doc(), 0, value), row.valid);
+    if (row.valid) {
+      EXPECT_EQ(value, row.value);
+    }
+  }
+}
+
+TEST(JsonGetFloat, WordsThatAConversionRoutineMightTake) {
+  for (const std::string_view source : {"inf"sv, "nan"sv, "infinity"sv, "1x"sv, "1 "sv, ""sv}) {
+    SCOPED_TRACE(source);
+    const GuardedText text(source);
+    const JsonToken token{kP, 0, static_cast<std::int32_t>(source.size()), 0, -1};
+    float value = 0;
+    EXPECT_FALSE(json_get_float({text.view(), &token, 1}, 0, value));
+  }
+  const ParsedText parsed("5");
+  ASSERT_TRUE(parsed.ok());
+  float value = 0;
+  for (const int index : {-1, 1, 1000}) {
+    EXPECT_FALSE(json_get_float(parsed.doc(), index, value)) << index;
+  }
 }
 
 }  // namespace
