@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/text.h"
 namespace kova {
 
 namespace {
@@ -59,12 +60,12 @@ bool LineReader::fill() {
 }
 
 std::string_view cut_at_nul(std::string_view line) {
-  return line.substr(0, line.find('\0'));
+  return slice(line, 0, line.find('\0'));
 }
 
 std::string_view strip_line_end(std::string_view line) {
   const std::size_t last = line.find_last_not_of("\r\n");
-  return line.substr(0, last == line.npos ? 0 : last + 1);
+  return slice(line, 0, last == line.npos ? 0 : last + 1);
 }
 
 }  // namespace kova

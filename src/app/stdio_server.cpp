@@ -5,6 +5,7 @@
 #include "app/prescan.h"
 #include "app/tool_worker.h"
 #include "app/trace.h"
+#include "base/text.h"
 #include "json/reply.h"
 
 namespace kova {
@@ -118,7 +119,7 @@ class StdioServer {
     if (!raw_id.starts_with('"')) {
       id.copy_cut(raw_id);
     } else if (raw_id.size() >= 3 && raw_id.size() <= kIdCapacity) {
-      id.copy_cut(raw_id.substr(1, raw_id.size() - 2));
+      id.copy_cut(slice(raw_id, 1, raw_id.size() - 2));
     } else {
       id.copy_cut("invalid");
     }

@@ -2,10 +2,18 @@
 // the one copy, the one append and the one format below.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <string_view>
 
 namespace kova {
+
+/// The bytes of a text from an index on, at most `count` of them; empty beyond its end.
+constexpr std::string_view slice(std::string_view text, std::size_t begin,
+                                 std::size_t count = std::string_view::npos) {
+  if (begin >= text.size()) return {};
+  return {text.data() + begin, std::min(count, text.size() - begin)};
+}
 
 /// A NUL-terminated text under construction in a buffer that the caller owns. The capacity counts
 /// the terminator. Construction writes nothing, so a text that no one writes stays as it was.

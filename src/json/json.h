@@ -42,8 +42,8 @@ struct JsonDoc {
   /// The source text of a token; a string's without its quotation marks.
   [[nodiscard]] std::string_view raw(int index) const {
     const JsonToken& token = tokens[index];
-    return text.substr(static_cast<std::size_t>(token.start),
-                       static_cast<std::size_t>(token.end - token.start));
+    return slice(text, static_cast<std::size_t>(token.start),
+                 static_cast<std::size_t>(token.end - token.start));
   }
 };
 

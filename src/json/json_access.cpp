@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "base/ascii.h"
+#include "base/text.h"
 #include "json/json.h"
 
 namespace kova {
@@ -118,7 +119,7 @@ bool json_get_string(const JsonDoc& doc, int index, TextOut out) {
   std::size_t position = 0;
   for (;;) {
     const std::size_t escape = std::min(raw.find('\\', position), raw.size());
-    if (!out.append(raw.substr(position, escape - position))) return false;
+    if (!out.append(slice(raw, position, escape - position))) return false;
     if (escape == raw.size()) return true;
     position = escape;
     unsigned char bytes[4];
@@ -161,7 +162,7 @@ bool json_get_float(const JsonDoc& doc, int index, float& value) {
   if (end != digits + raw.size() || !(std::fabs(number) <= kFloatLimit)) return false;
   // The C libraries disagree on whether a subnormal result is a range error; a number that is
   // written as none and came out as zero is one.
-  const std::string_view mantissa = raw.substr(0, raw.find_first_of("eE"));
+  const std::string_view mantissa = slice(raw, 0, raw.find_first_of("eE"));
   if (number == 0 && mantissa.find_first_of("123456789") != mantissa.npos) return false;
   value = static_cast<float>(number);
   return std::isfinite(value);

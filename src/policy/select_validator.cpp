@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "base/ascii.h"
+#include "base/text.h"
 #include "policy/predicates.h"
 #include "policy/sql_words.h"
 
@@ -80,7 +81,7 @@ bool check_structure(const McpPolicy& policy, std::string_view sql, TextOut mess
 /// What stands before FROM is not looked at: "xfrom" ends the select list too.
 bool ends_select_list(std::string_view rest) {
   constexpr std::size_t kLength = 4;
-  return equal_ignoring_case(rest.substr(0, kLength), "FROM") &&
+  return equal_ignoring_case(slice(rest, 0, kLength), "FROM") &&
          (rest.size() == kLength || !is_word_byte(rest[kLength]));
 }
 
@@ -91,7 +92,7 @@ bool check_wildcards(std::string_view sql, TextOut message) {
       i = std::min(skip_literal(sql, i), sql.size());
       continue;
     }
-    if (ends_select_list(sql.substr(i))) return true;
+    if (ends_select_list(slice(sql, i))) return true;
     if (sql[i] == '*') {
       return refuse(message, "wildcard projection is denied when columns are restricted");
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/ascii.h"
+#include "base/text.h"
 
 namespace kova {
 
@@ -16,14 +17,14 @@ constexpr bool begins_word(char c) {
 
 std::size_t skip_literal(std::string_view sql, std::size_t open) {
   std::size_t quote = sql.find('\'', open + 1);
-  while (quote != sql.npos && sql.substr(quote + 1).starts_with('\'')) {
+  while (quote != sql.npos && slice(sql, quote + 1).starts_with('\'')) {
     quote = sql.find('\'', quote + 2);
   }
   return quote == sql.npos ? sql.npos : quote + 1;
 }
 
 bool begins_comment(std::string_view sql, std::size_t index) {
-  const std::string_view rest = sql.substr(index);
+  const std::string_view rest = slice(sql, index);
   return rest.starts_with("--") || rest.starts_with("/*") || rest.starts_with('#');
 }
 
@@ -36,7 +37,7 @@ bool policy_next_word(std::string_view& sql, TextOut& word) {
   std::size_t end = begin;
   while (end < sql.size() && is_word_byte(sql[end]))
     ++end;
-  word.copy_cut(sql.substr(begin, end - begin));
+  word.copy_cut(slice(sql, begin, end - begin));
   std::transform(word.data(), word.data() + word.length(), word.data(), to_upper);
   sql.remove_prefix(end);
   return end != begin;

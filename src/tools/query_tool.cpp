@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "base/ascii.h"
+#include "base/text.h"
 #include "policy/select_validator.h"
 #include "policy/sql_words.h"
 #include "tools/tool_args.h"
@@ -64,7 +65,7 @@ bool quick_select_check(std::string_view sql) {
     } else if (is_alpha(c) || c == '_') {
       char text[kWordCapacity];
       TextOut word(text);
-      std::string_view rest = sql.substr(i);
+      std::string_view rest = slice(sql, i);
       if (!policy_next_word(rest, word)) return false;
       if (first_word && word.view() != "SELECT") return false;
       if (is_forbidden(word.view())) return false;

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "base/text.h"
+
 namespace kova {
 
 namespace {
@@ -31,7 +33,7 @@ bool is_canonical_path(const char* path) {
   for (std::size_t slash = 0; slash < text.size();) {
     const std::size_t begin = slash + 1;
     slash = std::min(text.find('/', begin), text.size());
-    const std::string_view part = text.substr(begin, slash - begin);
+    const std::string_view part = slice(text, begin, slash - begin);
     if (part == "." || part == "..") return false;
     if (part.empty() && slash != text.size()) return false;
   }

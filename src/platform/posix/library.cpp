@@ -26,7 +26,7 @@ void* load_from_own_folder(const char* file_name) {
   char own[kLibraryPathCapacity];
   if (!own_path(own)) return nullptr;
   const std::string_view path(own);
-  return load_from(path.substr(0, path.rfind('/')), file_name);
+  return load_from(slice(path, 0, path.rfind('/')), file_name);
 }
 
 }  // namespace
@@ -38,7 +38,7 @@ bool Library::open(const char* file_name) {
   std::string_view rest = search_path.view();
   while (handle_ == nullptr && !rest.empty()) {
     const std::size_t end = std::min(rest.find_first_of(":;"), rest.size());
-    const std::string_view folder = rest.substr(0, end);
+    const std::string_view folder = slice(rest, 0, end);
     if (folder.starts_with('/')) {
       handle_ = load_from(folder, file_name);
     } else {

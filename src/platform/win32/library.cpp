@@ -39,7 +39,7 @@ HMODULE load_from_own_folder(const char* file_name) {
   char own[kLibraryPathCapacity];
   if (!own_path(own)) return nullptr;
   const std::string_view path(own);
-  return load_from(path.substr(0, path.rfind('\\')), file_name);
+  return load_from(slice(path, 0, path.rfind('\\')), file_name);
 }
 
 HMODULE load_from_system_folder(const char* file_name) {
@@ -55,7 +55,7 @@ HMODULE load_from_search_path(const char* file_name) {
   std::string_view rest = search_path.view();
   while (!rest.empty()) {
     const std::size_t end = std::min(rest.find(';'), rest.size());
-    const std::string_view folder = rest.substr(0, end);
+    const std::string_view folder = slice(rest, 0, end);
     if (is_absolute(folder)) {
       if (const HMODULE module = load_from(folder, file_name)) return module;
     }
