@@ -86,13 +86,14 @@ class Target:
             return
         self.prefix.parent.mkdir(parents=True, exist_ok=True)
         env = self.environment({})
+        quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         with open(f"{self.prefix}.lock", "w", encoding="ascii") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
             if not (self.prefix / "system.reg").exists():
-                subprocess.run([WINE, "wineboot", "-i"], env=env, check=True, timeout=300,
-                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self._keeper = subprocess.Popen([WINE, "cmd"], env=env, stdin=subprocess.PIPE,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                subprocess.run([WINE, "wineboot", "-i"], env=env, check=True, timeout=300, **quiet)
+            # Wine's own servers keep the streams of the process that starts them.
+            subprocess.run([WINE, "cmd", "/c", "exit"], env=env, check=True, timeout=300, **quiet)
+            self._keeper = subprocess.Popen([WINE, "cmd"], env=env, stdin=subprocess.PIPE, **quiet)
 
     def release(self) -> None:
         if self._keeper is not None and self._keeper.stdin is not None:
