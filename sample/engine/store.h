@@ -1,0 +1,101 @@
+// One SQLite connection, with what a statement may do there.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "engine/client_watch.h"
+
+namespace kova::sample {
+
+/// What a statement may do; SQLite's authorizer refuses the rest.
+enum class Rights : std::uint8_t {
+  kRead,           ///< a SELECT
+  kChange,         ///< rows of ordinary tables
+  kDropTemporary,  ///< a temporary table's removal
+  kEngine,         ///< the engine's own statements
+};
+
+class Store;
+
+/// A prepared statement and where its result stands.
+class Query {
+ public:
+  enum class Step : std::uint8_t { kRow, kEnd, kFailed };
+
+  Query() = default;
+  ~Query() { close(); }
+  Query(Query&& other) noexcept;
+  Query& operator=(Query&& other) noexcept;
+  Query(const Query&) = delete;
+  Query& operator=(const Query&) = delete;
+
+  /// Makes the next row current. A failure's words are the store's `error()`.
+  [[nodiscard]] Step step();
+  [[nodiscard]] bool is_open() const { return statement_ != nullptr; }
+  [[nodiscard]] int columns() const { return sqlite3_column_count(statement_); }
+  [[nodiscard]] std::string_view column_name(int column) const;
+  /// The current row's cell as SQLite writes it as text; null data for a null.
+  [[nodiscard]] std::string_view cell(int column) const;
+  [[nodiscard]] const Store& store() const { return *store_; }
+  [[nodiscard]] bool bind(int parameter, std::string_view text);
+  void close();
+
+ private:
+  friend class Store;
+
+  std::shared_ptr<Store> store_;
+  sqlite3_stmt* statement_ = nullptr;
+  Rights rights_ = Rights::kRead;
+};
+
+/// A connection to one database file, read-only but for the moment of a change. Everything that
+/// runs there ends soon after the watched client has gone. Used by one thread.
+class Store : public std::enable_shared_from_this<Store> {
+ public:
+  /// Null leaves the words in `error`. An empty path is an empty database in memory.
+  [[nodiscard]] static std::shared_ptr<Store> open(const std::string& path, ClientWatch& watch,
+                                                   std::string& error);
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  /// Prepares exactly one statement.
+  [[nodiscard]] bool prepare(std::string_view sql, Rights rights, Query& query);
+  /// Runs a changing statement in a transaction of its own and answers the number of rows that it
+  /// changed.
+  [[nodiscard]] bool change(std::string_view sql, Rights rights, std::int64_t& rows);
+  /// Runs a statement of the engine's own, also a changing one.
+  [[nodiscard]] bool run(const char* sql);
+
+  /// The words of the last failure.
+  [[nodiscard]] const std::string& error() const { return error_; }
+
+ private:
+  friend class Query;
+  class Writable;
+
+  explicit Store(ClientWatch& watch) : watch_(watch) {}
+
+  [[nodiscard]] bool configure();
+  [[nodiscard]] bool commit_change(Query& query);
+  bool fail(std::string_view words);
+  bool fail_with_database_words();
+  void set_query_only(bool on);
+
+  static int authorize(void* store, int action, const char* first, const char* second,
+                       const char* database, const char* trigger);
+  static int on_progress(void* store);
+  static int on_busy(void* store, int earlier_calls);
+
+  ClientWatch& watch_;
+  sqlite3* database_ = nullptr;
+  Rights rights_ = Rights::kEngine;
+  std::string error_;
+};
+
+}  // namespace kova::sample

@@ -1,0 +1,81 @@
+#include "engine/users.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+
+namespace kova::sample {
+
+namespace {
+
+constexpr std::size_t kNameLimit = 63;
+constexpr std::size_t kPasswordLimit = 255;
+constexpr std::size_t kFileLimit = 1 << 20;
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+bool read_file(const std::string& path, std::string& text) {
+  const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rbe"));
+  if (file == nullptr) return false;
+  text.resize(kFileLimit);
+  text.resize(std::fread(text.data(), 1, text.size(), file.get()));
+  return std::ferror(file.get()) == 0 && text.size() < kFileLimit;
+}
+
+// The time depends on the length of `given` alone.
+bool same_password(std::string_view known, std::string_view given) {
+  unsigned difference = known.size() == given.size() ? 0 : 1;
+  for (std::size_t i = 0; i < given.size(); ++i) {
+    const char other = i < known.size() ? known[i] : '\0';
+    difference |= static_cast<unsigned char>(given[i] ^ other);
+  }
+  return difference == 0;
+}
+
+}  // namespace
+
+bool Users::add(std::string_view line) {
+  const std::size_t colon = line.find(':');
+  if (colon == std::string_view::npos) return false;
+  const std::string_view name = line.substr(0, colon);
+  const std::string_view password = line.substr(colon + 1);
+  if (name.empty() || name.size() > kNameLimit) return false;
+  if (name.find_first_of(",;") != std::string_view::npos) return false;
+  if (password.empty() || password.size() > kPasswordLimit) return false;
+  const auto same_name = [&](const User& user) { return user.name == name; };
+  if (std::any_of(users_.begin(), users_.end(), same_name)) return false;
+  users_.push_back({std::string(name), std::string(password)});
+  return true;
+}
+
+bool Users::load(const std::string& path, std::string& error) {
+  std::string text;
+  if (!read_file(path, text)) {
+    error = "cannot read the users file " + path;
+    return false;
+  }
+  std::string_view rest = text;
+  for (int number = 1; !rest.empty(); ++number) {
+    const std::size_t end = std::min(rest.find('\n'), rest.size());
+    const std::string_view line = rest.substr(0, end);
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+    if (line.empty() || line.starts_with('#') || add(line)) continue;
+    error = "users file " + path + ", line " + std::to_string(number) +
+            ": not USER:PASSWORD, or a user given twice";
+    return false;
+  }
+  return true;
+}
+
+bool Users::admits(std::string_view user, std::string_view password) const {
+  const auto same_name = [&](const User& known) { return known.name == user; };
+  const auto found = std::find_if(users_.begin(), users_.end(), same_name);
+  const bool known = found != users_.end();
+  const bool matches = same_password(known ? found->password : std::string_view(), password);
+  return known && matches;
+}
+
+}  // namespace kova::sample

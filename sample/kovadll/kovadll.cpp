@@ -1,0 +1,108 @@
+// The client library's twelve operations.
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "db/kova_api.h"
+#include "kovadll/connection.h"
+#include "kovadll/statement_object.h"
+#include "platform/socket.h"
+
+extern "C" {
+KOVA_CreateVantreoInstance_t KOVA_CreateVantreoInstance;
+KOVA_DisableMessage_t KOVA_DisableMessage;
+KOVA_StartVantreo_t KOVA_StartVantreo;
+KOVA_NewObject_t KOVA_NewObject;
+KOVA_Exec_t KOVA_Exec;
+KOVA_Status_t KOVA_Status;
+KOVA_FieldCount_t KOVA_FieldCount;
+KOVA_FieldName_t KOVA_FieldName;
+KOVA_Next_t KOVA_Next;
+KOVA_DataByFno_t KOVA_DataByFno;
+KOVA_FreeObject_t KOVA_FreeObject;
+KOVA_StopVantreo_t KOVA_StopVantreo;
+}
+
+namespace {
+
+using kova::sample::Connection;
+using kova::sample::StatementObject;
+
+/// What a connection handle points to; the statement objects share the connection.
+struct ConnectionHandle {
+  std::shared_ptr<Connection> connection;
+};
+
+// Nothing releases an instance, so all of them are the same one.
+struct Instance {
+  kova::SocketLayer sockets;
+};
+
+Instance& the_instance() {
+  static Instance instance;
+  return instance;
+}
+
+StatementObject* object_of(void* object) {
+  return static_cast<StatementObject*>(object);
+}
+
+}  // namespace
+
+void* KOVA_CreateVantreoInstance() {
+  Instance& instance = the_instance();
+  return instance.sockets.ready() ? &instance : nullptr;
+}
+
+int KOVA_DisableMessage(void* instance) {
+  return instance != nullptr ? 1 : 0;
+}
+
+void* KOVA_StartVantreo(void* instance, int /*options*/, const char* server, const char* port) {
+  if (instance == nullptr || server == nullptr || port == nullptr) return nullptr;
+  std::shared_ptr<Connection> connection = Connection::open(server, port);
+  return connection != nullptr ? new ConnectionHandle{std::move(connection)} : nullptr;
+}
+
+void* KOVA_NewObject(void* connection) {
+  if (connection == nullptr) return nullptr;
+  return new StatementObject(static_cast<ConnectionHandle*>(connection)->connection);
+}
+
+std::int64_t KOVA_Exec(void* object, const char* statement) {
+  if (object == nullptr || statement == nullptr) return 0;
+  return object_of(object)->exec(statement) ? 1 : 0;
+}
+
+const char* KOVA_Status(void* object) {
+  return object != nullptr ? object_of(object)->status() : nullptr;
+}
+
+int KOVA_FieldCount(void* object) {
+  return object != nullptr ? object_of(object)->field_count() : 0;
+}
+
+const char* KOVA_FieldName(void* object, int column) {
+  return object != nullptr ? object_of(object)->field_name(column) : nullptr;
+}
+
+int KOVA_Next(void* object) {
+  return object != nullptr && object_of(object)->next() ? 1 : 0;
+}
+
+const char* KOVA_DataByFno(void* object, int column) {
+  return object != nullptr ? object_of(object)->cell(column) : nullptr;
+}
+
+int KOVA_FreeObject(void* object) {
+  delete object_of(object);
+  return 1;
+}
+
+int KOVA_StopVantreo(void* connection) {
+  auto* handle = static_cast<ConnectionHandle*>(connection);
+  if (handle != nullptr) handle->connection->close();
+  delete handle;
+  return 1;
+}
