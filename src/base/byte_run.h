@@ -37,8 +37,7 @@ inline const char* find_run_end(const char* p, const char* end) {
     }
     p += 16;
   }
-  while (p != end && !stops_run<kNonAscii>(*p))
-    ++p;
+  while (p != end && !stops_run<kNonAscii>(*p)) ++p;
   return p;
 }
 

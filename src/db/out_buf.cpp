@@ -28,8 +28,7 @@ bool OutBuf::append(std::string_view bytes) {
   const std::uint32_t need = length_ + size + 1;
   if (need > capacity_) {
     std::uint32_t larger = std::max(capacity_, kOutBufFirstCapacity);
-    while (larger < need)
-      larger *= 2;
+    while (larger < need) larger *= 2;
     larger = std::min(larger, kOutBufCeiling);
     auto* grown = static_cast<char*>(std::realloc(text_, larger));
     if (grown == nullptr) return false;

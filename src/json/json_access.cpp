@@ -93,8 +93,7 @@ int json_skip(const JsonDoc& doc, int index) {
   if (index < 0 || index >= doc.count || doc[index].end < 0) return -1;
   const std::int32_t end = doc[index].end;
   int next = index + 1;
-  while (next < doc.count && doc[next].start < end)
-    ++next;
+  while (next < doc.count && doc[next].start < end) ++next;
   return next;
 }
 

@@ -60,8 +60,7 @@ class Parser {
 
  private:
   void skip_space() {
-    while (p_ != end_ && is_json_space(*p_))
-      ++p_;
+    while (p_ != end_ && is_json_space(*p_)) ++p_;
   }
 
   [[nodiscard]] bool take(char c) {
@@ -200,8 +199,7 @@ class Parser {
 
   [[nodiscard]] bool digits() {
     const char* const start = p_;
-    while (p_ != end_ && is_digit(*p_))
-      ++p_;
+    while (p_ != end_ && is_digit(*p_)) ++p_;
     return p_ != start;
   }
 

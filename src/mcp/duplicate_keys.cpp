@@ -67,7 +67,7 @@ class KeySet {
   }
 
  private:
-  std::uint16_t keys_[kMostKeys];
+  std::uint16_t keys_[kMostKeys] = {};
   int count_ = 0;
 };
 

@@ -36,8 +36,7 @@ void yield_thread();
 class SpinLock {
  public:
   void lock() {
-    while (held_.exchange(true, std::memory_order_acquire))
-      yield_thread();
+    while (held_.exchange(true, std::memory_order_acquire)) yield_thread();
   }
   void unlock() { held_.store(false, std::memory_order_release); }
 

@@ -35,8 +35,7 @@ bool policy_next_word(std::string_view& sql, TextOut& word) {
   }
   begin = std::min(begin, sql.size());
   std::size_t end = begin;
-  while (end < sql.size() && is_word_byte(sql[end]))
-    ++end;
+  while (end < sql.size() && is_word_byte(sql[end])) ++end;
   word.copy_cut(slice(sql, begin, end - begin));
   std::transform(word.data(), word.data() + word.length(), word.data(), to_upper);
   sql.remove_prefix(end);

@@ -80,8 +80,7 @@ bool quick_select_check(std::string_view sql) {
 
 bool terminate_statement(char* sql) {
   std::size_t length = std::strlen(sql);
-  while (length > 0 && is_space(sql[length - 1]))
-    --length;
+  while (length > 0 && is_space(sql[length - 1])) --length;
   if (length > 0 && sql[length - 1] == ';') return true;
   if (length >= kStatementLimit) return false;
   sql[length] = ';';
