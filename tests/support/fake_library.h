@@ -21,10 +21,10 @@ using LibraryText = std::optional<std::string>;
 struct FakeResult {
   std::int64_t code = 1;
   LibraryText status = "OK";
-  std::vector<LibraryText> columns;
-  std::vector<std::vector<LibraryText>> rows;
+  std::vector<LibraryText> columns = {};
+  std::vector<std::vector<LibraryText>> rows = {};
   /// The answer of the column count where it is not the number of columns.
-  std::optional<int> field_count;
+  std::optional<int> field_count = std::nullopt;
 };
 
 /// The only client library of the program while it lives; one at a time, used by one thread.
