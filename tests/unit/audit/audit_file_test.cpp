@@ -132,8 +132,7 @@ TEST_F(AuditFile, NeverInterleavesRecords) {
       for (int record = 0; record < 25; ++record)
         write_audit_record(context, *policy, {true, 1, 2});
     });
-  for (std::thread& writer : writers)
-    writer.join();
+  for (std::thread& writer : writers) writer.join();
   const std::string text = content();
   const std::regex line(
       R"(\{"timestamp":"[^"]*","correlation_id":"7",[^\r\n]*,"error_class":"none"\})");

@@ -124,8 +124,7 @@ TEST(AuditRecord, EscapesGrowATextUpToItsRoom) {
   const std::string record = record_of(context, {quotes, quotes, quotes}, {true, 0, 0});
   const auto field = [](const char* name, int count) {
     std::string text = "\"" + std::string(name) + "\":\"";
-    for (int i = 0; i < count; ++i)
-      text += "\\\"";
+    for (int i = 0; i < count; ++i) text += "\\\"";
     return text + "\",";
   };
   for (const std::string& part :
@@ -136,8 +135,7 @@ TEST(AuditRecord, EscapesGrowATextUpToItsRoom) {
 
 TEST(AuditRecord, OneMoreByteWhenAnEscapeEndsTheText) {
   const std::string client = std::string(125, 'p') + "\"p";
-  const std::string tool = std::string(100, '"') + "ppp";
-  const auto context = context_of(tool, "1", "", "allow", 0);
+  const auto context = context_of("t", "1", "", "allow", 0);
   const std::string record = record_of(context, {client, "d", "p"}, {true, 0, 0});
   EXPECT_NE(record.find("\"client_identity\":\"" + std::string(125, 'p') + "\\\"\","),
             std::string::npos);
@@ -147,13 +145,14 @@ TEST(AuditRecord, MustFitItsRoomWithATerminator) {
   const auto context = context_of("kova_query", "7", "policy-select", "allow", 0);
   const std::string record = record_of(context, kIdentity, {true, 1, 2});
   std::string room(record.size() + 1, 'x');
-  EXPECT_TRUE(format_audit_record(context, kIdentity, {true, 1, 2}, kNow, 1500,
-                                  TextOut(room.data(), record.size() + 1)));
+  const auto fits = [&](std::size_t capacity) {
+    TextOut out(room.data(), capacity);
+    return format_audit_record(context, kIdentity, {true, 1, 2}, kNow, 1500, out);
+  };
+  EXPECT_TRUE(fits(record.size() + 1));
   EXPECT_STREQ(room.c_str(), record.c_str());
-  EXPECT_FALSE(format_audit_record(context, kIdentity, {true, 1, 2}, kNow, 1500,
-                                   TextOut(room.data(), record.size())));
-  EXPECT_FALSE(
-      format_audit_record(context, kIdentity, {true, 1, 2}, kNow, 1500, TextOut(room.data(), 1)));
+  EXPECT_FALSE(fits(record.size()));
+  EXPECT_FALSE(fits(1));
 }
 
 // Every text at its longest: the room of 1,200 bytes is enough for any call.

@@ -36,8 +36,7 @@ TEST(CleanAuditText, EscapesQuotesAndBackslashesAndReplacesTheRest) {
       {"/<>&'", "/<>&'"},
       {std::string_view("a\0b", 3), "a_b"},
   };
-  for (const Row& row : kRows)
-    EXPECT_EQ(cleaned(row.source, 64), row.text) << row.source;
+  for (const Row& row : kRows) EXPECT_EQ(cleaned(row.source, 64), row.text) << row.source;
 }
 
 TEST(CleanAuditText, KeepsExactlyThePrintableAsciiBytes) {
