@@ -71,10 +71,9 @@ void write_audit_record(const AuditContext& context, const McpPolicy& policy,
       .client = or_default(client, "unconfigured"),
       .database = or_default(database, "default"),
       .policy = policy.configured ? std::string_view(policy.name) : kPolicyOfNoFile};
-  char text[kAuditRecordCapacity];
-  TextOut record(text);
+  char record[kAuditRecordCapacity];
   if (format_audit_record(context, identity, outcome, utc_now(), tick_ms(), record)) {
-    append_record(path.c_str(), record.view());
+    append_record(path.c_str(), record);
   }
 }
 
