@@ -9,7 +9,7 @@ namespace kova::testing {
 enum class Stream { kOutput, kError };
 
 /// Sends one standard stream of the process to a temporary file while it lives. One per stream at
-/// a time.
+/// a time; other threads may write while one takes.
 class CapturedOutput {
  public:
   explicit CapturedOutput(Stream stream = Stream::kOutput);
@@ -22,9 +22,9 @@ class CapturedOutput {
 
  private:
   Stream stream_;
-  std::intptr_t file_;
-  std::intptr_t original_;
-  std::uint64_t taken_ = 0;
+  std::intptr_t file_ = -1;
+  std::intptr_t reader_ = -1;
+  std::intptr_t original_ = -1;
 };
 
 }  // namespace kova::testing

@@ -1,5 +1,6 @@
 #include "support/captured_output.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,28 +17,27 @@ void flush(Stream stream) {
   std::fflush(stream == Stream::kOutput ? stdout : stderr);
 }
 
-int make_temporary_file() {
-  char path[] = "/tmp/captured-output-XXXXXX";
-  const int file = mkstemp(path);
-  if (file < 0) std::abort();
-  unlink(path);
-  return file;
-}
-
 }  // namespace
 
 CapturedOutput::CapturedOutput(Stream stream) : stream_(stream) {
   flush(stream);
   const int descriptor = descriptor_of(stream);
-  original_ = dup(descriptor);
-  file_ = make_temporary_file();
-  if (original_ < 0 || dup2(static_cast<int>(file_), descriptor) < 0) std::abort();
+  char path[] = "/tmp/captured-output-XXXXXX";
+  original_ = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  file_ = mkostemp(path, O_CLOEXEC);
+  // Reading through a description of its own leaves the position of the next write alone.
+  reader_ = open(path, O_RDONLY | O_CLOEXEC);
+  unlink(path);
+  if (original_ < 0 || file_ < 0 || reader_ < 0 || dup2(static_cast<int>(file_), descriptor) < 0) {
+    std::abort();
+  }
 }
 
 CapturedOutput::~CapturedOutput() {
   flush(stream_);
   dup2(static_cast<int>(original_), descriptor_of(stream_));
   close(static_cast<int>(original_));
+  close(static_cast<int>(reader_));
   close(static_cast<int>(file_));
 }
 
@@ -46,11 +46,9 @@ std::string CapturedOutput::take() {
   std::string bytes;
   char block[65536];
   for (;;) {
-    const ssize_t got =
-        pread(static_cast<int>(file_), block, sizeof block, static_cast<off_t>(taken_));
+    const ssize_t got = read(static_cast<int>(reader_), block, sizeof block);
     if (got <= 0) return bytes;
     bytes.append(block, static_cast<std::size_t>(got));
-    taken_ += static_cast<std::uint64_t>(got);
   }
 }
 

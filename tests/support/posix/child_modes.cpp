@@ -1,0 +1,44 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+#include "platform/console.h"
+#include "support/child_modes.h"
+
+namespace kova::testing {
+
+void end_quietly_after_a_crash() {
+  const rlimit none{0, 0};
+  setrlimit(RLIMIT_CORE, &none);
+}
+
+void crash_now() {
+  // A sanitizer's handler would turn the signal into an exit.
+  std::signal(SIGSEGV, SIG_DFL);
+  std::raise(SIGSEGV);
+  std::abort();
+}
+
+bool open_inheritable_file(const char* path) {
+  return open(path, O_RDWR | O_CREAT, 0600) > STDERR_FILENO;
+}
+
+void report_handles() {
+  DIR* const folder = opendir("/proc/self/fd");
+  if (folder == nullptr) std::abort();
+  std::string report;
+  while (const dirent* const entry = readdir(folder)) {
+    const int descriptor = std::atoi(entry->d_name);
+    if (descriptor <= STDERR_FILENO || descriptor == dirfd(folder)) continue;
+    report += std::string(entry->d_name) + "\n";
+  }
+  closedir(folder);
+  write_stdout(report.empty() ? "none\n" : report);
+}
+
+}  // namespace kova::testing

@@ -1,0 +1,48 @@
+#include "platform/environment.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/environment.h"
+
+namespace kova {
+namespace {
+
+using testing::ScopedEnvironment;
+
+constexpr char kName[] = "KOVA_TEST_ENVIRONMENT";
+
+TEST(EnvironmentValue, Unset) {
+  const ScopedEnvironment none(kName);
+  const EnvironmentValue value(kName);
+  EXPECT_FALSE(value.is_set());
+  EXPECT_STREQ(value.c_str(), "");
+  EXPECT_EQ(value.view(), "");
+}
+
+TEST(EnvironmentValue, ValuesInUtf8) {
+  for (const std::string& text :
+       {std::string(""), std::string("1"), std::string(" with blanks "), std::string("a=b;c"),
+        std::string("\xc3\xa9\xe2\x82\xac"), std::string("\xf0\x9f\x98\x80 smile"),
+        std::string("line\nfeed"), std::string(259, 'x'), std::string(30000, 'y')}) {
+    SCOPED_TRACE(text.substr(0, 40));
+    const ScopedEnvironment set(kName, text);
+    const EnvironmentValue value(kName);
+    EXPECT_TRUE(value.is_set());
+    EXPECT_EQ(value.view(), text);
+    EXPECT_EQ(std::string(value.c_str()), text);
+  }
+}
+
+TEST(EnvironmentValue, IsReadAtConstruction) {
+  ScopedEnvironment variable(kName, "first");
+  EXPECT_EQ(EnvironmentValue(kName).view(), "first");
+  variable.set("second");
+  EXPECT_EQ(EnvironmentValue(kName).view(), "second");
+  variable.unset();
+  EXPECT_FALSE(EnvironmentValue(kName).is_set());
+}
+
+}  // namespace
+}  // namespace kova

@@ -1,0 +1,132 @@
+#include "platform/file.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+#include "support/temporary_directory.h"
+
+namespace kova {
+namespace {
+
+using testing::read_file;
+using testing::TemporaryDirectory;
+using testing::write_file;
+
+TEST(IsCanonicalPath, FilesNeedNotExist) {
+  const TemporaryDirectory directory;
+  EXPECT_TRUE(is_canonical_path(directory.path().c_str()));
+  EXPECT_TRUE(is_canonical_path(directory.file("no such file").c_str()));
+  EXPECT_TRUE(is_canonical_path(directory.file("no such\xc3\xa9.json").c_str()));
+}
+
+TEST(IsCanonicalPath, RelativePaths) {
+  for (const char* path : {"", "a", "policy.json", "./a", "../a", ".", "..", "a/b", "a\\b", " "}) {
+    EXPECT_FALSE(is_canonical_path(path)) << path;
+  }
+}
+
+TEST(IsDirectory, Table) {
+  const TemporaryDirectory directory;
+  write_file(directory.file("file"), "x");
+  EXPECT_TRUE(is_directory(directory.path().c_str()));
+  EXPECT_FALSE(is_directory(directory.file("file").c_str()));
+  EXPECT_FALSE(is_directory(directory.file("missing").c_str()));
+  EXPECT_FALSE(is_directory(""));
+}
+
+TEST(InputFile, ReadsExactlyWhatIsAskedFor) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("na\xc3\xafve \xe2\x82\xac.json");
+  write_file(path, std::string("a\r\nb\0c\x1a", 7));
+  InputFile file;
+  ASSERT_TRUE(file.open(path.c_str()));
+  EXPECT_EQ(file.size(), 7U);
+  char bytes[8] = {};
+  ASSERT_TRUE(file.read(bytes, 7));
+  EXPECT_EQ(std::string(bytes, 7), std::string("a\r\nb\0c\x1a", 7));
+  EXPECT_FALSE(file.read(bytes, 1));
+}
+
+TEST(InputFile, FewerBytesThanAskedForFail) {
+  const TemporaryDirectory directory;
+  write_file(directory.file("f"), "1234");
+  InputFile file;
+  ASSERT_TRUE(file.open(directory.file("f").c_str()));
+  char bytes[8] = {};
+  EXPECT_FALSE(file.read(bytes, 5));
+}
+
+TEST(InputFile, AnEmptyFile) {
+  const TemporaryDirectory directory;
+  write_file(directory.file("f"), "");
+  InputFile file;
+  ASSERT_TRUE(file.open(directory.file("f").c_str()));
+  EXPECT_EQ(file.size(), 0U);
+  char byte = 0;
+  EXPECT_FALSE(file.read(&byte, 1));
+}
+
+TEST(InputFile, WhatCannotBeOpened) {
+  const TemporaryDirectory directory;
+  InputFile missing;
+  EXPECT_FALSE(missing.open(directory.file("missing").c_str()));
+  InputFile folder;
+  EXPECT_FALSE(folder.open(directory.path().c_str()));
+  InputFile empty;
+  EXPECT_FALSE(empty.open(""));
+}
+
+TEST(AppendRecord, CreatesAndAppends) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit \xc3\xa9.jsonl");
+  append_record(path.c_str(), "one\r\n");
+  EXPECT_EQ(read_file(path), "one\r\n");
+  append_record(path.c_str(), "two\r\n");
+  append_record(path.c_str(), "\n\r\x1a\r\n");
+  EXPECT_EQ(read_file(path), "one\r\ntwo\r\n\n\r\x1a\r\n");
+}
+
+TEST(AppendRecord, KeepsWhatIsThere) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit.jsonl");
+  write_file(path, "no line end");
+  append_record(path.c_str(), "record\r\n");
+  EXPECT_EQ(read_file(path), "no line endrecord\r\n");
+}
+
+TEST(AppendRecord, FailuresAreSilent) {
+  const TemporaryDirectory directory;
+  append_record("", "x\r\n");
+  append_record(directory.path().c_str(), "x\r\n");
+  append_record(directory.file("no/such/folder").c_str(), "x\r\n");
+  EXPECT_EQ(read_file(directory.file("no/such/folder")), "");
+}
+
+TEST(AppendRecord, RecordsOfSeveralWritersNeverInterleave) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit.jsonl");
+  constexpr int kRecords = 60;
+  constexpr std::size_t kLength = 1100;
+  const auto write_records = [&path](char mark) {
+    for (int i = 0; i < kRecords; ++i) {
+      append_record(path.c_str(), std::string(kLength, mark) + "\r\n");
+    }
+  };
+  std::thread other(write_records, 'b');
+  write_records('a');
+  other.join();
+  const std::string text = read_file(path);
+  ASSERT_EQ(text.size() % (kLength + 2), 0U);
+  ASSERT_GE(text.size(), kLength + 2);
+  ASSERT_LE(text.size(), 2 * kRecords * (kLength + 2));
+  for (std::size_t at = 0; at < text.size(); at += kLength + 2) {
+    const char mark = text[at];
+    ASSERT_TRUE(mark == 'a' || mark == 'b');
+    ASSERT_EQ(text.substr(at, kLength + 2), std::string(kLength, mark) + "\r\n");
+  }
+}
+
+}  // namespace
+}  // namespace kova

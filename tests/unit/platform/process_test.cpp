@@ -1,0 +1,158 @@
+#include "platform/process.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+#include <thread>
+
+#include "platform/clock.h"
+#include "platform/console.h"
+#include "support/child_modes.h"
+#include "support/temporary_directory.h"
+
+namespace kova {
+namespace {
+
+class ChildProcessTest : public ::testing::Test {
+ protected:
+  ChildProcessTest() { prepare_standard_streams(); }
+
+  static std::string read_all(ChildProcess& child) {
+    std::string text;
+    char block[4096];
+    while (const std::size_t got = child.read_output(block, sizeof block)) text.append(block, got);
+    return text;
+  }
+
+  static std::uint32_t finish(ChildProcess& child) {
+    child.wait();
+    return child.collect();
+  }
+};
+
+TEST_F(ChildProcessTest, TakesInputAndGivesOutput) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildEcho));
+  child.write_input("one\r\n");
+  child.write_input(std::string_view("t\0wo\n\x1a", 6));
+  child.close_input();
+  EXPECT_EQ(read_all(child), std::string("one\r\nt\0wo\n\x1a", 11));
+  EXPECT_EQ(finish(child), 0U);
+}
+
+TEST_F(ChildProcessTest, AMessageLargerThanAnyPipe) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildEcho));
+  const std::string message(1048577, 'm');
+  child.write_input(message);
+  child.close_input();
+  EXPECT_TRUE(read_all(child) == message);
+  EXPECT_EQ(finish(child), 0U);
+}
+
+TEST_F(ChildProcessTest, ExitCodes) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildExit7));
+  EXPECT_EQ(read_all(child), "");
+  EXPECT_EQ(finish(child), 7U);
+}
+
+TEST_F(ChildProcessTest, InputThatNobodyReadsIsDropped) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildExit7));
+  child.wait();
+  child.write_input(std::string(300000, 'x'));
+  child.close_input();
+  EXPECT_EQ(child.collect(), 7U);
+}
+
+TEST_F(ChildProcessTest, ACrashIsNoSuccess) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildCrash));
+  child.close_input();
+  EXPECT_EQ(read_all(child), "a whole reply\n");
+  EXPECT_NE(finish(child), 0U);
+}
+
+TEST_F(ChildProcessTest, TerminationGivesItsExitCode) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildHang));
+  char ready[6];
+  ASSERT_EQ(child.read_output(ready, sizeof ready), 6U);
+  child.terminate(kCancelledExitCode);
+  EXPECT_EQ(read_all(child), "");
+  EXPECT_EQ(finish(child), 1223U);
+}
+
+TEST_F(ChildProcessTest, TerminationRightAfterTheStart) {
+  for (int round = 0; round < 5; ++round) {
+    ChildProcess child;
+    ASSERT_TRUE(child.start(testing::kChildHang));
+    child.terminate(kCancelledExitCode);
+    child.write_input("a message\n");
+    child.close_input();
+    static_cast<void>(read_all(child));
+    EXPECT_EQ(finish(child), 1223U);
+  }
+}
+
+TEST_F(ChildProcessTest, TerminationByAnotherThread) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildHang));
+  std::thread other([&child] { child.terminate(kCancelledExitCode); });
+  static_cast<void>(read_all(child));
+  other.join();
+  EXPECT_EQ(finish(child), 1223U);
+}
+
+TEST_F(ChildProcessTest, AnEndedChildKeepsItsExitCode) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildExit7));
+  child.wait();
+  child.terminate(kCancelledExitCode);
+  EXPECT_EQ(child.collect(), 7U);
+}
+
+TEST_F(ChildProcessTest, LongOutputComesWhole) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildLong));
+  child.close_input();
+  EXPECT_EQ(read_all(child).size(), 3000000U);
+  EXPECT_EQ(finish(child), 0U);
+}
+
+TEST_F(ChildProcessTest, InheritsNothingButItsStreams) {
+  const testing::TemporaryDirectory directory;
+  ASSERT_TRUE(testing::open_inheritable_file(directory.file("inheritable").c_str()));
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildHandles));
+  child.close_input();
+  EXPECT_EQ(read_all(child), "none\n");
+  EXPECT_EQ(finish(child), 0U);
+}
+
+// A sibling that held the write end of another one's pipe would keep its output from ending.
+TEST_F(ChildProcessTest, ChildrenStartedTogetherHoldNoPipesOfEachOther) {
+  ChildProcess lasting;
+  std::array<ChildProcess, 4> short_lived;
+  std::array<std::string, 4> outputs;
+  std::array<std::thread, 4> threads;
+  for (std::size_t i = 0; i < threads.size(); ++i) {
+    threads[i] = std::thread([&child = short_lived[i], &output = outputs[i]] {
+      if (!child.start(testing::kChildEcho)) return;
+      child.write_input("x\n");
+      child.close_input();
+      output = read_all(child);
+      static_cast<void>(finish(child));
+    });
+  }
+  ASSERT_TRUE(lasting.start(testing::kChildHang));
+  for (std::thread& thread : threads) thread.join();
+  for (const std::string& output : outputs) EXPECT_EQ(output, "x\n");
+  lasting.terminate(kCancelledExitCode);
+  EXPECT_EQ(finish(lasting), 1223U);
+}
+
+}  // namespace
+}  // namespace kova

@@ -1,0 +1,117 @@
+#include "platform/thread.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+
+#include "platform/clock.h"
+
+namespace kova {
+namespace {
+
+struct Gate {
+  std::atomic<bool> entered{false};
+  std::atomic<bool> open{false};
+  std::atomic<bool> left{false};
+};
+
+void* pass_gate(void* argument) {
+  auto& gate = *static_cast<Gate*>(argument);
+  gate.entered = true;
+  while (!gate.open) yield_thread();
+  gate.left = true;
+  return nullptr;
+}
+
+TEST(Thread, NothingToJoin) {
+  Thread thread;
+  EXPECT_FALSE(thread.joinable());
+  EXPECT_TRUE(thread.join_within(0));
+  EXPECT_TRUE(thread.join_within(1000));
+  thread.join();
+  EXPECT_FALSE(thread.joinable());
+}
+
+TEST(Thread, JoinWithinWaitsAsLongAsItMay) {
+  Gate gate;
+  Thread thread;
+  ASSERT_TRUE(thread.start(pass_gate, &gate));
+  EXPECT_TRUE(thread.joinable());
+  EXPECT_FALSE(thread.join_within(0));
+  const std::uint64_t start = tick_ms();
+  EXPECT_FALSE(thread.join_within(60));
+  EXPECT_GE(tick_ms() - start + 20, 60U);
+  EXPECT_TRUE(thread.joinable());
+  EXPECT_FALSE(gate.left);
+  gate.open = true;
+  EXPECT_TRUE(thread.join_within(60000));
+  EXPECT_TRUE(gate.left);
+  EXPECT_FALSE(thread.joinable());
+  EXPECT_TRUE(thread.join_within(0));
+}
+
+TEST(Thread, AnEndedThreadIsFoundByPolling) {
+  Gate gate;
+  gate.open = true;
+  Thread thread;
+  ASSERT_TRUE(thread.start(pass_gate, &gate));
+  bool joined = false;
+  for (int i = 0; i < 100000 && !joined; ++i) {
+    joined = thread.join_within(0);
+    if (!joined) yield_thread();
+  }
+  EXPECT_TRUE(joined);
+}
+
+TEST(Thread, TheObjectIsUsedAgain) {
+  Thread thread;
+  for (int round = 0; round < 20; ++round) {
+    Gate gate;
+    gate.open = true;
+    ASSERT_TRUE(thread.start(pass_gate, &gate));
+    if (round % 2 == 0) {
+      thread.join();
+    } else {
+      ASSERT_TRUE(thread.join_within(60000));
+    }
+    EXPECT_TRUE(gate.left);
+    EXPECT_FALSE(thread.joinable());
+  }
+}
+
+TEST(Thread, DestructionJoins) {
+  Gate gate;
+  {
+    Thread thread;
+    ASSERT_TRUE(thread.start(pass_gate, &gate));
+    gate.open = true;
+  }
+  EXPECT_TRUE(gate.left);
+}
+
+struct Counter {
+  SpinLock lock;
+  long plain = 0;
+};
+
+void* count_up(void* argument) {
+  auto& counter = *static_cast<Counter*>(argument);
+  for (int i = 0; i < 20000; ++i) {
+    const SpinGuard guard(counter.lock);
+    ++counter.plain;
+  }
+  return nullptr;
+}
+
+TEST(SpinLock, OneHolderAtATime) {
+  Counter counter;
+  {
+    std::array<Thread, 4> threads;
+    for (Thread& thread : threads) ASSERT_TRUE(thread.start(count_up, &counter));
+  }
+  EXPECT_EQ(counter.plain, 80000);
+}
+
+}  // namespace
+}  // namespace kova
