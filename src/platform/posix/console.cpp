@@ -1,6 +1,7 @@
 #include "platform/console.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,10 +11,19 @@ namespace kova {
 
 namespace {
 
+/// Whether the transfer that failed is to be tried again. Whoever shares a stream with this process
+/// may have made it non-blocking; it is waited for then.
+bool can_retry(int descriptor, short event) {
+  if (errno == EINTR) return true;
+  if (errno != EAGAIN) return false;
+  pollfd entry{.fd = descriptor, .events = event, .revents = 0};
+  return ::poll(&entry, 1, -1) > 0 || errno == EINTR;
+}
+
 void write_all(int descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && can_retry(descriptor, POLLOUT)) continue;
     if (written <= 0) return;
     bytes.remove_prefix(static_cast<std::size_t>(written));
   }
@@ -35,7 +45,7 @@ std::size_t read_stdin(char* data, std::size_t size) {
   for (;;) {
     const ssize_t got = ::read(STDIN_FILENO, data, size);
     if (got >= 0) return static_cast<std::size_t>(got);
-    if (errno != EINTR) return 0;
+    if (!can_retry(STDIN_FILENO, POLLIN)) return 0;
   }
 }
 

@@ -25,6 +25,15 @@ int open_file(const char* path, int flags, mode_t mode) {
   return ::open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode);
 }
 
+// A full disk may take a part of the record; that part is taken back. The file is locked and only
+// ever appended to, so the part is its end.
+void write_whole_or_nothing(int descriptor, std::string_view record) {
+  const ssize_t written = ::write(descriptor, record.data(), record.size());
+  if (written <= 0 || static_cast<std::size_t>(written) == record.size()) return;
+  const off_t end = ::lseek(descriptor, 0, SEEK_END);
+  static_cast<void>(::ftruncate(descriptor, end - written) == 0);
+}
+
 }  // namespace
 
 bool is_canonical_path(const char* path) {
@@ -78,8 +87,8 @@ bool InputFile::read(char* data, std::size_t size) {
 void append_record(const char* path, std::string_view record) {
   const int descriptor = open_file(path, O_WRONLY | O_APPEND | O_CREAT, 0600);
   if (descriptor < 0) return;
-  if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0 &&
-      ::write(descriptor, record.data(), record.size()) > 0) {
+  if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+    write_whole_or_nothing(descriptor, record);
     ::fdatasync(descriptor);
   }
   ::close(descriptor);
