@@ -2,7 +2,8 @@
 
     /usr/bin/python3 -m pytest tests/e2e --target linux|windows [--build-dir DIR] [-n 2]
 
-The build folder is build/<target>, the Wine prefix $WINEPREFIX or build/wineprefix.
+The tests stand first on the command line. The build folder is build/<target>, the Wine prefix
+$WINEPREFIX or build/wineprefix.
 """
 
 from __future__ import annotations

@@ -10,7 +10,7 @@ from kova import Target
 
 DEFAULT: dict[str, Any] = {
     "version": 1,
-    "name": "sales-read",
+    "name": "sales_read",
     "client_id": "desk-client",
     "database": "SALES",
     "database_user": "reader",
