@@ -9,7 +9,10 @@
 namespace kova::testing {
 
 void end_quietly_after_a_crash() {
-  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+  SetUnhandledExceptionFilter([](EXCEPTION_POINTERS* exception) -> LONG {
+    TerminateProcess(GetCurrentProcess(), exception->ExceptionRecord->ExceptionCode);
+    return EXCEPTION_CONTINUE_SEARCH;
+  });
 }
 
 void crash_now() {
@@ -24,21 +27,36 @@ bool open_inheritable_file(const char* path) {
   return file != INVALID_HANDLE_VALUE;
 }
 
-// Handles of files, pipes and devices among the numbers that a small process uses; the system's own
-// objects (events, keys, threads) are no files.
+namespace {
+
+bool is_standard_stream(HANDLE handle) {
+  return handle == GetStdHandle(STD_INPUT_HANDLE) || handle == GetStdHandle(STD_OUTPUT_HANDLE) ||
+         handle == GetStdHandle(STD_ERROR_HANDLE);
+}
+
+// Not the current directory, which every process holds open, nor the system's own objects (events,
+// keys, threads).
+bool is_file_or_pipe(HANDLE handle) {
+  DWORD flags = 0;
+  if (!GetHandleInformation(handle, &flags)) return false;
+  const DWORD type = GetFileType(handle);
+  BY_HANDLE_FILE_INFORMATION information;
+  const bool is_directory = GetFileInformationByHandle(handle, &information) &&
+                            (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  return (type == FILE_TYPE_DISK && !is_directory) || type == FILE_TYPE_PIPE;
+}
+
+}  // namespace
+
 void report_handles() {
+  // A small process uses low numbers.
   constexpr ULONG_PTR kHighest = 4096;
   std::string report;
   for (ULONG_PTR value = 4; value < kHighest; value += 4) {
     const HANDLE handle = reinterpret_cast<HANDLE>(value);
-    if (handle == GetStdHandle(STD_INPUT_HANDLE) || handle == GetStdHandle(STD_OUTPUT_HANDLE) ||
-        handle == GetStdHandle(STD_ERROR_HANDLE)) {
-      continue;
+    if (is_file_or_pipe(handle) && !is_standard_stream(handle)) {
+      report += std::to_string(value) + "\n";
     }
-    DWORD flags = 0;
-    if (!GetHandleInformation(handle, &flags)) continue;
-    const DWORD type = GetFileType(handle);
-    if (type == FILE_TYPE_DISK || type == FILE_TYPE_PIPE) report += std::to_string(value) + "\n";
   }
   write_stdout(report.empty() ? "none\n" : report);
 }

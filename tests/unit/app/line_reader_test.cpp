@@ -136,8 +136,7 @@ TEST(LineReader, PiecesAtTheLimit) {
         const std::vector<Piece> seen = read_all(reader);
         const std::vector<Piece> wanted = wanted_pieces(text);
         ASSERT_EQ(seen.size(), wanted.size());
-        for (std::size_t i = 0; i < seen.size(); ++i)
-          EXPECT_TRUE(seen[i] == wanted[i]) << i;
+        for (std::size_t i = 0; i < seen.size(); ++i) EXPECT_TRUE(seen[i] == wanted[i]) << i;
       }
     }
   }
@@ -168,8 +167,7 @@ TEST(LineReader, AnswersFalseAgainAndAgainAtTheEnd) {
   Reader reader("x\n", {100});
   Line line;
   EXPECT_TRUE(reader.lines().next(line));
-  for (int i = 0; i < 3; ++i)
-    EXPECT_FALSE(reader.lines().next(line));
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(reader.lines().next(line));
   reader.lines().discard_line();
   EXPECT_FALSE(reader.lines().next(line));
 }
@@ -236,11 +234,9 @@ TEST(LineReader, ALineFeedRightAfterAFullPieceIsDiscarded) {
 // being lost.
 TEST(LineReader, ManyLines) {
   std::string text;
-  for (int i = 0; i < 5000; ++i)
-    text += "line " + std::to_string(i) + "\n";
+  for (int i = 0; i < 5000; ++i) text += "line " + std::to_string(i) + "\n";
   text += std::string(kMessageLimit, 'x') + "\n";
-  for (int i = 0; i < 5000; ++i)
-    text += std::string(static_cast<std::size_t>(i % 50), 'y') + "\n";
+  for (int i = 0; i < 5000; ++i) text += std::string(static_cast<std::size_t>(i % 50), 'y') + "\n";
   for (const std::vector<std::size_t>& blocks :
        std::vector<std::vector<std::size_t>>{{1U << 30}, {65536}, {1021}, {1, 65535}}) {
     SCOPED_TRACE(blocks[0]);

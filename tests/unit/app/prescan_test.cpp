@@ -109,8 +109,7 @@ TEST(Prescan, IdsOfNinetyNineCharacters) {
   }
   // Heavily escaped: 15 bytes when decoded, but 92 or 104 characters as received.
   std::string escaped;
-  for (int i = 0; i < 15; ++i)
-    escaped += "\\u0041";
+  for (int i = 0; i < 15; ++i) escaped += "\\u0041";
   check({call("\"" + escaped + "\""), true, false, "\"" + escaped + "\"", ""});
   check({call("\"" + escaped + "\\u0041\\u0041\""), false, false, "", ""});
 }
@@ -175,8 +174,7 @@ TEST(Prescan, TokenCapacity) {
   // The message around the array has 7 tokens.
   const auto with_elements = [](int count) {
     std::string text = R"({"id":1,"method":"tools/call","x":[)";
-    for (int i = 0; i < count; ++i)
-      text += i == 0 ? "0" : ",0";
+    for (int i = 0; i < count; ++i) text += i == 0 ? "0" : ",0";
     return text + "]}";
   };
   check({with_elements(4096 - 7), true, false, "1", ""});
