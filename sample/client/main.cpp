@@ -163,8 +163,7 @@ bool Client::run(const std::string& statement) {
   print("status: " + std::string(operations_.status(object_)) + "\n");
   if (operations_.field_count(object_) == 0) return true;
   print_line(operations_.field_name);
-  while (operations_.next(object_) != 0)
-    print_line(operations_.data_by_fno);
+  while (operations_.next(object_) != 0) print_line(operations_.data_by_fno);
   return true;
 }
 
@@ -202,7 +201,6 @@ int main(int count, char** arguments) {
   if (!client.open()) return kFailed;
   bool succeeded = true;
   if (count == 1) succeeded = run_input(client);
-  for (int i = 1; i < count; ++i)
-    succeeded = client.run(arguments[i]) && succeeded;
+  for (int i = 1; i < count; ++i) succeeded = client.run(arguments[i]) && succeeded;
   return succeeded ? 0 : kFailed;
 }

@@ -17,10 +17,8 @@ struct Statement {
 };
 
 std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && is_space(text.front()))
-    text.remove_prefix(1);
-  while (!text.empty() && is_space(text.back()))
-    text.remove_suffix(1);
+  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
   return text;
 }
 
@@ -33,8 +31,7 @@ std::string_view unterminated(std::string_view statement) {
 
 // Takes the word that `text` begins with, and the white space before it; empty when there is none.
 std::string_view take_word(std::string_view& text) {
-  while (!text.empty() && is_space(text.front()))
-    text.remove_prefix(1);
+  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
   const auto end = std::find_if_not(text.begin(), text.end(), is_word_byte);
   const std::string_view word = text.substr(0, static_cast<std::size_t>(end - text.begin()));
   text.remove_prefix(word.size());

@@ -81,6 +81,8 @@ void Server::run() {
     reap();
     if (entries[1].revents != 0) accept_client();
   }
+  signalfd_siginfo taken{};
+  static_cast<void>(::read(signals_, &taken, sizeof taken) == sizeof taken);
   stop_clients();
 }
 
@@ -141,8 +143,7 @@ void Server::reap() {
 
 void Server::stop_clients() {
   stopping_ = true;
-  for (const Connection& connection : connections_)
-    ::shutdown(connection.socket, SHUT_RDWR);
+  for (const Connection& connection : connections_) ::shutdown(connection.socket, SHUT_RDWR);
   for (Connection& connection : connections_) {
     connection.thread.join();
     ::close(connection.socket);

@@ -48,8 +48,7 @@ bool may_drop(int action, const char* table, const char* database) {
 }
 
 bool only_separators(const char* tail, const char* end) {
-  while (tail < end && (is_space(*tail) || *tail == ';'))
-    ++tail;
+  while (tail < end && (is_space(*tail) || *tail == ';')) ++tail;
   return tail >= end;
 }
 

@@ -1,5 +1,7 @@
 #include "kovadll/connection.h"
 
+#include "base/secret.h"
+
 namespace kova::sample {
 
 namespace {
@@ -41,12 +43,19 @@ bool Connection::greet() {
 bool Connection::exchange(wire::FrameWriter& request, wire::Type expected, Payload& payload,
                           std::string& error) {
   const std::lock_guard guard(mutex_);
-  const std::string_view frame = request.finish();
   error = kLost;
-  connected_ = connected_ && socket_.send_all(frame.data(), frame.size()) &&
-               receive(expected, payload, error);
+  connected_ = connected_ && send(request.finish()) && receive(expected, payload, error);
   if (!connected_) socket_.close();
   return connected_;
+}
+
+bool Connection::send(std::string_view frame) {
+  if (releases_.empty()) return socket_.send_all(frame.data(), frame.size());
+  releases_ += frame;
+  const bool sent = socket_.send_all(releases_.data(), releases_.size());
+  wipe(releases_.data(), releases_.size());
+  releases_.clear();
+  return sent;
 }
 
 bool Connection::receive(wire::Type expected, Payload& payload, std::string& error) {
@@ -64,10 +73,11 @@ bool Connection::receive(wire::Type expected, Payload& payload, std::string& err
   return header.type == expected;
 }
 
-void Connection::send(wire::FrameWriter& request) {
+void Connection::release(std::uint32_t object) {
   const std::lock_guard guard(mutex_);
-  const std::string_view frame = request.finish();
-  connected_ = connected_ && socket_.send_all(frame.data(), frame.size());
+  wire::FrameWriter request(wire::Type::kRelease);
+  request.u32(object);
+  releases_ += request.finish();
 }
 
 void Connection::close() {

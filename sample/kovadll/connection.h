@@ -27,8 +27,9 @@ class Connection {
   /// connection is lost; `error` says why.
   [[nodiscard]] bool exchange(wire::FrameWriter& request, wire::Type expected, Payload& payload,
                               std::string& error);
-  /// Sends what has no reply.
-  void send(wire::FrameWriter& request);
+  /// Has the engine forget an object. That goes out with the next exchange: two writes in a row
+  /// would have the second one wait for the first one's acknowledgement.
+  void release(std::uint32_t object);
   void close();
 
   [[nodiscard]] std::uint32_t new_object_number();
@@ -36,11 +37,13 @@ class Connection {
  private:
   [[nodiscard]] bool connect(const char* host, const char* port);
   [[nodiscard]] bool greet();
+  [[nodiscard]] bool send(std::string_view frame);
   [[nodiscard]] bool receive(wire::Type expected, Payload& payload, std::string& error);
 
   std::mutex mutex_;
   Socket socket_;
   bool connected_ = false;
+  std::string releases_;  ///< frames that wait for the next exchange
   std::uint32_t objects_ = 0;
 };
 

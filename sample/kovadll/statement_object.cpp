@@ -19,10 +19,7 @@ StatementObject::StatementObject(std::shared_ptr<Connection> connection)
     : connection_(std::move(connection)), number_(connection_->new_object_number()) {}
 
 StatementObject::~StatementObject() {
-  if (!known_to_engine_) return;
-  wire::FrameWriter request(wire::Type::kRelease);
-  request.u32(number_);
-  connection_->send(request);
+  if (known_to_engine_) connection_->release(number_);
 }
 
 void StatementObject::forget_result() {

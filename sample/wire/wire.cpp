@@ -27,8 +27,7 @@ FrameWriter::FrameWriter(Type type) : bytes_(kHeaderSize, '\0') {
 }
 
 void FrameWriter::put(std::size_t at, std::uint64_t value, std::size_t size) {
-  for (std::size_t i = size; i-- > 0; value >>= 8)
-    bytes_[at + i] = static_cast<char>(value & 0xFF);
+  for (std::size_t i = size; i-- > 0; value >>= 8) bytes_[at + i] = static_cast<char>(value & 0xFF);
 }
 
 void FrameWriter::u16(std::uint16_t value) {
