@@ -1,0 +1,94 @@
+#!/usr/bin/python3
+"""Plays a client session with the server on the sample database, or serves it to a client.
+
+    session.py linux|windows    the session, with the Linux or the Windows executable
+    session.py serve            the server on this process's standard streams
+"""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+
+import session_acts
+from session_acts import ACTS, Stage
+from session_client import Client, SessionFailure
+from session_sample import (STATE, Engine, Processes, Target, all_processes, prepare,
+                            wait_until_gone)
+from session_view import View, standard_view
+
+INTERRUPTED = 130
+GONE_TIMEOUT = 5.0
+
+
+def play(target: Target, view: View, processes: Processes) -> session_acts.Tally:
+    prepare(target, view, processes)
+    engine = Engine(target.name, processes)
+    environment = target.environment(engine.profile(target))
+    audit_start = engine.audit_file.stat().st_size if engine.audit_file.exists() else 0
+    view.line(f"Server: {target.executable}", "dim")
+    view.line(f"Sample engine: 127.0.0.1:{engine.port}, databases in {STATE / 'data'}", "dim")
+    server = processes.start(target.command(), environment, stdin=subprocess.PIPE,
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    stage = Stage(view, target, engine, processes, Client(server), environment, audit_start)
+    for number, act in enumerate(ACTS, 1):
+        view.heading(f"{number}. {act.title}")
+        act.play(stage)
+    if stage.client.close() != 0:
+        raise SessionFailure(f"the server ends with exit code {server.returncode}")
+    return stage.tally
+
+
+def serve(view: View, processes: Processes) -> int:
+    """The server has this process's standard input and output; everything else is on error."""
+    target = Target("linux")
+    prepare(target, view, processes)
+    engine = Engine("serve", processes)
+    debug = {name: value for name, value in os.environ.items() if name == "KOVA_MCP_DEBUG"}
+    environment = target.environment(engine.profile(target) | debug)
+    view.line(f"Serving the sample database on standard input and output; audit file"
+              f" {engine.audit_file}", "dim")
+    server = processes.start(target.command(), environment)
+    return server.wait()
+
+
+def run(mode: str, view: View) -> int:
+    if mode == "serve":
+        with all_processes() as processes:
+            return serve(view, processes)
+    with all_processes() as processes:
+        tally = play(Target(mode), view, processes)
+    left = wait_until_gone(processes, GONE_TIMEOUT)
+    if left:
+        raise SessionFailure(f"still running: {', '.join(left)}")
+    view.line()
+    view.line(f"Session complete on {mode}: {tally.answered} requests answered, {tally.refused} calls"
+              f" refused as the policy wants it, {tally.cancelled} cancelled; nothing is left"
+              " running.", "bold")
+    return 0
+
+
+def main(arguments: list[str]) -> int:
+    if arguments not in (["linux"], ["windows"], ["serve"]):
+        print("session.py: expected linux, windows or serve", file=sys.stderr)
+        return 2
+    view = standard_view(sys.stderr if arguments == ["serve"] else sys.stdout)
+    try:
+        return run(arguments[0], view)
+    except SessionFailure as failure:
+        view.line()
+        view.line(f"./run failed: {failure}", "red")
+        return 1
+    except KeyboardInterrupt:
+        view.line()
+        view.line("./run: interrupted; nothing is left running.")
+        return INTERRUPTED
+    except BrokenPipeError:
+        # Nobody reads any more; the interpreter's last flush goes nowhere.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,117 @@
+#!/bin/bash
+# Installs what building, running and testing need, and nothing that is there already.
+set -euo pipefail
+
+readonly -a BUILD=(g++ cmake ninja-build libsqlite3-dev python3)
+readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
+readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
+  clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev jq)
+readonly NODE_LEAST=18
+
+interop="$(dirname "$(readlink -f "$0")")/../tests/interop"
+readonly interop
+
+usage() {
+  cat <<EOF
+usage: scripts/setup.sh GROUP...
+
+Installs the Debian packages of the groups that are missing; says so before it does. Without root
+it prints the one command that installs them, and ends with exit code 1.
+
+  build    compilers and libraries for the Linux server and the sample engine
+  windows  the cross compiler and Wine
+  test     what ./test needs beside both, Node.js (any from version $NODE_LEAST on) included, and
+           the packages that tests/interop/package-lock.json pins
+  index    Debian's package index, which the sample data is made from
+EOF
+}
+
+refuse() {
+  echo "setup.sh: $1" >&2
+  exit 2
+}
+
+# Node.js of any origin will do.
+node_is_there() {
+  local version
+  command -v npm >/dev/null || return 1
+  version=$(node --version 2>/dev/null) || return 1
+  version=${version#v}
+  ((${version%%.*} >= NODE_LEAST))
+}
+
+index_is_there() {
+  compgen -G '/var/lib/apt/lists/*_Packages*' >/dev/null
+}
+
+# Prints those of the given packages that are not installed, in one call that takes milliseconds.
+missing_of() {
+  local package
+  local -A installed=()
+  while read -r package; do
+    installed[$package]=1
+  done < <(dpkg-query --show --showformat='${db:Status-Status} ${Package}\n' "$@" 2>/dev/null |
+    sed -n 's/^installed //p')
+  for package in "$@"; do
+    [[ -n ${installed[$package]-} ]] || echo "$package"
+  done
+}
+
+run_as_root() {
+  if ((EUID != 0)); then
+    echo "As root, run:" >&2
+    echo "  $1" >&2
+    exit 1
+  fi
+  DEBIAN_FRONTEND=noninteractive bash -c "$1" >&2
+}
+
+install_packages() {
+  local -a missing
+  mapfile -t missing < <(missing_of "$@")
+  ((${#missing[@]} > 0)) || return 0
+  echo "Debian packages to install: ${missing[*]}" >&2
+  run_as_root "apt-get update && apt-get install -y --no-install-recommends ${missing[*]}"
+}
+
+fetch_index() {
+  ! index_is_there || return 0
+  echo "Debian's package index is missing; it is fetched for the sample data." >&2
+  run_as_root 'apt-get update'
+}
+
+install_node_packages() {
+  local pinned=$interop/package-lock.json
+  local installed=$interop/node_modules/.package-lock.json
+  [[ ! $installed -nt $pinned ]] || return 0
+  echo "Node.js packages to install in tests/interop: those that package-lock.json pins" >&2
+  (cd "$interop" && npm ci --no-audit --no-fund --loglevel=error) >&2
+}
+
+main() {
+  local group index='' test=''
+  local -a packages=()
+  (($# > 0)) || refuse 'which group? try --help'
+  for group in "$@"; do
+    case $group in
+      --help)
+        usage
+        return
+        ;;
+      build) packages+=("${BUILD[@]}") ;;
+      windows) packages+=("${WINDOWS[@]}") ;;
+      test)
+        packages+=("${TEST[@]}")
+        test=1
+        ;;
+      index) index=1 ;;
+      *) refuse "unknown group $group; try --help" ;;
+    esac
+  done
+  [[ -z $test ]] || node_is_there || packages+=(nodejs npm)
+  ((${#packages[@]} == 0)) || install_packages "${packages[@]}"
+  [[ -z $index ]] || fetch_index
+  [[ -z $test ]] || install_node_packages
+}
+
+main "$@"
