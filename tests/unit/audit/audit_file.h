@@ -46,8 +46,7 @@ class AuditFile : public ::testing::Test {
 
 inline int lines_in(std::string_view text) {
   int lines = 0;
-  for (const char c : text)
-    lines += c == '\n';
+  for (const char c : text) lines += c == '\n';
   return lines;
 }
 

@@ -67,8 +67,7 @@ class PolicyDocument {
   }
   [[nodiscard]] std::vector<std::string> keys() const {
     std::vector<std::string> keys;
-    for (const auto& member : members_)
-      keys.push_back(member.first);
+    for (const auto& member : members_) keys.push_back(member.first);
     return keys;
   }
 
@@ -169,8 +168,7 @@ inline constexpr std::string_view kDirectoryMissingMessage =
 
 inline void fill(NameList& list, std::initializer_list<std::string_view> names) {
   list.count = 0;
-  for (const std::string_view name : names)
-    TextOut(list.names[list.count++]).copy_cut(name);
+  for (const std::string_view name : names) TextOut(list.names[list.count++]).copy_cut(name);
 }
 
 /// A loaded record: reads on, ORDERS and items readable, SSN denied, DOCS searchable, LOG

@@ -111,8 +111,7 @@ TEST_F(PolicyLoading, AnEmptyObjectLacksItsIdentity) {
 
 TEST_F(PolicyLoading, ManyUnknownKeysAreRefused) {
   PolicyDocument document;
-  for (int i = 0; i < 40; ++i)
-    document.add("k" + std::to_string(i), "1");
+  for (int i = 0; i < 40; ++i) document.add("k" + std::to_string(i), "1");
   expect_refused(document, kSchemaMessage);
 }
 

@@ -123,8 +123,7 @@ TEST_F(PolicyLoading, APathThatIsNotCanonicalIsRefused) {
   const char separator = path[folder.path().size()];
   const auto joined = [&](std::initializer_list<std::string_view> parts) {
     std::string text = folder.path();
-    for (const std::string_view part : parts)
-      (text += separator) += part;
+    for (const std::string_view part : parts) (text += separator) += part;
     return text;
   };
   const std::string folder_name = folder.path().substr(folder.path().rfind(separator) + 1);
@@ -225,8 +224,7 @@ TEST_F(PolicyLoading, TheTextHasAtMost1024Tokens) {
   // The object, its keys and its values are 33 tokens.
   const auto with_elements = [&](int count) {
     std::string array = "[";
-    for (int i = 0; i < count; ++i)
-      array += i == 0 ? "0" : ",0";
+    for (int i = 0; i < count; ++i) array += i == 0 ? "0" : ",0";
     return PolicyDocument(document).set("version", array + "]");
   };
   expect_refused(with_elements(1024 - 33), kIdentityMessage);

@@ -279,8 +279,7 @@ TEST_F(PolicyLoading, TheApprovalDirectoryIsATextOfUpTo511Characters) {
                  kDirectoryRequiredMessage);
   // 511 characters after unescaping.
   std::string escapes;
-  for (int i = 0; i < 511; ++i)
-    escapes += "\\u006e";
+  for (int i = 0; i < 511; ++i) escapes += "\\u006e";
   expect_loaded(PolicyDocument().set("approval_state_directory", "\"" + escapes + "\""));
   EXPECT_EQ(policy->approval_state_directory, std::string(511, 'n'));
   expect_refused(PolicyDocument().set("approval_state_directory", "\"" + escapes + "n\""),

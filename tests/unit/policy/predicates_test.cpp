@@ -41,8 +41,7 @@ TEST(PolicyEnvFlag, IsReadAtEachCall) {
 TEST(PolicySafeName, IsOneTo63LettersDigitsAndUnderscores) {
   for (const char* name : {"a", "Z", "0", "9", "_", "9lives", "A_z09", "__", "select"})
     EXPECT_TRUE(policy_safe_name(name)) << name;
-  for (const char* name : kUnsafeNames)
-    EXPECT_FALSE(policy_safe_name(name)) << name;
+  for (const char* name : kUnsafeNames) EXPECT_FALSE(policy_safe_name(name)) << name;
   EXPECT_TRUE(policy_safe_name(std::string(63, 'n')));
   EXPECT_FALSE(policy_safe_name(std::string(64, 'n')));
   EXPECT_FALSE(policy_safe_name(std::string_view("a\0b", 3)));
@@ -153,8 +152,7 @@ TEST(PolicyPredicates, RefuseEveryUnsafeName) {
       EXPECT_FALSE(policy_collection_allowed(*policy, name)) << name;
     }
   };
-  for (const char* name : kUnsafeNames)
-    refuse_all(name);
+  for (const char* name : kUnsafeNames) refuse_all(name);
   refuse_all(long_name);
 }
 

@@ -53,8 +53,7 @@ struct Row {
 
 template <std::size_t N>
 void expect_verdicts(const McpPolicy& policy, const Row (&rows)[N]) {
-  for (const Row& row : rows)
-    EXPECT_EQ(verdict(policy, row.sql), row.message) << row.sql;
+  for (const Row& row : rows) EXPECT_EQ(verdict(policy, row.sql), row.message) << row.sql;
 }
 
 TEST(SelectValidator, AnInvalidPolicyRefusesEverything) {

@@ -71,8 +71,7 @@ class FullListener {
     }
   }
   ~FullListener() {
-    for (const int connection : waiting_)
-      close(connection);
+    for (const int connection : waiting_) close(connection);
     close(socket_);
   }
   FullListener(const FullListener&) = delete;

@@ -11,8 +11,7 @@ namespace kova::testing {
 namespace {
 
 std::string in_other_case(std::string text) {
-  for (char& c : text)
-    c = is_upper(c) ? to_lower(c) : to_upper(c);
+  for (char& c : text) c = is_upper(c) ? to_lower(c) : to_upper(c);
   return text;
 }
 
