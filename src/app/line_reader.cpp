@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/text.h"
+
 namespace kova {
 
 namespace {

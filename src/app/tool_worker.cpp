@@ -30,9 +30,16 @@ struct Reply {
   std::size_t length = 0;
 };
 
-void publish(ToolState& state, ChildProcess* child) {
+/// Lets a cancel reach the child. A cancel that came before found none, so it is carried out here.
+void publish(ToolState& state, ChildProcess& child) {
   const SpinGuard guard(state.worker_process_lock);
-  state.WorkerProcess = child;
+  state.WorkerProcess = &child;
+  if (state.CancelRequested.load() != 0) child.terminate(kCancelledExitCode);
+}
+
+void withdraw(ToolState& state) {
+  const SpinGuard guard(state.worker_process_lock);
+  state.WorkerProcess = nullptr;
 }
 
 /// Reads the whole output; what the reply does not hold is read too, so that the child can end.
@@ -52,14 +59,12 @@ void read_reply(ChildProcess& child, Reply& reply) {
 std::uint32_t run_child(const ToolJob& job, ToolState& state, Reply& reply) {
   ChildProcess child;
   if (!child.start("--tool-worker")) return kNeverRan;
-  publish(state, &child);
-  // A cancel that came before the process was published found none to end.
-  if (state.CancelRequested.load() != 0) child.terminate(kCancelledExitCode);
+  publish(state, child);
   child.write_input({job.message, job.message_length + 1U});
   child.close_input();
   read_reply(child, reply);
   child.wait();
-  publish(state, nullptr);
+  withdraw(state);
   return child.collect();
 }
 

@@ -16,7 +16,7 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kMessageCapacity = 256;
-/// A statement of the largest size, the ";" that may be added, and the terminator.
+/// A statement of the largest size, its ";" included, and the terminator.
 constexpr std::size_t kSqlCapacity = kStatementLimit + 1;
 
 constexpr std::string_view kBadArguments =

@@ -56,12 +56,17 @@ int above_standard(std::intptr_t descriptor) {
 
 // Runs between vfork and exec, in the parent's memory: system calls only.
 [[noreturn]] void become_child(const char* path, char* const* arguments, int input, int output,
-                               pid_t parent) {
+                               pid_t parent, int descriptor_limit) {
   // A parent that ended before the signal was asked for sends none.
   if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(1);
   if (::dup2(input, STDIN_FILENO) < 0 || ::dup2(output, STDOUT_FILENO) < 0) ::_exit(1);
-  // Covers what this process itself was given beside its standard streams.
-  if (::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) ::_exit(1);
+  // Covers what this process itself was given beside its standard streams. Older systems, and some
+  // containers, do not know the call.
+  if (::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
+    for (int other = STDERR_FILENO + 1; other < descriptor_limit; ++other) {
+      ::fcntl(other, F_SETFD, FD_CLOEXEC);
+    }
+  }
   ::execve(path, arguments, environ);
   ::_exit(1);
 }
@@ -82,11 +87,13 @@ bool ChildProcess::start(const char* argument) {
   const int child_output = above_standard(output.write_end);
   const char* const arguments[] = {path, argument, nullptr};
   const pid_t parent = ::getpid();
+  const int descriptor_limit = static_cast<int>(::sysconf(_SC_OPEN_MAX));
   pid_t child = -1;
   if (child_input >= 0 && child_output >= 0) {
     child = ::vfork();
     if (child == 0) {
-      become_child(path, const_cast<char* const*>(arguments), child_input, child_output, parent);
+      become_child(path, const_cast<char* const*>(arguments), child_input, child_output, parent,
+                   descriptor_limit);
     }
   }
   if (child_input >= 0) ::close(child_input);
