@@ -1,7 +1,9 @@
 #include "db/session.h"
 
+#include <algorithm>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "base/secret.h"
 #include "base/text.h"
 #include "platform/environment.h"
@@ -13,6 +15,7 @@ namespace {
 
 constexpr std::size_t kServerLimit = 253;
 constexpr std::size_t kPortLimit = 5;
+constexpr int kLargestPort = 65535;
 constexpr std::size_t kNameLimit = 63;
 constexpr std::size_t kPasswordLimit = 255;
 constexpr std::size_t kUseCapacity = 160;
@@ -37,9 +40,17 @@ bool fits(std::string_view text, std::size_t limit, std::string_view forbidden) 
   return !text.empty() && text.size() <= limit && text.find_first_of(forbidden) == text.npos;
 }
 
+/// A whole decimal number: what a resolver would make of another text is not the operator's choice.
+bool is_port(std::string_view text) {
+  if (!fits(text, kPortLimit, {}) || !std::all_of(text.begin(), text.end(), is_digit)) return false;
+  int number = 0;
+  for (const char digit : text) number = number * 10 + (digit - '0');
+  return number >= 1 && number <= kLargestPort;
+}
+
 bool is_acceptable(const Profile& profile) {
-  return fits(profile.server.view(), kServerLimit, {}) &&
-         fits(profile.port.view(), kPortLimit, {}) && fits(profile.user.view(), kNameLimit, ",;") &&
+  return fits(profile.server.view(), kServerLimit, {}) && is_port(profile.port.view()) &&
+         fits(profile.user.view(), kNameLimit, ",;") &&
          fits(profile.password.view(), kPasswordLimit, ";") &&
          fits(profile.database_name(), kNameLimit, ";");
 }

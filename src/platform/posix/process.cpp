@@ -71,6 +71,15 @@ int above_standard(std::intptr_t descriptor) {
   ::_exit(1);
 }
 
+// Answers the child, or -1. A function of its own, so that no other variable lives across vfork.
+pid_t spawn(const char* path, char* const* arguments, int input, int output) {
+  const pid_t parent = ::getpid();
+  const int descriptor_limit = static_cast<int>(::sysconf(_SC_OPEN_MAX));
+  const pid_t child = ::vfork();
+  if (child == 0) become_child(path, arguments, input, output, parent, descriptor_limit);
+  return child;
+}
+
 }  // namespace
 
 ChildProcess::~ChildProcess() {
@@ -86,16 +95,10 @@ bool ChildProcess::start(const char* argument) {
   const int child_input = above_standard(input.read_end);
   const int child_output = above_standard(output.write_end);
   const char* const arguments[] = {path, argument, nullptr};
-  const pid_t parent = ::getpid();
-  const int descriptor_limit = static_cast<int>(::sysconf(_SC_OPEN_MAX));
-  pid_t child = -1;
-  if (child_input >= 0 && child_output >= 0) {
-    child = ::vfork();
-    if (child == 0) {
-      become_child(path, const_cast<char* const*>(arguments), child_input, child_output, parent,
-                   descriptor_limit);
-    }
-  }
+  const pid_t child =
+      child_input >= 0 && child_output >= 0
+          ? spawn(path, const_cast<char* const*>(arguments), child_input, child_output)
+          : -1;
   if (child_input >= 0) ::close(child_input);
   if (child_output >= 0) ::close(child_output);
   if (child < 0) return false;
