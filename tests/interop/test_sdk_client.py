@@ -1,0 +1,267 @@
+"""Full stdio sessions of the official TypeScript client with the server on the sample engine."""
+
+from __future__ import annotations
+
+import json
+import os
+import shutil
+import subprocess
+import uuid
+from pathlib import Path
+from typing import Any, Callable, Iterator
+
+import pytest
+
+from kova import MARKER, TIMEOUT, Target, wait_until
+from policy_files import PolicyFiles
+from sample_engine import LOOPBACK, PASSWORD, USER, Engine, make_database
+
+HERE = Path(__file__).resolve().parent
+ROOT = HERE.parents[1]
+PINNED = json.loads((HERE / "package.json").read_text("utf-8"))["dependencies"]
+
+ORDERS = 300
+SALES = f"""
+CREATE TABLE ORDERS (ID INTEGER PRIMARY KEY, CUSTOMER TEXT, TOTAL INTEGER, CARD TEXT);
+CREATE TABLE ITEMS (ORDER_ID INTEGER, PRODUCT TEXT);
+CREATE TABLE SALARIES (NAME TEXT, AMOUNT INTEGER);
+WITH RECURSIVE N(I) AS (SELECT 1 UNION ALL SELECT I + 1 FROM N WHERE I < {ORDERS})
+INSERT INTO ORDERS SELECT I, 'customer ' || I, I * 10, 'card ' || I FROM N;
+INSERT INTO ITEMS VALUES (1, 'caf\u00e9 "noir"'), (1, NULL), (2, 'tab\there');
+INSERT INTO SALARIES VALUES ('someone', 1);
+"""
+
+SLOW = {"name": "kova_query", "ms": 1500, "args": {
+    "sql": "SELECT COUNT(A.ID) FROM ORDERS A, ORDERS B, ORDERS C, ORDERS D"
+           " WHERE A.TOTAL + B.TOTAL < C.TOTAL + D.TOTAL"}}
+"""Eight thousand million rows to look at: longer than any test waits."""
+
+COUNT_ORDERS = {"name": "kova_query", "args": {"sql": "SELECT COUNT(ID) AS N FROM ORDERS"}}
+
+CLOSE_LIMIT_MS = 2000
+"""The client waits this long for the server to end by itself before it ends it by a signal."""
+
+
+@pytest.fixture(scope="session")
+def node_modules() -> Path:
+    folder = HERE / "node_modules"
+    for name, version in PINNED.items():
+        manifest = folder / name / "package.json"
+        assert manifest.exists(), f"{name} is not installed; run scripts/setup.sh test"
+        assert json.loads(manifest.read_text("utf-8"))["version"] == version
+    return folder
+
+
+@pytest.fixture(scope="module")
+def engine(pytestconfig: pytest.Config,
+           tmp_path_factory: pytest.TempPathFactory) -> Iterator[Engine]:
+    """The engine is native for both targets."""
+    build = os.environ.get("KOVA_BUILD_DIR")
+    if build is None and pytestconfig.getoption("--target") == "linux":
+        build = pytestconfig.getoption("--build-dir")
+    executable = Path(build or ROOT / "build" / "linux").resolve() / "sample" / "kova-sample-engine"
+    assert executable.exists(), f"{executable} is not built"
+    folder = tmp_path_factory.mktemp("engine")
+    (folder / "data").mkdir()
+    make_database(folder / "data" / "SALES.db", SALES)
+    made = Engine(executable, folder)
+    yield made
+    assert made.stop() == 0
+
+
+@pytest.fixture(scope="module")
+def executable(target: Target, tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The server with the sample client library beside it."""
+    folder = tmp_path_factory.mktemp("installed")
+    shutil.copy2(target.build / "sample" / target.library_name, folder)
+    return Path(shutil.copy2(target.executable, folder))
+
+
+Scenario = Callable[..., dict[str, Any]]
+
+
+@pytest.fixture
+def play(node_modules: Path, engine: Engine, executable: Path, target: Target,
+         policy: PolicyFiles, tmp_path: Path) -> Iterator[Scenario]:
+    """`play(scenario, **wishes)` answers what session.mjs has found."""
+    marker = uuid.uuid4().hex
+
+    def run(scenario: str, *, env: "dict[str, Any] | None" = None, **wishes: Any) -> dict[str, Any]:
+        variables = {
+            **policy(database_user=USER, denied_columns=["CARD"], allowed_collections=[]),
+            "KOVA_MCP_SERVER": LOOPBACK, "KOVA_MCP_PORT": str(engine.port),
+            "KOVA_MCP_PASSWORD": PASSWORD, "KOVA_MCP_AUDIT": tmp_path / "audit.jsonl",
+            MARKER: marker, **(env or {})}
+        command = target.command(executable, [])
+        server = {"command": command[0], "args": command[1:],
+                  "env": target.environment(variables), "cwd": str(tmp_path)}
+        done = subprocess.run(["node", str(HERE / "session.mjs"), scenario], capture_output=True,
+                              input=json.dumps({"server": server, **wishes}).encode(),
+                              timeout=4 * TIMEOUT, check=False)
+        assert done.returncode == 0, done.stderr.decode(errors="replace")
+        return json.loads(done.stdout)
+
+    yield run
+    wait_until(lambda: not processes(marker), TIMEOUT, "the end of every process of the server")
+
+
+def processes(marker: str) -> list[int]:
+    """The processes of the server that are left, its workers included."""
+    wanted = f"{MARKER}={marker}".encode()
+    found = []
+    for folder in Path("/proc").iterdir():
+        if not folder.name.isdigit():
+            continue
+        try:
+            mine = wanted in (folder / "environ").read_bytes().split(b"\0")
+            if mine and b"kova-mcp" in (folder / "cmdline").read_bytes():
+                found.append(int(folder.name))
+        except OSError:
+            pass
+    return found
+
+
+def assert_closed(session: dict[str, Any]) -> None:
+    """The server has ended by itself at the end of its input, and has said nothing on the way."""
+    assert (session["closed"]["exitCode"], session["closed"]["signalCode"]) == (0, None)
+    assert session["closed"]["ms"] < CLOSE_LIMIT_MS
+    assert (session["errors"], session["stderr"]) == ([], "")
+
+
+def test_connect(play: Scenario) -> None:
+    session = play("connect")
+    assert session["findings"] == {
+        "version": {"name": "Vantreo MCP", "version": "1.25-m8",
+                    "description": "Policy-constrained Vantreo database and AI search tools"},
+        "capabilities": {"tools": {"listChanged": False}},
+        "ping": {}}
+    assert_closed(session)
+
+
+def test_list_tools(play: Scenario) -> None:
+    session = play("list")
+    tools = {tool["name"]: tool for tool in session["findings"]["tools"]}
+    assert list(tools) == ["kova_list_databases", "kova_list_tables", "kova_describe_table",
+                           "kova_query", "kova_vector_search", "kova_text_search",
+                           "kova_hybrid_search", "kova_ai_status"]
+    assert tools["kova_query"] == {
+        "name": "kova_query",
+        "description": "Execute exactly one parsed read-only SELECT with bounded output.",
+        "inputSchema": {
+            "type": "object",
+            "properties": {"sql": {"type": "string", "maxLength": 32768},
+                           "max_rows": {"type": "integer", "minimum": 1, "maximum": 256}},
+            "required": ["sql"], "additionalProperties": False},
+        "annotations": {"readOnlyHint": True, "destructiveHint": False, "idempotentHint": True,
+                        "openWorldHint": False},
+        "execution": {"taskSupport": "forbidden"}}
+    assert_closed(session)
+
+
+def test_list_tools_without_providers(play: Scenario) -> None:
+    session = play("list", env={"KOVA_MCP_DISABLE_PROVIDERS": "1"})
+    names = [tool["name"] for tool in session["findings"]["tools"]]
+    assert "kova_text_search" not in names and "kova_hybrid_search" not in names
+    assert len(names) == 6
+    assert_closed(session)
+
+
+def result(status: str, columns: list[str], rows: list[list[Any]], truncated: bool = False) -> Any:
+    """A successful result: the same document as text and as it is."""
+    document = {"status": status, "columns": columns, "rows": rows, "rowCount": len(rows),
+                "truncated": truncated}
+    text = json.dumps(document, separators=(",", ":"), ensure_ascii=False)
+    return {"content": [{"type": "text", "text": text}], "structuredContent": document,
+            "isError": False}
+
+
+def refusal(message: str) -> Any:
+    return {"content": [{"type": "text", "text": message}], "isError": True}
+
+
+def query(sql: str, **more: Any) -> dict[str, Any]:
+    return {"name": "kova_query", "args": {"sql": sql, **more}}
+
+
+def test_calls(play: Scenario) -> None:
+    calls = [
+        ({"name": "kova_list_databases", "args": {}},
+         result("policy-filtered", ["NAME"], [["SALES"]])),
+        ({"name": "kova_list_tables"},
+         result("policy-filtered", ["NAME"], [["ORDERS"], ["ITEMS"]])),
+        (COUNT_ORDERS, result("OK", ["N"], [[str(ORDERS)]])),
+        (query("SELECT ORDER_ID, PRODUCT FROM ITEMS ORDER BY ORDER_ID, PRODUCT"),
+         result("OK", ["ORDER_ID", "PRODUCT"],
+                [["1", ""], ["1", 'caf\u00e9 "noir"'], ["2", "tab\there"]])),
+        (query("SELECT ID FROM ORDERS ORDER BY ID", max_rows=2),
+         result("OK", ["ID"], [["1"], ["2"]], truncated=True)),
+        (query("SELECT CARD FROM ORDERS"), refusal("column is denied by MCP policy")),
+        (query("SELECT AMOUNT FROM SALARIES"), refusal("table is not allowed by MCP policy")),
+        (query("SELECT ID FROM ORDERS; DELETE FROM ORDERS"),
+         refusal("sql must be one bounded read-only SELECT; unknown fields are rejected;"
+                 " max_rows must be 1..256")),
+        (query("SELECT ID FROM ORDERS WHERE NO_SUCH_COLUMN = 1"),
+         refusal("no such column: NO_SUCH_COLUMN")),
+    ]
+    session = play("calls", calls=[asked for asked, _ in calls])
+    assert [outcome["result"] for outcome in session["findings"]] == [wanted for _, wanted in calls]
+    assert_closed(session)
+
+
+def test_unknown_tool_is_a_protocol_error(play: Scenario) -> None:
+    session = play("calls", calls=[{"name": "kova_drop", "args": {}}])
+    assert session["findings"][0]["error"]["code"] == -32602
+    assert "unknown Vantreo tool" in session["findings"][0]["error"]["message"]
+    assert_closed(session)
+
+
+def test_finished_calls_are_audited(play: Scenario, tmp_path: Path) -> None:
+    play("calls", calls=[COUNT_ORDERS, query("SELECT CARD FROM ORDERS")])
+    lines = (tmp_path / "audit.jsonl").read_bytes().split(b"\r\n")
+    records = [json.loads(line) for line in lines[:-1]]
+    assert [(record["tool"], record["status"], record["rows"]) for record in records] == [
+        ("kova_query", "ok", 1), ("kova_query", "error", 0)]
+
+
+def test_a_second_call_beside_a_running_one_is_refused_as_busy(play: Scenario) -> None:
+    session = play("parallel", slow=SLOW)
+    for name in ("second", "ping"):
+        error = session["findings"][name]["error"]
+        assert error["code"] == -32000
+        assert "another MCP database tool is still active" in error["message"]
+    assert "aborted" in session["findings"]["first"]["error"]["message"]
+
+
+def test_abort_signal_cancels_a_slow_query(play: Scenario, engine: Engine, tmp_path: Path) -> None:
+    before = sum("interrupted" in line for line in engine.log())
+    session = play("cancel", slow=SLOW, quick=COUNT_ORDERS)
+    found = session["findings"]
+    assert found["first"]["error"]["message"].endswith("the user gave up")
+    assert found["first"]["ms"] < SLOW["ms"] + 1000
+    assert found["notification"]["params"]["requestId"] == found["request"]["id"]
+    assert found["reply"] == {
+        "jsonrpc": "2.0", "id": found["request"]["id"],
+        "result": {"content": [{"type": "text", "text": "request cancelled"}],
+                   "structuredContent": {"cancelled": True}, "isError": True}}
+    assert found["repliedAfter"] < 1000
+    assert found["next"]["result"] == result("OK", ["N"], [[str(ORDERS)]])
+    wait_until(lambda: sum("interrupted" in line for line in engine.log()) == before + 1, TIMEOUT,
+               "the interrupted statement in the engine's log")
+    lines = (tmp_path / "audit.jsonl").read_bytes().split(b"\r\n")
+    assert [json.loads(line)["rows"] for line in lines[:-1]] == [1]
+    assert (session["closed"]["exitCode"], session["stderr"]) == (0, "")
+
+
+def test_a_client_that_closes_during_a_call_leaves_nothing(play: Scenario) -> None:
+    """The server lets the call finish; the client's signal ends it before that."""
+    session = play("closeBusy", slow=SLOW)
+    assert "Connection closed" in session["findings"]["running"]["error"]["message"]
+
+
+def test_the_lock_file_pins_every_package_and_names_no_address() -> None:
+    lock = json.loads((HERE / "package-lock.json").read_text("utf-8"))
+    packages = {name: entry for name, entry in lock["packages"].items() if name}
+    assert all("resolved" not in entry and entry["integrity"].startswith("sha512-")
+               for entry in packages.values())
+    for name, version in PINNED.items():
+        assert packages[f"node_modules/{name}"]["version"] == version
