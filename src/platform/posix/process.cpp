@@ -48,17 +48,12 @@ struct Pipe {
   }
 };
 
-// A duplicate above the standard streams, so that putting one stream in its place never overwrites
-// the other when this process runs without a standard stream itself.
-int above_standard(std::intptr_t descriptor) {
-  return ::fcntl(descriptor_of(descriptor), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-}
-
 // Runs between vfork and exec, in the parent's memory: system calls only.
 [[noreturn]] void become_child(const char* path, char* const* arguments, int input, int output,
                                pid_t parent, int descriptor_limit) {
   // A parent that ended before the signal was asked for sends none.
   if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(1);
+  // Both lie above the standard streams, of which prepare_standard_streams lets none be missing.
   if (::dup2(input, STDIN_FILENO) < 0 || ::dup2(output, STDOUT_FILENO) < 0) ::_exit(1);
   // Covers what this process itself was given beside its standard streams. Older systems, and some
   // containers, do not know the call.
@@ -92,15 +87,9 @@ bool ChildProcess::start(const char* argument) {
   Pipe input;
   Pipe output;
   if (!own_path(path) || !input.open() || !output.open()) return false;
-  const int child_input = above_standard(input.read_end);
-  const int child_output = above_standard(output.write_end);
   const char* const arguments[] = {path, argument, nullptr};
-  const pid_t child =
-      child_input >= 0 && child_output >= 0
-          ? spawn(path, const_cast<char* const*>(arguments), child_input, child_output)
-          : -1;
-  if (child_input >= 0) ::close(child_input);
-  if (child_output >= 0) ::close(child_output);
+  const pid_t child = spawn(path, const_cast<char* const*>(arguments),
+                            descriptor_of(input.read_end), descriptor_of(output.write_end));
   if (child < 0) return false;
   process_ = child;
   input_ = std::exchange(input.write_end, -1);
