@@ -62,7 +62,7 @@ bool StatementObject::read_outcome(bool& success) {
   if (!reader.u8(flag) || flag > 1 || !reader.text(status) || !read_names(reader)) return false;
   status_ = status;
   success = flag == 1;
-  if (!reader.u16(rows_left_)) return false;
+  if (!reader.u16(rows_left_) || (rows_left_ > 0 && names_.empty())) return false;
   rows_ = reader;
   return rows_left_ > 0 || read_end();
 }
@@ -122,7 +122,7 @@ bool StatementObject::fetch() {
   request.u32(number_);
   if (!connection_->exchange(request, wire::Type::kRows, block_, status_)) return false;
   rows_ = wire::PayloadReader({block_.data(), block_.size()});
-  if (!rows_.u16(rows_left_)) return lose(kMalformed);
+  if (!rows_.u16(rows_left_) || names_.empty()) return lose(kMalformed);
   if (rows_left_ == 0 && !read_end()) return lose(kMalformed);
   return true;
 }
