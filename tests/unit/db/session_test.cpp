@@ -126,6 +126,15 @@ TEST_F(SessionTest, APortHasAtMost5Characters) {
   EXPECT_EQ(library.calls()[3], "start 0 127.0.0.1 " + five);
 }
 
+TEST_F(SessionTest, APortIsAWholeDecimalNumber) {
+  for (const char* port : {"http", "?", "+80", "-1", " 80", "80 ", "0x50", "8.0", "1e3", "0",
+                           "00000", "65536", "99999"}) {
+    SCOPED_TRACE(port);
+    port_variable.set(port);
+    expect_refused_profile();
+  }
+}
+
 TEST_F(SessionTest, ADatabaseHasAtMost63Characters) {
   database_variable.set(std::string(64, 'd'));
   expect_refused_profile();
@@ -187,10 +196,11 @@ TEST_F(SessionTest, AnEngineThatRefusesConnectionsIsNotAsked) {
 }
 
 TEST_F(SessionTest, AnAddressThatDoesNotResolveIsNotAsked) {
-  port_variable.set("?port");
+  // A name with an empty label, of which no resolver asks a server.
+  server_variable.set("a..b");
   EXPECT_FALSE(ensure_session(session));
   EXPECT_EQ(library.calls(), Calls{});
-  port_variable.set(listener.port());
+  server_variable.set("127.0.0.1");
   expect_latched();
   disconnect(session);
   expect_opens();

@@ -2,6 +2,7 @@
 // directory.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,6 +51,8 @@ TEST_F(PolicyLoading, TheNameIsASafeName) {
   EXPECT_EQ(policy->name, std::string(63, 'n'));
   expect_refused(PolicyDocument().set("name", literal_of(64)), kIdentityMessage);
   expect_refused(PolicyDocument().set("name", literal_of(5000)), kIdentityMessage);
+  // The audit record of a refused policy reads the name.
+  EXPECT_NE(std::memchr(policy->name, '\0', sizeof policy->name), nullptr);
 }
 
 TEST_F(PolicyLoading, TheDatabaseIsASafeName) {

@@ -80,13 +80,32 @@ TEST_F(ToolCalls, AListHolds64NamesOf63Bytes) {
 }
 
 // Names without their terminators, as no policy file can give them: each one runs on into the
-// next, and the list outgrows its room.
-TEST_F(ToolCalls, AListThatOutgrowsItsRoomFails) {
+// next, so that three rows fill the room. The first one is as long as it takes.
+TEST_F(ToolCalls, AListKeeps64BytesOfItsRoomFree) {
+  constexpr std::size_t kRoom = 8192;
+  constexpr std::size_t kFree = 64;
+  const std::string head = R"({"status":"policy-filtered","columns":["NAME"],"rows":[)";
   NameList& tables = policy->allowed_tables;
-  std::memset(tables.names, 'T', sizeof tables.names);
-  tables.count = 64;
+  char* const names = &tables.names[0][0];
+  std::memset(names, 'T', sizeof tables.names);
+  names[sizeof tables.names - 1] = '\0';
+  tables.count = 3;
+  const std::string second(names + kSafeNameCapacity);
+  const std::string third(names + 2 * kSafeNameCapacity);
+  const std::string rest = "\"],[\"" + second + "\"],[\"" + third + "\"]";
+  const std::size_t longest = kRoom - kFree - 1 - head.size() - 2 - rest.size();
+  ASSERT_LT(longest + 1, kSafeNameCapacity);
+  names[longest] = '\0';
+  const std::string whole = head + "[\"" + std::string(longest, 'T') + rest;
+  EXPECT_EQ(whole.size(), kRoom - kFree - 1);
+  EXPECT_EQ(call("kova_list_tables"), tool_success(whole + R"(],"rowCount":3,"truncated":false})"));
+  names[longest] = 'T';
+  names[longest + 1] = '\0';
   EXPECT_EQ(call("kova_list_tables"), tool_error("policy catalog limit"));
   expect_audit("allow", "table-catalog");
+  // A row that does not fit at all.
+  std::memset(names, 'T', kSafeNameCapacity);
+  EXPECT_EQ(call("kova_list_tables"), tool_error("policy catalog limit"));
 }
 
 TEST_F(ToolCalls, AListWithoutMemoryFails) {

@@ -72,6 +72,24 @@ TEST(CheckAllowedMembers, KeysHaveAtMost63Bytes) {
   EXPECT_FALSE(allows_key(longest + "k", longest));
 }
 
+// Documents that no parser makes.
+TEST(CheckAllowedMembers, RefusesKeysWithoutTheirValue) {
+  constexpr JsonToken kObject = {JsonType::kObject, 0, 9, 2, -1};
+  constexpr JsonToken kKey = {JsonType::kString, 2, 5, 0, 0};
+  constexpr JsonToken kValue = {JsonType::kPrimitive, 7, 8, 0, 0};
+  const auto accepts = [](std::initializer_list<JsonToken> tokens) {
+    const JsonDoc doc = {
+        .text = R"({"sql":1})", .tokens = tokens.begin(), .count = static_cast<int>(tokens.size())};
+    return check_allowed_members(doc, 0, {"sql"});
+  };
+  EXPECT_TRUE(accepts({kObject}));
+  EXPECT_TRUE(accepts({kObject, kKey, kValue}));
+  EXPECT_FALSE(accepts({kObject, kKey}));
+  EXPECT_FALSE(accepts({kObject, kValue, kValue}));
+  EXPECT_FALSE(accepts({kObject, kKey, {JsonType::kPrimitive, 7, 8, 0, 1}}));
+  EXPECT_FALSE(accepts({kObject, {JsonType::kString, 2, 5, 0, 2}, kValue}));
+}
+
 // A decoded text ends at an escaped NUL.
 TEST(CheckAllowedMembers, ComparesUpToAnEscapedNul) {
   EXPECT_TRUE(allows(R"({"sql\u0000x":1})"));
