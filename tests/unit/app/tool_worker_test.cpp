@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "support/allocation_failure.h"
 #include "support/captured_output.h"
@@ -137,6 +139,27 @@ TEST_F(RunToolJob, ACancelledCallIsAnsweredWithItsRawId) {
     EXPECT_EQ(run("a message", id), cancelled(id));
   }
   EXPECT_EQ(run("a message", ""), cancelled("null"));
+}
+
+// The cancel comes while the child starts: the reading thread and the worker thread may both find
+// that they have to end it.
+TEST_F(RunToolJob, ACancelWhileTheChildStarts) {
+  mode_.set(testing::kChildHang);
+  for (int round = 0; round < 10; ++round) {
+    state_.CancelRequested = 0;
+    std::atomic<bool> answered{false};
+    std::thread reader([this, &answered] {
+      state_.CancelRequested = 1;
+      for (bool ended = false; !ended && !answered;) {
+        const SpinGuard guard(state_.worker_process_lock);
+        ended = state_.WorkerProcess != nullptr;
+        if (ended) state_.WorkerProcess->terminate(kCancelledExitCode);
+      }
+    });
+    EXPECT_EQ(run("a message", "1"), cancelled("1"));
+    answered = true;
+    reader.join();
+  }
 }
 
 TEST_F(RunToolJob, WhatACancelledChildWroteIsDropped) {
