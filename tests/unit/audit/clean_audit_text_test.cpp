@@ -72,6 +72,17 @@ TEST(CleanAuditText, FillsItsRoomWithEscapes) {
   EXPECT_EQ(cleaned(std::string(10, '"'), 9), "\\\"\\\"\\\"\\\"");
 }
 
+// Every truncation, against unreadable memory.
+TEST(CleanAuditText, StaysWithinEveryTruncation) {
+  const std::string nasty = "a\"b\\\"\\\xC3\xA9\x01 \x7F\"";
+  const std::string whole = cleaned(nasty, 64);
+  for (std::size_t size = 0; size <= nasty.size(); ++size) {
+    const std::string text = cleaned(std::string_view(nasty).substr(0, size), 64);
+    EXPECT_GE(text.size(), size);
+    EXPECT_TRUE(whole.starts_with(text)) << size;
+  }
+}
+
 TEST(CleanAuditText, ReplacesWhatWasThere) {
   char text[16] = "before";
   clean_audit_text("", text);
