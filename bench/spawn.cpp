@@ -1,0 +1,20 @@
+#include "spawn.h"
+
+namespace kova_bench {
+
+bool Spawned::read_line(std::string& line) {
+  line.clear();
+  for (;;) {
+    char block[4096];
+    const std::size_t got = read_some(block, sizeof block);
+    if (got == 0) return false;
+    line.append(block, got);
+    const std::size_t feed = line.find('\n');
+    if (feed != std::string::npos) {
+      line.resize(feed);
+      return true;
+    }
+  }
+}
+
+}  // namespace kova_bench
