@@ -14,12 +14,10 @@ import sys
 import session_acts
 from session_acts import ACTS, Stage
 from session_client import Client, SessionFailure
-from session_sample import (STATE, Engine, Processes, Target, all_processes, prepare,
-                            wait_until_gone)
+from session_sample import STATE, Engine, Processes, Target, all_processes, prepare
 from session_view import View, standard_view
 
 INTERRUPTED = 130
-GONE_TIMEOUT = 5.0
 
 
 def play(target: Target, view: View, processes: Processes) -> session_acts.Tally:
@@ -59,9 +57,8 @@ def run(mode: str, view: View) -> int:
             return serve(view, processes)
     with all_processes() as processes:
         tally = play(Target(mode), view, processes)
-    left = wait_until_gone(processes, GONE_TIMEOUT)
-    if left:
-        raise SessionFailure(f"still running: {', '.join(left)}")
+    if processes.survivors:
+        raise SessionFailure(f"had to be ended by force: {', '.join(processes.survivors)}")
     view.line()
     view.line(f"Session complete on {mode}: {tally.answered} requests answered, {tally.refused} calls"
               f" refused as the policy wants it, {tally.cancelled} cancelled; nothing is left"

@@ -44,9 +44,11 @@ CLIENT_ID = "sample-client"
 POLICY = ROOT / "sample" / "data" / "policy.json"
 
 MARKER = "KOVA_RUN_SESSION"
-"""The environment variable that tells this session's processes from everyone else's."""
+"""The environment variable that tells this session's processes from everyone else's. Whoever starts
+the session may set it, to look for what is left."""
 
 END_TIMEOUT = 10.0
+GONE_TIMEOUT = 3.0
 
 
 class Target:
@@ -79,16 +81,16 @@ class Processes:
     """Every process that is started ends with the session, however that ends."""
 
     def __init__(self) -> None:
-        self.marker = uuid.uuid4().hex
+        self.marker = os.environ.get(MARKER) or uuid.uuid4().hex
         self._started: list[subprocess.Popen[bytes]] = []
+        self.survivors: list[str] = []
         self._wine_env: dict[str, str] | None = None
-        self._wine_shared = False
 
     def start(self, command: Sequence[str], env: "dict[str, str] | None" = None,
               **options: Any) -> "subprocess.Popen[bytes]":
         """A session of its own keeps the terminal's Ctrl-C from it: this process passes it on."""
         marked = {**(os.environ if env is None else env), MARKER: self.marker}
-        if "WINEPREFIX" in marked:
+        if env is not None and "WINEPREFIX" in env:
             self._wine_env = marked
         process = subprocess.Popen(["setpriv", "--pdeathsig", "TERM", "--", *command], env=marked,
                                    start_new_session=True, **options)
@@ -108,34 +110,53 @@ class Processes:
             process.wait()
 
     def close(self) -> None:
+        """Ends everything; what did not end by itself is in `survivors` and is ended too."""
         for process in reversed(self._started):
             self.finish(process)
         self._started.clear()
-        self._wait_for_wine()
+        self._end_survivors(WINE_OWN)
+        if self._wine_env is not None and not self._prefix_is_shared() and self._wine_ends():
+            self._end_survivors(set())
 
-    def _wait_for_wine(self) -> None:
+    def _wine_ends(self) -> bool:
         """Wine's own servers end by themselves, soon after the last program."""
-        if self._wine_env is None:
-            return
         try:
             subprocess.run([WINE_SERVER, "-w"], env=self._wine_env, timeout=END_TIMEOUT, check=False,
                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                            stderr=subprocess.DEVNULL)
         except subprocess.TimeoutExpired:
-            self._wine_shared = True  # another program, a test for one, uses the prefix
-        self._wine_env = None
+            return False
+        return True
 
-    def left(self) -> list[str]:
-        """The names of this session's processes that are still there."""
-        wanted = f"{MARKER}={self.marker}".encode()
-        found = []
-        for folder in Path("/proc").iterdir():
-            if not folder.name.isdigit():
-                continue
-            with contextlib.suppress(OSError):
-                if wanted in (folder / "environ").read_bytes().split(b"\0"):
-                    found.append((folder / "comm").read_text().strip())
-        return sorted(name for name in found if not (self._wine_shared and name in WINE_OWN))
+    def _prefix_is_shared(self) -> bool:
+        """Whether another program, a test for one, keeps Wine's own servers."""
+        return any(name not in WINE_OWN and f"{MARKER}={self.marker}".encode() not in variables
+                   for _, name, variables in _processes_with(f"WINEPREFIX={WINE_PREFIX}"))
+
+    def _end_survivors(self, tolerated: set[str]) -> None:
+        end = time.monotonic() + GONE_TIMEOUT
+        while (left := self._left(tolerated)) and time.monotonic() < end:
+            time.sleep(0.05)
+        for pid, name in left.items():
+            self.survivors.append(name)
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+
+    def _left(self, tolerated: set[str]) -> dict[int, str]:
+        """This session's processes that are still there, by the marker that they inherit."""
+        found = _processes_with(f"{MARKER}={self.marker}")
+        return {pid: name for pid, name, _ in found if pid != os.getpid() and name not in tolerated}
+
+
+def _processes_with(variable: str) -> Iterator[tuple[int, str, list[bytes]]]:
+    """The processes that have the variable in their environment: number, name, environment."""
+    for folder in Path("/proc").iterdir():
+        if not folder.name.isdigit():
+            continue
+        with contextlib.suppress(OSError):  # it has ended, or belongs to somebody else
+            variables = (folder / "environ").read_bytes().split(b"\0")
+            if variable.encode() in variables:
+                yield int(folder.name), (folder / "comm").read_text().strip(), variables
 
 
 # what has to be there first
@@ -322,11 +343,3 @@ def all_processes() -> Iterator[Processes]:
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             signal.signal(number, signal.SIG_IGN)
         processes.close()
-
-
-def wait_until_gone(processes: Processes, seconds: float) -> list[str]:
-    """What is left of a session after a moment in which it may still be ending."""
-    end = time.monotonic() + seconds
-    while (left := processes.left()) and time.monotonic() < end:
-        time.sleep(0.05)
-    return left

@@ -8,12 +8,17 @@ scripts/setup.sh test installs the Node.js packages that package-lock.json pins.
 from __future__ import annotations
 
 import importlib.util
+import json
+import subprocess
 import sys
 from pathlib import Path
+from typing import Any, Callable
 
 import pytest
 
-END_TO_END = Path(__file__).resolve().parents[1] / "e2e"
+HERE = Path(__file__).resolve().parent
+SESSION_TIMEOUT = 80.0
+END_TO_END = HERE.parent / "e2e"
 
 sys.path.insert(0, str(END_TO_END))
 _made = importlib.util.spec_from_file_location("end_to_end_fixtures", END_TO_END / "conftest.py")
@@ -34,3 +39,22 @@ def pytest_addoption(parser: pytest.Parser) -> None:
         _shared.pytest_addoption(parser)
     except ValueError:
         pass  # the end-to-end tests run as well and have added the options
+
+
+@pytest.fixture(scope="session")
+def sdk_session() -> Callable[..., Any]:
+    """`sdk_session(scenario, server, **wishes)` answers what session.mjs has found."""
+    pinned = json.loads((HERE / "package.json").read_text("utf-8"))["dependencies"]
+    for name, version in pinned.items():
+        manifest = HERE / "node_modules" / name / "package.json"
+        assert manifest.exists(), f"{name} is not installed; run scripts/setup.sh test"
+        assert json.loads(manifest.read_text("utf-8"))["version"] == version
+
+    def play(scenario: str, server: dict[str, Any], **wishes: Any) -> Any:
+        done = subprocess.run(["node", str(HERE / "session.mjs"), scenario], capture_output=True,
+                              input=json.dumps({"server": server, **wishes}).encode(),
+                              timeout=SESSION_TIMEOUT, check=False)
+        assert done.returncode == 0, done.stderr.decode(errors="replace")
+        return json.loads(done.stdout)
+
+    return play

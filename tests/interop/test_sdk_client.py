@@ -5,7 +5,6 @@ from __future__ import annotations
 import json
 import os
 import shutil
-import subprocess
 import uuid
 from pathlib import Path
 from typing import Any, Callable, Iterator
@@ -18,7 +17,6 @@ from sample_engine import LOOPBACK, PASSWORD, USER, Engine, make_database
 
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
-PINNED = json.loads((HERE / "package.json").read_text("utf-8"))["dependencies"]
 
 ORDERS = 300
 SALES = f"""
@@ -40,16 +38,6 @@ COUNT_ORDERS = {"name": "kova_query", "args": {"sql": "SELECT COUNT(ID) AS N FRO
 
 CLOSE_LIMIT_MS = 2000
 """The client waits this long for the server to end by itself before it ends it by a signal."""
-
-
-@pytest.fixture(scope="session")
-def node_modules() -> Path:
-    folder = HERE / "node_modules"
-    for name, version in PINNED.items():
-        manifest = folder / name / "package.json"
-        assert manifest.exists(), f"{name} is not installed; run scripts/setup.sh test"
-        assert json.loads(manifest.read_text("utf-8"))["version"] == version
-    return folder
 
 
 @pytest.fixture(scope="module")
@@ -81,7 +69,7 @@ Scenario = Callable[..., dict[str, Any]]
 
 
 @pytest.fixture
-def play(node_modules: Path, engine: Engine, executable: Path, target: Target,
+def play(sdk_session: Callable[..., Any], engine: Engine, executable: Path, target: Target,
          policy: PolicyFiles, tmp_path: Path) -> Iterator[Scenario]:
     """`play(scenario, **wishes)` answers what session.mjs has found."""
     marker = uuid.uuid4().hex
@@ -95,11 +83,7 @@ def play(node_modules: Path, engine: Engine, executable: Path, target: Target,
         command = target.command(executable, [])
         server = {"command": command[0], "args": command[1:],
                   "env": target.environment(variables), "cwd": str(tmp_path)}
-        done = subprocess.run(["node", str(HERE / "session.mjs"), scenario], capture_output=True,
-                              input=json.dumps({"server": server, **wishes}).encode(),
-                              timeout=4 * TIMEOUT, check=False)
-        assert done.returncode == 0, done.stderr.decode(errors="replace")
-        return json.loads(done.stdout)
+        return sdk_session(scenario, server, **wishes)
 
     yield run
     wait_until(lambda: not processes(marker), TIMEOUT, "the end of every process of the server")
@@ -263,5 +247,6 @@ def test_the_lock_file_pins_every_package_and_names_no_address() -> None:
     packages = {name: entry for name, entry in lock["packages"].items() if name}
     assert all("resolved" not in entry and entry["integrity"].startswith("sha512-")
                for entry in packages.values())
-    for name, version in PINNED.items():
+    pinned = json.loads((HERE / "package.json").read_text("utf-8"))["dependencies"]
+    for name, version in pinned.items():
         assert packages[f"node_modules/{name}"]["version"] == version

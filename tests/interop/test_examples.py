@@ -1,0 +1,114 @@
+"""The examples work as they stand, but for the paths and the engine that a reader puts in."""
+
+from __future__ import annotations
+
+import json
+import shlex
+import subprocess
+from pathlib import Path
+from typing import Any, Callable
+
+import pytest
+
+from kova import TIMEOUT, Environment, Result, Target, request
+
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
+POLICY = EXAMPLES / "policy-read-only.json"
+ENVIRONMENT = EXAMPLES / "kova-mcp.env"
+
+CHECKED = (b"MCP_CONFIG_OK policy=sales_read_only configured=yes reads=yes provider_reads=no"
+           b" writes=no approval_required=no tables=4 collections=0 write_tables=0"
+           b" database_profile=not-tested\n")
+
+STDIO_VARIABLES = {
+    "KOVA_MCP_POLICY", "KOVA_MCP_CLIENT_ID", "KOVA_MCP_DATABASE", "KOVA_MCP_USER",
+    "KOVA_MCP_PASSWORD", "KOVA_MCP_SERVER", "KOVA_MCP_PORT", "KOVA_MCP_AUDIT",
+    "KOVA_MCP_DISABLE_PROVIDERS", "KOVA_MCP_DISABLE_WRITES", "KOVA_MCP_DEBUG"}
+
+
+def entries(name: str) -> list[dict[str, Any]]:
+    document = json.loads((EXAMPLES / name).read_text("utf-8"))
+    assert list(document) == ["mcpServers"]
+    return list(document["mcpServers"].values())
+
+
+def environment_file() -> dict[str, str]:
+    words = shlex.split(ENVIRONMENT.read_text("utf-8"), comments=True)
+    return dict(word.split("=", 1) for word in words)
+
+
+Check = Callable[[Environment], Result]
+
+
+@pytest.fixture
+def check_policy(run: Callable[..., Result]) -> Check:
+    return lambda env: run("--check-policy", env=env, library=None)
+
+
+def test_the_policy_loads(check_policy: Check) -> None:
+    document = json.loads(POLICY.read_text("utf-8"))
+    result = check_policy({
+        "KOVA_MCP_POLICY": POLICY, "KOVA_MCP_CLIENT_ID": document["client_id"],
+        "KOVA_MCP_DATABASE": document["database"], "KOVA_MCP_USER": document["database_user"]})
+    assert (result.stdout, result.stderr, result.code) == (CHECKED, b"", 0)
+
+
+def test_the_environment_file_goes_with_the_policy(check_policy: Check) -> None:
+    variables = environment_file()
+    assert Path(variables["KOVA_MCP_POLICY"]).name == POLICY.name
+    result = check_policy({**variables, "KOVA_MCP_POLICY": POLICY})
+    assert (result.stdout, result.stderr, result.code) == (CHECKED, b"", 0)
+
+
+def test_the_environment_file_explains_every_variable_of_the_stdio_server() -> None:
+    lines = ENVIRONMENT.read_text("utf-8").splitlines()
+    named = [line.lstrip("#").partition("=")[0] for line in lines
+             if line.lstrip("#").startswith("KOVA_MCP_")]
+    assert len(named) == len(set(named)) and set(named) == STDIO_VARIABLES
+
+
+def test_the_windows_entry_goes_with_the_policy(check_policy: Check) -> None:
+    [entry] = entries("mcp-servers-windows.json")
+    assert entry["command"].endswith("\\kova-mcp.exe") and entry["args"] == []
+    assert set(entry["env"]) <= STDIO_VARIABLES
+    assert entry["env"]["KOVA_MCP_POLICY"].endswith("\\" + POLICY.name)
+    result = check_policy({**entry["env"], "KOVA_MCP_POLICY": POLICY})
+    assert (result.stdout, result.stderr, result.code) == (CHECKED, b"", 0)
+
+
+def test_the_linux_entry_starts_the_server(target: Target, tmp_path: Path) -> None:
+    """As it stands, with the three paths that an operator would have installed."""
+    [entry] = entries("mcp-servers-linux.json")
+    environment = ENVIRONMENT.read_text("utf-8")
+    policy = "/etc/kova-mcp/policy-read-only.json"
+    assert policy in environment
+    (tmp_path / "kova-mcp.env").write_text(
+        environment.replace(policy, shlex.quote(target.path(POLICY))), encoding="utf-8")
+    places = {"/etc/kova-mcp/kova-mcp.env": str(tmp_path / "kova-mcp.env"),
+              "/opt/kova-mcp/kova-mcp": shlex.join(target.command(target.executable, []))}
+    arguments = entry["args"]
+    for place, here in places.items():
+        assert place in arguments[-1]
+        arguments = [argument.replace(place, here) for argument in arguments]
+    done = subprocess.run(
+        [entry["command"], *arguments], env=target.environment({}), capture_output=True,
+        input=request("initialize", 1, {}) + request("tools/list", 2), timeout=TIMEOUT, check=False)
+    first, second = map(json.loads, done.stdout.splitlines())
+    assert first["result"]["serverInfo"]["name"] == "Vantreo MCP"
+    names = [tool["name"] for tool in second["result"]["tools"]]
+    assert "kova_query" in names and "kova_text_search" not in names
+    assert (done.stderr, done.returncode) == (b"", 0)
+
+
+def test_the_sample_entry_names_what_run_takes() -> None:
+    [entry] = entries("mcp-servers-sample.json")
+    assert (Path(entry["command"]).name, entry["args"]) == ("run", ["serve"])
+    help_text = subprocess.run([str(EXAMPLES.parent / "run"), "--help"], capture_output=True,
+                               text=True, timeout=TIMEOUT, check=True).stdout
+    assert "./run serve" in help_text
+
+
+def test_the_readme_names_every_example() -> None:
+    text = (EXAMPLES / "README.md").read_text("utf-8")
+    others = [path.name for path in EXAMPLES.iterdir() if path.name != "README.md"]
+    assert len(others) >= 5 and all(f"`{name}`" in text for name in others)

@@ -1,0 +1,300 @@
+"""./run and scripts/setup.sh, as somebody types them. They use the checkout's own build folder."""
+
+from __future__ import annotations
+
+import json
+import os
+import pty
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import uuid
+from pathlib import Path
+from typing import Any, Callable, Iterator
+
+import pytest
+
+from kova import TIMEOUT, Target, call, notification, request, wait_until
+
+ROOT = Path(__file__).resolve().parents[2]
+RUN = str(ROOT / "run")
+SETUP = ROOT / "scripts" / "setup.sh"
+MARKER = "KOVA_RUN_SESSION"
+FIRST_RUN_LIMIT = 600.0  # it may have to build
+SECOND_RUN_LIMIT = 30.0
+SCREEN = (24, 100)
+
+
+def run(*arguments: str, **options: Any) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([RUN, *arguments], capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False, **options)
+
+
+class Watch:
+    """Looks for the processes of the ./run that is started with its environment."""
+
+    def __init__(self) -> None:
+        self.marker = uuid.uuid4().hex
+        self.environment = {**os.environ, MARKER: self.marker}
+
+    def left(self) -> list[str]:
+        wanted = f"{MARKER}={self.marker}".encode()
+        found = []
+        for folder in Path("/proc").iterdir():
+            try:
+                if folder.name.isdigit() and wanted in (folder / "environ").read_bytes().split(
+                        b"\0"):
+                    found.append((folder / "comm").read_text().strip())
+            except OSError:
+                pass
+        return [name for name in found if name.startswith(("kova-", "python3", "run"))]
+
+
+@pytest.fixture
+def watch() -> Iterator[Watch]:
+    made = Watch()
+    yield made
+    wait_until(lambda: not made.left(), TIMEOUT, "the end of everything that ./run has started")
+
+
+@pytest.fixture(scope="module")
+def prepared(target: Target) -> list[str]:
+    """Everything is built and loaded; what starts a session with the target."""
+    command = [RUN, "windows"] if target.windows else [RUN]
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return command
+
+
+# the played session
+
+
+def test_the_session(prepared: list[str], target: Target, watch: Watch) -> None:
+    started = time.monotonic()
+    done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
+    assert time.monotonic() - started < SECOND_RUN_LIMIT
+    text = done.stdout
+    assert (done.returncode, done.stderr) == (0, ""), text
+    assert watch.left() == []
+    assert text.splitlines()[-1] == (
+        f"Session complete on {target.name}: 12 requests answered, 4 calls refused as the policy"
+        " wants it, 1 cancelled; nothing is left running.")
+    for method in ("initialize", "notifications/initialized", "tools/list", "tools/call",
+                   "notifications/cancelled"):
+        assert f'"method": "{method}"' in text
+    for tool in ("kova_list_databases", "kova_list_tables", "kova_query", "kova_describe_table"):
+        assert f'"params": {{"name": "{tool}"' in text
+    for reply in ('"truncated": true', "column is denied by MCP policy",
+                  "table is not allowed by MCP policy", "sql must be one bounded read-only SELECT",
+                  '"text": "request cancelled"', "another MCP database tool is still active",
+                  "MCP_CONFIG_OK policy=sample_reads", "database_profile=authenticated",
+                  "MCP_CONFIG_INVALID: MCP launch identity does not match named policy",
+                  "MCP_CONFIG_INVALID: authenticated database profile unavailable"):
+        assert reply in text
+    assert re.search(r"^Cancelled: the call ended [\d.]+ m?s after the notification\.$", text, re.M)
+    assert re.search(r"-> interrupted \(\d+ ms\)$", text, re.M)
+    assert re.search(r"^ +libs +\d+ +\d+$", text, re.M), "no table of rows"
+    assert re.search(r"^ +\d+  kova_describe_table +deny ", text, re.M), "no audit line"
+    assert "\x1b" not in text and "\r" not in text
+
+
+def test_colour_on_a_terminal(prepared: list[str], watch: Watch) -> None:
+    terminal, screen = pty.openpty()
+    environment = {**watch.environment, "TERM": "xterm"}
+    environment.pop("NO_COLOR", None)
+    with subprocess.Popen(prepared, stdin=screen, stdout=screen, stderr=screen,
+                          env=environment) as process:
+        os.close(screen)
+        shown = read_all(terminal)
+    assert process.returncode == 0
+    assert "\x1b[36m→ " in shown and "\x1b[32m← " in shown and "\x1b[31m← " in shown
+
+
+def read_all(terminal: int) -> str:
+    data = b""
+    try:
+        while block := os.read(terminal, 65536):
+            data += block
+    except OSError:
+        pass  # so a terminal ends
+    os.close(terminal)
+    return data.decode()
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL])
+def test_nothing_is_left_of_an_interrupted_session(prepared: list[str], watch: Watch,
+                                                   number: signal.Signals) -> None:
+    """In the middle of the slow query, when the engine, the server and a worker are there."""
+    with subprocess.Popen(prepared, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          text=True, env=watch.environment) as process:
+        assert process.stdout is not None
+        lines = iter(process.stdout)
+        assert any(line.startswith("The query runs") for line in lines)
+        assert {name[:15] for name in watch.left()} >= {"kova-sample-eng"}
+        process.send_signal(number)
+        rest = list(lines)
+    if number == signal.SIGKILL:
+        assert process.returncode == -signal.SIGKILL
+    else:
+        assert (process.returncode, rest[-1]) == (
+            130, "./run: interrupted; nothing is left running.\n")
+        assert watch.left() == []
+
+
+def test_a_reader_that_goes_away_ends_the_session(prepared: list[str], watch: Watch) -> None:
+    with subprocess.Popen(prepared, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, env=watch.environment) as process:
+        assert process.stdout is not None and process.stderr is not None
+        process.stdout.readline()
+        process.stdout.close()
+        assert process.stderr.read() == b""
+        assert process.wait(TIMEOUT) == 1
+
+
+# ./run serve
+
+
+def test_serve_speaks_protocol_only(prepared: list[str], watch: Watch) -> None:
+    sent = [request("initialize", 1, {}), notification("notifications/initialized"),
+            call(2, "kova_query", {"sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"})]
+    done = run("serve", input=b"".join(sent).decode(), env=watch.environment)
+    assert done.returncode == 0
+    first, second = map(json.loads, done.stdout.splitlines())
+    assert first["id"] == 1 and first["result"]["serverInfo"]["name"] == "Vantreo MCP"
+    assert int(second["result"]["structuredContent"]["rows"][0][0]) > 1000
+    assert "Serving the sample database" in done.stderr
+    assert watch.left() == []
+
+
+def test_serve_is_what_a_client_starts(prepared: list[str], watch: Watch,
+                                       sdk_session: Callable[..., Any]) -> None:
+    server = {"command": RUN, "args": ["serve"], "env": watch.environment}
+    session = sdk_session("calls", server, calls=[
+        {"name": "kova_list_tables", "args": {}},
+        {"name": "kova_query", "args": {"sql": "SELECT MAINTAINER FROM PACKAGES"}}])
+    tables, refused = [outcome["result"] for outcome in session["findings"]]
+    assert tables["structuredContent"]["rows"] == [["PACKAGES"], ["SECTIONS"], ["DEPENDS"]]
+    assert refused["content"][0]["text"] == "column is denied by MCP policy"
+    assert (session["closed"]["exitCode"], session["errors"]) == (0, [])
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL])
+def test_nothing_is_left_of_a_server_whose_client_ends_it(prepared: list[str], watch: Watch,
+                                                          number: signal.Signals) -> None:
+    with subprocess.Popen([RUN, "serve"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL, env=watch.environment) as process:
+        assert process.stdin is not None and process.stdout is not None
+        process.stdin.write(request("initialize", 1, {}))
+        process.stdin.flush()
+        assert b'"id":1' in process.stdout.readline()
+        process.send_signal(number)
+        assert process.stdout.read() == b""
+
+
+# arguments
+
+
+def test_help_fits_a_screen() -> None:
+    done = run("--help")
+    lines = done.stdout.splitlines()
+    assert (done.returncode, done.stderr) == (0, "")
+    assert len(lines) <= SCREEN[0] and max(map(len, lines)) <= SCREEN[1]
+    for words in ("./run windows", "./run serve", "without root", "protocol only",
+                  "A second run starts within seconds", "Nothing is left running"):
+        assert words in done.stdout
+
+
+@pytest.mark.parametrize("arguments, words", [
+    (["linux"], "unknown argument linux"), (["--Help"], "unknown argument --Help"),
+    ([""], "unknown argument "), (["serve", "x"], "unexpected argument x"),
+    (["windows", "serve", "x"], "unexpected argument serve")])
+def test_bad_arguments_get_one_line(arguments: list[str], words: str) -> None:
+    done = run(*arguments)
+    assert (done.returncode, done.stdout) == (2, "")
+    assert done.stderr == f"run: {words}; try --help\n"
+
+
+# scripts/setup.sh, with stand-ins for the system's package tools
+
+
+class Machine:
+    """A machine on which only some packages are installed."""
+
+    def __init__(self, folder: Path, installed: list[str]) -> None:
+        self.folder = folder
+        self.called = folder / "called"
+        self.called.touch(mode=0o666)
+        folder.chmod(0o755)
+        (folder / "scripts").mkdir(mode=0o755)
+        shutil.copy(SETUP, folder / "scripts")
+        present = " ".join(installed)
+        self._tool("dpkg-query", f'for package in "${{@:3}}"; do [[ " {present} " == *" $package "* ]]'
+                                 ' && echo "installed $package"; done; exit 1')
+        self._tool("apt-get", f'echo "apt-get $*" >>{self.called}')
+
+    def _tool(self, name: str, script: str) -> None:
+        path = self.folder / name
+        path.write_text(f"#!/bin/bash\n{script}\n", encoding="utf-8")
+        path.chmod(0o755)
+
+    def setup(self, *groups: str, root: bool) -> subprocess.CompletedProcess[str]:
+        command = [str(self.folder / "scripts" / "setup.sh"), *groups]
+        if not root and os.geteuid() == 0:
+            command = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", *command]
+        return subprocess.run(command, capture_output=True, text=True, timeout=TIMEOUT, check=False,
+                              env={"PATH": f"{self.folder}:/usr/bin:/bin"})
+
+    def calls(self) -> list[str]:
+        return self.called.read_text("utf-8").splitlines()
+
+
+@pytest.fixture
+def folder() -> Iterator[Path]:
+    """Open to other users, unlike pytest's own."""
+    with tempfile.TemporaryDirectory() as name:
+        yield Path(name)
+
+
+BUILD_PACKAGES = ["g++", "cmake", "ninja-build", "libsqlite3-dev", "python3"]
+
+
+def test_setup_installs_nothing_when_all_is_there(folder: Path) -> None:
+    machine = Machine(folder, BUILD_PACKAGES)
+    done = machine.setup("build", root=False)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    assert machine.calls() == []
+
+
+def test_setup_without_root_prints_the_one_command(folder: Path) -> None:
+    machine = Machine(folder, ["g++", "python3"])
+    done = machine.setup("build", "windows", root=False)
+    packages = "cmake ninja-build libsqlite3-dev g++-mingw-w64-x86-64-posix wine64"
+    assert (done.returncode, done.stdout) == (1, "")
+    assert done.stderr.splitlines() == [
+        f"Debian packages to install: {packages}",
+        "As root, run:",
+        f"  apt-get update && apt-get install -y --no-install-recommends {packages}"]
+    assert machine.calls() == []
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="installing is for root")
+def test_setup_as_root_says_what_it_installs_and_updates_once(folder: Path) -> None:
+    machine = Machine(folder, ["g++", "python3"])
+    done = machine.setup("build", "windows", root=True)
+    packages = "cmake ninja-build libsqlite3-dev g++-mingw-w64-x86-64-posix wine64"
+    assert (done.returncode, done.stdout) == (0, "")
+    assert done.stderr.splitlines() == [f"Debian packages to install: {packages}"]
+    assert machine.calls() == [
+        "apt-get update", f"apt-get install -y --no-install-recommends {packages}"]
+
+
+@pytest.mark.parametrize("arguments, words", [
+    ([], "which group? try --help"), (["all"], "unknown group all; try --help")])
+def test_setup_refuses_bad_arguments(folder: Path, arguments: list[str], words: str) -> None:
+    done = Machine(folder, []).setup(*arguments, root=False)
+    assert (done.returncode, done.stdout, done.stderr) == (2, "", f"setup.sh: {words}\n")
