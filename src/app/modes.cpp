@@ -1,8 +1,11 @@
 #include "app/modes.h"
 
 #include "app/stdio_server.h"
+#include "approval/token.h"
+#include "base/secret.h"
 #include "base/text.h"
 #include "db/session.h"
+#include "platform/clock.h"
 #include "platform/console.h"
 #include "policy/predicates.h"
 
@@ -11,18 +14,23 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kResultLineCapacity = 512;
+/// The bytes of the first line that are read as a digest.
+constexpr std::size_t kDigestLineLimit = 127;
 
 const char* yes_no(bool value) {
   return value ? "yes" : "no";
 }
 
-int config_invalid(std::string_view reason) {
+/// Writes one line to standard error and answers the exit code of a failure.
+int diagnose(std::string_view prefix, std::string_view reason) {
   char text[kResultLineCapacity];
   TextOut line(text);
-  if (line.append("MCP_CONFIG_INVALID: ") && line.append(reason) && line.append('\n')) {
-    write_stderr(line.view());
-  }
+  if (line.append(prefix) && line.append(reason) && line.append('\n')) write_stderr(line.view());
   return kExitFailure;
+}
+
+int config_invalid(std::string_view reason) {
+  return diagnose("MCP_CONFIG_INVALID: ", reason);
 }
 
 int policy_invalid(const McpPolicy& policy) {
@@ -47,10 +55,7 @@ int config_ok(const McpPolicy& policy, const char* database_profile) {
 }
 
 int not_in_this_version(std::string_view mode) {
-  char text[kResultLineCapacity];
-  TextOut line(text);
-  if (line.append(mode) && line.append(" is not part of this version\n")) write_stderr(line.view());
-  return kExitFailure;
+  return diagnose(mode, " is not part of this version");
 }
 
 }  // namespace
@@ -89,8 +94,23 @@ int tool_worker_mode(const Startup& startup) {
   return kExitOk;
 }
 
-int issue_approval_mode(const Startup& /*startup*/) {
-  return not_in_this_version("--issue-approval");
+int issue_approval_mode(const Startup& startup) {
+  LineReader lines(startup.line_buffer, read_stdin);
+  Line line;
+  if (!lines.next(line)) {
+    write_stderr("approval digest is required on standard input\n");
+    return kExitFailure;
+  }
+  const std::string_view digest = strip_line_end(cut_at_nul(slice(line.text, 0, kDigestLineLimit)));
+  char token[kTokenCapacity];
+  const WipeGuard guard(token);
+  char error[kApprovalMessageCapacity] = {};
+  if (!approval_issue(startup.tools.policy, digest, unix_seconds(), token, error)) {
+    return diagnose("approval issuance failed: ", error);
+  }
+  write_stdout(token);
+  write_stdout("\n");
+  return kExitOk;
 }
 
 int http_mode(const char* /*port*/) {

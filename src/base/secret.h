@@ -1,7 +1,8 @@
-// Overwriting secrets.
+// Overwriting and comparing secrets.
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 namespace kova {
 
@@ -11,8 +12,10 @@ void wipe(void* data, std::size_t size);
 /// Wipes an array on every way out of the scope.
 class WipeGuard {
  public:
-  template <std::size_t N>
-  explicit WipeGuard(char (&array)[N]) : data_(array), size_(N) {}
+  template <typename Byte, std::size_t N>
+  explicit WipeGuard(Byte (&array)[N]) : data_(array), size_(N) {
+    static_assert(sizeof(Byte) == 1);
+  }
   ~WipeGuard() { wipe(data_, size_); }
   WipeGuard(const WipeGuard&) = delete;
   WipeGuard& operator=(const WipeGuard&) = delete;
@@ -21,5 +24,8 @@ class WipeGuard {
   void* data_;
   std::size_t size_;
 };
+
+/// Equality of ASCII texts ignoring case, in a time that does not depend on where they differ.
+[[nodiscard]] bool equal_ignoring_case_constant_time(std::string_view a, std::string_view b);
 
 }  // namespace kova

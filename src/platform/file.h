@@ -32,6 +32,13 @@ class InputFile {
   std::intptr_t handle_ = -1;
 };
 
+/// What stands between a folder and a name in it.
+extern const char kPathSeparator;
+
+/// Creates an empty file that must not exist yet; of several callers at once exactly one succeeds.
+/// True only when the file will still be there after a loss of power, where the platform can tell.
+[[nodiscard]] bool create_marker_file(const char* path);
+
 /// Appends one record to the file with one write and sends it to the disk; creates the file when
 /// it is absent (readable by its owner alone where the platform has such modes). Records of
 /// several processes never interleave: while another writer holds the file, the record is dropped.

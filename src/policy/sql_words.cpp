@@ -13,6 +13,16 @@ constexpr bool begins_word(char c) {
   return is_alpha(c) || c == '_';
 }
 
+/// Takes the word that begins at `begin`; there is none at the end of the text.
+bool take_word(std::string_view& sql, std::size_t begin, TextOut& word) {
+  std::size_t end = begin;
+  while (end < sql.size() && is_word_byte(sql[end])) ++end;
+  word.copy_cut(slice(sql, begin, end - begin));
+  std::transform(word.data(), word.data() + word.length(), word.data(), to_upper);
+  sql.remove_prefix(end);
+  return end != begin;
+}
+
 }  // namespace
 
 std::size_t skip_literal(std::string_view sql, std::size_t open) {
@@ -33,13 +43,12 @@ bool policy_next_word(std::string_view& sql, TextOut& word) {
   while (begin < sql.size() && !begins_word(sql[begin])) {
     begin = sql[begin] == '\'' ? skip_literal(sql, begin) : begin + 1;
   }
-  begin = std::min(begin, sql.size());
-  std::size_t end = begin;
-  while (end < sql.size() && is_word_byte(sql[end])) ++end;
-  word.copy_cut(slice(sql, begin, end - begin));
-  std::transform(word.data(), word.data() + word.length(), word.data(), to_upper);
-  sql.remove_prefix(end);
-  return end != begin;
+  return take_word(sql, std::min(begin, sql.size()), word);
+}
+
+bool next_word_anywhere(std::string_view& sql, TextOut& word) {
+  const auto* const begin = std::find_if(sql.begin(), sql.end(), begins_word);
+  return take_word(sql, static_cast<std::size_t>(begin - sql.begin()), word);
 }
 
 }  // namespace kova

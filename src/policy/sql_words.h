@@ -17,6 +17,9 @@ inline constexpr std::size_t kWordCapacity = 64;
 /// of it is taken off. False at the end of the text.
 [[nodiscard]] bool policy_next_word(std::string_view& sql, TextOut& word);
 
+/// The same without regard to literals: words inside them are taken too.
+[[nodiscard]] bool next_word_anywhere(std::string_view& sql, TextOut& word);
+
 /// The index after the single-quoted literal whose opening quote stands at `open`; two quotes in a
 /// row are one escaped quote. `npos` when the literal does not end.
 [[nodiscard]] std::size_t skip_literal(std::string_view sql, std::size_t open);

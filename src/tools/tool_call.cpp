@@ -136,7 +136,7 @@ void handle_tools_call(const JsonDoc& doc, int id, int params, ToolContext& cont
   const Tool* const tool = find_tool(name);
   if (!passes_gates({.call = call, .tool = tool, .context = context})) return;
   if (tool == nullptr || tool->handler == nullptr) {
-    write_error_reply(request, kInvalidParams, "unknown Vantreo tool");
+    refuse_unknown_tool(call);
     return;
   }
   tool->handler(call, context);

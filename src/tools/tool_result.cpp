@@ -1,16 +1,18 @@
 #include "tools/tool_result.h"
 
-#include "json/reply.h"
-
 namespace kova {
-
-namespace {
 
 RequestId request_id(const ToolCall& call) {
   return {.doc = &call.doc, .token = call.id};
 }
 
-}  // namespace
+void audit_failure(const ToolContext& context) {
+  write_audit_record(context.audit, context.policy, {.success = false, .rows = 0, .bytes = 0});
+}
+
+void refuse_unknown_tool(const ToolCall& call) {
+  write_error_reply(request_id(call), kInvalidParams, "unknown Vantreo tool");
+}
 
 void set_decision(ToolContext& context, std::string_view decision) {
   TextOut(context.audit.policy_decision).copy_cut(decision);
@@ -27,7 +29,7 @@ void write_tool_error(const ToolCall& call, ToolContext& context, std::string_vi
       .raw(R"(,"result":{"content":[{"type":"text","text":)")
       .string(message)
       .raw(R"(}],"isError":true}})");
-  write_audit_record(context.audit, context.policy, {.success = false, .rows = 0, .bytes = 0});
+  audit_failure(context);
 }
 
 void refuse_tool(const ToolCall& call, ToolContext& context, std::string_view decision,

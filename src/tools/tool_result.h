@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "db/statement.h"
+#include "json/reply.h"
 #include "tools/tool_call.h"
 
 namespace kova {
@@ -18,6 +19,15 @@ inline constexpr std::string_view kKillSwitch = "kill_switch";
 void set_decision(ToolContext& context, std::string_view decision);
 /// Sets what the record says the call touches; cut to 128 characters.
 void set_objects(ToolContext& context, std::string_view objects);
+
+/// The id that the call's reply echoes.
+[[nodiscard]] RequestId request_id(const ToolCall& call);
+
+/// Leaves the record of a call whose failure has been answered.
+void audit_failure(const ToolContext& context);
+
+/// Answers as for a name that no tool has. Leaves no record.
+void refuse_unknown_tool(const ToolCall& call);
 
 /// Answers with a failed tool result that carries the message.
 void write_tool_error(const ToolCall& call, ToolContext& context, std::string_view message);

@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "tools/catalogue_tools.h"
+#include "tools/execute_tool.h"
 #include "tools/query_tool.h"
 
 namespace kova {
@@ -81,7 +82,7 @@ constexpr Tool kTools[] = {
                      R"("approval_token":{"type":"string","maxLength":255}},)"
                      R"("required":["sql"],"additionalProperties":false})",
      .gates = kWriteTool,
-     .handler = nullptr},
+     .handler = execute_tool},
 };
 
 }  // namespace

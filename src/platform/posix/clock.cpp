@@ -18,6 +18,12 @@ UtcTime utc_now() {
           .millisecond = static_cast<unsigned>(now.tv_nsec / 1000000)};
 }
 
+std::uint64_t unix_seconds() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<std::uint64_t>(now.tv_sec);
+}
+
 std::uint64_t tick_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);

@@ -84,6 +84,16 @@ bool InputFile::read(char* data, std::size_t size) {
   return got >= 0 && static_cast<std::size_t>(got) == size;
 }
 
+constinit const char kPathSeparator = '/';
+
+bool create_marker_file(const char* path) {
+  const int descriptor = open_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+  if (descriptor < 0) return false;
+  const bool stored = ::fsync(descriptor) == 0;
+  ::close(descriptor);
+  return stored;
+}
+
 void append_record(const char* path, std::string_view record) {
   const int descriptor = open_file(path, O_WRONLY | O_APPEND | O_CREAT, 0600);
   if (descriptor < 0) return;

@@ -13,11 +13,11 @@ HANDLE handle_of(std::intptr_t handle) {
   return reinterpret_cast<HANDLE>(handle);
 }
 
-HANDLE open_file(const char* path, DWORD access, DWORD disposition) {
+HANDLE open_file(const char* path, DWORD access, DWORD share, DWORD disposition,
+                 DWORD attributes = FILE_ATTRIBUTE_NORMAL) {
   wchar_t wide[kWideCapacity];
   if (!to_wide(path, wide)) return INVALID_HANDLE_VALUE;
-  return ::CreateFileW(wide, access, FILE_SHARE_READ, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
-                       nullptr);
+  return ::CreateFileW(wide, access, share, nullptr, disposition, attributes, nullptr);
 }
 
 }  // namespace
@@ -44,7 +44,8 @@ InputFile::~InputFile() {
 }
 
 bool InputFile::open(const char* path) {
-  handle_ = reinterpret_cast<std::intptr_t>(open_file(path, GENERIC_READ, OPEN_EXISTING));
+  handle_ = reinterpret_cast<std::intptr_t>(
+      open_file(path, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
   return handle_ != -1;
 }
 
@@ -60,8 +61,18 @@ bool InputFile::read(char* data, std::size_t size) {
          got == size;
 }
 
+extern constinit const char kPathSeparator = '\\';
+
+bool create_marker_file(const char* path) {
+  const HANDLE file = open_file(path, GENERIC_WRITE, 0, CREATE_NEW,
+                                FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_TEMPORARY);
+  if (file == INVALID_HANDLE_VALUE) return false;
+  ::CloseHandle(file);
+  return true;
+}
+
 void append_record(const char* path, std::string_view record) {
-  const HANDLE file = open_file(path, FILE_APPEND_DATA, OPEN_ALWAYS);
+  const HANDLE file = open_file(path, FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS);
   if (file == INVALID_HANDLE_VALUE) return;
   DWORD written = 0;
   if (::WriteFile(file, record.data(), static_cast<DWORD>(record.size()), &written, nullptr) != 0) {
