@@ -13,6 +13,9 @@ inline constexpr std::uint32_t kCancelledExitCode = 1223;
 /// The capacity that this executable's own path must fit, with its terminator.
 inline constexpr std::size_t kOwnPathCapacity = 260;
 
+/// The number by which the system knows this process.
+[[nodiscard]] std::uint32_t own_process_id();
+
 /// A running copy of this executable with pipes on its standard input and output and this
 /// process's standard error; it inherits nothing else. It ends with this process, however that
 /// ends. One thread starts, feeds, reads and collects it; only `terminate` may be called by

@@ -135,7 +135,7 @@ void handle_tools_call(const JsonDoc& doc, int id, int params, ToolContext& cont
   open_audit_context(context.audit, doc, id, name);
   const Tool* const tool = find_tool(name);
   if (!passes_gates({.call = call, .tool = tool, .context = context})) return;
-  if (tool == nullptr || tool->handler == nullptr) {
+  if (tool == nullptr) {
     refuse_unknown_tool(call);
     return;
   }

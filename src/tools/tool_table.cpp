@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "tools/ai_search_tools.h"
+#include "tools/ai_status_tool.h"
 #include "tools/catalogue_tools.h"
 #include "tools/execute_tool.h"
 #include "tools/query_tool.h"
@@ -43,7 +45,7 @@ constexpr Tool kTools[] = {
          R"("top":{"type":"integer","minimum":1,"maximum":256}},)"
          R"("required":["collection","vector","top"],"additionalProperties":false})",
      .gates = kReadTool | kCollectionTool,
-     .handler = nullptr},
+     .handler = vector_search_tool},
     {.name = "kova_text_search",
      .description = "Embed bounded text using the collection provider and search.",
      .input_schema =
@@ -52,7 +54,7 @@ constexpr Tool kTools[] = {
          R"("top":{"type":"integer","minimum":1,"maximum":256}},)"
          R"("required":["collection","text","top"],"additionalProperties":false})",
      .gates = kReadTool | kProviderTool | kCollectionTool,
-     .handler = nullptr},
+     .handler = text_search_tool},
     {.name = "kova_hybrid_search",
      .description = "Search an AI collection and join ranked hits to authorized source columns.",
      .input_schema =
@@ -66,7 +68,7 @@ constexpr Tool kTools[] = {
          R"("required":["collection","text","top","source_table","key_field","columns"],)"
          R"("additionalProperties":false})",
      .gates = kReadTool | kProviderTool | kCollectionTool | kHybridTool,
-     .handler = nullptr},
+     .handler = hybrid_search_tool},
     {.name = "kova_ai_status",
      .description =
          "Show bounded AI collection, optional provider, and durable job health without secrets.",
@@ -75,7 +77,7 @@ constexpr Tool kTools[] = {
          R"("provider":{"type":"string","maxLength":63}},)"
          R"("required":["collection"],"additionalProperties":false})",
      .gates = kReadTool | kCollectionTool | kProviderStatus,
-     .handler = nullptr},
+     .handler = ai_status_tool},
     {.name = "kova_execute",
      .description = "Execute one policy-approved INSERT, UPDATE, or DELETE.",
      .input_schema = R"({"type":"object","properties":{"sql":{"type":"string","maxLength":32768},)"

@@ -26,7 +26,7 @@ struct Tool {
   std::string_view description;
   std::string_view input_schema;
   std::uint32_t gates;
-  ToolHandler handler;  ///< null for a tool that this version lists but does not serve
+  ToolHandler handler;
 };
 
 /// In the order of tools/list.

@@ -72,6 +72,10 @@ pid_t spawn(const char* path, char* const* arguments, int input, int output) {
 
 }  // namespace
 
+std::uint32_t own_process_id() {
+  return static_cast<std::uint32_t>(::getpid());
+}
+
 ChildProcess::~ChildProcess() {
   close_descriptor(input_);
   close_descriptor(output_);

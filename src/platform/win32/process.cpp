@@ -113,6 +113,10 @@ bool create_suspended(wchar_t* line, HANDLE (&streams)[3], PROCESS_INFORMATION& 
 
 }  // namespace
 
+std::uint32_t own_process_id() {
+  return ::GetCurrentProcessId();
+}
+
 ChildProcess::~ChildProcess() {
   close_handle(input_);
   close_handle(output_);
