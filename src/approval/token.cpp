@@ -95,8 +95,8 @@ bool approval_issue(const McpPolicy& policy, std::string_view digest, std::uint6
   TextOut expiry_text(expiry);
   char signature[kSignatureCapacity];
   const WipeGuard guard(signature);
-  if (!expiry_text.format("%llu",
-                          static_cast<unsigned long long>(now + policy.approval_ttl_seconds)) ||
+  const unsigned long long expires = now + policy.approval_ttl_seconds;
+  if (!expiry_text.format("%llu", expires) ||
       !approval_sign(policy, expiry_text.view(), nonce, digest, signature)) {
     return refuse(message, "approval secret is unavailable or invalid");
   }
