@@ -178,17 +178,19 @@ class Server:
     """A running executable with pipes on its three streams."""
 
     def __init__(self, target: Target, executable: Path, arguments: Sequence[str],
-                 env: Environment, cwd: Path | None = None,
-                 pass_fds: Sequence[int] = ()) -> None:
+                 env: Environment, cwd: Path | None = None, pass_fds: Sequence[int] = (),
+                 unread_stderr: bool = False) -> None:
         self.target = target
         self.marker = uuid.uuid4().hex
+        self._nobody = _pipe_without_reader() if unread_stderr else None
         self.process = subprocess.Popen(
             target.command(executable, arguments),
             env=target.environment({**env, MARKER: self.marker}), cwd=cwd, pass_fds=pass_fds,
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, bufsize=0)
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=self._nobody or subprocess.PIPE, bufsize=0)
         self._lines: queue.Queue[bytes | None] = queue.Queue()
         self._out = _Collector(self.process.stdout, self._lines)
-        self._err = _Collector(self.process.stderr, None)
+        self._err = None if unread_stderr else _Collector(self.process.stderr, None)
 
     # what the client sends
 
@@ -237,7 +239,7 @@ class Server:
 
     @property
     def stderr(self) -> bytes:
-        return bytes(self._err.data)
+        return b"" if self._err is None else bytes(self._err.data)
 
     def stderr_lines(self) -> list[str]:
         """Whole lines of standard error, whose ends must be the target's."""
@@ -258,9 +260,13 @@ class Server:
     def wait(self, timeout: float = TIMEOUT) -> int:
         """The exit code, of which Wine hands the lowest eight bits on."""
         code = self.process.wait(timeout)
-        self._out.join(TIMEOUT)
-        self._err.join(TIMEOUT)
+        self._join()
         return code
+
+    def _join(self) -> None:
+        self._out.join(TIMEOUT)
+        if self._err is not None:
+            self._err.join(TIMEOUT)
 
     def finish(self) -> Result:
         """Ends the input and waits for the end of everything."""
@@ -308,8 +314,9 @@ class Server:
         if not left_running:
             self.expect_no_process()
         self.kill()
-        self._out.join(TIMEOUT)
-        self._err.join(TIMEOUT)
+        self._join()
+        if self._nobody is not None:
+            os.close(self._nobody)
         for pipe in (self.process.stdout, self.process.stderr):
             if pipe is not None:
                 pipe.close()
@@ -330,9 +337,9 @@ class Servers:
 
     def start(self, *arguments: str, env: Environment | None = None,
               library: str | None = "scripted", cwd: Path | None = None,
-              pass_fds: Sequence[int] = ()) -> Server:
+              pass_fds: Sequence[int] = (), unread_stderr: bool = False) -> Server:
         server = Server(self.target, self.installation.executable(library), arguments, env or {},
-                        cwd or self.scratch, pass_fds)
+                        cwd or self.scratch, pass_fds, unread_stderr)
         self._started.append(server)
         return server
 
@@ -440,6 +447,12 @@ def wait_until(condition: Any, timeout: float, what: str) -> None:
     while not condition():
         assert time.monotonic() < end, f"waited {timeout} s for {what}"
         time.sleep(0.01)
+
+
+def _pipe_without_reader() -> int:
+    reader, writer = os.pipe()
+    os.close(reader)
+    return writer
 
 
 def _read(path: str) -> bytes:
@@ -601,6 +614,11 @@ class ScriptedLibrary:
         wanted = statement.encode()
         wait_until(lambda: self.statements().count(wanted) >= count, TIMEOUT,
                    f"{statement!r} at the library")
+
+    def wait_for(self, operation: str, count: int = 1) -> None:
+        """Waits until the operation has been called."""
+        wait_until(lambda: self.operations().count(operation) >= count, TIMEOUT,
+                   f"KOVA_{operation} at the library")
 
     def clear(self) -> None:
         """Forgets the calls so far. No process may have the log open."""

@@ -8,8 +8,8 @@ from typing import Iterator
 
 import pytest
 
-from kova import (TIMEOUT, Script, ScriptedLibrary, Server, Servers, busy, call, cancel,
-                  cancelled_reply, error_reply, notification, ping, pong, request, wait_until)
+from kova import (Script, ScriptedLibrary, Server, Servers, busy, call, cancel,
+                  cancelled_reply, error_reply, notification, ping, pong, request)
 
 STATEMENT = "list table;"
 
@@ -253,7 +253,7 @@ def test_a_cancel_in_every_moment_of_a_call(start, engine, moment):
     if moment == "Exec":
         engine.wait_for_statement(STATEMENT)
     else:
-        wait_until(lambda: moment in engine.operations(), TIMEOUT, moment)
+        engine.wait_for(moment)
     assert server.ask(ping("b")) == busy('"b"')
     server.send(cancel("c"))
     assert server.read_line() == cancelled_reply('"c"')

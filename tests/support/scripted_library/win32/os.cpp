@@ -23,6 +23,11 @@ void write_all(DWORD stream, const std::string& text) {
   }
 }
 
+// Ends the process with the exception's code, as it would end without a debugger.
+LONG CALLBACK end_silently(EXCEPTION_POINTERS*) {
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+
 const char* kind_of(DWORD type) {
   if (type == FILE_TYPE_PIPE) return "pipe";
   if (type == FILE_TYPE_DISK) return "file";
@@ -56,17 +61,15 @@ void sleep_ms(unsigned milliseconds) {
   ::Sleep(milliseconds);
 }
 
-// No fault dialog and no debugger may hold the process up.
 void crash() {
-  ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+  ::SetUnhandledExceptionFilter(end_silently);
   ::RaiseException(static_cast<DWORD>(EXCEPTION_ACCESS_VIOLATION), EXCEPTION_NONCONTINUABLE, 0,
                    nullptr);
   std::abort();
 }
 
 void hang() {
-  for (;;)
-    ::Sleep(INFINITE);
+  for (;;) ::Sleep(INFINITE);
 }
 
 void exit_now(unsigned code) {
