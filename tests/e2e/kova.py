@@ -108,11 +108,11 @@ class Installation:
         self.target = target
         self.root = root
 
-    def executable(self, library: str | None) -> Path:
-        folder = self.root / (library or "none")
+    def executable(self, library: str | None = None, folder: Path | None = None) -> Path:
+        folder = folder or self.root / (library or "none")
         executable = folder / self.target.executable.name
         if not executable.exists():
-            folder.mkdir(parents=True)
+            folder.mkdir(parents=True, exist_ok=True)
             self._add_library(folder / self.target.library_name, library)
             shutil.copy2(self.target.executable, executable)
         return executable
@@ -160,7 +160,7 @@ class _Collector(threading.Thread):
 
     def run(self) -> None:
         rest = bytearray()
-        while chunk := os.read(self.pipe.fileno(), 1 << 16):
+        while chunk := os.read(self.pipe.fileno(), 1 << 16) if self.pipe else b"":
             self.data += chunk
             if self.lines is None:
                 continue
@@ -179,18 +179,21 @@ class Server:
 
     def __init__(self, target: Target, executable: Path, arguments: Sequence[str],
                  env: Environment, cwd: Path | None = None, pass_fds: Sequence[int] = (),
-                 unread_stderr: bool = False) -> None:
+                 unread: Sequence[str] = ()) -> None:
         self.target = target
         self.marker = uuid.uuid4().hex
-        self._nobody = _pipe_without_reader() if unread_stderr else None
+        nobody = _pipe_without_reader() if unread else None
         self.process = subprocess.Popen(
             target.command(executable, arguments),
             env=target.environment({**env, MARKER: self.marker}), cwd=cwd, pass_fds=pass_fds,
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            stderr=self._nobody or subprocess.PIPE, bufsize=0)
+            stdin=subprocess.PIPE, bufsize=0,
+            stdout=nobody if "stdout" in unread else subprocess.PIPE,
+            stderr=nobody if "stderr" in unread else subprocess.PIPE)
+        if nobody is not None:
+            os.close(nobody)
         self._lines: queue.Queue[bytes | None] = queue.Queue()
         self._out = _Collector(self.process.stdout, self._lines)
-        self._err = None if unread_stderr else _Collector(self.process.stderr, None)
+        self._err = _Collector(self.process.stderr, None)
 
     # what the client sends
 
@@ -239,7 +242,7 @@ class Server:
 
     @property
     def stderr(self) -> bytes:
-        return b"" if self._err is None else bytes(self._err.data)
+        return bytes(self._err.data)
 
     def stderr_lines(self) -> list[str]:
         """Whole lines of standard error, whose ends must be the target's."""
@@ -265,8 +268,7 @@ class Server:
 
     def _join(self) -> None:
         self._out.join(TIMEOUT)
-        if self._err is not None:
-            self._err.join(TIMEOUT)
+        self._err.join(TIMEOUT)
 
     def finish(self) -> Result:
         """Ends the input and waits for the end of everything."""
@@ -315,8 +317,6 @@ class Server:
             self.expect_no_process()
         self.kill()
         self._join()
-        if self._nobody is not None:
-            os.close(self._nobody)
         for pipe in (self.process.stdout, self.process.stderr):
             if pipe is not None:
                 pipe.close()
@@ -337,9 +337,10 @@ class Servers:
 
     def start(self, *arguments: str, env: Environment | None = None,
               library: str | None = "scripted", cwd: Path | None = None,
-              pass_fds: Sequence[int] = (), unread_stderr: bool = False) -> Server:
+              pass_fds: Sequence[int] = (), unread: Sequence[str] = ()) -> Server:
+        """`unread` names output streams that are pipes without a reader."""
         server = Server(self.target, self.installation.executable(library), arguments, env or {},
-                        cwd or self.scratch, pass_fds, unread_stderr)
+                        cwd or self.scratch, pass_fds, unread)
         self._started.append(server)
         return server
 

@@ -185,7 +185,7 @@ def test_the_child_s_own_standard_error_comes_through(start, engine):
 
 
 def test_a_standard_error_without_a_reader_costs_nothing(start, policy):
-    server = start(env={**policy(), **ALL_ON}, unread_stderr=True)
+    server = start(env={**policy(), **ALL_ON}, unread=["stderr"])
     server.initialize()
     assert b"ORDERS" in server.ask(call(1, "kova_list_tables"))
     assert b'"result":{}' in server.ask(ping(2))
