@@ -43,15 +43,16 @@ double quantile(Samples samples, double share) {
 }
 
 void print_table(const std::vector<Subject>& subjects, const std::vector<Samples>& samples) {
-  std::printf("| %-36s | median ms | 10 %% to 90 %%   | ratio | its quartiles |\n", "");
-  std::printf("|%s|----------:|---------------:|------:|--------------:|\n",
+  std::printf("| %-36s | median ms |  10 %% to 90 %% ms | ratio | its quartiles | undisturbed |\n",
+              "");
+  std::printf("|%s|----------:|-----------------:|------:|--------------:|------------:|\n",
               std::string(38, '-').c_str());
   for (std::size_t i = 0; i < subjects.size(); ++i) {
     const Samples ratio = ratios(samples[i], samples[0]);
-    std::printf("| %-36s | %9.3f | %6.3f, %6.3f | %5.2f |    %4.2f, %4.2f |\n",
+    std::printf("| %-36s | %9.3f | %7.3f, %7.3f | %5.2f |    %4.2f, %4.2f | %11.2f |\n",
                 subjects[i].name.c_str(), quantile(samples[i], 0.5), quantile(samples[i], 0.1),
                 quantile(samples[i], 0.9), quantile(ratio, 0.5), quantile(ratio, 0.25),
-                quantile(ratio, 0.75));
+                quantile(ratio, 0.75), quantile(samples[i], 0.1) / quantile(samples[0], 0.1));
   }
 }
 

@@ -25,7 +25,8 @@ using Samples = std::vector<double>;
 [[nodiscard]] double quantile(Samples samples, double share);
 
 /// A table line per subject: median, first and ninth decile, and the ratio to the first subject as
-/// the median over the rounds and between the quartiles.
+/// the median over the rounds and between the quartiles, and as that of the first deciles, which
+/// other load on the machine disturbs least.
 void print_table(const std::vector<Subject>& subjects, const std::vector<Samples>& samples);
 
 }  // namespace kova_bench

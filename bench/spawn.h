@@ -16,9 +16,9 @@ class Spawned {
   Spawned(const Spawned&) = delete;
   Spawned& operator=(const Spawned&) = delete;
 
-  /// Starts the program without arguments; it inherits this process's environment and standard
-  /// error. Not to be called again before `wait`.
-  [[nodiscard]] bool start(const char* path);
+  /// Starts the program, with one argument if that is not null; it inherits this process's
+  /// environment and standard error. Not to be called again before `wait`.
+  [[nodiscard]] bool start(const char* path, const char* argument = nullptr);
   [[nodiscard]] bool write(std::string_view bytes);
   /// Reads until a line feed, which stays out of the line. False at the end of output before one.
   /// What follows the line feed in the same read is dropped: a program answers one line at a time.

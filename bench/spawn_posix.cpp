@@ -18,8 +18,8 @@ void close_descriptor(std::intptr_t& descriptor) {
 }
 
 // A function of its own, so that no other variable lives across vfork.
-pid_t spawn(const char* path, int input, int output) {
-  char* arguments[] = {const_cast<char*>(path), nullptr};
+pid_t spawn(const char* path, const char* argument, int input, int output) {
+  char* arguments[] = {const_cast<char*>(path), const_cast<char*>(argument), nullptr};
   const pid_t child = ::vfork();
   if (child == 0) {
     if (::dup2(input, STDIN_FILENO) >= 0 && ::dup2(output, STDOUT_FILENO) >= 0) {
@@ -38,12 +38,12 @@ Spawned::~Spawned() {
   if (process_ >= 0) static_cast<void>(wait());
 }
 
-bool Spawned::start(const char* path) {
+bool Spawned::start(const char* path, const char* argument) {
   std::signal(SIGPIPE, SIG_IGN);
   int to_child[2];
   int from_child[2];
   if (::pipe2(to_child, O_CLOEXEC) != 0 || ::pipe2(from_child, O_CLOEXEC) != 0) return false;
-  process_ = spawn(path, to_child[0], from_child[1]);
+  process_ = spawn(path, argument, to_child[0], from_child[1]);
   ::close(to_child[0]);
   ::close(from_child[1]);
   input_ = to_child[1];

@@ -31,10 +31,14 @@ bool make_inheritable(HANDLE handle) {
   return ::SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) != 0;
 }
 
-std::wstring quoted(const char* path) {
-  wchar_t wide[MAX_PATH];
-  if (::MultiByteToWideChar(CP_UTF8, 0, path, -1, wide, MAX_PATH) == 0) return {};
-  return L"\"" + std::wstring(wide) + L"\"";
+std::wstring wide(const char* text) {
+  wchar_t units[MAX_PATH];
+  return ::MultiByteToWideChar(CP_UTF8, 0, text, -1, units, MAX_PATH) != 0 ? units : L"";
+}
+
+std::wstring command_line(const char* path, const char* argument) {
+  const std::wstring program = L"\"" + wide(path) + L"\"";
+  return argument != nullptr ? program + L" " + wide(argument) : program;
 }
 
 }  // namespace
@@ -45,12 +49,12 @@ Spawned::~Spawned() {
   if (process_ != -1) static_cast<void>(wait());
 }
 
-bool Spawned::start(const char* path) {
+bool Spawned::start(const char* path, const char* argument) {
   Pipe to_child;
   Pipe from_child;
-  std::wstring line = quoted(path);
-  if (line.empty() || !to_child.open() || !from_child.open() ||
-      !make_inheritable(to_child.read_end) || !make_inheritable(from_child.write_end)) {
+  std::wstring line = command_line(path, argument);
+  if (!to_child.open() || !from_child.open() || !make_inheritable(to_child.read_end) ||
+      !make_inheritable(from_child.write_end)) {
     return false;
   }
   STARTUPINFOW startup{};

@@ -37,11 +37,11 @@ struct Options {
   int rounds = 0;
 };
 
-double spawn_floor(const Options& options) {
+double spawn_to_exit(const char* path, const char* argument = nullptr) {
   const auto start = Clock::now();
   Spawned program;
   std::string line;
-  if (!program.start(options.floor) || !program.write(kListTables) || !program.read_line(line) ||
+  if (!program.start(path, argument) || !program.write(kListTables) || !program.read_line(line) ||
       !program.wait()) {
     return -1;
   }
@@ -98,8 +98,10 @@ bool run(const Options& options) {
   }
   print_resident("after initialize", server);
   std::vector<Subject> subjects{
-      {"floor: spawn, line, line, exit", [&] { return spawn_floor(options); }},
-      {"(a) kova_list_tables by policy", [&] { return call(server, kListTables); }}};
+      {"floor: spawn, line, line, exit", [&] { return spawn_to_exit(options.floor); }},
+      {"(a) kova_list_tables by policy", [&] { return call(server, kListTables); }},
+      {"its worker alone, without the server",
+       [&] { return spawn_to_exit(options.server, "--tool-worker"); }}};
   const std::string query = query_request(options.query);
   if (!options.query.empty()) {
     subjects.push_back({"(b) kova_query of one row", [&] { return call(server, query); }});
