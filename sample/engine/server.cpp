@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -116,6 +117,7 @@ void Server::accept_client() {
 }
 
 void Server::serve(Connection& connection) {
+  ::pthread_setname_np(::pthread_self(), "client");
   {
     Client client(connection.socket, connection.number, settings_);
     client.serve();

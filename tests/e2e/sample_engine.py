@@ -81,8 +81,15 @@ class Engine:
         fields = Path(f"/proc/{self.process.pid}/stat").read_text().rpartition(")")[2].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
-    def threads(self) -> int:
-        return len(os.listdir(f"/proc/{self.process.pid}/task"))
+    def serves_nobody(self) -> bool:
+        """Whether the thread of every client has ended."""
+        names = []
+        for task in Path(f"/proc/{self.process.pid}/task").iterdir():
+            try:
+                names.append((task / "comm").read_text().strip())
+            except FileNotFoundError:
+                pass  # It has ended meanwhile.
+        return "client" not in names
 
     def stop(self, how: int = signal.SIGTERM) -> int:
         if self.process.poll() is None:

@@ -204,7 +204,8 @@ def test_no_thread_outlives_its_client(engine: Engine) -> None:
     for _ in range(5):
         with engine.session() as session:
             assert session.run("list table;").success
-    wait_until(lambda: engine.threads() == 1)
+            assert not engine.serves_nobody()
+    wait_until(engine.serves_nobody)
 
 
 # Statements, through the client library
@@ -554,7 +555,7 @@ def test_a_statement_ends_with_its_client(engine: Engine, client: Client, statem
     process.wait(TIMEOUT)
     process.stdin.close()
     process.stdout.close()
-    wait_until(lambda: engine.threads() == 1)
+    wait_until(engine.serves_nobody)
     assert read_database(engine.data / "shop.db", "SELECT COUNT(*) FROM PARTS") == [(0,)]
     assert read_database(engine.data / "shop.db", "SELECT SUM(PRICE) FROM ITEMS WHERE ID < 3") == [
         (3.5,)]
@@ -618,7 +619,7 @@ def test_garbage_ends_its_connection_and_nothing_else(engine: Engine, garbage: b
             assert error.errno in (errno.ECONNRESET, errno.ENOTCONN), "still open"
         assert WELCOME not in received[4:5]
         assert other.all_rows("SELECT 1;") == [["1"]]
-    wait_until(lambda: engine.threads() == 1)
+    wait_until(engine.serves_nobody)
 
 
 def test_another_version_is_refused(engine: Engine) -> None:
@@ -707,7 +708,7 @@ def test_half_open_connections_hold_up_nobody(engine: Engine, client: Client) ->
     assert client.run(engine.port, "SELECT 1 AS A;").code == 0
     for connection in connections:
         connection.close()
-    wait_until(lambda: engine.threads() == 1)
+    wait_until(engine.serves_nobody)
 
 
 def test_connections_have_a_limit(start_engine: Callable[..., Engine], client: Client) -> None:
@@ -718,7 +719,7 @@ def test_connections_have_a_limit(start_engine: Callable[..., Engine], client: C
         result = client.run(engine.port, "SELECT 1 AS A;")
         assert (result.code, result.lines) == (1, ["error: no connection"])
         assert engine.logged("refused: too many connections")
-    wait_until(lambda: engine.threads() == 1)
+    wait_until(engine.serves_nobody)
     assert client.run(engine.port, "SELECT 1 AS A;").code == 0
 
 
@@ -743,7 +744,7 @@ def test_who_does_not_take_an_answer_in_time_is_dropped(start_engine: Callable[.
     with engine.session() as lazy:
         for _ in range(40):
             lazy.start("SELECT " + ",".join(["printf('%.*c', 1000000, 'x')"] * 4) + ";")
-        wait_until(lambda: engine.threads() == 1)
+        wait_until(engine.serves_nobody)
 
 
 def test_the_log_holds_no_password(engine: Engine, client: Client) -> None:
