@@ -1,4 +1,8 @@
-"""The sample engine as a process, its wire format spoken from here, and its client program."""
+"""The sample engine as a process, its wire format spoken from here, and its client program.
+
+The engine runs natively for both targets; what goes through the client library does so with the
+library of the target. A test module imports the fixtures that it uses.
+"""
 
 from __future__ import annotations
 
@@ -12,10 +16,13 @@ import time
 from contextlib import closing
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Callable
+from typing import Callable, Iterator
+
+import pytest
 
 from kova import TIMEOUT, Target
 
+ROOT = Path(__file__).resolve().parents[2]
 LOOPBACK = "127.0.0.1"
 USER = "app"
 PASSWORD = "s3cret, \"pass: word'"
@@ -26,6 +33,15 @@ MORE, END, FAILED = 0, 1, 2
 
 ENDLESS = "(WITH RECURSIVE C(N) AS (SELECT 1 UNION ALL SELECT N+1 FROM C) SELECT N FROM C)"
 """A table without an end, for a FROM."""
+
+
+SHOP = """
+CREATE TABLE ITEMS (ID INTEGER PRIMARY KEY, NAME TEXT NOT NULL, PRICE REAL DEFAULT 0, PICTURE BLOB);
+CREATE TABLE PARTS (ITEM INTEGER NOT NULL REFERENCES ITEMS (ID), NAME TEXT);
+CREATE VIEW CHEAP AS SELECT NAME FROM ITEMS WHERE PRICE < 2;
+CREATE INDEX ITEMS_BY_NAME ON ITEMS (NAME);
+INSERT INTO ITEMS VALUES (1, 'one', 1.5, NULL), (2, 'zw\u00f6', 2, x'4142'), (3, '', 1e20, '');
+"""
 
 
 def make_database(path: Path, script: str) -> None:
@@ -273,3 +289,48 @@ class Client:
         output, _ = process.communicate(text, timeout=TIMEOUT)
         lines = output.decode("utf-8").replace("\r\n", "\n").split("\n")
         return ClientResult(process.returncode, lines[:-1])
+
+
+@pytest.fixture(scope="session")
+def executable(pytestconfig: pytest.Config) -> Path:
+    """The engine, which is native also when the Windows client library is tested."""
+    build = os.environ.get("KOVA_BUILD_DIR")
+    if build is None and pytestconfig.getoption("--target") == "linux":
+        build = pytestconfig.getoption("--build-dir")
+    path = Path(build or ROOT / "build" / "linux").resolve() / "sample" / "kova-sample-engine"
+    assert path.exists(), f"{path} is not built"
+    return path
+
+
+@pytest.fixture
+def start_engine(executable: Path, tmp_path: Path) -> Iterator[Callable[..., Engine]]:
+    started: list[Engine] = []
+
+    def start(*options: str) -> Engine:
+        (tmp_path / "data").mkdir(exist_ok=True)
+        if not (tmp_path / "data" / "shop.db").exists():
+            make_database(tmp_path / "data" / "shop.db", SHOP)
+        started.append(Engine(executable, tmp_path, *options))
+        return started[-1]
+
+    yield start
+    for engine in started:
+        running = engine.process.poll() is None
+        code = engine.stop()
+        assert not running or code == 0, "the engine does not stop cleanly"
+
+
+@pytest.fixture
+def engine(start_engine: Callable[..., Engine]) -> Engine:
+    return start_engine()
+
+
+@pytest.fixture(scope="session")
+def client(target: Target) -> Client:
+    return Client(target)
+
+
+@pytest.fixture
+def shop(engine: Engine) -> Iterator[Session]:
+    with engine.session() as session:
+        yield session

@@ -1,0 +1,168 @@
+"""The loader of the sample data, and the sample policy."""
+
+from __future__ import annotations
+
+import json
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from kova import TIMEOUT
+from sample_engine import (ROOT, Engine, read_database, text, executable)
+
+
+INDEX = """\
+Package: alpha
+Source: alpha-source (1.0)
+Version: 1.0-1
+Installed-Size: 100
+Maintainer: A Person <person@example.org>
+Architecture: amd64
+Pre-Depends: dpkg (>= 1.15)
+Depends: beta (>= 2:1.0) | gamma:any, delta
+Suggests: epsilon
+Description: first of them
+ Its longer words.
+Homepage: https://example.org/alpha
+Tag: role::program,
+ uitoolkit::none
+Section: games
+Priority: optional
+Size: 5000
+
+Package: beta
+Version: 2.0
+Architecture: all
+Maintainer: B
+Description: second
+Section: games
+Priority: extra
+
+Package: beta
+Version: 1.0
+Architecture: all
+Maintainer: B
+Description: an older second
+Section: games
+Priority: extra
+"""
+
+
+NAMES = "SELECT NAME FROM PACKAGES ORDER BY NAME;"
+
+
+class Loader:
+    def __init__(self, folder: Path) -> None:
+        self.data = folder / "data"
+        self.index = folder / "index"
+        self.index.write_text(INDEX)
+        self.database = self.data / "sample.db"
+
+    def run(self, *arguments: str) -> subprocess.CompletedProcess[str]:
+        return subprocess.run(
+            ["/usr/bin/python3", str(ROOT / "sample" / "data" / "load_packages.py"), "--data",
+             str(self.data), "--input", str(self.index), *arguments],
+            capture_output=True, text=True, timeout=TIMEOUT, check=False)
+
+    def query(self, sql: str) -> list[tuple]:
+        return read_database(self.database, sql)
+
+
+@pytest.fixture
+def loader(tmp_path: Path) -> Loader:
+    return Loader(tmp_path)
+
+
+def test_the_loader_fills_its_tables(loader: Loader) -> None:
+    result = loader.run()
+    assert (result.returncode, result.stdout) == (0, "")
+    assert result.stderr.splitlines()[-1] == "loaded 2 packages"
+    assert "\r" not in result.stderr, "nothing is rewritten where there is no terminal"
+    assert loader.query("SELECT * FROM PACKAGES ORDER BY NAME") == [
+        ("alpha", "1.0-1", "games", "optional", "amd64", "alpha-source", 100, 5000,
+         "A Person <person@example.org>", "https://example.org/alpha", "first of them",
+         "first of them\nIts longer words.", "role::program uitoolkit::none"),
+        ("beta", "2.0", "games", "extra", "all", "beta", None, None, "B", None, "second", "second",
+         None),
+    ]
+    assert loader.query("SELECT * FROM SECTIONS") == [("games", 2, 100)]
+    assert loader.query("SELECT * FROM DEPENDS ORDER BY rowid") == [
+        ("alpha", "PRE-DEPENDS", "dpkg", ">= 1.15", 0),
+        ("alpha", "DEPENDS", "beta", ">= 2:1.0", 0),
+        ("alpha", "DEPENDS", "gamma", None, 1),
+        ("alpha", "DEPENDS", "delta", None, 0),
+        ("alpha", "SUGGESTS", "epsilon", None, 0),
+    ]
+    assert [path.name for path in loader.data.iterdir()] == ["sample.db"]
+
+
+def test_the_loader_leaves_current_data_alone(loader: Loader, executable: Path,
+                                              tmp_path: Path) -> None:
+    assert loader.run().returncode == 0
+    before = loader.database.stat().st_ino
+    assert loader.run().stderr == f"{loader.database} is up to date\n"
+    engine = Engine(executable, tmp_path)
+    try:
+        with engine.session("sample") as session:
+            assert session.all_rows(NAMES) == [["alpha"], ["beta"]]
+            assert loader.run().stderr == f"{loader.database} is up to date\n"
+    finally:
+        assert engine.stop() == 0
+    assert loader.run().stderr == f"{loader.database} is up to date\n"
+    assert loader.database.stat().st_ino == before
+
+
+def test_the_loader_follows_the_index(loader: Loader, executable: Path, tmp_path: Path) -> None:
+    assert loader.run().returncode == 0
+    loader.index.write_text(INDEX.replace("alpha", "omega"))
+    engine = Engine(executable, tmp_path)
+    try:
+        with engine.session("sample") as session:
+            assert session.all_rows(NAMES) == [["alpha"], ["beta"]]
+            refused = loader.run()
+            assert refused.returncode == 1
+            last = refused.stderr.splitlines()[-1]
+            assert last.startswith(f"load_packages: {loader.database} is in use; stop the engine")
+            assert session.all_rows(NAMES) == [["alpha"], ["beta"]]
+    finally:
+        assert engine.stop() == 0
+    assert loader.run().returncode == 0
+    assert loader.query("SELECT NAME FROM PACKAGES ORDER BY NAME") == [("beta",), ("omega",)]
+
+
+@pytest.mark.parametrize("content", ["", "\n\n", "Nothing: here\n"])
+def test_an_index_without_packages_keeps_the_old_data(loader: Loader, content: str) -> None:
+    assert loader.run().returncode == 0
+    loader.index.write_text(content)
+    result = loader.run()
+    assert result.returncode == 1
+    assert result.stderr.splitlines()[-1] == (
+        "load_packages: the package index holds no package; run apt-get update")
+    assert loader.query("SELECT COUNT(*) FROM PACKAGES") == [(2,)]
+    assert [path.name for path in loader.data.iterdir()] == ["sample.db"]
+
+
+def test_the_loader_replaces_what_is_no_database(loader: Loader) -> None:
+    loader.data.mkdir()
+    loader.database.write_text("words, and enough of them to be looked at" * 30)
+    assert loader.run().returncode == 0
+    assert loader.query("SELECT COUNT(*) FROM PACKAGES") == [(2,)]
+
+
+@pytest.mark.parametrize("arguments, code", [
+    (["--database", "../x"], 2), (["--nonsense"], 2), (["--input", "/nonexistent"], 1)])
+def test_the_loader_refuses_bad_arguments(loader: Loader, arguments: list[str], code: int) -> None:
+    result = loader.run(*arguments)
+    assert result.returncode == code and "Traceback" not in result.stderr
+
+
+def test_the_sample_policy_fits_the_sample_data(loader: Loader) -> None:
+    policy = json.loads((ROOT / "sample" / "data" / "policy.json").read_text())
+    assert loader.run().returncode == 0
+    tables = {name for (name,) in loader.query(
+        "SELECT name FROM sqlite_schema WHERE type = 'table' AND name NOT LIKE 'sqlite_%'")}
+    assert set(policy["allowed_tables"]) == tables
+    columns = {name for (name,) in loader.query("SELECT name FROM pragma_table_info('PACKAGES')")}
+    assert policy["denied_columns"] == ["MAINTAINER"] and "MAINTAINER" in columns
+    assert policy["database"] == "sample" and not policy["writes_enabled"]
