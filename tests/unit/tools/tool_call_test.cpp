@@ -24,6 +24,27 @@ const std::string kBadSource = tool_error("hybrid source table or key is denied 
 const std::string kBadColumns = tool_error("hybrid columns are invalid");
 const std::string kDeniedColumn = tool_error("hybrid column is denied by MCP policy");
 
+// What the tools themselves say of bad arguments, once every gate is passed.
+const std::string kBadVector = tool_error("invalid collection, top limit, or unknown argument");
+const std::string kBadText = tool_error("invalid collection, text, top limit, or unknown argument");
+const std::string kBadHybrid =
+    tool_error("invalid hybrid collection, source mapping, text, top, or unknown argument");
+const std::string kBadStatus =
+    tool_error("collection must be a safe Vantreo identifier and unknown fields are not allowed");
+const std::string kBadProvider = tool_error("provider must be a safe Vantreo identifier");
+const std::string kBadWrite =
+    tool_error("kova_execute requires bounded SQL and rejects unknown arguments");
+
+struct OwnRefusal {
+  const char* tool;
+  const std::string& reply;
+};
+const OwnRefusal kPlainCollectionTools[] = {
+    {"kova_vector_search", kBadVector},
+    {"kova_text_search", kBadText},
+    {"kova_ai_status", kBadStatus},
+};
+
 constexpr const char* kAllTools[] = {
     "kova_list_databases", "kova_list_tables",   "kova_describe_table",
     "kova_query",          "kova_vector_search", "kova_text_search",
@@ -157,6 +178,8 @@ TEST_F(ToolCalls, DisabledReadsLeaveTheWriteToolAlone) {
   expect_audit("deny", "");
   EXPECT_EQ(call(""), kReadsOff);
   EXPECT_EQ(call("kova_execute", "{}"), kUnknownTool);
+  policy->writes_enabled = true;
+  EXPECT_EQ(call("kova_execute", "{}"), kBadWrite);
   expect_audit("allow", "");
 }
 
@@ -173,8 +196,8 @@ TEST_F(ToolCalls, ProviderToolsNeedProviderReads) {
       EXPECT_EQ(call(name, "null"), kProvidersOff) << name;
       expect_audit("kill_switch", "");
     }
-    EXPECT_EQ(call("kova_vector_search", R"({"collection":"DOCS"})"), kUnknownTool);
-    EXPECT_EQ(call("kova_ai_status", R"({"collection":"DOCS"})"), kUnknownTool);
+    EXPECT_EQ(call("kova_vector_search", R"({"collection":"DOCS"})"), kBadVector);
+    EXPECT_EQ(call("kova_ai_status", R"({"collection":"DOCS","x":1})"), kBadStatus);
     expect_audit("allow", "");
   };
   policy->provider_reads_enabled = false;
@@ -203,20 +226,21 @@ TEST_F(ToolCalls, CollectionsMustBeAllowed) {
     EXPECT_EQ(call(name), kBadCollection);
     expect_audit("deny", "");
   }
-  for (const char* name : {"kova_vector_search", "kova_text_search", "kova_ai_status"}) {
+  for (const OwnRefusal& own : kPlainCollectionTools) {
     // The tool's own members are no business of the gate.
-    EXPECT_EQ(call(name, R"({"collection":"docs","other":1})"), kUnknownTool) << name;
-    EXPECT_EQ(call(name, R"({"collection":"D\u004fCS"})"), kUnknownTool) << name;
+    EXPECT_EQ(call(own.tool, R"({"collection":"docs","other":1})"), own.reply);
+    EXPECT_EQ(call(own.tool, R"({"collection":"D\u004fCS","other":1})"), own.reply);
     expect_audit("allow", "");
   }
 }
 
 TEST_F(ToolCalls, WithoutAPolicyEverySafeCollectionIsAllowed) {
   use_no_policy();
-  for (const char* name : {"kova_vector_search", "kova_text_search", "kova_ai_status"}) {
-    EXPECT_EQ(call(name, "{\"collection\":\"" + std::string(63, 'c') + "\"}"), kUnknownTool);
-    EXPECT_EQ(call(name, "{\"collection\":\"" + std::string(64, 'c') + "\"}"), kBadCollection);
-    EXPECT_EQ(call(name, R"({"collection":"a b"})"), kBadCollection);
+  for (const OwnRefusal& own : kPlainCollectionTools) {
+    EXPECT_EQ(call(own.tool, "{\"collection\":\"" + std::string(63, 'c') + "\",\"x\":1}"),
+              own.reply);
+    EXPECT_EQ(call(own.tool, "{\"collection\":\"" + std::string(64, 'c') + "\"}"), kBadCollection);
+    EXPECT_EQ(call(own.tool, R"({"collection":"a b"})"), kBadCollection);
   }
 }
 
@@ -224,8 +248,10 @@ TEST_F(ToolCalls, AProvidersStatusNeedsProviderReads) {
   constexpr const char* kArguments[] = {R"({"collection":"DOCS","provider":"P"})",
                                         R"({"collection":"DOCS","provider":null})",
                                         R"({"provider":[],"collection":"DOCS"})"};
-  for (const char* arguments : kArguments) {
-    EXPECT_EQ(call("kova_ai_status", arguments), kUnknownTool) << arguments;
+  EXPECT_NE(call("kova_ai_status", kArguments[0]).find("\"isError\":false"), std::string::npos);
+  expect_audit("allow", "DOCS,P");
+  for (const char* arguments : {kArguments[1], kArguments[2]}) {
+    EXPECT_EQ(call("kova_ai_status", arguments), kBadProvider) << arguments;
     expect_audit("allow", "");
   }
   providers_switch.set("1");
@@ -233,8 +259,8 @@ TEST_F(ToolCalls, AProvidersStatusNeedsProviderReads) {
     EXPECT_EQ(call("kova_ai_status", arguments), kStatusOff) << arguments;
     expect_audit("kill_switch", "");
   }
-  EXPECT_EQ(call("kova_ai_status", R"({"collection":"DOCS"})"), kUnknownTool);
-  EXPECT_EQ(call("kova_vector_search", kArguments[0]), kUnknownTool);
+  EXPECT_EQ(call("kova_ai_status", R"({"collection":"DOCS","x":1})"), kBadStatus);
+  EXPECT_EQ(call("kova_vector_search", kArguments[0]), kBadVector);
   // The collection comes first.
   EXPECT_EQ(call("kova_ai_status", R"({"collection":"OTHER","provider":"P"})"), kBadCollection);
   expect_audit("deny", "");
@@ -266,8 +292,8 @@ TEST_F(ToolCalls, AHybridSearchReadsAllowedTablesByAllowedKeys) {
                                 R"({"collection":"DOCS","source_table":"ORDERS","columns":[]})",
                                 R"({"collection":"DOCS","columns":[]})"})
     EXPECT_EQ(call("kova_hybrid_search", arguments), kBadSource) << arguments;
-  EXPECT_EQ(source("\"orders\"", "\"ID\""), kUnknownTool);
-  EXPECT_EQ(source("\"ORDERS\"", "\"" + std::string(63, 'k') + "\""), kUnknownTool);
+  EXPECT_EQ(source("\"orders\"", "\"ID\""), kBadHybrid);
+  EXPECT_EQ(source("\"ORDERS\"", "\"" + std::string(63, 'k') + "\""), kBadHybrid);
 }
 
 TEST_F(ToolCalls, AHybridSearchNamesAllowedColumns) {
@@ -295,14 +321,14 @@ TEST_F(ToolCalls, AHybridSearchNamesAllowedColumns) {
   }
   for (const std::string& json :
        {std::string("[]"), std::string("[\"A\"]"), "[\"A\",\"" + std::string(63, 'c') + "\"]"})
-    EXPECT_EQ(columns(json), kUnknownTool) << json;
+    EXPECT_EQ(columns(json), kBadHybrid) << json;
   use_no_policy();
-  EXPECT_EQ(columns("[\"ssn\"]"), kUnknownTool);
+  EXPECT_EQ(columns("[\"ssn\"]"), kBadHybrid);
 }
 
 TEST_F(ToolCalls, OnlyAHybridSearchHasAHybridGate) {
-  for (const char* name : {"kova_vector_search", "kova_text_search", "kova_ai_status"})
-    EXPECT_EQ(call(name, R"({"collection":"DOCS","source_table":"OTHER"})"), kUnknownTool);
+  for (const OwnRefusal& own : kPlainCollectionTools)
+    EXPECT_EQ(call(own.tool, R"({"collection":"DOCS","source_table":"OTHER"})"), own.reply);
 }
 
 // Each call has one more, earlier fault than the one before.
@@ -310,7 +336,7 @@ TEST_F(ToolCalls, TheGatesStandInOrder) {
   const auto hybrid = [this](const char* arguments) {
     return call("kova_hybrid_search", arguments);
   };
-  EXPECT_EQ(hybrid(kHybrid), kUnknownTool);
+  EXPECT_EQ(hybrid(kHybrid), kBadHybrid);
   EXPECT_EQ(hybrid(R"({"collection":"DOCS","source_table":"ORDERS","key_field":"ID",)"
                    R"("columns":["SSN"]})"),
             kDeniedColumn);
@@ -332,10 +358,13 @@ TEST_F(ToolCalls, TheGatesStandInOrder) {
   EXPECT_EQ(handle_params(R"({"name":5,"arguments":null,"x":1})"), kBadParams);
 }
 
-TEST_F(ToolCalls, TheWriteToolHasNoHandlerYet) {
-  EXPECT_EQ(call("kova_execute", R"({"sql":"DELETE FROM LOG"})"), kUnknownTool);
+// With writes off the write tool is a name like any other.
+TEST_F(ToolCalls, TheWriteToolNeedsWrites) {
+  EXPECT_EQ(call("kova_execute", R"({"sql":5})"), kUnknownTool);
   policy->writes_enabled = true;
-  EXPECT_EQ(call("kova_execute", R"({"sql":"DELETE FROM LOG"})"), kUnknownTool);
+  EXPECT_EQ(call("kova_execute", R"({"sql":5})"), kBadWrite);
+  writes_switch.set("1");
+  EXPECT_EQ(call("kova_execute", R"({"sql":5})"), kUnknownTool);
   EXPECT_EQ(library.calls(), Calls{});
 }
 
