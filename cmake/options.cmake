@@ -19,7 +19,8 @@ if(WIN32)
     __USE_MINGW_ANSI_STDIO=1 _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX NOGDI UNICODE _UNICODE)
   target_link_options(kova_hardening INTERFACE
     -static -Wl,--dynamicbase,--high-entropy-va,--nxcompat,--gc-sections)
-  target_compile_options(kova_hardening INTERFACE -ffunction-sections -fdata-sections)
+  # No -fdata-sections: the linker would store zeroed data in the file.
+  target_compile_options(kova_hardening INTERFACE -ffunction-sections)
 else()
   target_compile_options(kova_hardening INTERFACE
     -fPIE -fstack-protector-strong -fvisibility=hidden -ffunction-sections -fdata-sections)

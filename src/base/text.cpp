@@ -27,6 +27,18 @@ bool TextOut::append(std::string_view text) {
   return true;
 }
 
+bool TextOut::append_number(std::uint64_t number) {
+  constexpr std::size_t kMostDigits = 20;
+  char digits[kMostDigits];
+  char* const end = digits + kMostDigits;
+  char* first = end;
+  do {
+    *--first = static_cast<char>('0' + number % 10);
+    number /= 10;
+  } while (number != 0);
+  return append({first, static_cast<std::size_t>(end - first)});
+}
+
 bool TextOut::format(const char* directives, ...) {
   const std::size_t room = capacity_ - length_;
   std::va_list arguments;

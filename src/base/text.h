@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 namespace kova {
@@ -32,6 +33,8 @@ class TextOut {
   /// Adds to the text. When it does not fit, nothing is added and the answer is false.
   [[nodiscard]] bool append(std::string_view text);
   [[nodiscard]] bool append(char byte) { return append(std::string_view(&byte, 1)); }
+  /// Adds a number in decimal digits.
+  [[nodiscard]] bool append_number(std::uint64_t number);
   /// Adds formatted text (printf directives). When it does not fit, nothing is added and the
   /// answer is false.
   [[nodiscard]] bool format(const char* directives, ...) __attribute__((format(gnu_printf, 2, 3)));

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/byte_run.h"
+#include "base/json_escape.h"
 
 namespace kova {
 
@@ -46,30 +47,27 @@ bool OutBuf::append_escaped(std::string_view text) {
   const char* const end = p + std::min(text.size(), kEscapedInputLimit);
   if (!append("\"")) return false;
   while (p != end) {
-    const char* const stop = find_run_end<NonAscii::kPlain>(p, end);
-    if (!append({p, static_cast<std::size_t>(stop - p)})) return false;
-    if (stop == end) break;
-    if (!append_escape(*stop)) return false;
-    p = stop + 1;
+    const EscapeProgress progress =
+        escape_json(EscapeStyle::kNumeric, p, end, text_ + length_, text_ + capacity_ - 1);
+    p = progress.source;
+    length_ = static_cast<std::uint32_t>(progress.target - text_);
+    text_[length_] = '\0';
+    if (p != end && !append_step(p, end)) return false;
   }
   return append("\"");
 }
 
-bool OutBuf::append_escape(char byte) {
-  switch (byte) {
-    case '"':
-      return append("\\\"");
-    case '\\':
-      return append("\\\\");
-    case '\n':
-      return append("\\n");
-    case '\r':
-      return append("\\r");
-    case '\t':
-      return append("\\t");
-    default:
-      return append_formatted("\\u%04x", static_cast<unsigned>(byte));
+// Takes the run or the escape that the room at the end may be too short for; grows as every append
+// does.
+bool OutBuf::append_step(const char*& p, const char* end) {
+  const char* const stop = find_run_end<NonAscii::kPlain>(p, end);
+  if (stop != p) {
+    const bool appended = append({p, static_cast<std::size_t>(stop - p)});
+    p = stop;
+    return appended;
   }
+  char escape[kLongestEscape];
+  return append({escape, write_escape(EscapeStyle::kNumeric, *p++, escape)});
 }
 
 bool OutBuf::append_formatted(const char* directives, ...) {

@@ -36,7 +36,7 @@ class OutBuf {
   [[nodiscard]] char* release();
 
  private:
-  [[nodiscard]] bool append_escape(char byte);
+  [[nodiscard]] bool append_step(const char*& p, const char* end);
 
   char* text_ = nullptr;
   std::uint32_t length_ = 0;

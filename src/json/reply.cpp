@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "base/byte_run.h"
+#include "base/json_escape.h"
 #include "json/output_lock.h"
 #include "platform/console.h"
 
@@ -23,8 +23,13 @@ ReplyLine::ReplyLine() {
 
 ReplyLine::~ReplyLine() {
   raw("\n");
-  write_stdout({line_buffer, used_});
+  flush();
   OutputLock.unlock();
+}
+
+void ReplyLine::flush() {
+  write_stdout({line_buffer, used_});
+  used_ = 0;
 }
 
 ReplyLine& ReplyLine::raw(std::string_view bytes) {
@@ -32,8 +37,8 @@ ReplyLine& ReplyLine::raw(std::string_view bytes) {
     const std::size_t part = kLineCapacity - used_;
     std::memcpy(line_buffer + used_, bytes.data(), part);
     bytes.remove_prefix(part);
-    write_stdout({line_buffer, kLineCapacity});
-    used_ = 0;
+    used_ = kLineCapacity;
+    flush();
   }
   if (!bytes.empty()) std::memcpy(line_buffer + used_, bytes.data(), bytes.size());
   used_ += bytes.size();
@@ -41,33 +46,26 @@ ReplyLine& ReplyLine::raw(std::string_view bytes) {
 }
 
 ReplyLine& ReplyLine::string(std::string_view text) {
-  static constexpr std::string_view kEscapedBytes = "\"\\\b\f\n\r\t";
-  static constexpr std::string_view kLetters = "\"\\bfnrt";
   const char* p = text.data();
   const char* const end = p + text.size();
   raw("\"");
   while (p != end) {
-    const char* const stop = find_run_end<NonAscii::kPlain>(p, end);
-    raw({p, static_cast<std::size_t>(stop - p)});
-    if (stop == end) break;
-    const std::size_t letter = kEscapedBytes.find(*stop);
-    if (letter != kEscapedBytes.npos) {
-      const char escape[] = {'\\', kLetters[letter]};
-      raw({escape, sizeof escape});
-    } else {
-      char escape[8];
-      TextOut out(escape);
-      if (out.format("\\u%04x", static_cast<unsigned>(*stop))) raw(out.view());
-    }
-    p = stop + 1;
+    const EscapeProgress progress =
+        escape_json(EscapeStyle::kShort, p, end, line_buffer + used_, line_buffer + kLineCapacity);
+    p = progress.source;
+    used_ = static_cast<std::size_t>(progress.target - line_buffer);
+    if (p != end) flush();
   }
   return raw("\"");
 }
 
-ReplyLine& ReplyLine::number(long long value) {
+ReplyLine& ReplyLine::number(std::int64_t value) {
   char digits[24];
   TextOut out(digits);
-  return out.format("%lld", value) ? raw(out.view()) : *this;
+  const auto magnitude = static_cast<std::uint64_t>(value);
+  const bool fits = value >= 0 ? out.append_number(magnitude)
+                               : out.append('-') && out.append_number(0 - magnitude);
+  return fits ? raw(out.view()) : *this;
 }
 
 ReplyLine& ReplyLine::id(RequestId id) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 #include "json/json.h"
@@ -43,12 +44,14 @@ class ReplyLine {
   /// Adds a JSON string literal. Escapes the quotation mark, the backslash and control bytes;
   /// everything else is added unchanged.
   ReplyLine& string(std::string_view text);
-  ReplyLine& number(long long value);
+  ReplyLine& number(std::int64_t value);
   /// Adds the id: a string of at most 95 bytes re-escaped, any other value as it was received,
   /// null for none and for a string that is longer or does not decode.
   ReplyLine& id(RequestId id);
 
  private:
+  void flush();
+
   std::size_t used_ = 0;
 };
 

@@ -26,7 +26,7 @@ struct ListText {
 
 bool append_rows(TextOut& out, const char (*names)[kSafeNameCapacity], std::uint32_t count) {
   for (std::uint32_t i = 0; i < count; ++i) {
-    if (!out.format("%s[\"%s\"]", i == 0 ? "" : ",", names[i]) ||
+    if (!out.append(i == 0 ? "[\"" : ",[\"") || !out.append(names[i]) || !out.append("\"]") ||
         out.length() + kTailReserve >= kListCapacity) {
       return false;
     }
@@ -44,8 +44,8 @@ void respond_with_names(const ToolCall& call, ToolContext& context,
   }
   TextOut out(text.data, kListCapacity);
   if (!out.copy(R"({"status":"policy-filtered","columns":["NAME"],"rows":[)") ||
-      !append_rows(out, names, count) ||
-      !out.format("],\"rowCount\":%u,\"truncated\":false}", count)) {
+      !append_rows(out, names, count) || !out.append(R"(],"rowCount":)") ||
+      !out.append_number(count) || !out.append(R"(,"truncated":false})")) {
     write_tool_error(call, context, "policy catalog limit");
     return;
   }

@@ -32,12 +32,11 @@ void write_all(int descriptor, std::string_view bytes) {
 }  // namespace
 
 void prepare_standard_streams() {
-  // A missing standard stream would be filled by the next pipe, and diagnostics sent into it.
-  int descriptor = 0;
-  do {
-    descriptor = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-  if (descriptor >= 0) ::close(descriptor);
+  // A missing standard stream would be filled by the next pipe, and diagnostics sent into it. Every
+  // one before it is there by then, so opening fills its place.
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (::fcntl(stream, F_GETFD) < 0) static_cast<void>(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  }
   std::signal(SIGPIPE, SIG_IGN);
 }
 

@@ -1,0 +1,75 @@
+#include "base/json_escape.h"
+
+#include <bit>
+#include <cstring>
+
+#include "base/byte_run.h"
+
+namespace kova {
+
+namespace {
+
+/// The letter that stands for a byte after the backslash, or 0.
+char escape_letter(EscapeStyle style, char byte) {
+  switch (byte) {
+    case '"':
+    case '\\':
+      return byte;
+    case '\n':
+      return 'n';
+    case '\r':
+      return 'r';
+    case '\t':
+      return 't';
+    case '\b':
+      return style == EscapeStyle::kShort ? 'b' : '\0';
+    case '\f':
+      return style == EscapeStyle::kShort ? 'f' : '\0';
+    default:
+      return '\0';
+  }
+}
+
+}  // namespace
+
+std::size_t write_escape(EscapeStyle style, char byte, char* target) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  target[0] = '\\';
+  target[1] = escape_letter(style, byte);
+  if (target[1] != '\0') return 2;
+  const auto value = static_cast<unsigned char>(byte);
+  std::memcpy(target + 1, "u00", 3);
+  target[4] = kDigits[value >> 4];
+  target[5] = kDigits[value & 0xF];
+  return kLongestEscape;
+}
+
+EscapeProgress escape_json(EscapeStyle style, const char* source, const char* source_end,
+                           char* target, char* target_end) {
+  const auto has_room = [&] {
+    return target_end - target >= static_cast<std::ptrdiff_t>(kEscapeRoom);
+  };
+  while (source != source_end && has_room()) {
+    std::ptrdiff_t plain = 0;
+    bool stopped = false;
+    if (source_end - source >= kRunBlock) {
+      // Copied whole: what follows the first byte that stops is overwritten by the next step.
+      const __m128i block = load_block(source);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(target), block);
+      const unsigned stops = run_stops<NonAscii::kPlain>(block);
+      stopped = stops != 0;
+      plain = stopped ? std::countr_zero(stops) : kRunBlock;
+    } else {
+      const char* const stop = find_run_end<NonAscii::kPlain>(source, source_end);
+      plain = stop - source;
+      stopped = stop != source_end;
+      std::memcpy(target, source, static_cast<std::size_t>(plain));
+    }
+    source += plain;
+    target += plain;
+    if (stopped) target += write_escape(style, *source++, target);
+  }
+  return {.source = source, .target = target};
+}
+
+}  // namespace kova
