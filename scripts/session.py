@@ -60,9 +60,9 @@ def run(mode: str, view: View) -> int:
     if processes.survivors:
         raise SessionFailure(f"had to be ended by force: {', '.join(processes.survivors)}")
     view.line()
-    view.line(f"Session complete on {mode}: {tally.answered} requests answered, {tally.refused} calls"
-              f" refused as the policy wants it, {tally.cancelled} cancelled; nothing is left"
-              " running.", "bold")
+    view.line(f"Session complete on {mode}: {tally.answered} requests answered,"
+              f" {tally.refused} calls refused as the policy wants it, {tally.cancelled} cancelled;"
+              " nothing is left running.", "bold")
     return 0
 
 

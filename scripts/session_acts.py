@@ -105,7 +105,8 @@ def readable(reply: dict[str, Any]) -> dict[str, Any]:
     result = reply.get("result", {})
     content = result.get("structuredContent", {})
     if "rows" in content:
-        text = Note("the same as a text of " + count(len(result["content"][0]["text"]), "character"))
+        length = len(result["content"][0]["text"])
+        text = Note(f"the same as a text of {count(length, 'character')}")
         rows = Note(count(len(content["rows"]), "row") + ", below")
         result = {**result, "content": [{**result["content"][0], "text": text}],
                   "structuredContent": {**content, "rows": rows}}
@@ -241,8 +242,8 @@ def stage_check(stage: Stage, mode: str, wrong: dict[str, str], code: int, begin
     for line in output.splitlines():
         stage.view.line("  " + line, "green" if process.returncode == 0 else "red")
     stage.view.line(f"  exit code {process.returncode}", "dim")
-    expect(process.returncode == code and output.startswith(begin),
-           f"{mode} does not end with {code} and \"{begin}\"")
+    expect(process.returncode == code, f"{mode} ends with {process.returncode} instead of {code}")
+    expect(output.startswith(begin), f"{mode} does not print \"{begin}\"")
 
 
 def audit(stage: Stage) -> None:

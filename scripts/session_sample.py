@@ -121,8 +121,8 @@ class Processes:
     def _wine_ends(self) -> bool:
         """Wine's own servers end by themselves, soon after the last program."""
         try:
-            subprocess.run([WINE_SERVER, "-w"], env=self._wine_env, timeout=END_TIMEOUT, check=False,
-                           stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+            subprocess.run([WINE_SERVER, "-w"], env=self._wine_env, timeout=END_TIMEOUT,
+                           check=False, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                            stderr=subprocess.DEVNULL)
         except subprocess.TimeoutExpired:
             return False
@@ -207,13 +207,19 @@ def _build(preset: str, targets: Sequence[str], view: View, processes: Processes
     with view.step(f"Build for {preset}") as step:
         if not (folder / "build.ninja").exists():
             step.progress("configuring")
-            # A first build without the packages that only tests and benchmarks need; a build
-            # folder that is there keeps what it was configured with.
-            _run(processes, ["cmake", "--preset", preset, "-DKOVA_TESTS=OFF",
-                             "-DKOVA_BENCHMARKS=OFF"],
-                 f"the build for {preset} cannot be configured", view, cwd=ROOT)
+            _configure(preset, view, processes)
         _run(processes, ["cmake", "--build", str(folder), "--target", *targets],
              f"the build for {preset} failed", view, lambda line: _show_progress(step, line))
+
+
+def _configure(preset: str, view: View, processes: Processes) -> None:
+    """Leaves the tests and benchmarks out where the packages that only they need are missing."""
+    command = ["cmake", "--preset", preset]
+    whole = processes.start(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                            stderr=subprocess.DEVNULL)
+    if whole.wait() != 0:
+        _run(processes, [*command, "-DKOVA_TESTS=OFF", "-DKOVA_BENCHMARKS=OFF"],
+             f"the build for {preset} cannot be configured", view, cwd=ROOT)
 
 
 def _show_progress(step: Step, line: str) -> None:

@@ -233,8 +233,10 @@ class Machine:
         (folder / "scripts").mkdir(mode=0o755)
         shutil.copy(SETUP, folder / "scripts")
         present = " ".join(installed)
-        self._tool("dpkg-query", f'for package in "${{@:3}}"; do [[ " {present} " == *" $package "* ]]'
-                                 ' && echo "installed $package"; done; exit 1')
+        self._tool("dpkg-query", 'for package in "${@:3}"; do'
+                                 f' [[ " {present} " == *" $package "* ]] &&'
+                                 ' echo "installed $package"'
+                                 '; done; exit 1')
         self._tool("apt-get", f'echo "apt-get $*" >>{self.called}')
 
     def _tool(self, name: str, script: str) -> None:
@@ -260,37 +262,51 @@ def folder() -> Iterator[Path]:
         yield Path(name)
 
 
-BUILD_PACKAGES = ["g++", "cmake", "ninja-build", "libsqlite3-dev", "python3"]
+def packages(group: str) -> list[str]:
+    """The packages of a group, in the order in which setup.sh names them."""
+    match = re.search(rf"^readonly -a {group}=\((.*?)\)$", SETUP.read_text("utf-8"), re.M | re.S)
+    assert match is not None
+    return match[1].split()
+
+
+INSTALLED = ["g++", "python3"]
+MISSING = " ".join(name for name in packages("BUILD") + packages("WINDOWS")
+                   if name not in INSTALLED)
+
+
+def test_setup_knows_what_the_build_needs() -> None:
+    assert {"g++", "cmake", "ninja-build", "libsqlite3-dev", "python3"} <= set(packages("BUILD"))
+    assert {"g++-mingw-w64-x86-64-posix", "wine64"} <= set(packages("WINDOWS"))
+    assert {"googletest", "python3-pytest", "clang-tidy", "libbenchmark-dev"} <= set(
+        packages("TEST"))
 
 
 def test_setup_installs_nothing_when_all_is_there(folder: Path) -> None:
-    machine = Machine(folder, BUILD_PACKAGES)
+    machine = Machine(folder, packages("BUILD"))
     done = machine.setup("build", root=False)
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
     assert machine.calls() == []
 
 
 def test_setup_without_root_prints_the_one_command(folder: Path) -> None:
-    machine = Machine(folder, ["g++", "python3"])
+    machine = Machine(folder, INSTALLED)
     done = machine.setup("build", "windows", root=False)
-    packages = "cmake ninja-build libsqlite3-dev g++-mingw-w64-x86-64-posix wine64"
     assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr.splitlines() == [
-        f"Debian packages to install: {packages}",
+        f"Debian packages to install: {MISSING}",
         "As root, run:",
-        f"  apt-get update && apt-get install -y --no-install-recommends {packages}"]
+        f"  apt-get update && apt-get install -y --no-install-recommends {MISSING}"]
     assert machine.calls() == []
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="installing is for root")
 def test_setup_as_root_says_what_it_installs_and_updates_once(folder: Path) -> None:
-    machine = Machine(folder, ["g++", "python3"])
+    machine = Machine(folder, INSTALLED)
     done = machine.setup("build", "windows", root=True)
-    packages = "cmake ninja-build libsqlite3-dev g++-mingw-w64-x86-64-posix wine64"
     assert (done.returncode, done.stdout) == (0, "")
-    assert done.stderr.splitlines() == [f"Debian packages to install: {packages}"]
+    assert done.stderr.splitlines() == [f"Debian packages to install: {MISSING}"]
     assert machine.calls() == [
-        "apt-get update", f"apt-get install -y --no-install-recommends {packages}"]
+        "apt-get update", f"apt-get install -y --no-install-recommends {MISSING}"]
 
 
 @pytest.mark.parametrize("arguments, words", [
