@@ -20,113 +20,43 @@ How a test is written
   it was asked.
 * `policy(**overrides)` (module policy_files) writes a policy file and answers the environment that
   goes with it.
-* Module listeners: `Listener` (accepts and counts), `refused_port`, `silent_port`.
+* Module listeners: `Listener` (accepts and counts), `refused_port`, `silent_port`. Module
+  audit_files: `records(path)`. What the modules messages, target, scripted_library and waiting
+  offer is had from this one.
 """
 
 from __future__ import annotations
 
-import fcntl
+import contextlib
 import json
 import os
 import queue
-import shutil
+import signal
 import subprocess
 import threading
 import time
 import uuid
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Iterable, Mapping, Sequence
+from typing import Any, Mapping, Sequence
 
-TIMEOUT = 20.0
-"""Seconds after which an answer that has not come is a failure, not a slow machine."""
+from messages import (BUSY, NOT_INITIALIZED, OVERSIZE_ERROR, PARSE_ERROR, WORKER_FAILED, busy, call,
+                      cancel, cancelled_reply, error_reply, line, not_initialized, notification,
+                      ping, pong, request, result_reply, tool_error_reply, tool_success_reply)
+from scripted_library import Call, Repeat, Script, ScriptedLibrary
+from target import WINE, Environment, Installation, Target
+from waiting import TIMEOUT, wait_until
+
+__all__ = [
+    "BUSY", "NOT_INITIALIZED", "OVERSIZE_ERROR", "PARSE_ERROR", "WORKER_FAILED", "busy", "call",
+    "cancel", "cancelled_reply", "error_reply", "line", "not_initialized", "notification", "ping",
+    "pong", "request", "result_reply", "tool_error_reply", "tool_success_reply",
+    "Call", "Repeat", "Script", "ScriptedLibrary", "TIMEOUT", "wait_until",
+    "Environment", "Installation", "MARKER", "Result", "Server", "Servers", "Target", "WINE",
+]
 
 MARKER = "E2E_SERVER"
 """The environment variable by which a server's descendants are told from everyone else's."""
-
-WINE = "/usr/lib/wine/wine64"
-
-Environment = Mapping[str, "str | Path | None"]
-
-
-class Target:
-    """One of the two executables and how to run it."""
-
-    def __init__(self, name: str, build: Path, prefix: Path) -> None:
-        self.name = name
-        self.build = build
-        self.prefix = prefix
-        self.windows = name == "windows"
-        self.executable = build / ("kova-mcp.exe" if self.windows else "kova-mcp")
-        self.library_name = "kovadll.dll" if self.windows else "libkovadll.so"
-        self.line_end = b"\r\n" if self.windows else b"\n"  # of standard error
-        self._keeper: subprocess.Popen[bytes] | None = None
-
-    def path(self, path: Path) -> str:
-        """The path as the target writes it."""
-        text = str(path)
-        return "Z:" + text.replace("/", "\\") if self.windows else text
-
-    def command(self, executable: Path, arguments: Sequence[str]) -> list[str]:
-        return ([WINE] if self.windows else []) + [str(executable), *arguments]
-
-    def environment(self, extra: Environment) -> dict[str, str]:
-        """A minimal environment and the variables of the test; None leaves one out."""
-        env = {"PATH": "/usr/bin:/bin", "HOME": str(self.build), "LC_ALL": "C.UTF-8"}
-        if self.windows:
-            env |= {"WINEPREFIX": str(self.prefix), "WINEDEBUG": "-all"}
-        for name, value in extra.items():
-            if value is not None:
-                env[name] = self.path(value) if isinstance(value, Path) else value
-        return env
-
-    def prepare(self) -> None:
-        """Makes the Wine prefix once, and keeps Wine's own servers up for the session."""
-        if not self.windows:
-            return
-        self.prefix.parent.mkdir(parents=True, exist_ok=True)
-        env = self.environment({})
-        quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-        with open(f"{self.prefix}.lock", "w", encoding="ascii") as lock:
-            fcntl.flock(lock, fcntl.LOCK_EX)
-            if not (self.prefix / "system.reg").exists():
-                subprocess.run([WINE, "wineboot", "-i"], env=env, check=True, timeout=300, **quiet)
-            # Wine's own servers keep the streams of the process that starts them.
-            subprocess.run([WINE, "cmd", "/c", "exit"], env=env, check=True, timeout=300, **quiet)
-            self._keeper = subprocess.Popen([WINE, "cmd"], env=env, stdin=subprocess.PIPE, **quiet)
-
-    def release(self) -> None:
-        if self._keeper is not None and self._keeper.stdin is not None:
-            self._keeper.stdin.close()
-            self._keeper.wait(timeout=TIMEOUT)
-
-
-class Installation:
-    """Folders that each hold the executable and, beside it, one kind of client library."""
-
-    def __init__(self, target: Target, root: Path) -> None:
-        self.target = target
-        self.root = root
-
-    def executable(self, library: str | None = None, folder: Path | None = None) -> Path:
-        folder = folder or self.root / (library or "none")
-        executable = folder / self.target.executable.name
-        if not executable.exists():
-            folder.mkdir(parents=True, exist_ok=True)
-            self._add_library(folder / self.target.library_name, library)
-            shutil.copy2(self.target.executable, executable)
-        return executable
-
-    def _add_library(self, path: Path, library: str | None) -> None:
-        support = self.target.build / "tests" / "support"
-        if library == "scripted":
-            shutil.copy2(support / self.target.library_name, path)
-        elif library == "incomplete":
-            shutil.copy2(support / "incomplete" / self.target.library_name, path)
-        elif library == "broken":
-            path.write_text("no library\n", encoding="ascii")
-        elif library is not None:
-            raise ValueError(library)
 
 
 @dataclass
@@ -281,14 +211,20 @@ class Server:
         self.process.wait(TIMEOUT)
 
     def processes(self) -> list[int]:
-        """The processes of this executable that this server is or has started."""
+        """The processes of this executable that this server is or has started.
+
+        What Wine's loader has not made a process of its own yet is none: a process that Wine was
+        about to start when its parent was killed stays in the loader, out of reach of every job.
+        """
+        loader = WINE.encode() + b"\0"
+        return [pid for pid in self._marked()
+                if not _read(f"/proc/{pid}/cmdline").startswith(loader)]
+
+    def _marked(self) -> list[int]:
         wanted = f"{MARKER}={self.marker}".encode()
-        found = []
-        for entry in os.scandir("/proc"):
-            if entry.name.isdigit() and wanted in _read(f"/proc/{entry.name}/environ").split(b"\0"):
-                if b"kova-mcp" in _read(f"/proc/{entry.name}/cmdline"):
-                    found.append(int(entry.name))
-        return sorted(found)
+        found = [int(entry.name) for entry in os.scandir("/proc") if entry.name.isdigit()
+                 and wanted in _read(f"/proc/{entry.name}/environ").split(b"\0")]
+        return sorted(pid for pid in found if b"kova-mcp" in _read(f"/proc/{pid}/cmdline"))
 
     def workers(self) -> list[int]:
         return [pid for pid in self.processes()
@@ -313,17 +249,29 @@ class Server:
             left_running = False
         except subprocess.TimeoutExpired:
             left_running = True
-        if not left_running:
-            self.expect_no_process()
+        try:
+            if not left_running:
+                self.expect_no_process()
+        finally:
+            self._end_everything()
+        assert not left_running, f"the server did not end with its input; stderr: {self.stderr!r}"
+
+    def _end_everything(self) -> None:
         self.kill()
+        for pid in self._marked():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
         self._join()
         for pipe in (self.process.stdout, self.process.stderr):
             if pipe is not None:
                 pipe.close()
-        assert not left_running, f"the server did not end with its input; stderr: {self.stderr!r}"
 
     def expect_no_process(self, timeout: float = 3.0) -> None:
-        wait_until(lambda: not self.processes(), timeout, "the end of the server's processes")
+        end = time.monotonic() + timeout
+        while left := self.processes():
+            told = {pid: _read(f"/proc/{pid}/cmdline").replace(b"\0", b" ") for pid in left}
+            assert time.monotonic() < end, f"still there after {timeout} s: {told}"
+            time.sleep(0.01)
 
 
 class Servers:
@@ -363,93 +311,6 @@ class Servers:
         assert not failures, failures
 
 
-# the messages that a client sends, and the replies that it expects
-
-
-def line(message: Any) -> bytes:
-    """One message in its shortest spelling."""
-    return json.dumps(message, separators=(",", ":"), ensure_ascii=False).encode() + b"\n"
-
-
-def request(method: str, request_id: Any, params: Any = None) -> bytes:
-    message = {"jsonrpc": "2.0", "id": request_id, "method": method}
-    return line(message if params is None else {**message, "params": params})
-
-
-def notification(method: str, params: Any = None) -> bytes:
-    message = {"jsonrpc": "2.0", "method": method}
-    return line(message if params is None else {**message, "params": params})
-
-
-def call(request_id: Any, tool: str, arguments: Any = None) -> bytes:
-    params = {"name": tool} if arguments is None else {"name": tool, "arguments": arguments}
-    return request("tools/call", request_id, params)
-
-
-def cancel(request_id: Any) -> bytes:
-    return notification("notifications/cancelled", {"requestId": request_id})
-
-
-def error_reply(raw_id: str, code: int, message: str) -> bytes:
-    """`raw_id` is the id's JSON text."""
-    return (f'{{"jsonrpc":"2.0","id":{raw_id},"error":{{"code":{code},"message":"{message}"}}}}\n'
-            ).encode()
-
-
-def result_reply(raw_id: str, result: str) -> bytes:
-    return f'{{"jsonrpc":"2.0","id":{raw_id},"result":{result}}}\n'.encode()
-
-
-def tool_error_reply(raw_id: str, message: str) -> bytes:
-    content = f'{{"content":[{{"type":"text","text":"{message}"}}],"isError":true}}'
-    return result_reply(raw_id, content)
-
-
-def tool_success_reply(raw_id: str, result: str) -> bytes:
-    """`result` is the result's JSON text, carried as text and as it is."""
-    text = json.dumps(result, ensure_ascii=False)
-    return result_reply(raw_id, f'{{"content":[{{"type":"text","text":{text}}}],'
-                                f'"structuredContent":{result},"isError":false}}')
-
-
-def cancelled_reply(raw_id: str) -> bytes:
-    return result_reply(raw_id, '{"content":[{"type":"text","text":"request cancelled"}],'
-                                '"structuredContent":{"cancelled":true},"isError":true}')
-
-
-PARSE_ERROR = error_reply("null", -32700, "invalid, duplicate, deep, or oversized JSON message")
-OVERSIZE_ERROR = error_reply("null", -32700, "MCP message exceeds 1048576 bytes")
-WORKER_FAILED = error_reply("null", -32603, "isolated MCP tool worker failed")
-BUSY = "another MCP database tool is still active"
-NOT_INITIALIZED = "server is not initialized"
-
-
-def ping(request_id: Any) -> bytes:
-    return request("ping", request_id)
-
-
-def pong(raw_id: Any) -> bytes:
-    return result_reply(str(raw_id), "{}")
-
-
-def not_initialized(raw_id: Any) -> bytes:
-    return error_reply(str(raw_id), -32002, NOT_INITIALIZED)
-
-
-def busy(raw_id: Any) -> bytes:
-    return error_reply(str(raw_id), -32000, BUSY)
-
-
-# small helpers
-
-
-def wait_until(condition: Any, timeout: float, what: str) -> None:
-    end = time.monotonic() + timeout
-    while not condition():
-        assert time.monotonic() < end, f"waited {timeout} s for {what}"
-        time.sleep(0.01)
-
-
 def _pipe_without_reader() -> int:
     reader, writer = os.pipe()
     os.close(reader)
@@ -462,165 +323,3 @@ def _read(path: str) -> bytes:
             return file.read()
     except OSError:
         return b""
-
-
-# the scripted client library
-
-
-def escape_field(text: "str | bytes | None | Repeat") -> str:
-    """A field of a script, in the escapes that tests/support/scripted_library/script.h names."""
-    if text is None:
-        return "\\N"
-    if isinstance(text, Repeat):
-        return f"\\*{text.count};{escape_field(text.character)}"
-    data = text.encode() if isinstance(text, str) else text
-    return "".join(chr(b) if 0x20 <= b < 0x7F and b != 0x5C else f"\\x{b:02x}" for b in data)
-
-
-@dataclass(frozen=True)
-class Repeat:
-    """A text of one repeated byte, for cells of a given length."""
-
-    count: int
-    character: "str | bytes" = "x"
-
-
-Cell = "str | bytes | None | Repeat"
-
-
-class Script:
-    """What the scripted library answers. Rules are tried in the order in which they are added.
-
-    `Script().on_exec("SELECT", prefix=True, columns=["A"], rows=[["1"], [None]])`
-    `Script().on("Next", "3", crash=True)`: the third KOVA_Next of a process
-    `Script().on("NewObject", null=True)`
-
-    What a rule may do, in this order: streams, sleep (seconds), stdout, stderr, crash, hang,
-    exit_code. What it may answer: null, result, status, columns, fields (a false column count),
-    rows, repeat (a list of (count, cells)). `times` limits it to that many calls of one process.
-    """
-
-    def __init__(self) -> None:
-        self._lines: list[str] = []
-
-    def on_exec(self, statement: "str | bytes | None" = None, *, prefix: bool = False,
-                **what: Any) -> "Script":
-        return self.on("Exec", statement, prefix=prefix, **what)
-
-    def on(self, operation: str, text: "str | bytes | None" = None, *, prefix: bool = False,
-           times: int | None = None, streams: bool = False, sleep: float | None = None,
-           stdout: "str | bytes | Repeat | None" = None,
-           stderr: "str | bytes | Repeat | None" = None,
-           crash: bool = False, hang: bool = False, exit_code: int | None = None,
-           null: bool = False, result: int | None = None, status: Any = "OK",
-           columns: Iterable[Any] = (), fields: int | None = None,
-           rows: Iterable[Iterable[Any]] = (),
-           repeat: Iterable[tuple[int, Iterable[Any]]] = ()) -> "Script":
-        if text is None:
-            self._add("rule", operation, "any")
-        else:
-            self._add("rule", operation, "prefix" if prefix else "exact", escape_field(text))
-        if times is not None:
-            self._add("times", str(times))
-        if streams:
-            self._add("streams")
-        if sleep is not None:
-            self._add("sleep", str(round(sleep * 1000)))
-        for name, value in (("stdout", stdout), ("stderr", stderr)):
-            if value is not None:
-                self._add(name, escape_field(value))
-        for name, wanted in (("crash", crash), ("hang", hang), ("null", null)):
-            if wanted:
-                self._add(name)
-        if exit_code is not None:
-            self._add("exit", str(exit_code))
-        if result is not None:
-            self._add("result", str(result))
-        self._add("status", escape_field(status))
-        for column in columns:
-            self._add("column", escape_field(column))
-        if fields is not None:
-            self._add("fields", str(fields))
-        for row in rows:
-            self._add("row", *map(escape_field, row))
-        for count, row in repeat:
-            self._add("repeat", str(count), *map(escape_field, row))
-        return self
-
-    def _add(self, *parts: str) -> None:
-        self._lines.append("\t".join(parts))
-
-    def text(self) -> str:
-        return "\n".join(self._lines) + "\n"
-
-
-@dataclass(frozen=True)
-class Call:
-    """One call that the library has seen: the name behind "KOVA_" and the arguments as bytes."""
-
-    pid: int
-    operation: str
-    arguments: tuple[bytes, ...]
-
-
-def _unescape(text: str) -> bytes:
-    return text.encode("latin-1").decode("unicode_escape").encode("latin-1")
-
-
-@dataclass
-class ScriptedLibrary:
-    """The script and the log of the scripted library, for every process that is given `env`."""
-
-    folder: Path
-    profile: dict[str, str] = field(default_factory=dict)
-
-    def __post_init__(self) -> None:
-        self.script(Script())
-
-    @property
-    def _log(self) -> Path:
-        return self.folder / "library.log"
-
-    @property
-    def env(self) -> dict[str, "str | Path | None"]:
-        return {**self.profile, "SCRIPTED_LIBRARY_SCRIPT": self.folder / "library.script",
-                "SCRIPTED_LIBRARY_LOG": self._log}
-
-    def script(self, script: Script) -> None:
-        """Takes effect in the next process: each reads the script at its first call."""
-        (self.folder / "library.script").write_text(script.text(), encoding="ascii", newline="")
-
-    def calls(self) -> list[Call]:
-        text = self._log.read_text("ascii") if self._log.exists() else ""
-        found = []
-        for entry in text.split("\n")[:-1]:
-            pid, operation, *arguments = entry.split("\t")
-            found.append(Call(int(pid), operation, tuple(map(_unescape, arguments))))
-        return found
-
-    def operations(self) -> list[str]:
-        return [entry.operation for entry in self.calls()]
-
-    def statements(self) -> list[bytes]:
-        """Every statement that was run, the session's own "use" and "login" included."""
-        return [entry.arguments[1] for entry in self.calls() if entry.operation == "Exec"]
-
-    def queries(self) -> list[bytes]:
-        """The statements without the session's own."""
-        return [statement for statement in self.statements()
-                if not statement.startswith((b"use ", b"login "))]
-
-    def wait_for_statement(self, statement: str, count: int = 1) -> None:
-        """Waits until the statement has reached the library."""
-        wanted = statement.encode()
-        wait_until(lambda: self.statements().count(wanted) >= count, TIMEOUT,
-                   f"{statement!r} at the library")
-
-    def wait_for(self, operation: str, count: int = 1) -> None:
-        """Waits until the operation has been called."""
-        wait_until(lambda: self.operations().count(operation) >= count, TIMEOUT,
-                   f"KOVA_{operation} at the library")
-
-    def clear(self) -> None:
-        """Forgets the calls so far. No process may have the log open."""
-        self._log.unlink(missing_ok=True)
