@@ -1,0 +1,84 @@
+// Markers that the system cannot create.
+#include "approval/replay_marker.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "unit/approval/approval_fixture.h"
+
+namespace kova::testing {
+namespace {
+
+class PosixReplayMarker : public Approvals {
+ protected:
+  void expect_unavailable() {
+    TextOut(message).copy_cut(kUntouched);
+    EXPECT_FALSE(consume_nonce(*policy, kNonce, message));
+    EXPECT_EQ(message, kUsed);
+  }
+};
+
+// A file system that takes no new files from anybody.
+TEST_F(PosixReplayMarker, NeedsADirectoryThatCanBeWritten) {
+  TextOut(policy->approval_state_directory).copy_cut("/proc");
+  expect_unavailable();
+}
+
+TEST_F(PosixReplayMarker, NeedsAFreeDescriptor) {
+  const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(next, 0);
+  ::close(next);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit none = before;
+  none.rlim_cur = static_cast<rlim_t>(next);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const bool consumed = consume_nonce(*policy, kNonce, message);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_FALSE(consumed);
+  EXPECT_EQ(message, kUsed);
+  EXPECT_TRUE(markers().empty());
+}
+
+// A link is not followed, wherever it leads: creation is exclusive.
+TEST_F(PosixReplayMarker, ALinkOfTheNameUsesTheNonceUp) {
+  const std::string marker = folder.file(kNonce + ".used");
+  const std::string target = folder.file("target");
+  ASSERT_EQ(symlink(target.c_str(), marker.c_str()), 0);
+  expect_unavailable();
+  EXPECT_EQ(::access(target.c_str(), F_OK), -1);
+}
+
+TEST_F(PosixReplayMarker, ALoopOfLinksIsNoDirectory) {
+  const std::string loop = folder.file("loop");
+  ASSERT_EQ(symlink(loop.c_str(), loop.c_str()), 0);
+  TextOut(policy->approval_state_directory).copy_cut(loop);
+  expect_unavailable();
+}
+
+TEST_F(PosixReplayMarker, IsItsOwnersAlone) {
+  ASSERT_TRUE(consume_nonce(*policy, kNonce, message));
+  struct stat status {};
+  ASSERT_EQ(stat(folder.file(kNonce + ".used").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
+  EXPECT_EQ(status.st_size, 0);
+}
+
+// The marker's descriptor does not stay open.
+TEST_F(PosixReplayMarker, ClosesWhatItOpens) {
+  const int before = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ::close(before);
+  ASSERT_TRUE(consume_nonce(*policy, kNonce, message));
+  expect_unavailable();
+  const int after = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ::close(after);
+  EXPECT_EQ(before, after);
+}
+
+}  // namespace
+}  // namespace kova::testing
