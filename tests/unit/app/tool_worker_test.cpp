@@ -151,6 +151,7 @@ TEST_F(RunToolJob, ACancelWhileTheChildStarts) {
     std::thread reader([this, &answered] {
       state_.CancelRequested = 1;
       for (bool ended = false; !ended && !answered;) {
+        yield_thread();
         const SpinGuard guard(state_.worker_process_lock);
         ended = state_.WorkerProcess != nullptr;
         if (ended) state_.WorkerProcess->terminate(kCancelledExitCode);
