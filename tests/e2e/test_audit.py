@@ -241,8 +241,9 @@ def test_the_duration_is_the_call_s(tools):
 def test_no_failure_of_the_audit_reaches_a_reply(start, target, policy, tmp_path):
     (tmp_path / "directory").mkdir()
     (tmp_path / "file").write_bytes(b"x")
+    no_name = target.path(tmp_path / "x") + ("\\" if target.windows else "/")
     paths = [tmp_path / "directory", tmp_path / "missing" / "audit", tmp_path / "file" / "audit",
-             tmp_path / ("a" * 256), target.path(tmp_path / "x") + ("\\" if target.windows else "/")]
+             tmp_path / ("a" * 256), no_name]
     for path in paths:
         server = start(env={**policy(), "KOVA_MCP_AUDIT": path})
         assert server.ask(call(1, "kova_list_tables")) == tool_success_reply("1", LISTED)
