@@ -35,7 +35,7 @@ class ChildProcess {
   void write_input(std::string_view bytes);
   void close_input();
   /// Reads what is there of the child's output, at most `size` bytes, waiting until there is
-  /// something; 0 at its end and after an error.
+  /// something; 0 at its end, after an error, and once the child has ended and left nothing.
   [[nodiscard]] std::size_t read_output(char* data, std::size_t size);
 
   /// Ends the child at once; `collect` then answers `exit_code`, unless it had ended before.
@@ -53,6 +53,7 @@ class ChildProcess {
   std::intptr_t input_ = -1;
   std::intptr_t output_ = -1;
   std::uint32_t terminated_with_ = 0;
+  bool line_ended_ = false;
 };
 
 }  // namespace kova

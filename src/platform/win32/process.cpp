@@ -13,6 +13,7 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kCommandLineCapacity = 292;
+constexpr DWORD kOutputPollMs = 10;
 // Holds the three entries that the start-up attributes need with room to spare.
 constexpr std::size_t kAttributeListCapacity = 256;
 
@@ -111,6 +112,17 @@ bool create_suspended(wchar_t* line, HANDLE (&streams)[3], PROCESS_INFORMATION& 
   return started;
 }
 
+/// Waits until there is output to read, or the process has ended and left none.
+bool more_output(HANDLE output, HANDLE process) {
+  for (;;) {
+    const bool ended = ::WaitForSingleObject(process, kOutputPollMs) != WAIT_TIMEOUT;
+    DWORD available = 0;
+    if (::PeekNamedPipe(output, nullptr, 0, nullptr, &available, nullptr) == 0) return false;
+    if (available > 0) return true;
+    if (ended) return false;
+  }
+}
+
 }  // namespace
 
 std::uint32_t own_process_id() {
@@ -174,8 +186,12 @@ void ChildProcess::close_input() {
 }
 
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
+  // The pipe may outlive the child in a process that the system started beside it, so after the
+  // end of a line the child's own end counts as the end of its output.
+  if (line_ended_ && !more_output(handle_of(output_), handle_of(process_))) return 0;
   DWORD got = 0;
   if (::ReadFile(handle_of(output_), data, static_cast<DWORD>(size), &got, nullptr) == 0) return 0;
+  line_ended_ = got > 0 && data[got - 1] == '\n';
   return got;
 }
 
