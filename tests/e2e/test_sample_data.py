@@ -5,11 +5,12 @@ from __future__ import annotations
 import json
 import subprocess
 from pathlib import Path
+from typing import Callable
 
 import pytest
 
-from kova import TIMEOUT
-from sample_engine import (ROOT, Engine, read_database, text, executable)
+from kova import TIMEOUT, Result
+from sample_engine import ROOT, Engine, executable, read_database
 
 
 INDEX = """\
@@ -166,3 +167,12 @@ def test_the_sample_policy_fits_the_sample_data(loader: Loader) -> None:
     columns = {name for (name,) in loader.query("SELECT name FROM pragma_table_info('PACKAGES')")}
     assert policy["denied_columns"] == ["MAINTAINER"] and "MAINTAINER" in columns
     assert policy["database"] == "sample" and not policy["writes_enabled"]
+
+
+def test_the_server_takes_the_sample_policy(run: Callable[..., Result]) -> None:
+    result = run("--check-policy", env={
+        "KOVA_MCP_POLICY": ROOT / "sample" / "data" / "policy.json",
+        "KOVA_MCP_CLIENT_ID": "sample-client", "KOVA_MCP_DATABASE": "sample",
+        "KOVA_MCP_USER": "sample"})
+    assert result.code == 0
+    assert result.stdout.startswith(b"MCP_CONFIG_OK policy=sample_reads configured=yes reads=yes")
