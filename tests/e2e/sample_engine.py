@@ -103,7 +103,7 @@ class Engine:
         for task in Path(f"/proc/{self.process.pid}/task").iterdir():
             try:
                 names.append((task / "comm").read_text().strip())
-            except FileNotFoundError:
+            except (FileNotFoundError, ProcessLookupError):
                 pass  # It has ended meanwhile.
         return "client" not in names
 
