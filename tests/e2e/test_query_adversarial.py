@@ -92,10 +92,7 @@ def test_a_literal_without_its_end(tools, sql):
     refused(tools, sql, SCREEN)
 
 
-@pytest.mark.parametrize("word", [
-    "INTO", "INSERT", "UPDATE", "DELETE", "DROP", "ALTER", "CREATE", "EXEC", "EXECUTE", "CALL",
-    "RUN", "LOAD", "IMPORT", "EXPORT", "GRANT", "REVOKE", "COMMIT", "ROLLBACK", "TRANSACTION",
-    "LOCK", "UNLOCK", "SET", "USE", "LOGIN", "LOGOUT", "SYNC", "PROVIDER", "ATTACH", "DETACH"])
+@pytest.mark.parametrize("word", ["INTO", "DELETE", "EXECUTE", "TRANSACTION", "SET", "DETACH"])
 def test_words_that_no_select_may_hold(tools, word):
     refused(tools, f"SELECT a FROM T WHERE {word.title()} = 1", SCREEN)
 

@@ -203,6 +203,16 @@ def test_a_library_that_cannot_be_started_is_not_tried_again(start, engine, own_
     assert engine.operations() == seen + released
 
 
+@pytest.mark.parametrize("library", [None, "broken", "incomplete"])
+def test_a_library_that_cannot_be_loaded_is_not_tried_again(start, engine, own_listener, library):
+    """It is loaded after the port has been seen to be open."""
+    process = OneProcess(start(env={**engine.env, "KOVA_MCP_PORT": own_listener.port},
+                               library=library))
+    assert [process.call() for _ in range(3)] == [UNAVAILABLE] * 3
+    assert connections(own_listener) == 1
+    assert engine.calls() == []
+
+
 @pytest.mark.parametrize("refused, tried", [("use SALES;", OPEN[:5]),
                                             ("login reader,secret;", OPEN)])
 def test_a_refused_login_is_tried_again_from_the_start(start, engine, own_listener, refused, tried):
