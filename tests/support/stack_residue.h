@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -38,11 +39,12 @@ __attribute__((noinline)) inline bool stack_holds(std::string_view text) {
   return std::string_view(bytes, sizeof area).find(text) != std::string_view::npos;
 }
 
-/// Whether an address lies on the stack below the caller.
+/// Whether an address lies on the stack around the caller.
 __attribute__((noinline)) inline bool is_on_stack(const void* address) {
   const char here = 0;
-  const auto* const pointer = static_cast<const char*>(address);
-  return pointer < &here + kScannedStack && pointer > &here - kScannedStack;
+  const auto at = reinterpret_cast<std::uintptr_t>(address);
+  const auto middle = reinterpret_cast<std::uintptr_t>(&here);
+  return at - (middle - kScannedStack) < 2 * kScannedStack;
 }
 
 }  // namespace kova::testing
