@@ -67,8 +67,9 @@ bool create_marker_file(const char* path) {
   const HANDLE file = open_file(path, GENERIC_WRITE, 0, CREATE_NEW,
                                 FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_TEMPORARY);
   if (file == INVALID_HANDLE_VALUE) return false;
+  const bool stored = ::FlushFileBuffers(file) != 0;
   ::CloseHandle(file);
-  return true;
+  return stored;
 }
 
 void append_record(const char* path, std::string_view record) {
