@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kCommandLineCapacity = 292;
 constexpr DWORD kOutputPollMs = 10;
-// Holds the three entries that the start-up attributes need with room to spare.
+// Holds the two start attributes with room to spare.
 constexpr std::size_t kAttributeListCapacity = 256;
 
 HANDLE handle_of(std::intptr_t handle) {
@@ -89,27 +89,50 @@ bool command_line(const char* argument, wchar_t (&out)[kWideCapacity]) {
   return own_path(path) && line.format("\"%s\" %s", path, argument) && to_wide(text, out);
 }
 
-// The child starts suspended, so that it is in the job before it can do anything.
-bool create_suspended(wchar_t* line, HANDLE (&streams)[3], PROCESS_INFORMATION& created) {
-  alignas(16) char storage[kAttributeListCapacity];
-  auto* attributes = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage);
-  SIZE_T size = sizeof storage;
-  if (::InitializeProcThreadAttributeList(attributes, 1, 0, &size) == 0) return false;
+/// What a child is started with beside its command line: the handles that it inherits, and the job
+/// that it is born in, so that there is no moment in which it could outlive this process.
+class StartAttributes {
+ public:
+  StartAttributes(HANDLE (&streams)[3], HANDLE& job) {
+    SIZE_T size = sizeof storage_;
+    made_ = ::InitializeProcThreadAttributeList(list(), 2, 0, &size) != 0;
+    complete_ = made_ && add(PROC_THREAD_ATTRIBUTE_HANDLE_LIST, streams, sizeof streams) &&
+                add(PROC_THREAD_ATTRIBUTE_JOB_LIST, &job, sizeof job);
+  }
+  ~StartAttributes() {
+    if (made_) ::DeleteProcThreadAttributeList(list());
+  }
+  StartAttributes(const StartAttributes&) = delete;
+  StartAttributes& operator=(const StartAttributes&) = delete;
+
+  [[nodiscard]] bool complete() const { return complete_; }
+  [[nodiscard]] LPPROC_THREAD_ATTRIBUTE_LIST list() {
+    return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage_);
+  }
+
+ private:
+  [[nodiscard]] bool add(DWORD_PTR attribute, void* value, SIZE_T size) {
+    return ::UpdateProcThreadAttribute(list(), 0, attribute, value, size, nullptr, nullptr) != 0;
+  }
+
+  alignas(16) char storage_[kAttributeListCapacity];
+  bool made_;
+  bool complete_;
+};
+
+bool create_process(wchar_t* line, HANDLE (&streams)[3], HANDLE job, PROCESS_INFORMATION& created) {
+  StartAttributes attributes(streams, job);
   STARTUPINFOEXW startup{};
   startup.StartupInfo.cb = sizeof startup;
   startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
   startup.StartupInfo.hStdInput = streams[0];
   startup.StartupInfo.hStdOutput = streams[1];
   startup.StartupInfo.hStdError = streams[2];
-  startup.lpAttributeList = attributes;
-  const bool started =
-      ::UpdateProcThreadAttribute(attributes, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, streams,
-                                  sizeof streams, nullptr, nullptr) != 0 &&
-      ::CreateProcessW(nullptr, line, nullptr, nullptr, TRUE,
-                       CREATE_NO_WINDOW | CREATE_SUSPENDED | EXTENDED_STARTUPINFO_PRESENT, nullptr,
-                       nullptr, &startup.StartupInfo, &created) != 0;
-  ::DeleteProcThreadAttributeList(attributes);
-  return started;
+  startup.lpAttributeList = attributes.list();
+  return attributes.complete() &&
+         ::CreateProcessW(nullptr, line, nullptr, nullptr, TRUE,
+                          CREATE_NO_WINDOW | EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr,
+                          &startup.StartupInfo, &created) != 0;
 }
 
 /// Waits until there is output to read, or the process has ended and left none.
@@ -154,14 +177,9 @@ bool ChildProcess::start(const char* argument) {
   }
   HANDLE streams[3] = {child_input.get(), child_output.get(), child_error.get()};
   PROCESS_INFORMATION created{};
-  if (!create_suspended(line, streams, created)) return false;
+  if (!create_process(line, streams, job.get(), created)) return false;
   const Handle thread(created.hThread);
   Handle process(created.hProcess);
-  if (::AssignProcessToJobObject(job.get(), process.get()) == 0 ||
-      ::ResumeThread(thread.get()) == static_cast<DWORD>(-1)) {
-    ::TerminateProcess(process.get(), 1);
-    return false;
-  }
   process_ = process.release();
   guard_ = job.release();
   input_ = parent_input.release();
