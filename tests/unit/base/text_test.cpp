@@ -151,6 +151,61 @@ TEST(TextOut, CapacityOneHoldsOnlyTheEmptyText) {
   EXPECT_STREQ(buffer.data(), "");
 }
 
+TEST(TextOut, AppendsNumbersAllOrNothing) {
+  const struct {
+    std::uint64_t number;
+    std::string_view digits;
+  } rows[] = {{0, "0"},
+              {7, "7"},
+              {10, "10"},
+              {99, "99"},
+              {100, "100"},
+              {4294967295ULL, "4294967295"},
+              {4294967296ULL, "4294967296"},
+              {9999999999999999999ULL, "9999999999999999999"},
+              {10000000000000000000ULL, "10000000000000000000"},
+              {18446744073709551615ULL, "18446744073709551615"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.digits);
+    const GuardedBuffer exact(row.digits.size() + 3);
+    TextOut out(exact.data(), exact.size());
+    ASSERT_TRUE(out.append("n="));
+    EXPECT_TRUE(out.append_number(row.number));
+    EXPECT_EQ(out.view(), "n=" + std::string(row.digits));
+    EXPECT_STREQ(exact.data(), ("n=" + std::string(row.digits)).c_str());
+    const GuardedBuffer small(row.digits.size() + 2);
+    TextOut cut(small.data(), small.size());
+    ASSERT_TRUE(cut.append("n="));
+    EXPECT_FALSE(cut.append_number(row.number));
+    EXPECT_STREQ(small.data(), "n=");
+  }
+}
+
+TEST(Slice, Table) {
+  const std::string_view text = "abcdef";
+  const struct {
+    std::size_t begin, count;
+    std::string_view part;
+  } rows[] = {
+      {0, 6, "abcdef"},
+      {0, 7, "abcdef"},
+      {0, 0, ""},
+      {2, 3, "cde"},
+      {5, 1, "f"},
+      {5, 9, "f"},
+      {6, 1, ""},
+      {7, 1, ""},
+      {std::string_view::npos, 1, ""},
+      {1, std::string_view::npos, "bcdef"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(slice(text, row.begin, row.count), row.part) << row.begin << ", " << row.count;
+  }
+  EXPECT_EQ(slice(text, 3), "def");
+  EXPECT_EQ(slice("", 0), "");
+  EXPECT_EQ(slice(std::string_view(), 0, 3), "");
+}
+
 TEST(Refuse, WritesTheMessageAndAnswersFalse) {
   char message[32];
   EXPECT_FALSE(refuse(message, "table is not allowed"));

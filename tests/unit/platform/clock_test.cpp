@@ -47,5 +47,18 @@ TEST(Clock, UtcIsTheSystemsCalendarTime) {
   EXPECT_LE(seen, after + milliseconds(20));
 }
 
+TEST(Clock, UnixSecondsAreTheSystemsTime) {
+  using namespace std::chrono;
+  const auto now = [] {
+    return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+  };
+  const auto before = now();
+  const auto seen = static_cast<std::int64_t>(unix_seconds());
+  const auto after = now();
+  // A system clock that moves in coarse steps may lag by one.
+  EXPECT_GE(seen, before - 1);
+  EXPECT_LE(seen, after + 1);
+}
+
 }  // namespace
 }  // namespace kova

@@ -35,6 +35,20 @@ TEST(EnvironmentValue, ValuesInUtf8) {
   }
 }
 
+TEST(EnvironmentValue, ValuesOfEveryLengthAroundABuffer) {
+  // One, two and three bytes to a character: lengths in bytes and in UTF-16 units differ.
+  for (const std::string_view character : {"x", "\xc3\xa9", "\xe2\x82\xac"}) {
+    for (std::size_t count = 165; count <= 520; ++count) {
+      std::string text;
+      for (std::size_t i = 0; i < count; ++i) text += character;
+      const ScopedEnvironment set(kName, text);
+      const EnvironmentValue value(kName);
+      ASSERT_TRUE(value.is_set());
+      ASSERT_EQ(value.view(), text) << count << " of " << character;
+    }
+  }
+}
+
 TEST(EnvironmentValue, IsReadAtConstruction) {
   ScopedEnvironment variable(kName, "first");
   EXPECT_EQ(EnvironmentValue(kName).view(), "first");

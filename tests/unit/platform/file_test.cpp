@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
 #include <string>
 #include <thread>
 
@@ -76,6 +78,41 @@ TEST(InputFile, WhatCannotBeOpened) {
   EXPECT_FALSE(folder.open(directory.path().c_str()));
   InputFile empty;
   EXPECT_FALSE(empty.open(""));
+}
+
+TEST(CreateMarkerFile, ExactlyOnce) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.path() + kPathSeparator + "nonce \xc3\xa9.used";
+  EXPECT_EQ(path, directory.file("nonce \xc3\xa9.used"));
+  EXPECT_TRUE(create_marker_file(path.c_str()));
+  InputFile file;
+  ASSERT_TRUE(file.open(path.c_str()));
+  EXPECT_EQ(file.size(), 0U);
+  EXPECT_FALSE(create_marker_file(path.c_str()));
+}
+
+TEST(CreateMarkerFile, KeepsWhatIsThere) {
+  const TemporaryDirectory directory;
+  write_file(directory.file("f"), "kept");
+  EXPECT_FALSE(create_marker_file(directory.file("f").c_str()));
+  EXPECT_EQ(read_file(directory.file("f")), "kept");
+  EXPECT_FALSE(create_marker_file(directory.path().c_str()));
+  EXPECT_FALSE(create_marker_file(directory.file("no/such/folder").c_str()));
+  EXPECT_FALSE(create_marker_file(""));
+}
+
+TEST(CreateMarkerFile, OneOfManyCallersWins) {
+  const TemporaryDirectory directory;
+  for (int round = 0; round < 20; ++round) {
+    const std::string path = directory.file("nonce-" + std::to_string(round));
+    std::array<std::thread, 4> threads;
+    std::atomic<int> winners{0};
+    for (std::thread& thread : threads) {
+      thread = std::thread([&] { winners += create_marker_file(path.c_str()) ? 1 : 0; });
+    }
+    for (std::thread& thread : threads) thread.join();
+    ASSERT_EQ(winners, 1) << round;
+  }
 }
 
 TEST(AppendRecord, CreatesAndAppends) {

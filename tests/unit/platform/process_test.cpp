@@ -8,6 +8,7 @@
 
 #include "platform/clock.h"
 #include "platform/console.h"
+#include "platform/thread.h"
 #include "support/child_modes.h"
 #include "support/temporary_directory.h"
 
@@ -112,6 +113,22 @@ TEST_F(ChildProcessTest, AnEndedChildKeepsItsExitCode) {
   child.wait();
   child.terminate(kCancelledExitCode);
   EXPECT_EQ(child.collect(), 7U);
+}
+
+// A call that is cancelled at any moment of its child's start ends, and so does its output.
+TEST_F(ChildProcessTest, TerminationAtEveryMomentOfTheStart) {
+  for (int round = 0; round < 20; ++round) {
+    ChildProcess child;
+    ASSERT_TRUE(child.start(testing::kChildHang));
+    std::thread other([&child, round] {
+      const std::uint64_t until = tick_ms() + static_cast<std::uint64_t>(round);
+      while (tick_ms() < until) yield_thread();
+      child.terminate(kCancelledExitCode);
+    });
+    static_cast<void>(read_all(child));
+    other.join();
+    EXPECT_EQ(finish(child), 1223U);
+  }
 }
 
 TEST_F(ChildProcessTest, LongOutputComesWhole) {

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <string>
+#include <thread>
 
 #include "support/captured_output.h"
 
@@ -50,6 +53,36 @@ TEST(ConsolePosix, InputIsReadAsItComes) {
   EXPECT_EQ(read_stdin(bytes, sizeof bytes), 0U);
   dup2(original, STDIN_FILENO);
   close(original);
+}
+
+// A stream shared with another program may have been made non-blocking by that one.
+TEST(ConsolePosix, NonBlockingStreamsAreWaitedFor) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  const int output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+  const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+  ASSERT_GE(dup2(ends[1], STDOUT_FILENO), 0);
+  ASSERT_GE(dup2(ends[0], STDIN_FILENO), 0);
+  close(ends[0]);
+  close(ends[1]);
+  constexpr std::size_t kSize = 1000000;
+  std::thread writer([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    write_stdout(std::string(kSize, 'w'));
+  });
+  std::size_t seen = 0;
+  char block[4096];
+  while (seen < kSize) {
+    const std::size_t got = read_stdin(block, sizeof block);
+    if (got == 0) break;
+    seen += got;
+  }
+  writer.join();
+  dup2(output, STDOUT_FILENO);
+  dup2(input, STDIN_FILENO);
+  close(output);
+  close(input);
+  EXPECT_EQ(seen, kSize);
 }
 
 }  // namespace

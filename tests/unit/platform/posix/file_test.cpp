@@ -93,6 +93,18 @@ TEST(AppendRecordPosix, ANewFileIsItsOwnersAlone) {
   EXPECT_EQ(read_file(path), "x\r\n");
 }
 
+TEST(CreateMarkerFilePosix, IsItsOwnersAloneAndFollowsNoLink) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("nonce.used");
+  const mode_t before = umask(0);
+  EXPECT_TRUE(create_marker_file(path.c_str()));
+  umask(before);
+  EXPECT_EQ(mode_of(path), 0600U);
+  ASSERT_EQ(symlink(directory.file("target").c_str(), directory.file("link").c_str()), 0);
+  EXPECT_FALSE(create_marker_file(directory.file("link").c_str()));
+  EXPECT_EQ(access(directory.file("target").c_str(), F_OK), -1);
+}
+
 TEST(AppendRecordPosix, TheModeOfAnExistingFileStays) {
   const TemporaryDirectory directory;
   const std::string path = directory.file("audit.jsonl");
