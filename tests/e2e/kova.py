@@ -165,6 +165,12 @@ class Server:
             return
         raise AssertionError(f"unexpected output: {got!r}")
 
+    def drop_pending(self) -> None:
+        """Forgets the lines that are there, so that one test's failure is not the next one's."""
+        with contextlib.suppress(queue.Empty):
+            while True:
+                self._lines.get_nowait()
+
     def expect_end(self) -> None:
         """Standard output ends without a further line."""
         got = self._lines.get(timeout=TIMEOUT)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import time
 from typing import Iterator
 
 import pytest
@@ -13,15 +14,22 @@ BOM = b"\xef\xbb\xbf"
 
 
 @pytest.fixture(scope="module")
-def running(module_servers, module_engine: ScriptedLibrary) -> Iterator[Server]:
+def running_call(module_servers, module_engine: ScriptedLibrary) -> Iterator[Server]:
     module_engine.script(Script().on_exec("list table;", hang=True))
     server = module_servers.start(env=module_engine.env)
     server.initialize()
     server.send(call("running", "kova_list_tables"))
     module_engine.wait_for_statement("list table;")
     yield server
+    server.drop_pending()
     server.send(cancel("running"))
     assert server.read_line() == cancelled_reply('"running"')
+
+
+@pytest.fixture
+def running(running_call: Server) -> Server:
+    running_call.drop_pending()
+    return running_call
 
 
 def silent(server: Server, message: bytes) -> None:
@@ -114,6 +122,13 @@ def test_framing_errors_are_answered(running):
     running.send(b"x\0\n" + ping("lost") + ping("fence"))
     assert running.read_line() == OVERSIZE_ERROR
     assert running.read_line() == busy('"fence"')
+
+
+def test_a_request_waits_a_moment_before_it_is_refused(running):
+    """A call that is about to end costs the next request no refusal."""
+    started = time.monotonic()
+    assert running.ask(ping("waits")) == busy('"waits"')
+    assert 0.03 < time.monotonic() - started < 2.0
 
 
 def test_refused_requests_are_answered_in_their_order(running):
