@@ -171,11 +171,6 @@ class Server:
             while True:
                 self._lines.get_nowait()
 
-    def expect_end(self) -> None:
-        """Standard output ends without a further line."""
-        got = self._lines.get(timeout=TIMEOUT)
-        assert got is None, f"unexpected output: {got!r}"
-
     @property
     def stderr(self) -> bytes:
         return bytes(self._err.data)
