@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
+#include "unit/policy/write_generator.h"
 #include "unit/tools/execute_fixture.h"
 
 namespace kova::testing {
@@ -364,6 +366,33 @@ TEST_F(Approved, ThePolicyStandsBeforeTheToken) {
             tool_error("write type or target table is not allowed by MCP policy"));
   expect_audit("allow", "");
   EXPECT_EQ(marker_count(), 0U);
+}
+
+// What is approved is what runs: the digest in the answer is that of the bytes which the token lets
+// through.
+TEST_F(Approved, TheExecutedBytesAreTheApprovedOnes) {
+  fill(policy->write_tables, {"T", "ORDERS", "LOG"});
+  WriteGenerator writes;
+  for (int i = 0; i < 300; ++i) {
+    const Pieces pieces = writes.statement();
+    // Bytes that JSON cannot carry as they stand are left to the classifier's own tests.
+    std::string sql = WriteGenerator::joined(pieces);
+    std::replace_if(
+        sql.begin(), sql.end(), [](char c) { return c < 0 || c == 0x7F; }, '?');
+    library.forget_calls();
+    const std::string asked = execute(sql);
+    const std::string marker = "\"operation_digest\":\"";
+    ASSERT_NE(asked.find(marker), std::string::npos) << asked;
+    const std::string digest = asked.substr(asked.find(marker) + marker.size(), 64);
+    char token[kTokenCapacity];
+    char words[kApprovalMessageCapacity];
+    ASSERT_TRUE(approval_issue(*policy, digest, unix_seconds(), token, words)) << words;
+    ASSERT_EQ(library.statements(), Calls{});
+    ASSERT_EQ(execute_with(sql, json_literal(token)), kDone) << sql;
+    ASSERT_EQ(library.statements().size(), 1U);
+    ASSERT_EQ(to_hex(reference_sha256(library.statements()[0])), digest) << sql;
+  }
+  EXPECT_EQ(marker_count(), 300U);
 }
 
 TEST_F(Approved, UnknownArgumentsStandBeforeEverything) {
