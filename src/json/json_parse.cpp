@@ -1,8 +1,11 @@
+#include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "base/ascii.h"
 #include "base/byte_run.h"
 #include "json/json.h"
+#include "json/utf8.h"
 
 namespace kova {
 
@@ -12,31 +15,10 @@ constexpr bool is_json_space(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
-constexpr bool is_continuation(unsigned char byte) {
-  return (byte & 0xC0) == 0x80;
-}
-
-/// The length of the UTF-8 sequence at `p` (RFC 3629: no overlong form, no surrogate, nothing above
-/// U+10FFFF), or 0 when there is none. `p` is before `end` and holds a byte of 0x80 or above.
-int utf8_length(const char* p, const char* end) {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(p);
-  const unsigned char lead = bytes[0];
-  const std::ptrdiff_t left = end - p;
-  if (lead < 0xC2 || lead > 0xF4) return 0;
-  if (lead < 0xE0) return left >= 2 && is_continuation(bytes[1]) ? 2 : 0;
-  if (lead < 0xF0) {
-    if (left < 3 || !is_continuation(bytes[1]) || !is_continuation(bytes[2])) return 0;
-    if (lead == 0xE0 && bytes[1] < 0xA0) return 0;
-    if (lead == 0xED && bytes[1] > 0x9F) return 0;
-    return 3;
-  }
-  if (left < 4 || !is_continuation(bytes[1]) || !is_continuation(bytes[2]) ||
-      !is_continuation(bytes[3])) {
-    return 0;
-  }
-  if (lead == 0xF0 && bytes[1] < 0x90) return 0;
-  if (lead == 0xF4 && bytes[1] > 0x8F) return 0;
-  return 4;
+/// What may follow a backslash, "u" and its digits aside.
+constexpr bool is_escape_letter(char c) {
+  return c == '"' || c == '\\' || c == '/' || c == 'b' || c == 'f' || c == 'n' || c == 'r' ||
+         c == 't';
 }
 
 /// One function per rule of the grammar; each leaves the position after what it took.
@@ -131,54 +113,52 @@ class Parser {
     return true;
   }
 
-  // UTF-8 is judged here alone: outside a string no byte beyond ASCII passes anyway.
-  [[nodiscard]] bool string(int parent) {
+  [[nodiscard, gnu::noinline]] bool string(int parent) {
     if (!take('"')) return false;
     const char* const start = p_;
-    for (;;) {
-      p_ = find_run_end<NonAscii::kStops>(p_, end_);
-      if (p_ == end_) return false;
-      if (*p_ == '"') break;
-      if (*p_ == '\\') {
-        if (!escape()) return false;
-      } else if (!non_ascii_run()) {
-        return false;
-      }
-    }
-    if (!append(JsonType::kString, start, p_, parent)) return false;
+    if (!string_end() || !append(JsonType::kString, start, p_, parent)) return false;
     ++p_;
     return true;
   }
 
-  // Refuses control bytes: a sequence cannot begin with one.
-  [[nodiscard]] bool non_ascii_run() {
-    do {
-      const int length = utf8_length(p_, end_);
-      if (length == 0) return false;
-      p_ += length;
-    } while (p_ != end_ && static_cast<signed char>(*p_) < 0);
-    return true;
+  // Leaves the position at the closing quotation mark.
+  [[nodiscard]] bool string_end() {
+    while (end_ - p_ >= kRunBlock) {
+      const char* const block = p_;
+      unsigned stops = run_stops<NonAscii::kStops>(load_block(block));
+      p_ += kRunBlock;
+      // An escape of one letter is stepped over without looking at the block anew.
+      while (stops != 0) {
+        const int at = std::countr_zero(stops);
+        p_ = block + at;
+        if (*p_ == '"') return true;
+        if (*p_ != '\\' || p_ + 1 == end_ || !is_escape_letter(p_[1])) break;
+        stops &= ~(3U << at);
+        p_ = std::max(block + kRunBlock, p_ + 2);
+      }
+      if (stops != 0 && !special()) return false;
+    }
+    for (;;) {
+      p_ = find_run_end<NonAscii::kStops>(p_, end_);
+      if (p_ == end_) return false;
+      if (*p_ == '"') return true;
+      if (!special()) return false;
+    }
+  }
+
+  // What stands in a string beside plain ASCII. UTF-8 is judged here alone: outside a string no
+  // byte beyond ASCII passes anyway. A control byte is refused, as no character begins with one.
+  [[nodiscard, gnu::noinline]] bool special() {
+    if (*p_ == '\\') return escape();
+    p_ = skip_utf8(p_, end_);
+    return p_ != nullptr;
   }
 
   [[nodiscard]] bool escape() {
     if (end_ - p_ < 2) return false;
     const char kind = p_[1];
     p_ += 2;
-    switch (kind) {
-      case '"':
-      case '\\':
-      case '/':
-      case 'b':
-      case 'f':
-      case 'n':
-      case 'r':
-      case 't':
-        return true;
-      case 'u':
-        break;
-      default:
-        return false;
-    }
+    if (kind != 'u') return is_escape_letter(kind);
     if (end_ - p_ < 4) return false;
     for (int i = 0; i < 4; ++i) {
       if (hex_value(p_[i]) < 0) return false;
@@ -203,7 +183,7 @@ class Parser {
     return p_ != start;
   }
 
-  [[nodiscard]] bool number(int parent) {
+  [[nodiscard, gnu::noinline]] bool number(int parent) {
     const char* const start = p_;
     static_cast<void>(take('-'));
     if (!take('0') && !digits()) return false;

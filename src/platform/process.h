@@ -53,7 +53,6 @@ class ChildProcess {
   std::intptr_t input_ = -1;
   std::intptr_t output_ = -1;
   std::uint32_t terminated_with_ = 0;
-  bool line_ended_ = false;
 };
 
 }  // namespace kova

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <utility>
 
 #include "base/text.h"
@@ -13,7 +14,8 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kCommandLineCapacity = 292;
-constexpr DWORD kOutputPollMs = 10;
+constexpr std::size_t kPipeNameCapacity = 64;
+constexpr DWORD kPipeSize = 65536;
 // Holds the two start attributes with room to spare.
 constexpr std::size_t kAttributeListCapacity = 256;
 
@@ -45,6 +47,29 @@ class Handle {
 void close_handle(std::intptr_t& handle) {
   if (handle != -1) ::CloseHandle(handle_of(handle));
   handle = -1;
+}
+
+// The pipe of the child's output; unlike an anonymous one its read end takes requests that can be
+// given up. One instance and no sharing: nobody else can come in between.
+bool open_output_pipe(Handle& read_end, Handle& write_end) {
+  static constinit std::atomic<unsigned> number{0};
+  char text[kPipeNameCapacity];
+  wchar_t name[kWideCapacity];
+  TextOut out(text);
+  if (!out.format(R"(\\.\pipe\kova-mcp-%lu-%u)", ::GetCurrentProcessId(), ++number) ||
+      !to_wide(text, name)) {
+    return false;
+  }
+  const HANDLE reader = ::CreateNamedPipeW(
+      name, PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+      PIPE_TYPE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, 0, kPipeSize, 0, nullptr);
+  if (reader == INVALID_HANDLE_VALUE) return false;
+  *read_end.out() = reader;
+  const HANDLE writer =
+      ::CreateFileW(name, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (writer == INVALID_HANDLE_VALUE) return false;
+  *write_end.out() = writer;
+  return true;
 }
 
 bool make_inheritable(HANDLE handle) {
@@ -135,17 +160,6 @@ bool create_process(wchar_t* line, HANDLE (&streams)[3], HANDLE job, PROCESS_INF
                           &startup.StartupInfo, &created) != 0;
 }
 
-/// Waits until there is output to read, or the process has ended and left none.
-bool more_output(HANDLE output, HANDLE process) {
-  for (;;) {
-    const bool ended = ::WaitForSingleObject(process, kOutputPollMs) != WAIT_TIMEOUT;
-    DWORD available = 0;
-    if (::PeekNamedPipe(output, nullptr, 0, nullptr, &available, nullptr) == 0) return false;
-    if (available > 0) return true;
-    if (ended) return false;
-  }
-}
-
 }  // namespace
 
 std::uint32_t own_process_id() {
@@ -165,7 +179,7 @@ bool ChildProcess::start(const char* argument) {
   Handle parent_output;
   Handle child_output;
   if (::CreatePipe(child_input.out(), parent_input.out(), nullptr, 0) == 0 ||
-      ::CreatePipe(parent_output.out(), child_output.out(), nullptr, 0) == 0) {
+      !open_output_pipe(parent_output, child_output)) {
     return false;
   }
   const Handle child_error(standard_error_for_child());
@@ -203,14 +217,23 @@ void ChildProcess::close_input() {
   close_handle(input_);
 }
 
+// What the child wrote is there before its end is seen. After that nothing more is waited for: a
+// process that the system has started beside the child may hold the pipe for longer.
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
-  // The pipe may outlive the child in a process that the system started beside it, so after the
-  // end of a line the child's own end counts as the end of its output.
-  if (line_ended_ && !more_output(handle_of(output_), handle_of(process_))) return 0;
+  const Handle done(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  OVERLAPPED request{};
+  request.hEvent = done.get();
+  if (done.get() == nullptr ||
+      (::ReadFile(handle_of(output_), data, static_cast<DWORD>(size), nullptr, &request) == 0 &&
+       ::GetLastError() != ERROR_IO_PENDING)) {
+    return 0;
+  }
+  const HANDLE events[] = {done.get(), handle_of(process_)};
+  if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0) {
+    ::CancelIoEx(handle_of(output_), &request);
+  }
   DWORD got = 0;
-  if (::ReadFile(handle_of(output_), data, static_cast<DWORD>(size), &got, nullptr) == 0) return 0;
-  line_ended_ = got > 0 && data[got - 1] == '\n';
-  return got;
+  return ::GetOverlappedResult(handle_of(output_), &request, &got, TRUE) != 0 ? got : 0;
 }
 
 void ChildProcess::terminate(std::uint32_t exit_code) {
