@@ -97,7 +97,7 @@ class Approvals : public ::testing::Test {
   void expect_refused(std::string_view token, std::string_view words,
                       std::string_view digest = kDigest, std::uint64_t now = kNow) {
     EXPECT_FALSE(verify(token, digest, now)) << token;
-    EXPECT_EQ(message, words) << token;
+    EXPECT_EQ(std::string_view(message), words) << token;
   }
   [[nodiscard]] std::vector<std::string> markers() const { return names_in(folder.path()); }
   /// Makes every nonce new again.

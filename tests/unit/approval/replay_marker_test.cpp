@@ -19,7 +19,7 @@ class ReplayMarker : public Approvals {
   }
   void expect_unavailable(std::string_view nonce = kNonce) {
     EXPECT_FALSE(consume(nonce));
-    EXPECT_EQ(message, kUsed);
+    EXPECT_EQ(std::string_view(message), kUsed);
   }
 };
 
@@ -75,9 +75,9 @@ TEST_F(ReplayMarker, APathThatDoesNotFitHasWordsOfItsOwn) {
       767 - std::string(policy->approval_state_directory).size() - 1 - std::string(".used").size();
   expect_unavailable(std::string(room, 'n'));
   EXPECT_FALSE(consume(std::string(room + 1, 'n')));
-  EXPECT_EQ(message, kBadPath);
+  EXPECT_EQ(std::string_view(message), kBadPath);
   EXPECT_FALSE(consume(std::string(100000, 'n')));
-  EXPECT_EQ(message, kBadPath);
+  EXPECT_EQ(std::string_view(message), kBadPath);
   EXPECT_TRUE(markers().empty());
 }
 

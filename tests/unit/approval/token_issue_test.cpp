@@ -28,7 +28,7 @@ class Issuing : public Approvals {
   }
   void expect_none(std::string_view words, std::string_view digest = kDigest) {
     EXPECT_EQ(issue(digest), "") << digest;
-    EXPECT_EQ(message, words) << digest;
+    EXPECT_EQ(std::string_view(message), words) << digest;
   }
   static Pieces split(const std::string& token) {
     std::vector<std::string> pieces(1);
@@ -197,10 +197,10 @@ TEST_F(Issuing, ATokenThatDoesNotFitLeavesNoWords) {
 TEST_F(Issuing, ARefusalHasItsWordsWhateverTheRoom) {
   char token[1];
   EXPECT_FALSE(approval_issue(*policy, "x", kNow, token, message));
-  EXPECT_EQ(message, kBadRequest);
+  EXPECT_EQ(std::string_view(message), kBadRequest);
   secret_variable.unset();
   EXPECT_FALSE(approval_issue(*policy, kDigest, kNow, token, message));
-  EXPECT_EQ(message, kCannotSign);
+  EXPECT_EQ(std::string_view(message), kCannotSign);
 }
 
 TEST_F(Issuing, TheLongestPolicyGetsATokenOfTheSameLength) {

@@ -45,18 +45,18 @@ class WriteClassifier : public ::testing::Test {
   }
   void expect_refused(std::string_view sql, std::string_view words) {
     EXPECT_FALSE(classify(sql)) << sql.substr(0, 200);
-    EXPECT_EQ(message, words) << sql.substr(0, 200);
+    EXPECT_EQ(std::string_view(message), words) << sql.substr(0, 200);
   }
   /// Accepted, and brought to this text.
   void expect_canonical(std::string_view sql, std::string_view canonical) {
     EXPECT_TRUE(classify(sql)) << sql.substr(0, 200) << " " << message;
     EXPECT_STREQ(message, kNoWords);
-    EXPECT_EQ(write->canonical, canonical);
+    EXPECT_EQ(std::string_view(write->canonical), canonical);
   }
   void expect_write(std::string_view sql, std::string_view type, std::string_view table) {
     EXPECT_TRUE(classify(sql)) << sql.substr(0, 200) << " " << message;
-    EXPECT_EQ(write->type, type) << sql;
-    EXPECT_EQ(write->table, table) << sql;
+    EXPECT_EQ(std::string_view(write->type), type) << sql;
+    EXPECT_EQ(std::string_view(write->table), table) << sql;
   }
 
   ScopedEnvironment writes_switch{kDisableWrites};

@@ -19,7 +19,7 @@ class PosixReplayMarker : public Approvals {
   void expect_unavailable() {
     TextOut(message).copy_cut(kUntouched);
     EXPECT_FALSE(consume_nonce(*policy, kNonce, message));
-    EXPECT_EQ(message, kUsed);
+    EXPECT_EQ(std::string_view(message), kUsed);
   }
 };
 
@@ -41,7 +41,7 @@ TEST_F(PosixReplayMarker, NeedsAFreeDescriptor) {
   const bool consumed = consume_nonce(*policy, kNonce, message);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
   EXPECT_FALSE(consumed);
-  EXPECT_EQ(message, kUsed);
+  EXPECT_EQ(std::string_view(message), kUsed);
   EXPECT_TRUE(markers().empty());
 }
 

@@ -16,7 +16,7 @@ class Win32ReplayMarker : public Approvals {
   void expect_unavailable() {
     TextOut(message).copy_cut(kUntouched);
     EXPECT_FALSE(consume_nonce(*policy, kNonce, message));
-    EXPECT_EQ(message, kUsed);
+    EXPECT_EQ(std::string_view(message), kUsed);
   }
 };
 
