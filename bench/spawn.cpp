@@ -17,4 +17,10 @@ bool Spawned::read_line(std::string& line) {
   }
 }
 
+void Spawned::wait_for_companions() {
+  char rest[256];
+  while (read_some(rest, sizeof rest) > 0) {
+  }
+}
+
 }  // namespace kova_bench

@@ -26,6 +26,10 @@ class Spawned {
   void close_input();
   /// Waits for the end; true for exit code 0.
   [[nodiscard]] bool wait();
+  /// Waits until no one holds the program's output any more. Wine starts a console host beside each
+  /// program, which goes on for as long as the program itself took, and would burden what is
+  /// measured next.
+  void wait_for_companions();
   /// The physical memory that the running program holds, 0 when the system does not tell.
   [[nodiscard]] std::uint64_t resident_bytes() const;
 

@@ -69,8 +69,6 @@ bool Spawned::wait() {
   int status = 0;
   const pid_t ended = ::waitpid(static_cast<pid_t>(process_), &status, 0);
   process_ = -1;
-  close_descriptor(input_);
-  close_descriptor(output_);
   return ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 

@@ -99,8 +99,6 @@ bool Spawned::wait() {
   const bool ended = ::WaitForSingleObject(handle_of(process_), INFINITE) == WAIT_OBJECT_0 &&
                      ::GetExitCodeProcess(handle_of(process_), &exit_code) != 0;
   close_handle(process_);
-  close_handle(input_);
-  close_handle(output_);
   return ended && exit_code == 0;
 }
 

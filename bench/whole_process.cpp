@@ -45,7 +45,9 @@ double spawn_to_exit(const char* path, const char* argument = nullptr) {
       !program.wait()) {
     return -1;
   }
-  return milliseconds_since(start);
+  const double milliseconds = milliseconds_since(start);
+  program.wait_for_companions();
+  return milliseconds;
 }
 
 /// A call through the running server; the reply stands for the end of the worker.
@@ -67,7 +69,9 @@ double spawn_to_first_line(const char* path) {
   if (!program.start(path) || !program.write(kInitialize) || !program.read_line(line)) return -1;
   const double milliseconds = milliseconds_since(start);
   program.close_input();
-  return program.wait() ? milliseconds : -1;
+  const bool ended = program.wait();
+  program.wait_for_companions();
+  return ended ? milliseconds : -1;
 }
 
 bool measure(const std::vector<Subject>& subjects, int rounds) {
