@@ -2,10 +2,12 @@
 """Builds the sample database from the machine's own Debian package index.
 
 Tables: PACKAGES, one row a package; SECTIONS, what each section adds up to; DEPENDS, one row for
-each package that another one names in Pre-Depends, Depends, Recommends or Suggests.
+each package that another one names in Pre-Depends, Depends, Recommends or Suggests; NOTES, what
+people write about packages, empty at first.
 
 The database is built beside its place and moved there when it is complete. It is left alone while
-the index has not changed since it was built.
+the index has not changed since it was built. The notes of the earlier database are kept, also those
+about packages that the index no longer has.
 """
 
 import argparse
@@ -19,7 +21,7 @@ import zlib
 from collections.abc import Iterator
 
 # Changes with the tables, so that databases of an earlier form are built anew.
-FORM = 1
+FORM = 2
 
 SCHEMA = """
 CREATE TABLE PACKAGES (
@@ -49,6 +51,12 @@ CREATE TABLE DEPENDS (
   VERSION_RULE TEXT,
   ALTERNATIVE INTEGER NOT NULL
 );
+CREATE TABLE NOTES (
+  ID INTEGER PRIMARY KEY,
+  PACKAGE TEXT NOT NULL,
+  NOTE TEXT NOT NULL,
+  CONSTRAINT "a NOTE has 1 to 500 characters" CHECK (length(NOTE) BETWEEN 1 AND 500)
+);
 """
 
 INDEXES = """
@@ -60,6 +68,14 @@ INSERT INTO SECTIONS SELECT SECTION, COUNT(*), COALESCE(SUM(INSTALLED_SIZE), 0)
   FROM PACKAGES GROUP BY SECTION;
 ANALYZE;
 """
+
+# In the place of a foreign key: it would forbid the kept notes about packages that are gone, and its
+# words name neither table nor column.
+RULES = "".join(f"""
+CREATE TRIGGER NOTES_PACKAGE_{name} AFTER {change} ON NOTES
+  WHEN NOT EXISTS (SELECT 1 FROM PACKAGES WHERE NAME = NEW.PACKAGE)
+  BEGIN SELECT RAISE(ABORT, 'NOTES.PACKAGE must be the NAME of one of the PACKAGES'); END;
+""" for name, change in (("INSERTED", "INSERT"), ("UPDATED", "UPDATE OF PACKAGE")))
 
 RELATIONS = ("Pre-Depends", "Depends", "Recommends", "Suggests")
 RELATION = re.compile(r"\s*([a-z0-9][a-z0-9.+-]*)(?::[a-z0-9]+)?\s*(?:\(([^)]*)\))?")
@@ -226,6 +242,31 @@ def fill(connection: sqlite3.Connection, text: str) -> int:
     return count
 
 
+def notes_of(path: str) -> list[tuple]:
+    """The notes of the database that is replaced."""
+    if not os.path.exists(path):
+        return []
+    try:
+        connection = sqlite3.connect(f"file:{path}?mode=ro", uri=True)
+        try:
+            known = connection.execute("SELECT 1 FROM sqlite_schema WHERE name = 'NOTES'")
+            if known.fetchone() is None:
+                return []
+            return connection.execute("SELECT ID, PACKAGE, NOTE FROM NOTES").fetchall()
+        finally:
+            connection.close()
+    except sqlite3.OperationalError as error:
+        raise Failure(f"the notes in {path} cannot be read ({error})") from error
+    except sqlite3.DatabaseError:
+        return []  # Not a database: it holds no notes.
+
+
+def keep_notes(connection: sqlite3.Connection, path: str) -> None:
+    with connection:
+        connection.executemany("INSERT INTO NOTES VALUES (?,?,?)", notes_of(path))
+    connection.executescript(RULES)
+
+
 def build(path: str, mark: int, given: str | None) -> None:
     text = read_index(given)
     partial = f"{path}.partial-{os.getpid()}"
@@ -235,6 +276,9 @@ def build(path: str, mark: int, given: str | None) -> None:
             connection.execute("PRAGMA journal_mode=OFF")
             connection.execute("PRAGMA synchronous=OFF")
             fill(connection, text)
+            # Nobody adds a note between the copying and the move.
+            take_out_of_use(path)
+            keep_notes(connection, path)
             connection.execute(f"PRAGMA user_version={mark}")
             connection.commit()
         finally:
@@ -242,7 +286,6 @@ def build(path: str, mark: int, given: str | None) -> None:
         descriptor = os.open(partial, os.O_RDONLY)
         os.fsync(descriptor)
         os.close(descriptor)
-        take_out_of_use(path)
         os.replace(partial, path)
     finally:
         if os.path.exists(partial):
