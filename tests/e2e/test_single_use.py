@@ -42,10 +42,17 @@ def crowd(target: Target) -> tuple[int, int]:
     return (6, 2) if target.windows else (12, 5)
 
 
-def present_at_once(start, launch: dict, tokens: list[str]) -> list[bytes]:
-    """One process for each token. All of them wait for their line before any gets it."""
-    servers = [start("--tool-worker", env=launch) for _ in tokens]
-    time.sleep(0.2)
+@pytest.fixture
+def present_at_once(target):
+    def present_at_once(tokens: list[str]) -> list[bytes]:
+        """One process for each token, with a moment in which all of them come to their line."""
+        servers = [start("--tool-worker", env=launch) for _ in tokens]
+        time.sleep(1 if target.windows else 0.2)
+        return answers_of(servers, tokens)
+    return present_at_once
+
+
+def answers_of(servers: list[Server], tokens: list[str]) -> list[bytes]:
     lines = [call(1, TOOL, write_arguments(STATEMENT, token)) for token in tokens]
     for server, message in zip(servers, lines):
         server.send(message)
@@ -61,27 +68,27 @@ def expect_one_success(answers: list[bytes], engine: ScriptedLibrary, state: Pat
     assert [path.name for path in state.iterdir()] == [token.nonce + ".used"]
 
 
-def test_one_token_presented_at_once(start, launch, engine, state, crowd):
+def test_one_token_presented_at_once(present_at_once, engine, state, crowd):
     count, rounds = crowd
     for _ in range(rounds):
         token = token_for(STATEMENT)
-        answers = present_at_once(start, launch, [token.text] * count)
+        answers = present_at_once([token.text] * count)
         expect_one_success(answers, engine, state, token)
         engine.clear()
         (state / f"{token.nonce}.used").unlink()
 
 
-def test_tokens_of_one_nonce_presented_at_once(start, launch, engine, state, crowd):
+def test_tokens_of_one_nonce_presented_at_once(present_at_once, engine, state, crowd):
     count, _ = crowd
     first = token_for(STATEMENT)
     tokens = [first.but(expiry=str(int(first.expiry) - i)).text for i in range(count)]
     assert len(set(tokens)) == count
-    expect_one_success(present_at_once(start, launch, tokens), engine, state, first)
+    expect_one_success(present_at_once(tokens), engine, state, first)
 
 
-def test_different_tokens_presented_at_once(start, launch, engine, state):
+def test_different_tokens_presented_at_once(present_at_once, engine, state):
     tokens = [token_for(STATEMENT) for _ in range(4)]
-    answers = present_at_once(start, launch, [token.text for token in tokens])
+    answers = present_at_once([token.text for token in tokens])
     assert answers == [tool_success_reply("1", result_json())] * 4
     assert engine.queries() == [STATEMENT.encode()] * 4
     assert {path.name for path in state.iterdir()} == {f"{token.nonce}.used" for token in tokens}
