@@ -43,7 +43,7 @@ def crowd(target: Target) -> tuple[int, int]:
 
 
 @pytest.fixture
-def present_at_once(target):
+def present_at_once(start, launch, target):
     def present_at_once(tokens: list[str]) -> list[bytes]:
         """One process for each token, with a moment in which all of them come to their line."""
         servers = [start("--tool-worker", env=launch) for _ in tokens]
