@@ -8,34 +8,34 @@
 from __future__ import annotations
 
 import os
-import subprocess
 import sys
 
-import session_acts
-from session_acts import ACTS, Stage
-from session_client import Client, SessionFailure
+from session_acts import ACTS, Stage, Tally
+from session_client import SessionFailure
 from session_sample import STATE, Engine, Processes, Target, all_processes, prepare
 from session_view import View, standard_view
+from session_writes import SecondAct
 
 INTERRUPTED = 130
 
 
-def play(target: Target, view: View, processes: Processes) -> session_acts.Tally:
+def play(target: Target, view: View, processes: Processes) -> Tally:
     prepare(target, view, processes)
     engine = Engine(target.name, processes)
-    environment = target.environment(engine.profile(target))
-    audit_start = engine.audit_file.stat().st_size if engine.audit_file.exists() else 0
+    tally = Tally()
     view.line(f"Server: {target.executable}", "dim")
     view.line(f"Sample engine: 127.0.0.1:{engine.port}, databases in {STATE / 'data'}", "dim")
-    server = processes.start(target.command(), environment, stdin=subprocess.PIPE,
-                             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-    stage = Stage(view, target, engine, processes, Client(server), environment, audit_start)
-    for number, act in enumerate(ACTS, 1):
-        view.heading(f"{number}. {act.title}")
-        act.play(stage)
-    if stage.client.close() != 0:
-        raise SessionFailure(f"the server ends with exit code {server.returncode}")
-    return stage.tally
+    first = 1
+    for profile, acts in (
+            (engine.profile(target), ACTS),
+            (engine.profile_for_writes(target), SecondAct().acts)):
+        stage = Stage.open(view, target, engine, processes, target.environment(profile), tally)
+        for number, act in enumerate(acts, first):
+            view.heading(f"{number}. {act.title}")
+            act.play(stage)
+        stage.close()
+        first += len(acts)
+    return tally
 
 
 def serve(view: View, processes: Processes) -> int:
@@ -61,8 +61,8 @@ def run(mode: str, view: View) -> int:
         raise SessionFailure(f"had to be ended by force: {', '.join(processes.survivors)}")
     view.line()
     view.line(f"Session complete on {mode}: {tally.answered} requests answered,"
-              f" {tally.refused} calls refused as the policy wants it, {tally.cancelled} cancelled;"
-              " nothing is left running.", "bold")
+              f" {tally.refused} calls refused as the policy wants it, {tally.cancelled} cancelled,"
+              f" {tally.written} approved and written; nothing is left running.", "bold")
     return 0
 
 

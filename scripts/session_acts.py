@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 import subprocess
 import time
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from typing import Any, Callable
 
 from session_client import Client, Exchange, SessionFailure
@@ -31,9 +31,9 @@ class Tally:
     """What the session's last line tells."""
 
     answered: int = 0
-    calls: int = 0  # of tools, finished
     refused: int = 0
     cancelled: int = 0
+    written: int = 0
 
 
 @dataclass
@@ -47,7 +47,21 @@ class Stage:
     client: Client
     environment: dict[str, str]
     audit_start: int
-    tally: Tally = field(default_factory=Tally)
+    tally: Tally
+    audited: int = 0  # calls that have to stand in the audit file
+
+    @classmethod
+    def open(cls, view: View, target: Target, engine: Engine, processes: Processes,
+             environment: dict[str, str], tally: Tally) -> "Stage":
+        """Starts a server with the environment."""
+        start = engine.audit_file.stat().st_size if engine.audit_file.exists() else 0
+        server = processes.start(target.command(), environment, stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        return cls(view, target, engine, processes, Client(server), environment, start, tally)
+
+    def close(self) -> None:
+        code = self.client.close()
+        expect(code == 0, f"the server ends with exit code {code}")
 
     def ask(self, method: str, params: "dict[str, Any] | None" = None) -> Any:
         """Shows a request and its reply, and answers the reply's result."""
@@ -61,13 +75,22 @@ class Stage:
         self._show(exchange)
         return result
 
+    def error_of(self, method: str, params: "dict[str, Any] | None" = None) -> Any:
+        """Shows a request that has to be answered with a JSON-RPC error, and answers the error."""
+        message = self.client.request(method, params)
+        self.view.request(message)
+        exchange = self.client.receive(self.client.send(message))
+        self._show(exchange)
+        expect("error" in exchange.reply, f"{method} is not answered with an error")
+        return exchange.reply["error"]
+
     def notify(self, method: str, params: "dict[str, Any] | None" = None) -> float:
         message = self.client.notification(method, params)
         self.view.request(message)
         return self.client.send(message)
 
     def call(self, tool: str, arguments: "dict[str, Any] | None" = None) -> Any:
-        self.tally.calls += 1
+        self.audited += 1
         params: dict[str, Any] = {"name": tool}
         if arguments is not None:
             params["arguments"] = arguments
@@ -81,17 +104,18 @@ class Stage:
                f"{tool} does not answer with rows")
         return content
 
-    def refused(self, tool: str, arguments: dict[str, Any], message: str) -> None:
-        """Calls a tool that has to be refused with the message."""
+    def refused(self, tool: str, arguments: dict[str, Any], message: str) -> Any:
+        """Calls a tool that has to be refused with the message, and answers the result."""
         result = self.call(tool, arguments)
         expect(result["isError"] is True and result["content"][0]["text"] == message,
                f"{tool} is not refused with \"{message}\"")
         self.tally.refused += 1
+        return result
 
     def _show(self, exchange: Exchange) -> None:
         self.view.reply(readable(exchange.reply), exchange.seconds)
         content = exchange.reply.get("result", {}).get("structuredContent", {})
-        if "rows" in content:
+        if content.get("columns"):
             self.view.table(content["columns"], content["rows"])
 
 
@@ -107,9 +131,10 @@ def readable(reply: dict[str, Any]) -> dict[str, Any]:
     if "rows" in content:
         length = len(result["content"][0]["text"])
         text = Note(f"the same as a text of {count(length, 'character')}")
+        result = {**result, "content": [{**result["content"][0], "text": text}]}
+    if content.get("columns"):
         rows = Note(count(len(content["rows"]), "row") + ", below")
-        result = {**result, "content": [{**result["content"][0], "text": text}],
-                  "structuredContent": {**content, "rows": rows}}
+        result = {**result, "structuredContent": {**content, "rows": rows}}
     if len(result.get("tools", [])) > 1:
         more = Note(f"{len(result['tools']) - 1} more, below")
         result = {**result, "tools": [result["tools"][0], more]}
@@ -172,11 +197,7 @@ def refusals(stage: Stage) -> None:
 
 
 def _expect_busy(stage: Stage) -> None:
-    message = stage.client.request("ping")
-    stage.view.request(message)
-    exchange = stage.client.receive(stage.client.send(message))
-    stage.view.reply(exchange.reply, exchange.seconds)
-    expect(exchange.reply.get("error", {}).get("code") == BUSY,
+    expect(stage.error_of("ping").get("code") == BUSY,
            "a request beside a running call is not refused as busy")
 
 
@@ -234,23 +255,29 @@ def checks(stage: Stage) -> None:
 
 def stage_check(stage: Stage, mode: str, wrong: dict[str, str], code: int, begin: str) -> None:
     given = "".join(f"{name}={value} " for name, value in wrong.items())
-    stage.view.line(f"$ {given}{stage.target.executable_name} {mode}", "cyan")
-    process = stage.processes.start(
-        stage.target.command(mode), stage.environment | wrong, stdin=subprocess.DEVNULL,
-        stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    output = process.communicate(timeout=CHECK_TIMEOUT)[0].decode(errors="replace").strip()
+    output, ended = run_mode(stage, mode, stage.environment | wrong, given)
+    expect(ended == code, f"{mode} ends with {ended} instead of {code}")
+    expect(output.startswith(begin), f"{mode} does not print \"{begin}\"")
+
+
+def run_mode(stage: Stage, mode: str, environment: dict[str, str], shown_before: str,
+             text: str = "") -> tuple[str, int]:
+    """Shows one run of the executable in another mode; answers its output and exit code."""
+    stage.view.line(f"$ {shown_before}{stage.target.executable_name} {mode}", "cyan")
+    process = stage.processes.start(stage.target.command(mode), environment, stdin=subprocess.PIPE,
+                                    stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    output = process.communicate(text.encode(), CHECK_TIMEOUT)[0].decode(errors="replace").strip()
     for line in output.splitlines():
         stage.view.line("  " + line, "green" if process.returncode == 0 else "red")
     stage.view.line(f"  exit code {process.returncode}", "dim")
-    expect(process.returncode == code, f"{mode} ends with {process.returncode} instead of {code}")
-    expect(output.startswith(begin), f"{mode} does not print \"{begin}\"")
+    return output, process.returncode
 
 
 def audit(stage: Stage) -> None:
     with open(stage.engine.audit_file, "rb") as file:
         file.seek(stage.audit_start)
         records = [json.loads(line) for line in file.read().split(b"\r\n")[:-1]]
-    expect(len(records) >= stage.tally.calls, "the audit file does not hold every finished call")
+    expect(len(records) >= stage.audited, "the audit file does not hold every finished call")
     stage.view.note(f"{stage.engine.audit_file}")
     stage.view.note("One line for every finished call; a cancelled one leaves none. The first:")
     stage.view.json(records[0])

@@ -4,7 +4,9 @@ Everything that a session leaves behind lies in build/run/:
 
     data/           the engine's databases
     linux/ windows/ the server with the client library beside it, as an operator installs them
+    linux/ windows/ also have the policy for writes, and approvals/ for the tokens that are spent
     users           the engine's one user, with a password made for this machine
+    approval-secret the key of the operator's approvals, made for this machine
     audit-*.jsonl   what the server has recorded, by the kind of session
     engine-*.log    what the engine has answered
 """
@@ -13,6 +15,7 @@ from __future__ import annotations
 
 import contextlib
 import fcntl
+import json
 import os
 import re
 import secrets
@@ -42,6 +45,7 @@ DATABASE = "sample"
 USER = "sample"
 CLIENT_ID = "sample-client"
 POLICY = ROOT / "sample" / "data" / "policy.json"
+POLICY_FOR_WRITES = ROOT / "sample" / "data" / "policy-notes.json"
 
 MARKER = "KOVA_RUN_SESSION"
 """The environment variable that tells this session's processes from everyone else's. Whoever starts
@@ -61,6 +65,7 @@ class Target:
         self.executable_name = "kova-mcp.exe" if self.windows else "kova-mcp"
         self.library_name = "kovadll.dll" if self.windows else "libkovadll.so"
         self.executable = STATE / name / self.executable_name
+        self.policy_for_writes = STATE / name / "policy-notes.json"
 
     def path(self, path: Path) -> str:
         """The path as the executable knows it."""
@@ -173,7 +178,9 @@ def prepare(target: Target, view: View, processes: Processes) -> None:
             _prepare_wine(view, processes)
         _install(target)
         _load_data(view, processes)
-        _make_user()
+        _make_secret_file(STATE / "users", f"{USER}:{secrets.token_hex(16)}")
+        _make_secret_file(STATE / "approval-secret", secrets.token_hex(32))
+        _make_policy_for_writes(target)
 
 
 def _wait_for_lock(lock: Any, view: View) -> None:
@@ -277,18 +284,31 @@ def _load_data(view: View, processes: Processes) -> None:
         step.outcome = f": {last}" if last.startswith("loaded") else ": up to date"
 
 
-def _make_user() -> None:
-    """The password is this machine's own, for whoever can read the file."""
-    users = STATE / "users"
-    if users.exists():
+def _make_secret_file(path: Path, line: str) -> None:
+    """What is in it is this machine's own, for whoever can read the file."""
+    if path.exists():
         return
-    partial = STATE / "users.partial"
+    _replace_file(path, line + "\n", 0o600)
+
+
+def _make_policy_for_writes(target: Target) -> None:
+    """The policy has to name a folder of this machine, in the executable's own spelling."""
+    approvals = target.executable.parent / "approvals"
+    approvals.mkdir(mode=0o700, exist_ok=True)
+    policy = json.loads(POLICY_FOR_WRITES.read_text("utf-8"))
+    policy["approval_state_directory"] = target.path(approvals)
+    _replace_file(target.policy_for_writes, json.dumps(policy, indent=2) + "\n", 0o644)
+
+
+def _replace_file(path: Path, text: str, mode: int) -> None:
+    """A server that runs meets the old file or the new one, never half of one."""
+    partial = path.with_name(path.name + ".partial")
     with contextlib.suppress(FileNotFoundError):
         partial.unlink()
-    descriptor = os.open(partial, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600)
-    with open(descriptor, "w", encoding="ascii") as file:
-        file.write(f"{USER}:{secrets.token_hex(16)}\n")
-    os.replace(partial, users)
+    descriptor = os.open(partial, os.O_WRONLY | os.O_CREAT | os.O_EXCL, mode)
+    with open(descriptor, "w", encoding="utf-8") as file:
+        file.write(text)
+    os.replace(partial, path)
 
 
 # the engine
@@ -331,6 +351,11 @@ class Engine:
                 "KOVA_MCP_DATABASE": DATABASE, "KOVA_MCP_USER": USER,
                 "KOVA_MCP_PASSWORD": password,
                 "KOVA_MCP_AUDIT": target.path(self.audit_file)}
+
+    def profile_for_writes(self, target: Target) -> dict[str, str]:
+        secret = (STATE / "approval-secret").read_text("ascii").strip()
+        return self.profile(target) | {"KOVA_MCP_POLICY": target.path(target.policy_for_writes),
+                                       "KOVA_MCP_APPROVAL_SECRET": secret}
 
 
 @contextlib.contextmanager

@@ -10,17 +10,23 @@ from typing import Any, Callable
 
 import pytest
 
-from kova import TIMEOUT, Environment, Result, Target, request
+from kova import TIMEOUT, Environment, Result, Target, call, request
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 POLICY = EXAMPLES / "policy-read-only.json"
 ENVIRONMENT = EXAMPLES / "kova-mcp.env"
+POLICY_FOR_WRITES = EXAMPLES / "policy-writes.json"
+ENVIRONMENT_FOR_WRITES = EXAMPLES / "kova-mcp-writes.env"
 
 CHECKED = (b"MCP_CONFIG_OK policy=sales_read_only configured=yes reads=yes provider_reads=no"
            b" writes=no approval_required=no tables=4 collections=0 write_tables=0"
            b" database_profile=not-tested\n")
 
-STDIO_VARIABLES = {
+CHECKED_FOR_WRITES = (
+    b"MCP_CONFIG_OK policy=order_notes configured=yes reads=yes provider_reads=no writes=yes"
+    b" approval_required=yes tables=4 collections=0 write_tables=1 database_profile=not-tested\n")
+
+READING_VARIABLES = {
     "KOVA_MCP_POLICY", "KOVA_MCP_CLIENT_ID", "KOVA_MCP_DATABASE", "KOVA_MCP_USER",
     "KOVA_MCP_PASSWORD", "KOVA_MCP_SERVER", "KOVA_MCP_PORT", "KOVA_MCP_AUDIT",
     "KOVA_MCP_DISABLE_PROVIDERS", "KOVA_MCP_DISABLE_WRITES", "KOVA_MCP_DEBUG"}
@@ -32,8 +38,8 @@ def entries(name: str) -> list[dict[str, Any]]:
     return list(document["mcpServers"].values())
 
 
-def environment_file() -> dict[str, str]:
-    words = shlex.split(ENVIRONMENT.read_text("utf-8"), comments=True)
+def environment_file(file: Path = ENVIRONMENT) -> dict[str, str]:
+    words = shlex.split(file.read_text("utf-8"), comments=True)
     return dict(word.split("=", 1) for word in words)
 
 
@@ -60,17 +66,17 @@ def test_the_environment_file_goes_with_the_policy(check_policy: Check) -> None:
     assert (result.stdout, result.stderr, result.code) == (CHECKED, b"", 0)
 
 
-def test_the_environment_file_explains_every_variable_of_the_stdio_server() -> None:
+def test_the_environment_file_explains_every_variable_of_a_server_that_reads() -> None:
     lines = ENVIRONMENT.read_text("utf-8").splitlines()
     named = [line.lstrip("#").partition("=")[0] for line in lines
              if line.lstrip("#").startswith("KOVA_MCP_")]
-    assert len(named) == len(set(named)) and set(named) == STDIO_VARIABLES
+    assert len(named) == len(set(named)) and set(named) == READING_VARIABLES
 
 
 def test_the_windows_entry_goes_with_the_policy(check_policy: Check) -> None:
     [entry] = entries("mcp-servers-windows.json")
     assert entry["command"].endswith("\\kova-mcp.exe") and entry["args"] == []
-    assert set(entry["env"]) <= STDIO_VARIABLES
+    assert set(entry["env"]) <= READING_VARIABLES
     assert entry["env"]["KOVA_MCP_POLICY"].endswith("\\" + POLICY.name)
     result = check_policy({**entry["env"], "KOVA_MCP_POLICY": POLICY})
     assert (result.stdout, result.stderr, result.code) == (CHECKED, b"", 0)
@@ -100,6 +106,72 @@ def test_the_linux_entry_starts_the_server(target: Target, tmp_path: Path) -> No
     assert (done.stderr, done.returncode) == (b"", 0)
 
 
+# writes
+
+
+@pytest.fixture
+def policy_for_writes(target: Target, tmp_path: Path) -> Path:
+    """The example as it stands, but for the state directory."""
+    document = json.loads(POLICY_FOR_WRITES.read_text("utf-8"))
+    assert document["approval_state_directory"] == "/var/lib/kova-mcp/approvals"
+    approvals = tmp_path / "approvals"
+    approvals.mkdir()
+    document["approval_state_directory"] = target.path(approvals)
+    made = tmp_path / POLICY_FOR_WRITES.name
+    made.write_text(json.dumps(document), encoding="utf-8")
+    return made
+
+
+def test_the_policy_for_writes_loads_in_its_environment(check_policy: Check,
+                                                        policy_for_writes: Path) -> None:
+    variables = environment_file(ENVIRONMENT_FOR_WRITES)
+    assert Path(variables["KOVA_MCP_POLICY"]).name == POLICY_FOR_WRITES.name
+    assert len(variables["KOVA_MCP_APPROVAL_SECRET"]) >= 32
+    result = check_policy({**variables, "KOVA_MCP_POLICY": policy_for_writes})
+    assert (result.stdout, result.stderr, result.code) == (CHECKED_FOR_WRITES, b"", 0)
+
+
+def test_the_key_of_the_approvals_stands_in_no_clients_entry() -> None:
+    files = list(EXAMPLES.glob("mcp-servers-*.json"))
+    assert len(files) >= 4
+    for file in files:
+        assert "APPROVAL_SECRET" not in file.read_text("utf-8"), file
+
+
+def test_the_entry_for_writes_starts_the_server_as_another_account() -> None:
+    [entry] = entries("mcp-servers-linux-writes.json")
+    assert entry["command"] == "sudo"
+    assert entry["args"] == ["-n", "-u", "kova-mcp", "/opt/kova-mcp/serve-writes.sh"]
+
+
+def test_the_start_of_the_server_for_writes(target: Target, tmp_path: Path,
+                                            policy_for_writes: Path) -> None:
+    """It serves writes, and issues no approval for who starts it with arguments."""
+    policy = "/etc/kova-mcp/policy-writes.json"
+    environment = ENVIRONMENT_FOR_WRITES.read_text("utf-8")
+    assert policy in environment
+    (tmp_path / "kova-mcp-writes.env").write_text(
+        environment.replace(policy, shlex.quote(target.path(policy_for_writes))), encoding="utf-8")
+    script = (EXAMPLES / "serve-writes.sh").read_text("utf-8")
+    for place, here in {"/etc/kova-mcp/kova-mcp-writes.env": str(tmp_path / "kova-mcp-writes.env"),
+                        "/opt/kova-mcp/kova-mcp\n":
+                            shlex.join(target.command(target.executable, [])) + "\n"}.items():
+        assert script.count(place) == 1
+        script = script.replace(place, here)
+    made = tmp_path / "serve-writes.sh"
+    made.write_text(script, encoding="utf-8")
+    made.chmod(0o755)
+    sql = {"sql": "DELETE FROM ORDER_NOTES WHERE ID = 1"}
+    done = subprocess.run(
+        [str(made), "--issue-approval"], env=target.environment({}), capture_output=True,
+        input=request("initialize", 1, {}) + call(2, "kova_execute", sql), timeout=TIMEOUT,
+        check=False)
+    first, second = map(json.loads, done.stdout.splitlines())
+    assert first["result"]["serverInfo"]["name"] == "Vantreo MCP"
+    assert second["result"]["structuredContent"]["approval_required"] is True
+    assert (done.stderr, done.returncode) == (b"", 0)
+
+
 def test_the_sample_entry_names_what_run_takes() -> None:
     [entry] = entries("mcp-servers-sample.json")
     assert (Path(entry["command"]).name, entry["args"]) == ("run", ["serve"])
@@ -111,4 +183,4 @@ def test_the_sample_entry_names_what_run_takes() -> None:
 def test_the_readme_names_every_example() -> None:
     text = (EXAMPLES / "README.md").read_text("utf-8")
     others = [path.name for path in EXAMPLES.iterdir() if path.name != "README.md"]
-    assert len(others) >= 5 and all(f"`{name}`" in text for name in others)
+    assert len(others) >= 9 and all(f"`{name}`" in text for name in others)

@@ -2,12 +2,14 @@
 
 from __future__ import annotations
 
+import hashlib
 import json
 import os
 import pty
 import re
 import shutil
 import signal
+import stat
 import subprocess
 import tempfile
 import time
@@ -21,6 +23,7 @@ from kova import TIMEOUT, Target, call, notification, request, wait_until
 
 ROOT = Path(__file__).resolve().parents[2]
 RUN = str(ROOT / "run")
+STATE = ROOT / "build" / "run"
 SETUP = ROOT / "scripts" / "setup.sh"
 MARKER = "KOVA_RUN_SESSION"
 FIRST_RUN_LIMIT = 600.0  # it may have to build
@@ -82,8 +85,8 @@ def test_the_session(prepared: list[str], target: Target, watch: Watch) -> None:
     assert (done.returncode, done.stderr) == (0, ""), text
     assert watch.left() == []
     assert text.splitlines()[-1] == (
-        f"Session complete on {target.name}: 12 requests answered, 4 calls refused as the policy"
-        " wants it, 1 cancelled; nothing is left running.")
+        f"Session complete on {target.name}: 22 requests answered, 9 calls refused as the policy"
+        " wants it, 1 cancelled, 1 approved and written; nothing is left running.")
     for method in ("initialize", "notifications/initialized", "tools/list", "tools/call",
                    "notifications/cancelled"):
         assert f'"method": "{method}"' in text
@@ -101,6 +104,76 @@ def test_the_session(prepared: list[str], target: Target, watch: Watch) -> None:
     assert re.search(r"^ +libs +\d+ +\d+$", text, re.M), "no table of rows"
     assert re.search(r"^ +\d+  kova_describe_table +deny ", text, re.M), "no audit line"
     assert "\x1b" not in text and "\r" not in text
+
+
+def test_the_second_act(prepared: list[str], target: Target, watch: Watch) -> None:
+    done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
+    assert (done.returncode, done.stderr) == (0, ""), done.stdout
+    text = done.stdout[done.stdout.index("\n10. "):]
+    statement = re.search(r'^\$ printf %s "(INSERT INTO NOTES .*;)" \| sha256sum$', text, re.M)
+    assert statement is not None
+    digest = hashlib.sha256(statement[1].encode()).hexdigest()
+    token = re.search(rf"^  v1\.\d+\.[0-9a-f]{{32}}\.{digest}\.[0-9a-f]{{64}}$", text, re.M)
+    assert token is not None
+    server = re.escape(target.executable.name)
+    appear_in_order(text, [
+        "kova_query, kova_vector_search, kova_ai_status, kova_execute$",
+        '"text": "write type or target table is not allowed by MCP policy"',
+        '"text": "operator approval is required for this exact normalized operation"',
+        f'"operation_digest": "{digest}"',
+        f"^  {digest}  -$",
+        rf"^\$ echo {digest} \| {server} --issue-approval$",
+        "^" + re.escape(token[0]) + "$",
+        "Upgrade without the backup",
+        '"text": "approval token fields or operation binding are invalid"',
+        '"status": "1 row inserted"',
+        '"text": "approval token was already used or replay state is unavailable"',
+        r"^ +\d+  sqlite3  Upgrade after the backup",
+        "kova_query, kova_vector_search, kova_ai_status$",
+        '"error": {"code": -32602, "message": "unknown Vantreo tool"}',
+        rf"^\$ echo {digest} \| KOVA_MCP_DISABLE_WRITES=1 {server} --issue-approval$",
+        "^  approval issuance failed: approval request or policy is invalid$",
+        "^  exit code 2$"])
+    audited = re.findall(r"^ +\d+  (kova_\w+) +(allow|deny|approval_\w+) +(NOTES|policy-select|) "
+                         r".* (ok|error)$", text, re.M)
+    assert audited == [
+        ("kova_execute", "allow", "", "error"),
+        ("kova_execute", "approval_required", "NOTES", "error"),
+        ("kova_execute", "deny", "NOTES", "error"),
+        ("kova_execute", "approval_accepted", "NOTES", "ok"),
+        ("kova_execute", "deny", "NOTES", "error"),
+        ("kova_query", "allow", "policy-select", "ok")]
+
+
+def appear_in_order(text: str, patterns: list[str]) -> None:
+    """Patterns that begin with ^ or end with $ are regular expressions of lines."""
+    at = 0
+    for pattern in patterns:
+        lines = pattern.startswith("^") or pattern.endswith("$")
+        found = re.compile(pattern if lines else re.escape(pattern), re.M).search(text, at)
+        assert found is not None, f"{pattern} is missing after {text[max(at - 200, 0):at]}"
+        at = found.end()
+
+
+def test_what_the_second_act_leaves_behind(prepared: list[str], target: Target) -> None:
+    """The secret is for its owner only; it stands in no other file, and no token does."""
+    secret_file = STATE / "approval-secret"
+    assert stat.S_IMODE(secret_file.stat().st_mode) == 0o600
+    secret = secret_file.read_bytes().strip()
+    assert len(secret) == 64
+    folder = STATE / target.name
+    policy = json.loads((folder / "policy-notes.json").read_text("utf-8"))
+    assert policy["write_tables"] == ["NOTES"]
+    assert policy["approval_state_directory"] == target.path(folder / "approvals")
+    markers = list((folder / "approvals").iterdir())
+    assert markers and all(re.fullmatch(r"[0-9a-f]{32}\.used", path.name) for path in markers)
+    readable = [folder / "policy-notes.json", STATE / f"audit-{target.name}.jsonl",
+                STATE / f"engine-{target.name}.log"]
+    for path in readable:
+        content = path.read_bytes()
+        assert secret not in content, path
+        assert re.search(rb"v1\.\d{10}\.", content) is None, path
 
 
 def test_colour_on_a_terminal(prepared: list[str], watch: Watch) -> None:
@@ -161,12 +234,14 @@ def test_a_reader_that_goes_away_ends_the_session(prepared: list[str], watch: Wa
 
 def test_serve_speaks_protocol_only(prepared: list[str], watch: Watch) -> None:
     sent = [request("initialize", 1, {}), notification("notifications/initialized"),
-            call(2, "kova_query", {"sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"})]
+            call(2, "kova_query", {"sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"}),
+            call(3, "kova_execute", {"sql": "DELETE FROM NOTES"})]
     done = run("serve", input=b"".join(sent).decode(), env=watch.environment)
     assert done.returncode == 0
-    first, second = map(json.loads, done.stdout.splitlines())
+    first, second, third = map(json.loads, done.stdout.splitlines())
     assert first["id"] == 1 and first["result"]["serverInfo"]["name"] == "Vantreo MCP"
     assert int(second["result"]["structuredContent"]["rows"][0][0]) > 1000
+    assert third["error"] == {"code": -32602, "message": "unknown Vantreo tool"}
     assert "Serving the sample database" in done.stderr
     assert watch.left() == []
 
@@ -205,7 +280,8 @@ def test_help_fits_a_screen() -> None:
     assert (done.returncode, done.stderr) == (0, "")
     assert len(lines) <= SCREEN[0] and max(map(len, lines)) <= SCREEN[1]
     for words in ("./run windows", "./run serve", "without root", "protocol only",
-                  "A second run starts within seconds", "Nothing is left running"):
+                  "A second run starts within seconds", "Nothing is left running",
+                  "the operator's approval", "kill switch", "approval-secret"):
         assert words in done.stdout
 
 
