@@ -76,8 +76,7 @@ class Unescaper {
 
   std::size_t count() {
     std::string digits;
-    for (char c = take(); c != ';'; c = take())
-      digits += c;
+    for (char c = take(); c != ';'; c = take()) digits += c;
     return std::strtoull(digits.c_str(), nullptr, 10);
   }
 
@@ -111,8 +110,7 @@ Match match_of(std::string_view field) {
 
 std::vector<Text> cells_from(const std::vector<std::string_view>& fields, std::size_t first) {
   std::vector<Text> cells;
-  for (std::size_t i = first; i < fields.size(); ++i)
-    cells.push_back(text_of(fields[i]));
+  for (std::size_t i = first; i < fields.size(); ++i) cells.push_back(text_of(fields[i]));
   return cells;
 }
 

@@ -89,8 +89,7 @@ std::string name_of(const void* handle) {
 void log(const std::string& operation, const std::vector<std::string>& arguments) {
   if (state().log.empty()) return;
   std::string line = std::to_string(process_id()) + "\t" + operation;
-  for (const std::string& argument : arguments)
-    line += "\t" + escaped(argument);
+  for (const std::string& argument : arguments) line += "\t" + escaped(argument);
   append_to_log(state().log, line + "\n");
 }
 
@@ -131,8 +130,7 @@ const Rule& serve(const std::string& operation, const std::vector<std::string>& 
   log(operation, arguments);
   for (Rule& rule : state().rules) {
     if (!matches(rule, operation, text)) continue;
-    for (const Action& action : rule.actions)
-      perform(action);
+    for (const Action& action : rule.actions) perform(action);
     return rule;
   }
   return kDefaultRule;

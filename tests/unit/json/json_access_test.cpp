@@ -262,8 +262,7 @@ TEST(JsonGetString, EscapesCutByTheEndOfTheString) {
     EXPECT_FALSE(json_get_string({text.view(), &token, 1}, 0, out));
     JsonStringReader reader(text.view());
     int byte = reader.next();
-    while (byte >= 0)
-      byte = reader.next();
+    while (byte >= 0) byte = reader.next();
     EXPECT_EQ(byte, JsonStringReader::kMalformed);
   }
 }

@@ -216,8 +216,7 @@ TEST(JsonParse, ADocumentOfExactlyTheCapacityParses) {
 
 std::string array_of(int elements) {
   std::string text = "[";
-  for (int i = 0; i < elements; ++i)
-    text += i == 0 ? "0" : ",0";
+  for (int i = 0; i < elements; ++i) text += i == 0 ? "0" : ",0";
   return text + "]";
 }
 
@@ -230,11 +229,9 @@ TEST(JsonParse, MessageCapacityIsFourThousandAndNinetySixTokens) {
 std::string nested(std::string_view open, int levels, std::string_view innermost,
                    std::string_view close) {
   std::string text;
-  for (int i = 0; i < levels; ++i)
-    text += open;
+  for (int i = 0; i < levels; ++i) text += open;
   text += innermost;
-  for (int i = 0; i < levels; ++i)
-    text += close;
+  for (int i = 0; i < levels; ++i) text += close;
   return text;
 }
 
@@ -309,8 +306,7 @@ bool is_continuation(int byte) {
 // Parses a string of these bytes without mapping pages, for the loops below.
 bool string_parses(std::initializer_list<int> bytes) {
   std::string text = "\"";
-  for (const int byte : bytes)
-    text += static_cast<char>(byte);
+  for (const int byte : bytes) text += static_cast<char>(byte);
   text += '"';
   JsonToken token;
   JsonDoc doc;
@@ -318,8 +314,7 @@ bool string_parses(std::initializer_list<int> bytes) {
 }
 
 TEST(JsonParseUtf8, EveryLeadByteAlone) {
-  for (int lead = 0x80; lead < 0x100; ++lead)
-    EXPECT_FALSE(string_parses({lead})) << lead;
+  for (int lead = 0x80; lead < 0x100; ++lead) EXPECT_FALSE(string_parses({lead})) << lead;
 }
 
 TEST(JsonParseUtf8, EveryPairOfBytes) {

@@ -217,8 +217,7 @@ TEST(ReplyLine, Ids) {
 
 TEST(ReplyLine, AnIdOfNinetyFiveEscapedBytes) {
   std::string source = "\"";
-  for (int i = 0; i < 95; ++i)
-    source += "\\u0042";
+  for (int i = 0; i < 95; ++i) source += "\\u0042";
   EXPECT_EQ(id_line(source + "\""), "\"" + std::string(95, 'B') + "\"\n");
   EXPECT_EQ(id_line(source + "\\u0042\""), "null\n");
 }
@@ -317,8 +316,7 @@ TEST(OutputLock, IsHeldForTheLifeOfALine) {
     line.raw("first");
     other = std::thread([] { ReplyLine().raw("second"); });
     // The other line cannot come between these two, however long this one takes.
-    for (int i = 0; i < 100; ++i)
-      yield_thread();
+    for (int i = 0; i < 100; ++i) yield_thread();
     EXPECT_EQ(output.take(), "");
     line.raw(" line");
   }

@@ -119,8 +119,7 @@ TEST_F(InitializedDispatcher, TokenAndDepthLimits) {
   // The message around the array has 8 tokens.
   const auto with_elements = [](std::string_view id, int count) {
     std::string text = R"({"jsonrpc":"2.0","id":)" + std::string(id) + R"(,"method":"ping","x":[)";
-    for (int i = 0; i < count; ++i)
-      text += i == 0 ? "0" : ",0";
+    for (int i = 0; i < count; ++i) text += i == 0 ? "0" : ",0";
     return text + "]}";
   };
   EXPECT_EQ(send(with_elements("1", 4096 - 9)), pong("1"));

@@ -132,15 +132,13 @@ constexpr int kMostMembers = (kMessageTokenCapacity - 1) / 2;
 
 std::string object_of(const std::vector<std::string>& keys) {
   std::string text = "{";
-  for (const std::string& key : keys)
-    text += (text.size() == 1 ? "" : ",") + member(key);
+  for (const std::string& key : keys) text += (text.size() == 1 ? "" : ",") + member(key);
   return text + "}";
 }
 
 std::vector<std::string> distinct_keys(int count, std::string_view prefix) {
   std::vector<std::string> keys;
-  for (int i = 0; i < count; ++i)
-    keys.push_back(std::string(prefix) + std::to_string(i));
+  for (int i = 0; i < count; ++i) keys.push_back(std::string(prefix) + std::to_string(i));
   return keys;
 }
 
@@ -163,13 +161,11 @@ TEST(DuplicateKeys, TheLargestObject) {
 
 TEST(DuplicateKeys, ManyObjectsAndDeepOnes) {
   std::string many = "[";
-  for (int i = 0; i < 800; ++i)
-    many += R"({"a":1,"b":2},)";
+  for (int i = 0; i < 800; ++i) many += R"({"a":1,"b":2},)";
   EXPECT_FALSE(duplicates(many + "{}]"));
   EXPECT_TRUE(duplicates(many + R"({"a":1,"b":2,"\u0061":3}])"));
   std::string deep;
-  for (int i = 0; i < kJsonDepthLimit; ++i)
-    deep += R"({"a":1,"b":)";
+  for (int i = 0; i < kJsonDepthLimit; ++i) deep += R"({"a":1,"b":)";
   const std::string closing(static_cast<std::size_t>(kJsonDepthLimit), '}');
   EXPECT_FALSE(duplicates(deep + "{}" + closing));
   EXPECT_TRUE(duplicates(deep + "{}" + closing.substr(1) + R"(,"b":0})"));

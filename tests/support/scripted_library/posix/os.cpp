@@ -67,8 +67,7 @@ void crash() {
 }
 
 void hang() {
-  for (;;)
-    ::pause();
+  for (;;) ::pause();
 }
 
 void exit_now(unsigned code) {
