@@ -96,8 +96,8 @@ class _Collector(threading.Thread):
                 continue
             rest += chunk
             *whole, rest = rest.split(b"\n")
-            for line in whole:
-                self.lines.put(bytes(line) + b"\n")
+            for text in whole:
+                self.lines.put(bytes(text) + b"\n")
         if self.lines is not None:
             if rest:
                 self.lines.put(bytes(rest))

@@ -113,9 +113,11 @@ def test_the_depth_limit(server, depth, innermost, reply):
 
 
 @pytest.mark.parametrize("depth, innermost, reply", [
-    (126, b"{}", PARSED), (127, b"{}", PARSED), (126, b'{"a":1}', PARSED),
+    (126, b"{}", PARSED), (127, b"{}", PARSED),
+    (126, b'{"a":1}', PARSED),
     # Keys are not held against the depth, values are.
-    (127, b'{"a":1}', PARSE_ERROR), (128, b"1", PARSE_ERROR), (128, b"{}", PARSE_ERROR), (128, b"[]", PARSE_ERROR),
+    (127, b'{"a":1}', PARSE_ERROR), (128, b"1", PARSE_ERROR),
+    (128, b"{}", PARSE_ERROR), (128, b"[]", PARSE_ERROR),
 ])
 def test_the_depth_limit_of_objects(server, depth, innermost, reply):
     assert server.ask(nested(depth, b'{"a":', innermost, b"}")) == reply

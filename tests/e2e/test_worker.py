@@ -17,15 +17,6 @@ STATEMENT = "list table;"
 LIMIT = 1048577  # the most of a child's output that is passed on
 
 
-def list_tables(start, engine, script: Script, request_id="c") -> bytes:
-    """The reply of a call, read in whole lines until the next reply comes."""
-    engine.script(script)
-    server = start(env=engine.env)
-    server.initialize()
-    server.send(call(request_id, "kova_list_tables"))
-    return server.read_line()
-
-
 # the reply
 
 
@@ -156,7 +147,8 @@ def test_a_child_that_fails_behind_its_reply(start, engine, tmp_path, moment, wh
 
 
 def test_a_child_that_leaves_early_with_0_has_answered(start, engine):
-    reply = list_tables(start, engine, Script().on("FreeObject", exit_code=0))
+    engine.script(Script().on("FreeObject", exit_code=0))
+    reply = start(env=engine.env).ask(call("c", "kova_list_tables"))
     assert reply.startswith(b'{"jsonrpc":"2.0","id":"c","result":')
 
 
