@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -27,21 +28,26 @@ using testing::ScopedEnvironment;
 using testing::Stream;
 using namespace std::string_literals;
 
-// One step of a client's session: it writes bytes, or waits until the server has written a text.
+// One step of a client's session: it writes bytes, waits until the server has written a text, or
+// changes something around the server.
 struct Step {
   std::string bytes;
   std::string until_output;
   std::string until_trace;
+  std::function<void()> change;
 };
 
 Step send(std::string bytes) {
-  return {std::move(bytes), "", ""};
+  return {std::move(bytes), "", "", {}};
 }
 Step await_output(std::string text) {
-  return {"", std::move(text), ""};
+  return {"", std::move(text), "", {}};
 }
 Step await_trace(std::string text) {
-  return {"", "", std::move(text)};
+  return {"", "", std::move(text), {}};
+}
+Step then(std::function<void()> change) {
+  return {"", "", "", std::move(change)};
 }
 
 // The running session; a source is a plain function, so its state is here.
@@ -74,6 +80,8 @@ std::size_t read_session(char* data, std::size_t size) {
       await(session.written, step.until_output);
     } else if (!step.until_trace.empty()) {
       await(session.traced, step.until_trace);
+    } else if (step.change) {
+      step.change();
     }
     if (step.bytes.empty()) {
       ++session.next;
@@ -413,12 +421,10 @@ TEST_F(StdioServer, ACancelWithAnIdOfItsOwnMatchesAndGetsNoReply) {
 
 TEST_F(StdioServer, ANewCallForgetsTheCancelOfTheLastOne) {
   mode_.set(testing::kChildHang);
-  std::vector<Step> steps = {send(call("1") + "\n"), send(cancel("1")),
-                             await_output(cancelled_reply("1"))};
-  EXPECT_EQ(serve(std::move(steps)), cancelled_reply("1"));
-  mode_.set(testing::kChildEcho);
-  EXPECT_EQ(serve({send(call("2") + "\n"), await_output(call("2")), send(call("1") + "\n")}),
-            call("2") + "\n" + call("1") + "\n");
+  EXPECT_EQ(serve({send(call("1") + "\n"), send(cancel("1")), await_output(cancelled_reply("1")),
+                   then([this] { mode_.set(testing::kChildEcho); }), send(call("2") + "\n"),
+                   await_output("tools/call"), send(call("1") + "\n")}),
+            cancelled_reply("1") + call("2") + "\n" + call("1") + "\n");
 }
 
 TEST_F(StdioServer, AFailingChildDoesNotStopTheServer) {

@@ -115,18 +115,21 @@ TEST(AppendRecordPosix, TheModeOfAnExistingFileStays) {
 }
 
 TEST(AppendRecordPosix, AHeldLockDropsTheRecord) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  write_file(path, "");
-  const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-  ASSERT_GE(writer, 0);
-  ASSERT_EQ(flock(writer, LOCK_EX | LOCK_NB), 0);
-  append_record(path.c_str(), "dropped\r\n");
-  EXPECT_EQ(read_file(path), "");
-  ASSERT_EQ(flock(writer, LOCK_UN), 0);
-  append_record(path.c_str(), "kept\r\n");
-  EXPECT_EQ(read_file(path), "kept\r\n");
-  close(writer);
+  // A shared lock, too: a writer needs the file to itself.
+  for (const int kind : {LOCK_EX, LOCK_SH}) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("audit.jsonl");
+    write_file(path, "");
+    const int holder = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(holder, 0);
+    ASSERT_EQ(flock(holder, kind | LOCK_NB), 0);
+    append_record(path.c_str(), "dropped\r\n");
+    EXPECT_EQ(read_file(path), "");
+    ASSERT_EQ(flock(holder, LOCK_UN), 0);
+    append_record(path.c_str(), "kept\r\n");
+    EXPECT_EQ(read_file(path), "kept\r\n");
+    close(holder);
+  }
 }
 
 TEST(AppendRecordPosix, AReaderCostsNoRecord) {
