@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "app/modes.h"
+#include "http/listener.h"
 #include "platform/console.h"
 
 namespace {
@@ -42,7 +43,7 @@ int main(int count, char** arguments) {
   static_cast<void>(kova::policy_load(policy));
   if (count == 3 && std::string_view(arguments[1]) == "--http") {
     std::free(line_buffer);
-    return kova::http_mode(arguments[2]);
+    return kova::run_http_listener(arguments[2]);
   }
   kova::ToolContext tools{.policy = policy, .audit = audit, .session = session};
   const int exit_code =

@@ -54,10 +54,6 @@ int config_ok(const McpPolicy& policy, const char* database_profile) {
   return kExitOk;
 }
 
-int not_in_this_version(std::string_view mode) {
-  return diagnose(mode, " is not part of this version");
-}
-
 }  // namespace
 
 int stdio_mode(const Startup& startup) {
@@ -111,10 +107,6 @@ int issue_approval_mode(const Startup& startup) {
   write_stdout(token);
   write_stdout("\n");
   return kExitOk;
-}
-
-int http_mode(const char* /*port*/) {
-  return not_in_this_version("--http");
 }
 
 }  // namespace kova

@@ -21,6 +21,5 @@ struct Startup {
 [[nodiscard]] int check_config_mode(const Startup& startup);
 [[nodiscard]] int tool_worker_mode(const Startup& startup);
 [[nodiscard]] int issue_approval_mode(const Startup& startup);
-[[nodiscard]] int http_mode(const char* port);
 
 }  // namespace kova

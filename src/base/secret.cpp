@@ -7,6 +7,28 @@
 
 namespace kova {
 
+namespace {
+
+unsigned byte_at(std::string_view text, std::size_t i) {
+  return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+}
+
+unsigned lower_at(std::string_view text, std::size_t i) {
+  return i < text.size() ? static_cast<unsigned char>(to_lower(text[i])) : 0U;
+}
+
+/// Looks at every position up to the longer length, whatever it finds.
+bool equal_throughout(std::string_view a, std::string_view b,
+                      unsigned (*unit_at)(std::string_view text, std::size_t i)) {
+  unsigned differences = a.size() != b.size() ? 1U : 0U;
+  for (std::size_t i = 0; i < std::max(a.size(), b.size()); ++i) {
+    differences |= unit_at(a, i) ^ unit_at(b, i);
+  }
+  return differences == 0;
+}
+
+}  // namespace
+
 void wipe(void* data, std::size_t size) {
   std::memset(data, 0, size);
   // The memory is an input of this empty statement, so the zeros must be there.
@@ -14,15 +36,11 @@ void wipe(void* data, std::size_t size) {
 }
 
 bool equal_ignoring_case_constant_time(std::string_view a, std::string_view b) {
-  const auto byte_at = [](std::string_view text, std::size_t i) {
-    return static_cast<unsigned>(
-        static_cast<unsigned char>(i < text.size() ? to_lower(text[i]) : 0));
-  };
-  unsigned differences = a.size() != b.size() ? 1U : 0U;
-  for (std::size_t i = 0; i < std::max(a.size(), b.size()); ++i) {
-    differences |= byte_at(a, i) ^ byte_at(b, i);
-  }
-  return differences == 0;
+  return equal_throughout(a, b, lower_at);
+}
+
+bool equal_constant_time(std::string_view a, std::string_view b) {
+  return equal_throughout(a, b, byte_at);
 }
 
 }  // namespace kova

@@ -25,6 +25,9 @@ class WipeGuard {
   std::size_t size_;
 };
 
+/// Equality of texts, in a time that does not depend on where they differ.
+[[nodiscard]] bool equal_constant_time(std::string_view a, std::string_view b);
+
 /// Equality of ASCII texts ignoring case, in a time that does not depend on where they differ.
 [[nodiscard]] bool equal_ignoring_case_constant_time(std::string_view a, std::string_view b);
 

@@ -18,8 +18,8 @@ inline constexpr std::size_t kOwnPathCapacity = 260;
 
 /// A running copy of this executable with pipes on its standard input and output and this
 /// process's standard error; it inherits nothing else. It ends with this process, however that
-/// ends. One thread starts, feeds, reads and collects it; only `terminate` may be called by
-/// another one, between a successful `start` and `collect`, and that thread sees to the order.
+/// ends. Between `start` and `collect` one thread may feed it while another reads it and a third
+/// one terminates it or waits for it; they see to it that none is in here when it is collected.
 class ChildProcess {
  public:
   ChildProcess() = default;
@@ -27,12 +27,13 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  /// Starts the executable with one argument. The calling thread must outlive the child.
+  /// Starts the executable with one argument, or with none for null; false when it does not run.
+  /// The calling thread must outlive the child.
   [[nodiscard]] bool start(const char* argument);
 
-  /// Writes everything to the child's standard input; what a child that has gone does not take is
-  /// dropped.
-  void write_input(std::string_view bytes);
+  /// Writes everything to the child's standard input; false when the child has gone, and what it
+  /// did not take is dropped.
+  bool write_input(std::string_view bytes);
   void close_input();
   /// Reads what is there of the child's output, at most `size` bytes, waiting until there is
   /// something; 0 at its end, after an error, and once the child has ended and left nothing.
@@ -43,9 +44,13 @@ class ChildProcess {
 
   /// Waits until the child has ended; it may still be given to `terminate`, without effect.
   void wait();
-  /// Releases an ended child and answers its exit code. A child that a signal has ended answers
-  /// 128 plus the signal's number, one whose code cannot be had 1.
-  [[nodiscard]] std::uint32_t collect();
+  /// Waits at most so long; true when the child has ended.
+  [[nodiscard]] bool wait_within(std::uint32_t milliseconds);
+  /// Releases an ended child, its pipes included, and answers its exit code. A child that a signal
+  /// has ended answers 128 plus the signal's number, one whose code cannot be had 1.
+  std::uint32_t collect();
+  /// Releases a child that may still run.
+  void abandon();
 
  private:
   std::intptr_t process_ = -1;
@@ -53,6 +58,7 @@ class ChildProcess {
   std::intptr_t input_ = -1;
   std::intptr_t output_ = -1;
   std::uint32_t terminated_with_ = 0;
+  bool terminated_ = false;
 };
 
 }  // namespace kova

@@ -1,8 +1,9 @@
-// TCP clients.
+// TCP clients, and a server on the loopback address.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 namespace kova {
 
@@ -43,6 +44,8 @@ class Socket {
  public:
   Socket() = default;
   ~Socket();
+  Socket(Socket&& other) noexcept : handle_(std::exchange(other.handle_, -1)) {}
+  Socket& operator=(Socket&&) = delete;
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
 
@@ -51,10 +54,34 @@ class Socket {
   [[nodiscard]] bool send_all(const void* data, std::size_t size);
   /// Reads exactly `size` bytes; false on an error or an earlier end.
   [[nodiscard]] bool receive_all(void* data, std::size_t size);
+  /// Reads what is there, at most `size` bytes, waiting until there is something; 0 at the end and
+  /// after an error.
+  [[nodiscard]] std::size_t receive(void* data, std::size_t size);
+  /// Whether the peer has sent bytes that were not read yet.
+  [[nodiscard]] bool has_waiting_bytes();
+  /// Ends both directions.
+  void shut_down();
   void close();
 
  private:
+  friend class LoopbackListener;
   std::intptr_t handle_ = -1;
+};
+
+/// A socket that clients of this machine connect to.
+class LoopbackListener {
+ public:
+  /// Listens on 127.0.0.1 with room for 16 connections that wait; no other listener may have the
+  /// port.
+  [[nodiscard]] bool listen(std::uint16_t port);
+  /// Waits for a connection. One that its client has given up meanwhile is passed over, and while
+  /// the system has no room for another one, it stays waiting. False when nothing can come any
+  /// more.
+  [[nodiscard]] bool accept(Socket& client);
+  void close() { socket_.close(); }
+
+ private:
+  Socket socket_;
 };
 
 }  // namespace kova

@@ -1,7 +1,8 @@
-// Threads and the short lock that yields.
+// Threads, the lock for moments, and the lock and condition for waits.
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 namespace kova {
@@ -29,6 +30,9 @@ class Thread {
   bool joinable_ = false;
 };
 
+/// Runs `entry` on a new thread that nobody joins.
+[[nodiscard]] bool start_detached(Thread::Entry entry, void* argument);
+
 /// Gives the processor to another thread.
 void yield_thread();
 
@@ -54,6 +58,54 @@ class SpinGuard {
 
  private:
   SpinLock& lock_;
+};
+
+/// A lock that may be held for long: who finds it held sleeps. Not re-entrant.
+class Mutex {
+ public:
+  constexpr Mutex() = default;
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+  void lock();
+  void unlock();
+
+ private:
+  friend class Condition;
+  static constexpr std::size_t kSize = 40;
+
+  /// The system's lock, which starts as zeros.
+  alignas(8) unsigned char state_[kSize] = {};
+};
+
+/// Holds a Mutex for a scope.
+class MutexGuard {
+ public:
+  explicit MutexGuard(Mutex& mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~MutexGuard() { mutex_.unlock(); }
+  MutexGuard(const MutexGuard&) = delete;
+  MutexGuard& operator=(const MutexGuard&) = delete;
+
+ private:
+  Mutex& mutex_;
+};
+
+/// Something that threads wait for under a Mutex.
+class Condition {
+ public:
+  constexpr Condition() = default;
+  Condition(const Condition&) = delete;
+  Condition& operator=(const Condition&) = delete;
+
+  /// Gives the held mutex up until notified, and may return without: the caller looks again.
+  void wait(Mutex& mutex);
+  void notify_all();
+
+ private:
+  static constexpr std::size_t kSize = 48;
+
+  /// The system's condition variable, which starts as zeros.
+  alignas(8) unsigned char state_[kSize] = {};
 };
 
 }  // namespace kova

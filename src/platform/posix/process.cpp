@@ -1,6 +1,7 @@
 #include "platform/process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <csignal>
 #include <utility>
 
+#include "platform/clock.h"
 #include "platform/own_path.h"
 
 namespace kova {
@@ -48,26 +50,36 @@ struct Pipe {
   }
 };
 
-// Runs between vfork and exec, in the parent's memory: system calls only.
-[[noreturn]] void become_child(const char* path, char* const* arguments, int input, int output,
-                               pid_t parent) {
+// Runs between vfork and exec, in the parent's memory: system calls only. Returns when a
+// step fails.
+void become_child(const char* path, char* const* arguments, int input, int output, pid_t parent) {
   // A parent that ended before the signal was asked for sends none.
-  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(1);
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) return;
   // Both lie above the standard streams, of which prepare_standard_streams lets none be missing.
-  if (::dup2(input, STDIN_FILENO) < 0 || ::dup2(output, STDOUT_FILENO) < 0) ::_exit(1);
+  if (::dup2(input, STDIN_FILENO) < 0 || ::dup2(output, STDOUT_FILENO) < 0) return;
   // Covers what this process itself was given beside its standard streams. Where the system does
   // not know the call (before Linux 5.11) there is no child rather than one that holds more.
-  if (::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) ::_exit(1);
+  if (::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) return;
+  // What is ignored stays so across exec.
+  std::signal(SIGPIPE, SIG_DFL);
   ::execve(path, arguments, environ);
-  ::_exit(1);
 }
 
 // Answers the child, or -1. A function of its own, so that no other variable lives across vfork.
 pid_t spawn(const char* path, char* const* arguments, int input, int output) {
   const pid_t parent = ::getpid();
+  // The child writes it in this memory; this thread goes on once the child has ended or runs.
+  volatile bool failed = false;
   const pid_t child = ::vfork();
-  if (child == 0) become_child(path, arguments, input, output, parent);
-  return child;
+  if (child == 0) {
+    become_child(path, arguments, input, output, parent);
+    failed = true;
+    ::_exit(1);
+  }
+  if (child < 0 || !failed) return child;
+  while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  return -1;
 }
 
 }  // namespace
@@ -77,8 +89,7 @@ std::uint32_t own_process_id() {
 }
 
 ChildProcess::~ChildProcess() {
-  close_descriptor(input_);
-  close_descriptor(output_);
+  abandon();
 }
 
 bool ChildProcess::start(const char* argument) {
@@ -96,13 +107,14 @@ bool ChildProcess::start(const char* argument) {
   return true;
 }
 
-void ChildProcess::write_input(std::string_view bytes) {
+bool ChildProcess::write_input(std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = ::write(descriptor_of(input_), bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
+    if (written <= 0) return false;
     bytes.remove_prefix(static_cast<std::size_t>(written));
   }
+  return true;
 }
 
 void ChildProcess::close_input() {
@@ -119,6 +131,7 @@ std::size_t ChildProcess::read_output(char* data, std::size_t size) {
 
 void ChildProcess::terminate(std::uint32_t exit_code) {
   terminated_with_ = exit_code;
+  terminated_ = true;
   ::kill(static_cast<pid_t>(process_), SIGKILL);
 }
 
@@ -129,17 +142,37 @@ void ChildProcess::wait() {
   }
 }
 
+// Asks again and again: what waits for a process with a time limit takes a descriptor, of which
+// there may be none left.
+bool ChildProcess::wait_within(std::uint32_t milliseconds) {
+  for (const std::uint64_t until = tick_ms() + milliseconds;;) {
+    siginfo_t info{};
+    ::waitid(P_PID, static_cast<id_t>(process_), &info, WEXITED | WNOWAIT | WNOHANG);
+    if (info.si_pid != 0) return true;
+    if (tick_ms() >= until) return false;
+    ::poll(nullptr, 0, 1);
+  }
+}
+
+void ChildProcess::abandon() {
+  close_descriptor(input_);
+  close_descriptor(output_);
+  process_ = -1;
+  terminated_ = false;
+}
+
 std::uint32_t ChildProcess::collect() {
   int status = 0;
   pid_t collected = 0;
   do {
     collected = ::waitpid(static_cast<pid_t>(process_), &status, 0);
   } while (collected < 0 && errno == EINTR);
-  process_ = -1;
+  const bool terminated = terminated_;
+  abandon();
   if (collected < 0) return 1;
   if (WIFEXITED(status)) return static_cast<std::uint32_t>(WEXITSTATUS(status));
   // Exit codes above 255 exist here only by agreement: the killer's word stands for the signal.
-  if (terminated_with_ != 0 && WTERMSIG(status) == SIGKILL) return terminated_with_;
+  if (terminated && WTERMSIG(status) == SIGKILL) return terminated_with_;
   return static_cast<std::uint32_t>(kSignalExitBase + WTERMSIG(status));
 }
 

@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +15,9 @@
 namespace kova {
 
 namespace {
+
+constexpr int kBacklog = 16;
+constexpr int kNoRoomWaitMs = 20;
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
@@ -42,6 +47,14 @@ bool connect_within(int descriptor, const addrinfo& address, std::uint32_t timeo
     if (errno != EINPROGRESS || !connected_within(descriptor, timeout_ms)) return false;
   }
   return ::fcntl(descriptor, F_SETFL, flags) == 0;
+}
+
+bool passes(int error) {
+  return error == EINTR || error == ECONNABORTED;
+}
+
+bool is_lack_of_room(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 }  // namespace
@@ -103,9 +116,56 @@ bool Socket::receive_all(void* data, std::size_t size) {
   return true;
 }
 
+std::size_t Socket::receive(void* data, std::size_t size) {
+  for (;;) {
+    const ssize_t got = ::recv(descriptor_of(handle_), data, size, 0);
+    if (got >= 0) return static_cast<std::size_t>(got);
+    if (errno != EINTR) return 0;
+  }
+}
+
+bool Socket::has_waiting_bytes() {
+  int waiting = 0;
+  return ::ioctl(descriptor_of(handle_), FIONREAD, &waiting) == 0 && waiting > 0;
+}
+
+void Socket::shut_down() {
+  ::shutdown(descriptor_of(handle_), SHUT_RDWR);
+}
+
 void Socket::close() {
   if (handle_ >= 0) ::close(descriptor_of(handle_));
   handle_ = -1;
+}
+
+bool LoopbackListener::listen(std::uint16_t port) {
+  close();
+  const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+  socket_.handle_ = descriptor;
+  // The connections of a listener that has just ended do not keep its port.
+  const int on = 1;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return descriptor >= 0 &&
+         ::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+         ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+         ::listen(descriptor, kBacklog) == 0;
+}
+
+bool LoopbackListener::accept(Socket& client) {
+  client.close();
+  for (;;) {
+    const int accepted = ::accept4(descriptor_of(socket_.handle_), nullptr, nullptr, SOCK_CLOEXEC);
+    client.handle_ = accepted;
+    if (accepted >= 0) return true;
+    if (is_lack_of_room(errno)) {
+      ::poll(nullptr, 0, kNoRoomWaitMs);
+    } else if (!passes(errno)) {
+      return false;
+    }
+  }
 }
 
 }  // namespace kova

@@ -9,6 +9,18 @@ namespace kova {
 
 static_assert(sizeof(pthread_t) == sizeof(std::uintptr_t));
 
+namespace {
+
+pthread_mutex_t* mutex_of(unsigned char* state) {
+  return reinterpret_cast<pthread_mutex_t*>(state);
+}
+
+pthread_cond_t* condition_of(unsigned char* state) {
+  return reinterpret_cast<pthread_cond_t*>(state);
+}
+
+}  // namespace
+
 bool Thread::start(Entry entry, void* argument) {
   pthread_t thread{};
   joinable_ = ::pthread_create(&thread, nullptr, entry, argument) == 0;
@@ -35,8 +47,31 @@ void Thread::join() {
   joinable_ = false;
 }
 
+bool start_detached(Thread::Entry entry, void* argument) {
+  pthread_t thread{};
+  return ::pthread_create(&thread, nullptr, entry, argument) == 0 && ::pthread_detach(thread) == 0;
+}
+
 void yield_thread() {
   ::sched_yield();
+}
+
+void Mutex::lock() {
+  static_assert(sizeof(pthread_mutex_t) <= kSize);
+  ::pthread_mutex_lock(mutex_of(state_));
+}
+
+void Mutex::unlock() {
+  ::pthread_mutex_unlock(mutex_of(state_));
+}
+
+void Condition::wait(Mutex& mutex) {
+  static_assert(sizeof(pthread_cond_t) <= kSize);
+  ::pthread_cond_wait(condition_of(state_), mutex_of(mutex.state_));
+}
+
+void Condition::notify_all() {
+  ::pthread_cond_broadcast(condition_of(state_));
 }
 
 }  // namespace kova

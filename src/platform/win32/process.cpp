@@ -49,9 +49,15 @@ void close_handle(std::intptr_t& handle) {
   handle = -1;
 }
 
-// The pipe of the child's output; unlike an anonymous one its read end takes requests that can be
-// given up. One instance and no sharing: nobody else can come in between.
-bool open_output_pipe(Handle& read_end, Handle& write_end) {
+/// A pipe between this process and a child.
+struct Pipe {
+  Handle own_end;
+  Handle child_end;
+};
+
+// Unlike an anonymous pipe's, the own end takes requests that can be given up. One instance and no
+// sharing: nobody else can come in between. `access` is the own end's.
+bool open_pipe(Pipe& pipe, DWORD access) {
   static constinit std::atomic<unsigned> number{0};
   char text[kPipeNameCapacity];
   wchar_t name[kWideCapacity];
@@ -60,17 +66,45 @@ bool open_output_pipe(Handle& read_end, Handle& write_end) {
       !to_wide(text, name)) {
     return false;
   }
-  const HANDLE reader = ::CreateNamedPipeW(
-      name, PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
-      PIPE_TYPE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, 0, kPipeSize, 0, nullptr);
-  if (reader == INVALID_HANDLE_VALUE) return false;
-  *read_end.out() = reader;
-  const HANDLE writer =
-      ::CreateFileW(name, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (writer == INVALID_HANDLE_VALUE) return false;
-  *write_end.out() = writer;
+  const HANDLE own_end = ::CreateNamedPipeW(
+      name, access | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+      PIPE_TYPE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, kPipeSize, kPipeSize, 0, nullptr);
+  if (own_end == INVALID_HANDLE_VALUE) return false;
+  *pipe.own_end.out() = own_end;
+  const HANDLE child_end =
+      ::CreateFileW(name, access == PIPE_ACCESS_INBOUND ? GENERIC_WRITE : GENERIC_READ, 0, nullptr,
+                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (child_end == INVALID_HANDLE_VALUE) return false;
+  *pipe.child_end.out() = child_end;
   return true;
 }
+
+/// One request on a pipe, given up when the process at its other end has ended: a process that the
+/// system has started beside that one may hold the pipe for longer.
+class Transfer {
+ public:
+  Transfer() : done_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+    request_.hEvent = done_.get();
+  }
+
+  [[nodiscard]] bool ready() const { return done_.get() != nullptr; }
+  [[nodiscard]] OVERLAPPED* request() { return &request_; }
+  /// The bytes that the request has moved; 0 after an error or when it was given up. `started` is
+  /// what the request's call answered.
+  [[nodiscard]] DWORD finish(BOOL started, HANDLE pipe, HANDLE process) {
+    if (started == 0 && ::GetLastError() != ERROR_IO_PENDING) return 0;
+    const HANDLE events[] = {done_.get(), process};
+    if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0) {
+      ::CancelIoEx(pipe, &request_);
+    }
+    DWORD moved = 0;
+    return ::GetOverlappedResult(pipe, &request_, &moved, TRUE) != 0 ? moved : 0;
+  }
+
+ private:
+  Handle done_;
+  OVERLAPPED request_{};
+};
 
 bool make_inheritable(HANDLE handle) {
   return ::SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) != 0;
@@ -111,7 +145,8 @@ bool command_line(const char* argument, wchar_t (&out)[kWideCapacity]) {
   char path[kOwnPathCapacity];
   char text[kCommandLineCapacity];
   TextOut line(text);
-  return own_path(path) && line.format("\"%s\" %s", path, argument) && to_wide(text, out);
+  return own_path(path) && line.format("\"%s\"", path) &&
+         (argument == nullptr || line.format(" %s", argument)) && to_wide(text, out);
 }
 
 /// What a child is started with beside its command line: the handles that it inherits, and the job
@@ -167,73 +202,60 @@ std::uint32_t own_process_id() {
 }
 
 ChildProcess::~ChildProcess() {
-  close_handle(input_);
-  close_handle(output_);
-  close_handle(guard_);
-  close_handle(process_);
+  abandon();
 }
 
 bool ChildProcess::start(const char* argument) {
-  Handle child_input;
-  Handle parent_input;
-  Handle parent_output;
-  Handle child_output;
-  if (::CreatePipe(child_input.out(), parent_input.out(), nullptr, 0) == 0 ||
-      !open_output_pipe(parent_output, child_output)) {
+  Pipe input;
+  Pipe output;
+  if (!open_pipe(input, PIPE_ACCESS_OUTBOUND) || !open_pipe(output, PIPE_ACCESS_INBOUND)) {
     return false;
   }
   const Handle child_error(standard_error_for_child());
   Handle job(kill_on_close_job());
   wchar_t line[kWideCapacity];
   if (child_error.get() == nullptr || job.get() == nullptr || !command_line(argument, line) ||
-      !make_inheritable(child_input.get()) || !make_inheritable(child_output.get())) {
+      !make_inheritable(input.child_end.get()) || !make_inheritable(output.child_end.get())) {
     return false;
   }
-  HANDLE streams[3] = {child_input.get(), child_output.get(), child_error.get()};
+  HANDLE streams[3] = {input.child_end.get(), output.child_end.get(), child_error.get()};
   PROCESS_INFORMATION created{};
   if (!create_process(line, streams, job.get(), created)) return false;
   const Handle thread(created.hThread);
   Handle process(created.hProcess);
   process_ = process.release();
   guard_ = job.release();
-  input_ = parent_input.release();
-  output_ = parent_output.release();
+  input_ = input.own_end.release();
+  output_ = output.own_end.release();
   return true;
 }
 
-void ChildProcess::write_input(std::string_view bytes) {
+bool ChildProcess::write_input(std::string_view bytes) {
+  const HANDLE pipe = handle_of(input_);
+  Transfer transfer;
   while (!bytes.empty()) {
-    DWORD written = 0;
-    if (::WriteFile(handle_of(input_), bytes.data(), static_cast<DWORD>(bytes.size()), &written,
-                    nullptr) == 0 ||
-        written == 0) {
-      return;
-    }
+    if (!transfer.ready() || wait_within(0)) return false;
+    const BOOL started = ::WriteFile(pipe, bytes.data(), static_cast<DWORD>(bytes.size()), nullptr,
+                                     transfer.request());
+    const DWORD written = transfer.finish(started, pipe, handle_of(process_));
+    if (written == 0) return false;
     bytes.remove_prefix(written);
   }
+  return true;
 }
 
 void ChildProcess::close_input() {
   close_handle(input_);
 }
 
-// What the child wrote is there before its end is seen. After that nothing more is waited for: a
-// process that the system has started beside the child may hold the pipe for longer.
+// What the child wrote is there before its end is seen.
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
-  const Handle done(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  OVERLAPPED request{};
-  request.hEvent = done.get();
-  if (done.get() == nullptr ||
-      (::ReadFile(handle_of(output_), data, static_cast<DWORD>(size), nullptr, &request) == 0 &&
-       ::GetLastError() != ERROR_IO_PENDING)) {
-    return 0;
-  }
-  const HANDLE events[] = {done.get(), handle_of(process_)};
-  if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0) {
-    ::CancelIoEx(handle_of(output_), &request);
-  }
-  DWORD got = 0;
-  return ::GetOverlappedResult(handle_of(output_), &request, &got, TRUE) != 0 ? got : 0;
+  const HANDLE pipe = handle_of(output_);
+  Transfer transfer;
+  if (!transfer.ready()) return 0;
+  const BOOL started =
+      ::ReadFile(pipe, data, static_cast<DWORD>(size), nullptr, transfer.request());
+  return transfer.finish(started, pipe, handle_of(process_));
 }
 
 void ChildProcess::terminate(std::uint32_t exit_code) {
@@ -241,14 +263,24 @@ void ChildProcess::terminate(std::uint32_t exit_code) {
 }
 
 void ChildProcess::wait() {
-  ::WaitForSingleObject(handle_of(process_), INFINITE);
+  static_cast<void>(wait_within(INFINITE));
+}
+
+bool ChildProcess::wait_within(std::uint32_t milliseconds) {
+  return ::WaitForSingleObject(handle_of(process_), milliseconds) == WAIT_OBJECT_0;
+}
+
+void ChildProcess::abandon() {
+  close_handle(input_);
+  close_handle(output_);
+  close_handle(guard_);
+  close_handle(process_);
 }
 
 std::uint32_t ChildProcess::collect() {
   DWORD exit_code = 1;
   if (::GetExitCodeProcess(handle_of(process_), &exit_code) == 0) exit_code = 1;
-  close_handle(process_);
-  close_handle(guard_);
+  abandon();
   return exit_code;
 }
 

@@ -10,6 +10,8 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kLargestTransfer = 1 << 20;
+constexpr int kBacklog = 16;
+constexpr DWORD kNoRoomWaitMs = 20;
 
 SOCKET socket_of(std::intptr_t handle) {
   return static_cast<SOCKET>(handle);
@@ -45,6 +47,19 @@ bool connect_within(SOCKET socket, const addrinfo& address, std::uint32_t timeou
     }
   }
   return set_non_blocking(socket, false);
+}
+
+SOCKET stream_socket(int family, int protocol) {
+  return ::WSASocketW(family, SOCK_STREAM, protocol, nullptr, 0,
+                      WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+}
+
+bool passes(int error) {
+  return error == WSAECONNRESET || error == WSAECONNABORTED || error == WSAEINTR;
+}
+
+bool is_lack_of_room(int error) {
+  return error == WSAEMFILE || error == WSAENOBUFS;
 }
 
 }  // namespace
@@ -83,8 +98,7 @@ Socket::~Socket() {
 bool Socket::connect(const void* address, std::uint32_t timeout_ms) {
   const auto& target = *static_cast<const addrinfo*>(address);
   close();
-  const SOCKET socket = ::WSASocketW(target.ai_family, target.ai_socktype, target.ai_protocol,
-                                     nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+  const SOCKET socket = stream_socket(target.ai_family, target.ai_protocol);
   if (socket == INVALID_SOCKET) return false;
   handle_ = static_cast<std::intptr_t>(socket);
   return connect_within(socket, target, timeout_ms);
@@ -112,9 +126,60 @@ bool Socket::receive_all(void* data, std::size_t size) {
   return true;
 }
 
+std::size_t Socket::receive(void* data, std::size_t size) {
+  const int got = ::recv(socket_of(handle_), static_cast<char*>(data), transfer_size(size), 0);
+  return got > 0 ? static_cast<std::size_t>(got) : 0;
+}
+
+bool Socket::has_waiting_bytes() {
+  u_long waiting = 0;
+  return ::ioctlsocket(socket_of(handle_), FIONREAD, &waiting) == 0 && waiting > 0;
+}
+
+void Socket::shut_down() {
+  ::shutdown(socket_of(handle_), SD_BOTH);
+}
+
 void Socket::close() {
   if (handle_ != -1) ::closesocket(socket_of(handle_));
   handle_ = -1;
+}
+
+bool LoopbackListener::listen(std::uint16_t port) {
+  close();
+  const SOCKET socket = stream_socket(AF_INET, IPPROTO_TCP);
+  if (socket == INVALID_SOCKET) return false;
+  socket_.handle_ = static_cast<std::intptr_t>(socket);
+  // Without it another program could listen on the same port and take the clients.
+  const int on = 1;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = ::htons(port);
+  address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+  return ::setsockopt(socket, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on),
+                      sizeof on) == 0 &&
+         ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+         ::listen(socket, kBacklog) == 0;
+}
+
+// Between the acceptance and the call that stops inheritance a child may start; it is given the
+// handles on its list alone.
+bool LoopbackListener::accept(Socket& client) {
+  client.close();
+  for (;;) {
+    const SOCKET accepted = ::accept(socket_of(socket_.handle_), nullptr, nullptr);
+    if (accepted != INVALID_SOCKET) {
+      client.handle_ = static_cast<std::intptr_t>(accepted);
+      ::SetHandleInformation(reinterpret_cast<HANDLE>(accepted), HANDLE_FLAG_INHERIT, 0);
+      return true;
+    }
+    const int error = ::WSAGetLastError();
+    if (is_lack_of_room(error)) {
+      ::Sleep(kNoRoomWaitMs);
+    } else if (!passes(error)) {
+      return false;
+    }
+  }
 }
 
 }  // namespace kova

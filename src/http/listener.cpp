@@ -1,0 +1,94 @@
+#include "http/listener.h"
+
+#include <cstdlib>
+#include <memory>
+
+#include "base/decimal.h"
+#include "base/text.h"
+#include "http/gate.h"
+#include "http/response.h"
+#include "platform/clock.h"
+#include "platform/console.h"
+
+namespace kova {
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailure = 2;
+constexpr std::int64_t kHighestPort = 65535;
+
+constexpr HttpResponse kConnectionLimit{.status = 503,
+                                        .reason = "Unavailable",
+                                        .header = "",
+                                        .body = R"({"error":"connection limit"})"};
+
+/// What connections share. It is never destroyed: they may outlast the accept loop.
+struct Shared {
+  explicit Shared(std::string_view port) { TextOut(port_text).copy_cut(port); }
+
+  ChildStarter starter{nullptr};
+  RateWindow rate;
+  SessionTable sessions{starter, tick_ms};
+  HttpState state{.rate = rate, .sessions = sessions};
+  char port_text[kPortTextCapacity];
+};
+
+/// What a connection's thread is given and frees.
+struct ConnectionContext {
+  Socket socket;
+  Shared& shared;
+};
+
+void free_context(ConnectionContext* context) {
+  std::destroy_at(context);
+  std::free(context);
+}
+
+void* serve_connection(void* argument) {
+  auto* const context = static_cast<ConnectionContext*>(argument);
+  handle_connection(context->socket, context->shared.port_text, context->shared.state);
+  context->socket.shut_down();
+  free_context(context);
+  return nullptr;
+}
+
+void serve(Socket& socket, Shared& shared) {
+  void* const memory = std::malloc(sizeof(ConnectionContext));
+  if (memory == nullptr) {
+    write_response(socket, kConnectionLimit);
+    return;
+  }
+  auto* const context =
+      std::construct_at(static_cast<ConnectionContext*>(memory), std::move(socket), shared);
+  if (!start_detached(serve_connection, context)) free_context(context);
+}
+
+void announce(const char* port_text) {
+  write_stderr("Vantreo MCP HTTP listening on 127.0.0.1:");
+  write_stderr(port_text);
+  write_stderr(" (TLS termination required)\n");
+}
+
+}  // namespace
+
+int run_http_listener(const char* port_text) {
+  const std::int64_t port = leading_integer(port_text);
+  if (port < 1 || port > kHighestPort) return kExitFailure;
+  const SocketLayer layer;
+  LoopbackListener listener;
+  void* const memory = std::malloc(sizeof(Shared));
+  if (!layer.ready() || !listener.listen(static_cast<std::uint16_t>(port)) || memory == nullptr) {
+    std::free(memory);
+    return kExitFailure;
+  }
+  Shared& shared = *std::construct_at(static_cast<Shared*>(memory), port_text);
+  if (!shared.starter.run()) return kExitFailure;
+  announce(port_text);
+  Socket client;
+  while (listener.accept(client)) serve(client, shared);
+  shared.sessions.close_all();
+  return kExitOk;
+}
+
+}  // namespace kova
