@@ -225,6 +225,13 @@ TEST_F(HybridSearch, TheTextHas1To8192Bytes) {
                                                      std::string(16384, '\'') + "' TOP 5 INTO "));
 }
 
+// Which shows when the text itself ends early.
+TEST_F(HybridSearch, TheTextIsDecodedInto16400Bytes) {
+  EXPECT_EQ(search("\"x\\u0000" + std::string(16398, 'y') + "\""), tool_success(kEmpty));
+  EXPECT_TRUE(library.statements().at(0).starts_with("SEARCH AI DOCS TEXT 'x' TOP 5 INTO "));
+  EXPECT_EQ(search("\"x\\u0000" + std::string(16399, 'y') + "\""), kBadArguments);
+}
+
 TEST_F(HybridSearch, ThereAre1To16Columns) {
   EXPECT_EQ(search("\"x\"", "[]"), kBadColumns);
   EXPECT_EQ(search("\"x\"", names(17)), kBadColumns);

@@ -175,6 +175,13 @@ TEST_F(TextSearch, TheTextHas1To8192Bytes) {
   EXPECT_EQ(search("\"" + accents + "x\""), kBadArguments);
 }
 
+// Which shows when the text itself ends early.
+TEST_F(TextSearch, TheTextIsDecodedInto16400Bytes) {
+  EXPECT_EQ(search("\"x\\u0000" + std::string(16398, 'y') + "\""), kDone);
+  EXPECT_EQ(library.statements(), (Calls{"SEARCH AI DOCS TEXT 'x' TOP 5;"}));
+  EXPECT_EQ(search("\"x\\u0000" + std::string(16399, 'y') + "\""), kBadArguments);
+}
+
 TEST_F(TextSearch, TopIs1To256) {
   for (const char* top : {"0", "257", "-1", "\"5\"", "5.0", "1e2", "null", "true", "[5]", "{}",
                           "4294967297", "18446744073709551617"}) {
