@@ -154,6 +154,9 @@ def test_words_decide_not_syntax(writes, sql, canonical):
     ("UPDATE T SET A = n'x'", "UPDATE T SET A = N'x';"),
     ("UPDATE T SET \"a b\" = 1", "UPDATE T SET \"A B\" = 1;"),
     ("UPDATE T SET \"a  b\" = 1", "UPDATE T SET \"A B\" = 1;"),
+    # Apostrophes inside double quotes hide what stands between them.
+    ("""UPDATE T SET a = "'"; DROP TABLE U; SELECT "'\"""",
+     """UPDATE T SET A = "'"; DROP TABLE U; SELECT "'";"""),
 ], ids=repr)
 def test_quoting(writes, sql, canonical):
     ran(writes(sql), canonical)

@@ -2,6 +2,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
+
+#include "support/current_thread.h"
 
 // The names that the linker's --wrap gives to a wrapped function and to its stand-in.
 extern "C" {
@@ -16,12 +19,14 @@ void* __wrap_realloc(void* block, std::size_t size);
 namespace kova::testing {
 namespace {
 
-// Plain process-wide counters: thread-local ones would allocate on first use on Windows.
+// Process-wide counters of one thread: thread-local ones would allocate on first use on Windows.
+const std::uintptr_t kTestsThread = current_thread();
 std::atomic<int> countdown{0};
 std::atomic<bool> refused{false};
 std::atomic<unsigned long> asked{0};
 
 bool refuse_this_one() {
+  if (current_thread() != kTestsThread) return false;
   asked.fetch_add(1, std::memory_order_relaxed);
   if (countdown.load(std::memory_order_relaxed) == 0) return false;
   if (countdown.fetch_sub(1, std::memory_order_relaxed) != 1) return false;

@@ -1,12 +1,11 @@
 // Running out of memory on purpose. The unit test binary is linked so that its calls of malloc,
-// calloc and realloc pass through here.
+// calloc and realloc pass through here; those of the thread that runs the tests are counted.
 #pragma once
 
 namespace kova::testing {
 
 /// While it lives, the n-th allocation from its construction on (1 is the next one) answers null;
-/// all others succeed. Counts the allocations of every thread, so others should be idle. One at a
-/// time.
+/// all others succeed, and so do those of other threads. One at a time.
 class AllocationFailure {
  public:
   explicit AllocationFailure(int nth);

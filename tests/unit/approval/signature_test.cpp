@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "support/digest_failure.h"
 #include "unit/approval/approval_fixture.h"
 
 namespace kova::testing {
@@ -55,6 +56,11 @@ TEST_F(Signature, NeedsASecretOf32Bytes) {
     EXPECT_EQ(sign({}), row.accepted ? signature_of({}, row.secret) : "refused") << row.secret;
   }
   secret_variable.unset();
+  EXPECT_EQ(sign({}), "refused");
+}
+
+TEST_F(Signature, AFailedDigestIsARefusal) {
+  const DigestFailure failing;
   EXPECT_EQ(sign({}), "refused");
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "approval/token.h"
+#include "support/digest_failure.h"
 #include "unit/approval/approval_fixture.h"
 
 namespace kova::testing {
@@ -161,6 +162,11 @@ TEST_F(Issuing, NeedsASecretOf32Bytes) {
   expect_none(kCannotSign);
   secret_variable.set(std::string(32, 's'));
   EXPECT_NE(issue(), "");
+}
+
+TEST_F(Issuing, AFailedDigestGivesNoToken) {
+  const DigestFailure failing;
+  expect_none(kCannotSign);
 }
 
 // Policy and digest are looked at before the secret.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "approval/token.h"
+#include "support/digest_failure.h"
 #include "unit/approval/approval_fixture.h"
 
 namespace kova::testing {
@@ -300,6 +301,15 @@ TEST_F(Verifying, NeedsTheSecretThatSigned) {
   // Read afresh.
   secret_variable.set(kSecret);
   expect_accepted(token);
+}
+
+TEST_F(Verifying, AFailedDigestSpendsNothing) {
+  {
+    const DigestFailure failing;
+    expect_refused(token_of(), kNoSecret);
+  }
+  EXPECT_TRUE(markers().empty());
+  expect_accepted(token_of());
 }
 
 TEST_F(Verifying, AnySecretOf32BytesAndMoreWorks) {

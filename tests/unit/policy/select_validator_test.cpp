@@ -290,6 +290,8 @@ TEST(SelectValidator, SurprisingAccepts) {
                                // Text between apostrophes inside double quotes is a literal.
                                {"SELECT \"'x' FROM hidden'\" FROM t", kUnterminated},
                                {"SELECT \"'\", a FROM hidden, \"'\" FROM t", kAccepted},
+                               {"SELECT \"'\"; DELETE FROM hidden; SELECT \"'\"", kAccepted},
+                               {"SELECT \"'\"; DELETE FROM hidden; SELECT \"", kUnterminated},
                            });
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "support/digest_failure.h"
 #include "support/reference_digest.h"
 #include "unit/policy/classified.h"
 
@@ -61,6 +62,8 @@ TEST_F(WriteClassifier, ThreeShapesAreWrites) {
       {"DELETE FROM T", "DELETE", "T"},
       {"delete from orders where a in (select b from secret)", "DELETE", "ORDERS"},
       {"DELETE FROM Log", "DELETE", "LOG"},
+      {"DELETE FROM T.SECRET", "DELETE", "T"},
+      {"DELETE FROM T, SECRET", "DELETE", "T"},
       // Digits before a word are skipped, and so is everything else that no word has.
       {"9UPDATE T", "UPDATE", "T"},
       {"UPDATE 9T", "UPDATE", "T"},
@@ -72,10 +75,21 @@ TEST_F(WriteClassifier, ThreeShapesAreWrites) {
       {"'update' T", "UPDATE", "T"},
       {"UPDATE 't'", "UPDATE", "T"},
       {"INSERT 'into' T", "INSERT", "T"},
+      {"DELETE 'from' T", "DELETE", "T"},
       {"DELETE 'FROM T'", "DELETE", "T"},
       {"'insert into t'", "INSERT", "T"},
   };
   for (const Row& row : kRows) expect_write(row.sql, row.type, row.table);
+}
+
+// Double quotes are no literals, so an apostrophe inside them opens one; docs/security-model.md
+// lists it.
+TEST_F(WriteClassifier, AStatementHidesBetweenApostrophesInDoubleQuotes) {
+  static constexpr char kSql[] = R"(UPDATE T SET a = "'"; DROP TABLE U; SELECT "'")";
+  expect_write(kSql, "UPDATE", "T");
+  expect_canonical(kSql, R"(UPDATE T SET A = "'"; DROP TABLE U; SELECT "'";)");
+  expect_refused(R"(UPDATE T SET a = "'"; DROP TABLE U; SELECT '"'")", kOpenLiteral);
+  expect_refused(R"(UPDATE T SET a = "''"; DROP TABLE U)", kSecondStatement);
 }
 
 TEST_F(WriteClassifier, FewerThanTwoWordsCannotBeClassified) {
@@ -349,6 +363,16 @@ TEST_F(WriteSizes, WhiteSpaceTakesOneByte) {
   expect_refused("DELETE FROM T " + blanks, kWriteSize);
   expect_refused(std::string(32768, ' '), kNoWordsFound);
   expect_refused(std::string(32769, ' '), kWriteSize);
+}
+
+// --- the digest -------------------------------------------------------------------------------
+
+TEST_F(WriteClassifier, AFailedDigestIsARefusal) {
+  const DigestFailure failing;
+  expect_refused("UPDATE T SET A = 1", "operation digest failed");
+  EXPECT_STREQ(write->digest, "");
+  // It is the last of the checks.
+  expect_refused("UPDATE T SET DROP = 1", kProhibited);
 }
 
 // --- order ------------------------------------------------------------------------------------

@@ -1,14 +1,19 @@
 // The test support itself: a guard that does not guard would let every other test pass.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "platform/console.h"
+#include "platform/crypto.h"
 #include "platform/environment.h"
+#include "platform/thread.h"
 #include "support/allocation_failure.h"
 #include "support/captured_output.h"
+#include "support/digest_failure.h"
 #include "support/environment.h"
 #include "support/guard_page.h"
 #include "support/temporary_directory.h"
@@ -68,6 +73,59 @@ TEST(AllocationFailure, RefusesReallocAndKeepsTheBlock) {
   EXPECT_EQ(grown, nullptr);
   EXPECT_EQ(block[0], 'k');
   std::free(block);
+}
+
+// A thread that allocates on demand, and says what it got.
+class AllocatingThread {
+ public:
+  AllocatingThread() : thread_([this] { run(); }) {}
+  ~AllocatingThread() { thread_.join(); }
+  void* block() {
+    wanted_ = true;
+    while (!done_) yield_thread();
+    return block_;
+  }
+
+ private:
+  void run() {
+    while (!wanted_) yield_thread();
+    block_ = std::malloc(10);
+    done_ = true;
+  }
+  std::atomic<bool> wanted_{false};
+  std::atomic<bool> done_{false};
+  void* block_ = nullptr;
+  std::thread thread_;
+};
+
+TEST(AllocationFailure, LeavesOtherThreadsAlone) {
+  AllocatingThread other;
+  void* theirs = nullptr;
+  void* ours = nullptr;
+  bool happened_to_them = true;
+  const unsigned long before = allocation_count();
+  {
+    const AllocationFailure failure(1);
+    theirs = other.block();
+    happened_to_them = AllocationFailure::happened();
+    ours = std::malloc(10);
+  }
+  EXPECT_NE(theirs, nullptr);
+  EXPECT_FALSE(happened_to_them);
+  EXPECT_EQ(ours, nullptr);
+  EXPECT_EQ(allocation_count() - before, 1U);
+  std::free(theirs);
+}
+
+TEST(DigestFailure, FailsEveryDigestWhileItLives) {
+  std::uint8_t digest[kSha256Size];
+  {
+    const DigestFailure failure;
+    EXPECT_FALSE(sha256_digest("x", digest));
+    EXPECT_FALSE(hmac_sha256_digest("x", "key", digest));
+  }
+  EXPECT_TRUE(sha256_digest("x", digest));
+  EXPECT_TRUE(hmac_sha256_digest("x", "key", digest));
 }
 
 TEST(CapturedOutput, TakesWhatWasWrittenSinceTheLastTime) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <string>
 
+#include "support/digest_failure.h"
 #include "unit/policy/write_generator.h"
 #include "unit/tools/execute_fixture.h"
 
@@ -393,6 +394,16 @@ TEST_F(Approved, TheExecutedBytesAreTheApprovedOnes) {
     ASSERT_EQ(to_hex(reference_sha256(library.statements()[0])), digest) << sql;
   }
   EXPECT_EQ(marker_count(), 300U);
+}
+
+TEST_F(Approved, AFailedDigestRunsNothing) {
+  const std::string token = token_for("DELETE FROM LOG;");
+  const DigestFailure failing;
+  EXPECT_EQ(execute("DELETE FROM LOG"), tool_error("operation digest failed"));
+  expect_audit("allow", "");
+  EXPECT_EQ(execute_with("DELETE FROM LOG", token), tool_error("operation digest failed"));
+  EXPECT_EQ(library.calls(), Calls{});
+  EXPECT_EQ(marker_count(), 0U);
 }
 
 TEST_F(Approved, UnknownArgumentsStandBeforeEverything) {

@@ -61,6 +61,7 @@ TEST(QuickSelectCheck, AcceptsOneSelect) {
            std::string_view("SELECT a FROM t -"),
            std::string_view("SELECT a FROM t /"),
            std::string_view("SELECT \"it's\" , 'x' FROM \"o'clock\""),
+           std::string_view("SELECT \"'\"; DELETE FROM T; SELECT \"'\""),
        })
     EXPECT_TRUE(passes(sql)) << sql;
 }
@@ -100,6 +101,7 @@ TEST(QuickSelectCheck, RefusesEverythingElse) {
            std::string_view("SELECT '''"),
            std::string_view("SELECT '"),
            std::string_view("SELECT \"it's\" FROM t"),
+           std::string_view("SELECT \"''\"; DELETE FROM T"),
            std::string_view("SELECT a FROM t WHERE SET = 1"),
            std::string_view("SELECT \"SET\" FROM t"),
            std::string_view("SELECT [set] FROM t"),
