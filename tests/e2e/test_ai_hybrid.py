@@ -9,7 +9,7 @@ import pytest
 from ai_calls import (COLLECTION, COLUMN, COLUMNS, FAILURE_NAMES, FAILURES, GOOD, HYBRID_ARGUMENTS,
                       HYBRID_COUNT, HYBRID_SEARCH, HYBRID_TEXT, NO_SESSION, PROVIDERS_OFF,
                       PROVIDERS_SWITCH, READS_OFF, REFUSED_TOPS, SOURCE, ask)
-from kova import PARSE_ERROR, WORKER_FAILED, Script, ScriptedLibrary, call, wait_until
+from kova import PARSE_ERROR, WORKER_FAILED, Script, ScriptedLibrary, call
 from tool_calls import ABSENT, Outcome, ToolCalls, arguments, result_json
 
 
@@ -89,7 +89,6 @@ def test_two_servers_at_a_time_share_no_table(servers, module_engine, tmp_path):
     one, two = (library.queries() for library in libraries)
     assert [len(one), len(two)] == [3, 3]
     assert one[2] != two[2]
-    wait_until(lambda: not any(server.workers() for server in running), 5, "the workers' end")
 
 
 def test_the_joined_rows_are_the_answer(tools):
