@@ -71,6 +71,8 @@ std::optional<std::string_view> HttpRequest::header(std::string_view name,
 }
 
 bool HttpRequest::receive_more(Socket& socket) {
+  // Asked for nothing, the system would wait for more all the same.
+  if (received_ == kRequestLimit) return false;
   const std::size_t got = socket.receive(buffer_ + received_, kRequestLimit - received_);
   received_ += got;
   return got > 0;
