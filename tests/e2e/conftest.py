@@ -14,6 +14,7 @@ from typing import Iterator
 
 import pytest
 
+from http_client import HttpListeners
 from kova import Installation, ScriptedLibrary, Servers, Target
 from listeners import LOOPBACK, Listener
 from policy_files import PolicyFiles
@@ -60,6 +61,21 @@ def module_servers(target: Target, installation: Installation,
                    tmp_path_factory: pytest.TempPathFactory) -> Iterator[Servers]:
     """Servers that the tests of one module share."""
     made = Servers(target, installation, tmp_path_factory.mktemp("module"))
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def http(servers: Servers) -> Iterator[HttpListeners]:
+    made = HttpListeners(servers)
+    yield made
+    made.close()
+
+
+@pytest.fixture(scope="module")
+def module_http(module_servers: Servers) -> Iterator[HttpListeners]:
+    """Listeners that the tests of one module share."""
+    made = HttpListeners(module_servers)
     yield made
     made.close()
 
