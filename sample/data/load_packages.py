@@ -3,7 +3,8 @@
 
 Tables: PACKAGES, one row a package; SECTIONS, what each section adds up to; DEPENDS, one row for
 each package that another one names in Pre-Depends, Depends, Recommends or Suggests; NOTES, what
-people write about packages, empty at first.
+people write about packages, empty at first. AI_COLLECTIONS defines two collections, PACKAGE_TEXTS of
+the packages and NOTE_TEXTS of the notes; the engine builds them.
 
 The database is built beside its place and moved there when it is complete. It is left alone while
 the index has not changed since it was built. The notes of the earlier database are kept, also those
@@ -21,7 +22,7 @@ import zlib
 from collections.abc import Iterator
 
 # Changes with the tables, so that databases of an earlier form are built anew.
-FORM = 2
+FORM = 3
 
 SCHEMA = """
 CREATE TABLE PACKAGES (
@@ -57,6 +58,16 @@ CREATE TABLE NOTES (
   NOTE TEXT NOT NULL,
   CONSTRAINT "a NOTE has 1 to 500 characters" CHECK (length(NOTE) BETWEEN 1 AND 500)
 );
+CREATE TABLE AI_COLLECTIONS (
+  NAME TEXT PRIMARY KEY COLLATE NOCASE NOT NULL,
+  SOURCE_TABLE TEXT NOT NULL,
+  KEY_COLUMN TEXT NOT NULL,
+  TEXT_COLUMNS TEXT NOT NULL,
+  PROVIDER TEXT NOT NULL
+) WITHOUT ROWID;
+INSERT INTO AI_COLLECTIONS VALUES
+  ('PACKAGE_TEXTS', 'PACKAGES', 'NAME', 'SUMMARY 3, NAME 2, SECTION, TAGS 0.5', 'LOCAL'),
+  ('NOTE_TEXTS', 'NOTES', 'ID', 'NOTE', 'LOCAL');
 """
 
 INDEXES = """

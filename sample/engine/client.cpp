@@ -43,6 +43,16 @@ Client::Client(int socket, std::uint64_t number, const Settings& settings)
       login_by_(tick_ms() + settings.timeout_ms) {}
 
 void Client::serve() {
+  answer_all();
+  objects_.clear();
+  const std::int64_t ended = session_.end();
+  if (ended > 0) {
+    settings_.log.event(number_,
+                        "ended, and its temporary tables with it: " + std::to_string(ended));
+  }
+}
+
+void Client::answer_all() {
   if (!greet()) return;
   for (;;) {
     wire::Type type{};

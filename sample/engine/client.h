@@ -29,6 +29,7 @@ class Client {
   void serve();
 
  private:
+  void answer_all();
   [[nodiscard]] bool greet();
   [[nodiscard]] bool answer(wire::Type type);
   [[nodiscard]] bool answer_exec(wire::PayloadReader& request);

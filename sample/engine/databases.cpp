@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "base/ascii.h"
+#include "engine/jobs.h"
 
 namespace kova::sample {
 
@@ -56,20 +57,34 @@ bool Databases::find(std::string_view name, std::string& spelled) const {
   return found;
 }
 
+std::string Databases::path_of(const std::string& spelled) const {
+  return folder_ + "/" + spelled + std::string(kSuffix);
+}
+
 std::shared_ptr<Store> Databases::open(const std::string& spelled, ClientWatch& watch,
                                        std::string& error) {
   hold(spelled);
-  return Store::open(folder_ + "/" + spelled + std::string(kSuffix), watch, error);
+  return Store::open(path_of(spelled), watch, error);
+}
+
+std::shared_ptr<Collections> Databases::collections(const std::string& spelled) {
+  const std::lock_guard guard(mutex_);
+  return held_[spelled].collections;
 }
 
 // The last connection of a database takes its write-ahead log away and the next one makes it anew;
 // a connection that stays spares every session both.
 void Databases::hold(const std::string& spelled) {
   const std::lock_guard guard(mutex_);
-  std::shared_ptr<Store>& held = held_[spelled];
-  if (held != nullptr) return;
+  Held& held = held_[spelled];
+  if (held.collections == nullptr) held.collections = std::make_shared<Collections>();
+  if (held.store != nullptr) return;
   std::string error;
-  held = Store::open(folder_ + "/" + spelled + std::string(kSuffix), nobody_, error);
+  held.store = Store::open(path_of(spelled), nobody_, error);
+  if (held.store == nullptr) return;
+  // What cannot be set up now is tried again by the indexer.
+  static_cast<void>(set_up_collections(*held.store));
+  indexer_.add(path_of(spelled), held.collections);
 }
 
 }  // namespace kova::sample

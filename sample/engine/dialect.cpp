@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "base/ascii.h"
+#include "engine/ai_statements.h"
+#include "engine/statement_text.h"
 
 namespace kova::sample {
 
@@ -15,35 +17,6 @@ struct Statement {
   std::string_view text;
   std::string_view rest;  ///< what follows the first word
 };
-
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
-  while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
-  return text;
-}
-
-// Without the one ";" that may end a statement.
-std::string_view unterminated(std::string_view statement) {
-  statement = trimmed(statement);
-  if (statement.ends_with(';')) statement.remove_suffix(1);
-  return statement;
-}
-
-// Takes the word that `text` begins with, and the white space before it; empty when there is none.
-std::string_view take_word(std::string_view& text) {
-  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
-  const auto end = std::find_if_not(text.begin(), text.end(), is_word_byte);
-  const std::string_view word = text.substr(0, static_cast<std::size_t>(end - text.begin()));
-  text.remove_prefix(word.size());
-  return word;
-}
-
-// Takes one word that has to be all that is left.
-bool take_last_word(std::string_view& text, std::string_view& word) {
-  word = take_word(text);
-  text = trimmed(text);
-  return !word.empty() && text.empty();
-}
 
 Outcome query_store(Session& session, std::string_view sql, Rights rights,
                     std::string_view parameter = {}) {
@@ -62,7 +35,10 @@ Outcome change_store(Session& session, std::string_view sql, Rights rights, std:
   std::string error;
   Store* store = session.store(error);
   if (store == nullptr) return failed(error);
-  return store->change(sql, rights, changed) ? succeeded("OK") : failed(store->error());
+  const bool done = store->change(sql, rights, changed);
+  if (rights == Rights::kDropTemporary) session.count_temporary_tables();
+  if (rights == Rights::kChange) session.databases().run_jobs();
+  return done ? succeeded("OK") : failed(store->error());
 }
 
 Outcome run_use(Session& session, const Statement& statement) {
@@ -101,7 +77,8 @@ Outcome list_tables(Session& session) {
                      "  UNION ALL SELECT name, 'temporary table' FROM sqlite_temp_schema"
                      "  WHERE type = 'table')"
                      " WHERE type IN ('table', 'view', 'temporary table')"
-                     " AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\' ORDER BY name",
+                     " AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'"
+                     " AND name NOT LIKE 'AI\\_%' ESCAPE '\\' ORDER BY name",
                      Rights::kEngine);
 }
 
@@ -185,6 +162,14 @@ Outcome run_drop(Session& session, const Statement& statement) {
                       Rights::kDropTemporary, changed);
 }
 
+Outcome run_search_statement(Session& session, const Statement& statement) {
+  return run_search(session, statement.rest);
+}
+
+Outcome run_show_statement(Session& session, const Statement& statement) {
+  return run_show(session, statement.rest);
+}
+
 /// A statement of the dialect: its first word, whether it is answered before the login, what runs
 /// it.
 struct StatementKind {
@@ -206,7 +191,9 @@ constexpr StatementKind kStatements[] = {
     {"UPDATE", false, run_update},
     {"DELETE", false, run_delete},
     {"DROP", false, run_drop},
-    // The statements of the AI collections (SEARCH AI ..., SHOW AI ...) join here.
+    // The AI collections.
+    {"SEARCH", false, run_search_statement},
+    {"SHOW", false, run_show_statement},
 };
 
 const StatementKind* find_statement(std::string_view word) {

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include "engine/embed_mode.h"
 #include "engine/options.h"
 #include "engine/server.h"
 #include "engine/users.h"
@@ -32,9 +33,10 @@ int main(int count, char** arguments) {
     kova::write_stdout(help_text());
     return 0;
   }
+  sqlite3_hard_heap_limit64(kHeapLimit);
+  if (options.embed) return embed_collections(options.data) ? 0 : kCannotServe;
   Users users;
   if (!users.load(options.users, error)) return complain(kBadArguments, error);
-  sqlite3_hard_heap_limit64(kHeapLimit);
   Server server(options, users);
   if (!server.listen(error)) return complain(kCannotServe, error);
   kova::write_stdout("kova-sample-engine ready on 127.0.0.1:" + std::to_string(server.port()) +

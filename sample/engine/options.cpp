@@ -9,7 +9,7 @@ namespace kova::sample {
 
 namespace {
 
-enum Option { kPort = 256, kData, kUsers, kConnections, kTimeout, kLog, kHelp };
+enum Option { kPort = 256, kData, kUsers, kConnections, kTimeout, kLog, kEmbed, kHelp };
 
 constexpr option kOptions[] = {
     {"port", required_argument, nullptr, kPort},
@@ -18,6 +18,7 @@ constexpr option kOptions[] = {
     {"connections", required_argument, nullptr, kConnections},
     {"timeout", required_argument, nullptr, kTimeout},
     {"log", no_argument, nullptr, kLog},
+    {"embed", no_argument, nullptr, kEmbed},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
@@ -55,6 +56,9 @@ bool apply(int which, const char* value, Options& options, std::string& error) {
     case kLog:
       options.log = true;
       return true;
+    case kEmbed:
+      options.embed = true;
+      return true;
     case kHelp:
       options.help = true;
       return true;
@@ -85,7 +89,7 @@ bool parse_options(int count, char** arguments, Options& options, std::string& e
     error += arguments[optind];
     return false;
   }
-  if (!options.data.empty() && !options.users.empty()) return true;
+  if (!options.data.empty() && (options.embed || !options.users.empty())) return true;
   error = "--data and --users are needed";
   return false;
 }
@@ -103,14 +107,15 @@ const char* help_text() {
          "  --timeout SECONDS  time to log in, and for one message to arrive or to be taken\n"
          "                     (default 30)\n"
          "  --log              a line on standard error for every statement and its outcome\n"
+         "  --embed            builds the AI collections, shows how far it is, and ends\n"
          "  --help             this text\n"
          "\n"
          "When it is ready it prints \"kova-sample-engine ready on 127.0.0.1:PORT\". SIGTERM and\n"
-         "SIGINT stop it. Exit codes: 0 stopped, 1 cannot serve, 2 bad arguments.\n"
+         "SIGINT stop it. Exit codes: 0 stopped, 1 cannot serve or embed, 2 bad arguments.\n"
          "\n"
-         "Statements: use NAME; login USER,PASSWORD; list database; list table; describe TABLE;\n"
-         "SELECT ...; INSERT ...; UPDATE ...; DELETE ...; DROP TABLE of a temporary table of the\n"
-         "session. Nothing but use and login is answered before the login.\n";
+         "Statements: use NAME; login USER,PASSWORD; list ...; describe TABLE; SELECT ...;\n"
+         "INSERT ...; UPDATE ...; DELETE ...; search ai ...; show ai ...; DROP TABLE of a\n"
+         "temporary table. Nothing but use and login is answered before the login.\n";
 }
 
 }  // namespace kova::sample

@@ -14,6 +14,7 @@ struct Options {
   std::size_t connections = 64;
   std::uint32_t timeout_seconds = 30;
   bool log = false;
+  bool embed = false;
   bool help = false;
 };
 

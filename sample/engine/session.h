@@ -32,15 +32,25 @@ class Session {
  public:
   Session(const Users& users, Databases& databases, ClientWatch& watch)
       : users_(users), databases_(databases), watch_(watch) {}
+  ~Session() { end(); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
   [[nodiscard]] Outcome use(std::string_view database);
   [[nodiscard]] Outcome login(std::string_view user, std::string_view password);
   [[nodiscard]] bool logged_in() const { return logged_in_; }
 
-  [[nodiscard]] const Databases& databases() const { return databases_; }
+  [[nodiscard]] Databases& databases() const { return databases_; }
   /// The connection to the chosen database, opened at the first call; while none is chosen, to an
   /// empty one. Null leaves the words in `error`.
   [[nodiscard]] Store* store(std::string& error);
+  /// The collections of the database that `store` has answered.
+  [[nodiscard]] Collections& collections() { return *collections_; }
+  /// To be called when the connection's temporary tables may be others than before.
+  void count_temporary_tables();
+  /// Leaves the database, and with it the temporary tables; answers how many they were. Queries of
+  /// the session are closed before.
+  std::int64_t end();
 
  private:
   const Users& users_;
@@ -49,6 +59,8 @@ class Session {
   bool logged_in_ = false;
   std::string database_;
   std::shared_ptr<Store> store_;
+  std::shared_ptr<Collections> collections_;
+  std::int64_t temporary_tables_ = 0;
 };
 
 }  // namespace kova::sample

@@ -1,8 +1,10 @@
 #include "engine/store.h"
 
+#include <optional>
 #include <utility>
 
 #include "base/ascii.h"
+#include "engine/sql_functions.h"
 #include "wire/wire.h"
 
 namespace kova::sample {
@@ -21,6 +23,10 @@ bool is_schema_table(const char* table) {
   return table != nullptr && equal_ignoring_case(std::string_view(table).substr(0, 7), "sqlite_");
 }
 
+bool is_engine_table(const char* table) {
+  return table != nullptr && equal_ignoring_case(std::string_view(table).substr(0, 3), "AI_");
+}
+
 bool may_read(int action, const char* function) {
   switch (action) {
     case SQLITE_SELECT:
@@ -34,10 +40,11 @@ bool may_read(int action, const char* function) {
   }
 }
 
-bool may_change(int action, const char* table) {
+// The engine's own tables change by its triggers alone.
+bool may_change(int action, const char* table, const char* trigger) {
   const bool changes =
       action == SQLITE_INSERT || action == SQLITE_UPDATE || action == SQLITE_DELETE;
-  return changes && !is_schema_table(table);
+  return changes && !is_schema_table(table) && (trigger != nullptr || !is_engine_table(table));
 }
 
 bool may_drop(int action, const char* table, const char* database) {
@@ -100,6 +107,35 @@ std::string_view Query::cell(int column) const {
           static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
 }
 
+std::int64_t Query::integer(int column) const {
+  return sqlite3_column_int64(statement_, column);
+}
+
+std::string_view Query::blob(int column) const {
+  const void* bytes = sqlite3_column_blob(statement_, column);
+  if (bytes == nullptr) return {};
+  return {static_cast<const char*>(bytes),
+          static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
+}
+
+bool Query::bind(int parameter, std::int64_t number) {
+  return sqlite3_bind_int64(statement_, parameter, number) == SQLITE_OK;
+}
+
+bool Query::bind_blob(int parameter, std::string_view bytes) {
+  return sqlite3_bind_blob64(statement_, parameter, bytes.data(), bytes.size(), SQLITE_TRANSIENT) ==
+         SQLITE_OK;
+}
+
+bool Query::bind_cell(int parameter, const Query& from, int column) {
+  return sqlite3_bind_value(statement_, parameter, sqlite3_column_value(from.statement_, column)) ==
+         SQLITE_OK;
+}
+
+void Query::rewind() {
+  sqlite3_reset(statement_);
+}
+
 bool Query::bind(int parameter, std::string_view text) {
   return sqlite3_bind_text64(statement_, parameter, text.data(), text.size(), SQLITE_TRANSIENT,
                              SQLITE_UTF8) == SQLITE_OK;
@@ -131,6 +167,7 @@ bool Store::configure() {
   sqlite3_db_config(database_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(database_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   sqlite3_db_config(database_, SQLITE_DBCONFIG_ENABLE_FKEY, 1, nullptr);
+  if (!add_sql_functions(database_)) return false;
   sqlite3_busy_handler(database_, &Store::on_busy, this);
   sqlite3_progress_handler(database_, kStepsBetweenLooks, &Store::on_progress, this);
   if (sqlite3_set_authorizer(database_, &Store::authorize, this) != SQLITE_OK) return false;
@@ -186,40 +223,53 @@ void Store::set_query_only(bool on) {
                nullptr);
 }
 
-bool Store::change(std::string_view sql, Rights rights, std::int64_t& rows) {
-  Query query;
-  if (!prepare(sql, rights, query)) return false;
-  if (query.columns() != 0) return fail("RETURNING is not supported");
-  const Writable writable(*this);
-  if (!run("BEGIN IMMEDIATE")) return false;
-  if (commit_change(query)) {
-    rows = sqlite3_changes64(database_);
-    return true;
-  }
-  query.close();
+bool Store::transact(Transaction kind, const std::function<bool()>& work) {
+  if (sqlite3_get_autocommit(database_) == 0) return work();
+  std::optional<Writable> writable;
+  if (kind != Transaction::kRead) writable.emplace(*this);
+  if (!run(kind == Transaction::kChange ? "BEGIN IMMEDIATE" : "BEGIN")) return false;
+  if (work() && still_wanted() && run("COMMIT")) return true;
   rights_ = Rights::kEngine;
   sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
   return false;
 }
 
-bool Store::commit_change(Query& query) {
-  if (query.step() != Query::Step::kEnd) return false;
-  if (watch_.gone()) return fail("interrupted");
-  query.close();
-  return run("COMMIT");
+bool Store::still_wanted() {
+  if (!watch_.gone()) return true;
+  fail("interrupted");
+  failure_ = SQLITE_INTERRUPT;
+  return false;
+}
+
+bool Store::change(std::string_view sql, Rights rights, std::int64_t& rows) {
+  Query query;
+  if (!prepare(sql, rights, query)) return false;
+  if (query.columns() != 0) return fail("RETURNING is not supported");
+  const auto kind =
+      rights == Rights::kDropTemporary ? Transaction::kTemporary : Transaction::kChange;
+  const bool done = transact(kind, [&] {
+    const bool changed = query.step() == Query::Step::kEnd;
+    query.close();
+    return changed;
+  });
+  rows = sqlite3_changes64(database_);
+  return done;
 }
 
 bool Store::fail(std::string_view words) {
   error_ = words.substr(0, kErrorLimit);
+  failure_ = SQLITE_ERROR;
   return false;
 }
 
 bool Store::fail_with_database_words() {
-  return fail(sqlite3_errmsg(database_));
+  fail(sqlite3_errmsg(database_));
+  failure_ = sqlite3_errcode(database_) & 0xFF;
+  return false;
 }
 
 int Store::authorize(void* store, int action, const char* first, const char* second,
-                     const char* database, const char* /*trigger*/) {
+                     const char* database, const char* trigger) {
   bool allowed = false;
   switch (static_cast<Store*>(store)->rights_) {
     case Rights::kEngine:
@@ -229,7 +279,7 @@ int Store::authorize(void* store, int action, const char* first, const char* sec
       allowed = may_read(action, second);
       break;
     case Rights::kChange:
-      allowed = may_read(action, second) || may_change(action, first);
+      allowed = may_read(action, second) || may_change(action, first, trigger);
       break;
     case Rights::kDropTemporary:
       allowed = may_read(action, second) || may_drop(action, first, database);

@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,6 +19,12 @@ enum class Rights : std::uint8_t {
   kChange,         ///< rows of ordinary tables
   kDropTemporary,  ///< a temporary table's removal
   kEngine,         ///< the engine's own statements
+};
+
+enum class Transaction : std::uint8_t {
+  kRead,       ///< sees one state of the database
+  kChange,     ///< waits until no other connection changes the database
+  kTemporary,  ///< changes temporary tables only, beside whatever others do
 };
 
 class Store;
@@ -41,8 +48,16 @@ class Query {
   [[nodiscard]] std::string_view column_name(int column) const;
   /// The current row's cell as SQLite writes it as text; null data for a null.
   [[nodiscard]] std::string_view cell(int column) const;
+  [[nodiscard]] std::int64_t integer(int column) const;
+  [[nodiscard]] std::string_view blob(int column) const;
   [[nodiscard]] const Store& store() const { return *store_; }
   [[nodiscard]] bool bind(int parameter, std::string_view text);
+  [[nodiscard]] bool bind(int parameter, std::int64_t number);
+  [[nodiscard]] bool bind_blob(int parameter, std::string_view bytes);
+  /// Binds what another query's current row holds, of whatever type.
+  [[nodiscard]] bool bind_cell(int parameter, const Query& from, int column);
+  /// Makes it ready to run again; what is bound stays.
+  void rewind();
   void close();
 
  private:
@@ -69,9 +84,18 @@ class Store : public std::enable_shared_from_this<Store> {
   /// Runs a changing statement in a transaction of its own and answers the number of rows that it
   /// changed.
   [[nodiscard]] bool change(std::string_view sql, Rights rights, std::int64_t& rows);
-  /// Runs a statement of the engine's own, also a changing one.
+  /// Runs statements of the engine's own, but no change outside of `transact`.
   [[nodiscard]] bool run(const char* sql);
+  /// Runs work of the engine's own as one transaction: what it has changed is there as a whole when
+  /// it answers true, else not at all. Queries that change are finished or closed at its end. Work
+  /// within work is part of it.
+  [[nodiscard]] bool transact(Transaction kind, const std::function<bool()>& work);
+  /// Keeps words for `error()` and answers false.
+  bool fail(std::string_view words);
 
+  /// Whether the last failure would come again: not one of an interruption, of a busy database, or
+  /// of missing space.
+  [[nodiscard]] bool failure_lasts() const { return failure_ == SQLITE_ERROR; }
   /// The words of the last failure.
   [[nodiscard]] const std::string& error() const { return error_; }
 
@@ -82,8 +106,7 @@ class Store : public std::enable_shared_from_this<Store> {
   explicit Store(ClientWatch& watch) : watch_(watch) {}
 
   [[nodiscard]] bool configure();
-  [[nodiscard]] bool commit_change(Query& query);
-  bool fail(std::string_view words);
+  [[nodiscard]] bool still_wanted();
   bool fail_with_database_words();
   void set_query_only(bool on);
 
@@ -96,6 +119,7 @@ class Store : public std::enable_shared_from_this<Store> {
   sqlite3* database_ = nullptr;
   Rights rights_ = Rights::kEngine;
   std::string error_;
+  int failure_ = SQLITE_OK;
 };
 
 }  // namespace kova::sample

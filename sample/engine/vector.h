@@ -1,0 +1,26 @@
+// An embedding's vector: its form in memory, in a database and in a statement's text.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace kova::sample {
+
+inline constexpr std::size_t kDimension = 256;
+
+using Vector = std::array<float, kDimension>;
+
+/// Makes the vector's length 1; false when it is zero.
+bool normalise(Vector& vector);
+
+/// The bytes that a database holds: the elements as 32-bit floats in the machine's order.
+[[nodiscard]] std::string_view vector_bytes(const Vector& vector);
+/// False when the bytes are not those of a vector.
+[[nodiscard]] bool read_vector(std::string_view bytes, Vector& vector);
+
+/// What a client sees: "[0.25,-0.5,...]", each element with the fewest digits that name it.
+[[nodiscard]] std::string vector_text(const Vector& vector);
+
+}  // namespace kova::sample
