@@ -79,7 +79,8 @@ void SessionTable::close_all() {
 
 void SessionTable::release(Slot& slot) {
   const MutexGuard guard(mutex_);
-  if (--slot.holds == 0) changed_.notify_all();
+  --slot.holds;
+  if (slot.state == State::kEnding) changed_.notify_all();
 }
 
 void SessionTable::end_unused(std::uint64_t now_ms) {

@@ -54,6 +54,58 @@ int handles() {
   return 0;
 }
 
+std::string unescaped(std::string_view text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool escaped = text[i] == '%' && i + 1 < text.size();
+    out += !escaped ? text[i] : text[i + 1] == 'n' ? '\n' : '\r';
+    if (escaped) ++i;
+  }
+  return out;
+}
+
+class LineAnswerer {
+ public:
+  /// False when the process is to end.
+  bool take(const std::string& line) {
+    if (line == "exit") return false;
+    if (line == "go") {
+      if (holding_) write_stdout("held\n");
+      holding_ = false;
+    } else if (line == "hold") {
+      holding_ = true;
+    } else if (line == "count") {
+      write_stdout(std::to_string(++count_) + "\n");
+    } else if (line.starts_with("raw ")) {
+      write_stdout(unescaped(line.substr(4)));
+    } else if (line.starts_with("long ")) {
+      write_stdout(std::string(std::stoul(line.substr(5)), 'x') + "\n");
+    } else if (line != "silent") {
+      write_stdout(line + "\n");
+    }
+    return true;
+  }
+
+ private:
+  bool holding_ = false;
+  int count_ = 0;
+};
+
+int answer_lines() {
+  LineAnswerer answerer;
+  std::string text;
+  char block[65536];
+  while (const std::size_t got = read_stdin(block, sizeof block)) {
+    text.append(block, got);
+    std::size_t begin = 0;
+    for (std::size_t end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
+      if (!answerer.take(text.substr(begin, end - begin))) return 0;
+    }
+    text.erase(0, begin);
+  }
+  return 0;
+}
+
 int echo_without_line_feed() {
   std::string line = read_everything();
   while (line.ends_with('\n')) line.pop_back();
@@ -90,6 +142,7 @@ constexpr Row kRows[] = {
     {kChildLong, write_long},
     {kChildCrash, crash},
     {kChildHandles, handles},
+    {kChildLines, answer_lines},
     {kWorkerNoLineFeed, echo_without_line_feed},
     {kWorkerSilent, silent},
     {kWorkerReplyThenFail, reply_then_fail},

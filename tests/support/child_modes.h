@@ -17,6 +17,12 @@ inline constexpr char kChildLong[] = "--child-long";
 inline constexpr char kChildCrash[] = "--child-crash";
 /// Writes a line for each handle that it has beside its standard streams, or "none".
 inline constexpr char kChildHandles[] = "--child-handles";
+/// Answers each line of standard input by the same line, until the input ends; but these:
+/// "silent" gets no answer, "exit" ends it, "hold" gets the answer "held" once a line "go" has
+/// come, which never gets one itself, "count" gets the number of such lines, "raw TEXT" gets TEXT
+/// with
+/// "%n" as a line feed and "%r" as a carriage return, and "long N" gets N times "x".
+inline constexpr char kChildLines[] = "--child-lines";
 
 /// The variable that says how a child started with "--tool-worker" behaves: one of the modes
 /// above, or one of those below.

@@ -157,6 +157,8 @@ bool ChildProcess::wait_within(std::uint32_t milliseconds) {
 void ChildProcess::abandon() {
   close_descriptor(input_);
   close_descriptor(output_);
+  // One that has ended would otherwise stay listed for as long as this process lives.
+  if (process_ >= 0) ::waitpid(static_cast<pid_t>(process_), nullptr, WNOHANG);
   process_ = -1;
   terminated_ = false;
 }
@@ -167,6 +169,7 @@ std::uint32_t ChildProcess::collect() {
   do {
     collected = ::waitpid(static_cast<pid_t>(process_), &status, 0);
   } while (collected < 0 && errno == EINTR);
+  process_ = -1;
   const bool terminated = terminated_;
   abandon();
   if (collected < 0) return 1;

@@ -128,5 +128,37 @@ TEST(EqualIgnoringCaseConstantTime, TextsOfOneLengthOnly) {
   EXPECT_FALSE(equal_ignoring_case_constant_time(std::string_view("\0", 1), ""));
 }
 
+TEST(EqualConstantTime, EveryPairOfBytes) {
+  for (int left = 0; left < 256; ++left) {
+    for (int right = 0; right < 256; ++right) {
+      const char a = static_cast<char>(left);
+      const char b = static_cast<char>(right);
+      ASSERT_EQ(equal_constant_time({&a, 1}, {&b, 1}), left == right) << left << " " << right;
+    }
+  }
+}
+
+TEST(EqualConstantTime, TextsOfOneLengthOnly) {
+  const std::string longest(300, 'a');
+  for (std::size_t left = 0; left <= longest.size(); ++left) {
+    for (const std::size_t right : {std::size_t{0}, std::size_t{1}, std::size_t{32}, left}) {
+      const GuardedText a(longest.substr(0, left));
+      const GuardedText b(longest.substr(0, right));
+      ASSERT_EQ(equal_constant_time(a.view(), b.view()), left == right);
+    }
+  }
+  EXPECT_FALSE(equal_constant_time("a", std::string_view("a\0", 2)));
+  EXPECT_FALSE(equal_constant_time("a", std::string("a") + std::string(256, '\0')));
+}
+
+TEST(EqualConstantTime, SeesADifferenceAtEveryPlace) {
+  const std::string text(64, 'a');
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    std::string other = text;
+    other[i] = 'A';
+    EXPECT_FALSE(equal_constant_time(text, other)) << i;
+  }
+}
+
 }  // namespace
 }  // namespace kova

@@ -63,9 +63,45 @@ TEST_F(ChildProcessTest, InputThatNobodyReadsIsDropped) {
   ChildProcess child;
   ASSERT_TRUE(child.start(testing::kChildExit7));
   child.wait();
-  child.write_input(std::string(300000, 'x'));
+  EXPECT_FALSE(child.write_input(std::string(300000, 'x')));
   child.close_input();
   EXPECT_EQ(child.collect(), 7U);
+}
+
+TEST_F(ChildProcessTest, AWriteThatWaitsComesBackWhenTheChildIsTerminated) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildHang));
+  std::thread writer([&child] { EXPECT_FALSE(child.write_input(std::string(10000000, 'x'))); });
+  child.terminate(0);
+  writer.join();
+  EXPECT_EQ(finish(child), 0U);
+}
+
+TEST_F(ChildProcessTest, WaitingWithinATime) {
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildHang));
+  EXPECT_FALSE(child.wait_within(0));
+  EXPECT_FALSE(child.wait_within(20));
+  child.terminate(kCancelledExitCode);
+  EXPECT_TRUE(child.wait_within(60000));
+  EXPECT_TRUE(child.wait_within(0));
+  EXPECT_EQ(child.collect(), 1223U);
+}
+
+TEST_F(ChildProcessTest, ACollectedOrAbandonedOneCanBeStartedAnew) {
+  ChildProcess child;
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(child.start(testing::kChildEcho));
+    EXPECT_TRUE(child.write_input("x\n"));
+    child.close_input();
+    EXPECT_EQ(read_all(child), "x\n");
+    child.wait();
+    if (round == 1) {
+      child.abandon();
+    } else {
+      EXPECT_EQ(child.collect(), 0U);
+    }
+  }
 }
 
 TEST_F(ChildProcessTest, ACrashIsNoSuccess) {

@@ -113,5 +113,53 @@ TEST(SpinLock, OneHolderAtATime) {
   EXPECT_EQ(counter.plain, 80000);
 }
 
+TEST(Thread, ADetachedOneRuns) {
+  Gate gate;
+  ASSERT_TRUE(start_detached(pass_gate, &gate));
+  while (!gate.entered) yield_thread();
+  gate.open = true;
+  while (!gate.left) yield_thread();
+}
+
+struct WaitedCounter {
+  Mutex mutex;
+  Condition changed;
+  int count = 0;
+};
+
+constexpr int kAdditions = 2000;
+
+void* add_many(void* argument) {
+  auto& counter = *static_cast<WaitedCounter*>(argument);
+  for (int i = 0; i < kAdditions; ++i) {
+    const MutexGuard guard(counter.mutex);
+    ++counter.count;
+    counter.changed.notify_all();
+  }
+  return nullptr;
+}
+
+TEST(Mutex, OneThreadAtATime) {
+  WaitedCounter counter;
+  std::array<Thread, 4> threads;
+  for (Thread& thread : threads) ASSERT_TRUE(thread.start(add_many, &counter));
+  for (Thread& thread : threads) thread.join();
+  EXPECT_EQ(counter.count, 4 * kAdditions);
+}
+
+TEST(Condition, WakesEveryWaiter) {
+  WaitedCounter counter;
+  std::array<Thread, 3> threads;
+  const auto wait = [](void* argument) -> void* {
+    auto& waited_for = *static_cast<WaitedCounter*>(argument);
+    const MutexGuard guard(waited_for.mutex);
+    while (waited_for.count < kAdditions) waited_for.changed.wait(waited_for.mutex);
+    return nullptr;
+  };
+  for (Thread& thread : threads) ASSERT_TRUE(thread.start(wait, &counter));
+  add_many(&counter);
+  for (Thread& thread : threads) thread.join();
+}
+
 }  // namespace
 }  // namespace kova

@@ -2,11 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <fstream>
+#include <string>
 
+#include "platform/console.h"
 #include "support/child_modes.h"
+#include "support/environment.h"
 
 namespace kova {
 namespace {
@@ -24,6 +29,40 @@ TEST(ChildProcessPosix, NoZombieStays) {
   ASSERT_TRUE(child.start(testing::kChildExit7));
   child.wait();
   EXPECT_EQ(child.collect(), 7U);
+  errno = 0;
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+std::string only_child() {
+  std::ifstream file("/proc/self/task/" + std::to_string(gettid()) + "/children");
+  std::string process;
+  file >> process;
+  return process;
+}
+
+// A server that ignores the signal would otherwise hand that down to what its children start.
+TEST(ChildProcessPosix, TheSignalOfABrokenPipeIsTheDefaultOne) {
+  prepare_standard_streams();
+  ChildProcess child;
+  ASSERT_TRUE(child.start(testing::kChildEcho));
+  std::ifstream status("/proc/" + only_child() + "/status");
+  std::string word;
+  while (word != "SigIgn:" && status >> word) {
+  }
+  unsigned long ignored = ~0UL;
+  status >> std::hex >> ignored;
+  EXPECT_EQ(ignored & (1UL << (SIGPIPE - 1)), 0U);
+  child.close_input();
+  child.wait();
+  EXPECT_EQ(child.collect(), 0U);
+}
+
+// Linux executes nothing with a variable of 128 KiB or more.
+TEST(ChildProcessPosix, AnExecThatFailsIsNoStart) {
+  const testing::ScopedEnvironment large("KOVA_TEST_LARGE", std::string(131072, 'x'));
+  ChildProcess child;
+  EXPECT_FALSE(child.start(testing::kChildEcho));
   errno = 0;
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
