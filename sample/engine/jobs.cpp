@@ -64,9 +64,10 @@ std::string set_up_script(const Collection& collection) {
       "INSERT INTO AI_JOBS (COLLECTION, KIND) SELECT @NAME, 'BUILD' WHERE NOT EXISTS"
       " (SELECT 1 FROM AI_JOBS WHERE COLLECTION = @NAME AND KIND = 'BUILD');";
   std::string script = kScript;
-  for (const std::string kind : {"INSERTED", "UPDATED", "DELETED"}) {
-    script = replaced(script, "@" + kind, quoted_name("AI_" + collection.name + "_" + kind));
-  }
+  const std::string own = "AI_" + collection.name;
+  script = replaced(script, "@INSERTED", quoted_name(own + "_INSERTED"));
+  script = replaced(script, "@UPDATED", quoted_name(own + "_UPDATED"));
+  script = replaced(script, "@DELETED", quoted_name(own + "_DELETED"));
   script = replaced(script, "@VECTORS", quoted_name(collection.name + "_VECTORS"));
   script = replaced(script, "@TABLE", quoted_name(collection.source_table));
   script = replaced(script, "@KEY", quoted_name(collection.key_column));

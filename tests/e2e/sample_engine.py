@@ -7,6 +7,7 @@ library of the target. A test module imports the fixtures that it uses.
 from __future__ import annotations
 
 import os
+import shutil
 import signal
 import socket
 import sqlite3
@@ -20,7 +21,7 @@ from typing import Callable, Iterator
 
 import pytest
 
-from kova import TIMEOUT, Target
+from kova import TIMEOUT, Installation, Target
 
 ROOT = Path(__file__).resolve().parents[2]
 LOOPBACK = "127.0.0.1"
@@ -42,6 +43,35 @@ CREATE VIEW CHEAP AS SELECT NAME FROM ITEMS WHERE PRICE < 2;
 CREATE INDEX ITEMS_BY_NAME ON ITEMS (NAME);
 INSERT INTO ITEMS VALUES (1, 'one', 1.5, NULL), (2, 'zw\u00f6', 2, x'4142'), (3, '', 1e20, '');
 """
+
+
+ARTICLES = """
+CREATE TABLE ARTICLES (ID INTEGER PRIMARY KEY, TITLE TEXT, BODY TEXT, PRICE INTEGER);
+CREATE TABLE DRAFTS (NAME TEXT, BODY TEXT);
+CREATE VIEW SLOW AS WITH RECURSIVE C(N) AS (SELECT 1 UNION ALL SELECT N+1 FROM C)
+  SELECT N AS ID, 'slow' AS TITLE FROM C;
+INSERT INTO ARTICLES VALUES (1, 'red car', 'a fast car on the road', 10),
+  (2, 'blue boat', 'a boat that sails on the sea', 20), (3, 'green bicycle', 'two wheels', 30),
+  (4, 'grey train', 'a train on rails', 40), (5, 'O''Brien''s plane', 'a plane in the air', 50);
+CREATE TABLE AI_COLLECTIONS (NAME TEXT PRIMARY KEY COLLATE NOCASE, SOURCE_TABLE TEXT,
+  KEY_COLUMN TEXT, TEXT_COLUMNS TEXT, PROVIDER TEXT);
+INSERT INTO AI_COLLECTIONS VALUES ('DOCS', 'ARTICLES', 'ID', 'TITLE 2, BODY', 'LOCAL'),
+  ('BARE', 'DRAFTS', 'NAME', 'BODY', 'LOCAL'), ('LOST', 'NOWHERE', 'ID', 'BODY', 'LOCAL'),
+  ('ALIEN', 'ARTICLES', 'ID', 'BODY', 'ELSEWHERE');
+"""
+
+
+class SampleInstallation(Installation):
+    """The executable beside the sample client library."""
+
+    def _add_library(self, path: Path, library: str | None) -> None:
+        shutil.copy2(self.target.build / "sample" / self.target.library_name, path)
+
+
+def embed(executable: Path, data: Path) -> subprocess.CompletedProcess[str]:
+    """Builds the collections of the databases in a folder."""
+    return subprocess.run([str(executable), "--data", str(data), "--embed"], capture_output=True,
+                          text=True, timeout=TIMEOUT * 3, stdin=subprocess.DEVNULL, check=False)
 
 
 def make_database(path: Path, script: str) -> None:

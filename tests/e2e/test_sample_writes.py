@@ -3,24 +3,16 @@
 from __future__ import annotations
 
 import json
-import shutil
 from pathlib import Path
 
 import pytest
 
 from approval_tokens import SECRET, token_for
-from kova import Installation, Server, Servers, call, tool_error_reply, tool_success_reply
-from sample_engine import (LOOPBACK, PASSWORD, USER, Engine, read_database, executable,
-                           start_engine, engine)
+from kova import Server, Servers, call, tool_error_reply, tool_success_reply
+from sample_engine import (LOOPBACK, PASSWORD, USER, Engine, SampleInstallation, read_database,
+                           executable, start_engine, engine)
 from tool_calls import result_json
 from write_calls import FIELDS, SPENT, TOOL, write_arguments
-
-
-class SampleInstallation(Installation):
-    """The executable beside the sample client library."""
-
-    def _add_library(self, path: Path, library: str | None) -> None:
-        shutil.copy2(self.target.build / "sample" / self.target.library_name, path)
 
 
 class Shop:
