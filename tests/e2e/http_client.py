@@ -13,7 +13,7 @@ import re
 import signal
 import socket
 import time
-from dataclasses import dataclass, field, replace
+from dataclasses import dataclass, replace
 from typing import Iterable, Iterator, Mapping
 
 from kova import Environment, Server, Servers, call, request, wait_until
@@ -27,7 +27,6 @@ INITIALIZE = b'"method":"initialize"'
 """What makes a body an initialize request."""
 INITIALIZE_SPACED = b'"method" : "initialize"'
 
-SESSION_ID = re.compile(rb"[0-9a-f]{64}")
 UNKNOWN_ID = "0" * 64
 
 HANGING_STATEMENT = "list table;"
@@ -151,7 +150,6 @@ class HttpListener:
     port: int
     port_text: str
     token: str = TOKEN
-    sessions: list[str] = field(default_factory=list)
 
     def connect(self) -> Client:
         return Client(self.port)
@@ -187,13 +185,15 @@ class HttpListener:
 
     def open_session(self, body: bytes = request("initialize", "init", {})) -> str:
         """Starts a session and answers its id."""
-        got = self.post_message(body)
-        head, _, reply = got.partition(b"\r\n\r\n")
-        found = re.search(rb"\r\nMcp-Session-Id: (.*)$", head)
-        assert found and SESSION_ID.fullmatch(found[1]), got
-        session = found[1].decode()
-        assert got == answered(session, reply)
-        return session
+        return self.session_of(self.post_message(body))
+
+    @staticmethod
+    def session_of(got: bytes) -> str:
+        """The id in the response to an initialize request."""
+        head = got.partition(b"\r\n\r\n")[0]
+        found = re.search(rb"\r\nMcp-Session-Id: ([0-9a-f]{64})$", head)
+        assert found and head.startswith((b"HTTP/1.1 200 OK\r\n", b"HTTP/1.1 202 ")), got
+        return found[1].decode()
 
     def children(self) -> list[int]:
         """The processes that the listener and its sessions have started."""
@@ -211,7 +211,7 @@ class HttpListener:
             time.sleep(0.3)  # Wine's own server learns of it behind the system
 
     def wait_for_no_child(self) -> None:
-        wait_until(lambda: self.children() == [], TIMEOUT, "the end of all sessions")
+        wait_until(lambda: self.children() == [], TIMEOUT, "the end of every session and worker")
 
     def hanging_call(self, session: str, request_id: "str | int" = "hang") -> Client:
         """A client whose call hangs in the engine, when the script says so."""

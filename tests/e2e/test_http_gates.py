@@ -25,12 +25,12 @@ BODY_LIMIT = 262144
 
 
 @pytest.fixture(scope="module")
-def listener(module_http: HttpListeners) -> HttpListener:
+def endpoint(module_http: HttpListeners) -> HttpListener:
     return module_http()
 
 
 @pytest.fixture(scope="module")
-def listener_without_token(module_http: HttpListeners) -> HttpListener:
+def endpoint_without_token(module_http: HttpListeners) -> HttpListener:
     return module_http({"KOVA_MCP_HTTP_BEARER_TOKEN": None})
 
 
@@ -57,46 +57,46 @@ FAULTS = {
 """What can be wrong with a request, in the order in which it is looked at."""
 
 
-def test_a_request_without_a_fault(listener):
-    assert listener.post() == PASSED
+def test_a_request_without_a_fault(endpoint):
+    assert endpoint.post() == PASSED
 
 
 @pytest.mark.parametrize("fault", FAULTS)
-def test_one_fault(listener, fault):
+def test_one_fault(endpoint, fault):
     spoil, refused = FAULTS[fault]
-    assert listener.exchange(spoil(listener.compose()).data()) == refused
+    assert endpoint.exchange(spoil(endpoint.compose()).data()) == refused
 
 
 @pytest.mark.parametrize("first, second", itertools.combinations(FAULTS, 2))
-def test_of_two_faults_the_first_one_is_answered(listener, first, second):
-    request = FAULTS[second][0](FAULTS[first][0](listener.compose()))
-    assert listener.exchange(request.data()) == FAULTS[first][1]
+def test_of_two_faults_the_first_one_is_answered(endpoint, first, second):
+    request = FAULTS[second][0](FAULTS[first][0](endpoint.compose()))
+    assert endpoint.exchange(request.data()) == FAULTS[first][1]
 
 
 @pytest.mark.parametrize("count", range(1, len(FAULTS) + 1))
-def test_of_all_faults_the_first_one_is_answered(listener, count):
-    request = listener.compose()
+def test_of_all_faults_the_first_one_is_answered(endpoint, count):
+    request = endpoint.compose()
     for spoil, _ in list(FAULTS.values())[-count:]:
         request = spoil(request)
-    assert listener.exchange(request.data()) == list(FAULTS.values())[-count][1]
+    assert endpoint.exchange(request.data()) == list(FAULTS.values())[-count][1]
 
 
 @pytest.mark.parametrize("fault", [None, *FAULTS])
-def test_a_missing_token_comes_behind_the_path(listener_without_token, fault):
-    request = listener_without_token.compose()
+def test_a_missing_token_comes_behind_the_path(endpoint_without_token, fault):
+    request = endpoint_without_token.compose()
     refused = NO_TOKEN
     if fault is not None:
         request = FAULTS[fault][0](request)
         refused = FAULTS[fault][1] if fault in ("413", "404") else NO_TOKEN
-    assert listener_without_token.exchange(request.data()) == refused
+    assert endpoint_without_token.exchange(request.data()) == refused
 
 
-def test_the_session_comes_last(listener):
+def test_the_session_comes_last(endpoint):
     """The headers are looked at before what the body says."""
     spoil, refused = FAULTS["426"]
-    request = spoil(listener.compose(INITIALIZE, UNKNOWN_ID))
-    assert listener.exchange(request.data()) == refused
-    assert listener.post(INITIALIZE, UNKNOWN_ID) == SESSION_REUSED
+    request = spoil(endpoint.compose(INITIALIZE, UNKNOWN_ID))
+    assert endpoint.exchange(request.data()) == refused
+    assert endpoint.post(INITIALIZE, UNKNOWN_ID) == SESSION_REUSED
 
 
 # size
@@ -105,8 +105,8 @@ def test_the_session_comes_last(listener):
 SEEN, UNSEEN = SESSION_REUSED, SESSION_UNKNOWN
 
 
-def with_length(listener: HttpListener, text: "str | None", body: bytes = INITIALIZE) -> bytes:
-    return listener.post(body, UNKNOWN_ID, headers={"Content-Length": text})
+def with_length(endpoint: HttpListener, text: "str | None", body: bytes = INITIALIZE) -> bytes:
+    return endpoint.post(body, UNKNOWN_ID, headers={"Content-Length": text})
 
 
 LENGTH = len(INITIALIZE)
@@ -117,8 +117,8 @@ LENGTH = len(INITIALIZE)
     f"{LENGTH} 0", f"{LENGTH},{LENGTH}", f"\v\f{LENGTH}\v\f", str(LENGTH).zfill(31),
     " " * 40 + str(LENGTH).zfill(31) + " " * 40,
 ])
-def test_a_length_that_covers_the_body(listener, text):
-    assert with_length(listener, text) == SEEN
+def test_a_length_that_covers_the_body(endpoint, text):
+    assert with_length(endpoint, text) == SEEN
 
 
 @pytest.mark.parametrize("text", [
@@ -126,9 +126,9 @@ def test_a_length_that_covers_the_body(listener, text):
     f"++{LENGTH}", "--1", str(LENGTH).zfill(32), "9" * 32, "9" * 400, "-" + "9" * 31,
     "-1".ljust(31) + "x", "4294967301".zfill(32),
 ], ids=repr)
-def test_a_length_that_does_not(listener, text):
+def test_a_length_that_does_not(endpoint, text):
     """It counts as none from 32 characters on, whatever they say."""
-    assert with_length(listener, text) == UNSEEN
+    assert with_length(endpoint, text) == UNSEEN
 
 
 @pytest.mark.parametrize("text", [
@@ -137,13 +137,13 @@ def test_a_length_that_does_not(listener, text):
     "18446744073709551616", "18446744073709551637", "-4294967275", "-18446744073709551595",
     "9" * 18, "9" * 19, "9" * 31, "-" + "9" * 30, "+" + "9" * 30,
 ])
-def test_a_length_out_of_range(listener, text):
-    assert with_length(listener, text) == UNBOUNDED
+def test_a_length_out_of_range(endpoint, text):
+    assert with_length(endpoint, text) == UNBOUNDED
 
 
-def padded(listener: HttpListener, size: int, **rest: object) -> Request:
+def padded(endpoint: HttpListener, size: int, **rest: object) -> Request:
     """A request whose header block has that size."""
-    request = listener.compose(**rest)  # type: ignore
+    request = endpoint.compose(**rest)  # type: ignore
     without = len(request.with_headers({"Padding": ""}).data()) - len(request.body)
     return request.with_headers({"Padding": "x" * (size - without)})
 
@@ -151,51 +151,51 @@ def padded(listener: HttpListener, size: int, **rest: object) -> Request:
 @pytest.mark.parametrize("size, answer", [
     (HEADER_LIMIT - 1, PASSED), (HEADER_LIMIT, PASSED), (HEADER_LIMIT + 1, UNBOUNDED),
     (HEADER_LIMIT + 2, UNBOUNDED), (3 * HEADER_LIMIT, UNBOUNDED)])
-def test_the_size_of_the_header_block(listener, size, answer):
-    data = padded(listener, size).data()
+def test_the_size_of_the_header_block(endpoint, size, answer):
+    data = padded(endpoint, size).data()
     assert data.index(b"\r\n\r\n") + 4 == len(data) == size
-    assert listener.exchange(data) == answer
+    assert endpoint.exchange(data) == answer
 
 
 @pytest.mark.parametrize("size, answer", [
     (BODY_LIMIT - 1, SEEN), (BODY_LIMIT, SEEN), (BODY_LIMIT + 1, UNBOUNDED)])
-def test_the_size_of_the_body(listener, size, answer):
+def test_the_size_of_the_body(endpoint, size, answer):
     body = b" " * (size - LENGTH) + INITIALIZE
-    assert listener.post(body, UNKNOWN_ID) == answer
+    assert endpoint.post(body, UNKNOWN_ID) == answer
 
 
-def test_the_largest_request(listener):
+def test_the_largest_request(endpoint):
     body = b" " * (BODY_LIMIT - LENGTH) + INITIALIZE
-    data = padded(listener, HEADER_LIMIT, body=body, session=UNKNOWN_ID).data()
+    data = padded(endpoint, HEADER_LIMIT, body=body, session=UNKNOWN_ID).data()
     assert len(data) == HEADER_LIMIT + BODY_LIMIT
-    assert listener.exchange(data) == SEEN
+    assert endpoint.exchange(data) == SEEN
 
 
 @pytest.mark.parametrize("size", [HEADER_LIMIT + BODY_LIMIT, HEADER_LIMIT + BODY_LIMIT + 1,
                                   1 << 20])
-def test_a_flood_without_a_blank_line_is_answered_when_the_buffer_is_full(listener, size):
+def test_a_flood_without_a_blank_line_is_answered_when_the_buffer_is_full(endpoint, size):
     """Though its sender goes on waiting."""
-    data = listener.compose().data()[:-2]
-    assert listener.exchange(data + b"x" * (size - len(data))) == UNBOUNDED
+    data = endpoint.compose().data()[:-2]
+    assert endpoint.exchange(data + b"x" * (size - len(data))) == UNBOUNDED
 
 
-def test_a_blank_line_at_the_end_of_the_buffer_is_too_late(listener):
+def test_a_blank_line_at_the_end_of_the_buffer_is_too_late(endpoint):
     data = b"POST /mcp HTTP/1.1\r\n".ljust(HEADER_LIMIT + BODY_LIMIT - 4, b"x") + b"\r\n\r\n"
-    assert listener.exchange(data) == UNBOUNDED
+    assert endpoint.exchange(data) == UNBOUNDED
 
 
 @pytest.mark.parametrize("cut", [0, 1, 17, 20, 100, -LENGTH - 3, -LENGTH - 1, -LENGTH, -1])
-def test_a_client_that_stops_too_early(listener, cut):
-    data = listener.compose(INITIALIZE, UNKNOWN_ID).data()
-    assert listener.exchange(data[:cut], ended=True) == UNBOUNDED
+def test_a_client_that_stops_too_early(endpoint, cut):
+    data = endpoint.compose(INITIALIZE, UNKNOWN_ID).data()
+    assert endpoint.exchange(data[:cut], ended=True) == UNBOUNDED
 
 
-def test_a_client_that_stops_after_its_request(listener):
-    assert listener.exchange(listener.compose(INITIALIZE, UNKNOWN_ID).data(), ended=True) == SEEN
+def test_a_client_that_stops_after_its_request(endpoint):
+    assert endpoint.exchange(endpoint.compose(INITIALIZE, UNKNOWN_ID).data(), ended=True) == SEEN
 
 
-def test_an_unfinished_header_block_is_judged_by_its_size_alone(listener):
-    assert listener.exchange(b"GET / HTTP/1.1\r\n", ended=True) == UNBOUNDED
+def test_an_unfinished_header_block_is_judged_by_its_size_alone(endpoint):
+    assert endpoint.exchange(b"GET / HTTP/1.1\r\n", ended=True) == UNBOUNDED
 
 
 # the first line
@@ -211,29 +211,29 @@ def test_an_unfinished_header_block_is_judged_by_its_size_alone(listener):
     b"POST /mcp HTTP/1.1\n", b"POST /mcp HTTP/1.1\r", b"POST /mcp HTTP/1.1\0", b"POST /mcp", b"",
     b"\r\nPOST /mcp HTTP/1.1", b"POST%20/mcp HTTP/1.1", b"\x16\x03\x01\x02\x00",
 ], ids=repr)
-def test_another_first_line(listener, line):
-    request = listener.compose()
-    assert listener.exchange(Request(line, request.headers).data()) == UNKNOWN_PATH
+def test_another_first_line(endpoint, line):
+    request = endpoint.compose()
+    assert endpoint.exchange(Request(line, request.headers).data()) == UNKNOWN_PATH
 
 
-def test_a_first_line_that_ends_in_a_line_feed_alone(listener):
-    data = listener.compose().data().replace(b"HTTP/1.1\r\n", b"HTTP/1.1\n", 1)
-    assert listener.exchange(data) == UNKNOWN_PATH
+def test_a_first_line_that_ends_in_a_line_feed_alone(endpoint):
+    data = endpoint.compose().data().replace(b"HTTP/1.1\r\n", b"HTTP/1.1\n", 1)
+    assert endpoint.exchange(data) == UNKNOWN_PATH
 
 
-def test_the_two_methods(listener):
-    assert listener.post(session=UNKNOWN_ID) == SESSION_UNKNOWN
-    assert listener.delete(session=UNKNOWN_ID) == NO_SUCH_SESSION
+def test_the_two_methods(endpoint):
+    assert endpoint.post(session=UNKNOWN_ID) == SESSION_UNKNOWN
+    assert endpoint.delete(session=UNKNOWN_ID) == NO_SUCH_SESSION
 
 
 # how a header is found
 
 
 @pytest.mark.parametrize("header", ["host", "HOST", "hOsT"])
-def test_the_case_of_a_header_name_is_ignored(listener, header):
-    request = listener.compose()
+def test_the_case_of_a_header_name_is_ignored(endpoint, header):
+    request = endpoint.compose()
     good = request.headers["Host"]
-    assert listener.exchange(
+    assert endpoint.exchange(
         request.with_headers({"Host": None, header: good}).data()) == PASSED
 
 
@@ -249,14 +249,14 @@ HOST_LINES = {
 
 
 @pytest.mark.parametrize("line, found", HOST_LINES.items())
-def test_the_line_of_a_header(listener, line, found):
-    filled = line.replace(b"%s", b"127.0.0.1:%d" % listener.port)
-    answer = listener.post(headers={"Host": None}, more_headers=[filled])
+def test_the_line_of_a_header(endpoint, line, found):
+    filled = line.replace(b"%s", b"127.0.0.1:%d" % endpoint.port)
+    answer = endpoint.post(headers={"Host": None}, more_headers=[filled])
     assert answer == (PASSED if found else HOST_REFUSED)
 
 
-def test_a_length_with_a_space_before_the_colon_is_none(listener):
-    answer = listener.post(INITIALIZE, UNKNOWN_ID, headers={"Content-Length": None},
+def test_a_length_with_a_space_before_the_colon_is_none(endpoint):
+    answer = endpoint.post(INITIALIZE, UNKNOWN_ID, headers={"Content-Length": None},
                            more_headers=[b"Content-Length : %d" % LENGTH])
     assert answer == UNSEEN
 
@@ -279,11 +279,11 @@ SECOND_LINES = [
 
 
 @pytest.mark.parametrize("header, first, second, answer", SECOND_LINES)
-def test_the_first_of_two_lines_wins(listener, header, first, second, answer):
+def test_the_first_of_two_lines_wins(endpoint, header, first, second, answer):
     """Also when its value is too long. None stands for the good value."""
-    good = listener.compose().headers[header]
+    good = endpoint.compose().headers[header]
     lines = [f"{header}: {good if value is None else value}".encode() for value in (first, second)]
-    assert listener.post(headers={header: None}, more_headers=lines) == answer
+    assert endpoint.post(headers={header: None}, more_headers=lines) == answer
 
 
 @pytest.mark.parametrize("first, second, answer", [
@@ -292,17 +292,17 @@ def test_the_first_of_two_lines_wins(listener, header, first, second, answer):
     ("o" * 512, "a.example", PASSED), ("a.example", "o" * 512, ORIGIN_REFUSED),
     ("  " + "o" * 511 + "  ", None, ORIGIN_REFUSED),
 ])
-def test_an_origin_that_is_too_long_is_none(listener, first, second, answer):
+def test_an_origin_that_is_too_long_is_none(endpoint, first, second, answer):
     lines = [f"Origin: {value}".encode() for value in (first, second) if value is not None]
-    assert listener.post(more_headers=lines) == answer
+    assert endpoint.post(more_headers=lines) == answer
 
 
 @pytest.mark.parametrize("first, second, answer", [
     (str(LENGTH), "0", SEEN), ("0", str(LENGTH), UNSEEN), ("0" * 32, str(LENGTH), UNSEEN),
     (str(LENGTH), "-1", SEEN), ("", str(LENGTH), UNSEEN)])
-def test_the_first_of_two_lengths_wins(listener, first, second, answer):
+def test_the_first_of_two_lengths_wins(endpoint, first, second, answer):
     lines = [f"Content-Length: {value}".encode() for value in (first, second)]
-    assert listener.post(INITIALIZE, UNKNOWN_ID, headers={"Content-Length": None},
+    assert endpoint.post(INITIALIZE, UNKNOWN_ID, headers={"Content-Length": None},
                          more_headers=lines) == answer
 
 
@@ -311,50 +311,50 @@ def test_the_first_of_two_lengths_wins(listener, first, second, answer):
     ("s" * 96, UNKNOWN_ID, SESSION_REQUIRED), ("", UNKNOWN_ID, SESSION_REQUIRED),
     ("", None, SESSION_REQUIRED), ("x", None, SESSION_UNKNOWN),
     (" " * 200 + "s" * 95 + " " * 200, None, SESSION_UNKNOWN)])
-def test_a_session_id_that_is_empty_or_too_long_is_none(listener, first, second, answer):
+def test_a_session_id_that_is_empty_or_too_long_is_none(endpoint, first, second, answer):
     lines = [f"Mcp-Session-Id: {value}".encode() for value in (first, second) if value is not None]
-    assert listener.post(more_headers=lines) == answer
-    request = listener.compose(method="DELETE", more_headers=lines)
-    assert listener.exchange(request.data()) == NO_SUCH_SESSION
+    assert endpoint.post(more_headers=lines) == answer
+    request = endpoint.compose(method="DELETE", more_headers=lines)
+    assert endpoint.exchange(request.data()) == NO_SUCH_SESSION
 
 
-def good_lines(listener: HttpListener, *headers: str) -> bytes:
-    good = listener.compose().headers
+def good_lines(endpoint: HttpListener, *headers: str) -> bytes:
+    good = endpoint.compose().headers
     return b"".join(f"{name}: {good[name]}\r\n".encode() for name in headers)
 
 
 @pytest.mark.parametrize("headers", [["Host"], ["Authorization"], ["X-Forwarded-Proto"],
                                      ["Host", "Authorization", "X-Forwarded-Proto"]])
-def test_lines_of_the_body_count(listener, headers):
-    body = good_lines(listener, *headers)
-    assert listener.post(body, headers=dict.fromkeys(headers)) == PASSED
+def test_lines_of_the_body_count(endpoint, headers):
+    body = good_lines(endpoint, *headers)
+    assert endpoint.post(body, headers=dict.fromkeys(headers)) == PASSED
 
 
-def test_lines_of_the_body_come_behind_those_of_the_header_block(listener):
-    assert listener.post(b"Host: elsewhere\r\n") == PASSED
-    assert listener.post(good_lines(listener, "Host"), headers={"Host": "x"}) == HOST_REFUSED
-    assert listener.post(b"Origin: elsewhere\r\n") == ORIGIN_REFUSED
-    assert listener.post(b"Mcp-Session-Id: x\r\n") == SESSION_UNKNOWN
+def test_lines_of_the_body_come_behind_those_of_the_header_block(endpoint):
+    assert endpoint.post(b"Host: elsewhere\r\n") == PASSED
+    assert endpoint.post(good_lines(endpoint, "Host"), headers={"Host": "x"}) == HOST_REFUSED
+    assert endpoint.post(b"Origin: elsewhere\r\n") == ORIGIN_REFUSED
+    assert endpoint.post(b"Mcp-Session-Id: x\r\n") == SESSION_UNKNOWN
 
 
 @pytest.mark.parametrize("ending, found", [(b"\r\n", True), (b"\r\n\r\n", True), (b"\r\nx", True),
                                            (b"\n", False), (b"\r", False), (b"", False)])
-def test_a_line_of_the_body_ends_in_cr_lf(listener, ending, found):
-    body = good_lines(listener, "Host").removesuffix(b"\r\n") + ending
-    assert listener.post(body, headers={"Host": None}) == (PASSED if found else HOST_REFUSED)
+def test_a_line_of_the_body_ends_in_cr_lf(endpoint, ending, found):
+    body = good_lines(endpoint, "Host").removesuffix(b"\r\n") + ending
+    assert endpoint.post(body, headers={"Host": None}) == (PASSED if found else HOST_REFUSED)
 
 
 @pytest.mark.parametrize("length", ["0", None])
-def test_what_follows_the_body_in_the_same_read_counts(listener, length):
-    request = listener.compose(headers={"Host": None, "Content-Length": length})
-    assert listener.exchange(request.data() + good_lines(listener, "Host")) == PASSED
+def test_what_follows_the_body_in_the_same_read_counts(endpoint, length):
+    request = endpoint.compose(headers={"Host": None, "Content-Length": length})
+    assert endpoint.exchange(request.data() + good_lines(endpoint, "Host")) == PASSED
 
 
-def test_the_length_may_stand_behind_the_header_block(listener):
+def test_the_length_may_stand_behind_the_header_block(endpoint):
     """It is found there when it comes in the read that ends the block."""
     body = b"Content-Length: 44\r\n" + b"\r\n" + INITIALIZE + b" "
     assert len(body) == 44
-    assert listener.post(body, UNKNOWN_ID, headers={"Content-Length": None}) == SEEN
+    assert endpoint.post(body, UNKNOWN_ID, headers={"Content-Length": None}) == SEEN
 
 
 # authorization
@@ -384,8 +384,8 @@ def _listener_with_token(listeners: HttpListeners, token: str) -> HttpListener:
     (f"Bearer {TOKEN} x", False), (f"Bearer {TOKEN},{TOKEN}", False),
     (f"Bearer {TOKEN}\0", False), (f"Bearer {TOKEN}" + "\0" * 256, False),
 ], ids=repr)
-def test_the_authorization(listener, value, passes):
-    answer = listener.post(headers={"Authorization": value})
+def test_the_authorization(endpoint, value, passes):
+    answer = endpoint.post(headers={"Authorization": value})
     assert answer == (PASSED if passes else UNAUTHORIZED)
 
 
@@ -400,10 +400,10 @@ def test_an_authorization_of_1024_characters(http):
 
 @pytest.mark.parametrize("token", [None, "", "t", "t" * 31])
 def test_a_token_that_is_too_short_admits_nobody(http, token):
-    listener = http({"KOVA_MCP_HTTP_BEARER_TOKEN": token})
-    assert listener.post(headers={"Authorization": f"Bearer {token or ''}"}) == NO_TOKEN
-    assert listener.post() == NO_TOKEN
-    assert listener.delete(UNKNOWN_ID) == NO_TOKEN
+    endpoint = http({"KOVA_MCP_HTTP_BEARER_TOKEN": token})
+    assert endpoint.post(headers={"Authorization": f"Bearer {token or ''}"}) == NO_TOKEN
+    assert endpoint.post() == NO_TOKEN
+    assert endpoint.delete(UNKNOWN_ID) == NO_TOKEN
 
 
 @pytest.mark.parametrize("token, sent, answer", [
@@ -415,8 +415,8 @@ def test_a_token_that_is_too_short_admits_nobody(http, token):
     ("é" * 16, "é" * 16, PASSED),
 ])
 def test_the_token_is_not_trimmed(http, token, sent, answer):
-    listener = http({"KOVA_MCP_HTTP_BEARER_TOKEN": token})
-    assert listener.post(headers={"Authorization": f"Bearer {sent}"}) == answer
+    endpoint = http({"KOVA_MCP_HTTP_BEARER_TOKEN": token})
+    assert endpoint.post(headers={"Authorization": f"Bearer {sent}"}) == answer
 
 
 # host
@@ -428,9 +428,9 @@ def test_the_token_is_not_trimmed(http, token, sent, answer):
     ("127.0.0.1:%d,localhost:%d", False), ("localhost:%d.", False), ("xlocalhost:%d", False),
     ("[::1]:%d", False), ("127.0.0.2:%d", False), ("", False), (None, False), (",", False),
 ])
-def test_the_host_without_a_list(listener, value, passes):
-    filled = value if value is None else value.replace("%d", str(listener.port))
-    assert listener.post(headers={"Host": filled}) == (PASSED if passes else HOST_REFUSED)
+def test_the_host_without_a_list(endpoint, value, passes):
+    filled = value if value is None else value.replace("%d", str(endpoint.port))
+    assert endpoint.post(headers={"Host": filled}) == (PASSED if passes else HOST_REFUSED)
 
 
 LIST = f" ,,\t a.example , B.example:8443\t,, {'h' * 600},{'i' * 500}{' ' * 20}x ,j j, last\v"
@@ -456,34 +456,34 @@ def test_the_host_with_a_list(listing, value, passes):
 
 
 def test_an_empty_list_of_hosts_allows_nothing(http):
-    listener = http({"KOVA_MCP_HTTP_ALLOWED_HOSTS": ""})
-    assert listener.post() == HOST_REFUSED
-    assert listener.post(headers={"Host": ""}) == HOST_REFUSED
+    endpoint = http({"KOVA_MCP_HTTP_ALLOWED_HOSTS": ""})
+    assert endpoint.post() == HOST_REFUSED
+    assert endpoint.post(headers={"Host": ""}) == HOST_REFUSED
 
 
 @pytest.mark.parametrize("text", ["%dabc", "00%d", "0000000000%d", " %d", "+%d", "%d.5"])
 def test_the_host_shows_seven_characters_of_the_port_text(http, text):
-    listener = http(port_text=text)
-    name = listener.port_text[:7]
-    assert listener.post(headers={"Host": f"127.0.0.1:{name}"}) == PASSED
-    assert listener.post(headers={"Host": f"Localhost:{name.upper()}"}) == PASSED
-    for other in {str(listener.port), listener.port_text, name[:-1]} - {name, name.strip()}:
-        assert listener.post(headers={"Host": f"127.0.0.1:{other}"}) == HOST_REFUSED
+    endpoint = http(port_text=text)
+    name = endpoint.port_text[:7]
+    assert endpoint.post(headers={"Host": f"127.0.0.1:{name}"}) == PASSED
+    assert endpoint.post(headers={"Host": f"Localhost:{name.upper()}"}) == PASSED
+    for other in {str(endpoint.port), endpoint.port_text, name[:-1]} - {name, name.strip()}:
+        assert endpoint.post(headers={"Host": f"127.0.0.1:{other}"}) == HOST_REFUSED
 
 
 # origin
 
 
 @pytest.mark.parametrize("value", ["https://a.example", "null", "", "*", "http://localhost"])
-def test_without_a_list_no_origin_is_allowed(listener, value):
-    assert listener.post(headers={"Origin": value}) == ORIGIN_REFUSED
+def test_without_a_list_no_origin_is_allowed(endpoint, value):
+    assert endpoint.post(headers={"Origin": value}) == ORIGIN_REFUSED
 
 
 def test_an_empty_list_of_origins_allows_nothing(http):
-    listener = http({"KOVA_MCP_HTTP_ALLOWED_ORIGINS": ""})
-    assert listener.post(headers={"Origin": "https://a.example"}) == ORIGIN_REFUSED
-    assert listener.post(headers={"Origin": ""}) == ORIGIN_REFUSED
-    assert listener.post() == PASSED
+    endpoint = http({"KOVA_MCP_HTTP_ALLOWED_ORIGINS": ""})
+    assert endpoint.post(headers={"Origin": "https://a.example"}) == ORIGIN_REFUSED
+    assert endpoint.post(headers={"Origin": ""}) == ORIGIN_REFUSED
+    assert endpoint.post() == PASSED
 
 
 @pytest.mark.parametrize("value, passes",
@@ -502,8 +502,8 @@ def test_the_origin_with_a_list(listing, value, passes):
     ("https", True), ("HTTPS", True), ("Https", True), (" https\t", True), ("http", False),
     ("https,http", False), ("https, https", False), ("http,https", False), ("httpss", False),
     ("", False), (None, False), ("https" + "s" * 27, False), ("1", False)])
-def test_the_forwarded_protocol(listener, value, passes):
-    answer = listener.post(headers={"X-Forwarded-Proto": value})
+def test_the_forwarded_protocol(endpoint, value, passes):
+    answer = endpoint.post(headers={"X-Forwarded-Proto": value})
     assert answer == (PASSED if passes else NOT_FORWARDED)
 
 
@@ -512,11 +512,11 @@ def test_the_forwarded_protocol(listener, value, passes):
     ("0", False), ("", False), ("false", False), (" 1", False), ("1 ", False), ("truee", False),
     ("t", False), ("y", False)])
 def test_plaintext_may_be_allowed(http, value, passes):
-    listener = http({"KOVA_MCP_HTTP_ALLOW_PLAINTEXT_LOOPBACK": value})
+    endpoint = http({"KOVA_MCP_HTTP_ALLOW_PLAINTEXT_LOOPBACK": value})
     for proto in (None, "http", "p" * 32):
-        answer = listener.post(headers={"X-Forwarded-Proto": proto})
+        answer = endpoint.post(headers={"X-Forwarded-Proto": proto})
         assert answer == (PASSED if passes else NOT_FORWARDED)
-    assert listener.post() == PASSED
+    assert endpoint.post() == PASSED
 
 
 # what makes an initialize request
@@ -530,20 +530,20 @@ def test_plaintext_may_be_allowed(http, value, passes):
     (b'"method":"initialize', False), (b"'method':'initialize'", False),
     (b'"method"\t:\t"initialize"', False), (b'"method":"initialized"', False), (b"", False),
 ])
-def test_what_makes_a_body_initialize(listener, body, initialize):
+def test_what_makes_a_body_initialize(endpoint, body, initialize):
     """It must not name a session, be it one that is unknown."""
-    answer = listener.post(body, UNKNOWN_ID)
+    answer = endpoint.post(body, UNKNOWN_ID)
     assert answer == (SESSION_REUSED if initialize else SESSION_UNKNOWN)
 
 
-def test_the_literal_must_lie_in_the_body(listener):
+def test_the_literal_must_lie_in_the_body(endpoint):
     """Not in a header, nor behind the body, nor across its end."""
-    in_header = listener.post(b"{}", UNKNOWN_ID, more_headers=[b"X: " + INITIALIZE])
-    across = listener.compose(INITIALIZE[:-1], UNKNOWN_ID).data() + INITIALIZE[-1:]
-    assert (in_header, listener.exchange(across)) == (SESSION_UNKNOWN, SESSION_UNKNOWN)
+    in_header = endpoint.post(b"{}", UNKNOWN_ID, more_headers=[b"X: " + INITIALIZE])
+    across = endpoint.compose(INITIALIZE[:-1], UNKNOWN_ID).data() + INITIALIZE[-1:]
+    assert (in_header, endpoint.exchange(across)) == (SESSION_UNKNOWN, SESSION_UNKNOWN)
 
 
-# the listener
+# the endpoint
 
 
 @pytest.mark.parametrize("text", [
@@ -557,10 +557,10 @@ def test_a_port_out_of_range(run, text):
 
 @pytest.mark.parametrize("text", ["%d", "%dabc", "00%d", " %d", "0000000000%d"])
 def test_its_line_shows_the_whole_port_text(http, text):
-    listener = http(port_text=text)
-    assert listener.server.stderr_lines() == [
-        f"Vantreo MCP HTTP listening on 127.0.0.1:{listener.port_text} (TLS termination required)"]
-    assert listener.post() == PASSED
+    endpoint = http(port_text=text)
+    assert endpoint.server.stderr_lines() == [
+        f"Vantreo MCP HTTP listening on 127.0.0.1:{endpoint.port_text} (TLS termination required)"]
+    assert endpoint.post() == PASSED
 
 
 def test_the_highest_port(http):
@@ -568,18 +568,18 @@ def test_the_highest_port(http):
 
 
 def test_a_port_that_is_taken(run, http):
-    listener = http()
-    result = run("--http", str(listener.port))
+    endpoint = http()
+    result = run("--http", str(endpoint.port))
     assert (result.stdout, result.stderr, result.code) == (b"", b"", 2)
-    assert listener.post() == PASSED
+    assert endpoint.post() == PASSED
 
 
 def test_a_port_is_free_again_at_once(http, start):
-    listener = http()
-    assert listener.post() == PASSED
-    listener.server.kill()
-    server = start("--http", str(listener.port))
-    server.wait_for_stderr(f"listening on 127.0.0.1:{listener.port} ")
+    endpoint = http()
+    assert endpoint.post() == PASSED
+    endpoint.server.kill()
+    server = start("--http", str(endpoint.port))
+    server.wait_for_stderr(f"listening on 127.0.0.1:{endpoint.port} ")
     server.kill()
 
 
@@ -595,16 +595,16 @@ def listening_addresses(port: int) -> list[str]:
 
 
 @pytest.mark.parametrize("address", ["127.0.0.2", "::1"])
-def test_it_is_reached_on_the_loopback_address_only(listener, address):
+def test_it_is_reached_on_the_loopback_address_only(endpoint, address):
     with pytest.raises(OSError):
-        socket.create_connection((address, listener.port), 5).close()
-    assert listening_addresses(listener.port) == ["0100007F"]
-    assert listener.post() == PASSED
+        socket.create_connection((address, endpoint.port), 5).close()
+    assert listening_addresses(endpoint.port) == ["0100007F"]
+    assert endpoint.post() == PASSED
 
 
 def test_it_neither_reads_nor_writes_the_standard_streams(http):
-    listener = http()
-    listener.server.close_input()
-    assert listener.post() == PASSED
-    listener.server.expect_silence()
-    assert listener.server.stderr.count(b"\n") == 1
+    endpoint = http()
+    endpoint.server.close_input()
+    assert endpoint.post() == PASSED
+    endpoint.server.expect_silence()
+    assert endpoint.server.stderr.count(b"\n") == 1
