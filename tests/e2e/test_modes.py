@@ -6,6 +6,7 @@ import json
 
 import pytest
 
+from http_client import CLOSED, answered
 from kova import (BUSY, PARSE_ERROR, call, cancel, error_reply, not_initialized, notification,
                   ping, pong, request, result_reply, tool_error_reply)
 
@@ -23,11 +24,20 @@ def test_anything_else_is_a_stdio_server(run, arguments):
     assert (result.stderr, result.code) == (b"", 0)
 
 
-def test_a_mode_that_is_not_there_yet(run):
-    result = run("--http", "1")
-    assert result.stdout == b""
-    assert result.stderr.count(b"\n") == 1 and result.stderr.endswith(b"\n")
-    assert result.code == 2
+@pytest.mark.parametrize("port", ["", "0", "65536", "port", "--check-policy"])
+def test_http_with_anything_behind_it_is_the_listener(run, port):
+    result = run("--http", port, stdin=ping(1))
+    assert (result.stdout, result.stderr, result.code) == (b"", b"", 2)
+
+
+def test_the_listener_lives_whatever_the_policy_says(http, policy):
+    listener = http(policy(version=2))
+    listener.server.send(ping(1))
+    listener.server.close_input()
+    session = listener.open_session()
+    assert listener.post_message(ping(1), session) == answered(session, pong(1))
+    listener.server.expect_silence()
+    assert listener.delete(session) == CLOSED
 
 
 def test_no_input_at_all(run):
