@@ -6,7 +6,10 @@ readonly -a BUILD=(g++ cmake ninja-build libsodium-dev libsqlite3-dev python3)
 readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
-  jq)
+  jq haproxy)
+readonly -a PROXY=(nginx openssl)
+# Debian starts these as soon as they are installed, and with the system.
+readonly -a SERVICES=(nginx haproxy)
 readonly NODE_LEAST=18
 
 interop="$(dirname "$(readlink -f "$0")")/../tests/interop"
@@ -21,7 +24,8 @@ it prints the one command that installs them, and ends with exit code 1.
 
   build    compilers and libraries for the Linux server and the sample engine
   windows  the cross compiler and Wine
-  test     what ./test needs beside both, Node.js (any from version $NODE_LEAST on) included, and
+  proxy    the TLS proxy of ./run http; none of the system's services is started
+  test     what ./test needs beside these, Node.js (any from version $NODE_LEAST on) included, and
            the packages that tests/interop/package-lock.json pins
   index    Debian's package index, which the sample data is made from
 EOF
@@ -67,12 +71,26 @@ run_as_root() {
   DEBIAN_FRONTEND=noninteractive bash -c "$1" >&2
 }
 
+# The command that installs the packages and starts none of their services, now or later.
+installation_of() {
+  local command="apt-get update && apt-get install -y --no-install-recommends $*" service
+  local -a stopped=()
+  for service in "${SERVICES[@]}"; do
+    [[ " $* " != *" $service "* ]] || stopped+=("$service")
+  done
+  if ((${#stopped[@]} > 0)) && command -v systemctl >/dev/null; then
+    command="systemctl mask ${stopped[*]} && $command && systemctl unmask ${stopped[*]}"
+    command+=" && systemctl disable ${stopped[*]}"
+  fi
+  echo "$command"
+}
+
 install_packages() {
   local -a missing
   mapfile -t missing < <(missing_of "$@")
   ((${#missing[@]} > 0)) || return 0
   echo "Debian packages to install: ${missing[*]}" >&2
-  run_as_root "apt-get update && apt-get install -y --no-install-recommends ${missing[*]}"
+  run_as_root "$(installation_of "${missing[@]}")"
 }
 
 fetch_index() {
@@ -101,8 +119,9 @@ main() {
         ;;
       build) packages+=("${BUILD[@]}") ;;
       windows) packages+=("${WINDOWS[@]}") ;;
+      proxy) packages+=("${PROXY[@]}") ;;
       test)
-        packages+=("${TEST[@]}")
+        packages+=("${TEST[@]}" "${PROXY[@]}")
         test=1
         ;;
       index) index=1 ;;

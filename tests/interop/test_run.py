@@ -314,6 +314,7 @@ class Machine:
                                  ' echo "installed $package"'
                                  '; done; exit 1')
         self._tool("apt-get", f'echo "apt-get $*" >>{self.called}')
+        self._tool("systemctl", f'echo "systemctl $*" >>{self.called}')
 
     def _tool(self, name: str, script: str) -> None:
         path = self.folder / name
@@ -353,8 +354,9 @@ MISSING = " ".join(name for name in packages("BUILD") + packages("WINDOWS")
 def test_setup_knows_what_the_build_needs() -> None:
     assert {"g++", "cmake", "ninja-build", "libsqlite3-dev", "python3"} <= set(packages("BUILD"))
     assert {"g++-mingw-w64-x86-64-posix", "wine64"} <= set(packages("WINDOWS"))
-    assert {"googletest", "python3-pytest", "clang-tidy", "libbenchmark-dev"} <= set(
+    assert {"googletest", "python3-pytest", "clang-tidy", "libbenchmark-dev", "haproxy"} <= set(
         packages("TEST"))
+    assert packages("PROXY") == ["nginx", "openssl"]
 
 
 def test_setup_installs_nothing_when_all_is_there(folder: Path) -> None:
@@ -383,6 +385,23 @@ def test_setup_as_root_says_what_it_installs_and_updates_once(folder: Path) -> N
     assert done.stderr.splitlines() == [f"Debian packages to install: {MISSING}"]
     assert machine.calls() == [
         "apt-get update", f"apt-get install -y --no-install-recommends {MISSING}"]
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="installing is for root")
+def test_setup_starts_no_service(folder: Path) -> None:
+    machine = Machine(folder, packages("BUILD"))
+    done = machine.setup("build", "proxy", root=True)
+    assert (done.returncode, done.stdout) == (0, "")
+    assert machine.calls() == [
+        "systemctl mask nginx", "apt-get update",
+        "apt-get install -y --no-install-recommends nginx openssl",
+        "systemctl unmask nginx", "systemctl disable nginx"]
+
+
+def test_setup_leaves_a_proxy_that_is_there_alone(folder: Path) -> None:
+    machine = Machine(folder, packages("PROXY"))
+    assert machine.setup("proxy", root=False).returncode == 0
+    assert machine.calls() == []
 
 
 @pytest.mark.parametrize("arguments, words", [

@@ -3,8 +3,6 @@
 from __future__ import annotations
 
 import json
-import os
-import shutil
 import uuid
 from pathlib import Path
 from typing import Any, Callable, Iterator
@@ -13,56 +11,13 @@ import pytest
 
 from kova import MARKER, TIMEOUT, Target, wait_until
 from policy_files import PolicyFiles
-from sample_engine import LOOPBACK, PASSWORD, USER, Engine, make_database
+from sales_engine import (COUNT_ORDERS, ORDERS, SLOW, Engine, engine, executable, processes,
+                          profile, result)
 
 HERE = Path(__file__).resolve().parent
-ROOT = HERE.parents[1]
-
-ORDERS = 300
-SALES = f"""
-CREATE TABLE ORDERS (ID INTEGER PRIMARY KEY, CUSTOMER TEXT, TOTAL INTEGER, CARD TEXT);
-CREATE TABLE ITEMS (ORDER_ID INTEGER, PRODUCT TEXT);
-CREATE TABLE SALARIES (NAME TEXT, AMOUNT INTEGER);
-WITH RECURSIVE N(I) AS (SELECT 1 UNION ALL SELECT I + 1 FROM N WHERE I < {ORDERS})
-INSERT INTO ORDERS SELECT I, 'customer ' || I, I * 10, 'card ' || I FROM N;
-INSERT INTO ITEMS VALUES (1, 'caf\u00e9 "noir"'), (1, NULL), (2, 'tab\there');
-INSERT INTO SALARIES VALUES ('someone', 1);
-"""
-
-SLOW = {"name": "kova_query", "ms": 1500, "args": {
-    "sql": "SELECT COUNT(A.ID) FROM ORDERS A, ORDERS B, ORDERS C, ORDERS D"
-           " WHERE A.TOTAL + B.TOTAL < C.TOTAL + D.TOTAL"}}
-"""Eight thousand million rows to look at: longer than any test waits."""
-
-COUNT_ORDERS = {"name": "kova_query", "args": {"sql": "SELECT COUNT(ID) AS N FROM ORDERS"}}
 
 CLOSE_LIMIT_MS = 2000
 """The client waits this long for the server to end by itself before it ends it by a signal."""
-
-
-@pytest.fixture(scope="module")
-def engine(pytestconfig: pytest.Config,
-           tmp_path_factory: pytest.TempPathFactory) -> Iterator[Engine]:
-    """The engine is native for both targets."""
-    build = os.environ.get("KOVA_BUILD_DIR")
-    if build is None and pytestconfig.getoption("--target") == "linux":
-        build = pytestconfig.getoption("--build-dir")
-    executable = Path(build or ROOT / "build" / "linux").resolve() / "sample" / "kova-sample-engine"
-    assert executable.exists(), f"{executable} is not built"
-    folder = tmp_path_factory.mktemp("engine")
-    (folder / "data").mkdir()
-    make_database(folder / "data" / "SALES.db", SALES)
-    made = Engine(executable, folder)
-    yield made
-    assert made.stop() == 0
-
-
-@pytest.fixture(scope="module")
-def executable(target: Target, tmp_path_factory: pytest.TempPathFactory) -> Path:
-    """The server with the sample client library beside it."""
-    folder = tmp_path_factory.mktemp("installed")
-    shutil.copy2(target.build / "sample" / target.library_name, folder)
-    return Path(shutil.copy2(target.executable, folder))
 
 
 Scenario = Callable[..., dict[str, Any]]
@@ -75,11 +30,8 @@ def play(sdk_session: Callable[..., Any], engine: Engine, executable: Path, targ
     marker = uuid.uuid4().hex
 
     def run(scenario: str, *, env: "dict[str, Any] | None" = None, **wishes: Any) -> dict[str, Any]:
-        variables = {
-            **policy(database_user=USER, denied_columns=["CARD"], allowed_collections=[]),
-            "KOVA_MCP_SERVER": LOOPBACK, "KOVA_MCP_PORT": str(engine.port),
-            "KOVA_MCP_PASSWORD": PASSWORD, "KOVA_MCP_AUDIT": tmp_path / "audit.jsonl",
-            MARKER: marker, **(env or {})}
+        variables = {**profile(policy, engine), "KOVA_MCP_AUDIT": tmp_path / "audit.jsonl",
+                     MARKER: marker, **(env or {})}
         command = target.command(executable, [])
         server = {"command": command[0], "args": command[1:],
                   "env": target.environment(variables), "cwd": str(tmp_path)}
@@ -87,22 +39,6 @@ def play(sdk_session: Callable[..., Any], engine: Engine, executable: Path, targ
 
     yield run
     wait_until(lambda: not processes(marker), TIMEOUT, "the end of every process of the server")
-
-
-def processes(marker: str) -> list[int]:
-    """The processes of the server that are left, its workers included."""
-    wanted = f"{MARKER}={marker}".encode()
-    found = []
-    for folder in Path("/proc").iterdir():
-        if not folder.name.isdigit():
-            continue
-        try:
-            mine = wanted in (folder / "environ").read_bytes().split(b"\0")
-            if mine and b"kova-mcp" in (folder / "cmdline").read_bytes():
-                found.append(int(folder.name))
-        except OSError:
-            pass
-    return found
 
 
 def assert_closed(session: dict[str, Any]) -> None:
@@ -148,15 +84,6 @@ def test_list_tools_without_providers(play: Scenario) -> None:
     assert "kova_text_search" not in names and "kova_hybrid_search" not in names
     assert len(names) == 6
     assert_closed(session)
-
-
-def result(status: str, columns: list[str], rows: list[list[Any]], truncated: bool = False) -> Any:
-    """A successful result: the same document as text and as it is."""
-    document = {"status": status, "columns": columns, "rows": rows, "rowCount": len(rows),
-                "truncated": truncated}
-    text = json.dumps(document, separators=(",", ":"), ensure_ascii=False)
-    return {"content": [{"type": "text", "text": text}], "structuredContent": document,
-            "isError": False}
 
 
 def refusal(message: str) -> Any:

@@ -1,0 +1,425 @@
+"""The TLS front ends of deploy/, nginx and HAProxy, before the real listener."""
+
+from __future__ import annotations
+
+import json
+import subprocess
+import time
+import uuid
+from pathlib import Path
+from typing import Any, Callable, Iterator, Mapping
+
+import pytest
+
+from kova import TIMEOUT, Target, request, wait_until
+from policy_files import PolicyFiles
+from sales_engine import COUNT_ORDERS, ORDERS, SLOW, Engine, engine, executable, profile, result
+from tls_front_end import make_certificate
+from tls_service import TOKEN, Answer, Caller, FrontEnd, HttpServer, Recorder, clean_environment
+
+HERE = Path(__file__).resolve().parent
+SESSION_TIMEOUT = 120.0
+KINDS = ["nginx", "haproxy"]
+SESSIONS_OF_A_LISTENER = 16
+BODY_LIMIT = 262144
+UNUSED_SECONDS = 5.0
+"""Longer than a front end waits between two health checks unless it is told otherwise."""
+
+SECONDS_TO_HAND_OVER = 12.0
+"""A HAProxy that has been up for less hands nothing over to the next one."""
+
+INITIALIZE = request("initialize", 1, {}).rstrip()
+PING = request("ping", "p").rstrip()
+NO_SESSION = b'{"error":"valid MCP session required"}'
+UNKNOWN_PATH = b'{"error":"POST or DELETE /mcp required"}'
+UNBOUNDED = b'{"error":"bounded Content-Length required"}'
+HOST_REFUSED = b'{"error":"host is not allowed"}'
+ORIGIN_REFUSED = b'{"error":"origin is not allowed"}'
+
+ORIGIN = "https://app.example.com"
+WITH_ORIGIN = {
+    "nginx": {f'#"{ORIGIN}" $http_origin;': f'"{ORIGIN}" $http_origin;'},
+    "haproxy": {"acl cors_origin always_false": "", "#acl cors_origin": "acl cors_origin"}}
+
+Listen = Callable[..., HttpServer]
+Front = Callable[..., FrontEnd]
+
+
+@pytest.fixture(scope="session")
+def certificate(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    return make_certificate(tmp_path_factory.mktemp("tls"))
+
+
+@pytest.fixture
+def listen(target: Target, executable: Path, engine: Engine, policy: PolicyFiles,
+           tmp_path: Path) -> Iterator[Listen]:
+    """`listen(**variables)` starts a listener on the sample engine."""
+    started: list[HttpServer] = []
+
+    def start(**variables: Any) -> HttpServer:
+        started.append(HttpServer(target, executable, tmp_path,
+                                  {**profile(policy, engine), **variables}))
+        return started[-1]
+
+    yield start
+    for server in started:
+        server.stop()
+
+
+@pytest.fixture
+def record() -> Iterator[Callable[..., Recorder]]:
+    started: list[Recorder] = []
+
+    def start(**options: Any) -> Recorder:
+        started.append(Recorder(**options))
+        return started[-1]
+
+    yield start
+    for recorder in started:
+        recorder.stop()
+
+
+@pytest.fixture
+def front(certificate: Path, tmp_path: Path) -> Iterator[Front]:
+    """`front(kind, *servers, changes={})` starts a front end before the servers."""
+    started: list[FrontEnd] = []
+
+    def start(kind: str, *servers: "HttpServer | Recorder",
+              changes: "Mapping[str, str] | None" = None) -> FrontEnd:
+        folder = tmp_path / f"{kind}-{len(started)}"
+        started.append(FrontEnd(kind, folder, certificate, [server.port for server in servers],
+                                changes or {}))
+        return started[-1]
+
+    yield start
+    for end in started:
+        end.stop()
+
+
+def session_of(answer: Answer) -> dict[str, str]:
+    """The header by which a client names its session."""
+    assert answer.status == 200, answer
+    name = answer.header("Mcp-Session-Id")
+    assert name is not None and len(name) == 64
+    return {"Mcp-Session-Id": name}
+
+
+def answers(caller: Caller, session: dict[str, str]) -> bool:
+    """Whether a ping, whose id must be fresh, is answered in the session; 404 if not."""
+    name = uuid.uuid4().hex
+    got = caller.ask(request("ping", name).rstrip(), headers=session)
+    if got.status == 404:
+        return False
+    assert (got.status, json.loads(got.body)) == (200, {"jsonrpc": "2.0", "id": name, "result": {}})
+    return True
+
+
+# the official client
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_a_whole_session_of_the_official_client(listen: Listen, front: Front, engine: Engine,
+                                                kind: str) -> None:
+    server = listen()
+    end = front(kind, server)
+    interrupted = sum("interrupted" in line for line in engine.log())
+    tables = {"name": "kova_list_tables", "args": {}}
+    denied = {"name": "kova_query", "args": {"sql": "SELECT CARD FROM ORDERS"}}
+    wishes = {"url": end.url, "token": TOKEN, "slow": SLOW, "quick": COUNT_ORDERS,
+              "calls": [tables, COUNT_ORDERS, denied] * 3}
+    done = subprocess.run(["node", str(HERE / "http_session.mjs")], capture_output=True,
+                          input=json.dumps(wishes).encode(), timeout=SESSION_TIMEOUT, check=False,
+                          env=clean_environment(end.certificate))
+    assert done.returncode == 0, done.stderr.decode(errors="replace") + end.log()
+    found = json.loads(done.stdout)
+    assert found["version"]["name"] == "Vantreo MCP"
+    assert len(found["sessionId"]) == 64
+    assert len(found["tools"]) == 8 and "kova_query" in found["tools"]
+    counted = result("OK", ["N"], [[str(ORDERS)]])
+    listed = result("policy-filtered", ["NAME"], [["ORDERS"], ["ITEMS"]])
+    refused = {"content": [{"type": "text", "text": "column is denied by MCP policy"}],
+               "isError": True}
+    *calls, ping = found["parallel"]
+    assert [outcome["result"] for outcome in calls] == [listed, counted, refused] * 3
+    assert ping == {}
+    assert found["errorsBeforeCancel"] == []
+    cancelled = found["cancelled"]
+    assert cancelled["first"]["error"]["message"].endswith("the user gave up")
+    assert cancelled["reply"] == {
+        "jsonrpc": "2.0", "id": cancelled["request"]["id"],
+        "result": {"content": [{"type": "text", "text": "request cancelled"}],
+                   "structuredContent": {"cancelled": True}, "isError": True}}
+    assert cancelled["waiting"]["result"] == counted
+    assert found["after"]["result"] == counted
+    assert "valid MCP session required" in found["afterTermination"]["error"]["message"]
+    assert found["statuses"].count(["GET", 405]) == 1
+    assert found["statuses"][-2:] == [["DELETE", 204], ["POST", 400]]
+    wait_until(lambda: sum("interrupted" in line for line in engine.log()) == interrupted + 1,
+               TIMEOUT, "the interrupted statement in the engine's log")
+    wait_until(lambda: server.processes() == [server.process.pid], TIMEOUT,
+               "the end of the session's processes")
+
+
+# what the front end refuses
+
+
+@pytest.mark.parametrize("kind", KINDS)
+@pytest.mark.parametrize("method", ["GET", "HEAD", "PUT", "PATCH", "OPTIONS"])
+def test_other_methods_get_405_and_are_told_which_ones_are_served(
+        record: Callable[..., Recorder], front: Front, kind: str, method: str) -> None:
+    recorder = record()
+    got = Caller(front(kind, recorder)).ask(method=method)
+    assert (got.status, got.header("Allow")) == (405, "POST, DELETE")
+    assert got.body == (b"" if method == "HEAD" else UNKNOWN_PATH)
+    assert recorder.connections == 0
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_what_the_front_end_refuses_costs_no_rate(listen: Listen, front: Front, kind: str) -> None:
+    allowed = 3
+    caller = Caller(front(kind, listen(KOVA_MCP_HTTP_RATE_PER_MINUTE=str(allowed))))
+    for path in ("/", "/mcp/", "/mcp2", "/MCP", "/other?path=/mcp", "/.well-known/x"):
+        got = caller.ask(INITIALIZE, path=path)
+        assert (got.status, got.body) == (404, UNKNOWN_PATH), path
+    for name in ("other.example.com", "localhost.example.com", "127.0.0.2:443"):
+        got = caller.ask(INITIALIZE, headers={"Host": name})
+        assert (got.status, got.body) == (421, HOST_REFUSED), name
+    assert caller.ask(method="GET").status == 405
+    assert caller.ask(b" " * (BODY_LIMIT + 1)).status == 413
+    if kind == "haproxy":
+        assert caller.ask(iter([INITIALIZE])).status == 411
+    for _ in range(allowed):
+        got = caller.ask(PING)
+        assert (got.status, got.body) == (400, NO_SESSION)
+    got = caller.ask(PING)
+    assert (got.status, got.body, got.header("Retry-After")) == (
+        429, b'{"error":"rate limit exceeded"}', "60")
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_an_unused_front_end_does_not_connect_to_the_listener(
+        record: Callable[..., Recorder], front: Front, kind: str) -> None:
+    recorder = record()
+    front(kind, recorder)
+    time.sleep(UNUSED_SECONDS)
+    assert recorder.connections == 0
+
+
+@pytest.mark.parametrize("kind", KINDS)
+@pytest.mark.parametrize("length", [BODY_LIMIT, BODY_LIMIT + 1])
+def test_bodies_up_to_the_limit_reach_the_listener(listen: Listen, front: Front, kind: str,
+                                                   length: int) -> None:
+    """What is beyond has the front end's own words in nginx, the listener's words in HAProxy."""
+    got = Caller(front(kind, listen())).ask(b" " * length)
+    if length <= BODY_LIMIT:
+        assert (got.status, got.body) == (400, NO_SESSION)
+    else:
+        assert got.status == 413
+        assert kind == "nginx" or got.body == UNBOUNDED
+
+
+def test_nginx_gives_chunks_their_length(listen: Listen, front: Front) -> None:
+    caller = Caller(front("nginx", listen()))
+    session_of(caller.ask(iter([INITIALIZE[:10], INITIALIZE[10:]])))
+    assert caller.ask(iter([b" " * BODY_LIMIT])).status == 400
+    assert caller.ask(iter([b" " * BODY_LIMIT, b" "])).status == 413
+
+
+def test_haproxy_refuses_what_has_no_length(record: Callable[..., Recorder], front: Front) -> None:
+    recorder = record()
+    end = front("haproxy", recorder)
+    got = Caller(end).ask(iter([INITIALIZE]))
+    assert (got.status, got.body) == (411, UNBOUNDED)
+    with Caller(end).connect() as connection:
+        connection.sendall(b"POST /mcp HTTP/1.1\r\nHost: localhost\r\n\r\n")
+        assert connection.recv(64).startswith(b"HTTP/1.1 411 ")
+    assert recorder.connections == 0
+
+
+# what the listener gets
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_the_request_as_the_listener_gets_it(record: Callable[..., Recorder], front: Front,
+                                             kind: str) -> None:
+    recorder = record()
+    end = front(kind, recorder)
+    got = Caller(end).ask(PING, path="/mcp?token=x&y=1", headers={
+        "Host": f"LOCALHOST:{end.port}", "X-Forwarded-Proto": "http", "Mcp-Session-Id": "abc"})
+    assert (got.status, got.body) == (200, b"{}")
+    [sent] = recorder.requests
+    head, _, body = sent.partition(b"\r\n\r\n")
+    line, *fields = head.decode("ascii").split("\r\n")
+    assert line == "POST /mcp HTTP/1.1"
+    assert body == PING
+    named = [(name.lower(), value.strip()) for name, _, value in
+             (field.partition(":") for field in fields)]
+    for name, value in (("host", "localhost"), ("x-forwarded-proto", "https"),
+                        ("connection", "close"), ("content-length", str(len(PING))),
+                        ("mcp-session-id", "abc"), ("authorization", f"Bearer {TOKEN}")):
+        assert [given.lower() if name == "host" else given for key, given in named
+                if key == name] == [value]
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_a_delete_passes(record: Callable[..., Recorder], front: Front, kind: str) -> None:
+    recorder = record()
+    assert Caller(front(kind, recorder)).ask(method="DELETE").status == 200
+    assert recorder.requests[0].startswith(b"DELETE /mcp HTTP/1.1\r\n")
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_the_listener_is_asked_when_the_request_is_whole(record: Callable[..., Recorder],
+                                                         front: Front, kind: str) -> None:
+    recorder = record()
+    body = b"x" * 100_000
+    with Caller(front(kind, recorder)).connect() as connection:
+        connection.sendall(b"POST /mcp HTTP/1.1\r\nHost: localhost\r\n"
+                           b"Content-Length: 100000\r\n\r\n" + body[:99_999])
+        time.sleep(0.5)
+        assert recorder.connections == 0
+        connection.sendall(body[99_999:])
+        assert connection.recv(64).startswith(b"HTTP/1.1 200 ")
+    assert recorder.requests[0].endswith(b"\r\n\r\n" + body)
+
+
+@pytest.mark.parametrize("kind, changes", [
+    ("nginx", {"client_body_timeout 30s": "client_body_timeout 1s; send_timeout 1s"}),
+    ("haproxy", {"timeout client 60s": "timeout client 1s",
+                 "timeout http-request 10s": "timeout http-request 1s"})])
+def test_no_limit_on_the_client_cuts_a_long_call(record: Callable[..., Recorder], front: Front,
+                                                 kind: str, changes: dict[str, str]) -> None:
+    got = Caller(front(kind, record(delay=3.0), changes=changes)).ask(PING)
+    assert (got.status, got.body) == (200, b"{}")
+
+
+# CORS
+
+
+def cors_headers(answer: Answer) -> dict[str, str]:
+    return {name: value for name, value in answer.headers.items()
+            if name.startswith("access-control-") or name == "vary"}
+
+
+PREFLIGHT = {"Origin": ORIGIN, "Access-Control-Request-Method": "POST",
+             "Access-Control-Request-Headers": "authorization,content-type,mcp-session-id"}
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_cors_is_off(listen: Listen, front: Front, kind: str) -> None:
+    caller = Caller(front(kind, listen()))
+    preflight = caller.ask(method="OPTIONS", headers=PREFLIGHT)
+    assert (preflight.status, cors_headers(preflight)) == (405, {})
+    got = caller.ask(INITIALIZE, headers={"Origin": ORIGIN})
+    assert (got.status, got.body, cors_headers(got)) == (403, ORIGIN_REFUSED, {})
+    got = caller.ask(INITIALIZE)
+    assert (got.status, cors_headers(got)) == (200, {})
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_cors_for_a_configured_origin(listen: Listen, front: Front, kind: str) -> None:
+    caller = Caller(front(kind, listen(KOVA_MCP_HTTP_ALLOWED_ORIGINS=ORIGIN),
+                          changes=WITH_ORIGIN[kind]))
+    readable = {"access-control-allow-origin": ORIGIN, "vary": "Origin",
+                "access-control-expose-headers": "Mcp-Session-Id"}
+    preflight = caller.ask(method="OPTIONS", headers=PREFLIGHT)
+    assert (preflight.status, preflight.body) == (204, b"")
+    assert preflight.header("Access-Control-Allow-Origin") == ORIGIN
+    assert preflight.header("Access-Control-Allow-Methods") == "POST, DELETE"
+    assert preflight.header("Access-Control-Allow-Headers") == (
+        "Authorization, Content-Type, Mcp-Session-Id, MCP-Protocol-Version")
+    assert preflight.header("Vary") == "Origin"
+    first = caller.ask(INITIALIZE, headers={"Origin": ORIGIN})
+    assert cors_headers(first) == readable
+    session = session_of(first)
+    assert cors_headers(caller.ask(PING, headers={**session, "Origin": ORIGIN})) == readable
+    failed = caller.ask(PING, token="wrong", headers={"Origin": ORIGIN})
+    assert (failed.status, cors_headers(failed)) == (401, readable)
+    for other in ("https://evil.example.com", f"{ORIGIN}.example.com", "null"):
+        preflight = caller.ask(method="OPTIONS", headers={**PREFLIGHT, "Origin": other})
+        assert (preflight.status, cors_headers(preflight)) == (405, {})
+        got = caller.ask(INITIALIZE, headers={"Origin": other})
+        assert (got.status, got.body, cors_headers(got)) == (403, ORIGIN_REFUSED, {})
+
+
+# several listeners
+
+
+@pytest.fixture
+def pair(listen: Listen, front: Front) -> tuple[FrontEnd, list[HttpServer]]:
+    servers = [listen(), listen()]
+    return front("haproxy", *servers), servers
+
+
+def open_sessions(caller: Caller, count: int) -> list[dict[str, str]]:
+    return [session_of(caller.ask(INITIALIZE)) for _ in range(count)]
+
+
+def test_haproxy_keeps_more_than_sixteen_sessions_each_at_its_listener(
+        pair: tuple[FrontEnd, list[HttpServer]]) -> None:
+    end, servers = pair
+    caller = Caller(end)
+    sessions = open_sessions(caller, SESSIONS_OF_A_LISTENER + 4)
+    assert len({session["Mcp-Session-Id"] for session in sessions}) == len(sessions)
+    for _ in range(3):
+        for session in sessions:
+            assert answers(caller, session)
+    held = [len(server.processes()) - 1 for server in servers]
+    assert held == [len(sessions) // 2] * 2
+    for session in sessions:
+        assert caller.ask(method="DELETE", headers=session).status == 204
+        assert caller.ask(PING, headers=session).status == 404
+    for server in servers:
+        wait_until(lambda server=server: server.processes() == [server.process.pid], TIMEOUT,
+                   "the end of the sessions")
+
+
+def test_haproxy_finds_the_sessions_again_after_a_reload(
+        pair: tuple[FrontEnd, list[HttpServer]]) -> None:
+    """As after a new certificate."""
+    end, _ = pair
+    caller = Caller(end)
+    sessions = open_sessions(caller, 6)
+    time.sleep(SECONDS_TO_HAND_OVER)
+    end.reload()
+    # Every other one is at the same listener: taking turns does not find them.
+    for session in sessions[::2]:
+        assert answers(caller, session)
+
+
+def test_haproxy_does_without_a_listener_that_has_ended(
+        pair: tuple[FrontEnd, list[HttpServer]]) -> None:
+    end, servers = pair
+    caller = Caller(end)
+    sessions = open_sessions(caller, 4)
+    servers[0].stop()
+    got = [caller.ask(PING, headers=session) for session in sessions]
+    assert sorted(answer.status for answer in got) == [200, 200, 404, 404]
+    assert {answer.body for answer in got if answer.status == 404} == {NO_SESSION}
+    for session in open_sessions(caller, 4):
+        assert answers(caller, session)
+
+
+def test_haproxy_learns_where_a_session_is_from_answers_alone(
+        pair: tuple[FrontEnd, list[HttpServer]]) -> None:
+    """An id that it does not know goes to the listeners in turn, until one answers it."""
+    end, servers = pair
+    caller = Caller(end)
+    sessions = [session_of(server.ask_directly(INITIALIZE)) for server in servers for _ in range(3)]
+    missed = 0
+    for session in sessions:
+        while not answers(caller, session):
+            missed += 1
+            assert missed < len(sessions)
+    assert missed > 0
+    for session in sessions:
+        assert answers(caller, session)
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_without_a_listener_the_front_end_says_so(
+        record: Callable[..., Recorder], front: Front, kind: str) -> None:
+    recorder = record()
+    end = front(kind, recorder)
+    recorder.stop()
+    assert Caller(end).ask(PING).status == {"nginx": 502, "haproxy": 503}[kind]
