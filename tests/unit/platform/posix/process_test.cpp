@@ -11,7 +11,6 @@
 
 #include "platform/console.h"
 #include "support/child_modes.h"
-#include "support/environment.h"
 
 namespace kova {
 namespace {
@@ -56,16 +55,6 @@ TEST(ChildProcessPosix, TheSignalOfABrokenPipeIsTheDefaultOne) {
   child.close_input();
   child.wait();
   EXPECT_EQ(child.collect(), 0U);
-}
-
-// Linux executes nothing with a variable of 128 KiB or more.
-TEST(ChildProcessPosix, AnExecThatFailsIsNoStart) {
-  const testing::ScopedEnvironment large("KOVA_TEST_LARGE", std::string(131072, 'x'));
-  ChildProcess child;
-  EXPECT_FALSE(child.start(testing::kChildEcho));
-  errno = 0;
-  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
-  EXPECT_EQ(errno, ECHILD);
 }
 
 }  // namespace
