@@ -3,12 +3,13 @@
 from __future__ import annotations
 
 import fcntl
+import select
 import shutil
 import subprocess
 from pathlib import Path
 from typing import Mapping, Sequence
 
-from waiting import TIMEOUT
+from waiting import TIMEOUT, wait_until
 
 WINE = "/usr/lib/wine/wine64"
 
@@ -59,7 +60,17 @@ class Target:
                 subprocess.run([WINE, "wineboot", "-i"], env=env, check=True, timeout=300, **quiet)
             # Wine's own servers keep the streams of the process that starts them.
             subprocess.run([WINE, "cmd", "/c", "exit"], env=env, check=True, timeout=300, **quiet)
-            self._keeper = subprocess.Popen([WINE, "cmd"], env=env, stdin=subprocess.PIPE, **quiet)
+            wait_until(lambda: self._start_keeper(env), TIMEOUT, "a process that keeps Wine up")
+
+    def _start_keeper(self, env: Environment) -> bool:
+        """A program of Wine's that waits for its input to end. False when it did not come up: it
+        has met servers that were about to end, as they do when no program is left."""
+        self._keeper = subprocess.Popen([WINE, "cmd", "/k", "echo up"], env=env,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.DEVNULL)
+        said = self._keeper.stdout
+        assert said is not None
+        return bool(select.select([said], [], [], TIMEOUT)[0]) and said.readline().startswith(b"up")
 
     def release(self) -> None:
         if self._keeper is not None and self._keeper.stdin is not None:
