@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -18,6 +19,7 @@
 #include "support/captured_output.h"
 #include "support/child_modes.h"
 #include "support/environment.h"
+#include "support/thread_failure.h"
 
 namespace kova {
 namespace {
@@ -26,6 +28,7 @@ using testing::AllocationFailure;
 using testing::CapturedOutput;
 using testing::ScopedEnvironment;
 using testing::Stream;
+using testing::ThreadFailure;
 using namespace std::string_literals;
 
 // One step of a client's session: it writes bytes, waits until the server has written a text, or
@@ -425,6 +428,22 @@ TEST_F(StdioServer, ANewCallForgetsTheCancelOfTheLastOne) {
                    then([this] { mode_.set(testing::kChildEcho); }), send(call("2") + "\n"),
                    await_output("tools/call"), send(call("1") + "\n")}),
             cancelled_reply("1") + call("2") + "\n" + call("1") + "\n");
+}
+
+// Neither has a child, and the server goes on.
+TEST_F(StdioServer, WithoutMemoryForACall) {
+  std::optional<AllocationFailure> failure;
+  EXPECT_EQ(serve({then([&] { failure.emplace(1); }), send(call("1") + "\n"),
+                   then([&] { failure.reset(); }), send(ping("2") + "\n")}),
+            error_reply("null", "-32603", "server memory limit") + pong("2"));
+  EXPECT_TRUE(AllocationFailure::happened());
+}
+
+TEST_F(StdioServer, WithoutAThreadForACall) {
+  std::optional<ThreadFailure> failure;
+  EXPECT_EQ(serve({then([&] { failure.emplace(); }), send(call("1") + "\n"),
+                   then([&] { failure.reset(); }), send(ping("2") + "\n")}),
+            error_reply("null", "-32603", "worker creation failed") + pong("2"));
 }
 
 TEST_F(StdioServer, AFailingChildDoesNotStopTheServer) {

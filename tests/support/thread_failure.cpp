@@ -1,0 +1,33 @@
+#include "support/thread_failure.h"
+
+#include <atomic>
+
+#include "platform/thread.h"
+
+namespace kova::testing {
+
+// The names that the linker's --wrap gives to Thread::start and to its stand-in.
+bool real_start(Thread* thread, Thread::Entry entry,
+                void* argument) __asm__("__real__ZN4kova6Thread5startEPFPvS1_ES1_");
+bool start(Thread* thread, Thread::Entry entry,
+           void* argument) __asm__("__wrap__ZN4kova6Thread5startEPFPvS1_ES1_");
+
+namespace {
+
+std::atomic<bool> failing{false};
+
+}  // namespace
+
+bool start(Thread* thread, Thread::Entry entry, void* argument) {
+  return !failing && real_start(thread, entry, argument);
+}
+
+ThreadFailure::ThreadFailure() {
+  failing = true;
+}
+
+ThreadFailure::~ThreadFailure() {
+  failing = false;
+}
+
+}  // namespace kova::testing

@@ -1,0 +1,16 @@
+// Threads that cannot be started. The unit test binary is linked so that Thread::start passes
+// through here.
+#pragma once
+
+namespace kova::testing {
+
+/// While it lives, no Thread starts.
+class ThreadFailure {
+ public:
+  ThreadFailure();
+  ~ThreadFailure();
+  ThreadFailure(const ThreadFailure&) = delete;
+  ThreadFailure& operator=(const ThreadFailure&) = delete;
+};
+
+}  // namespace kova::testing
