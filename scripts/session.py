@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import os
 import sys
+from typing import Callable
 
 from session_acts import ACTS, Stage, Tally
 from session_client import SessionFailure
@@ -71,8 +72,13 @@ def main(arguments: list[str]) -> int:
         print("session.py: expected linux, windows or serve", file=sys.stderr)
         return 2
     view = standard_view(sys.stderr if arguments == ["serve"] else sys.stdout)
+    return guarded(view, lambda: run(arguments[0], view))
+
+
+def guarded(view: View, action: Callable[[], int]) -> int:
+    """The exit code of the action, or of what has ended it, which is said in one line."""
     try:
-        return run(arguments[0], view)
+        return action()
     except SessionFailure as failure:
         view.line()
         view.line(f"./run failed: {failure}", "red")

@@ -61,7 +61,9 @@ def nginx_configuration(folder: Path, certificate: Path, port: int, listener_por
 
 
 def nginx_command(configuration: Path) -> list[str]:
-    return ["/usr/sbin/nginx", "-e", "stderr", "-c", str(configuration), "-g", "daemon off;"]
+    """One process, which leaves no worker behind however it ends."""
+    return ["/usr/sbin/nginx", "-e", "stderr", "-c", str(configuration),
+            "-g", "daemon off; master_process off;"]
 
 
 def haproxy_configuration(certificate: Path, port: int, listener_ports: Sequence[int]) -> str:

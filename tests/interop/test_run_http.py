@@ -1,0 +1,179 @@
+"""./run http, as somebody types it. It uses the checkout's own build folder."""
+
+from __future__ import annotations
+
+import http.client
+import json
+import os
+import re
+import signal
+import ssl
+import subprocess
+import uuid
+from pathlib import Path
+from typing import Any, Iterator
+
+import pytest
+
+from kova import TIMEOUT, Target, request, wait_until
+
+ROOT = Path(__file__).resolve().parents[2]
+STATE = ROOT / "build" / "run"
+MARKER = "KOVA_RUN_SESSION"
+FIRST_RUN_LIMIT = 600.0  # it may have to build
+
+
+class Served:
+    """A running ./run http, and what it has printed up to the client's entry."""
+
+    def __init__(self, target: Target) -> None:
+        self.marker = uuid.uuid4().hex
+        command = [str(ROOT / "run"), "http", *(["windows"] if target.windows else [])]
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT, text=True,
+                                        env={**os.environ, MARKER: self.marker})
+        self.text = self._read_to_the_end_of_the_entry()
+        self.entry = json.loads(self.text[self.text.index('{\n  "mcpServers"'):])
+        self.certificate = Path(self.printed("Certificate"))
+        self.folder = self.certificate.parent
+
+    def _read_to_the_end_of_the_entry(self) -> str:
+        assert self.process.stdout is not None
+        text = ""
+        for line in self.process.stdout:
+            text += line
+            if line == "}\n":
+                return text
+        raise AssertionError(text)
+
+    def printed(self, name: str) -> str:
+        match = re.search(rf"^{name} +(\S+)$", self.text, re.M)
+        assert match is not None, self.text
+        return match[1]
+
+    def connect(self) -> http.client.HTTPSConnection:
+        port = int(self.printed("URL").split(":")[2].partition("/")[0])
+        context = ssl.create_default_context(cafile=str(self.certificate))
+        return http.client.HTTPSConnection("127.0.0.1", port, context=context, timeout=TIMEOUT)
+
+    def ask(self, message: bytes, **headers: str) -> http.client.HTTPResponse:
+        connection = self.connect()
+        [server] = self.entry["mcpServers"].values()
+        connection.request("POST", "/mcp", message, {**server["headers"], **headers})
+        return connection.getresponse()
+
+    def processes(self) -> dict[int, str]:
+        """By the marker that they inherit, and nginx, which hides it, by the folder that it names."""
+        found = {}
+        for folder in Path("/proc").iterdir():
+            try:
+                if not folder.name.isdigit():
+                    continue
+                variables = (folder / "environ").read_bytes().split(b"\0")
+                command = (folder / "cmdline").read_bytes()
+            except OSError:
+                continue
+            if (f"{MARKER}={self.marker}".encode() in variables
+                    or str(self.folder).encode() in command):
+                found[int(folder.name)] = (folder / "comm").read_text().strip()
+        return {pid: name for pid, name in found.items()
+                if name.startswith(("kova-", "python3", "run", "nginx"))}
+
+    def end(self, number: signal.Signals = signal.SIGINT) -> str:
+        assert self.process.stdout is not None
+        self.process.send_signal(number)
+        rest = self.process.stdout.read()
+        self.process.wait(TIMEOUT)
+        return rest
+
+
+@pytest.fixture(scope="module")
+def prepared(target: Target) -> None:
+    """Everything is built and loaded: only then is the time until the entry a matter of seconds."""
+    command = [str(ROOT / "run")] + (["windows"] if target.windows else [])
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+@pytest.fixture
+def served(prepared: None, target: Target) -> Iterator[Served]:
+    made = Served(target)
+    yield made
+    if made.process.poll() is None:
+        made.end()
+    wait_until(lambda: not made.processes(), TIMEOUT, "the end of everything that was started")
+
+
+def result_of(answer: http.client.HTTPResponse) -> Any:
+    assert answer.status == 200, answer.read()
+    return json.loads(answer.read())["result"]
+
+
+def test_what_it_prints_serves_a_client(served: Served, target: Target) -> None:
+    assert f"Serving the sample database with {target.executable.name} behind nginx." in served.text
+    url, token = served.printed("URL"), served.printed("Bearer token")
+    assert re.fullmatch(r"https://localhost:\d+/mcp", url)
+    assert len(token) >= 32
+    assert served.entry == {"mcpServers": {"vantreo-sample": {
+        "type": "http", "url": url, "headers": {"Authorization": f"Bearer {token}"}}}}
+    first = served.ask(request("initialize", 1, {}))
+    session = {"Mcp-Session-Id": first.headers["Mcp-Session-Id"]}
+    assert result_of(first)["serverInfo"]["name"] == "Vantreo MCP"
+    query = request("tools/call", 2, {"name": "kova_query", "arguments": {
+        "sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"}})
+    assert int(result_of(served.ask(query, **session))["structuredContent"]["rows"][0][0]) > 1000
+    assert served.ask(query, Authorization="Bearer " + "x" * 32).status == 401
+
+
+def test_the_key_is_for_its_owner_only(served: Served) -> None:
+    key = served.certificate.with_name("server.pem.key")
+    assert key.stat().st_mode & 0o077 == 0
+    assert served.folder.stat().st_mode & 0o077 == 0
+    assert served.folder.parent == STATE
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_it_stops_everything(served: Served, number: signal.Signals) -> None:
+    """With a session that is open, so that a session's process is there, too."""
+    assert served.ask(request("initialize", 1, {})).status == 200
+    names = {name[:8] for name in served.processes().values()}
+    assert names >= {"kova-mcp", "kova-sam", "nginx", "python3"}
+    rest = served.end(number)
+    assert (served.process.returncode, rest.splitlines()[-1]) == (
+        130, "./run: interrupted; nothing is left running.")
+    assert served.processes() == {}
+    assert not served.folder.exists()
+
+
+def test_nothing_runs_on_without_it(served: Served) -> None:
+    assert served.ask(request("initialize", 1, {})).status == 200
+    served.end(signal.SIGKILL)
+    wait_until(lambda: not served.processes(), TIMEOUT, "the end of everything that was started")
+
+
+@pytest.mark.parametrize("name", ["nginx", "kova-sample-engine", "--http"])
+def test_it_says_what_has_ended(served: Served, name: str) -> None:
+    words = {"nginx": "nginx has ended", "kova-sample-engine": "the sample engine has ended",
+             "--http": "the listener has ended"}
+    os.kill(process_with(served, name), signal.SIGKILL)
+    assert served.process.stdout is not None
+    rest = served.process.stdout.read()
+    assert served.process.wait(TIMEOUT) == 1
+    assert rest.splitlines()[-1].startswith(f"./run failed: {words[name]}")
+
+
+def process_with(served: Served, word: str) -> int:
+    found = [pid for pid in served.processes()
+             if word.encode() in Path(f"/proc/{pid}/cmdline").read_bytes()]
+    assert len(found) == 1, found
+    return found[0]
+
+
+@pytest.mark.parametrize("arguments, word", [
+    (["http", "linux"], "linux"), (["http", "windows", "x"], "x"), (["serve", "http"], "http")])
+def test_bad_arguments_get_one_line(arguments: list[str], word: str) -> None:
+    done = subprocess.run([str(ROOT / "run"), *arguments], capture_output=True, text=True,
+                          timeout=TIMEOUT, check=False)
+    assert (done.returncode, done.stdout, done.stderr) == (
+        2, "", f"run: unexpected argument {word}; try --help\n")
