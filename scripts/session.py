@@ -14,6 +14,7 @@ from typing import Callable
 from session_acts import ACTS, Stage, Tally
 from session_client import SessionFailure
 from session_sample import STATE, Engine, Processes, Target, all_processes, prepare
+from session_search import ThirdAct
 from session_view import View, standard_view
 from session_writes import SecondAct
 
@@ -29,7 +30,8 @@ def play(target: Target, view: View, processes: Processes) -> Tally:
     first = 1
     for profile, acts in (
             (engine.profile(target), ACTS),
-            (engine.profile_for_writes(target), SecondAct().acts)):
+            (engine.profile_for_writes(target), SecondAct().acts),
+            (engine.profile(target), ThirdAct().acts)):
         stage = Stage.open(view, target, engine, processes, target.environment(profile), tally)
         for number, act in enumerate(acts, first):
             view.heading(f"{number}. {act.title}")

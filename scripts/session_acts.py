@@ -128,17 +128,22 @@ def readable(reply: dict[str, Any]) -> dict[str, Any]:
     """The reply with notes for what stands in a table below it, and for what stands in it twice."""
     result = reply.get("result", {})
     content = result.get("structuredContent", {})
-    if "rows" in content:
+    parts = {key: _without_rows(part) for key, part in content.items() if isinstance(part, dict)}
+    if "rows" in content or parts:
         length = len(result["content"][0]["text"])
         text = Note(f"the same as a text of {count(length, 'character')}")
-        result = {**result, "content": [{**result["content"][0], "text": text}]}
-    if content.get("columns"):
-        rows = Note(count(len(content["rows"]), "row") + ", below")
-        result = {**result, "structuredContent": {**content, "rows": rows}}
+        result = {**result, "content": [{**result["content"][0], "text": text}],
+                  "structuredContent": {**_without_rows(content), **parts}}
     if len(result.get("tools", [])) > 1:
         more = Note(f"{len(result['tools']) - 1} more, below")
         result = {**result, "tools": [result["tools"][0], more]}
     return {**reply, "result": result} if "result" in reply else reply
+
+
+def _without_rows(content: dict[str, Any]) -> dict[str, Any]:
+    if not content.get("columns"):
+        return content
+    return {**content, "rows": Note(count(len(content["rows"]), "row") + ", below")}
 
 
 # the acts

@@ -34,6 +34,7 @@ from session_view import Step, View
 ROOT = Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build"
 STATE = BUILD / "run"
+ENGINE = BUILD / "linux" / "sample" / "kova-sample-engine"
 WINE_PREFIX = BUILD / "wineprefix"
 WINE = "/usr/lib/wine/wine64"
 WINE_SERVER = "/usr/lib/wine/wineserver"
@@ -178,6 +179,7 @@ def prepare(target: Target, view: View, processes: Processes) -> None:
             _prepare_wine(view, processes)
         _install(target)
         _load_data(view, processes)
+        _embed_data(view, processes)
         _make_secret_file(STATE / "users", f"{USER}:{secrets.token_hex(16)}")
         _make_secret_file(STATE / "approval-secret", secrets.token_hex(32))
         _make_policy_for_writes(target)
@@ -284,6 +286,14 @@ def _load_data(view: View, processes: Processes) -> None:
         step.outcome = f": {last}" if last.startswith("loaded") else ": up to date"
 
 
+def _embed_data(view: View, processes: Processes) -> None:
+    with view.step("AI collections of the sample data") as step:
+        last = _run(processes, [str(ENGINE), "--data", str(STATE / "data"), "--embed"],
+                    "the collections cannot be built", view,
+                    lambda line: _show_progress(step, line))
+        step.outcome = f": {last}"
+
+
 def _make_secret_file(path: Path, line: str) -> None:
     """What is in it is this machine's own, for whoever can read the file."""
     if path.exists():
@@ -323,8 +333,8 @@ class Engine:
         with open(self.log_file, "ab") as log:
             self._log_start = log.tell()
             self.process = processes.start(
-                [str(BUILD / "linux" / "sample" / "kova-sample-engine"),
-                 "--data", str(STATE / "data"), "--users", str(STATE / "users"), "--log"],
+                [str(ENGINE), "--data", str(STATE / "data"), "--users", str(STATE / "users"),
+                 "--log"],
                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log)
         self.port = self._wait_until_ready()
 

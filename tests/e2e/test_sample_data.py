@@ -236,7 +236,11 @@ def test_the_sample_policies_fit_the_sample_data(loader: Loader) -> None:
         "SELECT name FROM sqlite_schema WHERE type = 'table' AND name NOT LIKE 'sqlite_%'"
         " AND name NOT LIKE 'AI\\_%' ESCAPE '\\'")}
     assert set(notes["allowed_tables"]) == tables
-    assert set(reads["allowed_tables"]) == tables - {"NOTES"}
+    assert set(reads["allowed_tables"]) == tables - {"NOTES"} | {"PACKAGE_TEXTS_VECTORS"}
+    assert loader.query("SELECT NAME, SOURCE_TABLE FROM AI_COLLECTIONS") == [
+        ("NOTE_TEXTS", "NOTES"), ("PACKAGE_TEXTS", "PACKAGES")]
+    assert (reads["allowed_collections"], notes["allowed_collections"]) == (["PACKAGE_TEXTS"], [])
+    assert reads["provider_reads_enabled"] and not notes["provider_reads_enabled"]
     columns = {name for (name,) in loader.query("SELECT name FROM pragma_table_info('PACKAGES')")}
     assert "MAINTAINER" in columns
     for policy in (reads, notes):

@@ -85,7 +85,7 @@ def test_the_session(prepared: list[str], target: Target, watch: Watch) -> None:
     assert (done.returncode, done.stderr) == (0, ""), text
     assert watch.left() == []
     assert text.splitlines()[-1] == (
-        f"Session complete on {target.name}: 22 requests answered, 9 calls refused as the policy"
+        f"Session complete on {target.name}: 35 requests answered, 12 calls refused as the policy"
         " wants it, 1 cancelled, 1 approved and written; nothing is left running.")
     for method in ("initialize", "notifications/initialized", "tools/list", "tools/call",
                    "notifications/cancelled"):
@@ -110,7 +110,7 @@ def test_the_second_act(prepared: list[str], target: Target, watch: Watch) -> No
     done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
                           timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
     assert (done.returncode, done.stderr) == (0, ""), done.stdout
-    text = done.stdout[done.stdout.index("\n10. "):]
+    text = done.stdout[done.stdout.index("\n10. "):done.stdout.index("\n16. ")]
     statement = re.search(r'^\$ printf %s "(INSERT INTO NOTES .*;)" \| sha256sum$', text, re.M)
     assert statement is not None
     digest = hashlib.sha256(statement[1].encode()).hexdigest()
@@ -144,6 +144,45 @@ def test_the_second_act(prepared: list[str], target: Target, watch: Watch) -> No
         ("kova_execute", "approval_accepted", "NOTES", "ok"),
         ("kova_execute", "deny", "NOTES", "error"),
         ("kova_query", "allow", "policy-select", "ok")]
+
+
+def test_the_third_act(prepared: list[str], target: Target, watch: Watch) -> None:
+    done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
+    assert (done.returncode, done.stderr) == (0, ""), done.stdout
+    assert re.search(r"^AI collections of the sample data: sample\.PACKAGE_TEXTS: \d+ vectors ",
+                     done.stdout, re.M)
+    text = done.stdout[done.stdout.index("\n16. "):]
+    hit = r"^ +1 +0\.\d+ +\d+  "
+    appear_in_order(text, [
+        "kova_vector_search, kova_text_search, kova_hybrid_search, kova_ai_status$",
+        '"text": "tool to edit photos"', r"^ +RANK +SCORE +VECTOR_ID +SOURCE_KEY$", hit + r"\S+$",
+        '"source_table": "PACKAGES"', r"SOURCE_KEY +SECTION +INSTALLED_SIZE +SUMMARY$",
+        hit + r"\S+ +graphics +\d+  \S", r"^ +10 +0\.\d+ ",
+        "FROM PACKAGE_TEXTS_VECTORS WHERE SOURCE_KEY = 'gimp'", r"^  gimp +\[-?\d+\.\d+,",
+        '"vector": [', r"^ +1 +1\.0 +\d+  gimp$",
+        '"provider": "LOCAL"', r"^  STATE +READY$", r"^  VECTORS +\d{4,}$",
+        r"^  TEMPORARY_TABLES +0$", r"^  LOCAL +READY ", r"^ +\d+ +BUILD +DONE ",
+        '"collection": "NOTE_TEXTS"', "collection is invalid or not allowed by MCP policy",
+        '"columns": ["SUMMARY", "MAINTAINER"]', "hybrid column is denied by MCP policy",
+        "kova_query, kova_vector_search, kova_ai_status$",
+        "provider-backed MCP reads are disabled by policy or kill switch",
+        r"^ +1 +1\.0 +\d+  gimp$"])
+    audited = re.findall(r"^ +\d+  (kova_\w+) +(allow|deny|kill_switch) +(PACKAGE_TEXTS(?:,LOCAL)?"
+                         r"|policy-select|) .* (ok|error)$", text, re.M)
+    assert audited == [
+        ("kova_text_search", "allow", "PACKAGE_TEXTS", "ok"),
+        ("kova_hybrid_search", "allow", "", "ok"),
+        ("kova_query", "allow", "policy-select", "ok"),
+        ("kova_vector_search", "allow", "PACKAGE_TEXTS", "ok"),
+        ("kova_ai_status", "allow", "PACKAGE_TEXTS,LOCAL", "ok"),
+        ("kova_text_search", "deny", "", "error"),
+        ("kova_hybrid_search", "allow", "", "error"),
+        ("kova_text_search", "kill_switch", "", "error"),
+        ("kova_vector_search", "allow", "PACKAGE_TEXTS", "ok")]
+    log = (STATE / f"engine-{target.name}.log").read_text("utf-8", "replace")
+    made = re.findall(r"INTO TEMP (mcp_hits_\d+_\d+); -> OK", log)
+    assert made and f"DROP TABLE {made[-1]}; -> OK" in log
 
 
 def appear_in_order(text: str, patterns: list[str]) -> None:
@@ -253,7 +292,8 @@ def test_serve_is_what_a_client_starts(prepared: list[str], watch: Watch,
         {"name": "kova_list_tables", "args": {}},
         {"name": "kova_query", "args": {"sql": "SELECT MAINTAINER FROM PACKAGES"}}])
     tables, refused = [outcome["result"] for outcome in session["findings"]]
-    assert tables["structuredContent"]["rows"] == [["PACKAGES"], ["SECTIONS"], ["DEPENDS"]]
+    assert tables["structuredContent"]["rows"] == [
+        ["PACKAGES"], ["SECTIONS"], ["DEPENDS"], ["PACKAGE_TEXTS_VECTORS"]]
     assert refused["content"][0]["text"] == "column is denied by MCP policy"
     assert (session["closed"]["exitCode"], session["errors"]) == (0, [])
 
@@ -281,7 +321,7 @@ def test_help_fits_a_screen() -> None:
     assert len(lines) <= SCREEN[0] and max(map(len, lines)) <= SCREEN[1]
     for words in ("./run windows", "./run serve", "without root", "protocol only",
                   "A second run starts within seconds", "Nothing is left running",
-                  "the operator's approval", "kill switch", "approval-secret"):
+                  "the operator's approval", "kill switch", "approval-secret", "AI search"):
         assert words in done.stdout
 
 
