@@ -13,6 +13,21 @@ constexpr std::uintptr_t kLastHandle = 0x1000;
 
 HANDLE log_handle = INVALID_HANDLE_VALUE;
 
+// Wine looks the file's end up before it writes there, so processes write one at a time.
+class LogTurn {
+ public:
+  LogTurn() {
+    if (mutex_ == nullptr) mutex_ = ::CreateMutexA(nullptr, FALSE, "scripted-library-log");
+    ::WaitForSingleObject(mutex_, INFINITE);
+  }
+  ~LogTurn() { ::ReleaseMutex(mutex_); }
+  LogTurn(const LogTurn&) = delete;
+  LogTurn& operator=(const LogTurn&) = delete;
+
+ private:
+  static inline HANDLE mutex_ = nullptr;
+};
+
 void write_all(DWORD stream, const std::string& text) {
   std::size_t done = 0;
   while (done < text.size()) {
@@ -52,6 +67,7 @@ void append_to_log(const std::string& path, const std::string& line) {
                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   }
+  const LogTurn turn;
   DWORD written = 0;
   const auto size = static_cast<DWORD>(line.size());
   if (!::WriteFile(log_handle, line.data(), size, &written, nullptr)) std::exit(98);
