@@ -10,8 +10,10 @@ set(KOVA_SANITIZE "" CACHE STRING "sanitizers to build everything with")
 if(KOVA_SANITIZE)
   add_compile_options(-fsanitize=${KOVA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${KOVA_SANITIZE})
-  # The sanitizers' own code makes this warning see what is not there, in the standard library too.
-  target_compile_options(kova_warnings INTERFACE -Wno-maybe-uninitialized)
+  # The sanitizers' own code makes this warning of GCC see what is not there, in the standard library
+  # too.
+  target_compile_options(kova_warnings INTERFACE
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
 add_library(kova_hardening INTERFACE)
