@@ -28,6 +28,12 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption("--build-dir", type=Path, help="where it was built; build/<target>")
 
 
+def pytest_ignore_collect(collection_path: Path, config: pytest.Config) -> "bool | None":
+    """What one system alone has is looked at there alone."""
+    other = {"linux": "win32", "windows": "posix"}[config.getoption("--target")]
+    return True if other in collection_path.relative_to(ROOT).parts else None
+
+
 def pytest_report_header(config: pytest.Config) -> str:
     return f"target: {config.getoption('--target')}"
 

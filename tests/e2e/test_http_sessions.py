@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import itertools
 import json
-import os
 import re
 import select
 from concurrent.futures import ThreadPoolExecutor
@@ -617,15 +616,3 @@ def test_it_runs_the_listener_s_executable_without_arguments(endpoint, session):
     with open(f"/proc/{pid}/cmdline", "rb") as file:
         command = file.read().rstrip(b"\0").decode()
     assert re.split(r"[/\\]", command)[-1] == endpoint.server.target.executable.name
-
-
-def test_it_holds_its_standard_streams_alone(endpoint, session):
-    """Neither another session's pipes nor a client's connection, in whatever order they came."""
-    with endpoint.connect():
-        second = endpoint.open_session()
-        children = endpoint.children()
-        assert len(children) == 2
-        if not endpoint.server.target.windows:
-            for pid in children:
-                assert sorted(os.listdir(f"/proc/{pid}/fd")) == ["0", "1", "2"]
-        assert endpoint.delete(second) == CLOSED
