@@ -238,6 +238,17 @@ def test_several_messages_in_one_body(endpoint, session):
         assert endpoint.post_message(ping(number), session) == answered(session, reply)
 
 
+def test_what_a_session_leaves_unread_is_not_the_next_one_s(endpoint):
+    """Though it takes the same place."""
+    first = endpoint.open_session()
+    assert endpoint.post(ping(1) + ping(2) + ping(3), first) == answered(first, pong(1))
+    assert endpoint.post_message(ping(4), first) == answered(first, pong(2))
+    assert endpoint.delete(first) == CLOSED
+    second = endpoint.open_session()
+    assert endpoint.post_message(ping(5), second) == answered(second, pong(5))
+    assert endpoint.delete(second) == CLOSED
+
+
 def test_many_messages_in_one_body(endpoint, session):
     """Their answers, more than a pipe holds at once, come back one by one and whole."""
     ids = [f"{'i' * 88}{number:04}" for number in range(200)]
