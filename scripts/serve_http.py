@@ -109,8 +109,8 @@ def show(view: View, stage: Stage, url: str) -> None:
     view.note("The client's entry:")
     view.line(json.dumps({"mcpServers": {"vantreo-sample": entry}}, indent=2))
     view.line()
-    view.note("The certificate is self-signed and ends with this session. A client on Node.js trusts")
-    view.note("it when it is started with NODE_EXTRA_CA_CERTS and the certificate's path.")
+    view.note("The certificate is self-signed and ends with this session. A client on Node.js")
+    view.note("trusts it when NODE_EXTRA_CA_CERTS names it.")
 
 
 def watch(servers: Sequence[Server]) -> None:

@@ -63,7 +63,7 @@ class Served:
         return connection.getresponse()
 
     def processes(self) -> dict[int, str]:
-        """By the marker that they inherit, and nginx, which hides it, by the folder that it names."""
+        """By the marker that they inherit; nginx, which hides it, by the folder that it names."""
         found = {}
         for folder in Path("/proc").iterdir():
             try:
