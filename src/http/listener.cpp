@@ -36,6 +36,8 @@ struct Shared {
 
 /// What a connection's thread is given and frees.
 struct ConnectionContext {
+  ConnectionContext(Socket&& accepted, Shared& all) : socket(std::move(accepted)), shared(all) {}
+
   Socket socket;
   Shared& shared;
 };
