@@ -131,7 +131,11 @@ class Connection {
         state_(state),
         buffer_(static_cast<char*>(std::malloc(kRequestCapacity))),
         request_(buffer_) {}
-  ~Connection() { std::free(buffer_); }
+  ~Connection() {
+    // It holds the client's token.
+    if (buffer_ != nullptr) wipe(buffer_, request_.received().size());
+    std::free(buffer_);
+  }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 

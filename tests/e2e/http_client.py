@@ -248,6 +248,7 @@ class HttpListeners:
             listener.server.kill()
         for listener in self._started:
             listener.server.expect_no_process()
+            assert b"Sanitizer" not in listener.server.stderr, listener.server.stderr
 
 
 def free_ports() -> Iterator[int]:

@@ -10,12 +10,13 @@ import select
 import shutil
 import signal
 import socket
+from concurrent.futures import ThreadPoolExecutor
 from contextlib import ExitStack
 from pathlib import Path
 
 import pytest
 
-from http_client import CLOSED, SESSION_REQUIRED, accepted, answered
+from http_client import CLOSED, SESSION_REQUIRED, UNAUTHORIZED, accepted, answered
 from kova import TIMEOUT, notification, ping, pong, wait_until
 
 PIDFD_OPEN, PIDFD_GETFD = 434, 438  # system calls
@@ -153,6 +154,33 @@ def test_a_listener_that_was_stopped_goes_on(endpoint):
                 assert client.read_to_end() == answered(session, pong(number))
     assert endpoint.post_message(notification("nothing"), session) == accepted(session)
     assert endpoint.delete(session) == CLOSED
+
+
+def memory_of(pid: int) -> bytes:
+    """Everything that a process may write to."""
+    found = bytearray()
+    lines = Path(f"/proc/{pid}/maps").read_text("utf-8").splitlines()
+    with open(f"/proc/{pid}/mem", "rb") as memory:
+        for line in lines:
+            span, access = line.split()[:2]
+            begin, end = (int(part, 16) for part in span.split("-"))
+            if "rw" in access:
+                memory.seek(begin)
+                found += memory.read(end - begin)
+    return bytes(found)
+
+
+def test_what_a_client_has_sent_is_not_kept(endpoint):
+    """Its token above all."""
+    tokens = [f"{number:03}-sent-as-a-token" * 4 for number in range(20)]
+    with ThreadPoolExecutor(4) as pool:
+        answers = set(pool.map(
+            lambda token: endpoint.post(headers={"Authorization": f"Bearer {token}"}), tokens))
+    assert answers == {UNAUTHORIZED}
+    wait_for_rest(endpoint.server.process.pid)
+    memory = memory_of(endpoint.server.process.pid)
+    assert endpoint.token.encode() in memory  # in the environment
+    assert b"-sent-as-a-token" not in memory
 
 
 def test_an_executable_that_has_gone_starts_no_session(http, servers):
