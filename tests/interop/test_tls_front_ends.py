@@ -11,7 +11,7 @@ from typing import Any, Callable, Iterator, Mapping
 
 import pytest
 
-from kova import TIMEOUT, Target, request, wait_until
+from kova import TIMEOUT, Target, call, cancel, request, wait_until
 from policy_files import PolicyFiles
 from sales_engine import COUNT_ORDERS, ORDERS, SLOW, Engine, engine, executable, profile, result
 from tls_front_end import make_certificate
@@ -156,6 +156,41 @@ def test_a_whole_session_of_the_official_client(listen: Listen, front: Front, en
     assert found["statuses"][-2:] == [["DELETE", 204], ["POST", 400]]
     wait_until(lambda: sum("interrupted" in line for line in engine.log()) == interrupted + 1,
                TIMEOUT, "the interrupted statement in the engine's log")
+    wait_until(lambda: server.processes() == [server.process.pid], TIMEOUT,
+               "the end of the session's processes")
+
+
+@pytest.fixture(params=KINDS)
+def abandoned(request: pytest.FixtureRequest, listen: Listen, front: Front,
+              engine: Engine) -> "tuple[HttpServer, Caller, dict[str, str]]":
+    """A session whose slow call runs on after its client has closed the connection."""
+    server = listen()
+    caller = Caller(front(request.param, server))
+    session = session_of(caller.ask(INITIALIZE))
+    body = call(7, SLOW["name"], SLOW["args"]).rstrip()
+    head = (f"POST /mcp HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer {TOKEN}\r\n"
+            f"Mcp-Session-Id: {session['Mcp-Session-Id']}\r\nContent-Length: {len(body)}\r\n\r\n")
+    with caller.connect() as connection:
+        connection.sendall(head.encode() + body)
+        wait_until(server.workers, TIMEOUT, "the call's worker")
+        time.sleep(SLOW["ms"] / 1000)
+    time.sleep(0.5)
+    assert server.workers()
+    return server, caller, session
+
+
+def test_an_abandoned_call_can_be_cancelled(
+        abandoned: "tuple[HttpServer, Caller, dict[str, str]]") -> None:
+    server, caller, session = abandoned
+    assert caller.ask(cancel(7).rstrip(), headers=session).status == 202
+    assert answers(caller, session)
+    wait_until(lambda: not server.workers(), TIMEOUT, "the end of the worker")
+
+
+def test_delete_ends_an_abandoned_call(
+        abandoned: "tuple[HttpServer, Caller, dict[str, str]]") -> None:
+    server, caller, session = abandoned
+    assert caller.ask(method="DELETE", headers=session).status == 204
     wait_until(lambda: server.processes() == [server.process.pid], TIMEOUT,
                "the end of the session's processes")
 

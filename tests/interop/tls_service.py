@@ -66,6 +66,14 @@ class HttpServer:
     def processes(self) -> list[int]:
         return processes(self.marker)
 
+    def workers(self) -> list[int]:
+        found = []
+        for pid in self.processes():
+            with contextlib.suppress(OSError):  # it has ended meanwhile
+                if b"--tool-worker" in Path(f"/proc/{pid}/cmdline").read_bytes():
+                    found.append(pid)
+        return found
+
     def stop(self) -> None:
         """Its sessions end with it."""
         self.process.terminate()
