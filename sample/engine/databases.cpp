@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "base/ascii.h"
-#include "engine/jobs.h"
+#include "engine/collection_setup.h"
 
 namespace kova::sample {
 

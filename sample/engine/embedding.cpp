@@ -12,7 +12,7 @@ constexpr int kPieceProbes = 2;
 // The shares that gave the best ranking of Debian's package summaries.
 constexpr float kContextShare = 0.6F;
 constexpr float kContextDoubt = 3;  // so many texts halve the share
-constexpr float kPieceShare = 0.2F;
+constexpr float kPieceShare = 0.35F;
 constexpr float kLeastIdf = 0.1F;
 
 void add_scaled(Vector& sum, const Vector& addend, float factor) {

@@ -5,22 +5,11 @@
 // together with what it changes in one transaction, so that a job is done once or not at all.
 #pragma once
 
-#include <functional>
-#include <string>
-#include <string_view>
-
+#include "engine/collection_build.h"
 #include "engine/collections.h"
 #include "engine/store.h"
 
 namespace kova::sample {
-
-/// Is told how far the building of a collection is.
-using BuildProgress = std::function<void(std::string_view collection, int percent)>;
-
-/// Makes the engine's tables, and for each collection that is defined and has no build its
-/// triggers, its view and a queued build; none where the database defines no collection. A
-/// definition that is wrong becomes a failed build.
-[[nodiscard]] bool set_up_collections(Store& store);
 
 /// Sets collections up and runs jobs until none is queued. A job that fails for good is kept with
 /// its words. False when something else is in the way, with words in the store's `error()`; what is

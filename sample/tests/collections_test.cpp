@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "engine/collection_setup.h"
 #include "engine/jobs.h"
 #include "tests/engine_fixture.h"
 

@@ -110,6 +110,9 @@ TEST(VectorIndex, ReplacesAndRemoves) {
   EXPECT_EQ(index.size(), 2U);
   EXPECT_EQ(ids_of(index.nearest(axis(9), 1)), Ids{2});
   EXPECT_EQ(ids_of(index.nearest(axis(3), 1)), Ids{3});
+  index.put(3, axis(8));  // which has moved into the gap of 1
+  EXPECT_EQ(ids_of(index.nearest(axis(8), 1)), Ids{3});
+  EXPECT_EQ(ids_of(index.nearest(axis(9), 1)), Ids{2});
   index.remove(3);
   index.remove(2);
   EXPECT_EQ(index.size(), 0U);

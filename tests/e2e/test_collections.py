@@ -92,9 +92,9 @@ def test_fewer_rows_than_asked_for_are_not_truncated(server: Server) -> None:
 
 
 def test_a_vector_search_finds_the_row_of_the_vector(server: Server) -> None:
-    rows = result_of(server, "kova_query", sql="SELECT SOURCE_KEY, VECTOR FROM DOCS_VECTORS")["rows"]
-    assert len(rows) == 5
-    for key, text in rows:
+    offered = result_of(server, "kova_query", sql="SELECT SOURCE_KEY, VECTOR FROM DOCS_VECTORS")
+    assert offered["rowCount"] == 5
+    for key, text in offered["rows"]:
         found = result_of(server, VECTOR_SEARCH, collection="DOCS", vector=json.loads(text), top=1)
         assert found["columns"] == HITS
         assert (found["rows"][0][1], found["rows"][0][3]) == ("1.0", key)
