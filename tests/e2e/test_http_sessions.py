@@ -324,6 +324,20 @@ def test_an_answer_that_is_too_long_or_empty_ends_the_session(http, engine, size
     assert endpoint.server.zombies() == []
 
 
+def test_the_rest_of_an_answer_that_is_too_long_is_nobody_s(http, engine):
+    """Who waits for the next turn is not given it."""
+    script = Script().on_exec(HANGING_STATEMENT, sleep=0.5, stdout=Repeat(600000))
+    engine.script(script.on("Status", stdout=b"\n", exit_code=0))
+    endpoint = http(engine.env)
+    session = endpoint.open_session()
+    with endpoint.hanging_call(session) as running, ExitStack() as stack:
+        engine.wait_for_statement(HANGING_STATEMENT)
+        waiting = [stack.enter_context(endpoint.connect()) for _ in range(5)]
+        for number, client in enumerate(waiting):
+            client.send(endpoint.compose(ping(number)[:-1], session).data())
+        expect_ended(endpoint, session, running, waiting)
+
+
 def test_an_answer_of_several_lines(http, engine):
     endpoint, session, got = answer_of(http, engine, b"one\n\rtwo\r", b"\n\nfour\n")
     assert got == answered(session, b"one")
