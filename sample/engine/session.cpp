@@ -1,7 +1,5 @@
 #include "engine/session.h"
 
-#include <utility>
-
 namespace kova::sample {
 
 Outcome Session::use(std::string_view database) {
@@ -32,20 +30,12 @@ Store* Session::store(std::string& error) {
 }
 
 void Session::count_temporary_tables() {
-  Query count;
-  if (!store_->prepare("SELECT COUNT(*) FROM sqlite_temp_schema WHERE type = 'table'",
-                       Rights::kEngine, count) ||
-      count.step() != Query::Step::kRow) {
-    return;
-  }
-  collections_->temporary_tables += count.integer(0) - temporary_tables_;
-  temporary_tables_ = count.integer(0);
+  store_->count_temporary_tables({collections_, &collections_->temporary_tables});
 }
 
 std::int64_t Session::end() {
+  const std::int64_t ended = store_ != nullptr ? store_->temporary_tables() : 0;
   store_.reset();
-  const std::int64_t ended = std::exchange(temporary_tables_, 0);
-  if (collections_ != nullptr) collections_->temporary_tables -= ended;
   collections_.reset();
   return ended;
 }

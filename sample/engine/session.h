@@ -32,9 +32,6 @@ class Session {
  public:
   Session(const Users& users, Databases& databases, ClientWatch& watch)
       : users_(users), databases_(databases), watch_(watch) {}
-  ~Session() { end(); }
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
 
   [[nodiscard]] Outcome use(std::string_view database);
   [[nodiscard]] Outcome login(std::string_view user, std::string_view password);
@@ -60,7 +57,6 @@ class Session {
   std::string database_;
   std::shared_ptr<Store> store_;
   std::shared_ptr<Collections> collections_;
-  std::int64_t temporary_tables_ = 0;
 };
 
 }  // namespace kova::sample

@@ -157,6 +157,7 @@ std::shared_ptr<Store> Store::open(const std::string& path, ClientWatch& watch,
 
 Store::~Store() {
   sqlite3_close_v2(database_);
+  if (all_temporary_tables_ != nullptr) *all_temporary_tables_ -= temporary_tables_;
 }
 
 bool Store::configure() {
@@ -254,6 +255,18 @@ bool Store::change(std::string_view sql, Rights rights, std::int64_t& rows) {
   });
   rows = sqlite3_changes64(database_);
   return done;
+}
+
+void Store::count_temporary_tables(const std::shared_ptr<std::atomic<std::int64_t>>& total) {
+  Query count;
+  if (!prepare("SELECT COUNT(*) FROM sqlite_temp_schema WHERE type = 'table'", Rights::kEngine,
+               count) ||
+      count.step() != Query::Step::kRow) {
+    return;
+  }
+  all_temporary_tables_ = total;
+  *total += count.integer(0) - temporary_tables_;
+  temporary_tables_ = count.integer(0);
 }
 
 bool Store::fail(std::string_view words) {

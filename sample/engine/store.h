@@ -3,6 +3,7 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -90,6 +91,11 @@ class Store : public std::enable_shared_from_this<Store> {
   /// it answers true, else not at all. Queries that change are finished or closed at its end. Work
   /// within work is part of it.
   [[nodiscard]] bool transact(Transaction kind, const std::function<bool()>& work);
+  /// Brings a total up to date with the connection's temporary tables, and takes them off it when
+  /// the connection closes.
+  void count_temporary_tables(const std::shared_ptr<std::atomic<std::int64_t>>& total);
+  /// As counted last.
+  [[nodiscard]] std::int64_t temporary_tables() const { return temporary_tables_; }
   /// Keeps words for `error()` and answers false.
   bool fail(std::string_view words);
 
@@ -118,6 +124,8 @@ class Store : public std::enable_shared_from_this<Store> {
   ClientWatch& watch_;
   sqlite3* database_ = nullptr;
   Rights rights_ = Rights::kEngine;
+  std::int64_t temporary_tables_ = 0;
+  std::shared_ptr<std::atomic<std::int64_t>> all_temporary_tables_;
   std::string error_;
   int failure_ = SQLITE_OK;
 };
