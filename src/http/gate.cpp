@@ -168,14 +168,15 @@ class Connection {
     if (is_initialize(request_.body())) {
       if (!session_id.empty()) return kSessionReused;
       SessionTable::Hold session = state_.sessions.create();
-      return session ? exchange(session) : kSessionMissing;
+      return session ? exchange(session, kInputFailed) : kSessionMissing;
     }
     SessionTable::Hold session = state_.sessions.find(session_id);
-    if (session) return exchange(session);
+    if (session) return exchange(session, kSessionGone);
     return session_id.empty() ? kSessionMissing : kSessionGone;
   }
 
-  [[nodiscard]] HttpResponse exchange(SessionTable::Hold& session) {
+  /// `gone` answers for a session that another thread has ended in between.
+  [[nodiscard]] HttpResponse exchange(SessionTable::Hold& session, const HttpResponse& gone) {
     TextOut header(response_header_);
     static_cast<void>(header.format("Mcp-Session-Id: %s\r\n", session.id()));
     const bool wants_answer = expects_answer(request_.body());
@@ -185,7 +186,7 @@ class Connection {
                                           : state_.sessions.tell(session, message);
     switch (outcome) {
       case Exchange::kSessionGone:
-        return kSessionGone;
+        return gone;
       case Exchange::kInputFailed:
         return kInputFailed;
       case Exchange::kAnswerFailed:

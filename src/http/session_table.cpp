@@ -128,6 +128,8 @@ bool SessionTable::begin_exchange(Slot& slot) {
 bool SessionTable::wait_for_turn(Slot& slot) {
   const MutexGuard guard(mutex_);
   const std::uint64_t turn = slot.next_turn++;
+  // Whoever waits uses the session too.
+  slot.last_activity_ms = clock_();
   while (slot.state == State::kActive && slot.served_turn != turn) changed_.wait(mutex_);
   if (slot.state != State::kActive) return false;
   slot.last_activity_ms = clock_();

@@ -50,7 +50,7 @@ bool connect_within(int descriptor, const addrinfo& address, std::uint32_t timeo
 }
 
 bool passes(int error) {
-  return error == EINTR || error == ECONNABORTED;
+  return error == EINTR || error == ECONNABORTED || error == EPROTO || error == EPERM;
 }
 
 bool is_lack_of_room(int error) {
