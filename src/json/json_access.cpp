@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
 
 #include "base/ascii.h"
 #include "base/text.h"
@@ -75,6 +76,39 @@ int decode_escape(std::string_view raw, std::size_t& position, unsigned char (&o
     code = 0x10000 + ((code - kHighSurrogate) << 10) + (low - kLowSurrogate);
   }
   return encode_utf8(code, out);
+}
+
+/// Reads a decimal without exponent, of at most 15 significant digits and 22 fractional ones; false
+/// leaves `number`. Both the digits and the power of ten are exact, so the one division rounds
+/// correctly (Clinger, "How to read floating point numbers accurately", 1990).
+bool read_short_decimal(std::string_view raw, double& number) {
+  constexpr std::uint64_t kMantissaLimit = 1'000'000'000'000'000;
+  static constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                            1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                            1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  const std::string_view unsigned_part = slice(raw, raw.starts_with('-') ? 1 : 0);
+  const std::size_t point = std::min(unsigned_part.find('.'), unsigned_part.size());
+  const std::string_view fraction = slice(unsigned_part, point + 1);
+  std::uint64_t mantissa = 0;
+  for (const std::string_view digits : {slice(unsigned_part, 0, point), fraction}) {
+    for (const char c : digits) {
+      if (!is_digit(c) || mantissa >= kMantissaLimit / 10) return false;
+      mantissa = mantissa * 10 + static_cast<std::uint64_t>(c - '0');
+    }
+  }
+  if (point == 0 || fraction.size() >= std::size(kPowersOfTen)) return false;
+  number = static_cast<double>(mantissa) / kPowersOfTen[fraction.size()];
+  if (raw.starts_with('-')) number = -number;
+  return true;
+}
+
+/// Reads any decimal of up to kFloatDigits characters.
+bool read_decimal(std::string_view raw, double& number) {
+  char digits[kFloatDigits + 1];
+  char* end = nullptr;
+  if (!TextOut(digits).copy(raw)) return false;
+  number = std::strtod(digits, &end);
+  return end == digits + raw.size();
 }
 
 }  // namespace
@@ -152,13 +186,11 @@ bool json_get_unsigned(const JsonDoc& doc, int index, std::uint32_t& value) {
 
 bool json_get_float(const JsonDoc& doc, int index, float& value) {
   if (!doc.is(index, JsonType::kPrimitive)) return false;
-  char digits[kFloatDigits + 1];
-  TextOut out(digits);
   const std::string_view raw = doc.raw(index);
-  if (raw.empty() || !out.copy(raw)) return false;
-  char* end = nullptr;
-  const double number = std::strtod(digits, &end);
-  if (end != digits + raw.size() || !(std::fabs(number) <= kFloatLimit)) return false;
+  double number = 0;
+  if (raw.empty() || raw.size() > kFloatDigits) return false;
+  if (!read_short_decimal(raw, number) && !read_decimal(raw, number)) return false;
+  if (!(std::fabs(number) <= kFloatLimit)) return false;
   // The C libraries disagree on whether a subnormal result is a range error; a number that is
   // written as none and came out as zero is one.
   const std::string_view mantissa = slice(raw, 0, raw.find_first_of("eE"));

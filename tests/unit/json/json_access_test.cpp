@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -507,6 +510,34 @@ TEST(JsonGetFloat, NumbersThatAFloatHolds) {
     if (row.valid) {
       EXPECT_EQ(value, row.value);
     }
+  }
+}
+
+std::string random_decimal(std::mt19937& random) {
+  const auto below = [&](unsigned limit) { return static_cast<unsigned>(random()) % limit; };
+  std::string text = below(2) != 0 ? "-" : "";
+  const unsigned whole = 1 + below(18);
+  text += static_cast<char>('0' + below(whole == 1 ? 10 : 9) + (whole == 1 ? 0 : 1));
+  for (unsigned i = 1; i < whole; ++i) text += static_cast<char>('0' + below(10));
+  if (below(4) == 0) return text;
+  text += '.';
+  const bool is_small = below(2) != 0;
+  for (unsigned i = 1 + below(26); i > 0; --i) {
+    text += is_small && i > 9 ? '0' : static_cast<char>('0' + below(10));
+  }
+  return text;
+}
+
+// Short decimals are converted in a way of their own; there is one right result for each text.
+TEST(JsonGetFloat, RoundsAsTheCLibraryDoes) {
+  std::mt19937 random(20260101);
+  for (int i = 0; i < 20000; ++i) {
+    const std::string text = random_decimal(random);
+    const ParsedText parsed(text);
+    float value = 0;
+    ASSERT_TRUE(json_get_float(parsed.doc(), 0, value)) << text;
+    const auto expected = static_cast<float>(std::strtod(text.c_str(), nullptr));
+    ASSERT_EQ(std::bit_cast<std::uint32_t>(value), std::bit_cast<std::uint32_t>(expected)) << text;
   }
 }
 
