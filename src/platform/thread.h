@@ -48,18 +48,6 @@ class SpinLock {
   std::atomic<bool> held_{false};
 };
 
-/// Holds a SpinLock for a scope.
-class SpinGuard {
- public:
-  explicit SpinGuard(SpinLock& lock) : lock_(lock) { lock_.lock(); }
-  ~SpinGuard() { lock_.unlock(); }
-  SpinGuard(const SpinGuard&) = delete;
-  SpinGuard& operator=(const SpinGuard&) = delete;
-
- private:
-  SpinLock& lock_;
-};
-
 /// A lock that may be held for long: who finds it held sleeps. Not re-entrant.
 class Mutex {
  public:
@@ -78,17 +66,21 @@ class Mutex {
   alignas(8) unsigned char state_[kSize] = {};
 };
 
-/// Holds a Mutex for a scope.
-class MutexGuard {
+/// Holds a lock for a scope.
+template <typename Lock>
+class LockGuard {
  public:
-  explicit MutexGuard(Mutex& mutex) : mutex_(mutex) { mutex_.lock(); }
-  ~MutexGuard() { mutex_.unlock(); }
-  MutexGuard(const MutexGuard&) = delete;
-  MutexGuard& operator=(const MutexGuard&) = delete;
+  explicit LockGuard(Lock& lock) : lock_(lock) { lock_.lock(); }
+  ~LockGuard() { lock_.unlock(); }
+  LockGuard(const LockGuard&) = delete;
+  LockGuard& operator=(const LockGuard&) = delete;
 
  private:
-  Mutex& mutex_;
+  Lock& lock_;
 };
+
+using SpinGuard = LockGuard<SpinLock>;
+using MutexGuard = LockGuard<Mutex>;
 
 /// Something that threads wait for under a Mutex.
 class Condition {
