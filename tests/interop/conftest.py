@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import importlib.util
 import json
+import signal
 import subprocess
 import sys
 from pathlib import Path
@@ -39,6 +40,13 @@ def pytest_addoption(parser: pytest.Parser) -> None:
         _shared.pytest_addoption(parser)
     except ValueError:
         pass  # the end-to-end tests run as well and have added the options
+
+
+def pytest_configure() -> None:
+    """What ends a session by a signal must reach it also when the tests run in the background: a
+    shell starts those with some signals ignored, and programs hand that on."""
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)
 
 
 @pytest.fixture(scope="session")
