@@ -206,9 +206,13 @@ class HttpListener:
     def end_process(self, pid: int) -> None:
         """Ends a session's process as a crash would, and waits until everyone knows."""
         os.kill(pid, signal.SIGKILL)
-        wait_until(lambda: pid not in self.server.processes(), TIMEOUT, "the end of a session")
         if self.server.target.windows:
+            wait_until(lambda: pid not in self.server.processes(), TIMEOUT, "the end of a session")
             time.sleep(0.3)  # Wine's own server learns of it behind the system
+        else:
+            # It closes its pipes after it has given its memory back.
+            wait_until(lambda: pid in self.server.zombies() or not os.path.exists(f"/proc/{pid}"),
+                       TIMEOUT, "the end of a session")
 
     def wait_for_no_child(self) -> None:
         wait_until(lambda: self.children() == [], TIMEOUT, "the end of every session and worker")
