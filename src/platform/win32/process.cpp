@@ -56,13 +56,18 @@ struct Pipe {
 };
 
 // Unlike an anonymous pipe's, the own end takes requests that can be given up. One instance and no
-// sharing: nobody else can come in between. `access` is the own end's.
+// sharing: nobody else can come in between. The moment is part of the name, since the number of a
+// process is used again, and a pipe stays as long as anybody holds an end of it. `access` is the
+// own end's.
 bool open_pipe(Pipe& pipe, DWORD access) {
   static constinit std::atomic<unsigned> number{0};
   char text[kPipeNameCapacity];
   wchar_t name[kWideCapacity];
   TextOut out(text);
-  if (!out.format(R"(\\.\pipe\kova-mcp-%lu-%u)", ::GetCurrentProcessId(), ++number) ||
+  LARGE_INTEGER moment{};
+  ::QueryPerformanceCounter(&moment);
+  if (!out.format(R"(\\.\pipe\kova-mcp-%lu-%u-%llx)", ::GetCurrentProcessId(), ++number,
+                  static_cast<unsigned long long>(moment.QuadPart)) ||
       !to_wide(text, name)) {
     return false;
   }
