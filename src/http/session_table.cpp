@@ -118,22 +118,25 @@ SessionTable::Slot* SessionTable::reserve() {
   }
 }
 
-bool SessionTable::begin_exchange(Slot& slot) {
-  const MutexGuard guard(mutex_);
+// Called with the mutex held; false for a session that ends.
+bool SessionTable::touch(Slot& slot) {
   if (slot.state != State::kActive) return false;
   slot.last_activity_ms = clock_();
   return true;
+}
+
+bool SessionTable::begin_exchange(Slot& slot) {
+  const MutexGuard guard(mutex_);
+  return touch(slot);
 }
 
 bool SessionTable::wait_for_turn(Slot& slot) {
   const MutexGuard guard(mutex_);
   const std::uint64_t turn = slot.next_turn++;
   // Whoever waits uses the session too.
-  slot.last_activity_ms = clock_();
+  if (!touch(slot)) return false;
   while (slot.state == State::kActive && slot.served_turn != turn) changed_.wait(mutex_);
-  if (slot.state != State::kActive) return false;
-  slot.last_activity_ms = clock_();
-  return true;
+  return touch(slot);
 }
 
 void SessionTable::end_turn(Slot& slot) {

@@ -98,6 +98,7 @@ class SessionTable {
   [[nodiscard]] bool wait_for_turn(Slot& slot);
   void end_turn(Slot& slot);
   [[nodiscard]] bool begin_exchange(Slot& slot);
+  [[nodiscard]] bool touch(Slot& slot);
   [[nodiscard]] bool begin_ending(Slot& slot);
   void end(Slot& slot, unsigned own_holds);
 

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 namespace kova {
@@ -57,8 +58,7 @@ class ChildProcess {
   std::intptr_t guard_ = -1;
   std::intptr_t input_ = -1;
   std::intptr_t output_ = -1;
-  std::uint32_t terminated_with_ = 0;
-  bool terminated_ = false;
+  std::optional<std::uint32_t> terminated_with_;
 };
 
 }  // namespace kova

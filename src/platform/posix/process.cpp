@@ -131,7 +131,6 @@ std::size_t ChildProcess::read_output(char* data, std::size_t size) {
 
 void ChildProcess::terminate(std::uint32_t exit_code) {
   terminated_with_ = exit_code;
-  terminated_ = true;
   ::kill(static_cast<pid_t>(process_), SIGKILL);
 }
 
@@ -160,7 +159,7 @@ void ChildProcess::abandon() {
   // One that has ended would otherwise stay listed for as long as this process lives.
   if (process_ >= 0) ::waitpid(static_cast<pid_t>(process_), nullptr, WNOHANG);
   process_ = -1;
-  terminated_ = false;
+  terminated_with_.reset();
 }
 
 std::uint32_t ChildProcess::collect() {
@@ -170,12 +169,12 @@ std::uint32_t ChildProcess::collect() {
     collected = ::waitpid(static_cast<pid_t>(process_), &status, 0);
   } while (collected < 0 && errno == EINTR);
   process_ = -1;
-  const bool terminated = terminated_;
+  const std::optional<std::uint32_t> terminated_with = terminated_with_;
   abandon();
   if (collected < 0) return 1;
   if (WIFEXITED(status)) return static_cast<std::uint32_t>(WEXITSTATUS(status));
   // Exit codes above 255 exist here only by agreement: the killer's word stands for the signal.
-  if (terminated && WTERMSIG(status) == SIGKILL) return terminated_with_;
+  if (terminated_with && WTERMSIG(status) == SIGKILL) return *terminated_with;
   return static_cast<std::uint32_t>(kSignalExitBase + WTERMSIG(status));
 }
 
