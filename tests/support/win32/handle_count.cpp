@@ -1,60 +1,40 @@
 // Prints how many handles the processes of one executable's name hold together. Asks for the
-// system's table of handles: Wine does not answer GetProcessHandleCount.
+// system's list of processes: Wine does not answer GetProcessHandleCount, and its server may crash
+// over the table of all handles when a process starts at that moment.
 #include <windows.h>
 
-#include <tlhelp32.h>
 #include <winternl.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <memory>
+#include <string_view>
 
 namespace {
 
-constexpr ULONG kTableCapacity = 16U << 20;
+constexpr ULONG kListCapacity = 1U << 20;
 
-struct HandleEntry {
-  ULONG process_id;
-  UCHAR type;
-  UCHAR flags;
-  USHORT handle;
-  void* object;
-  ACCESS_MASK access;
-};
-
-struct HandleTable {
-  ULONG count;
-  HandleEntry entries[1];
-};
-
-unsigned handles_of(const HandleTable& table, DWORD process_id) {
-  unsigned count = 0;
-  for (ULONG i = 0; i < table.count; ++i) {
-    if (table.entries[i].process_id == process_id) ++count;
-  }
-  return count;
+bool has_name(const SYSTEM_PROCESS_INFORMATION& process, std::string_view name) {
+  const UNICODE_STRING& image = process.ImageName;
+  return std::equal(name.begin(), name.end(), image.Buffer,
+                    image.Buffer + image.Length / sizeof(wchar_t));
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  const auto memory = std::make_unique<char[]>(kTableCapacity);
-  if (count != 2 || ::NtQuerySystemInformation(SystemHandleInformation, memory.get(),
-                                               kTableCapacity, nullptr) != 0) {
+  const auto list = std::make_unique<char[]>(kListCapacity);
+  if (count != 2 || ::NtQuerySystemInformation(SystemProcessInformation, list.get(), kListCapacity,
+                                               nullptr) != 0) {
     return 2;
   }
-  const auto& table = *reinterpret_cast<const HandleTable*>(memory.get());
-  const HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-  PROCESSENTRY32 entry{};
-  entry.dwSize = sizeof entry;
   unsigned handles = 0;
-  for (BOOL more = ::Process32First(snapshot, &entry); more != 0;
-       more = ::Process32Next(snapshot, &entry)) {
-    if (std::strcmp(entry.szExeFile, arguments[1]) == 0) {
-      handles += handles_of(table, entry.th32ProcessID);
-    }
+  const char* entry = list.get();
+  for (ULONG next = 1; next != 0; entry += next) {
+    const auto& process = *reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(entry);
+    if (has_name(process, arguments[1])) handles += process.HandleCount;
+    next = process.NextEntryOffset;
   }
-  ::CloseHandle(snapshot);
   std::printf("%u\n", handles);
   return handles > 0 ? 0 : 1;
 }
