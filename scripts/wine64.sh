@@ -1,5 +1,5 @@
 #!/bin/sh
-# Prints the path of the 64-bit Wine loader, after making its prefix once. The prefix is $WINEPREFIX.
+# Prints the path of the 64-bit Wine loader, after making its prefix, $WINEPREFIX, once.
 for loader in /usr/lib/wine/wine64 /usr/lib/x86_64-linux-gnu/wine/wine64; do
   if [ -x "$loader" ]; then
     if [ ! -e "$WINEPREFIX/system.reg" ]; then

@@ -261,7 +261,8 @@ def literal_text(literal: str) -> str:
 
 
 def test_no_text_leaves_its_literal(tools):
-    pieces = ["'", "''", "\\", "\\'", '"', ";", "--", "/*", "\n", " TOP 1;", "x", "é", "\U0001f697"]
+    pieces = ["'", "''", "\\", "\\'", '"', ";", "--", "/*", "\n", " TOP 1;", "x", "é",
+              "\U0001f697"]
     draw = random.Random(20)
     for _ in range(25):
         text = "".join(draw.choices(pieces, k=draw.randrange(1, 40)))
