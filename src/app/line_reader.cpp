@@ -7,25 +7,20 @@
 
 namespace kova {
 
-namespace {
-
-/// The most that one read takes: a message of the largest size and its line feed.
-constexpr std::size_t kPieceLimit = kLineBufferCapacity - 1;
-
-}  // namespace
+static_assert(kPieceLimit < kLineBufferCapacity);
 
 bool LineReader::next(Line& line) {
   std::size_t searched = 0;
   for (;;) {
     const char* const start = buffer_ + begin_;
-    const std::size_t available = std::min(end_ - begin_, kPieceLimit);
+    const std::size_t available = std::min(end_ - begin_, piece_limit_);
     const void* const feed =
         available > searched ? std::memchr(start + searched, '\n', available - searched) : nullptr;
     std::size_t length = available;
     bool at_end = false;
     if (feed != nullptr) {
       length = static_cast<std::size_t>(static_cast<const char*>(feed) - start) + 1;
-    } else if (available < kPieceLimit) {
+    } else if (available < piece_limit_) {
       searched = available;
       if (fill()) continue;
       at_end = true;

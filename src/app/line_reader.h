@@ -9,9 +9,11 @@ namespace kova {
 /// Room for the longest piece that a read may take, with a terminator.
 inline constexpr std::size_t kLineBufferCapacity = 1048578;
 inline constexpr std::size_t kMessageLimit = 1048576;
+/// The most that one read takes: a message of the largest size and its line feed.
+inline constexpr std::size_t kPieceLimit = kMessageLimit + 1;
 
-/// What one read took: up to and including a line feed, or 1,048,577 bytes, or what was left at
-/// the end of input.
+/// What one read took: up to and including a line feed, or as many bytes as a piece may have, or
+/// what was left at the end of input.
 struct Line {
   std::string_view text;
   bool at_end_of_input;  ///< this read met the end; a full piece or a line feed ends a read before
@@ -23,8 +25,10 @@ class LineReader {
  public:
   using Source = std::size_t (*)(char* data, std::size_t size);
 
-  /// `buffer` has kLineBufferCapacity bytes. `source` reads as read_stdin does.
-  LineReader(char* buffer, Source source) : buffer_(buffer), source_(source) {}
+  /// `buffer` has kLineBufferCapacity bytes. `source` reads as read_stdin does. A piece has at
+  /// most `piece_limit` bytes, which are not more than kPieceLimit.
+  LineReader(char* buffer, Source source, std::size_t piece_limit = kPieceLimit)
+      : buffer_(buffer), source_(source), piece_limit_(piece_limit) {}
 
   /// False at the end of input with nothing left.
   [[nodiscard]] bool next(Line& line);
@@ -36,6 +40,7 @@ class LineReader {
 
   char* buffer_;
   Source source_;
+  std::size_t piece_limit_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
 };

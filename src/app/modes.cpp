@@ -91,13 +91,13 @@ int tool_worker_mode(const Startup& startup) {
 }
 
 int issue_approval_mode(const Startup& startup) {
-  LineReader lines(startup.line_buffer, read_stdin);
+  LineReader lines(startup.line_buffer, read_stdin, kDigestLineLimit);
   Line line;
   if (!lines.next(line)) {
     write_stderr("approval digest is required on standard input\n");
     return kExitFailure;
   }
-  const std::string_view digest = strip_line_end(cut_at_nul(slice(line.text, 0, kDigestLineLimit)));
+  const std::string_view digest = strip_line_end(cut_at_nul(line.text));
   char token[kTokenCapacity];
   const WipeGuard guard(token);
   char error[kApprovalMessageCapacity] = {};

@@ -1,9 +1,8 @@
 #include "db/session.h"
 
-#include <algorithm>
 #include <string_view>
 
-#include "base/ascii.h"
+#include "base/decimal.h"
 #include "base/secret.h"
 #include "base/text.h"
 #include "platform/environment.h"
@@ -15,7 +14,7 @@ namespace {
 
 constexpr std::size_t kServerLimit = 253;
 constexpr std::size_t kPortLimit = 5;
-constexpr int kLargestPort = 65535;
+constexpr std::uint64_t kLargestPort = 65535;
 constexpr std::size_t kNameLimit = 63;
 constexpr std::size_t kPasswordLimit = 255;
 constexpr std::size_t kUseCapacity = 160;
@@ -40,12 +39,10 @@ bool fits(std::string_view text, std::size_t limit, std::string_view forbidden) 
   return !text.empty() && text.size() <= limit && text.find_first_of(forbidden) == text.npos;
 }
 
-/// A whole decimal number: what a resolver would make of another text is not the operator's choice.
+/// What a resolver would make of a text that is no number is not the operator's choice.
 bool is_port(std::string_view text) {
-  if (!fits(text, kPortLimit, {}) || !std::all_of(text.begin(), text.end(), is_digit)) return false;
-  int number = 0;
-  for (const char digit : text) number = number * 10 + (digit - '0');
-  return number >= 1 && number <= kLargestPort;
+  const std::uint64_t number = whole_decimal(text).value_or(0);
+  return text.size() <= kPortLimit && number >= 1 && number <= kLargestPort;
 }
 
 bool is_acceptable(const Profile& profile) {

@@ -67,8 +67,8 @@ constexpr HttpResponse kSessionClosed = refusal(204, "No Content", "");
 
 std::uint32_t rate_limit() {
   const EnvironmentValue configured("KOVA_MCP_HTTP_RATE_PER_MINUTE");
-  const std::int64_t value = leading_integer(configured.view());
-  constexpr std::int64_t kMost = std::numeric_limits<std::uint32_t>::max();
+  const std::uint64_t value = whole_decimal(configured.view()).value_or(0);
+  constexpr std::uint64_t kMost = std::numeric_limits<std::uint32_t>::max();
   return value > 0 ? static_cast<std::uint32_t>(std::min(value, kMost)) : kDefaultRate;
 }
 

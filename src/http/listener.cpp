@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 2;
-constexpr std::int64_t kHighestPort = 65535;
+constexpr std::uint64_t kHighestPort = 65535;
 
 constexpr HttpResponse kConnectionLimit{.status = 503,
                                         .reason = "Unavailable",
@@ -76,7 +76,7 @@ void announce(const char* port_text) {
 }  // namespace
 
 int run_http_listener(const char* port_text) {
-  const std::int64_t port = leading_integer(port_text);
+  const std::uint64_t port = whole_decimal(port_text).value_or(0);
   if (port < 1 || port > kHighestPort) return kExitFailure;
   const SocketLayer layer;
   LoopbackListener listener;

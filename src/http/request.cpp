@@ -25,6 +25,16 @@ std::string_view without_leading_space(std::string_view text) {
   return text;
 }
 
+/// The length of a body; none for a text that is no whole number from 0 to the limit. Minus nought
+/// is nought.
+std::optional<std::size_t> content_length(std::string_view text) {
+  const bool negative = text.starts_with('-');
+  if (negative || text.starts_with('+')) text.remove_prefix(1);
+  const auto length = whole_decimal(text);
+  if (!length || *length > (negative ? 0 : kBodyLimit)) return std::nullopt;
+  return static_cast<std::size_t>(*length);
+}
+
 bool has_name(std::string_view line, std::string_view name) {
   return line.size() > name.size() && line[name.size()] == ':' &&
          equal_ignoring_case(slice(line, 0, name.size()), name);
@@ -95,9 +105,9 @@ bool HttpRequest::receive(Socket& socket) {
   // What comes later changes nothing: the first such line wins, and without one the request is
   // whole now.
   const auto text = header("Content-Length", kContentLengthCapacity);
-  const std::int64_t length = text ? leading_integer(*text) : 0;
-  if (length < 0 || length > static_cast<std::int64_t>(kBodyLimit)) return false;
-  body_length_ = static_cast<std::size_t>(length);
+  const auto length = text ? content_length(*text) : 0;
+  if (!length) return false;
+  body_length_ = *length;
   while (received_ < body_begin_ + body_length_) {
     if (!receive_more(socket)) return false;
   }

@@ -6,8 +6,9 @@
 
 namespace kova {
 
-/// Puts standard input and output into binary mode and keeps a reader that has gone from ending
-/// the process. Called once, before any other function of this header.
+/// Puts standard input and output into binary mode, keeps a reader that has gone from ending the
+/// process, and keeps ended children until they are collected. Called once, before any other
+/// function of this header.
 void prepare_standard_streams();
 
 /// Reads what is there, at most `size` bytes, waiting until there is something. Answers the

@@ -113,18 +113,16 @@ LENGTH = len(INITIALIZE)
 
 
 @pytest.mark.parametrize("text", [
-    str(LENGTH), f"+{LENGTH}", f"00{LENGTH}", f" \t{LENGTH} \t", f"{LENGTH}x", f"{LENGTH}.9",
-    f"{LENGTH} 0", f"{LENGTH},{LENGTH}", f"\v\f{LENGTH}\v\f", str(LENGTH).zfill(31),
-    " " * 40 + str(LENGTH).zfill(31) + " " * 40,
+    str(LENGTH), f"+{LENGTH}", f"00{LENGTH}", f" \t{LENGTH} \t", f"\v\f{LENGTH}\v\f",
+    str(LENGTH).zfill(31), " " * 40 + str(LENGTH).zfill(31) + " " * 40,
 ])
 def test_a_length_that_covers_the_body(endpoint, text):
     assert with_length(endpoint, text) == SEEN
 
 
 @pytest.mark.parametrize("text", [
-    None, "", " ", "0", "-0", "+", "-", "x", "x21", "0x15", str(LENGTH - 1), f"- {LENGTH}",
-    f"++{LENGTH}", "--1", str(LENGTH).zfill(32), "9" * 32, "9" * 400, "-" + "9" * 31,
-    "-1".ljust(31) + "x", "4294967301".zfill(32),
+    None, "0", "-0", "+0", str(LENGTH - 1), str(LENGTH).zfill(32), "9" * 32, "9" * 400,
+    "-" + "9" * 31, "-1".ljust(31) + "x", "4294967301".zfill(32), "x" * 32,
 ], ids=repr)
 def test_a_length_that_does_not(endpoint, text):
     """It counts as none from 32 characters on, whatever they say."""
@@ -136,7 +134,10 @@ def test_a_length_that_does_not(endpoint, text):
     "4294967295", "4294967296", "4294967301", "4294967317", "9223372036854775808",
     "18446744073709551616", "18446744073709551637", "-4294967275", "-18446744073709551595",
     "9" * 18, "9" * 19, "9" * 31, "-" + "9" * 30, "+" + "9" * 30,
-])
+    # no whole number
+    "", " ", "+", "-", "x", "x21", "x" * 31, "0x15", "++21", "--1", "+-0", "- 0", "+ 21",
+    f"{LENGTH}x", f"{LENGTH}.9", f"{LENGTH} 0", f"{LENGTH},{LENGTH}", f"{LENGTH}\v0",
+], ids=repr)
 def test_a_length_out_of_range(endpoint, text):
     assert with_length(endpoint, text) == UNBOUNDED
 
@@ -299,7 +300,7 @@ def test_an_origin_that_is_too_long_is_none(endpoint, first, second, answer):
 
 @pytest.mark.parametrize("first, second, answer", [
     (str(LENGTH), "0", SEEN), ("0", str(LENGTH), UNSEEN), ("0" * 32, str(LENGTH), UNSEEN),
-    (str(LENGTH), "-1", SEEN), ("", str(LENGTH), UNSEEN)])
+    (str(LENGTH), "-1", SEEN), ("", str(LENGTH), UNBOUNDED), (str(LENGTH), "", SEEN)])
 def test_the_first_of_two_lengths_wins(endpoint, first, second, answer):
     lines = [f"Content-Length: {value}".encode() for value in (first, second)]
     assert endpoint.post(INITIALIZE, UNKNOWN_ID, headers={"Content-Length": None},
@@ -461,7 +462,7 @@ def test_an_empty_list_of_hosts_allows_nothing(http):
     assert endpoint.post(headers={"Host": ""}) == HOST_REFUSED
 
 
-@pytest.mark.parametrize("text", ["%dabc", "00%d", "0000000000%d", " %d", "+%d", "%d.5"])
+@pytest.mark.parametrize("text", ["00%d", "000%d", "0000000000%d"])
 def test_the_host_shows_seven_characters_of_the_port_text(http, text):
     endpoint = http(port_text=text)
     name = endpoint.port_text[:7]
@@ -549,13 +550,15 @@ def test_the_literal_must_lie_in_the_body(endpoint):
 @pytest.mark.parametrize("text", [
     "0", "65536", "abc", "", " ", "-1", "-8080", "x8080", "+", "4294975376", "4294967297",
     "18446744073709559696", "9" * 31, "-4294959216", "00065536",
-])
+    # no whole number
+    "8080abc", "8080.0", "+8080", " 8080", "8080 ", "8080\t", "80 80", "0x50", "8e3",
+], ids=repr)
 def test_a_port_out_of_range(run, text):
     result = run("--http", text)
     assert (result.stdout, result.stderr, result.code) == (b"", b"", 2)
 
 
-@pytest.mark.parametrize("text", ["%d", "%dabc", "00%d", " %d", "0000000000%d"])
+@pytest.mark.parametrize("text", ["%d", "00%d", "0000000000%d"])
 def test_its_line_shows_the_whole_port_text(http, text):
     endpoint = http(port_text=text)
     assert endpoint.server.stderr_lines() == [

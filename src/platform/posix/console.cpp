@@ -38,6 +38,8 @@ void prepare_standard_streams() {
     if (::fcntl(stream, F_GETFD) < 0) static_cast<void>(::open("/dev/null", O_RDWR | O_CLOEXEC));
   }
   std::signal(SIGPIPE, SIG_IGN);
+  // Whoever starts this process may ignore it; the system would then take our ended children away.
+  std::signal(SIGCHLD, SIG_DFL);
 }
 
 std::size_t read_stdin(char* data, std::size_t size) {

@@ -25,6 +25,14 @@ int open_file(const char* path, int flags, mode_t mode) {
   return ::open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode);
 }
 
+// False also for a descriptor that could not be had.
+bool store_and_close(int descriptor) {
+  if (descriptor < 0) return false;
+  const bool stored = ::fsync(descriptor) == 0;
+  ::close(descriptor);
+  return stored;
+}
+
 // A full disk may take a part of the record; that part is taken back. The file is locked and only
 // ever appended to, so the part is its end.
 void write_whole_or_nothing(int descriptor, std::string_view record) {
@@ -87,11 +95,12 @@ bool InputFile::read(char* data, std::size_t size) {
 constinit const char kPathSeparator = '/';
 
 bool create_marker_file(const char* path) {
-  const int descriptor = open_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-  if (descriptor < 0) return false;
-  const bool stored = ::fsync(descriptor) == 0;
-  ::close(descriptor);
-  return stored;
+  char folder[kResolvedPathCapacity];
+  const std::string_view text(path);
+  if (!TextOut(folder).copy(slice(text, 0, text.rfind('/') + 1))) return false;
+  const int file = open_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+  // The file's name is stored with its folder, not with the file.
+  return store_and_close(file) && store_and_close(open_file(folder, O_RDONLY | O_DIRECTORY, 0));
 }
 
 void append_record(const char* path, std::string_view record) {

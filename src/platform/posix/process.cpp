@@ -18,6 +18,7 @@ namespace kova {
 namespace {
 
 constexpr int kSignalExitBase = 128;
+constexpr int kEndedCheckMs = 100;
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
@@ -121,11 +122,20 @@ void ChildProcess::close_input() {
   close_descriptor(input_);
 }
 
+// A process that the child has left behind keeps the pipe open; the child's own end is looked for
+// from time to time.
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
+  bool ended = false;
   for (;;) {
-    const ssize_t got = ::read(descriptor_of(output_), data, size);
-    if (got >= 0) return static_cast<std::size_t>(got);
-    if (errno != EINTR) return 0;
+    pollfd output{.fd = descriptor_of(output_), .events = POLLIN, .revents = 0};
+    const int ready = ::poll(&output, 1, ended ? 0 : kEndedCheckMs);
+    if (ready > 0) {
+      const ssize_t got = ::read(output.fd, data, size);
+      if (got >= 0) return static_cast<std::size_t>(got);
+    }
+    if (ready == 0 && ended) return 0;
+    if (ready != 0 && errno != EINTR) return 0;
+    ended = wait_within(0);
   }
 }
 

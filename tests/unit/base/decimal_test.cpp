@@ -13,30 +13,36 @@ using testing::GuardedText;
 
 struct Row {
   const char* text;
-  std::int64_t value;
+  std::uint64_t value;
 };
 
-class LeadingInteger : public ::testing::TestWithParam<Row> {};
+class WholeDecimal : public ::testing::TestWithParam<Row> {};
 
-TEST_P(LeadingInteger, Value) {
-  EXPECT_EQ(leading_integer(GuardedText(GetParam().text).view()), GetParam().value);
+TEST_P(WholeDecimal, Value) {
+  EXPECT_EQ(whole_decimal(GuardedText(GetParam().text).view()), GetParam().value);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Texts, LeadingInteger,
-    ::testing::Values(Row{"", 0}, Row{" ", 0}, Row{"-", 0}, Row{"+", 0}, Row{"abc", 0},
-                      Row{"--5", 0}, Row{"+-5", 0}, Row{"- 5", 0}, Row{"0", 0}, Row{"-0", 0},
-                      Row{"7", 7}, Row{"+7", 7}, Row{"-7", -7}, Row{" \t\n\v\f\r7", 7},
-                      Row{"007", 7}, Row{"08", 8}, Row{"12abc", 12}, Row{"1 2", 1},
-                      Row{"65535", 65535}, Row{"4294967301", 4294967301},
-                      Row{"-4294967301", -4294967301},
-                      Row{"999999999999999999", 999999999999999999},
+    Texts, WholeDecimal,
+    ::testing::Values(Row{"0", 0}, Row{"7", 7}, Row{"007", 7}, Row{"08", 8}, Row{"65535", 65535},
+                      Row{"4294967301", 4294967301}, Row{"999999999999999999", 999999999999999999},
                       Row{"1000000000000000000", 1000000000000000000},
                       Row{"1000000000000000001", 1000000000000000000},
                       Row{"18446744073709551617", 1000000000000000000},
-                      Row{"-18446744073709551617", -1000000000000000000},
                       Row{"9999999999999999999999999999999", 1000000000000000000},
                       Row{"00000000000000000000000000000042", 42}));
+
+class NoWholeDecimal : public ::testing::TestWithParam<std::string_view> {};
+
+TEST_P(NoWholeDecimal, HasNoValue) {
+  EXPECT_EQ(whole_decimal(GuardedText(GetParam()).view()), std::nullopt);
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, NoWholeDecimal,
+                         ::testing::Values("", " ", "-", "+", "abc", "+7", "-7", "-0", " 7", "7 ",
+                                           "\t7", "12abc", "x3", "1 2", "3.9", "1e3", "0x3", "1,2",
+                                           "99999999999999999999x", "\xD9\xA7",
+                                           std::string_view("7\0", 2)));
 
 }  // namespace
 }  // namespace kova
