@@ -24,7 +24,7 @@ enum class Exchange {
 ///
 /// A thread that uses a session holds it. A session that ends is found no more, its child is
 /// terminated, which brings back whoever is in an exchange with it, and its slot is free again once
-/// nobody holds it. No lock is held while a child starts, ends, is written to or read from.
+/// nobody holds it. The table is not locked while a child starts, ends, is written to or read from.
 class SessionTable {
   struct Slot;
 

@@ -55,10 +55,10 @@ struct Pipe {
   Handle child_end;
 };
 
-// Unlike an anonymous pipe's, the own end takes requests that can be given up. One instance and no
-// sharing: nobody else can come in between. The moment is part of the name, since the number of a
-// process is used again, and a pipe stays as long as anybody holds an end of it. `access` is the
-// own end's.
+// Unlike an anonymous pipe's, the own end takes requests that can be given up. There is one
+// instance: whoever opened it before us would only keep the child from starting. The moment is part
+// of the name, since the number of a process is used again, and a pipe stays as long as anybody
+// holds an end of it. `access` is the own end's.
 bool open_pipe(Pipe& pipe, DWORD access) {
   static constinit std::atomic<unsigned> number{0};
   char text[kPipeNameCapacity];
