@@ -40,7 +40,8 @@ class ChildProcess {
   /// something; 0 at its end, after an error, and once the child has ended and left nothing.
   [[nodiscard]] std::size_t read_output(char* data, std::size_t size);
 
-  /// Ends the child at once; `collect` then answers `exit_code`, unless it had ended before.
+  /// Ends the child at once; `collect` then answers `exit_code`, unless it had ended before. Does
+  /// nothing without a child.
   void terminate(std::uint32_t exit_code);
 
   /// Waits until the child has ended; it may still be given to `terminate`, without effect.

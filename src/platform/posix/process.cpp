@@ -140,6 +140,8 @@ std::size_t ChildProcess::read_output(char* data, std::size_t size) {
 }
 
 void ChildProcess::terminate(std::uint32_t exit_code) {
+  // To the system, no child's number is every process there is.
+  if (process_ < 0) return;
   terminated_with_ = exit_code;
   ::kill(static_cast<pid_t>(process_), SIGKILL);
 }

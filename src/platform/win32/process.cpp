@@ -264,6 +264,8 @@ std::size_t ChildProcess::read_output(char* data, std::size_t size) {
 }
 
 void ChildProcess::terminate(std::uint32_t exit_code) {
+  // To the system, no child's handle is this process's own.
+  if (process_ == -1) return;
   ::TerminateProcess(handle_of(process_), exit_code);
 }
 
