@@ -26,6 +26,10 @@ from tls_front_end import (NAMES, free_port, make_certificate, nginx_command,
 START_TIMEOUT = 60.0
 TRIES = 3  # somebody else may take a free port first
 BANNER = "(TLS termination required)"
+INITIALIZE = json.dumps({
+    "jsonrpc": "2.0", "id": 1, "method": "initialize", "params": {
+        "protocolVersion": "2025-11-25", "capabilities": {},
+        "clientInfo": {"name": "curl", "version": "1"}}}, separators=(",", ":"))
 
 
 @dataclass(frozen=True)
@@ -110,7 +114,9 @@ def show(view: View, stage: Stage, url: str) -> None:
     view.line(json.dumps({"mcpServers": {"vantreo-sample": entry}}, indent=2))
     view.line()
     view.note("The certificate is self-signed and ends with this session. A client on Node.js")
-    view.note("trusts it when NODE_EXTRA_CA_CERTS names it.")
+    view.note("trusts it when NODE_EXTRA_CA_CERTS names it. Without a client:")
+    view.line(f"curl -i --cacert {stage.certificate} -H 'Authorization: Bearer {stage.token}' "
+              f"{url} -d '{INITIALIZE}'")
 
 
 def watch(servers: Sequence[Server]) -> None:

@@ -13,6 +13,17 @@ namespace {
 
 constexpr std::chrono::seconds kBetweenLooks{1};
 
+// So that the first search finds the vectors in memory. What cannot be read has words for it.
+void load_all(Store& store, Collections& collections) {
+  std::vector<std::string> names;
+  if (!collection_names(store, names)) return;
+  for (const std::string& name : names) {
+    Collection collection;
+    if (!find_collection(store, name, collection)) continue;
+    static_cast<void>(collections.loaded(collection.name).load(store, collection));
+  }
+}
+
 }  // namespace
 
 Indexer::~Indexer() {
@@ -44,6 +55,7 @@ void Indexer::run() {
   ::pthread_setname_np(::pthread_self(), "indexer");
   std::vector<Database> databases;
   std::size_t tried = 0;
+  std::size_t loaded = 0;
   while (!stopping_) {
     {
       std::unique_lock lock(mutex_);
@@ -59,6 +71,9 @@ void Indexer::run() {
     // What fails here is tried again at the next look.
     for (const Database& database : databases) {
       static_cast<void>(run_jobs(*database.store, *database.collections, [](auto, int) {}));
+    }
+    for (; loaded < databases.size(); ++loaded) {
+      load_all(*databases[loaded].store, *databases[loaded].collections);
     }
   }
 }

@@ -15,7 +15,7 @@
 namespace kova::sample {
 
 /// Runs jobs soon after they are queued here, and within a second when another program has queued
-/// them. Any thread.
+/// them; loads the collections of a database that is taken on. Any thread.
 class Indexer {
  public:
   Indexer() = default;

@@ -24,7 +24,7 @@ FIRST_RUN_LIMIT = 600.0  # it may have to build
 
 
 class Served:
-    """A running ./run http, and what it has printed up to the client's entry."""
+    """A running ./run http, and what it has printed until it serves."""
 
     def __init__(self, target: Target) -> None:
         self.marker = uuid.uuid4().hex
@@ -32,17 +32,18 @@ class Served:
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT, text=True,
                                         env={**os.environ, MARKER: self.marker})
-        self.text = self._read_to_the_end_of_the_entry()
-        self.entry = json.loads(self.text[self.text.index('{\n  "mcpServers"'):])
+        self.text = self._read_what_it_prints()
+        entry = self.text[self.text.index('{\n  "mcpServers"'):]
+        self.entry, _ = json.JSONDecoder().raw_decode(entry)
         self.certificate = Path(self.printed("Certificate"))
         self.folder = self.certificate.parent
 
-    def _read_to_the_end_of_the_entry(self) -> str:
+    def _read_what_it_prints(self) -> str:
         assert self.process.stdout is not None
         text = ""
         for line in self.process.stdout:
             text += line
-            if line == "}\n":
+            if line.startswith("curl "):
                 return text
         raise AssertionError(text)
 
@@ -124,6 +125,16 @@ def test_what_it_prints_serves_a_client(served: Served, target: Target) -> None:
         "sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"}})
     assert int(result_of(served.ask(query, **session))["structuredContent"]["rows"][0][0]) > 1000
     assert served.ask(query, Authorization="Bearer " + "x" * 32).status == 401
+
+
+def test_the_command_that_it_prints(served: Served) -> None:
+    command = served.text.splitlines()[-1]
+    done = subprocess.run(["sh", "-c", command], capture_output=True, text=True, timeout=TIMEOUT,
+                          check=True)
+    head, _, body = done.stdout.partition("\n\n")
+    assert head.splitlines()[0].split()[1] == "200"
+    assert "mcp-session-id:" in head.lower()
+    assert json.loads(body)["result"]["serverInfo"]["name"] == "Vantreo MCP"
 
 
 def test_the_key_is_for_its_owner_only(served: Served) -> None:
