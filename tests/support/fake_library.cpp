@@ -127,6 +127,7 @@ FakeLibrary::~FakeLibrary() {
 
 const ClientLibrary* FakeLibrary::load() {
   active->record("load");
+  if (active->on_load) active->on_load();
   return active->missing ? nullptr : &library;
 }
 

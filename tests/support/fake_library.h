@@ -46,6 +46,8 @@ class FakeLibrary {
   bool new_object_fails = false;
   /// What a statement without an answer of its own gets.
   FakeResult other;
+  /// Called when the library is loaded, before anything else is done with it.
+  std::function<void()> on_load;
   /// Called for every statement while its text is still there.
   std::function<void(const char* statement)> on_exec;
 

@@ -6,7 +6,7 @@
 
 namespace kova::testing {
 
-/// Listens on a free port while it lives; accepts nothing, so that connections wait in its queue.
+/// Listens on a free port while it lives; connections wait in its queue until they are asked for.
 class LoopbackListener {
  public:
   LoopbackListener();
@@ -17,6 +17,9 @@ class LoopbackListener {
   [[nodiscard]] std::string port() const { return std::to_string(port_); }
   /// Takes one waiting connection and closes it; whether there was one.
   [[nodiscard]] bool had_connection();
+  /// Takes one waiting connection; whether there was one that its client has closed, or closes
+  /// within some seconds.
+  [[nodiscard]] bool had_closed_connection();
 
  private:
   std::intptr_t socket_;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 
 namespace kova::testing {
 namespace {
+
+constexpr int kPatienceMs = 5000;
 
 int bound_socket() {
   const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -46,6 +49,17 @@ bool LoopbackListener::had_connection() {
   if (connection < 0) return false;
   close(connection);
   return true;
+}
+
+bool LoopbackListener::had_closed_connection() {
+  pollfd connection{
+      .fd = accept(static_cast<int>(socket_), nullptr, nullptr), .events = POLLIN, .revents = 0};
+  if (connection.fd < 0) return false;
+  char byte = 0;
+  const bool closed =
+      poll(&connection, 1, kPatienceMs) == 1 && recv(connection.fd, &byte, 1, 0) == 0;
+  close(connection.fd);
+  return closed;
 }
 
 std::string refused_port() {

@@ -8,6 +8,8 @@
 namespace kova::testing {
 namespace {
 
+constexpr int kPatienceMs = 5000;
+
 void start_sockets() {
   WSADATA data{};
   if (WSAStartup(MAKEWORD(2, 2), &data) != 0) std::abort();
@@ -54,6 +56,16 @@ bool LoopbackListener::had_connection() {
   if (connection == INVALID_SOCKET) return false;
   closesocket(connection);
   return true;
+}
+
+bool LoopbackListener::had_closed_connection() {
+  const SOCKET connection = accept(static_cast<SOCKET>(socket_), nullptr, nullptr);
+  if (connection == INVALID_SOCKET) return false;
+  WSAPOLLFD wanted{connection, POLLRDNORM, 0};
+  char byte = 0;
+  const bool closed = WSAPoll(&wanted, 1, kPatienceMs) == 1 && recv(connection, &byte, 1, 0) == 0;
+  closesocket(connection);
+  return closed;
 }
 
 std::string refused_port() {

@@ -68,6 +68,13 @@ TEST_F(SessionTest, IsOpenedInOrder) {
   EXPECT_TRUE(session.attempted);
 }
 
+TEST_F(SessionTest, TheProbesConnectionIsClosedBeforeTheLibraryIsTouched) {
+  bool closed = false;
+  library.on_load = [&] { closed = listener.had_closed_connection(); };
+  EXPECT_TRUE(ensure_session(session));
+  EXPECT_TRUE(closed);
+}
+
 TEST_F(SessionTest, IsOpenedOnce) {
   EXPECT_TRUE(ensure_session(session));
   library.forget_calls();
