@@ -69,6 +69,27 @@ def test_only_127_characters_are_read(run, approving):
     assert run("--issue-approval", stdin=line, env=approving).code == 2
 
 
+@pytest.mark.parametrize("line, code", [
+    (DIGEST.encode() + b"\r" * 63, 0), (DIGEST.encode() * 2, 2), (b"x" * 127, 2),
+], ids=["digest", "two digests", "no digest"])
+def test_127_characters_are_not_waited_beyond(start, target, approving, line, code):
+    """A line that is full is taken as it is, though its sender has not ended it."""
+    server = start("--issue-approval", env=approving)
+    server.send(line[:127])
+    assert server.wait() == code
+    assert server.stderr == (REFUSED.encode() + target.line_end if code else b"")
+
+
+def test_126_characters_may_go_on(start, approving):
+    server = start("--issue-approval", env=approving)
+    server.send(DIGEST.encode() + b"\r" * 62)
+    server.expect_silence(0.5)
+    assert server.process.poll() is None
+    server.send(b"\n")
+    assert server.wait() == 0
+    assert server.read_line().startswith(b"v1.")
+
+
 def test_without_a_policy(run, target):
     expect_refusal(run("--issue-approval", stdin=DIGEST.encode()), target, REFUSED)
 

@@ -45,8 +45,8 @@ std::size_t read_input(char* data, std::size_t size) {
 // A reader over a text; its buffer ends at an unreadable page.
 class Reader {
  public:
-  Reader(std::string_view text, std::vector<std::size_t> blocks)
-      : buffer_(kLineBufferCapacity), lines_(buffer_.data(), read_input) {
+  Reader(std::string_view text, std::vector<std::size_t> blocks, std::size_t limit = kPiece)
+      : buffer_(kLineBufferCapacity), lines_(buffer_.data(), read_input, limit) {
     input = {text, std::move(blocks)};
   }
 
@@ -72,13 +72,13 @@ std::vector<Piece> read_all(Reader& reader) {
 }
 
 // What a reader of the whole text would cut off, by the rule's own words.
-std::vector<Piece> wanted_pieces(std::string_view text) {
+std::vector<Piece> wanted_pieces(std::string_view text, std::size_t limit = kPiece) {
   std::vector<Piece> pieces;
   while (!text.empty()) {
-    const std::size_t feed = text.substr(0, kPiece).find('\n');
+    const std::size_t feed = text.substr(0, limit).find('\n');
     const bool whole = feed != std::string_view::npos;
-    const std::size_t length = whole ? feed + 1 : std::min(text.size(), kPiece);
-    pieces.push_back({std::string(text.substr(0, length)), !whole && length < kPiece});
+    const std::size_t length = whole ? feed + 1 : std::min(text.size(), limit);
+    pieces.push_back({std::string(text.substr(0, length)), !whole && length < limit});
     text.remove_prefix(length);
   }
   return pieces;
@@ -140,6 +140,41 @@ TEST(LineReader, PiecesAtTheLimit) {
       }
     }
   }
+}
+
+TEST(LineReader, ASmallerPieceIsCutAtItsOwnLimit) {
+  constexpr std::size_t kLimit = 127;
+  for (const std::size_t length : {kLimit - 2, kLimit - 1, kLimit, kLimit + 1, 2 * kLimit}) {
+    for (const std::string_view end : {"", "\n", "\nnext"}) {
+      for (const auto& blocks : kBlockSizes) {
+        SCOPED_TRACE(std::to_string(length) + ::testing::PrintToString(end) + " in blocks of " +
+                     std::to_string(blocks[0]));
+        const std::string text = std::string(length, 'x') + std::string(end);
+        Reader reader(text, blocks, kLimit);
+        EXPECT_EQ(read_all(reader), wanted_pieces(text, kLimit));
+      }
+    }
+  }
+}
+
+TEST(LineReader, AFullPieceIsNotWaitedBeyond) {
+  constexpr std::size_t kLimit = 127;
+  for (const std::size_t length : {kLimit, kLimit + 1}) {
+    const std::string text(length, 'x');
+    Reader reader(text, {length}, kLimit);
+    Line line;
+    ASSERT_TRUE(reader.lines().next(line));
+    EXPECT_EQ(line.text.size(), kLimit);
+    EXPECT_FALSE(line.at_end_of_input);
+    EXPECT_EQ(input.next_block, 1U);
+    EXPECT_EQ(input.reads_after_end, 0U);
+  }
+  const std::string text(kLimit - 1, 'x');
+  Reader reader(text, {kLimit - 1}, kLimit);
+  Line line;
+  ASSERT_TRUE(reader.lines().next(line));
+  EXPECT_TRUE(line.at_end_of_input);
+  EXPECT_EQ(input.reads_after_end, 1U);
 }
 
 TEST(LineReader, TheEndOfInputIsWhatAReadMet) {
