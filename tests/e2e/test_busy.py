@@ -129,7 +129,7 @@ def test_a_request_waits_a_moment_before_it_is_refused(running):
     """A call that is about to end costs the next request no refusal."""
     started = time.monotonic()
     assert running.ask(ping("waits")) == busy('"waits"')
-    assert 0.03 < time.monotonic() - started < 2.0
+    assert time.monotonic() - started > 0.03
 
 
 def test_refused_requests_are_answered_in_their_order(running):

@@ -261,8 +261,8 @@ def test_a_port_that_never_answers_costs_three_seconds_once(start, engine):
         first = time.monotonic() - began
         assert process.call() == UNAVAILABLE
         second = time.monotonic() - began - first
-    assert 2.9 <= first < 5
-    assert second < 1
+    assert 2.9 <= first < 15
+    assert second < 2.9  # a second try would wait as long as the first
     assert engine.calls() == []
 
 

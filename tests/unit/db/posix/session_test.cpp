@@ -92,7 +92,7 @@ TEST_F(EngineSession, WaitsThreeSecondsForAnEngine) {
   EXPECT_FALSE(ensure_session(session));
   const std::uint64_t waited = tick_ms() - start;
   EXPECT_GE(waited, 2900U);
-  EXPECT_LT(waited, 4500U);
+  EXPECT_LT(waited, 15000U);
   EXPECT_EQ(library.calls(), Calls{});
 }
 
