@@ -37,7 +37,7 @@ class Script:
     `Script().on("Next", "3", crash=True)`: the third KOVA_Next of a process
     `Script().on("NewObject", null=True)`
 
-    What a rule may do, in this order: streams, sleep (seconds), stdout, stderr, crash, hang,
+    What a rule may do, in this order: streams, leave, sleep (seconds), stdout, stderr, crash, hang,
     exit_code. What it may answer: null, result, status, columns, fields (a false column count),
     rows, repeat (a list of (count, cells)). `times` limits it to that many calls of one process.
     """
@@ -50,7 +50,8 @@ class Script:
         return self.on("Exec", statement, prefix=prefix, **what)
 
     def on(self, operation: str, text: "str | bytes | None" = None, *, prefix: bool = False,
-           times: int | None = None, streams: bool = False, sleep: float | None = None,
+           times: int | None = None, streams: bool = False, leave: bool = False,
+           sleep: float | None = None,
            stdout: "str | bytes | Repeat | None" = None,
            stderr: "str | bytes | Repeat | None" = None,
            crash: bool = False, hang: bool = False, exit_code: int | None = None,
@@ -64,8 +65,9 @@ class Script:
             self._add("rule", operation, "prefix" if prefix else "exact", escape_field(text))
         if times is not None:
             self._add("times", str(times))
-        if streams:
-            self._add("streams")
+        for name, wanted in (("streams", streams), ("leave", leave)):
+            if wanted:
+                self._add(name)
         if sleep is not None:
             self._add("sleep", str(round(sleep * 1000)))
         for name, value in (("stdout", stdout), ("stderr", stderr)):

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import os
+import signal
 import time
 
 import pytest
@@ -12,6 +13,7 @@ from audit_files import records
 from kova import (PARSE_ERROR, WORKER_FAILED, Repeat, Script, Server, call, cancel,
                   cancelled_reply, error_reply, ping, pong, request, tool_success_reply,
                   wait_until)
+from tool_calls import result_json
 
 STATEMENT = "list table;"
 LIMIT = 1048577  # the most of a child's output that is passed on
@@ -150,6 +152,31 @@ def test_a_child_that_leaves_early_with_0_has_answered(start, engine):
     engine.script(Script().on("FreeObject", exit_code=0))
     reply = start(env=engine.env).ask(call("c", "kova_list_tables"))
     assert reply.startswith(b'{"jsonrpc":"2.0","id":"c","result":')
+
+
+def expect_left_processes(engine, target, count: int) -> None:
+    """They have been started, and on Linux, where they belong to nobody, still run and are ended.
+    On Windows they end with the call's process."""
+    left = [int(entry.arguments[0]) for entry in engine.calls() if entry.operation == "left"]
+    assert len(left) == count
+    for pid in left if not target.windows else []:
+        os.kill(pid, signal.SIGKILL)
+
+
+def test_a_process_that_a_call_leaves_behind_does_not_hold_its_reply(start, engine, target):
+    """Though that has the call's standard output and may yet write to it."""
+    engine.script(Script().on_exec(STATEMENT, leave=True))
+    server = start(env=engine.env)
+    server.initialize()
+    assert server.ask(call(1, "kova_list_tables")) == tool_success_reply("1", result_json())
+    assert server.ask(ping(2)) == pong(2)
+    engine.script(Script().on_exec(STATEMENT, leave=True, hang=True))
+    server.send(call(3, "kova_list_tables"))
+    engine.wait_for("left", 2)
+    server.send(cancel(3))
+    assert server.read_line() == cancelled_reply("3")
+    assert server.ask(ping(4)) == pong(4)
+    expect_left_processes(engine, target, 2)
 
 
 def test_the_reply_waits_for_the_end_of_the_child(start, engine):

@@ -13,6 +13,8 @@
 //   sleep MILLISECONDS | crash | hang | exit CODE
 //   stdout TEXT | stderr TEXT     written to the process's own stream
 //   streams                       logs what the process has open
+//   leave                         starts a process that has the same standard output and error and
+//                                 waits for good, and logs "left" with its number
 // What it answers (the defaults: success, status OK, no columns, no rows):
 //   null                          a null pointer, from the operations that make something
 //   result N                      of Exec, 64 bits
@@ -35,7 +37,7 @@ namespace scripted {
 using Text = std::optional<std::string>;
 
 enum class Match { kAny, kExact, kPrefix };
-enum class Act { kSleep, kCrash, kHang, kExit, kStdout, kStderr, kStreams };
+enum class Act { kSleep, kCrash, kHang, kExit, kStdout, kStderr, kStreams, kLeave };
 
 struct Action {
   Act act;

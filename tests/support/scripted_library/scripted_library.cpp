@@ -121,6 +121,8 @@ void perform(const Action& action) {
       return write_stderr(action.text);
     case Act::kStreams:
       return log("streams", {open_streams()});
+    case Act::kLeave:
+      return log("left", {std::to_string(leave_process())});
   }
 }
 

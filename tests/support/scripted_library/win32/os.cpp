@@ -93,6 +93,31 @@ void exit_now(unsigned code) {
   std::abort();
 }
 
+// The host's executable, which waits for input. It holds the other end of its input itself, so that
+// none comes and none ends.
+unsigned long leave_process() {
+  SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = ::GetStdHandle(STD_OUTPUT_HANDLE);
+  startup.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
+  HANDLE write_end = nullptr;
+  char host[MAX_PATH];
+  PROCESS_INFORMATION started{};
+  if (!::CreatePipe(&startup.hStdInput, &write_end, &inheritable, 0) ||
+      ::GetModuleFileNameA(nullptr, host, sizeof host) == 0 ||
+      !::CreateProcessA(host, nullptr, nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
+                        &startup, &started)) {
+    std::exit(96);
+  }
+  ::CloseHandle(write_end);
+  ::CloseHandle(startup.hStdInput);
+  ::CloseHandle(started.hThread);
+  ::CloseHandle(started.hProcess);
+  return started.dwProcessId;
+}
+
 void write_stdout(const std::string& text) {
   write_all(STD_OUTPUT_HANDLE, text);
 }
