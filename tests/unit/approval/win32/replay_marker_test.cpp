@@ -1,4 +1,4 @@
-// Markers that the system cannot create, and what kind of file they are.
+// Markers that the system cannot create; those that it creates are hidden.
 #include "approval/replay_marker.h"
 
 #include <gtest/gtest.h>
@@ -47,6 +47,13 @@ TEST_F(Win32ReplayMarker, AMarkerInUseUsesTheNonceUp) {
   expect_unavailable();
   CloseHandle(held);
   expect_unavailable();
+}
+
+TEST_F(Win32ReplayMarker, IsHidden) {
+  ASSERT_TRUE(consume_nonce(*policy, kNonce, message));
+  const DWORD attributes = GetFileAttributesA(folder.file(kNonce + ".used").c_str());
+  ASSERT_NE(attributes, INVALID_FILE_ATTRIBUTES);
+  EXPECT_NE(attributes & FILE_ATTRIBUTE_HIDDEN, 0U);
 }
 
 // Nothing keeps a marker open: it can be deleted at once.
