@@ -38,7 +38,7 @@ import time
 import uuid
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Mapping, Sequence
+from typing import Any, Callable, Mapping, Sequence
 
 from messages import (BUSY, NOT_INITIALIZED, OVERSIZE_ERROR, PARSE_ERROR, WORKER_FAILED, busy, call,
                       cancel, cancelled_reply, error_reply, line, not_initialized, notification,
@@ -109,14 +109,14 @@ class Server:
 
     def __init__(self, target: Target, executable: Path, arguments: Sequence[str],
                  env: Environment, cwd: Path | None = None, pass_fds: Sequence[int] = (),
-                 unread: Sequence[str] = ()) -> None:
+                 unread: Sequence[str] = (), prepare: Callable[[], None] | None = None) -> None:
         self.target = target
         self.marker = uuid.uuid4().hex
         nobody = _pipe_without_reader() if unread else None
         self.process = subprocess.Popen(
             target.command(executable, arguments),
             env=target.environment({**env, MARKER: self.marker}), cwd=cwd, pass_fds=pass_fds,
-            stdin=subprocess.PIPE, bufsize=0,
+            preexec_fn=prepare, stdin=subprocess.PIPE, bufsize=0,
             stdout=nobody if "stdout" in unread else subprocess.PIPE,
             stderr=nobody if "stderr" in unread else subprocess.PIPE)
         if nobody is not None:
@@ -286,10 +286,12 @@ class Servers:
 
     def start(self, *arguments: str, env: Environment | None = None,
               library: str | None = "scripted", cwd: Path | None = None,
-              pass_fds: Sequence[int] = (), unread: Sequence[str] = ()) -> Server:
-        """`unread` names output streams that are pipes without a reader."""
+              pass_fds: Sequence[int] = (), unread: Sequence[str] = (),
+              prepare: Callable[[], None] | None = None) -> Server:
+        """`unread` names output streams that are pipes without a reader; `prepare` is called in
+        the new process before it becomes the executable."""
         server = Server(self.target, self.installation.executable(library), arguments, env or {},
-                        cwd or self.scratch, pass_fds, unread)
+                        cwd or self.scratch, pass_fds, unread, prepare)
         self._started.append(server)
         return server
 
