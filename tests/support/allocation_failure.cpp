@@ -21,13 +21,15 @@ namespace {
 
 // Process-wide counters of one thread: thread-local ones would allocate on first use on Windows.
 const std::uintptr_t kTestsThread = current_thread();
+std::atomic<std::uintptr_t> failing_thread{0};
 std::atomic<int> countdown{0};
 std::atomic<bool> refused{false};
 std::atomic<unsigned long> asked{0};
 
 bool refuse_this_one() {
-  if (current_thread() != kTestsThread) return false;
-  asked.fetch_add(1, std::memory_order_relaxed);
+  const std::uintptr_t thread = current_thread();
+  if (thread == kTestsThread) asked.fetch_add(1, std::memory_order_relaxed);
+  if (thread != failing_thread.load(std::memory_order_relaxed)) return false;
   if (countdown.load(std::memory_order_relaxed) == 0) return false;
   if (countdown.fetch_sub(1, std::memory_order_relaxed) != 1) return false;
   refused.store(true, std::memory_order_relaxed);
@@ -36,8 +38,11 @@ bool refuse_this_one() {
 
 }  // namespace
 
-AllocationFailure::AllocationFailure(int nth) {
+AllocationFailure::AllocationFailure(int nth) : AllocationFailure(nth, kTestsThread) {}
+
+AllocationFailure::AllocationFailure(int nth, std::uintptr_t thread) {
   refused.store(false, std::memory_order_relaxed);
+  failing_thread.store(thread, std::memory_order_relaxed);
   countdown.store(nth, std::memory_order_relaxed);
 }
 

@@ -1,10 +1,10 @@
-// Threads that cannot be started. The unit test binary is linked so that Thread::start passes
-// through here.
+// Threads that cannot be started. The unit test binary is linked so that Thread::start and
+// start_detached pass through here.
 #pragma once
 
 namespace kova::testing {
 
-/// While it lives, no Thread starts.
+/// While it lives, no thread starts.
 class ThreadFailure {
  public:
   ThreadFailure();

@@ -15,6 +15,8 @@
 #include "platform/clock.h"
 #include "platform/console.h"
 #include "support/child_modes.h"
+#include "support/child_watch.h"
+#include "support/random_failure.h"
 
 namespace kova {
 namespace {
@@ -165,6 +167,27 @@ TEST_F(SessionTableTest, SixteenAndNoMore) {
   EXPECT_FALSE(is_there(ids[7]));
   EXPECT_NE(create(), "");
   EXPECT_EQ(create(), "");
+}
+
+TEST_F(SessionTableTest, WithoutRandomBytesThereIsNoSession) {
+  // Nothing is idle yet: a slot is free at once, or not.
+  now_ms = 1;
+  const int before = testing::uncollected_children();
+  {
+    const testing::RandomFailure failure;
+    EXPECT_EQ(create(), "");
+  }
+  EXPECT_EQ(testing::uncollected_children(), before);
+  EXPECT_EQ(create_all().back().size(), 64U);
+}
+
+TEST_F(SessionTableTest, TheChildOfAClosedSessionEndsWith0) {
+  const std::string id = create();
+  EXPECT_EQ(ask(id, "x"), "x");
+  const int before = testing::uncollected_children();
+  close(id);
+  EXPECT_EQ(testing::uncollected_children(), before - 1);
+  EXPECT_EQ(testing::last_exit_code(), 0U);
 }
 
 TEST_F(SessionTableTest, AnswersCarryTheirOwnLines) {

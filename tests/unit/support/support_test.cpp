@@ -10,13 +10,19 @@
 #include "platform/console.h"
 #include "platform/crypto.h"
 #include "platform/environment.h"
+#include "platform/process.h"
 #include "platform/thread.h"
 #include "support/allocation_failure.h"
 #include "support/captured_output.h"
+#include "support/child_modes.h"
+#include "support/child_watch.h"
+#include "support/current_thread.h"
 #include "support/digest_failure.h"
 #include "support/environment.h"
 #include "support/guard_page.h"
+#include "support/random_failure.h"
 #include "support/temporary_directory.h"
+#include "support/thread_failure.h"
 
 namespace kova::testing {
 namespace {
@@ -80,6 +86,10 @@ class AllocatingThread {
  public:
   AllocatingThread() : thread_([this] { run(); }) {}
   ~AllocatingThread() { thread_.join(); }
+  [[nodiscard]] std::uintptr_t thread() const {
+    while (id_ == 0) yield_thread();
+    return id_;
+  }
   void* block() {
     wanted_ = true;
     while (!done_) yield_thread();
@@ -88,10 +98,12 @@ class AllocatingThread {
 
  private:
   void run() {
+    id_ = current_thread();
     while (!wanted_) yield_thread();
     block_ = std::malloc(10);
     done_ = true;
   }
+  std::atomic<std::uintptr_t> id_{0};
   std::atomic<bool> wanted_{false};
   std::atomic<bool> done_{false};
   void* block_ = nullptr;
@@ -115,6 +127,55 @@ TEST(AllocationFailure, LeavesOtherThreadsAlone) {
   EXPECT_EQ(ours, nullptr);
   EXPECT_EQ(allocation_count() - before, 1U);
   std::free(theirs);
+}
+
+TEST(AllocationFailure, RefusesTheThreadThatItIsGiven) {
+  AllocatingThread other;
+  void* theirs = nullptr;
+  void* ours = nullptr;
+  bool happened = false;
+  {
+    const AllocationFailure failure(1, other.thread());
+    ours = std::malloc(10);
+    theirs = other.block();
+    happened = AllocationFailure::happened();
+  }
+  EXPECT_NE(ours, nullptr);
+  EXPECT_EQ(theirs, nullptr);
+  EXPECT_TRUE(happened);
+  std::free(ours);
+}
+
+TEST(ThreadFailure, StartsNoThreadWhileItLives) {
+  Thread thread;
+  const auto nothing = [](void*) -> void* { return nullptr; };
+  {
+    const ThreadFailure failure;
+    EXPECT_FALSE(thread.start(nothing, nullptr));
+    EXPECT_FALSE(start_detached(nothing, nullptr));
+  }
+  EXPECT_TRUE(thread.start(nothing, nullptr));
+  EXPECT_TRUE(start_detached(nothing, nullptr));
+}
+
+TEST(RandomFailure, GivesNoBytesWhileItLives) {
+  std::uint8_t bytes[16];
+  {
+    const RandomFailure failure;
+    EXPECT_FALSE(random_bytes(bytes, sizeof bytes));
+  }
+  EXPECT_TRUE(random_bytes(bytes, sizeof bytes));
+}
+
+TEST(ChildWatch, SeesWhatIsStartedAndCollected) {
+  const int before = uncollected_children();
+  ChildProcess child;
+  ASSERT_TRUE(child.start(kChildExit7));
+  EXPECT_EQ(uncollected_children(), before + 1);
+  child.wait();
+  EXPECT_EQ(child.collect(), 7U);
+  EXPECT_EQ(uncollected_children(), before);
+  EXPECT_EQ(last_exit_code(), 7U);
 }
 
 TEST(DigestFailure, FailsEveryDigestWhileItLives) {
