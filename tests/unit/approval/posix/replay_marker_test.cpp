@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "support/posix/sync_failure.h"
 #include "unit/approval/approval_fixture.h"
 
 namespace kova::testing {
@@ -43,6 +44,23 @@ TEST_F(PosixReplayMarker, NeedsAFreeDescriptor) {
   EXPECT_FALSE(consumed);
   EXPECT_EQ(std::string_view(message), kUsed);
   EXPECT_TRUE(markers().empty());
+}
+
+// A marker that a crash of the machine could undo would let the token through twice: first its
+// file is stored, then the folder that holds its name.
+TEST_F(PosixReplayMarker, NeedsToBeStoredForGood) {
+  const Synced steps[] = {Synced::kFile, Synced::kDirectory};
+  for (int step = 0; step < 2; ++step) {
+    {
+      const SyncFailure failure(step + 1);
+      expect_unavailable();
+      EXPECT_EQ(SyncFailure::failed(), steps[step]);
+    }
+    // The nonce is used up all the same.
+    expect_unavailable();
+    forget_markers();
+  }
+  EXPECT_TRUE(consume_nonce(*policy, kNonce, message));
 }
 
 // A link is not followed, wherever it leads: creation is exclusive.
