@@ -2,6 +2,7 @@
 // to no class and has no other case.
 #pragma once
 
+#include <array>
 #include <string_view>
 
 namespace kova {
@@ -39,11 +40,19 @@ constexpr char to_lower(char c) {
   return is_upper(c) ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
+inline constexpr auto kHexValues = [] {
+  std::array<signed char, 256> values{};
+  values.fill(-1);
+  for (int digit = 0; digit < 16; ++digit) {
+    values[static_cast<unsigned char>("0123456789abcdef"[digit])] = static_cast<signed char>(digit);
+    values[static_cast<unsigned char>("0123456789ABCDEF"[digit])] = static_cast<signed char>(digit);
+  }
+  return values;
+}();
+
 /// The value of a hexadecimal digit of either case, or -1.
 constexpr int hex_value(char c) {
-  if (is_digit(c)) return c - '0';
-  const char lower = to_lower(c);
-  return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+  return kHexValues[static_cast<unsigned char>(c)];
 }
 
 [[nodiscard]] bool equal_ignoring_case(std::string_view a, std::string_view b);

@@ -1,9 +1,11 @@
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
 
 #include "base/ascii.h"
+#include "base/byte_run.h"
 #include "base/text.h"
 #include "json/json.h"
 
@@ -46,6 +48,24 @@ int encode_utf8(std::uint32_t code, unsigned char (&out)[4]) {
   return 4;
 }
 
+/// What a letter stands for behind a backslash; any other byte stands for itself.
+char escaped_byte(char letter) {
+  switch (letter) {
+    case 'b':
+      return '\b';
+    case 'f':
+      return '\f';
+    case 'n':
+      return '\n';
+    case 'r':
+      return '\r';
+    case 't':
+      return '\t';
+    default:
+      return letter;
+  }
+}
+
 /// Decodes the escape that begins with the backslash at `position` and steps over it. Answers the
 /// number of bytes, 0 for a malformed one.
 int decode_escape(std::string_view raw, std::size_t& position, unsigned char (&out)[4]) {
@@ -60,10 +80,7 @@ int decode_escape(std::string_view raw, std::size_t& position, unsigned char (&o
   if (raw.size() - position < 2) return 0;
   const char kind = raw[position + 1];
   if (kind != 'u') {
-    static constexpr std::string_view kLetters = "bfnrt";
-    static constexpr std::string_view kBytes = "\b\f\n\r\t";
-    const std::size_t letter = kLetters.find(kind);
-    out[0] = static_cast<unsigned char>(letter != kLetters.npos ? kBytes[letter] : kind);
+    out[0] = static_cast<unsigned char>(escaped_byte(kind));
     position += 2;
     return 1;
   }
@@ -76,6 +93,41 @@ int decode_escape(std::string_view raw, std::size_t& position, unsigned char (&o
     code = 0x10000 + ((code - kHighSurrogate) << 10) + (low - kLowSurrogate);
   }
   return encode_utf8(code, out);
+}
+
+/// Copies what stands before the next backslash, or the end, when it fits. A short run is copied
+/// with what follows it, in one step.
+bool copy_run(std::string_view raw, std::size_t& position, char*& target, const char* target_end) {
+  const std::string_view rest = slice(raw, position);
+  std::size_t run = kRunBlock;
+  const auto room = static_cast<std::size_t>(target_end - target);
+  if (rest.size() >= kRunBlock && room >= kRunBlock) {
+    const __m128i block = load_block(rest.data());
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(target), block);
+    const int backslashes = _mm_movemask_epi8(_mm_cmpeq_epi8(block, _mm_set1_epi8('\\')));
+    run = static_cast<std::size_t>(std::countr_zero(static_cast<unsigned>(backslashes)));
+  }
+  if (run >= kRunBlock) {
+    run = std::min(rest.find('\\'), rest.size());
+    if (run > room) return false;
+    std::copy_n(rest.data(), run, target);
+  }
+  position += run;
+  target += run;
+  return true;
+}
+
+/// Decodes a string's source text to [target, target_end) and moves `target` behind it. False for a
+/// malformed escape and for a text that does not fit.
+bool decode_string(std::string_view raw, char*& target, const char* target_end) {
+  for (std::size_t position = 0;;) {
+    if (!copy_run(raw, position, target, target_end)) return false;
+    if (position == raw.size()) return true;
+    unsigned char bytes[4];
+    const int count = decode_escape(raw, position, bytes);
+    if (count == 0 || count > target_end - target) return false;
+    for (int i = 0; i < count; ++i) *target++ = static_cast<char>(bytes[i]);
+  }
 }
 
 /// Reads a decimal without exponent, of at most 15 significant digits and 22 fractional ones; false
@@ -114,13 +166,11 @@ bool read_decimal(std::string_view raw, double& number) {
 }  // namespace
 
 bool json_hex4(const char* digits, std::uint32_t& value) {
-  value = 0;
-  for (int i = 0; i < 4; ++i) {
-    const int digit = hex_value(digits[i]);
-    if (digit < 0) return false;
-    value = value << 4 | static_cast<std::uint32_t>(digit);
-  }
-  return true;
+  // Negative when one of them is no digit.
+  const int number = hex_value(digits[0]) << 12 | hex_value(digits[1]) << 8 |
+                     hex_value(digits[2]) << 4 | hex_value(digits[3]);
+  value = static_cast<std::uint32_t>(number);
+  return number >= 0;
 }
 
 int json_skip(const JsonDoc& doc, int index) {
@@ -147,21 +197,12 @@ int json_find(const JsonDoc& doc, int object, std::string_view key) {
 }
 
 bool json_get_string(const JsonDoc& doc, int index, TextOut out) {
-  if (!doc.is(index, JsonType::kString) || !out.copy({})) return false;
+  if (!doc.is(index, JsonType::kString)) return false;
   const std::string_view raw = doc.raw(index);
-  std::size_t position = 0;
-  for (;;) {
-    const std::size_t escape = std::min(raw.find('\\', position), raw.size());
-    if (!out.append(slice(raw, position, escape - position))) return false;
-    if (escape == raw.size()) return true;
-    position = escape;
-    unsigned char bytes[4];
-    const int count = decode_escape(raw, position, bytes);
-    if (count == 0) return false;
-    const std::string_view decoded(reinterpret_cast<const char*>(bytes),
-                                   static_cast<std::size_t>(count));
-    if (!out.append(decoded)) return false;
-  }
+  char* target = out.data();
+  const bool decoded = decode_string(raw, target, target + out.capacity() - 1);
+  *target = '\0';
+  return decoded;
 }
 
 bool json_get_scalar_text(const JsonDoc& doc, int index, TextOut out) {
