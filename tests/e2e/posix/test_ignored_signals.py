@@ -1,18 +1,14 @@
-"""What a process is given by the one that starts it: ignored signals, a limit of memory."""
+"""A process that is started to ignore signals."""
 
 from __future__ import annotations
 
-import resource
 import signal
 
-import pytest
-
-from http_client import CLOSED, answered, free_ports
+from http_client import CLOSED, answered
 from kova import Script, call, ping, pong, tool_success_reply
 from tool_calls import result_json
 
 SESSIONS = 16
-LINE_BUFFER = 1048578
 
 
 def ignore_ended_children() -> None:
@@ -43,26 +39,3 @@ def test_sessions_of_a_listener_that_was_started_to_ignore_ended_children(http):
     assert endpoint.delete(session) == CLOSED
     endpoint.wait_for_no_child()
     assert endpoint.server.zombies() == []
-
-
-def limited_to(size: int):
-    """The data of the process and of everything that it starts may take so many bytes."""
-    return lambda: resource.setrlimit(resource.RLIMIT_DATA, (size, size))
-
-
-@pytest.mark.parametrize("arguments", [
-    [], ["--check-policy"], ["--check-config"], ["--issue-approval"], ["--tool-worker"],
-    ["--http", "PORT"], ["--unknown"], ["--http"],
-], ids=" ".join)
-def test_without_memory_for_the_line_buffer_every_mode_ends_with_2(start, arguments):
-    """The limit leaves room for everything else: it is two bytes less than the buffer alone."""
-    port = str(next(free_ports()))
-    server = start(*[argument.replace("PORT", port) for argument in arguments],
-                   prepare=limited_to(LINE_BUFFER - 2))
-    assert server.wait() == 2
-    assert server.finish().stdout == server.stderr == b""
-
-
-@pytest.mark.parametrize("arguments", [[], ["--check-policy"]], ids=str)
-def test_with_twice_that_memory_there_is_enough(start, arguments):
-    assert start(*arguments, prepare=limited_to(2 * LINE_BUFFER)).finish().code == 0
