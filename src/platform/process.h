@@ -56,7 +56,7 @@ class ChildProcess {
 
  private:
   std::intptr_t process_ = -1;
-  std::intptr_t guard_ = -1;
+  std::intptr_t guard_ = -1;  ///< Windows: the job that ends it; Linux: what tells its end
   std::intptr_t input_ = -1;
   std::intptr_t output_ = -1;
   std::optional<std::uint32_t> terminated_with_;

@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <utility>
 
 #include "platform/clock.h"
@@ -18,7 +20,6 @@ namespace kova {
 namespace {
 
 constexpr int kSignalExitBase = 128;
-constexpr int kEndedCheckMs = 100;
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
@@ -103,6 +104,7 @@ bool ChildProcess::start(const char* argument) {
                             descriptor_of(input.read_end), descriptor_of(output.write_end));
   if (child < 0) return false;
   process_ = child;
+  guard_ = ::syscall(SYS_pidfd_open, child, 0);
   input_ = std::exchange(input.write_end, -1);
   output_ = std::exchange(output.read_end, -1);
   return true;
@@ -122,20 +124,21 @@ void ChildProcess::close_input() {
   close_descriptor(input_);
 }
 
-// A process that the child has left behind keeps the pipe open; the child's own end is looked for
-// from time to time.
+// A process that the child has left behind keeps the pipe open, so the child's own end is waited
+// for too; without a descriptor for that, the pipe's alone.
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
-  bool ended = false;
+  const auto event = [](std::intptr_t handle) {
+    return pollfd{.fd = descriptor_of(handle), .events = POLLIN, .revents = 0};
+  };
   for (;;) {
-    pollfd output{.fd = descriptor_of(output_), .events = POLLIN, .revents = 0};
-    const int ready = ::poll(&output, 1, ended ? 0 : kEndedCheckMs);
-    if (ready > 0) {
-      const ssize_t got = ::read(output.fd, data, size);
+    pollfd events[] = {event(output_), event(guard_)};
+    if (::poll(events, std::size(events), -1) > 0) {
+      // What the child wrote is there before its end is seen.
+      if (events[0].revents == 0) return 0;
+      const ssize_t got = ::read(events[0].fd, data, size);
       if (got >= 0) return static_cast<std::size_t>(got);
     }
-    if (ready == 0 && ended) return 0;
-    if (ready != 0 && errno != EINTR) return 0;
-    ended = wait_within(0);
+    if (errno != EINTR) return 0;
   }
 }
 
@@ -168,6 +171,7 @@ bool ChildProcess::wait_within(std::uint32_t milliseconds) {
 void ChildProcess::abandon() {
   close_descriptor(input_);
   close_descriptor(output_);
+  close_descriptor(guard_);
   // One that has ended would otherwise stay listed for as long as this process lives.
   if (process_ >= 0) ::waitpid(static_cast<pid_t>(process_), nullptr, WNOHANG);
   process_ = -1;
