@@ -130,11 +130,14 @@ std::size_t ChildProcess::read_output(char* data, std::size_t size) {
   const auto event = [](std::intptr_t handle) {
     return pollfd{.fd = descriptor_of(handle), .events = POLLIN, .revents = 0};
   };
-  for (;;) {
+  for (bool ended = false;;) {
     pollfd events[] = {event(output_), event(guard_)};
-    if (::poll(events, std::size(events), -1) > 0) {
-      // What the child wrote is there before its end is seen.
-      if (events[0].revents == 0) return 0;
+    // The output has been looked at before the child's end, so it is looked at once more after it.
+    const int ready = ended ? ::poll(events, 1, 0) : ::poll(events, std::size(events), -1);
+    if (ready == 0) return 0;
+    if (ready > 0) {
+      ended = events[0].revents == 0;
+      if (ended) continue;
       const ssize_t got = ::read(events[0].fd, data, size);
       if (got >= 0) return static_cast<std::size_t>(got);
     }
