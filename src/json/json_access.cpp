@@ -1,11 +1,9 @@
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
 
 #include "base/ascii.h"
-#include "base/byte_run.h"
 #include "base/text.h"
 #include "json/json.h"
 
@@ -95,33 +93,14 @@ int decode_escape(std::string_view raw, std::size_t& position, unsigned char (&o
   return encode_utf8(code, out);
 }
 
-/// Copies what stands before the next backslash, or the end, when it fits. A short run is copied
-/// with what follows it, in one step.
-bool copy_run(std::string_view raw, std::size_t& position, char*& target, const char* target_end) {
-  const std::string_view rest = slice(raw, position);
-  std::size_t run = kRunBlock;
-  const auto room = static_cast<std::size_t>(target_end - target);
-  if (rest.size() >= kRunBlock && room >= kRunBlock) {
-    const __m128i block = load_block(rest.data());
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(target), block);
-    const int backslashes = _mm_movemask_epi8(_mm_cmpeq_epi8(block, _mm_set1_epi8('\\')));
-    run = static_cast<std::size_t>(std::countr_zero(static_cast<unsigned>(backslashes)));
-  }
-  if (run >= kRunBlock) {
-    run = std::min(rest.find('\\'), rest.size());
-    if (run > room) return false;
-    std::copy_n(rest.data(), run, target);
-  }
-  position += run;
-  target += run;
-  return true;
-}
-
 /// Decodes a string's source text to [target, target_end) and moves `target` behind it. False for a
 /// malformed escape and for a text that does not fit.
 bool decode_string(std::string_view raw, char*& target, const char* target_end) {
   for (std::size_t position = 0;;) {
-    if (!copy_run(raw, position, target, target_end)) return false;
+    const std::string_view run = slice(raw, position, raw.find('\\', position) - position);
+    if (static_cast<std::ptrdiff_t>(run.size()) > target_end - target) return false;
+    target = std::copy(run.begin(), run.end(), target);
+    position += run.size();
     if (position == raw.size()) return true;
     unsigned char bytes[4];
     const int count = decode_escape(raw, position, bytes);
