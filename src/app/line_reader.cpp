@@ -7,8 +7,6 @@
 
 namespace kova {
 
-static_assert(kPieceLimit < kLineBufferCapacity);
-
 bool LineReader::next(Line& line) {
   std::size_t searched = 0;
   for (;;) {

@@ -6,11 +6,11 @@
 
 namespace kova {
 
-/// Room for the longest piece that a read may take, with a terminator.
-inline constexpr std::size_t kLineBufferCapacity = 1048578;
 inline constexpr std::size_t kMessageLimit = 1048576;
 /// The most that one read takes: a message of the largest size and its line feed.
 inline constexpr std::size_t kPieceLimit = kMessageLimit + 1;
+/// Room for it, with a terminator.
+inline constexpr std::size_t kLineBufferCapacity = kPieceLimit + 1;
 
 /// What one read took: up to and including a line feed, or as many bytes as a piece may have, or
 /// what was left at the end of input.

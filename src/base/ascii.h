@@ -40,6 +40,7 @@ constexpr char to_lower(char c) {
   return is_upper(c) ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
+/// What hex_value answers for each byte.
 inline constexpr auto kHexValues = [] {
   std::array<signed char, 256> values{};
   values.fill(-1);
