@@ -30,7 +30,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 
 
 def pytest_ignore_collect(collection_path: Path, config: pytest.Config) -> "bool | None":
-    """What one system alone has is looked at there alone."""
+    """Tests in posix/ run on Linux only, those in win32/ on Windows only."""
     other = {"linux": "win32", "windows": "posix"}[config.getoption("--target")]
     return True if other in collection_path.relative_to(ROOT).parts else None
 

@@ -1,11 +1,11 @@
-"""Processes by what /proc says of them: environment, command line, state."""
+"""Finds processes by their environment, command line and state in /proc."""
 
 from __future__ import annotations
 
 import os
 
 MARKER = "E2E_SERVER"
-"""The environment variable by which a server's descendants are told from everyone else's."""
+"""The environment variable that marks a server and every process that it starts."""
 
 
 def marked(marker: str, variable: str = MARKER) -> list[int]:
@@ -29,7 +29,7 @@ def workers(pids: list[int]) -> list[int]:
 
 
 def zombies(parent: int) -> list[int]:
-    """Children that have ended and that nobody has collected (on Linux)."""
+    """Children that have ended and have not been waited for (Linux)."""
     found = []
     for pid in _all():
         state, _, rest = _read(pid, "stat").rpartition(b")")[2].strip().partition(b" ")

@@ -1,4 +1,4 @@
-"""./run and scripts/setup.sh, as somebody types them. They use the checkout's own build folder."""
+"""./run and scripts/setup.sh, as a user types them. They use the checkout's own build folder."""
 
 from __future__ import annotations
 
@@ -231,7 +231,7 @@ def read_all(terminal: int) -> str:
         while block := os.read(terminal, 65536):
             data += block
     except OSError:
-        pass  # so a terminal ends
+        pass  # the end of a terminal
     os.close(terminal)
     return data.decode()
 
@@ -380,7 +380,7 @@ class Machine:
 
 @pytest.fixture
 def folder() -> Iterator[Path]:
-    """Open to other users, unlike pytest's own."""
+    """A folder that other users can read, unlike pytest's own."""
     with tempfile.TemporaryDirectory() as name:
         yield Path(name)
 

@@ -1,4 +1,4 @@
-"""./run http, as somebody types it. It uses the checkout's own build folder."""
+"""./run http, as a user types it. It uses the checkout's own build folder."""
 
 from __future__ import annotations
 
@@ -68,7 +68,7 @@ class Served:
         return connection.getresponse()
 
     def processes(self) -> dict[int, str]:
-        """By the marker that they inherit; nginx, which hides it, by the folder that it names."""
+        """By the inherited marker; nginx overwrites its environment, so by its command line."""
         found = {*processes.marked(self.marker, MARKER), *processes.naming(str(self.folder))}
         names = {pid: processes.name(pid) for pid in found}
         return {pid: name for pid, name in names.items()
@@ -131,7 +131,7 @@ def test_the_key_is_for_its_owner_only(served: Served) -> None:
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
 def test_it_stops_everything(served: Served, number: signal.Signals) -> None:
-    """With a session that is open, so that a session's process is there, too."""
+    """With an open session, so that its process is running, too."""
     assert served.ask(request("initialize", 1, {})).status == 200
     names = {name[:8] for name in served.processes().values()}
     assert names >= {"kova-mcp", "kova-sam", "nginx", "python3"}

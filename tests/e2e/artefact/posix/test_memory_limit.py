@@ -14,7 +14,7 @@ LINE_BUFFER = 1048578
 
 
 def limited_to(size: int):
-    """The data of the process and of everything that it starts may take so many bytes."""
+    """Limits the data of the process, and of each process that it starts, to this size."""
     return lambda: resource.setrlimit(resource.RLIMIT_DATA, (size, size))
 
 
@@ -23,7 +23,7 @@ def limited_to(size: int):
     ["--http", "PORT"], ["--unknown"], ["--http"],
 ], ids=" ".join)
 def test_without_memory_for_the_line_buffer_every_mode_ends_with_2(start, arguments):
-    """The limit leaves room for everything else: it is two bytes less than the buffer alone."""
+    """The limit is two bytes less than the buffer, which is far more than the rest needs."""
     port = str(next(free_ports()))
     server = start(*[argument.replace("PORT", port) for argument in arguments],
                    prepare=limited_to(LINE_BUFFER - 2))
