@@ -171,7 +171,6 @@ def abandoned(request: pytest.FixtureRequest, listen: Listen, front: Front,
     with caller.connect() as connection:
         connection.sendall(head.encode() + body)
         wait_until(server.server.workers, TIMEOUT, "the call's worker")
-        time.sleep(SLOW["ms"] / 1000)
     time.sleep(0.5)
     assert server.server.workers()
     return server, caller, session
