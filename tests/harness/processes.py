@@ -10,8 +10,8 @@ MARKER = "E2E_SERVER"
 
 def marked(marker: str, variable: str = MARKER) -> list[int]:
     """The processes that have the variable with this value in their environment."""
-    wanted = f"{variable}={marker}".encode()
-    return sorted(pid for pid in _all() if wanted in _read(pid, "environ").split(b"\0"))
+    wanted = f"\0{variable}={marker}\0".encode()
+    return sorted(pid for pid in _all() if wanted in b"\0" + _read(pid, "environ"))
 
 
 def naming(text: str) -> list[int]:
@@ -49,12 +49,22 @@ def name(pid: int) -> str:
 
 
 def _all() -> list[int]:
-    return [int(entry.name) for entry in os.scandir("/proc") if entry.name.isdigit()]
+    return [int(name) for name in os.listdir("/proc") if name.isdigit()]
 
 
 def _read(pid: int, file: str) -> bytes:
+    """Tests look through all processes often: system calls alone take a third of a file object's
+    time."""
     try:
-        with open(f"/proc/{pid}/{file}", "rb") as opened:
-            return opened.read()
+        descriptor = os.open(f"/proc/{pid}/{file}", os.O_RDONLY)
     except OSError:
         return b""
+    data = b""
+    try:
+        while piece := os.read(descriptor, 1 << 16):
+            data += piece
+    except OSError:
+        pass  # It has ended meanwhile.
+    finally:
+        os.close(descriptor)
+    return data

@@ -19,7 +19,10 @@ import wine
 from harness import processes
 from harness.messages import line, request
 from harness.targets import Environment, Installation, Target
-from harness.waiting import TIMEOUT, wait_until
+from harness.waiting import TIMEOUT, wait_for_end, wait_until
+
+END_TIMEOUT = 5.0
+"""Seconds in which a server must end after its input has ended."""
 
 
 @dataclass
@@ -156,7 +159,7 @@ class Server:
 
     def wait(self, timeout: float = TIMEOUT) -> int:
         """Waits for the end and returns the exit code. Wine passes its lowest eight bits on."""
-        code = self.process.wait(timeout)
+        code = wait_for_end(self.process, timeout)
         self._join()
         return code
 
@@ -172,7 +175,7 @@ class Server:
 
     def kill(self) -> None:
         self.process.kill()
-        self.process.wait(TIMEOUT)
+        wait_for_end(self.process)
 
     def processes(self) -> list[int]:
         """The processes of this executable that this server is or has started.
@@ -198,7 +201,7 @@ class Server:
         if self.process.stdin is not None and not self.process.stdin.closed:
             self.process.stdin.close()
         try:
-            self.process.wait(5)
+            wait_for_end(self.process, END_TIMEOUT)
             left_running = False
         except subprocess.TimeoutExpired:
             left_running = True
