@@ -1,4 +1,4 @@
-// The answer of tools/list.
+// The reply to tools/list.
 #pragma once
 
 #include "json/reply.h"

@@ -1,4 +1,4 @@
-#include "mcp/tool_catalogue.h"
+#include "mcp/tool_list.h"
 
 #include "policy/predicates.h"
 #include "tools/tool_table.h"
@@ -15,14 +15,16 @@ constexpr std::string_view kWriteAnnotations =
     R"(,"annotations":{"readOnlyHint":false,"destructiveHint":true,"idempotentHint":false,)"
     R"("openWorldHint":false},"execution":{"taskSupport":"forbidden"}})";
 
-/// The gates that a tool may ask for and still be listed.
-std::uint32_t open_gates(const McpPolicy& policy) {
-  const bool reads = policy.valid && (!policy.configured || policy.reads_enabled);
-  std::uint32_t gates = 0;
-  if (reads) gates |= kReadTool | kCollectionTool | kHybridTool | kProviderStatus;
-  if (reads && policy_provider_reads_allowed(policy)) gates |= kProviderTool;
-  if (policy_writes_allowed(policy)) gates |= kWriteTool;
-  return gates;
+bool is_listed(const Tool& tool, const McpPolicy& policy) {
+  switch (tool.access) {
+    case ToolAccess::kRead:
+      return policy_reads_allowed(policy);
+    case ToolAccess::kProviderRead:
+      return policy_reads_allowed(policy) && policy_provider_reads_allowed(policy);
+    case ToolAccess::kWrite:
+      return policy_writes_allowed(policy);
+  }
+  return false;
 }
 
 void write_tool(ReplyLine& reply, const Tool& tool) {
@@ -32,18 +34,17 @@ void write_tool(ReplyLine& reply, const Tool& tool) {
       .string(tool.description)
       .raw(R"(,"inputSchema":)")
       .raw(tool.input_schema)
-      .raw((tool.gates & kWriteTool) != 0 ? kWriteAnnotations : kReadAnnotations);
+      .raw(tool.access == ToolAccess::kWrite ? kWriteAnnotations : kReadAnnotations);
 }
 
 }  // namespace
 
 void write_tool_list(RequestId id, const McpPolicy& policy) {
-  const std::uint32_t open = open_gates(policy);
-  ReplyLine reply;
-  reply.raw(R"({"jsonrpc":"2.0","id":)").id(id).raw(R"(,"result":{"tools":[)");
+  ReplyLine reply(id);
+  reply.raw(R"(,"result":{"tools":[)");
   std::string_view separator;
   for (const Tool& tool : tool_table()) {
-    if ((tool.gates & ~open) != 0) continue;
+    if (!is_listed(tool, policy)) continue;
     reply.raw(separator);
     write_tool(reply, tool);
     separator = ",";

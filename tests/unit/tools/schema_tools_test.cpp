@@ -1,5 +1,5 @@
 // The lists and descriptions, with a policy and without one.
-#include "tools/catalogue_tools.h"
+#include "tools/schema_tools.h"
 
 #include <gtest/gtest.h>
 
@@ -152,14 +152,14 @@ TEST_F(ToolCalls, AListAloneHeedsDisabledReads) {
   for (const auto tool : {list_databases_tool, list_tables_tool}) {
     audit = {};
     ToolContext context{*policy, audit, session};
-    CapturedOutput output;
-    tool({.doc = doc, .id = 2, .arguments = -1}, context);
-    EXPECT_EQ(output.take(), tool_error("read tools are disabled by policy"));
+    ToolAnswer answer;
+    EXPECT_FALSE(tool({.doc = doc, .arguments = -1}, context, answer));
+    EXPECT_STREQ(answer.message, "read tools are disabled by policy");
     expect_audit("deny", "");
     // Arguments come first.
     audit = {};
-    tool({.doc = doc, .id = 2, .arguments = 4}, context);
-    EXPECT_EQ(output.take(), kNoArguments);
+    EXPECT_FALSE(tool({.doc = doc, .arguments = 4}, context, answer));
+    EXPECT_STREQ(answer.message, "this tool accepts no arguments");
     expect_audit("", "");
   }
 }

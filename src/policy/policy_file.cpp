@@ -1,16 +1,16 @@
-#include "policy/policy.h"
+#include "policy/policy_file.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <iterator>
 #include <string_view>
 
 #include "base/ascii.h"
+#include "base/heap_array.h"
 #include "base/text.h"
 #include "json/json.h"
 #include "platform/environment.h"
 #include "platform/file.h"
-#include "policy/predicates.h"
+#include "policy/names.h"
 
 namespace kova {
 
@@ -41,35 +41,14 @@ constexpr std::string_view kKeys[] = {"version",
                                       "approval_ttl_seconds",
                                       "approval_state_directory"};
 
-/// The file's text on the heap.
-struct PolicyText {
-  PolicyText() = default;
-  ~PolicyText() { std::free(data); }
-  PolicyText(const PolicyText&) = delete;
-  PolicyText& operator=(const PolicyText&) = delete;
-
-  char* data = nullptr;
-  std::size_t size = 0;
-
-  [[nodiscard]] std::string_view without_byte_order_mark() const {
-    std::string_view text(data, size);
-    if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
-    return text;
-  }
-};
-
-bool read_file(const char* path, PolicyText& text, TextOut error) {
-  InputFile file;
-  if (!file.open(path)) return refuse(error, "MCP policy file cannot be opened");
-  const std::uint64_t size = file.size();
-  if (size == 0 || size > kPolicyFileLimit) {
+/// The size of an open file that may be a policy, in bytes.
+bool policy_size(const InputFile& file, std::size_t& size, TextOut error) {
+  const std::uint64_t bytes = file.size();
+  if (bytes == 0 || bytes > kPolicyFileLimit) {
     return refuse(error, "MCP policy file size is invalid");
   }
-  text.size = static_cast<std::size_t>(size);
-  text.data = static_cast<char*>(std::malloc(text.size + 1));
-  if (text.data == nullptr) return refuse(error, "MCP policy memory limit");
-  text.data[text.size] = '\0';
-  return file.read(text.data, text.size) || refuse(error, "MCP policy read failed");
+  size = static_cast<std::size_t>(bytes);
+  return true;
 }
 
 /// Reads the members of one parsed policy file.
@@ -80,19 +59,15 @@ class PolicyReader {
   /// Exactly the known keys, each at most once; keys are compared decoded here.
   [[nodiscard]] bool keys_are_known() const {
     bool seen[std::size(kKeys)] = {};
-    int key = 1;
-    while (key < doc_.count) {
-      char text[kSafeNameCapacity];
-      const int value = key + 1;
-      if (value >= doc_.count || doc_[value].parent != 0 || !json_get_string(doc_, key, text)) {
-        return false;
-      }
-      const auto* const known = std::find(std::begin(kKeys), std::end(kKeys), text);
+    JsonMembers members(doc_, 0);
+    for (const JsonMember member : members) {
+      char key[kSafeNameCapacity];
+      if (!json_get_string(doc_, member.key, key)) return false;
+      const auto* const known = std::find(std::begin(kKeys), std::end(kKeys), key);
       if (known == std::end(kKeys) || seen[known - std::begin(kKeys)]) return false;
       seen[known - std::begin(kKeys)] = true;
-      key = json_skip(doc_, value);
     }
-    return true;
+    return members.well_formed();
   }
 
   [[nodiscard]] bool identity_and_version() {
@@ -167,8 +142,7 @@ class PolicyReader {
     const int array = find(key);
     if (!doc_.is(array, JsonType::kArray)) return false;
     names.count = 0;
-    const int end = json_skip(doc_, array);
-    for (int element = array + 1; element < end; element = json_skip(doc_, element)) {
+    for (const int element : JsonElements(doc_, array)) {
       if (names.count == NameList::kCapacity) return false;
       char(&name)[kSafeNameCapacity] = names.names[names.count];
       if (!json_get_string(doc_, element, name) || !policy_safe_name(name) ||
@@ -230,8 +204,16 @@ bool load_file(const char* path, McpPolicy& policy, TextOut error) {
   if (std::string_view(path).size() >= kPathCapacity || !is_canonical_path(path)) {
     return refuse(error, "KOVA_MCP_POLICY must be an absolute canonical path");
   }
-  PolicyText text;
-  return read_file(path, text, error) && load_text(text.without_byte_order_mark(), policy, error);
+  InputFile file;
+  if (!file.open(path)) return refuse(error, "MCP policy file cannot be opened");
+  std::size_t size = 0;
+  if (!policy_size(file, size, error)) return false;
+  const HeapArray<char> bytes(size);
+  if (!bytes) return refuse(error, "MCP policy memory limit");
+  if (!file.read(bytes.data(), size)) return refuse(error, "MCP policy read failed");
+  std::string_view text(bytes.data(), size);
+  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+  return load_text(text, policy, error);
 }
 
 }  // namespace

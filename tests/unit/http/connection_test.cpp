@@ -1,5 +1,5 @@
 // A connection for whose request there is no memory.
-#include "http/gate.h"
+#include "http/connection.h"
 
 #include <gtest/gtest.h>
 
@@ -33,7 +33,7 @@ const std::string kRateExceeded =
     "Content-Length: 31\r\n" +
     kCommonHeaders + "Retry-After: 60\r\n\r\n" + R"({"error":"rate limit exceeded"})";
 
-class HttpGate : public ::testing::Test {
+class HttpConnection : public ::testing::Test {
  protected:
   /// What a client that has sent kRequest gets while the first allocation fails.
   std::string answer_without_memory(ConnectedSockets& sockets) {
@@ -62,13 +62,13 @@ class HttpGate : public ::testing::Test {
   }
 };
 
-TEST_F(HttpGate, WithoutMemoryForTheRequestNothingIsRead) {
+TEST_F(HttpConnection, WithoutMemoryForTheRequestNothingIsRead) {
   ConnectedSockets sockets;
   EXPECT_EQ(answer_without_memory(sockets), kMemoryLimit);
   EXPECT_EQ(unread, kRequest);
 }
 
-TEST_F(HttpGate, TheRateStandsBeforeTheMemoryAndCountsEveryRequest) {
+TEST_F(HttpConnection, TheRateStandsBeforeTheMemoryAndCountsEveryRequest) {
   const ScopedEnvironment one("KOVA_MCP_HTTP_RATE_PER_MINUTE", "1");
   ConnectedSockets first;
   ConnectedSockets second;

@@ -16,7 +16,7 @@ inline constexpr std::size_t kAnswerLimit = 262144;
 
 /// A server process and the pipes to it. `write` may be called by several threads, every other
 /// function by one at a time; nobody may be in `write` or `read_line` any more when it is ended.
-class Session {
+class SessionProcess {
  public:
   /// Draws a fresh id and starts the child; false when either fails.
   [[nodiscard]] bool start(ChildStarter& starter);

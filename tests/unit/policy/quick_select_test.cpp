@@ -5,6 +5,7 @@
 #include <string>
 
 #include "db/statement.h"
+#include "policy/quick_select.h"
 #include "support/guard_page.h"
 #include "tools/query_tool.h"
 

@@ -1,4 +1,4 @@
-#include "mcp/tool_catalogue.h"
+#include "mcp/tool_list.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "http/session.h"
+#include "http/session_process.h"
 
 #include <cstring>
 
@@ -28,11 +28,11 @@ bool append_to_answer(std::string_view piece, char* answer, std::size_t& length)
 
 }  // namespace
 
-bool Session::start(ChildStarter& starter) {
+bool SessionProcess::start(ChildStarter& starter) {
   return draw_id() && starter.start(child_);
 }
 
-bool Session::draw_id() {
+bool SessionProcess::draw_id() {
   std::uint8_t bytes[(kSessionIdCapacity - 1) / 2];
   const WipeGuard guard(bytes);
   if (!random_bytes(bytes, sizeof bytes)) return false;
@@ -40,18 +40,18 @@ bool Session::draw_id() {
   return true;
 }
 
-bool Session::write(std::string_view message) {
+bool SessionProcess::write(std::string_view message) {
   const MutexGuard guard(writing_);
   return child_.write_input(message);
 }
 
-bool Session::fill_block() {
+bool SessionProcess::fill_block() {
   begin_ = 0;
   end_ = child_.read_output(block_, sizeof block_);
   return end_ > 0;
 }
 
-bool Session::read_line(char* line, std::size_t& length) {
+bool SessionProcess::read_line(char* line, std::size_t& length) {
   length = 0;
   for (;;) {
     if (begin_ == end_ && !fill_block()) return false;
@@ -66,15 +66,15 @@ bool Session::read_line(char* line, std::size_t& length) {
   }
 }
 
-bool Session::has_ended() {
+bool SessionProcess::has_ended() {
   return child_.wait_within(0);
 }
 
-void Session::terminate() {
+void SessionProcess::terminate() {
   child_.terminate(kEndedExitCode);
 }
 
-void Session::finish() {
+void SessionProcess::finish() {
   if (child_.wait_within(kEndGraceMs)) {
     child_.collect();
   } else {
