@@ -11,10 +11,10 @@ from typing import Any, Callable, Iterator, Mapping
 
 import pytest
 
+from demo.tls_front_end import make_certificate
 from kova import TIMEOUT, Target, call, cancel, request, wait_until
 from policy_files import PolicyFiles
 from sales_engine import COUNT_ORDERS, ORDERS, SLOW, Engine, engine, executable, profile, result
-from tls_front_end import make_certificate
 from tls_service import TOKEN, Answer, Caller, FrontEnd, HttpServer, Recorder, clean_environment
 
 HERE = Path(__file__).resolve().parent

@@ -15,11 +15,11 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Iterable, Mapping, Sequence
 
+from demo.tls_front_end import (NAMES, filled, free_port, haproxy_command, haproxy_configuration,
+                                nginx_command, nginx_configuration)
 from kova import MARKER, TIMEOUT, Target, wait_until
 from sales_engine import processes
 from sample_engine import LOOPBACK
-from tls_front_end import (NAMES, filled, free_port, haproxy_command, haproxy_configuration,
-                           nginx_command, nginx_configuration)
 
 TOKEN = "a token of the tests, long enough"
 NO_LIMIT = "1000000"

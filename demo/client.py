@@ -1,4 +1,4 @@
-"""A plain MCP client: one line a message, over the standard streams of the real executable."""
+"""A small MCP client: one line per message, over the standard streams of a server."""
 
 from __future__ import annotations
 
@@ -10,21 +10,21 @@ import time
 from dataclasses import dataclass
 from typing import Any
 
+from outcome import SessionFailure
+
 REPLY_TIMEOUT = 60.0
-
-
-class SessionFailure(Exception):
-    """What happened is not what the session is there to show. Its text is one line."""
 
 
 @dataclass(frozen=True)
 class Exchange:
+    """A reply, and the seconds from the request's first byte to the reply's line."""
+
     reply: dict[str, Any]
-    seconds: float  # from the first byte sent to the line received
+    seconds: float
 
 
 class Client:
-    """Speaks to a started server; its standard streams are pipes."""
+    """Speaks to a started server whose standard streams are pipes."""
 
     def __init__(self, process: "subprocess.Popen[bytes]") -> None:
         self.process = process
@@ -48,7 +48,7 @@ class Client:
             self.diagnostics += line
 
     def request(self, method: str, params: "dict[str, Any] | None" = None) -> dict[str, Any]:
-        """The message of a request, with the next id; `send` sends it."""
+        """Makes a request with the next id; `send` sends it."""
         self._last_id += 1
         message: dict[str, Any] = {"jsonrpc": "2.0", "id": self._last_id, "method": method}
         if params is not None:
@@ -63,7 +63,7 @@ class Client:
         return message
 
     def send(self, message: dict[str, Any]) -> float:
-        """Answers the time at which the sending began."""
+        """Returns the time at which sending began."""
         assert self.process.stdin is not None
         began = time.monotonic()
         data = json.dumps(message, ensure_ascii=False, separators=(",", ":")).encode() + b"\n"
@@ -71,21 +71,22 @@ class Client:
             self.process.stdin.write(data)
             self.process.stdin.flush()
         except BrokenPipeError:
-            raise SessionFailure(f"the server has ended: {self.last_words()}") from None
+            raise SessionFailure(f"the server has ended: {self.last_diagnostic()}") from None
         return began
 
     def receive(self, sent: float) -> Exchange:
+        """Waits for the next reply. `sent` is the time that `send` returned."""
         try:
             received = self._replies.get(timeout=REPLY_TIMEOUT)
         except queue.Empty:
             raise SessionFailure(f"no reply within {REPLY_TIMEOUT:.0f} s") from None
         if received is None:
-            raise SessionFailure(f"the server has ended: {self.last_words()}")
+            raise SessionFailure(f"the server has ended: {self.last_diagnostic()}")
         at, line = received
         return Exchange(json.loads(line), at - sent)
 
-    def ended_within(self, seconds: float) -> bool:
-        """Waits while the server works; true when it has replied or ended before the time."""
+    def replied_within(self, seconds: float) -> bool:
+        """Whether the server replies or ends within the time; `receive` still gets the reply."""
         try:
             received = self._replies.get(timeout=seconds)
         except queue.Empty:
@@ -94,7 +95,7 @@ class Client:
         return True
 
     def close(self) -> int:
-        """Ends the server's input, which ends the server; its exit code."""
+        """Closes the server's input, which ends the server. Returns its exit code."""
         assert self.process.stdin is not None
         self.process.stdin.close()
         code = self.process.wait(REPLY_TIMEOUT)
@@ -102,6 +103,7 @@ class Client:
             reader.join(REPLY_TIMEOUT)
         return code
 
-    def last_words(self) -> str:
+    def last_diagnostic(self) -> str:
+        """The last line on the server's standard error."""
         lines = self.diagnostics.decode(errors="replace").splitlines()
         return lines[-1] if lines else "it said nothing"

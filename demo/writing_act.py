@@ -1,14 +1,12 @@
-"""The session's second act: a write that an operator approves, once, and nothing else."""
+"""The session's second act: a write that an operator approves, which runs exactly once."""
 
 from __future__ import annotations
 
 import dataclasses
 import datetime
 import subprocess
-from typing import Any
 
-from session_acts import CHECK_TIMEOUT, Act, Stage, audit, expect, handshake, run_mode
-from session_view import count
+from stage import COMMAND_TIMEOUT, Scene, Stage, audit, expect, handshake, listed_tools
 
 WRITE_TOOL = "kova_execute"
 UNKNOWN_TOOL = -32602
@@ -22,7 +20,7 @@ OTHER_TABLE = "write type or target table is not allowed by MCP policy"
 
 @dataclasses.dataclass
 class Write:
-    """What the acts hand on; the note's text is this session's own, to find its row again."""
+    """The write that the scenes share. The note's text is unique, so that its row can be found."""
 
     note: str
     sql: str
@@ -30,26 +28,26 @@ class Write:
     token: str = ""
 
 
-class SecondAct:
-    """Its acts, in their order."""
+class WritingAct:
+    """The scenes in their order, with the write that they share."""
 
     def __init__(self) -> None:
         note = f"Upgrade after the backup ({datetime.datetime.now()})"
         self.write = Write(
             note, f"INSERT INTO NOTES (PACKAGE, NOTE) VALUES ('{PACKAGE}', '{note}')")
-        self.acts = [
-            Act("A server whose policy lets one table be written", self.open),
-            Act("A write is proposed", self.propose),
-            Act("The operator approves it", self.approve),
-            Act("The approved write, once", self.execute),
-            Act("The kill switch", self.kill_switch),
-            Act("The audit file of the second act", audit),
+        self.scenes = [
+            Scene("A server whose policy lets one table be written", self.open),
+            Scene("A write is proposed", self.propose),
+            Scene("The operator approves it", self.approve),
+            Scene("The approved write, once", self.execute),
+            Scene("The kill switch", self.kill_switch),
+            Scene("The audit file of the second act", audit),
         ]
 
     def open(self, stage: Stage) -> None:
         handshake(stage)
         expect(WRITE_TOOL in listed_tools(stage), f"{WRITE_TOOL} is not listed")
-        stage.view.note("A table that the policy does not let be written.")
+        stage.view.note("A table that the policy does not allow to be written.")
         stage.refused(WRITE_TOOL, {"sql": "DELETE FROM PACKAGES WHERE NAME = 'sqlite3'"},
                       OTHER_TABLE)
 
@@ -62,17 +60,18 @@ class SecondAct:
 
     def approve(self, stage: Stage) -> None:
         view, write = stage.view, self.write
-        view.note("The operator reads the statement, and computes its digest: the client may have"
+        view.note("The operator reads the statement and computes its digest: the client may have"
                   " shown another.")
         view.line(f'$ printf %s "{write.sql};" | sha256sum', "cyan")
         process = stage.processes.start(["sha256sum"], stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE)
-        computed = process.communicate(f"{write.sql};".encode(), CHECK_TIMEOUT)[0].decode().strip()
+        output, _ = process.communicate(f"{write.sql};".encode(), COMMAND_TIMEOUT)
+        computed = output.decode().strip()
         view.line("  " + computed, "green")
         expect(computed == f"{write.digest}  -", "the digest is not that of the statement")
         view.note("It is the same. The operator has the policy and the secret, and needs no login.")
-        token, code = run_mode(stage, "--issue-approval", operator_environment(stage),
-                               f"echo {write.digest} | ", f"{write.digest}\n")
+        token, code = stage.run_mode("--issue-approval", _operator_environment(stage),
+                                     f"echo {write.digest} | ", f"{write.digest}\n")
         expect(code == 0 and token.startswith("v1.") and write.digest in token,
                "no token is issued")
         write.token = token
@@ -80,7 +79,7 @@ class SecondAct:
     def execute(self, stage: Stage) -> None:
         view, write = stage.view, self.write
         approved = {"sql": write.sql, "approval_token": write.token}
-        view.note("The token holds for no other statement: one word is another.")
+        view.note("The token is valid for no other statement: here one word differs.")
         altered = write.sql.replace("after", "without")
         stage.refused(WRITE_TOOL, {**approved, "sql": altered}, OTHER_STATEMENT)
         view.note("The statement that was approved.")
@@ -89,9 +88,9 @@ class SecondAct:
                and result["structuredContent"]["status"] == "1 row inserted",
                "the approved write is not done")
         stage.tally.written += 1
-        view.note("The same again: a token is spent by its use.")
+        view.note("The same again: a token can be used once.")
         stage.refused(WRITE_TOOL, approved, USED)
-        view.note("What has come of it: one row.")
+        view.note("The result: one row.")
         content = stage.rows_of("kova_query", {
             "sql": f"SELECT ID, PACKAGE, NOTE FROM NOTES WHERE NOTE = '{write.note}'"})
         expect([row[1:] for row in content["rows"]] == [[PACKAGE, write.note]],
@@ -105,28 +104,21 @@ class SecondAct:
                                   stage.environment | off, stage.tally)
         handshake(switched_off)
         expect(WRITE_TOOL not in listed_tools(switched_off), f"{WRITE_TOOL} is listed")
-        view.note("The tool is as unknown as one that does not exist; such a call is not audited.")
+        view.note("The call gets the error of a tool that does not exist, and is not audited.")
         error = switched_off.error_of("tools/call", {"name": WRITE_TOOL,
                                                      "arguments": {"sql": self.write.sql}})
         expect(error == {"code": UNKNOWN_TOOL, "message": "unknown Vantreo tool"},
                f"{WRITE_TOOL} is not unknown")
         stage.tally.refused += 1
         switched_off.close()
-        view.note("Nothing is approved either.")
-        _, code = run_mode(stage, "--issue-approval", operator_environment(stage) | off,
-                           f"echo {self.write.digest} | KOVA_MCP_DISABLE_WRITES=1 ",
-                           f"{self.write.digest}\n")
+        view.note("No approval is issued either.")
+        _, code = stage.run_mode("--issue-approval", _operator_environment(stage) | off,
+                                 f"echo {self.write.digest} | KOVA_MCP_DISABLE_WRITES=1 ",
+                                 f"{self.write.digest}\n")
         expect(code == 2, "an approval is issued although writes are switched off")
 
 
-def listed_tools(stage: Stage) -> list[str]:
-    """Shows the tools' names in one line; the first act has shown their descriptions."""
-    names = [tool["name"] for tool in stage.ask("tools/list")["tools"]]
-    stage.view.line(f"  {count(len(names), 'tool')}: {', '.join(names)}")
-    return names
-
-
-def operator_environment(stage: Stage) -> dict[str, str]:
-    """Without the engine's address and login: with them, a mistake could run a statement."""
-    needless = {"KOVA_MCP_SERVER", "KOVA_MCP_PORT", "KOVA_MCP_PASSWORD", "KOVA_MCP_AUDIT"}
-    return {name: value for name, value in stage.environment.items() if name not in needless}
+def _operator_environment(stage: Stage) -> dict[str, str]:
+    """Without the engine's address and login, which approving does not need."""
+    unneeded = {"KOVA_MCP_SERVER", "KOVA_MCP_PORT", "KOVA_MCP_PASSWORD", "KOVA_MCP_AUDIT"}
+    return {name: value for name, value in stage.environment.items() if name not in unneeded}

@@ -1,11 +1,10 @@
-"""The session's third act: searches in an AI collection, and what keeps a client from more."""
+"""The session's third act: searches in an AI collection, and the searches that are refused."""
 
 from __future__ import annotations
 
 import json
 
-from session_acts import Act, Stage, audit, expect, handshake
-from session_writes import listed_tools
+from stage import Scene, Stage, audit, expect, handshake, listed_tools
 
 COLLECTION = "PACKAGE_TEXTS"
 PRIVATE_COLLECTION = "NOTE_TEXTS"
@@ -22,20 +21,20 @@ DENIED_COLUMN = "hybrid column is denied by MCP policy"
 SWITCHED_OFF = "provider-backed MCP reads are disabled by policy or kill switch"
 
 
-class ThirdAct:
-    """Its acts, in their order."""
+class SearchAct:
+    """The scenes in their order, with the vector that they share."""
 
     def __init__(self) -> None:
         self.vector: list[float] = []
-        self.acts = [
-            Act("A server whose policy lets one AI collection be searched", self.open),
-            Act("Text search", self.text),
-            Act("Hybrid search: the hits with columns of their rows", self.hybrid),
-            Act("Vector search: what is like a package", self.similar),
-            Act("The state of the collection", self.status),
-            Act("Searches that are refused", self.refusals),
-            Act("The provider's kill switch", self.kill_switch),
-            Act("The audit file of the third act", audit),
+        self.scenes = [
+            Scene("A server whose policy lets one AI collection be searched", self.open),
+            Scene("Text search", self.text),
+            Scene("Hybrid search: the hits with columns of their rows", self.hybrid),
+            Scene("Vector search: what is like a package", self.similar),
+            Scene("The state of the collection", self.status),
+            Scene("Searches that are refused", self.refusals),
+            Scene("The provider's kill switch", self.kill_switch),
+            Scene("The audit file of the third act", audit),
         ]
 
     def open(self, stage: Stage) -> None:
@@ -81,7 +80,7 @@ class ThirdAct:
                "the collection is not ready, or a temporary table is left")
 
     def refusals(self, stage: Stage) -> None:
-        stage.view.note("A collection that the policy does not name: what people have noted.")
+        stage.view.note("A collection that the policy does not name: users' notes.")
         stage.refused(TEXT_SEARCH, {"collection": PRIVATE_COLLECTION, "text": "backup", "top": 5},
                       OTHER_COLLECTION)
         stage.view.note("A column that the policy denies, as a column of the hits.")

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Serves the sample database over HTTPS, until it is interrupted.
+"""Serves the sample database over HTTPS until it is interrupted.
 
     serve_http.py linux|windows    the listener of that executable behind nginx
 """
@@ -16,15 +16,17 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Callable, Sequence
 
-from session import guarded
-from session_client import SessionFailure
-from session_sample import STATE, Engine, Processes, Target, all_processes, prepare
-from session_view import View, standard_view
+from engine import Engine
+from outcome import BAD_ARGUMENTS, SessionFailure, guarded
+from prepare import prepare
+from processes import Processes, all_processes
+from target import STATE, Target
 from tls_front_end import (NAMES, free_port, make_certificate, nginx_command,
                            nginx_configuration)
+from view import View, standard_view
 
 START_TIMEOUT = 60.0
-TRIES = 3  # somebody else may take a free port first
+TRIES = 3  # another program may take a free port first
 BANNER = "(TLS termination required)"
 INITIALIZE = json.dumps({
     "jsonrpc": "2.0", "id": 1, "method": "initialize", "params": {
@@ -34,31 +36,32 @@ INITIALIZE = json.dumps({
 
 @dataclass(frozen=True)
 class Server:
-    """A process that has to be there as long as the session is."""
+    """A process that must run as long as the session does."""
 
     name: str
     process: "subprocess.Popen[bytes]"
     port: int
     log: Path
 
-    def last_words(self) -> str:
+    def last_line(self) -> str:
         lines = self.log.read_text("utf-8", errors="replace").splitlines()
         return lines[-1] if lines else "it said nothing"
 
-    def ready_before_its_end(self, is_ready: "Callable[[Server], bool]") -> bool:
+    def becomes_ready(self, is_ready: "Callable[[Server], bool]") -> bool:
+        """Waits until it is ready; false when it ends before that."""
         end = time.monotonic() + START_TIMEOUT
         while self.process.poll() is None:
             if is_ready(self):
                 return True
             if time.monotonic() > end:
-                raise SessionFailure(f"{self.name} does not start: {self.last_words()}")
+                raise SessionFailure(f"{self.name} does not start: {self.last_line()}")
             time.sleep(0.05)
         return False
 
 
 @dataclass(frozen=True)
-class Stage:
-    """What is started for one session, with everything that it writes in one folder."""
+class Service:
+    """The listener and nginx of one session; everything that they write lies in one folder."""
 
     target: Target
     folder: Path
@@ -70,10 +73,10 @@ class Stage:
         environment = self.target.environment(profile | {
             "KOVA_MCP_HTTP_BEARER_TOKEN": self.token,
             "KOVA_MCP_HTTP_ALLOWED_HOSTS": NAMES.replace(" ", ",")})
-        # A connection to see whether it listens would count against its rate.
+        # No trial connection: it would count against the listener's rate.
         return self._start("the listener",
                            lambda port: self.target.command("--http", str(port)),
-                           lambda server: BANNER in server.last_words(), environment)
+                           lambda server: BANNER in server.last_line(), environment)
 
     def start_nginx(self, listener: Server) -> Server:
         configuration = self.folder / "nginx.conf"
@@ -95,36 +98,36 @@ class Stage:
                 process = self.processes.start(command(port), environment, stdout=output,
                                                stderr=output, stdin=subprocess.DEVNULL)
             server = Server(name, process, port, log)
-            if server.ready_before_its_end(is_ready):
+            if server.becomes_ready(is_ready):
                 return server
-        raise SessionFailure(f"{name} does not start: {server.last_words()}")
+        raise SessionFailure(f"{name} does not start: {server.last_line()}")
 
 
-def show(view: View, stage: Stage, url: str) -> None:
-    entry = {"type": "http", "url": url, "headers": {"Authorization": f"Bearer {stage.token}"}}
+def show(view: View, service: Service, url: str) -> None:
+    entry = {"type": "http", "url": url, "headers": {"Authorization": f"Bearer {service.token}"}}
     view.line()
-    view.line(f"Serving the sample database with {stage.target.executable_name} behind nginx."
+    view.line(f"Serving the sample database with {service.target.executable_name} behind nginx."
               " Ctrl-C stops it.", "bold")
     view.line()
     view.line(f"URL          {url}")
-    view.line(f"Bearer token {stage.token}")
-    view.line(f"Certificate  {stage.certificate}")
+    view.line(f"Bearer token {service.token}")
+    view.line(f"Certificate  {service.certificate}")
     view.line()
     view.note("The client's entry:")
     view.line(json.dumps({"mcpServers": {"vantreo-sample": entry}}, indent=2))
     view.line()
     view.note("The certificate is self-signed and ends with this session. A client on Node.js")
     view.note("trusts it when NODE_EXTRA_CA_CERTS names it. Without a client:")
-    view.line(f"curl -i --cacert {stage.certificate} -H 'Authorization: Bearer {stage.token}' "
+    view.line(f"curl -i --cacert {service.certificate} -H 'Authorization: Bearer {service.token}' "
               f"{url} -d '{INITIALIZE}'")
 
 
 def watch(servers: Sequence[Server]) -> None:
-    """Comes back when one of them has ended."""
+    """Waits until one of them has ended, which is a failure."""
     while True:
         for server in servers:
             if server.process.poll() is not None:
-                raise SessionFailure(f"{server.name} has ended: {server.last_words()}")
+                raise SessionFailure(f"{server.name} has ended: {server.last_line()}")
         time.sleep(0.2)
 
 
@@ -133,16 +136,16 @@ def serve(target: Target, view: View, processes: Processes) -> None:
     engine = Engine("http", processes)
     with tempfile.TemporaryDirectory(prefix="http-", dir=STATE) as name:
         folder = Path(name)
-        stage = Stage(target, folder, processes, secrets.token_urlsafe(32),
+        service = Service(target, folder, processes, secrets.token_urlsafe(32),
                       make_certificate(folder))
         try:
-            listener = stage.start_listener(engine.profile(target))
-            nginx = stage.start_nginx(listener)
-            show(view, stage, f"https://localhost:{nginx.port}/mcp")
+            listener = service.start_listener(engine.profile(target))
+            nginx = service.start_nginx(listener)
+            show(view, service, f"https://localhost:{nginx.port}/mcp")
             watch([nginx, listener, Server("the sample engine", engine.process, int(engine.port),
                                            engine.log_file)])
         finally:
-            processes.close()  # they write into the folder
+            processes.close()  # before the folder that they write into is removed
 
 
 def run(target: Target, view: View) -> int:
@@ -154,7 +157,7 @@ def run(target: Target, view: View) -> int:
 def main(arguments: list[str]) -> int:
     if arguments not in (["linux"], ["windows"]):
         print("serve_http.py: expected linux or windows", file=sys.stderr)
-        return 2
+        return BAD_ARGUMENTS
     view = standard_view()
     return guarded(view, lambda: run(Target(arguments[0]), view))
 

@@ -1,4 +1,4 @@
-"""The TLS front ends of deploy/, filled in for a folder and ports of one's own."""
+"""The TLS front ends of deploy/, adapted to a folder and ports of this machine."""
 
 from __future__ import annotations
 
@@ -13,18 +13,18 @@ from typing import Mapping, Sequence
 DEPLOY = Path(__file__).resolve().parents[1] / "deploy"
 LOOPBACK = "127.0.0.1"
 NAMES = f"localhost {LOOPBACK}"
-"""What a client on this machine may call the front end."""
+"""The host names by which a client on this machine may reach the front end."""
 
 
 def free_port() -> int:
-    """A port of the loopback that nobody listens on now."""
+    """A loopback port that is free now."""
     with socket.socket() as holder:
         holder.bind((LOOPBACK, 0))
         return int(holder.getsockname()[1])
 
 
 def make_certificate(folder: Path) -> Path:
-    """A self-signed certificate for this machine's own names, with its key beside it."""
+    """Makes a self-signed certificate for the names above, with its key in a file beside it."""
     certificate = folder / "server.pem"
     subprocess.run(
         ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
@@ -36,7 +36,8 @@ def make_certificate(folder: Path) -> Path:
 
 
 def filled(text: str, values: Mapping[str, str]) -> str:
-    """Each of the texts has to be there, so that a configuration that changes is noticed."""
+    """The text with every key of `values` replaced. A key that the text lacks is an error, so that a
+    change of the configuration is noticed."""
     for old, new in values.items():
         if old not in text:
             raise ValueError(f"the configuration has no {old!r}")
@@ -61,7 +62,7 @@ def nginx_configuration(folder: Path, certificate: Path, port: int, listener_por
 
 
 def nginx_command(configuration: Path) -> list[str]:
-    """One process, which leaves no worker behind however it ends."""
+    """Runs nginx as a single process, so that no worker is left however it ends."""
     return ["/usr/sbin/nginx", "-e", "stderr", "-c", str(configuration),
             "-g", "daemon off; master_process off;"]
 
