@@ -17,7 +17,7 @@ from typing import Any, Callable, Sequence
 from engine import APPROVAL_SECRET, DATA, DATABASE, EXECUTABLE, USER, USERS
 from outcome import SessionFailure
 from processes import Processes
-from target import BUILD, ROOT, STATE, WINE, WINE_PREFIX, Target
+from target import BUILD, ROOT, STATE, WINE_PREFIX, Target, wine
 from view import Step, View
 
 POLICY_FOR_WRITES = ROOT / "sample" / "data" / "policy-notes.json"
@@ -99,14 +99,11 @@ def _configure(preset: str, view: View, processes: Processes) -> None:
 
 
 def _prepare_wine(view: View, processes: Processes) -> None:
-    # The tests share the prefix; they hold the same lock while they make it.
-    with open(f"{WINE_PREFIX}.lock", "w", encoding="ascii") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        if (WINE_PREFIX / "system.reg").exists():
-            return
+    wine.fix_addresses()
+    if not wine.is_prepared(WINE_PREFIX):
         with view.step("Wine prefix in build/wineprefix"):
-            _run(processes, [WINE, "wineboot", "-i"], "Wine cannot make its prefix", view,
-                 env=Target("windows").environment({}))
+            _run(processes, [sys.executable, wine.__file__, "prepare"],
+                 "Wine cannot make its prefix", view, env=Target("windows").environment({}))
 
 
 def _install(target: Target) -> None:

@@ -11,11 +11,7 @@ import uuid
 from pathlib import Path
 from typing import Any, Iterator, Sequence
 
-from target import WINE_PREFIX
-
-WINE_SERVER = "/usr/lib/wine/wineserver"
-WINE_OWN = {"wineserver64", "services.exe", "explorer.exe", "winedevice.exe", "plugplay.exe",
-            "svchost.exe", "rpcss.exe", "conhost.exe"}
+from target import WINE_PREFIX, wine
 
 MARKER = "KOVA_RUN_SESSION"
 """The environment variable that marks this session's processes; they inherit it. The caller may set
@@ -63,14 +59,14 @@ class Processes:
         for process in reversed(self._started):
             self.finish(process)
         self._started.clear()
-        self._end_survivors(WINE_OWN)
+        self._end_survivors(wine.OWN_PROGRAMS)
         if self._wine_env is not None and not self._prefix_is_shared() and self._wine_ends():
             self._end_survivors(set())
 
     def _wine_ends(self) -> bool:
         """Waits for Wine's own servers, which end by themselves soon after the last program."""
         try:
-            subprocess.run([WINE_SERVER, "-w"], env=self._wine_env, timeout=END_TIMEOUT,
+            subprocess.run([wine.server(), "-w"], env=self._wine_env, timeout=END_TIMEOUT,
                            check=False, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                            stderr=subprocess.DEVNULL)
         except subprocess.TimeoutExpired:
@@ -79,7 +75,8 @@ class Processes:
 
     def _prefix_is_shared(self) -> bool:
         """Whether a program of somebody else, such as a test, uses the same Wine prefix."""
-        return any(name not in WINE_OWN and f"{MARKER}={self.marker}".encode() not in variables
+        own = f"{MARKER}={self.marker}".encode()
+        return any(name not in wine.OWN_PROGRAMS and own not in variables
                    for _, name, variables in _processes_with(f"WINEPREFIX={WINE_PREFIX}"))
 
     def _end_survivors(self, tolerated: set[str]) -> None:

@@ -14,14 +14,16 @@ Everything that ./run makes lies in build/run/:
 from __future__ import annotations
 
 import os
+import sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build"
 STATE = BUILD / "run"
-
 WINE_PREFIX = BUILD / "wineprefix"
-WINE = "/usr/lib/wine/wine64"
+
+sys.path.append(str(ROOT / "scripts"))
+import wine  # noqa: E402  (found only with the path above)
 
 
 class Target:
@@ -38,15 +40,16 @@ class Target:
 
     def path(self, path: Path) -> str:
         """The path in the spelling of the target's system."""
-        return "Z:" + str(path).replace("/", "\\") if self.windows else str(path)
+        return wine.windows_path(path) if self.windows else str(path)
 
     def command(self, *arguments: str) -> list[str]:
-        return ([WINE] if self.windows else []) + [str(self.executable), *arguments]
+        if self.windows:
+            return wine.command(self.executable, *arguments)
+        return [str(self.executable), *arguments]
 
     def environment(self, variables: "dict[str, str]") -> dict[str, str]:
         """A small environment of its own, with the variables added."""
         env = {"PATH": "/usr/bin:/bin", "HOME": os.environ.get("HOME", "/"), "LC_ALL": "C.UTF-8"}
         if self.windows:
-            env |= {"WINEPREFIX": str(WINE_PREFIX), "WINEDEBUG": "-all",
-                    "WINEDLLOVERRIDES": "mscoree,mshtml="}
+            env |= wine.environment(WINE_PREFIX)
         return env | variables

@@ -8,12 +8,12 @@ $WINEPREFIX or build/wineprefix.
 
 from __future__ import annotations
 
-import os
 from pathlib import Path
 from typing import Iterator
 
 import pytest
 
+import wine
 from http_client import HttpListeners
 from kova import Installation, ScriptedLibrary, Servers, Target
 from listeners import LOOPBACK, Listener
@@ -42,12 +42,10 @@ def pytest_report_header(config: pytest.Config) -> str:
 def target(pytestconfig: pytest.Config) -> Iterator[Target]:
     name = pytestconfig.getoption("--target")
     build = pytestconfig.getoption("--build-dir") or ROOT / "build" / name
-    prefix = Path(os.environ.get("WINEPREFIX") or ROOT / "build" / "wineprefix")
-    made = Target(name, build.resolve(), prefix.absolute())
+    made = Target(name, build.resolve(), wine.default_prefix())
     assert made.executable.exists(), f"{made.executable} is not built"
-    made.prepare()
-    yield made
-    made.release()
+    with made.ready():
+        yield made
 
 
 @pytest.fixture(scope="session")

@@ -40,11 +40,12 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Callable, Mapping, Sequence
 
+import wine
 from messages import (BUSY, NOT_INITIALIZED, OVERSIZE_ERROR, PARSE_ERROR, WORKER_FAILED, busy, call,
                       cancel, cancelled_reply, error_reply, line, not_initialized, notification,
                       ping, pong, request, result_reply, tool_error_reply, tool_success_reply)
 from scripted_library import Call, Repeat, Script, ScriptedLibrary
-from target import WINE, Environment, Installation, Target
+from target import Environment, Installation, Target
 from waiting import TIMEOUT, wait_until
 
 __all__ = [
@@ -52,7 +53,7 @@ __all__ = [
     "cancel", "cancelled_reply", "error_reply", "line", "not_initialized", "notification", "ping",
     "pong", "request", "result_reply", "tool_error_reply", "tool_success_reply",
     "Call", "Repeat", "Script", "ScriptedLibrary", "TIMEOUT", "wait_until",
-    "Environment", "Installation", "MARKER", "Result", "Server", "Servers", "Target", "WINE",
+    "Environment", "Installation", "MARKER", "Result", "Server", "Servers", "Target",
 ]
 
 MARKER = "E2E_SERVER"
@@ -217,9 +218,11 @@ class Server:
         What Wine's loader has not made a process of its own yet is none: a process that Wine was
         about to start when its parent was killed stays in the loader, out of reach of every job.
         """
-        loader = WINE.encode() + b"\0"
-        return [pid for pid in self._marked()
-                if not _read(f"/proc/{pid}/cmdline").startswith(loader)]
+        found = self._marked()
+        if not self.target.windows:
+            return found
+        loader = wine.loader().encode() + b"\0"
+        return [pid for pid in found if not _read(f"/proc/{pid}/cmdline").startswith(loader)]
 
     def _marked(self) -> list[int]:
         wanted = f"{MARKER}={self.marker}".encode()

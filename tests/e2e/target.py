@@ -2,16 +2,12 @@
 
 from __future__ import annotations
 
-import fcntl
-import select
+import contextlib
 import shutil
-import subprocess
 from pathlib import Path
-from typing import Mapping, Sequence
+from typing import Iterator, Mapping, Sequence
 
-from waiting import TIMEOUT, wait_until
-
-WINE = "/usr/lib/wine/wine64"
+import wine
 
 Environment = Mapping[str, "str | Path | None"]
 
@@ -27,55 +23,34 @@ class Target:
         self.executable = build / ("kova-mcp.exe" if self.windows else "kova-mcp")
         self.library_name = "kovadll.dll" if self.windows else "libkovadll.so"
         self.line_end = b"\r\n" if self.windows else b"\n"  # of standard error
-        self._keeper: subprocess.Popen[bytes] | None = None
 
     def path(self, path: Path) -> str:
         """The path as the target writes it."""
-        text = str(path)
-        return "Z:" + text.replace("/", "\\") if self.windows else text
+        return wine.windows_path(path) if self.windows else str(path)
 
     def command(self, executable: Path, arguments: Sequence[str]) -> list[str]:
-        return ([WINE] if self.windows else []) + [str(executable), *arguments]
+        if self.windows:
+            return wine.command(executable, *arguments)
+        return [str(executable), *arguments]
 
     def environment(self, extra: Environment) -> dict[str, str]:
         """A minimal environment and the variables of the test; None leaves one out."""
         env = {"PATH": "/usr/bin:/bin", "HOME": str(self.build), "LC_ALL": "C.UTF-8"}
         if self.windows:
-            env |= {"WINEPREFIX": str(self.prefix), "WINEDEBUG": "-all"}
+            env |= wine.environment(self.prefix)
         for name, value in extra.items():
             if value is not None:
                 env[name] = self.path(value) if isinstance(value, Path) else value
         return env
 
-    def prepare(self) -> None:
-        """Makes the Wine prefix once, and keeps Wine's own servers up for the session."""
-        if not self.windows:
-            return
-        self.prefix.parent.mkdir(parents=True, exist_ok=True)
-        env = self.environment({})
-        quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-        with open(f"{self.prefix}.lock", "w", encoding="ascii") as lock:
-            fcntl.flock(lock, fcntl.LOCK_EX)
-            if not (self.prefix / "system.reg").exists():
-                subprocess.run([WINE, "wineboot", "-i"], env=env, check=True, timeout=300, **quiet)
-            # Wine's own servers keep the streams of the process that starts them.
-            subprocess.run([WINE, "cmd", "/c", "exit"], env=env, check=True, timeout=300, **quiet)
-            wait_until(lambda: self._start_keeper(env), TIMEOUT, "a process that keeps Wine up")
-
-    def _start_keeper(self, env: Environment) -> bool:
-        """A program of Wine's that waits for its input to end. False when it did not come up: it
-        has met servers that were about to end, as they do when no program is left."""
-        self._keeper = subprocess.Popen([WINE, "cmd", "/k", "echo up"], env=env,
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        stderr=subprocess.DEVNULL)
-        said = self._keeper.stdout
-        assert said is not None
-        return bool(select.select([said], [], [], TIMEOUT)[0]) and said.readline().startswith(b"up")
-
-    def release(self) -> None:
-        if self._keeper is not None and self._keeper.stdin is not None:
-            self._keeper.stdin.close()
-            self._keeper.wait(timeout=TIMEOUT)
+    @contextlib.contextmanager
+    def ready(self) -> Iterator[None]:
+        """For the time of a run: the executable can be started. Under Wine at once, each time."""
+        if self.windows:
+            with wine.held(self.prefix):
+                yield
+        else:
+            yield
 
 
 class Installation:

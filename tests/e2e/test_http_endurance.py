@@ -20,10 +20,11 @@ from typing import Iterator
 
 import pytest
 
+import wine
 from http_client import (CLOSED, HANGING_STATEMENT, INITIALIZE, RESPONSE_FAILED, SESSION_FAILED,
                          SESSION_REQUIRED, SESSION_REUSED, SESSION_UNKNOWN, UNBOUNDED, UNKNOWN_ID,
                          HttpListener, HttpListeners, accepted, answered)
-from kova import (TIMEOUT, WINE, Installation, Repeat, Script, ScriptedLibrary, Servers, Target,
+from kova import (TIMEOUT, Installation, Repeat, Script, ScriptedLibrary, Servers, Target,
                   call, cancel, cancelled_reply, ping, pong, wait_until)
 
 PASSED = SESSION_REQUIRED
@@ -55,7 +56,7 @@ def handles(target: Target) -> int:
     if not target.windows:
         return 0
     helper = target.build / "tests" / "support" / "handle-count.exe"
-    told = subprocess.run([WINE, str(helper), NamedInstallation.name], stdout=subprocess.PIPE,
+    told = subprocess.run(wine.command(helper, NamedInstallation.name), stdout=subprocess.PIPE,
                           env=target.environment({}), check=True, timeout=TIMEOUT)
     return int(told.stdout)
 
