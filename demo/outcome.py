@@ -6,6 +6,7 @@ import os
 import sys
 from typing import Callable
 
+from target import wine
 from view import View
 
 FAILED = 1
@@ -21,7 +22,7 @@ def guarded(view: View, action: Callable[[], int]) -> int:
     """Returns the action's exit code; a failure or an interrupt is reported in one line."""
     try:
         return action()
-    except SessionFailure as failure:
+    except (SessionFailure, wine.WineFailure) as failure:
         view.line()
         view.line(f"./run failed: {failure}", "red")
         return FAILED

@@ -1,4 +1,4 @@
-"""The examples work as they stand, but for the paths and the engine that a reader puts in."""
+"""The files of deploy/ work as they stand, but for the paths and the engine that a reader puts in."""
 
 from __future__ import annotations
 
@@ -12,11 +12,14 @@ import pytest
 
 from kova import TIMEOUT, Environment, Result, Target, call, request
 
-EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
-POLICY = EXAMPLES / "policy-read-only.json"
-ENVIRONMENT = EXAMPLES / "kova-mcp.env"
-POLICY_FOR_WRITES = EXAMPLES / "policy-writes.json"
-ENVIRONMENT_FOR_WRITES = EXAMPLES / "kova-mcp-writes.env"
+DEPLOY = Path(__file__).resolve().parents[2] / "deploy"
+POLICY = DEPLOY / "policy-read-only.json"
+ENVIRONMENT = DEPLOY / "kova-mcp.env"
+POLICY_FOR_WRITES = DEPLOY / "policy-writes.json"
+ENVIRONMENT_FOR_WRITES = DEPLOY / "kova-mcp-writes.env"
+ENVIRONMENT_FOR_HTTP = DEPLOY / "kova-mcp-http.env"
+UNIT = DEPLOY / "kova-mcp-http.service"
+EXPOSURE_LIMIT = 12  # tenths of systemd's points; 100 is no protection at all
 
 CHECKED = (b"MCP_CONFIG_OK policy=sales_read_only configured=yes reads=yes provider_reads=no"
            b" writes=no approval_required=no tables=4 collections=0 write_tables=0"
@@ -33,7 +36,7 @@ READING_VARIABLES = {
 
 
 def entries(name: str) -> list[dict[str, Any]]:
-    document = json.loads((EXAMPLES / name).read_text("utf-8"))
+    document = json.loads((DEPLOY / name).read_text("utf-8"))
     assert list(document) == ["mcpServers"]
     return list(document["mcpServers"].values())
 
@@ -111,7 +114,7 @@ def test_the_linux_entry_starts_the_server(target: Target, tmp_path: Path) -> No
 
 @pytest.fixture
 def policy_for_writes(target: Target, tmp_path: Path) -> Path:
-    """The example as it stands, but for the state directory."""
+    """The policy as it stands, but for the state directory."""
     document = json.loads(POLICY_FOR_WRITES.read_text("utf-8"))
     assert document["approval_state_directory"] == "/var/lib/kova-mcp/approvals"
     approvals = tmp_path / "approvals"
@@ -132,7 +135,7 @@ def test_the_policy_for_writes_loads_in_its_environment(check_policy: Check,
 
 
 def test_the_key_of_the_approvals_stands_in_no_clients_entry() -> None:
-    files = list(EXAMPLES.glob("mcp-servers-*.json"))
+    files = list(DEPLOY.glob("mcp-servers-*.json"))
     assert len(files) >= 4
     for file in files:
         assert "APPROVAL_SECRET" not in file.read_text("utf-8"), file
@@ -152,7 +155,7 @@ def test_the_start_of_the_server_for_writes(target: Target, tmp_path: Path,
     assert policy in environment
     (tmp_path / "kova-mcp-writes.env").write_text(
         environment.replace(policy, shlex.quote(target.path(policy_for_writes))), encoding="utf-8")
-    script = (EXAMPLES / "serve-writes.sh").read_text("utf-8")
+    script = (DEPLOY / "serve-writes.sh").read_text("utf-8")
     for place, here in {"/etc/kova-mcp/kova-mcp-writes.env": str(tmp_path / "kova-mcp-writes.env"),
                         "/opt/kova-mcp/kova-mcp\n":
                             shlex.join(target.command(target.executable, [])) + "\n"}.items():
@@ -172,15 +175,56 @@ def test_the_start_of_the_server_for_writes(target: Target, tmp_path: Path,
     assert (done.stderr, done.returncode) == (b"", 0)
 
 
+# the HTTP listener
+
+
+def test_the_listeners_environment_goes_with_the_policy(check_policy: Check) -> None:
+    variables = environment_file(ENVIRONMENT_FOR_HTTP)
+    assert Path(variables["KOVA_MCP_POLICY"]).name == POLICY.name
+    assert len(variables["KOVA_MCP_HTTP_BEARER_TOKEN"]) >= 32
+    result = check_policy({**variables, "KOVA_MCP_POLICY": POLICY})
+    assert (result.stdout, result.stderr, result.code) == (CHECKED, b"", 0)
+
+
+def unit_settings() -> dict[str, str]:
+    """The settings that the unit has once."""
+    lines = [line for line in UNIT.read_text("utf-8").splitlines() if not line.startswith("#")]
+    return dict(line.split("=", 1) for line in lines if "=" in line)
+
+
+def test_the_unit_goes_with_the_listeners_environment() -> None:
+    settings, variables = unit_settings(), environment_file(ENVIRONMENT_FOR_HTTP)
+    assert Path(settings["EnvironmentFile"]).name == ENVIRONMENT_FOR_HTTP.name
+    assert Path(variables["KOVA_MCP_AUDIT"]).parent == Path("/var/log", settings["LogsDirectory"])
+    state = json.loads(POLICY_FOR_WRITES.read_text("utf-8"))["approval_state_directory"]
+    assert Path(state).parent == Path("/var/lib", settings["StateDirectory"])
+    assert settings["Restart"] == "always"  # the listener's own end has exit code 0
+
+
+def test_the_unit_is_valid_and_confines_the_listener(tmp_path: Path) -> None:
+    """As it stands, with an executable that is there."""
+    text = UNIT.read_text("utf-8")
+    assert text.count("=/opt/kova-mcp/kova-mcp ") == 2
+    made = tmp_path / UNIT.name
+    made.write_text(text.replace("/opt/kova-mcp/kova-mcp", "/bin/true"), encoding="utf-8")
+    for arguments in (["verify", "--recursive-errors=no", str(made)],
+                      ["security", "--offline=yes", f"--threshold={EXPOSURE_LIMIT}", str(made)]):
+        done = subprocess.run(["systemd-analyze", *arguments], capture_output=True, text=True,
+                              timeout=TIMEOUT, check=False)
+        # A machine's own units may have their warnings, too.
+        said = [line for line in done.stderr.splitlines() if UNIT.name in line]
+        assert (done.returncode, said) == (0, []), done.stdout + done.stderr
+
+
 def test_the_sample_entry_names_what_run_takes() -> None:
     [entry] = entries("mcp-servers-sample.json")
     assert (Path(entry["command"]).name, entry["args"]) == ("run", ["serve"])
-    help_text = subprocess.run([str(EXAMPLES.parent / "run"), "--help"], capture_output=True,
+    help_text = subprocess.run([str(DEPLOY.parent / "run"), "--help"], capture_output=True,
                                text=True, timeout=TIMEOUT, check=True).stdout
     assert "./run serve" in help_text
 
 
-def test_the_readme_names_every_example() -> None:
-    text = (EXAMPLES / "README.md").read_text("utf-8")
-    others = [path.name for path in EXAMPLES.iterdir() if path.name != "README.md"]
-    assert len(others) >= 9 and all(f"`{name}`" in text for name in others)
+def test_the_readme_names_every_file() -> None:
+    text = (DEPLOY / "README.md").read_text("utf-8")
+    others = [path.name for path in DEPLOY.iterdir() if path.name != "README.md"]
+    assert len(others) >= 13 and all(f"`{name}`" in text for name in others)
