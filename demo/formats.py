@@ -63,7 +63,7 @@ def _flat(value: Any) -> str:
 
 
 def pretty(value: Any, width: int) -> list[str]:
-    """JSON for people: lines are filled up to the width; long texts and lists are cut with a note."""
+    """JSON for people: lines are filled to the width; long texts and lists are cut with a note."""
     flat = _flat(value)
     if len(flat) <= width or not isinstance(value, (dict, list)):
         return [flat]

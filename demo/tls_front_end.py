@@ -36,8 +36,8 @@ def make_certificate(folder: Path) -> Path:
 
 
 def filled(text: str, values: Mapping[str, str]) -> str:
-    """The text with every key of `values` replaced. A key that the text lacks is an error, so that a
-    change of the configuration is noticed."""
+    """The text with every key of `values` replaced. A key that the text lacks is an error, so that
+    a change of the configuration is noticed."""
     for old, new in values.items():
         if old not in text:
             raise ValueError(f"the configuration has no {old!r}")

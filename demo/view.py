@@ -67,7 +67,7 @@ class View:
 
 
 class Step:
-    """One line of progress: rewritten in place on a terminal, repeated every few seconds elsewhere."""
+    """One line of progress, rewritten on a terminal and repeated every few seconds elsewhere."""
 
     def __init__(self, view: View, what: str) -> None:
         self.view = view

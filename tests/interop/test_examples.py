@@ -1,4 +1,4 @@
-"""The files of deploy/ work as they stand, but for the paths and the engine that a reader puts in."""
+"""The files of deploy/ work as they stand, but for the paths and the engine to put in."""
 
 from __future__ import annotations
 
