@@ -10,7 +10,9 @@ from pathlib import Path
 
 import pytest
 
-from kova import TIMEOUT, Target, request
+from harness.messages import request
+from harness.targets import Target
+from harness.waiting import TIMEOUT
 
 ROOT = Path(__file__).resolve().parents[2]
 OPTIONAL = {"LICENSE", "SECURITY.md", "THIRD-PARTY-NOTICES"}
