@@ -274,16 +274,24 @@ def test_a_reader_that_goes_away_ends_the_session(prepared: list[str], watch: Wa
 
 
 def test_serve_speaks_protocol_only(prepared: list[str], watch: Watch) -> None:
-    sent = [request("initialize", 1, {}), notification("notifications/initialized"),
-            call(2, "kova_query", {"sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"}),
-            call(3, "kova_execute", {"sql": "DELETE FROM NOTES"})]
-    done = run("serve", input=b"".join(sent).decode(), env=watch.environment)
-    assert done.returncode == 0
-    first, second, third = map(json.loads, done.stdout.splitlines())
+    with subprocess.Popen([RUN, "serve"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, env=watch.environment) as process:
+        assert process.stdin is not None and process.stdout is not None
+        replies = []
+        # Each call waits for its reply: one that came during another would be refused as busy.
+        for sent in (request("initialize", 1, {}) + notification("notifications/initialized"),
+                     call(2, "kova_query", {"sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"}),
+                     call(3, "kova_execute", {"sql": "DELETE FROM NOTES"})):
+            process.stdin.write(sent)
+            process.stdin.flush()
+            replies.append(json.loads(process.stdout.readline()))
+        rest, diagnostics = process.communicate(timeout=TIMEOUT)
+    assert (process.returncode, rest) == (0, b"")
+    first, second, third = replies
     assert first["id"] == 1 and first["result"]["serverInfo"]["name"] == "Vantreo MCP"
     assert int(second["result"]["structuredContent"]["rows"][0][0]) > 1000
     assert third["error"] == {"code": -32602, "message": "unknown Vantreo tool"}
-    assert "Serving the sample database" in done.stderr
+    assert b"Serving the sample database" in diagnostics
     assert watch.left() == []
 
 
