@@ -1,6 +1,7 @@
 """Options and fixtures of every Python ring; harness/__init__.py says how a test is written.
 
-    /usr/bin/python3 -m pytest tests/e2e --target linux|windows [--build-dir DIR] [-n 2]
+    /usr/bin/python3 -m pytest tests/e2e --target linux|windows [--build-dir DIR]
+    ... -n 2 --dist loadfile     two at a time, each file in one process
 
 The tests stand first on the command line. The build folder is build/<target>, the Wine prefix
 $WINEPREFIX or build/wineprefix.

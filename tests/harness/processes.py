@@ -14,6 +14,11 @@ def marked(marker: str, variable: str = MARKER) -> list[int]:
     return sorted(pid for pid in _all() if wanted in _read(pid, "environ").split(b"\0"))
 
 
+def naming(text: str) -> list[int]:
+    """The processes that have the text in their command line."""
+    return [pid for pid in _all() if text.encode() in command_line(pid)]
+
+
 def of_the_server(marker: str) -> list[int]:
     """Those of them that run the server's executable: the server, its sessions, its workers."""
     return [pid for pid in marked(marker) if b"kova-mcp" in command_line(pid)]

@@ -26,7 +26,7 @@ SESSION_TIMEOUT = 120.0
 KINDS = ["nginx", "haproxy"]
 SESSIONS_OF_A_LISTENER = 16
 BODY_LIMIT = 262144
-UNUSED_SECONDS = 5.0
+UNUSED_SECONDS = 3.0
 """Longer than a front end waits between two health checks unless it is told otherwise."""
 
 SECONDS_TO_HAND_OVER = 12.0

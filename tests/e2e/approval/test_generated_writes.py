@@ -9,15 +9,10 @@ import pytest
 
 from harness.approval_tokens import digest_of, token_for
 from harness.tool_calls import Outcome
-from harness.write_calls import FIELDS, Writes, accepted, ran, token_refused
+from harness.write_calls import FIELDS, accepted, ran, token_refused
 from harness.write_generator import Statement, statement
 
 SEEDS = range(16)
-
-
-@pytest.fixture(scope="module")
-def served(module_servers, module_engine, tmp_path_factory) -> Writes:
-    return Writes(module_servers, module_engine, tmp_path_factory.mktemp("property"))
 
 
 @pytest.fixture(params=SEEDS)

@@ -18,11 +18,6 @@ STATEMENT = "DELETE FROM T;"
 DIGEST = digest_of(STATEMENT)
 
 
-@pytest.fixture(scope="module")
-def served(module_servers, module_engine, tmp_path_factory) -> Writes:
-    return Writes(module_servers, module_engine, tmp_path_factory.mktemp("tokens"))
-
-
 @pytest.fixture
 def writes(served: Writes) -> Writes:
     return served.guarded()

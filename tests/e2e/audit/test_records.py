@@ -22,7 +22,7 @@ from harness.messages import (WORKER_FAILED, call, line, notification, ping, pon
                               tool_error_reply, tool_success_reply)
 from harness.scripted_library import Script
 from harness.targets import Target
-from harness.tool_calls import ToolCalls, filtered, result_json
+from harness.tool_calls import filtered, result_json
 from harness.waiting import TIMEOUT, wait_until
 
 READS_OFF = "read tools are disabled by policy"
@@ -33,16 +33,6 @@ RECORD = re.compile(
     rb'"client_identity":"desk-client","database_identity":"SALES","tool":"kova_list_tables",'
     rb'"policy":"sales_read","policy_decision":"allow","objects":"table-catalog",'
     rb'"duration_ms":\d+,"rows":2,"bytes":(\d+),"status":"ok","error_class":"none"\}\r\n')
-
-
-@pytest.fixture(scope="module")
-def shared(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("audit"))
-
-
-@pytest.fixture
-def tools(shared: ToolCalls) -> ToolCalls:
-    return shared.reset()
 
 
 def recorded(run, env) -> dict[str, Any]:

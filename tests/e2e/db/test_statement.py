@@ -20,15 +20,9 @@ SESSION = ["CreateVantreoInstance", "DisableMessage", "StartVantreo", "NewObject
 END = ["FreeObject", "StopVantreo"]
 
 
-@pytest.fixture(scope="module")
-def shared(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("statement"),
-                     configured=False)
-
-
 @pytest.fixture
-def tools(shared: ToolCalls) -> ToolCalls:
-    return shared.reset()
+def tools(without_policy: ToolCalls) -> ToolCalls:
+    return without_policy.reset()
 
 
 def select(tools: ToolCalls, max_rows: int = 100, **answer) -> Outcome:

@@ -33,16 +33,6 @@ LIMIT = 65536
 LISTED = filtered(["ORDERS", "ITEMS"])
 
 
-@pytest.fixture(scope="module")
-def shared(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("policy"))
-
-
-@pytest.fixture
-def tools(shared: ToolCalls) -> ToolCalls:
-    return shared.reset()
-
-
 def is_accepted(tools: ToolCalls) -> None:
     tools("kova_list_tables").is_success(LISTED, objects="table-catalog")
 

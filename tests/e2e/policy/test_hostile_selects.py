@@ -21,27 +21,16 @@ UNBALANCED = "unbalanced SQL parentheses"
 UNTERMINATED = "unterminated SQL literal or parentheses"
 
 
-@pytest.fixture(scope="module")
-def with_policy(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("adversarial"))
-
-
 @pytest.fixture
-def tools(with_policy: ToolCalls) -> ToolCalls:
+def tools(module_tools: ToolCalls) -> ToolCalls:
     """T and U may be read; the column C may not."""
-    return with_policy.reset().policy(allowed_tables=["T", "U"], denied_columns=["C"])
+    return module_tools.reset().policy(allowed_tables=["T", "U"], denied_columns=["C"])
 
 
 @pytest.fixture
-def open_columns(with_policy: ToolCalls) -> ToolCalls:
+def open_columns(module_tools: ToolCalls) -> ToolCalls:
     """T and U may be read with all of their columns."""
-    return with_policy.reset().policy(allowed_tables=["T", "U"])
-
-
-@pytest.fixture(scope="module")
-def without_policy(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("open"),
-                     configured=False)
+    return module_tools.reset().policy(allowed_tables=["T", "U"])
 
 
 def refused(tools: ToolCalls, sql: str, message: str) -> None:
@@ -226,16 +215,16 @@ def test_a_star_before_the_first_word(open_columns):
 @pytest.mark.parametrize("sql", [
     f"SELECT a FROM {LONG}", f"SELECT a FROM {LONG}M", f"SELECT a FROM {LONG.lower()}mnop"],
     ids=len)
-def test_tables_are_compared_by_63_characters(with_policy, sql):
+def test_tables_are_compared_by_63_characters(module_tools, sql):
     """And sent whole."""
-    with_policy.reset().policy(allowed_tables=[LONG])
-    reaches_the_library(with_policy, sql)
+    module_tools.reset().policy(allowed_tables=[LONG])
+    reaches_the_library(module_tools, sql)
 
 
-def test_columns_and_words_are_compared_by_63_characters(with_policy):
-    with_policy.reset().policy(allowed_tables=["T"], denied_columns=[LONG])
-    refused(with_policy, f"SELECT {LONG}M FROM T", COLUMN)
-    refused(with_policy, f"SELECT {LONG[:62]}M FROM {LONG[:62]}", TABLE)
+def test_columns_and_words_are_compared_by_63_characters(module_tools):
+    module_tools.reset().policy(allowed_tables=["T"], denied_columns=[LONG])
+    refused(module_tools, f"SELECT {LONG}M FROM T", COLUMN)
+    refused(module_tools, f"SELECT {LONG[:62]}M FROM {LONG[:62]}", TABLE)
 
 
 def test_the_comma_is_looked_for_behind_the_whole_word(tools):
@@ -282,7 +271,7 @@ def test_without_a_policy_the_screen_still_stands(without_policy, sql):
     refused(without_policy, sql, SCREEN)
 
 
-def test_an_empty_table_list_allows_no_table(with_policy):
-    with_policy.reset().policy(allowed_tables=[])
-    refused(with_policy, "SELECT a FROM T", TABLE)
-    reaches_the_library(with_policy, "SELECT 1")
+def test_an_empty_table_list_allows_no_table(module_tools):
+    module_tools.reset().policy(allowed_tables=[])
+    refused(module_tools, "SELECT a FROM T", TABLE)
+    reaches_the_library(module_tools, "SELECT 1")

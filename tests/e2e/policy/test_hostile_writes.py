@@ -22,11 +22,6 @@ WORDS = ["CREATE", "DROP", "ALTER", "GRANT", "REVOKE", "COMMIT", "ROLLBACK", "TR
          "LOGOUT", "USE"]
 
 
-@pytest.fixture(scope="module")
-def served(module_servers, module_engine, tmp_path_factory) -> Writes:
-    return Writes(module_servers, module_engine, tmp_path_factory.mktemp("adversarial"))
-
-
 @pytest.fixture
 def writes(served: Writes) -> Writes:
     return served.open(write_tables=["T", LONGEST])

@@ -7,7 +7,7 @@ import json
 import pytest
 
 from harness.ai_calls import (AI_STATUS, COLLECTION, FAILURES, FAILURE_NAMES, NO_SESSION,
-                              PROVIDERS_SWITCH, READS_OFF, STATUS_ARGUMENTS, STATUS_OFF,
+                              READS_OFF, STATUS_ARGUMENTS, STATUS_OFF,
                               STATUS_PROVIDER, ask)
 from harness.messages import PARSE_ERROR, tool_success_reply
 from harness.scripted_library import Repeat, Script
@@ -18,22 +18,6 @@ JOBS = "SHOW AI JOBS FOR MANUALS;"
 PROVIDER = "SHOW AI PROVIDER LOCAL;"
 ALL = [STATUS, JOBS, PROVIDER]
 NOTHING = result_json()
-
-
-@pytest.fixture(scope="module")
-def shared(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("status"))
-
-
-@pytest.fixture
-def tools(shared: ToolCalls) -> ToolCalls:
-    return shared.reset()
-
-
-@pytest.fixture(scope="module")
-def switched_off(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("switched"),
-                     env=PROVIDERS_SWITCH)
 
 
 def status(tools: ToolCalls, **changes) -> Outcome:

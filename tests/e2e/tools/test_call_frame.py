@@ -28,16 +28,6 @@ COLLECTION_TOOLS = ["kova_text_search", "kova_vector_search", "kova_hybrid_searc
                     "kova_ai_status"]
 
 
-@pytest.fixture(scope="module")
-def shared(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("frame"))
-
-
-@pytest.fixture
-def tools(shared: ToolCalls) -> ToolCalls:
-    return shared.reset()
-
-
 @pytest.mark.parametrize("params", [
     None, "null", "true", "7", '"kova_list_tables"', "[]", '[{"name":"kova_list_tables"}]',
     '{"x":1}',

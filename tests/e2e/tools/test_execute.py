@@ -21,11 +21,6 @@ CANONICAL = "INSERT INTO ORDERS (ID, NOTE) VALUES (1, 'a  B');"
 DELETE = "DELETE FROM T;"
 
 
-@pytest.fixture(scope="module")
-def served(module_servers, module_engine, tmp_path_factory) -> Writes:
-    return Writes(module_servers, module_engine, tmp_path_factory.mktemp("execute"))
-
-
 @pytest.fixture
 def open_writes(served: Writes) -> Writes:
     return served.open()

@@ -15,16 +15,6 @@ from harness.scripted_library import Script, ScriptedLibrary
 from harness.tool_calls import ABSENT, Outcome, ToolCalls, arguments, result_json
 
 
-@pytest.fixture(scope="module")
-def shared(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("hybrid"))
-
-
-@pytest.fixture
-def tools(shared: ToolCalls) -> ToolCalls:
-    return shared.reset()
-
-
 def hybrid(tools: ToolCalls, **changes) -> Outcome:
     return ask(tools, HYBRID_SEARCH, **changes)
 

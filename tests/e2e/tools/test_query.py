@@ -13,16 +13,6 @@ TOO_LONG = "sql size limit exceeded"
 LIMIT = 32768
 
 
-@pytest.fixture(scope="module")
-def shared(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("query"))
-
-
-@pytest.fixture
-def tools(shared: ToolCalls) -> ToolCalls:
-    return shared.reset()
-
-
 def query(tools: ToolCalls, sql: str, **members):
     return tools("kova_query", {"sql": sql, **members})
 

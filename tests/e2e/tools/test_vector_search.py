@@ -17,16 +17,6 @@ MOST_ELEMENTS = 4077
 STATEMENT_LIMIT = 32768
 
 
-@pytest.fixture(scope="module")
-def shared(module_servers, module_engine, tmp_path_factory) -> ToolCalls:
-    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("vectors"))
-
-
-@pytest.fixture
-def tools(shared: ToolCalls) -> ToolCalls:
-    return shared.reset()
-
-
 def search_vector(tools: ToolCalls, vector: str) -> Outcome:
     """`vector` is JSON."""
     members = '{"collection":"MANUALS","vector":%s,"top":5}' % vector
