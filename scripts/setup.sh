@@ -6,7 +6,7 @@ readonly -a BUILD=(g++ cmake ninja-build libsodium-dev libsqlite3-dev python3)
 readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
-  curl jq haproxy systemd)
+  curl jq haproxy locales systemd)
 readonly -a PROXY=(nginx openssl)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)

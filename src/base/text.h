@@ -38,9 +38,6 @@ class TextOut {
   [[nodiscard]] bool append(char byte) { return append(std::string_view(&byte, 1)); }
   /// Adds a number in decimal digits.
   [[nodiscard]] bool append_number(std::uint64_t number);
-  /// Adds a number with nine significant digits, enough to tell every float (printf's %.9g, in the
-  /// C locale whatever the process's is).
-  [[nodiscard]] bool append_float(float number);
   /// Adds formatted text (printf directives). When it does not fit, nothing is added and
   /// false is returned.
   [[nodiscard]] bool format(const char* directives, ...) __attribute__((format(gnu_printf, 2, 3)));

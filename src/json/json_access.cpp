@@ -1,10 +1,9 @@
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <iterator>
-#include <system_error>
 
 #include "base/ascii.h"
+#include "base/float_text.h"
 #include "base/text.h"
 #include "json/json.h"
 
@@ -13,7 +12,6 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kUnsignedLengthLimit = 31;
-constexpr std::size_t kFloatLengthLimit = 63;
 constexpr double kFloatLimit = 3.402823466e38;
 
 constexpr std::uint32_t kHighSurrogate = 0xD800;
@@ -134,13 +132,6 @@ bool read_short_decimal(std::string_view raw, double& number) {
   return true;
 }
 
-/// Reads any decimal, in the C locale whatever the process's is.
-bool read_decimal(std::string_view raw, double& number) {
-  const char* const end = raw.data() + raw.size();
-  const std::from_chars_result read = std::from_chars(raw.data(), end, number);
-  return read.ec == std::errc() && read.ptr == end;
-}
-
 }  // namespace
 
 bool json_hex4(const char* digits, std::uint32_t& value) {
@@ -230,8 +221,8 @@ bool json_get_float(const JsonDoc& doc, int index, float& value) {
   if (!doc.is(index, JsonType::kPrimitive)) return false;
   const std::string_view raw = doc.raw(index);
   double number = 0;
-  if (raw.empty() || raw.size() > kFloatLengthLimit) return false;
-  if (!read_short_decimal(raw, number) && !read_decimal(raw, number)) return false;
+  if (raw.empty() || raw.size() > kFloatTextLimit) return false;
+  if (!read_short_decimal(raw, number) && !read_float(raw, number)) return false;
   if (!(std::fabs(number) <= kFloatLimit)) return false;
   // Libraries disagree on whether a result too small for a double is an error; a zero that is not
   // written as one is such a result.

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "base/float_text.h"
 #include "tools/ai_collection.h"
 #include "tools/tool_args.h"
 
@@ -40,7 +41,7 @@ bool compose_vector_search(const JsonDoc& doc, int vector, const char* collectio
       return refuse(message, "vector contains an invalid number");
     }
     const bool first = element == vector + 1;
-    if ((!first && !sql.append(',')) || !sql.append_float(number) ||
+    if ((!first && !sql.append(',')) || !append_float(sql, number) ||
         sql.length() + kTailReserve >= sql.capacity()) {
       return refuse(message, kStatementTooLong);
     }
