@@ -19,7 +19,6 @@ constexpr std::size_t kNameLimit = 63;
 constexpr std::size_t kPasswordLimit = 255;
 constexpr std::size_t kUseCapacity = 160;
 constexpr std::size_t kLoginCapacity = 512;
-constexpr std::uint32_t kProbeTimeoutMs = 3000;
 constexpr int kStartOptions = 0;
 
 /// What the environment says of the engine and the login; wiped when it goes.
@@ -53,7 +52,7 @@ bool is_acceptable(const Profile& profile) {
 }
 
 /// Whether some address of the engine takes a connection; the library itself may wait for ever.
-bool is_reachable(const Profile& profile) {
+bool is_reachable(const Profile& profile, std::uint32_t timeout_ms) {
   const SocketLayer layer;
   AddressList addresses;
   if (!layer.ready() || !addresses.resolve(profile.server.c_str(), profile.port.c_str())) {
@@ -62,7 +61,7 @@ bool is_reachable(const Profile& profile) {
   for (const void* address = addresses.first(); address != nullptr;
        address = AddressList::next(address)) {
     Socket socket;
-    if (socket.connect(address, kProbeTimeoutMs)) return true;
+    if (socket.connect(address, timeout_ms)) return true;
   }
   return false;
 }
@@ -105,7 +104,8 @@ bool ensure_session(DbSession& session) {
   if (session.attempted) return false;
   session.attempted = true;
   const Profile profile;
-  if (!is_acceptable(profile) || !is_reachable(profile) || !start_library(session, profile)) {
+  if (!is_acceptable(profile) || !is_reachable(profile, session.probe_timeout_ms) ||
+      !start_library(session, profile)) {
     return false;
   }
   if (select_database(session, profile) && log_in(session, profile)) return true;

@@ -8,6 +8,9 @@
 
 namespace kova {
 
+/// How long the engine may take to accept the connection that shows that it can be reached.
+inline constexpr std::uint32_t kProbeTimeoutMs = 3000;
+
 /// A session is idle, authenticated (the statement object is there), or latched after a failure
 /// (attempted, no object) until it is disconnected. Used by one thread at a time.
 struct DbSession {
@@ -20,6 +23,7 @@ struct DbSession {
   /// Refuses every session while it is not 0. Nothing raises it yet.
   std::atomic<std::uint32_t> closed_guard{0};
   Loader* load_library = load_client_library;
+  std::uint32_t probe_timeout_ms = kProbeTimeoutMs;
   /// Set with the instance.
   const ClientLibrary* library = nullptr;
 };
