@@ -28,6 +28,7 @@ import uuid
 from pathlib import Path
 from typing import Any, Callable, Iterator, Sequence
 
+import wine
 from session_client import SessionFailure
 from session_view import Step, View
 
@@ -36,11 +37,6 @@ BUILD = ROOT / "build"
 STATE = BUILD / "run"
 ENGINE = BUILD / "linux" / "sample" / "kova-sample-engine"
 WINE_PREFIX = BUILD / "wineprefix"
-WINE = "/usr/lib/wine/wine64"
-WINE_SERVER = "/usr/lib/wine/wineserver"
-
-WINE_OWN = {"wineserver64", "services.exe", "explorer.exe", "winedevice.exe", "plugplay.exe",
-            "svchost.exe", "rpcss.exe", "conhost.exe"}
 
 DATABASE = "sample"
 USER = "sample"
@@ -70,16 +66,17 @@ class Target:
 
     def path(self, path: Path) -> str:
         """The path as the executable knows it."""
-        return "Z:" + str(path).replace("/", "\\") if self.windows else str(path)
+        return wine.windows_path(path) if self.windows else str(path)
 
     def command(self, *arguments: str) -> list[str]:
-        return ([WINE] if self.windows else []) + [str(self.executable), *arguments]
+        if self.windows:
+            return wine.command(self.executable, *arguments)
+        return [str(self.executable), *arguments]
 
     def environment(self, variables: "dict[str, str]") -> dict[str, str]:
         env = {"PATH": "/usr/bin:/bin", "HOME": os.environ.get("HOME", "/"), "LC_ALL": "C.UTF-8"}
         if self.windows:
-            env |= {"WINEPREFIX": str(WINE_PREFIX), "WINEDEBUG": "-all",
-                    "WINEDLLOVERRIDES": "mscoree,mshtml="}
+            env |= wine.environment(WINE_PREFIX)
         return env | variables
 
 
@@ -120,14 +117,14 @@ class Processes:
         for process in reversed(self._started):
             self.finish(process)
         self._started.clear()
-        self._end_survivors(WINE_OWN)
+        self._end_survivors(wine.OWN_PROGRAMS)
         if self._wine_env is not None and not self._prefix_is_shared() and self._wine_ends():
             self._end_survivors(set())
 
     def _wine_ends(self) -> bool:
         """Wine's own servers end by themselves, soon after the last program."""
         try:
-            subprocess.run([WINE_SERVER, "-w"], env=self._wine_env, timeout=END_TIMEOUT,
+            subprocess.run([wine.server(), "-w"], env=self._wine_env, timeout=END_TIMEOUT,
                            check=False, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                            stderr=subprocess.DEVNULL)
         except subprocess.TimeoutExpired:
@@ -136,7 +133,7 @@ class Processes:
 
     def _prefix_is_shared(self) -> bool:
         """Whether another program, a test for one, keeps Wine's own servers."""
-        return any(name not in WINE_OWN and f"{MARKER}={self.marker}".encode() not in variables
+        return any(name not in wine.OWN_PROGRAMS and f"{MARKER}={self.marker}".encode() not in variables
                    for _, name, variables in _processes_with(f"WINEPREFIX={WINE_PREFIX}"))
 
     def _end_survivors(self, tolerated: set[str]) -> None:
@@ -240,14 +237,11 @@ def _show_progress(step: Step, line: str) -> None:
 
 
 def _prepare_wine(view: View, processes: Processes) -> None:
-    # The prefix is shared with the tests, which hold the same lock while they make it.
-    with open(f"{WINE_PREFIX}.lock", "w", encoding="ascii") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        if (WINE_PREFIX / "system.reg").exists():
-            return
+    wine.fix_addresses()
+    if not wine.is_prepared(WINE_PREFIX):
         with view.step("Wine prefix in build/wineprefix"):
-            _run(processes, [WINE, "wineboot", "-i"], "Wine cannot make its prefix", view,
-                 env=Target("windows").environment({}))
+            _run(processes, [sys.executable, wine.__file__, "prepare"],
+                 "Wine cannot make its prefix", view, env=Target("windows").environment({}))
 
 
 def _install(target: Target) -> None:

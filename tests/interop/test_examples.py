@@ -10,7 +10,10 @@ from typing import Any, Callable
 
 import pytest
 
-from kova import TIMEOUT, Environment, Result, Target, call, request
+from harness.messages import call, request
+from harness.servers import Result
+from harness.targets import Environment, Target
+from harness.waiting import TIMEOUT
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 POLICY = EXAMPLES / "policy-read-only.json"

@@ -19,7 +19,9 @@ from typing import Any, Callable, Iterator
 
 import pytest
 
-from kova import TIMEOUT, Target, call, notification, request, wait_until
+from harness.messages import call, notification, request
+from harness.targets import Target
+from harness.waiting import TIMEOUT, wait_until
 
 ROOT = Path(__file__).resolve().parents[2]
 RUN = str(ROOT / "run")

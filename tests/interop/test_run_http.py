@@ -15,7 +15,9 @@ from typing import Any, Iterator
 
 import pytest
 
-from kova import TIMEOUT, Target, request, wait_until
+from harness.messages import request
+from harness.targets import Target
+from harness.waiting import TIMEOUT, wait_until
 
 ROOT = Path(__file__).resolve().parents[2]
 STATE = ROOT / "build" / "run"
