@@ -23,6 +23,9 @@ enum class LoginStep {
 /// The settings of a login, in the order in which they are checked.
 enum class LoginSetting { kNone, kServer, kPort, kUser, kPassword, kDatabase };
 
+/// How long the engine may take to accept the connection that shows that it can be reached.
+inline constexpr std::uint32_t kProbeTimeoutMs = 3000;
+
 /// A session is idle, authenticated (the statement object is there), or latched after a failure
 /// (attempted, no object) until it is disconnected. Used by one thread at a time.
 struct DbSession {
@@ -40,6 +43,7 @@ struct DbSession {
   /// sessions from being made while the process ends.
   std::atomic<std::uint32_t> closed_guard{0};
   Loader* load_library = load_client_library;
+  std::uint32_t probe_timeout_ms = kProbeTimeoutMs;
   /// Set with the instance.
   const ClientLibrary* library = nullptr;
 };

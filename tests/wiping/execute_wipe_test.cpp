@@ -5,8 +5,8 @@
 #include <string>
 
 #include "approval/signature.h"
-#include "support/stack_residue.h"
 #include "unit/tools/execute_fixture.h"
+#include "wiping/stack_residue.h"
 
 namespace kova::testing {
 namespace {

@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "db/session.h"
-#include "support/stack_residue.h"
 #include "unit/db/session_fixture.h"
+#include "wiping/stack_residue.h"
 
 namespace kova::testing {
 namespace {
