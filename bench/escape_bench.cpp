@@ -5,7 +5,9 @@
 #include <rapidjson/writer.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
+#include <string>
 
 #include "contender.h"
 #include "db/out_buf.h"

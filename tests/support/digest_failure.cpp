@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <string_view>
 
 #include "support/renamed/renamed.h"
 

@@ -1,6 +1,7 @@
 // What a finished call leaves of its secrets: nothing on the stack, in the optimised build too.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
