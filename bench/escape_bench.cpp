@@ -47,7 +47,7 @@ bool append_ours(const std::string& text) {
 
 // A buffer of each one's own, as a result has.
 bool append_rapidjson(const std::string& text) {
-  rapidjson::StringBuffer buffer(nullptr, kova::kOutBufFirstCapacity);
+  rapidjson::StringBuffer buffer(nullptr, kova::kOutBufInitialCapacity);
   return write_rapidjson<Writer>(buffer, text) && buffer.GetSize() > text.size();
 }
 

@@ -7,7 +7,7 @@
 
 namespace kova {
 
-/// What start-up has made ready for every mode.
+/// What every mode is given.
 struct Startup {
   HeapArray<char>& line_buffer;  ///< kLineBufferCapacity bytes
   ProtocolState& protocol;

@@ -46,7 +46,8 @@ LoginSetting first_bad_setting(const Profile& profile) {
   return LoginSetting::kNone;
 }
 
-/// Whether some address takes a connection; the library itself may wait for ever.
+/// Whether some address accepts a connection. Asked before the library is, whose own connect may
+/// never return.
 bool can_connect(const AddressList& addresses, std::uint32_t timeout_ms) {
   for (const void* address = addresses.first(); address != nullptr;
        address = AddressList::next(address)) {

@@ -3,9 +3,8 @@
 #include <cstring>
 
 #include "base/ascii.h"
-#include "base/byte_run.h"
+#include "base/string_scan.h"
 #include "json/json.h"
-#include "json/utf8.h"
 
 namespace kova {
 

@@ -10,7 +10,7 @@ namespace kova {
 
 namespace {
 
-/// A write answers with its status, not with rows.
+/// A write has a status and no rows.
 constexpr std::uint32_t kWriteRows = 1;
 
 bool read_sql(const ToolCall& call, TextOut sql) {

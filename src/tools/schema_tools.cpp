@@ -28,7 +28,7 @@ bool append_rows(TextOut& out, const PolicyNames& list) {
   return true;
 }
 
-/// Answers with the policy's own names instead of the engine's.
+/// The answer is the policy's own names; the engine is not asked.
 bool respond_with_names(const PolicyNames& list, ToolAnswer& answer) {
   HeapArray<char> text(kListCapacity);
   if (!text) return refuse(answer.message, "policy catalog memory limit");

@@ -1,10 +1,19 @@
-// Finding the next byte that a JSON string cannot hold as it stands, sixteen bytes at a time.
+// What may stand in a JSON string: runs of plain bytes, and UTF-8. Both scans look at blocks of
+// sixteen bytes with SSE2, which every x86-64 processor has.
+//
+// A comparison of a block gives 0xFF for each byte that is hit and 0 for the others; the top bits
+// of the sixteen bytes, gathered into one number, say which, and its trailing zeros where the
+// first one is:
+//
+//   block     h e l l o " , ...        bits, lowest first     0 0 0 0 0 1 0 ...
+//   equal "   0 0 0 0 0 F 0 ...        trailing zeros         5: the run ends at index 5
 #pragma once
 
 #include <emmintrin.h>
 
 #include <bit>
 #include <cstddef>
+#include <string_view>
 
 namespace kova {
 
@@ -50,5 +59,15 @@ inline const char* find_run_end(const char* p, const char* end) {
   while (p != end && !stops_run<kNonAscii>(*p)) ++p;
   return p;
 }
+
+/// Judges the UTF-8 (RFC 3629: no overlong form, no surrogate, nothing above U+10FFFF) from `p` on,
+/// where a byte beyond ASCII stands and at least one other byte of the same text precedes. Returns
+/// a place further on up to which everything is valid: the end, a quotation mark, a backslash or a
+/// control byte, or somewhere between two characters. Null when malformed. Never reads at or beyond
+/// `end`.
+[[nodiscard]] const char* skip_utf8(const char* p, const char* end);
+
+/// At most `limit` bytes of the text, fewer where that would cut a valid UTF-8 character in two.
+[[nodiscard]] std::string_view cut_text(std::string_view text, std::size_t limit);
 
 }  // namespace kova

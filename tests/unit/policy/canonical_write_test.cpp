@@ -36,7 +36,7 @@ class Normaliser : public ::testing::Test {
     const GuardedBuffer room(capacity);
     char message[64];
     TextOut(message).copy_cut(kNoWords);
-    if (normalise_write(text.view(), {room.data(), capacity}, message)) {
+    if (write_canonical(text.view(), {room.data(), capacity}, message)) {
       EXPECT_STREQ(message, kNoWords);
       return room.data();
     }
@@ -244,7 +244,7 @@ TEST_F(Normaliser, ReadsNoByteAroundAText) {
       const GuardedText tail(text.substr(cut), GuardSide::kBefore);
       char room[128];
       char message[64];
-      static_cast<void>(normalise_write(tail.view(), room, message));
+      static_cast<void>(write_canonical(tail.view(), room, message));
     }
   }
 }

@@ -1,8 +1,8 @@
-#include "json/utf8.h"
+#include "base/string_scan.h"
 
 #include <bit>
 
-#include "base/byte_run.h"
+#include "base/text.h"
 
 namespace kova {
 
@@ -58,8 +58,17 @@ unsigned bits(__m128i mask) {
   return static_cast<unsigned>(_mm_movemask_epi8(mask));
 }
 
-/// One bit for each byte of the block at `p` that is wrong after the three before it: a
-/// continuation where none is due, none where one is, or a byte that makes no valid character.
+/// One bit for each byte of the block at `p` that is wrong after the three before it.
+///
+/// Whether a byte must be a continuation is decided by the leads at one, two and three bytes before
+/// it, so the same block is loaded at those three places too:
+///
+///   block             .. E2 82 AC 41     at -1 a lead of two or more (C0..FF), at -2 of three or
+///   loaded at -1      ..    E2 82 AC     more (E0..), at -3 of four (F0..): a continuation must
+///   loaded at -2      ..       E2 82     follow here, and may stand nowhere else.
+///
+/// What is left are bytes that no character has (C0, C1, F5 and up), and second bytes out of range
+/// after E0, F0 (overlong), ED (surrogates) and F4 (above U+10FFFF).
 unsigned wrong_bytes(const char* p, __m128i block) {
   const __m128i before = load_block(p - 1);
   const __m128i due = _mm_or_si128(
@@ -104,7 +113,8 @@ const char* skip_utf8(const char* p, const char* end) {
     was_ascii = is_ascii;
     const unsigned stops = run_stops<NonAscii::kPlain>(block);
     if (stops != 0) {
-      // What comes after the stop is no concern; a character that it cuts shows at the stop itself.
+      // Bytes after the stop do not count; a character that the stop cuts is wrong at the stop
+      // itself.
       const unsigned up_to_stop = stops ^ (stops - 1);
       return (wrong & up_to_stop) == 0 ? p + std::countr_zero(stops) : nullptr;
     }
@@ -118,6 +128,19 @@ const char* skip_utf8(const char* p, const char* end) {
     p += length;
   }
   return p;
+}
+
+std::string_view cut_text(std::string_view text, std::size_t limit) {
+  if (text.size() <= limit) return text;
+  constexpr std::size_t kContinuationLimit = 3;
+  std::size_t lead = limit;
+  while (lead > 0 && limit - lead < kContinuationLimit &&
+         is_continuation(static_cast<unsigned char>(text[lead]))) {
+    --lead;
+  }
+  const auto length =
+      static_cast<std::size_t>(sequence_length(text.data() + lead, text.data() + text.size()));
+  return slice(text, 0, lead + length > limit ? lead : limit);
 }
 
 }  // namespace kova

@@ -1,4 +1,4 @@
-#include "base/byte_run.h"
+#include "base/string_scan.h"
 
 #include <gtest/gtest.h>
 
