@@ -1,3 +1,6 @@
+#include <string>
+#include <string_view>
+
 #include "engine/client.h"
 
 #include "engine/dialect.h"

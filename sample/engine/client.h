@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <string_view>
 
 #include "engine/channel.h"
 #include "engine/client_watch.h"

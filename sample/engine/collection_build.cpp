@@ -1,6 +1,7 @@
 #include "engine/collection_build.h"
 
 #include <algorithm>
+#include <string>
 
 #include "engine/job_rows.h"
 

@@ -1,6 +1,8 @@
 #include "engine/collection_setup.h"
 
 #include <algorithm>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/collections.h"

@@ -1,6 +1,7 @@
 // The folder of databases.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>

@@ -1,6 +1,7 @@
 #include "engine/dialect.h"
 
 #include <algorithm>
+#include <string>
 
 #include "base/ascii.h"
 #include "engine/ai_statements.h"

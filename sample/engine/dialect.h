@@ -1,6 +1,7 @@
 // The engine's statements.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "engine/session.h"

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <memory>
 #include <vector>
 
 #include "engine/databases.h"

@@ -1,6 +1,7 @@
 #include "engine/embedding.h"
 
 #include <cmath>
+#include <string>
 
 namespace kova::sample {
 

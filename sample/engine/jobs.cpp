@@ -1,3 +1,5 @@
+#include <string>
+
 #include "engine/jobs.h"
 
 #include "engine/collection_setup.h"

@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <string>
+
 #include "engine/embed_mode.h"
 #include "engine/options.h"
 #include "engine/server.h"

@@ -1,3 +1,6 @@
+#include <string>
+#include <string_view>
+
 #include "engine/rows.h"
 
 #include "platform/clock.h"

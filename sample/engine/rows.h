@@ -1,6 +1,8 @@
 // Blocks of a result's rows.
 #pragma once
 
+#include <string>
+
 #include "engine/store.h"
 #include "wire/wire.h"
 

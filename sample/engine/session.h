@@ -1,6 +1,7 @@
 // What a client has got so far: its user, its database.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>

@@ -1,3 +1,5 @@
+#include <string>
+
 #include "engine/sql_functions.h"
 
 #include "engine/vector.h"

@@ -2,6 +2,11 @@
 #include "engine/collections.h"
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "engine/collection_setup.h"
 #include "engine/jobs.h"

@@ -4,6 +4,7 @@
 
 #include <numeric>
 #include <string>
+#include <vector>
 
 namespace kova::sample {
 namespace {

@@ -2,7 +2,11 @@
 
 #include <signal.h>
 
+#include <atomic>
 #include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "tests/engine_fixture.h"
 

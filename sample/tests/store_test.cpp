@@ -1,3 +1,9 @@
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+
 #include "engine/store.h"
 
 #include <poll.h>

@@ -4,10 +4,15 @@
 #include <string_view>
 
 #include "app/modes.h"
+#include "audit/audit.h"
 #include "base/exit_code.h"
 #include "base/heap_array.h"
+#include "db/session.h"
+#include "mcp/dispatcher.h"
 #include "platform/console.h"
+#include "policy/policy.h"
 #include "policy/policy_file.h"
+#include "tools/tool.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 #include "app/modes.h"
 
+#include <string_view>
+
 #include "app/stdio_server.h"
 #include "approval/token.h"
 #include "base/exit_code.h"
@@ -9,6 +11,7 @@
 #include "http/listener.h"
 #include "platform/clock.h"
 #include "platform/console.h"
+#include "policy/policy.h"
 #include "policy/predicates.h"
 
 namespace kova {

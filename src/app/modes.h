@@ -4,6 +4,7 @@
 #include "app/line_reader.h"
 #include "base/heap_array.h"
 #include "mcp/dispatcher.h"
+#include "tools/tool.h"
 
 namespace kova {
 

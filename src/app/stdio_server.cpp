@@ -1,12 +1,15 @@
 #include "app/stdio_server.h"
 
 #include <cstdlib>
+#include <string_view>
 
 #include "app/prescan.h"
 #include "app/tool_worker.h"
 #include "app/trace.h"
 #include "base/text.h"
 #include "json/reply.h"
+#include "platform/thread.h"
+#include "tools/tool.h"
 
 namespace kova {
 

@@ -6,6 +6,7 @@
 #include "app/line_reader.h"
 #include "app/trace.h"
 #include "base/heap_array.h"
+#include "base/text.h"
 #include "json/output_lock.h"
 #include "json/reply.h"
 #include "platform/console.h"

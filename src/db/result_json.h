@@ -1,6 +1,7 @@
 // The JSON text of a statement's result.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 

@@ -5,6 +5,7 @@
 
 #include "base/string_scan.h"
 #include "base/text.h"
+#include "db/client_library.h"
 #include "db/out_buf.h"
 #include "db/result_json.h"
 

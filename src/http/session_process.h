@@ -6,6 +6,8 @@
 #include <string_view>
 
 #include "http/child_starter.h"
+#include "platform/process.h"
+#include "platform/thread.h"
 
 namespace kova {
 

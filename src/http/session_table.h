@@ -10,7 +10,9 @@
 #include <string_view>
 #include <utility>
 
+#include "http/child_starter.h"
 #include "http/session_process.h"
+#include "platform/thread.h"
 
 namespace kova {
 

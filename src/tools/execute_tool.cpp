@@ -2,7 +2,9 @@
 
 #include "approval/token.h"
 #include "base/secret.h"
+#include "base/text.h"
 #include "platform/clock.h"
+#include "policy/policy.h"
 #include "policy/write_classifier.h"
 #include "tools/tool_args.h"
 

@@ -1,6 +1,9 @@
 #include "tools/schema_tools.h"
 
 #include "base/heap_array.h"
+#include "base/text.h"
+#include "policy/names.h"
+#include "policy/policy.h"
 #include "policy/predicates.h"
 #include "tools/tool_args.h"
 
