@@ -1,9 +1,11 @@
 #include "base/text.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 
 namespace kova {
 
@@ -28,15 +30,24 @@ bool TextOut::append(std::string_view text) {
 }
 
 bool TextOut::append_number(std::uint64_t number) {
-  constexpr std::size_t kMostDigits = 20;
-  char digits[kMostDigits];
-  char* const end = digits + kMostDigits;
+  constexpr std::size_t kDigitsCapacity = 20;
+  char digits[kDigitsCapacity];
+  char* const end = digits + kDigitsCapacity;
   char* first = end;
   do {
     *--first = static_cast<char>('0' + number % 10);
     number /= 10;
   } while (number != 0);
   return append({first, static_cast<std::size_t>(end - first)});
+}
+
+bool TextOut::append_float(float number) {
+  constexpr std::size_t kNumberCapacity = 32;
+  constexpr int kSignificantDigits = 9;
+  char text[kNumberCapacity];
+  const std::to_chars_result written = std::to_chars(
+      text, text + sizeof text, number, std::chars_format::general, kSignificantDigits);
+  return written.ec == std::errc() && append({text, static_cast<std::size_t>(written.ptr - text)});
 }
 
 bool TextOut::format(const char* directives, ...) {
