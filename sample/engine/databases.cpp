@@ -48,9 +48,9 @@ void Database::prepare(Store& store) {
 }
 
 void Database::give_back(std::shared_ptr<Store> store, std::int64_t temporary_tables_left) {
-  store->watch(nullptr);
   temporary_tables -= temporary_tables_left;
   if (temporary_tables_left > 0 || store.use_count() > 1) return;
+  store->watch(nullptr);
   const std::lock_guard guard(mutex_);
   free_.push_back(std::move(store));
 }

@@ -24,8 +24,8 @@ class Database {
   /// A connection for a session, opened when none is free. The first one of all brings the AI
   /// collections up to date.
   [[nodiscard]] std::shared_ptr<Store> take(ClientWatch& client);
-  /// Takes a connection back that the session has no query of. One with temporary tables is closed,
-  /// and the tables end with it.
+  /// Takes a connection back from a session. One with temporary tables is closed, and the tables
+  /// end with it; one that a query still uses is closed with the query.
   void give_back(std::shared_ptr<Store> store, std::int64_t temporary_tables_left);
 
   /// Temporary tables that the sessions have at the moment.

@@ -79,14 +79,23 @@ void Connection::send(std::string_view frame) {
 
 Connection::Payload Connection::receive(wire::Type expected) {
   char header_bytes[wire::kHeaderSize];
-  require(socket_.receive_all(header_bytes, sizeof header_bytes));
+  receive_exactly(header_bytes, sizeof header_bytes);
   const wire::Header header = wire::decode_header(header_bytes);
   require(header.size <= wire::kReplyLimit);
   Payload payload(header.size);
-  require(socket_.receive_all(payload.data(), payload.size()));
+  receive_exactly(payload.data(), payload.size());
   if (header.type == wire::Type::kRefused) throw refusal({payload.data(), payload.size()});
   require(header.type == expected);
   return payload;
+}
+
+void Connection::receive_exactly(char* data, std::size_t size) {
+  while (size > 0) {
+    const std::size_t got = socket_.receive(data, size);
+    require(got > 0);
+    data += got;
+    size -= got;
+  }
 }
 
 void Connection::release(std::uint32_t object) {

@@ -1,6 +1,7 @@
 // The client's end of a connection to the sample engine.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -35,6 +36,7 @@ class Connection {
   void greet();
   void send(std::string_view frame);
   [[nodiscard]] Payload receive(wire::Type expected);
+  void receive_exactly(char* data, std::size_t size);
 
   std::mutex mutex_;
   Socket socket_;

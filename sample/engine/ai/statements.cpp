@@ -111,7 +111,7 @@ Vector parse_vector(std::string_view list, const Collection& collection) {
   return vector;
 }
 
-// The statement of the hits with its parameters. A text without words has none.
+// The SQL of the hits with its parameters bound. A text without words has no hits.
 Query prepare_hits(Store& store, Search& search, const std::string& sql) {
   const Collection collection = find_collection(store, search.collection);
   check_provider(collection.provider);
