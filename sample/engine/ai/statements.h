@@ -7,7 +7,7 @@
 
 namespace kova::sample {
 
-/// Both take what follows the first word.
+/// Both are passed what follows the first word.
 [[nodiscard]] Outcome run_search(Session& session, std::string_view rest);
 [[nodiscard]] Outcome run_show(Session& session, std::string_view rest);
 

@@ -1,4 +1,4 @@
-// The terms of a text: its words, and the pieces of words that still match where a word does not.
+// The terms of a text: its words, and the pieces of words that match where a whole word does not.
 #pragma once
 
 #include <cstdint>
@@ -8,14 +8,13 @@
 
 namespace kova::sample {
 
-/// Terms are told apart by their 64-bit FNV-1a hash alone (Fowler, Noll and Vo; RFC 9923).
-[[nodiscard]] std::uint64_t term_hash(std::string_view term);
-
 struct Term {
   std::string word;
-  std::uint64_t hash;
   float weight;  ///< the sum over its occurrences
 };
+
+/// The word's 64-bit FNV-1a hash (Fowler, Noll and Vo; RFC 9923).
+[[nodiscard]] std::uint64_t term_hash(std::string_view term);
 
 /// Adds the words of a text; each occurrence counts `weight`. Words are runs of letters, digits and
 /// bytes beyond ASCII, in lower case and stemmed; the most frequent English words are left out.

@@ -1,4 +1,4 @@
-#include "engine/text_terms.h"
+#include "engine/ai/terms.h"
 
 #include <algorithm>
 #include <array>
@@ -11,9 +11,9 @@ namespace kova::sample {
 namespace {
 
 constexpr std::size_t kWordLimit = 64;
-constexpr std::size_t kShortestPiece = 3;
-constexpr std::size_t kLongestPiece = 5;
-constexpr std::size_t kShortestStem = 3;
+constexpr std::size_t kPieceMinimum = 3;
+constexpr std::size_t kPieceLimit = 5;
+constexpr std::size_t kStemMinimum = 3;
 
 constexpr std::array<std::string_view, 66> kStopWords = {
     "a",    "about", "all",   "also",  "an",   "and",   "any",   "are",  "as",    "at",   "be",
@@ -24,7 +24,7 @@ constexpr std::array<std::string_view, 66> kStopWords = {
     "via",  "want",  "was",   "we",    "when", "which", "will",  "with", "works", "you",  "your"};
 static_assert(std::is_sorted(kStopWords.begin(), kStopWords.end()));
 
-// Longest first; at most one of them is taken off.
+// The longest first; at most one is removed.
 constexpr std::string_view kEndings[] = {"ation", "ating", "ator", "ment", "ated", "ing",
                                          "ion",   "ate",   "er",   "or",   "ed"};
 
@@ -34,7 +34,7 @@ bool is_term_byte(char c) {
 
 bool ends_in_double_consonant(std::string_view word) {
   const std::size_t size = word.size();
-  return size > kShortestStem && word[size - 1] == word[size - 2] &&
+  return size > kStemMinimum && word[size - 1] == word[size - 2] &&
          std::string_view("bdgmnprt").find(word[size - 1]) != std::string_view::npos;
 }
 
@@ -49,11 +49,10 @@ std::string without_plural(std::string word) {
 void add_word(std::string word, float weight, std::vector<Term>& terms) {
   if (std::binary_search(kStopWords.begin(), kStopWords.end(), word)) return;
   word = stem(std::move(word));
-  const std::uint64_t hash = term_hash(word);
   const auto known =
-      std::find_if(terms.begin(), terms.end(), [&](const Term& term) { return term.hash == hash; });
+      std::find_if(terms.begin(), terms.end(), [&](const Term& term) { return term.word == word; });
   if (known == terms.end()) {
-    terms.push_back({std::move(word), hash, weight});
+    terms.push_back({std::move(word), weight});
   } else {
     known->weight += weight;
   }
@@ -73,7 +72,7 @@ std::uint64_t term_hash(std::string_view term) {
 std::vector<std::uint64_t> pieces_of(const std::string& word) {
   const std::string marked = "<" + word + ">";
   std::vector<std::uint64_t> pieces;
-  for (std::size_t size = kShortestPiece; size <= kLongestPiece; ++size) {
+  for (std::size_t size = kPieceMinimum; size <= kPieceLimit; ++size) {
     for (std::size_t at = 0; at + size <= marked.size(); ++at) {
       pieces.push_back(term_hash(std::string_view(marked).substr(at, size)));
     }
@@ -85,12 +84,12 @@ std::string stem(std::string word) {
   word = without_plural(std::move(word));
   for (const std::string_view ending : kEndings) {
     if (!word.ends_with(ending)) continue;
-    if (word.size() < ending.size() + kShortestStem) continue;
+    if (word.size() < ending.size() + kStemMinimum) continue;
     word.resize(word.size() - ending.size());
     if (ends_in_double_consonant(word)) word.pop_back();
     break;
   }
-  if (word.size() > kShortestStem && word.ends_with('e')) word.pop_back();
+  if (word.size() > kStemMinimum && word.ends_with('e')) word.pop_back();
   return word;
 }
 
