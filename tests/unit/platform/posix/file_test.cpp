@@ -8,11 +8,13 @@
 
 #include <string>
 
+#include "support/posix/open_files.h"
 #include "support/temporary_directory.h"
 
 namespace kova {
 namespace {
 
+using testing::is_open_below;
 using testing::read_file;
 using testing::TemporaryDirectory;
 using testing::write_file;
@@ -146,17 +148,16 @@ TEST(AppendRecordPosix, AReaderCostsNoRecord) {
 TEST(AppendRecordPosix, NoDescriptorStaysOpen) {
   const TemporaryDirectory directory;
   const std::string path = directory.file("audit.jsonl");
-  const int before = dup(0);
-  close(before);
   for (int i = 0; i < 5; ++i) append_record(path.c_str(), "x\r\n");
   append_record(directory.path().c_str(), "x\r\n");
   {
     InputFile file;
     static_cast<void>(file.open(path.c_str()));
   }
-  const int after = dup(0);
-  close(after);
-  EXPECT_EQ(before, after);
+  EXPECT_FALSE(is_open_below(directory.path()));
+  const int open_file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  EXPECT_TRUE(is_open_below(directory.path()));
+  close(open_file);
 }
 
 }  // namespace
