@@ -5,6 +5,7 @@
 #include "app/modes.h"
 #include "http/listener.h"
 #include "platform/console.h"
+#include "platform/process.h"
 
 namespace {
 
@@ -36,6 +37,7 @@ auto mode_of(int count, char** arguments) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  kova::prepare_process();
   char* const line_buffer = static_cast<char*>(std::malloc(kova::kLineBufferCapacity));
   if (line_buffer == nullptr) return kova::kExitFailure;
   kova::prepare_standard_streams();
