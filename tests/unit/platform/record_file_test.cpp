@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
 #include <cstddef>
-#include <filesystem>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <thread>
 
-#include "platform/file.h"
 #include "support/temporary_directory.h"
 
 namespace kova {
@@ -74,45 +72,6 @@ TEST(AppendRecord, RecordsOfSeveralWritersAreAllThereAndNeverInterleave) {
   }
   ASSERT_EQ(records.size(), kWriters);
   for (const auto& [mark, count] : records) EXPECT_EQ(count, kRecords) << mark;
-}
-
-// What a rotation takes away is in the renamed file, what comes later in the new one.
-TEST(AppendRecord, NothingIsLostWhileTheFileIsRenamedAgainAndAgain) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  constexpr std::size_t kWriters = 4;
-  constexpr std::size_t kRecords = 50;
-  std::atomic<std::size_t> running{kWriters};
-  std::array<std::thread, kWriters> writers;
-  for (std::size_t i = 0; i < kWriters; ++i) {
-    writers[i] = std::thread([&path, &running, i] {
-      for (std::size_t record = 0; record < kRecords; ++record) {
-        const std::string text = std::to_string(i) + ":" + std::to_string(record) + "\r\n";
-        append_record(path.c_str(), text, kPatienceMs);
-      }
-      --running;
-    });
-  }
-  std::size_t names = 0;
-  std::error_code error;
-  while (running > 0) {
-    std::filesystem::rename(path, path + "." + std::to_string(names), error);
-    if (!error) ++names;
-    std::this_thread::yield();
-  }
-  for (std::thread& writer : writers) writer.join();
-  std::string text = read_file(path);
-  for (std::size_t i = 0; i < names; ++i) text += read_file(path + "." + std::to_string(i));
-  std::size_t lines = 0;
-  for (std::size_t i = 0; i < kWriters; ++i) {
-    for (std::size_t record = 0; record < kRecords; ++record) {
-      const std::string line = std::to_string(i) + ":" + std::to_string(record) + "\r\n";
-      const std::size_t at = text.find(line);
-      if (at != std::string::npos && (at == 0 || text[at - 1] == '\n')) ++lines;
-    }
-  }
-  EXPECT_EQ(lines, kWriters * kRecords);
-  EXPECT_GT(names, 0U);
 }
 
 TEST(IsStandardOutput, OtherFilesAreNot) {
