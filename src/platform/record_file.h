@@ -13,7 +13,9 @@ inline constexpr std::uint32_t kRecordWaitMs = 2000;
 /// it is absent (readable by its owner alone where the platform has such modes). Records of several
 /// processes never interleave: their writers wait for one another, at most `wait_ms`. After that
 /// the record is written nevertheless on POSIX systems, where one write at the end of a file is
-/// whole; on Windows it is lost while another writer holds the file. A record that the disk takes
+/// whole; on Windows it is lost while another program holds the file. On Windows writers that name
+/// the file by different names (a link, a short name) do not wait for one another; names of its
+/// folder do not matter. A record that the disk takes
 /// only in part is taken back. The process's own standard output is no such file. Every failure is
 /// silent.
 void append_record(const char* path, std::string_view record,

@@ -88,19 +88,31 @@ bool is_device(std::wstring_view path) {
   return path.starts_with(LR"(\\.\)");
 }
 
-/// The file's own path, however it was named, in upper case; 0 when it cannot be had.
+/// Writes the path of the file in its folder's own name, however the folder was named, in upper
+/// case; returns its length, 0 when it cannot be had. The file itself is not opened: it may be
+/// renamed at any moment, and every writer must come to the same path.
 DWORD final_path(const wchar_t* path, wchar_t (&out)[kWideCapacity]) {
   constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  // Only its attributes, for which no other process's sharing matters.
-  const Handle file = open_handle(path, FILE_READ_ATTRIBUTES, kShareAll, OPEN_ALWAYS);
+  wchar_t full[kWideCapacity];
   wchar_t found[kWideCapacity];
-  if (file.get() == nullptr) return 0;
-  const DWORD units = ::GetFinalPathNameByHandleW(file.get(), found, kWideCapacity, 0);
-  if (units == 0 || units >= kWideCapacity) return 0;
-  const int upper =
-      ::LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_UPPERCASE, found, static_cast<int>(units), out,
-                      kWideCapacity, nullptr, nullptr, 0);
-  return static_cast<DWORD>(upper);
+  wchar_t* name = nullptr;
+  const DWORD size = ::GetFullPathNameW(path, kWideCapacity, full, &name);
+  if (size == 0 || size >= kWideCapacity || name == nullptr || name == full) return 0;
+  const std::wstring_view file_name(name);
+  wchar_t copy[kWideCapacity];
+  copy[file_name.copy(copy, kWideCapacity - 1)] = L'\0';
+  *name = L'\0';
+  const Handle folder =
+      open_handle(full, FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS);
+  if (folder.get() == nullptr) return 0;
+  DWORD units = ::GetFinalPathNameByHandleW(folder.get(), found, kWideCapacity, 0);
+  const std::size_t length = std::wcslen(copy);
+  if (units == 0 || units + length + 1 >= kWideCapacity) return 0;
+  if (found[units - 1] != L'\\') found[units++] = L'\\';
+  std::wmemcpy(found + units, copy, length);
+  return static_cast<DWORD>(::LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_UPPERCASE, found,
+                                            static_cast<int>(units + length), out, kWideCapacity,
+                                            nullptr, nullptr, 0));
 }
 
 /// FNV-1a (Fowler, Noll, Vo), 64 bits: a path may be longer than a mutex's name, and two files of
