@@ -1,5 +1,6 @@
 #include "support/posix/flush_watch.h"
 
+#include <functional>
 #include <utility>
 
 // The names that the linker's --wrap gives to fdatasync and to its stand-in.
