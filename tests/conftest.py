@@ -1,6 +1,7 @@
 """Options and fixtures of every Python ring; harness/__init__.py says how a test is written.
 
-    /usr/bin/python3 -m pytest tests/e2e --target linux|windows [--build-dir DIR] [-n 2]
+    /usr/bin/python3 -m pytest tests/e2e --target linux|windows [--build-dir DIR]
+    ... -n 2 --dist loadfile     two at a time, each file in one process
 
 The tests stand first on the command line. The build folder is build/<target>, the Wine prefix
 $WINEPREFIX or build/wineprefix.
@@ -29,7 +30,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 
 
 def pytest_ignore_collect(collection_path: Path, config: pytest.Config) -> "bool | None":
-    """What one system alone has is looked at there alone."""
+    """Tests in posix/ run on Linux only, those in win32/ on Windows only."""
     other = {"linux": "win32", "windows": "posix"}[config.getoption("--target")]
     return True if other in collection_path.relative_to(ROOT).parts else None
 

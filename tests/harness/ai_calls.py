@@ -1,4 +1,4 @@
-"""Calls of the AI tools: arguments that are good, what the tools say, and what their gates say."""
+"""Calls of the AI tools: good arguments, the tools' messages, the gates' messages."""
 
 from __future__ import annotations
 
@@ -46,7 +46,7 @@ GOOD: dict[str, dict[str, Any]] = {
 
 REFUSED_TOPS = ["0", "257", "-1", "-0", '"5"', "5.0", "5e0", "null", "true", "[]", "[5]", "{}",
                 "4294967297", "18446744073709551617", "1" + "0" * 31]
-"""JSON texts that are no bound of 1 to 256."""
+"""JSON texts that are not accepted as a bound of 1 to 256."""
 
 FAILURES = [
     ({"result": 0, "status": 'no "such" thing'}, 'no \\"such\\" thing'),
@@ -56,7 +56,7 @@ FAILURES = [
     ({"columns": ["A"] * 64, "rows": [[Repeat(16384)] * 64]},
      "database result byte limit exceeded"),
 ]
-"""Answers of the library with which a statement fails, and its words as they stand in a reply."""
+"""Results of the library that make a statement fail, and the message as it stands in a reply."""
 FAILURE_NAMES = ["refused", "without words", "columns", "cell", "bytes"]
 
 

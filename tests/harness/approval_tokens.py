@@ -45,13 +45,13 @@ class Token:
         return self.joined()
 
     def joined(self, separator: str = ".", **pieces: str) -> str:
-        """The token with other pieces put in after it was signed."""
+        """The token with some pieces replaced after it was signed."""
         shown = {"version": "v1", "expiry": self.expiry, "nonce": self.nonce,
                  "digest": self.digest, "signature": self.signature, **pieces}
         return separator.join(shown.values())
 
     def but(self, **changes: Any) -> "Token":
-        """Another token, signed over its own fields."""
+        """A changed token with a signature over its changed fields."""
         return replace(self, **changes)
 
 

@@ -11,7 +11,7 @@ KEYS = ["timestamp", "correlation_id", "client_identity", "database_identity", "
 
 
 def records(path: Path) -> list[dict[str, Any]]:
-    """The file's records; every one is whole, in its fixed order and ends in CRLF."""
+    """The file's records. Checks that each is complete, has its keys in order and ends in CRLF."""
     data = path.read_bytes() if path.exists() else b""
     assert data == b"" or data.endswith(b"\r\n"), data[-200:]
     found = [json.loads(text) for text in data.split(b"\r\n")[:-1]]

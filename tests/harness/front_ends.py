@@ -1,4 +1,4 @@
-"""nginx and HAProxy with the configurations for operators, what stands behind them, and a client."""
+"""nginx and HAProxy with the configurations of deploy/, a recorder behind them, and a client."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ from tls_front_end import (filled, free_port, haproxy_command, haproxy_configura
 
 
 class Recorder:
-    """Stands where a listener does: keeps what it is sent and gives one answer after a while."""
+    """Takes a listener's place: keeps each request and sends the same response after a delay."""
 
     ANSWER = (b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
               b"Connection: close\r\n\r\n{}")
@@ -114,13 +114,13 @@ class FrontEnd:
         return self._log.read_text("utf-8", errors="replace")
 
     def reload(self) -> None:
-        """A fresh process takes over, and the old one ends (HAProxy)."""
+        """HAProxy starts a new process that takes over; waits until the old one has ended."""
         self.process.send_signal(signal.SIGUSR2)
         wait_until(lambda: "Former worker" in self.log(), TIMEOUT, "the end of the old process")
 
     def stop(self) -> None:
         self.process.terminate()
-        # HAProxy's exit code tells how far its start has come.
+        # HAProxy ends with 0 or by the signal, depending on how far its start has come.
         ended = (0,) if self.kind == "nginx" else (0, -signal.SIGTERM)
         assert self.process.wait(TIMEOUT) in ended, self.log()
         wait_until(self._is_gone, TIMEOUT, f"the end of every process of {self.kind}")
@@ -170,7 +170,7 @@ class Caller:
                                                  timeout=TIMEOUT)
         sent = {"Authorization": f"Bearer {token}", "Content-Type": "application/json",
                 **(headers or {})}
-        # A request that is refused early need not be read to its end.
+        # The other side may refuse and close before it has read the whole request.
         with contextlib.closing(connection):
             with contextlib.suppress(BrokenPipeError, ConnectionResetError, ssl.SSLEOFError):
                 connection.request(method, path, body, sent)
@@ -178,6 +178,6 @@ class Caller:
 
 
 def clean_environment(certificate: Path) -> dict[str, str]:
-    """For Node.js, which trusts the certificate then."""
+    """An environment in which Node.js trusts the certificate."""
     return {"PATH": os.environ["PATH"], "NODE_EXTRA_CA_CERTS": str(certificate),
             "NODE_OPTIONS": "--dns-result-order=ipv4first"}

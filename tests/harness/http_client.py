@@ -23,7 +23,7 @@ from harness.targets import Environment
 from harness.waiting import TIMEOUT, wait_until
 
 TOKEN = "token-of-the-tests-0123456789abcd"
-"""33 characters; the shortest that is accepted has 32."""
+"""33 characters; 32 is the minimum."""
 
 INITIALIZE = b'"method":"initialize"'
 """What makes a body an initialize request."""
@@ -39,7 +39,7 @@ HANGING_STATEMENT = "list table;"
 
 
 def response(status: int, reason: str, body: bytes = b"", header: str = "") -> bytes:
-    """A whole response; `header` is what it holds beyond every other one's, with its line end."""
+    """A whole response; `header` is an additional header line with its line end."""
     head = (f"HTTP/1.1 {status} {reason}\r\n"
             "Content-Type: application/json\r\n"
             f"Content-Length: {len(body)}\r\n"
@@ -84,7 +84,7 @@ def accepted(session: str) -> bytes:
 
 @dataclass(frozen=True)
 class Request:
-    """A request that is composed as it stands. A header of value None is left out."""
+    """A request with exactly these parts. A header whose value is None is left out."""
 
     first_line: bytes
     headers: Mapping[str, "str | bytes | None"]
@@ -119,7 +119,7 @@ class Client:
         self.socket.close()
 
     def send(self, data: bytes) -> None:
-        """Sends what is taken: the other side may answer and close before it has read all."""
+        """Sends the data. The other side may respond and close before it has read all of it."""
         with contextlib.suppress(ConnectionError):
             self.socket.sendall(data)
 
@@ -128,7 +128,7 @@ class Client:
             self.socket.shutdown(socket.SHUT_WR)
 
     def read_to_end(self) -> bytes:
-        """Everything until the other side closes; a reset after the response is such an end."""
+        """Everything until the other side closes. A reset after the response counts as its end."""
         received = bytearray()
         with contextlib.suppress(ConnectionError):
             while chunk := self.socket.recv(1 << 16):
@@ -136,7 +136,7 @@ class Client:
         return bytes(received)
 
     def reset(self) -> None:
-        """Closes without a word, as a client does whose machine has gone."""
+        """Closes with a reset, as a client does that crashes."""
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
         self.socket.close()
 
@@ -157,7 +157,7 @@ class HttpListener:
         return Client(self.port)
 
     def exchange(self, data: bytes, *, ended: bool = False) -> bytes:
-        """Sends a request over a connection of its own and answers everything that comes back."""
+        """Sends a request over a new connection and returns everything that comes back."""
         with self.connect() as client:
             client.send(data)
             if ended:
@@ -167,7 +167,7 @@ class HttpListener:
     def compose(self, body: bytes = b"", session: str | None = None, *, method: str = "POST",
                 headers: "Mapping[str, str | bytes | None] | None" = None,
                 more_headers: Iterable[bytes] = ()) -> Request:
-        """A good request, but for the headers that say otherwise."""
+        """A good request, with these headers changed."""
         good = {"Host": f"{LOOPBACK}:{self.port_text[:7]}",
                 "Authorization": f"Bearer {self.token}", "X-Forwarded-Proto": "https",
                 "Content-Length": str(len(body)), "Mcp-Session-Id": session}
@@ -178,7 +178,7 @@ class HttpListener:
         return self.exchange(self.compose(body, session, **rest).data())  # type: ignore
 
     def post_message(self, message: bytes, session: str | None = None) -> bytes:
-        """The line feed that messages end with here is not sent."""
+        """Posts a message without its line feed."""
         return self.post(message.removesuffix(b"\n"), session)
 
     def delete(self, session: str | None = None, **rest: object) -> bytes:
@@ -186,7 +186,7 @@ class HttpListener:
         return self.exchange(composed.data())
 
     def open_session(self, body: bytes = request("initialize", "init", {})) -> str:
-        """Starts a session and answers its id."""
+        """Starts a session and returns its id."""
         return self.session_of(self.post_message(body))
 
     @staticmethod
@@ -206,13 +206,13 @@ class HttpListener:
         return [pid for pid in self.children() if pid not in workers]
 
     def end_process(self, pid: int) -> None:
-        """Ends a session's process as a crash would, and waits until everyone knows."""
+        """Kills a session's process and waits until the listener can see its end."""
         os.kill(pid, signal.SIGKILL)
         if self.server.target.windows:
             wait_until(lambda: pid not in self.server.processes(), TIMEOUT, "the end of a session")
-            time.sleep(0.3)  # Wine's own server learns of it behind the system
+            time.sleep(0.3)  # wineserver notices the end later than the kernel
         else:
-            # It closes its pipes after it has given its memory back.
+            # The kernel closes its pipes only after it has freed its memory.
             wait_until(lambda: pid in self.server.zombies() or not os.path.exists(f"/proc/{pid}"),
                        TIMEOUT, "the end of a session")
 
@@ -226,14 +226,14 @@ class HttpListener:
         wait_until(lambda: self.children() == [], TIMEOUT, "the end of every session and worker")
 
     def hanging_call(self, session: str, request_id: "str | int" = "hang") -> Client:
-        """A client whose call hangs in the engine, when the script says so."""
+        """A client that has sent a call. With the script for it, the call hangs in the engine."""
         client = self.connect()
         client.send(self.compose(call(request_id, "kova_list_tables")[:-1], session).data())
         return client
 
 
 class HttpListeners:
-    """Starts listeners and ends all of them, without a process left, at the end of their scope."""
+    """Starts listeners. Ends them at the end of the scope and checks that no process is left."""
 
     def __init__(self, servers: Servers) -> None:
         self._servers = servers
@@ -249,7 +249,7 @@ class HttpListeners:
             server = self._servers.start("--http", text, env=settings, **rest)  # type: ignore
             if not _listens(server):
                 time.sleep(0.1)
-                continue  # somebody else has the port
+                continue  # another process has taken the port
             made = HttpListener(server, port if "%d" in port_text else int(port_text), text)
             self._started.append(made)
             return made

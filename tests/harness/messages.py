@@ -7,7 +7,7 @@ from typing import Any
 
 
 def line(message: Any) -> bytes:
-    """One message in its shortest spelling."""
+    """One message as a line of JSON without spaces."""
     return json.dumps(message, separators=(",", ":"), ensure_ascii=False).encode() + b"\n"
 
 

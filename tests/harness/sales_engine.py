@@ -22,7 +22,7 @@ INSERT INTO SALARIES VALUES ('someone', 1);
 SLOW = {"name": "kova_query", "ms": 1500, "args": {
     "sql": "SELECT COUNT(A.ID) FROM ORDERS A, ORDERS B, ORDERS C, ORDERS D"
            " WHERE A.TOTAL + B.TOTAL < C.TOTAL + D.TOTAL"}}
-"""Eight thousand million rows to look at: longer than any test waits."""
+"""Counts 8.1e9 combinations of rows, which takes longer than any test waits."""
 
 COUNT_ORDERS = {"name": "kova_query", "args": {"sql": "SELECT COUNT(ID) AS N FROM ORDERS"}}
 
@@ -34,7 +34,7 @@ def profile(policy: PolicyFiles, engine: Engine) -> dict[str, Any]:
 
 
 def result(status: str, columns: list[str], rows: list[list[Any]], truncated: bool = False) -> Any:
-    """A successful result: the same document as text and as it is."""
+    """A successful result: the same document as text and as structured content."""
     document = {"status": status, "columns": columns, "rows": rows, "rowCount": len(rows),
                 "truncated": truncated}
     text = json.dumps(document, separators=(",", ":"), ensure_ascii=False)

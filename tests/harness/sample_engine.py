@@ -1,4 +1,4 @@
-"""The sample engine as a process, its wire format spoken from here, and its client program.
+"""The sample engine as a process, a client for its wire format, and its client program.
 
 The engine runs natively for both targets; what goes through the client library does so with the
 library of the target.
@@ -30,7 +30,7 @@ WELCOME, OUTCOME, ROWS, REFUSED = 129, 130, 131, 132
 MORE, END, FAILED = 0, 1, 2
 
 ENDLESS = "(WITH RECURSIVE C(N) AS (SELECT 1 UNION ALL SELECT N+1 FROM C) SELECT N FROM C)"
-"""A table without an end, for a FROM."""
+"""A subquery with an endless number of rows, for a FROM."""
 
 
 SHOP = """
@@ -189,7 +189,7 @@ def hello(version: int = 1) -> bytes:
 
 
 class Session:
-    """One connection, spoken byte by byte."""
+    """One connection, over which a test sends exact bytes."""
 
     def __init__(self, connection: socket.socket) -> None:
         self.socket = connection
@@ -218,14 +218,14 @@ class Session:
         return kind, Payload(self.receive_exactly(size))
 
     def at_end(self) -> bool:
-        """Whether the engine has closed the connection; waits for it."""
+        """Waits for the next byte; true when the engine closes the connection instead."""
         try:
             return self.socket.recv(1) == b""
         except ConnectionResetError:
             return True
 
     def refusal(self) -> str:
-        """The words of a refusal, after which the connection is closed."""
+        """Reads a refusal and the end of the connection; returns the message."""
         kind, payload = self.receive()
         assert kind == REFUSED
         words = payload.text()
@@ -312,7 +312,7 @@ class Client:
         return self.finish(self.start(port, *statements, **login))
 
     def finish(self, process: subprocess.Popen[bytes], text: bytes = b"") -> ClientResult:
-        """Waits for the end. Lines end as the target's text files do."""
+        """Waits for the end of the program."""
         output, _ = process.communicate(text, timeout=TIMEOUT)
         lines = output.decode("utf-8").replace("\r\n", "\n").split("\n")
         return ClientResult(process.returncode, lines[:-1])

@@ -1,4 +1,4 @@
-"""The scripted client library: what it is to answer, and what it has been asked."""
+"""The scripted client library: its script of results, and the log of its calls."""
 
 from __future__ import annotations
 
@@ -31,14 +31,14 @@ Cell = "str | bytes | None | Repeat"
 
 
 class Script:
-    """What the scripted library answers. Rules are tried in the order in which they are added.
+    """The results of the scripted library. The first rule that matches a call applies.
 
     `Script().on_exec("SELECT", prefix=True, columns=["A"], rows=[["1"], [None]])`
     `Script().on("Next", "3", crash=True)`: the third KOVA_Next of a process
     `Script().on("NewObject", null=True)`
 
     What a rule may do, in this order: streams, leave, sleep (seconds), stdout, stderr, crash, hang,
-    exit_code. What it may answer: null, result, status, columns, fields (a false column count),
+    exit_code. What it may return: null, result, status, columns, fields (a wrong column count),
     rows, repeat (a list of (count, cells)). `times` limits it to that many calls of one process.
     """
 
@@ -146,11 +146,11 @@ class ScriptedLibrary:
         return [entry.operation for entry in self.calls()]
 
     def statements(self) -> list[bytes]:
-        """Every statement that was run, the session's own "use" and "login" included."""
+        """Every statement, including the "use" and "login" of the session."""
         return [entry.arguments[1] for entry in self.calls() if entry.operation == "Exec"]
 
     def queries(self) -> list[bytes]:
-        """The statements without the session's own."""
+        """The statements without "use" and "login"."""
         return [statement for statement in self.statements()
                 if not statement.startswith((b"use ", b"login "))]
 
@@ -166,5 +166,5 @@ class ScriptedLibrary:
                    f"KOVA_{operation} at the library")
 
     def clear(self) -> None:
-        """Forgets the calls so far. No process may have the log open."""
+        """Deletes the log. No process may have it open."""
         self._log.unlink(missing_ok=True)

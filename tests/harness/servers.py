@@ -19,7 +19,10 @@ import wine
 from harness import processes
 from harness.messages import line, request
 from harness.targets import Environment, Installation, Target
-from harness.waiting import TIMEOUT, wait_until
+from harness.waiting import TIMEOUT, wait_for_end, wait_until
+
+END_TIMEOUT = 5.0
+"""Seconds in which a server must end after its input has ended."""
 
 
 @dataclass
@@ -32,7 +35,7 @@ class Result:
 
     @property
     def lines(self) -> list[bytes]:
-        """The reply lines, without their line feeds; an unfinished last line is a failure."""
+        """The reply lines without their line feeds. Fails when the last line is incomplete."""
         assert self.stdout == b"" or self.stdout.endswith(b"\n"), self.stdout[-200:]
         return self.stdout.split(b"\n")[:-1]
 
@@ -78,8 +81,8 @@ class Server:
         nobody = _pipe_without_reader() if unread else None
         self.process = subprocess.Popen(
             target.command(executable, arguments),
-            env=target.environment({**env, processes.MARKER: self.marker}), cwd=cwd, pass_fds=pass_fds,
-            preexec_fn=prepare, stdin=subprocess.PIPE, bufsize=0,
+            env=target.environment({**env, processes.MARKER: self.marker}), cwd=cwd,
+            pass_fds=pass_fds, preexec_fn=prepare, stdin=subprocess.PIPE, bufsize=0,
             stdout=nobody if "stdout" in unread else subprocess.PIPE,
             stderr=nobody if "stderr" in unread else subprocess.PIPE)
         if nobody is not None:
@@ -129,7 +132,7 @@ class Server:
         raise AssertionError(f"unexpected output: {got!r}")
 
     def drop_pending(self) -> None:
-        """Forgets the lines that are there, so that one test's failure is not the next one's."""
+        """Drops unread lines, so that one failed test does not make the next one fail."""
         with contextlib.suppress(queue.Empty):
             while True:
                 self._lines.get_nowait()
@@ -139,7 +142,7 @@ class Server:
         return bytes(self._err.data)
 
     def stderr_lines(self) -> list[str]:
-        """Whole lines of standard error, whose ends must be the target's."""
+        """The complete lines of standard error. Fails when one has not the target's line end."""
         data = self.stderr
         lines = data.split(self.target.line_end)
         assert not any("\r" in text or "\n" in text for text in map(bytes.decode, lines)), data
@@ -155,8 +158,8 @@ class Server:
     # its end
 
     def wait(self, timeout: float = TIMEOUT) -> int:
-        """The exit code, of which Wine hands the lowest eight bits on."""
-        code = self.process.wait(timeout)
+        """Waits for the end and returns the exit code. Wine passes its lowest eight bits on."""
+        code = wait_for_end(self.process, timeout)
         self._join()
         return code
 
@@ -172,7 +175,7 @@ class Server:
 
     def kill(self) -> None:
         self.process.kill()
-        self.process.wait(TIMEOUT)
+        wait_for_end(self.process)
 
     def processes(self) -> list[int]:
         """The processes of this executable that this server is or has started.
@@ -190,15 +193,15 @@ class Server:
         return processes.workers(self.processes())
 
     def zombies(self) -> list[int]:
-        """Children that have ended and that nobody has collected (on Linux)."""
+        """Children that have ended and have not been waited for (Linux)."""
         return processes.zombies(self.process.pid)
 
     def close(self) -> None:
-        """The end of a test: nothing may be left, whatever the test did."""
+        """Ends the server at the end of a test. Fails when it does not end or leaves a process."""
         if self.process.stdin is not None and not self.process.stdin.closed:
             self.process.stdin.close()
         try:
-            self.process.wait(5)
+            wait_for_end(self.process, END_TIMEOUT)
             left_running = False
         except subprocess.TimeoutExpired:
             left_running = True

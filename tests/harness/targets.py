@@ -47,7 +47,7 @@ class Target:
 
     @contextlib.contextmanager
     def ready(self) -> Iterator[None]:
-        """For the time of a run: the executable can be started. Under Wine at once, each time."""
+        """Keeps Wine up, if the target needs it, so that the executable starts fast."""
         if self.windows:
             with wine.held(self.prefix):
                 yield

@@ -24,7 +24,7 @@ from harness.servers import Server, Servers
 from harness.targets import Environment
 
 class Missing(enum.Enum):
-    """Stands for a member that is left out, which is not null."""
+    """Stands for a member that is left out; None stands for null."""
 
     MEMBER = "absent"
 
@@ -43,7 +43,7 @@ CLOCK_SLACK = 0.1
 
 @dataclass(frozen=True)
 class Outcome:
-    """What one call has left behind."""
+    """The reply, statements and audit records of one call."""
 
     raw_id: str
     tool: str
@@ -55,13 +55,13 @@ class Outcome:
     ended: float
 
     def is_refused(self, message: str, code: int = INVALID_PARAMS) -> None:
-        """A JSON-RPC error: nothing ran and nothing was recorded."""
+        """Checks for a JSON-RPC error, no statement and no audit record."""
         assert self.reply == error_reply(self.raw_id, code, message)
         assert (self.statements, self.records) == ([], [])
 
     def is_error(self, message: str, *, decision: str = "allow", objects: str = "",
                  statements: Sequence[str] = (), **fields: Any) -> None:
-        """A tool error and its record; `message` as it stands in the reply's JSON."""
+        """Checks for a tool error and its audit record; `message` is JSON-escaped."""
         assert self.reply == tool_error_reply(self.raw_id, message)
         assert self.statements == [text.encode() for text in statements]
         self.has_record(policy_decision=decision, objects=objects, rows=0, bytes=0,
@@ -69,7 +69,7 @@ class Outcome:
 
     def is_success(self, result: str, *, objects: str, statements: Sequence[str] = (),
                    **fields: Any) -> None:
-        """A tool result, whose JSON text is `result`, and its record."""
+        """Checks for the tool result `result`, a JSON text, and its audit record."""
         assert self.reply == tool_success_reply(self.raw_id, result)
         assert self.statements == [text.encode() for text in statements]
         self.has_record(policy_decision="allow", objects=objects,
@@ -77,7 +77,7 @@ class Outcome:
                         status="ok", error_class="none", **fields)
 
     def has_record(self, **fields: Any) -> None:
-        """One record with these fields; the others are those of the default launch."""
+        """Checks for one record with these fields; the others have their defaults."""
         [record] = self.records
         expected = {"correlation_id": str(json.loads(self.raw_id)),
                     "client_identity": "desk-client", "database_identity": "SALES",
@@ -116,7 +116,7 @@ class ToolCalls:
         self.reset()
 
     def reset(self) -> "ToolCalls":
-        """Back to the default policy and to a library that succeeds without rows."""
+        """Sets the default policy and a library that succeeds without rows."""
         self.script(Script())
         if self.configured:
             self.policy()
@@ -165,7 +165,7 @@ class ToolCalls:
         try:
             reply = server.ask(message)
         except AssertionError:
-            server.kill()  # a late reply must not answer the next call
+            server.kill()  # a late reply must not be taken for that of the next call
             self._server = None
             raise
         return Outcome(raw_id, tool, self.policy_name, reply, self.engine.queries(),
@@ -188,5 +188,5 @@ def result_json(columns: Sequence[str] = (), rows: Sequence[Sequence[str]] = (),
 
 
 def filtered(names: Sequence[str]) -> str:
-    """The list that is answered from the policy."""
+    """The list that the server takes from the policy."""
     return result_json(["NAME"], [[name] for name in names], status="policy-filtered")

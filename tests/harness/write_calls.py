@@ -36,7 +36,7 @@ SPENT = "approval token was already used or replay state is unavailable"
 
 WRITES: dict[str, Any] = {"writes_enabled": True, "write_types": ["INSERT", "UPDATE", "DELETE"],
                           "write_tables": ["ORDERS", "T"]}
-"""What a policy says that allows writes without approval."""
+"""Policy keys that allow writes without approval."""
 
 
 def write_arguments(sql: Any, token: Any = ABSENT) -> dict[str, Any]:
@@ -56,7 +56,7 @@ class Writes:
         self.open()
 
     def open(self, **overrides: Any) -> "Writes":
-        """A policy under which a write runs at once; no token has been spent."""
+        """Sets a policy of writes without approval and deletes the markers of spent tokens."""
         for marker in self.state.iterdir():
             marker.unlink()
         self.calls.reset().policy(**{**WRITES, "approval_state_directory": self.state,
@@ -64,7 +64,7 @@ class Writes:
         return self
 
     def guarded(self, **overrides: Any) -> "Writes":
-        """A policy under which every write needs a token."""
+        """Sets a policy of writes with tokens and deletes the markers of spent tokens."""
         return self.open(**{"approval_required": True, **overrides})
 
     def __call__(self, sql: Any, token: Any = ABSENT, *, raw_id: str | None = None) -> Outcome:
@@ -94,7 +94,7 @@ def asks_for_approval(outcome: Outcome, kind: str, table: str, canonical: "str |
 
 def ran(outcome: Outcome, canonical: "str | bytes", *, table: str = "T",
         decision: str = "allow", result: str | None = None) -> None:
-    """The library was given the canonical statement, once and byte for byte."""
+    """Checks that the canonical statement reached the library once, byte for byte."""
     sent = canonical.encode() if isinstance(canonical, str) else canonical
     text = result_json() if result is None else result
     assert outcome.statements == [sent]
@@ -106,12 +106,12 @@ def ran(outcome: Outcome, canonical: "str | bytes", *, table: str = "T",
 
 def accepted(outcome: Outcome, canonical: "str | bytes", *, table: str = "T",
              result: str | None = None) -> None:
-    """A write that its token has let through."""
+    """Checks for a write that ran because of its token."""
     ran(outcome, canonical, table=table, decision="approval_accepted", result=result)
 
 
 def refused(outcome: Outcome, message: str) -> None:
-    """Refused before the table is known; the policy's decision stands as it was."""
+    """Checks for a refusal before the table is known; the recorded decision stays `allow`."""
     outcome.is_error(message)
 
 

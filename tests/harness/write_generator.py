@@ -22,7 +22,7 @@ GAP = None
 @dataclass(frozen=True)
 class Literal:
     content: str
-    """As it stands between its quotes, in which it is doubled."""
+    """The content of a literal with its quotes doubled."""
 
     @property
     def text(self) -> str:
@@ -32,7 +32,7 @@ class Literal:
 @dataclass(frozen=True)
 class Statement:
     pieces: "tuple[str | Literal | None, ...]"
-    """GAP stands for spacing, of which two never meet."""
+    """The pieces. GAP stands for white space; two of them are never adjacent."""
 
     @property
     def canonical(self) -> str:
@@ -66,7 +66,7 @@ def spacing(source: random.Random) -> str:
 
 
 def altered_content(content: str, source: random.Random) -> str:
-    """Another content: a letter of the other case, a blank more, or something added."""
+    """A changed content: other case, one more space, or an appended character."""
     others = [content + " ", " " + content, content + "x", "''" + content]
     others += [content[:i] + c.swapcase() + content[i + 1:] for i, c in enumerate(content)
                if c.isascii() and c.isalpha()]
@@ -78,7 +78,7 @@ def literal(source: random.Random) -> Literal:
 
 
 def tail(source: random.Random) -> "list[str | Literal | None]":
-    """What follows the table; neither a comment nor a second literal's quote comes about."""
+    """What follows the table. It forms no comment and no unbalanced quote."""
     pieces: "list[str | Literal | None]" = []
     for _ in range(source.randrange(1, 14)):
         pieces += [GAP, literal(source) if source.random() < 0.3 else

@@ -1,6 +1,7 @@
 """Fixtures of the interoperability tests.
 
-    /usr/bin/python3 -m pytest tests/interop --target linux|windows [--build-dir DIR] [-n 2]
+    /usr/bin/python3 -m pytest tests/interop --target linux|windows [--build-dir DIR]
+    ... -n 2 --dist loadgroup    two at a time, those of ./run one after the other
 
 scripts/setup.sh test installs the Node.js packages that package-lock.json pins.
 """
@@ -17,9 +18,11 @@ import pytest
 
 from harness.sales_engine import SALES
 from harness.sample_engine import Engine, make_database
+from harness.targets import ROOT, Target
 
 HERE = Path(__file__).resolve().parent
 SESSION_TIMEOUT = 80.0
+FIRST_RUN_LIMIT = 600.0  # it may have to build
 
 
 def pytest_configure() -> None:
@@ -38,6 +41,17 @@ def engine(engine_executable: Path, tmp_path_factory: pytest.TempPathFactory) ->
     made = Engine(engine_executable, folder)
     yield made
     assert made.stop() == 0
+
+
+@pytest.fixture(scope="session")
+def prepared(target: Target) -> list[str]:
+    """Everything for ./run is built and loaded, which the first session does; returns the command
+    that plays a session with the target."""
+    command = [str(ROOT / "run"), *(["windows"] if target.windows else [])]
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return command
 
 
 @pytest.fixture(scope="session")

@@ -41,11 +41,12 @@ def play(sdk_session: Callable[..., Any], engine: Engine, installation: Installa
         return sdk_session(scenario, server, **wishes)
 
     yield run
-    wait_until(lambda: not processes.of_the_server(marker), TIMEOUT, "the end of every process of the server")
+    wait_until(lambda: not processes.of_the_server(marker), TIMEOUT,
+               "the end of every process of the server")
 
 
 def assert_closed(session: dict[str, Any]) -> None:
-    """The server has ended by itself at the end of its input, and has said nothing on the way."""
+    """Checks that the server has ended by itself at the end of its input, without messages."""
     assert (session["closed"]["exitCode"], session["closed"]["signalCode"]) == (0, None)
     assert session["closed"]["ms"] < CLOSE_LIMIT_MS
     assert (session["errors"], session["stderr"]) == ([], "")

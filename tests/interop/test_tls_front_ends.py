@@ -26,11 +26,11 @@ SESSION_TIMEOUT = 120.0
 KINDS = ["nginx", "haproxy"]
 SESSIONS_OF_A_LISTENER = 16
 BODY_LIMIT = 262144
-UNUSED_SECONDS = 5.0
-"""Longer than a front end waits between two health checks unless it is told otherwise."""
+UNUSED_SECONDS = 3.0
+"""Longer than the default interval of a front end's health checks."""
 
 SECONDS_TO_HAND_OVER = 12.0
-"""A HAProxy that has been up for less hands nothing over to the next one."""
+"""A HAProxy that has run for less does not hand its table over to the next one."""
 
 INITIALIZE = request("initialize", 1, {}).rstrip()
 PING = request("ping", "p").rstrip()
@@ -171,7 +171,6 @@ def abandoned(request: pytest.FixtureRequest, listen: Listen, front: Front,
     with caller.connect() as connection:
         connection.sendall(head.encode() + body)
         wait_until(server.server.workers, TIMEOUT, "the call's worker")
-        time.sleep(SLOW["ms"] / 1000)
     time.sleep(0.5)
     assert server.server.workers()
     return server, caller, session
@@ -242,7 +241,7 @@ def test_an_unused_front_end_does_not_connect_to_the_listener(
 @pytest.mark.parametrize("length", [BODY_LIMIT, BODY_LIMIT + 1])
 def test_bodies_up_to_the_limit_reach_the_listener(listen: Listen, front: Front, kind: str,
                                                    length: int) -> None:
-    """What is beyond has the front end's own words in nginx, the listener's words in HAProxy."""
+    """A larger body gets nginx's own page, or the listener's message from HAProxy."""
     got = Caller(front(kind, listen())).ask(b" " * length)
     if length <= BODY_LIMIT:
         assert (got.status, got.body) == (400, NO_SESSION)
@@ -421,7 +420,7 @@ def test_haproxy_finds_the_sessions_again_after_a_reload(
     sessions = open_sessions(caller, 6)
     time.sleep(SECONDS_TO_HAND_OVER)
     end.reload()
-    # Every other one is at the same listener: taking turns does not find them.
+    # These are all at the same listener: a front end that takes turns does not find them.
     for session in sessions[::2]:
         assert answers(caller, session)
 
@@ -441,7 +440,7 @@ def test_haproxy_does_without_a_listener_that_has_ended(
 
 def test_haproxy_learns_where_a_session_is_from_answers_alone(
         pair: tuple[FrontEnd, list[HttpListener]]) -> None:
-    """An id that it does not know goes to the listeners in turn, until one answers it."""
+    """An unknown id goes to the listeners in turn, until one accepts it."""
     end, servers = pair
     caller = Caller(end)
     sessions = [opened_directly(server) for server in servers for _ in range(3)]

@@ -1,4 +1,4 @@
-"""What a client is told while a tool call runs: one call runs during all of this module's tests."""
+"""Replies while a tool call runs. One call runs during all tests of this file."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ def running_call(module_servers, module_engine: ScriptedLibrary) -> Iterator[Ser
     yield server
     server.send(cancel("running"))
     while server.read_line() != cancelled_reply('"running"'):
-        pass  # what a failed test has left unread
+        pass  # left unread by a failed test
 
 
 @pytest.fixture
@@ -73,7 +73,7 @@ def test_an_id_of_100_characters_is_not_answered(running, raw):
     (b'{"id":1,"method":"ping"}', 1),
     (b'{"jsonrpc":"1.0","id":2,"method":"ping"}', 2),
     (b'{"jsonrpc":{},"id":3,"method":"ping","params":7}', 3),
-    # Duplicate keys do not matter; the first one is found.
+    # Duplicate keys are not checked here; the first one counts.
     (b'{"jsonrpc":"2.0","id":4,"id":5,"method":"ping"}', 4),
     (b'{"jsonrpc":"2.0","id":"a","id":"b","id":"c","method":"ping","method":7}', '"a"'),
     (b'{"jsonrpc":"2.0","id":6,"method":"ping","x":1,"x":2}', 6),
@@ -97,7 +97,7 @@ def test_the_envelope_is_not_judged(running, message, raw_id):
     notification("notifications/cancelled", []),
     notification("notifications/cancelled"),
     b'{"jsonrpc":"2.0","\\u0069d":1,"method":"ping"}\n',
-    # Nothing can be read of these.
+    # No id can be read from these.
     b"x\n",
     b"{}\n",
     b'{"id":1}\n',

@@ -1,4 +1,4 @@
-"""Cancelling a call: which cancel matches, and what the call is answered."""
+"""Cancelling a call: which cancel matches, and the reply of the call."""
 
 from __future__ import annotations
 
@@ -80,7 +80,7 @@ def expect_still_running(server: Server) -> None:
     assert server.ask(ping("fence")) == busy('"fence"')
 
 
-LONG = "L" * 94  # with its quotation marks the longest id that is compared
+LONG = "L" * 94  # with its quotation marks at the limit of ids that are compared
 HEAVY = "\\u0041" * 15 + "B" * 3  # 93 characters that decode to 18
 
 
@@ -92,7 +92,7 @@ HEAVY = "\\u0041" * 15 + "B" * 3  # 93 characters that decode to 18
     # The requestId is decoded, the call's own id is not.
     ('"abc"', '"\\u0061bc"'), ('"a\\u0062c"', '"a\\\\u0062c"'), ('"a\\"b"', '"a\\\\\\"b"'),
     ('"a\\/b"', '"a\\\\/b"'),
-    # A requestId that is no string is its raw text.
+    # A requestId that is not a string is compared by its raw text.
     ('"[1, 2]"', "[1, 2]"), ('"{}"', "{}"), ('"a[1]"', '"a[1]"'),
     # A decoded NUL ends the requestId.
     ('"cut"', '"cut\\u0000off"'),
@@ -131,7 +131,7 @@ def test_a_cancel_that_does_not_match(server, hanging_engine, raw_id, request_id
 
 
 @pytest.mark.parametrize("message", [
-    # Neither the envelope nor duplicate keys are looked at.
+    # Neither the envelope nor duplicate keys are checked.
     b'{"method":"notifications/cancelled","params":{"requestId":"m"}}',
     b'{"jsonrpc":7,"method":"notifications/cancelled","params":{"requestId":"m"}}',
     b'{"jsonrpc":"2.0","method":"notifications\\/cancelled","params":{"requestId":"m"}}',
@@ -233,7 +233,7 @@ def test_a_cancelled_call_leaves_no_audit_record(start, engine, policy, tmp_path
 
 
 def test_a_cancelled_call_closes_nothing_and_says_nothing(start, engine):
-    """The child is ended where it stands: it does not disconnect."""
+    """The child is killed: it does not disconnect."""
     engine.script(Script().on_exec(STATEMENT, stderr="seen\n", hang=True))
     server = start(env=engine.env)
     begin(server, engine, "1")
@@ -248,7 +248,7 @@ def test_a_cancelled_call_closes_nothing_and_says_nothing(start, engine):
     "CreateVantreoInstance", "DisableMessage", "StartVantreo", "NewObject", "Exec", "Status",
     "FieldCount", "FieldName", "Next", "DataByFno", "FreeObject", "StopVantreo"])
 def test_a_cancel_in_every_moment_of_a_call(start, engine, moment):
-    """Behind the child's reply, too: what it has written is discarded."""
+    """Also after the child has replied: its reply is discarded."""
     script = Script().on(moment, hang=True) if moment != "Exec" else Script()
     script.on_exec(STATEMENT, hang=moment == "Exec", columns=["A"], rows=[["1"]])
     engine.script(script)
@@ -276,7 +276,7 @@ def test_a_cancel_together_with_its_call(start, engine):
 
 @pytest.mark.parametrize("delay", [0.0, 0.001, 0.002, 0.004, 0.008, 0.016, 0.03, 0.06])
 def test_a_cancel_that_races_with_the_reply(start, policy, delay):
-    """Whoever wins, the call has exactly one answer, and the server goes on."""
+    """Whichever comes first, the call gets exactly one reply and the server continues."""
     server = start(env=policy())
     for number in range(5):
         server.send(call(number, "kova_list_tables"))

@@ -100,7 +100,7 @@ def test_line_ends_and_blank_lines(run, sent, replies):
     (BOM[:2] + ping(1), [PARSE_ERROR]),
     (b" " + BOM + ping(1), [PARSE_ERROR]),
     (b"\xfe\xff" + ping(1), [PARSE_ERROR]),
-    # A line of nothing else is skipped, and it was the first one.
+    # A line of only that is skipped, and counts as the first line.
     (BOM + b"\n" + ping(1), [ONE]),
     (BOM + b"\r\n" + BOM + ping(1), [PARSE_ERROR]),
     (BOM, []),
@@ -116,7 +116,7 @@ def test_line_ends_and_blank_lines(run, sent, replies):
     (BOM + message(1, LIMIT - 2) + b"\n" + ping(2), [OVERSIZE_ERROR, TWO]),
     (BOM + message(1, LIMIT - 3), [ONE]),
     (BOM + message(1, LIMIT - 2), [OVERSIZE_ERROR]),
-    # An oversized first line was the first one, too.
+    # An oversized line counts as the first line, too.
     (b"x" * (LIMIT + 1) + b"\n" + BOM + ping(2), [OVERSIZE_ERROR, PARSE_ERROR]),
     (BOM + b"x" * LIMIT + b"\n" + BOM + ping(2), [OVERSIZE_ERROR, PARSE_ERROR]),
     (BOM + b"\0\n" + ping(1) + ping(2), [OVERSIZE_ERROR, TWO]),
@@ -126,14 +126,14 @@ def test_the_byte_order_mark(run, sent, replies):
 
 
 @pytest.mark.parametrize("sent, replies", [
-    # First in its line: the line is skipped in silence.
+    # At the start of a line: the line is skipped without a reply.
     (b"\0" + ping(1) + ping(2), [TWO]),
     (b"\0\n" + ping(2), [TWO]),
     (b"\0\0\0\n" + ping(2), [TWO]),
     (ping(1) + b"\0" + ping(2) + ping(3), [ONE, THREE]),
     (b"\0" + bare(1), []),
     (b"\0", []),
-    # Later in its line: refused as oversized, and the next line goes with it.
+    # Later in a line: refused as oversized, together with the next line.
     (bare(1) + b"\0\n" + ping(2) + ping(3), [OVERSIZE_ERROR, THREE]),
     (bare(1) + b"\0 rest\n" + ping(2) + ping(3), [OVERSIZE_ERROR, THREE]),
     (b"x\0" + ping(1) + ping(2) + ping(3), [OVERSIZE_ERROR, THREE]),
@@ -155,7 +155,7 @@ def test_the_byte_order_mark(run, sent, replies):
     (bare(1) + b"\0" + b"x" * LIMIT + b"\n" + ping(2) + ping(3), [OVERSIZE_ERROR, TWO, THREE]),
     (message(1, LIMIT) + b"\0\n" + ping(2) + ping(3), [OVERSIZE_ERROR, TWO, THREE]),
     (message(1, LIMIT - 1) + b"\0\n" + ping(2) + ping(3), [OVERSIZE_ERROR, THREE]),
-    # What is skipped is one piece of at most 1,048,577 bytes; what follows is the next line.
+    # The skipped piece has at most 1,048,577 bytes; what follows is read as the next line.
     (b"\0".ljust(LIMIT + 1, b"x") + ping(1) + ping(2), [ONE, TWO]),
     (b"\0".ljust(LIMIT, b"x") + b"\n" + ping(1), [ONE]),
 ], ids=range(27))

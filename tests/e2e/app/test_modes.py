@@ -88,7 +88,7 @@ def test_the_worker_answers_one_line(run, line, reply):
 
 @pytest.mark.parametrize("length", [1048575, 1048576, 1048577, 1048578, 1200000])
 def test_the_worker_knows_no_oversize(run, length):
-    """It takes the first 1,048,577 bytes, here a message and blanks, whatever follows."""
+    """It reads the first 1,048,577 bytes, here a message and spaces, and ignores the rest."""
     line = ping(1)[:-1].ljust(length) + b"\n"
     assert run("--tool-worker", stdin=line).stdout == pong(1)
 

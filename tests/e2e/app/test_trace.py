@@ -114,7 +114,7 @@ def test_a_cancelled_call(start, engine):
 
 
 def test_a_cancel_that_comes_with_its_call(start, engine):
-    """It finds the child, or the child is ended as soon as it exists."""
+    """The cancel ends the child, or the child is ended as soon as it exists."""
     engine.script(Script().on_exec(STATEMENT, hang=True))
     server = start(env={**engine.env, **ALL_ON})
     seen = set()
@@ -152,7 +152,7 @@ def test_the_exit_code_of_a_crash(start, engine, target):
 
 
 def test_a_cancel_behind_the_child_s_reply(start, engine):
-    """The child has answered and hangs in its disconnect: the call is still a cancelled one."""
+    """The child has replied and hangs in its disconnect: the call still counts as cancelled."""
     engine.script(Script().on("StopVantreo", hang=True).on_exec(STATEMENT))
     server = start(env={**engine.env, **ALL_ON})
     server.send(call(1, "kova_list_tables"))

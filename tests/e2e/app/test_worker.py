@@ -14,13 +14,14 @@ from harness.messages import (PARSE_ERROR, WORKER_FAILED, call, cancel, cancelle
                               error_reply, ping, pong, request, tool_success_reply)
 from harness.scripted_library import Repeat, Script
 from harness.servers import Server
+from harness.targets import Installation
 from harness.tool_calls import result_json
 from harness.waiting import wait_until
 
 pytestmark = pytest.mark.threads
 
 STATEMENT = "list table;"
-LIMIT = 1048577  # the most of a child's output that is passed on
+LIMIT = 1048577  # limit of a child's output that is passed on
 
 
 # the reply
@@ -57,7 +58,7 @@ def result_of(rows: int, cell: int) -> str:
 
 @pytest.mark.parametrize("rows, cell", [(31, 16384), (32, 16384), (50, 16384), (63, 16384)])
 def test_a_large_result_is_cut_like_any_output(start, engine, tmp_path, rows, cell):
-    """A result is carried twice, so that the reply may exceed what is passed on."""
+    """A reply contains its result twice and may so exceed the limit."""
     engine.script(Script().on_exec(STATEMENT, columns=["A"], repeat=[(rows, [Repeat(cell)])]))
     server = start(env={**engine.env, "KOVA_MCP_AUDIT": tmp_path / "audit.log"})
     result = result_of(rows, cell)
@@ -168,7 +169,7 @@ def expect_left_processes(engine, target, count: int) -> None:
 
 
 def test_a_process_that_a_call_leaves_behind_does_not_hold_its_reply(start, engine, target):
-    """Though that has the call's standard output and may yet write to it."""
+    """Although that process holds the call's standard output."""
     engine.script(Script().on_exec(STATEMENT, leave=True))
     server = start(env=engine.env)
     server.initialize()
@@ -193,12 +194,14 @@ def test_the_reply_waits_for_the_end_of_the_child(start, engine):
     assert server.workers() == []
 
 
-def test_an_executable_that_has_gone(servers, start, target, installation, tmp_path):
-    executable = installation.executable(folder=tmp_path / "own")
+def test_a_child_that_cannot_start(target, tmp_path):
+    """The executable's folder has another name by then, too long for a child's command line."""
+    folder = tmp_path / "own"
+    executable = Installation(target, folder).executable("scripted", folder)
     server = Server(target, executable, [], {"KOVA_MCP_DEBUG": "1"}, tmp_path)
     try:
         server.initialize()
-        executable.unlink()
+        folder.rename(tmp_path / ("d" * 200))
         assert server.ask(call(1, "kova_list_tables")) == WORKER_FAILED
         assert server.ask(ping(1)) == pong(1)
         server.finish()
@@ -248,7 +251,7 @@ def test_calls_follow_an_edited_policy(start, policy):
 
 
 def test_the_child_s_streams(start, engine, target):
-    """Three pipes and nothing else, whatever the server itself has been given."""
+    """The child has three pipes and no other descriptor of the server."""
     engine.script(Script().on("CreateVantreoInstance", streams=True))
     gift, other = os.pipe()
     with open("/dev/null", "rb") as file:
@@ -260,7 +263,7 @@ def test_the_child_s_streams(start, engine, target):
     streams = seen.arguments[0].decode().split()
     if target.windows:
         assert [stream for stream in streams if stream.endswith(":pipe")] == streams[-3:]
-        assert len(streams) <= 5  # Wine holds the current directory and a console device
+        assert len(streams) <= 5  # Wine opens the current directory and a console device
     else:
         assert sorted(streams) == ["0:pipe", "1:pipe", "2:pipe"]
 
@@ -336,14 +339,14 @@ def test_a_client_that_goes_in_the_middle_of_a_call(start, engine):
 
 
 def test_a_client_that_does_not_listen(start, policy):
-    """Replies that nobody reads are dropped; the server goes on to the end of input."""
+    """Replies without a reader are dropped; the server continues to the end of input."""
     server = start(env=policy(), unread=["stdout"])
     server.send(request("initialize", 1) + ping(2) + call(3, "kova_list_tables") + b"x\n")
     server.close_input()
     assert server.wait() == 0
 
 
-# an id that the pre-scan gives up on
+# an id that the pre-scan does not read
 
 
 HEAVY = '"' + "\\u0048" * 17 + '"'  # 104 characters that decode to 17
@@ -365,11 +368,11 @@ def test_a_call_with_a_heavy_id_runs_in_the_server_itself(start, engine):
         raw_id = HEAVY.replace("\\u0048", f"\\u{ord(letter):04x}")
         reply = server.ask(heavy_call("kova_list_tables", raw_id))
         assert reply.startswith(f'{{"jsonrpc":"2.0","id":"{letter * 17}","result":'.encode())
-    # One session serves both, and stays until the end of input.
+    # Both use one database session, which stays open until the end of input.
     assert engine.operations().count("StartVantreo") == 1
     assert engine.queries() == [STATEMENT.encode()] * 2
     assert "FreeObject" not in engine.operations()
-    # A worker has a session of its own beside it.
+    # A worker opens another database session.
     server.ask(call("w", "kova_list_tables"))
     assert engine.operations().count("StartVantreo") == 2
     assert engine.operations().count("StopVantreo") == 1

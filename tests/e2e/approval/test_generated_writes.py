@@ -1,4 +1,4 @@
-"""What is approved is what runs: generated writes, their digests and the library's log."""
+"""Generated writes: the approved statement is the one that runs, by digest and log."""
 
 from __future__ import annotations
 

@@ -31,7 +31,7 @@ def changed(policy, tmp_path):
 
 @pytest.fixture
 def approving(changed) -> dict:
-    """The environment of an operator whose policy wants approvals."""
+    """The environment of an operator whose policy requires approvals."""
     return changed()
 
 
@@ -73,7 +73,7 @@ def test_only_127_characters_are_read(run, approving):
     (DIGEST.encode() + b"\r" * 63, 0), (DIGEST.encode() * 2, 2), (b"x" * 127, 2),
 ], ids=["digest", "two digests", "no digest"])
 def test_127_characters_are_not_waited_beyond(start, target, approving, line, code):
-    """A line that is full is taken as it is, though its sender has not ended it."""
+    """A line of full length is taken although it has no line feed."""
     server = start("--issue-approval", env=approving)
     server.send(line[:127])
     assert server.wait() == code
@@ -101,7 +101,7 @@ def test_the_database_is_not_touched(run, approving, engine):
 
 
 def issued(result: Result) -> Token:
-    """The token, whose signature must be what its own fields and the default identity give."""
+    """Reads the token and checks its signature against its fields and the default identity."""
     [line] = result.lines
     version, expiry, nonce, digest, signature = line.decode().split(".")
     token = Token(digest=digest, expiry=expiry, nonce=nonce, secret=SECRET)

@@ -1,4 +1,4 @@
-"""A token lets one write through, whoever else presents it; none if its use cannot be noted."""
+"""A token allows one write, however often it is presented; none when no marker can be made."""
 
 from __future__ import annotations
 
@@ -47,7 +47,7 @@ def crowd(target: Target) -> tuple[int, int]:
 @pytest.fixture
 def present_at_once(start, launch, target):
     def present_at_once(tokens: list[str]) -> list[bytes]:
-        """One process for each token, with a moment in which all of them come to their line."""
+        """Starts one process for each token and lets them all read their line at once."""
         servers = [start("--tool-worker", env=launch) for _ in tokens]
         time.sleep(1 if target.windows else 0.2)
         return answers_of(servers, tokens)
@@ -147,7 +147,7 @@ class Waiting:
 
     @property
     def raw_id(self) -> str:
-        """The id of the last call as it is answered."""
+        """The id of the last call as it stands in the reply."""
         return '"%s"' % ("a" * 20 + "b" * self._count)
 
     def expect_spent(self, token: str) -> None:
@@ -225,7 +225,7 @@ def test_a_name_that_is_a_link(waiting, state, tmp_path, there):
 
 @pytest.fixture
 def small_disk(state: Path) -> Iterator[Path]:
-    """The folder as a file system of its own with room for a few files."""
+    """The folder as a mounted file system with room for a few files."""
     made = subprocess.run(["mount", "-t", "tmpfs", "-o", "nr_inodes=8,size=64k", "tmpfs",
                            str(state)], capture_output=True, text=True)
     if made.returncode != 0:
@@ -235,7 +235,7 @@ def small_disk(state: Path) -> Iterator[Path]:
 
 
 def fill(folder: Path) -> list[Path]:
-    """Files until there is no room for another one."""
+    """Creates files until the file system is full."""
     made = []
     while True:
         try:
@@ -247,7 +247,7 @@ def fill(folder: Path) -> list[Path]:
 
 
 def test_a_full_disk(waiting, small_disk, engine):
-    """The folder is looked up anew each time, so the running server sees the small disk."""
+    """The server looks the folder up at each call, so it sees the file system mounted there."""
     token, later = token_for(STATEMENT), token_for(STATEMENT)
     waiting.expect_success(token.text)
     fillers = fill(small_disk)
@@ -266,7 +266,7 @@ def test_a_disk_that_may_not_be_written(waiting, small_disk, engine):
 
 @pytest.mark.parametrize("how", ["gone", "a file"])
 def test_a_folder_that_is_gone_at_the_start(writes, how):
-    """Every call loads the policy anew, and the policy names no folder then."""
+    """Each call loads the policy again; without the folder the policy is not valid."""
     writes.state.rmdir()
     if how == "a file":
         writes.state.touch()

@@ -28,7 +28,7 @@ def good() -> Token:
 
 
 def expiring(form: str) -> Token:
-    """A token whose expiry is a moment ahead, written in some form."""
+    """A token that expires soon, with its expiry written in this form."""
     return good().but(expiry=form.format(int(time.time()) + 200))
 
 
@@ -86,7 +86,7 @@ def test_the_lifetime_is_that_of_the_verifying_policy(served):
 
 @pytest.mark.parametrize("digest", [DIGEST.upper(), mixed(DIGEST)], ids=["upper", "mixed"])
 def test_a_digest_in_other_letters(writes, digest):
-    """It binds, but the signature holds only over the spelling that was signed."""
+    """The digest matches in any case of letters; the signature only in the signed one."""
     leaves_no_trace(writes, good().joined(digest=digest), SIGNATURE)
     token = good().but(digest=digest)
     leaves_no_trace(writes, token.joined(digest=DIGEST), SIGNATURE)
@@ -193,7 +193,7 @@ def test_a_token_signed_over_something_else(writes, signed):
 
 
 def test_the_fields_cannot_be_shifted(writes):
-    """The same signed bytes, cut elsewhere, are another token."""
+    """The same signed bytes, split at other places, form another token."""
     token = good()
     shifted = token.but(name="read", client_id="x|desk-client")
     leaves_no_trace(writes, token.joined(signature=shifted.signature), SIGNATURE)
@@ -222,7 +222,7 @@ def test_a_forged_token_spends_nothing(writes):
 
 
 def presented(run, env, text: str) -> bytes:
-    """The answer of a single worker process."""
+    """The reply of a single worker process."""
     message = call(1, TOOL, write_arguments(STATEMENT, text))
     return run("--tool-worker", stdin=message, env=env).stdout
 

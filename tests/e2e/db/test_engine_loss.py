@@ -97,7 +97,7 @@ def test_an_engine_that_ends_in_the_middle_of_a_statement(server, engine, start_
 
 
 def test_an_engine_that_ends_in_the_middle_of_a_result(server, engine, start_sample_engine):
-    """The library can say of a row only that there is none: the call ends with those that came."""
+    """The library cannot tell a failure from the end of the rows: the call returns those so far."""
     server.send(call("rows", "kova_query", {"sql": "SELECT A FROM TRICKLE WHERE B > 0"}))
     wait_until(lambda: engine.logged("FROM TRICKLE", "-> OK"), TIMEOUT, "the first rows")
     engine.process.send_signal(signal.SIGKILL)
@@ -115,7 +115,7 @@ def test_an_engine_that_ends_in_the_middle_of_a_result(server, engine, start_sam
 
 
 def test_an_engine_that_ends_while_it_is_logged_in_to(server, engine, start_sample_engine):
-    """Stopped, it accepts the connection and says nothing."""
+    """While stopped, it accepts connections and sends nothing."""
     engine.process.send_signal(signal.SIGSTOP)
     server.send(call("login", "kova_query", QUERY))
     wait_until(lambda: server.workers() != [], TIMEOUT, "the worker")
@@ -152,7 +152,7 @@ def test_a_cancel_ends_the_statement(server, engine):
 
 
 def test_a_killed_server_ends_the_statement(server, engine):
-    """As a client that dies in the middle of a call ends its server."""
+    """A client that crashes during a call kills its server so."""
     begin(server, engine)
     server.kill()
     wait_until(lambda: engine.logged("FOREVER", "-> interrupted"), 2, "the statement's end")
@@ -170,8 +170,9 @@ def test_an_engine_that_was_away_between_two_calls(server, engine, start_sample_
         ("policy-select", "ok"), ("policy-select", "error"), ("policy-select", "ok")]
 
 
-def test_a_session_that_has_lost_its_engine_stays_as_it_is(engine, start_sample_engine, start_server):
-    """Calls in the server process share one session, whose loss only its statements show."""
+def test_a_session_that_has_lost_its_engine_stays_as_it_is(engine, start_sample_engine,
+                                                           start_server):
+    """Calls in the server process share one session. A lost one is kept: its statements fail."""
     server = start_server(engine)
 
     def ask(number: int) -> dict[str, Any]:

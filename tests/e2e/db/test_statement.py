@@ -26,7 +26,7 @@ def tools(without_policy: ToolCalls) -> ToolCalls:
 
 
 def select(tools: ToolCalls, max_rows: int = 100, **answer) -> Outcome:
-    """The outcome of a SELECT that the library answers so."""
+    """Runs a SELECT with this result of the library."""
     tools.script(Script().on_exec("SELECT 1;", **answer))
     return tools("kova_query", {"sql": "SELECT 1", "max_rows": max_rows})
 
@@ -67,12 +67,12 @@ def test_every_cell_is_a_text(tools):
     (b'"\\\n\x01\xc3\xa9', b'\\"\\\\\\n\\u0001\xc3\xa9'),
     (b"\r\t\b\f\x0b\x1f", b"\\r\\t\\u0008\\u000c\\u000b\\u001f"),
     (b"/\x7f <>&'", b"/\x7f <>&'"),
-    # What is no UTF-8 is passed on as it is.
+    # Bytes that are not UTF-8 are passed on unchanged.
     (b"\xff\xc3", b"\xff\xc3"),
 ], ids=repr)
 @pytest.mark.parametrize("place", ["cell", "name", "status"])
 def test_escapes(tools, place, cell, escaped):
-    """Twice in the reply: as it is, and once more escaped inside the text."""
+    """The reply contains it twice: as JSON, and escaped inside the text."""
     answer = {"cell": {"columns": ["A"], "rows": [[cell]]}, "name": {"columns": [cell]},
               "status": {"status": cell}}[place]
     result = {
@@ -97,7 +97,7 @@ def test_64_columns(tools):
 @pytest.mark.parametrize("answer", [
     {"columns": ["C"] * 65}, {"fields": 65}, {"fields": 2147483647}, {"fields": -1},
     {"fields": -2147483648},
-    # Before the status, the names and the cells are looked at.
+    # Checked before the status, the names and the cells.
     {"fields": 65, "rows": [[Repeat(CELL + 1)]]}], ids=lambda answer: str(answer)[:30])
 def test_too_many_columns(tools, answer):
     fails(select(tools, **answer), COLUMNS_EXCEEDED)
@@ -115,7 +115,7 @@ def test_the_order_of_the_calls(tools):
 
 
 def test_no_row_behind_the_bound_is_asked_for(tools):
-    """Not even its existence, nor its cells."""
+    """Neither further rows nor their cells are read."""
     answer = {"columns": ["A"], "rows": [["x"], ["y"], [Repeat(CELL + 1)]]}
     succeeds(select(tools, 2, **answer), result_json(["A"], [["x"], ["y"]], truncated=True))
     assert tools.engine.operations().count("Next") == 2
@@ -135,7 +135,7 @@ def test_a_cell_of_16384_bytes(tools):
 
 
 def test_a_cell_of_16385_bytes(tools):
-    """It fails the statement, whatever has been read before; nothing more is read."""
+    """The statement fails, whatever was read before, and nothing more is read."""
     fails(select(tools, columns=["A", "B"], rows=[["a", "b"], ["c", Repeat(CELL + 1)], ["d", "e"]]),
           CELL_EXCEEDED)
     assert tools.engine.operations()[-5:] == ["Next", "DataByFno", "DataByFno"] + END
@@ -155,7 +155,7 @@ def test_a_status_and_names_are_cut_at_16384_bytes(tools, more):
 
 
 def large_answer(bytes_in_all: int) -> tuple[dict, str]:
-    """Rows whose result is so many bytes of JSON, and that result."""
+    """Rows whose result has this number of bytes as JSON, and that result."""
     rows = 64
     frame = len(result_json(["A"], [[""]] * rows))
     short = bytes_in_all - frame - (rows - 1) * CELL
@@ -165,7 +165,7 @@ def large_answer(bytes_in_all: int) -> tuple[dict, str]:
 
 
 def test_a_result_of_1048575_bytes(tools):
-    """The reply carries it twice, so it is cut; the record is whole."""
+    """The reply contains it twice and is cut; the record is complete."""
     answer, result = large_answer(CEILING)
     assert len(result) == CEILING
     outcome = select(tools, **answer)
@@ -216,15 +216,16 @@ def test_the_words_of_a_failure(tools, status, words):
     fails(select(tools, result=0, status=status), words)
 
 
-def test_words_are_cut_by_bytes(tools):
-    outcome = select(tools, result=0, status="e" * 254 + "é")
-    assert outcome.reply == tool_error_reply(outcome.raw_id, "e" * 254).replace(
-        b'e"}]', b'e\xc3"}]')
+def test_a_message_is_cut_between_two_characters(tools):
+    for length, tail in ((254, "é"), (253, "€x"), (253, "é")):
+        outcome = select(tools, result=0, status="e" * length + tail + "x")
+        kept = tail if length + len(tail.encode()) <= 255 else ""
+        assert outcome.reply == tool_error_reply(outcome.raw_id, "e" * length + kept)
 
 
 @pytest.mark.parametrize("library", [None, "broken", "incomplete"])
 def test_without_a_usable_library(module_servers, engine, tmp_path, library):
-    """Everything but statements works."""
+    """Everything except statements works."""
     tools = ToolCalls(module_servers, engine, tmp_path, library=library)
     tools("kova_query", {"sql": "SELECT 1"}).is_error(NO_SESSION, objects="policy-select")
     tools("kova_describe_table", {"table": "ITEMS"}).is_error(NO_SESSION, objects="ITEMS")
@@ -245,7 +246,7 @@ def test_the_library_is_not_taken_from_the_current_directory(servers, engine, tm
 @pytest.mark.parametrize("operation", ["Exec", "FieldCount", "Status", "FieldName", "Next",
                                        "DataByFno"])
 def test_a_library_that_crashes(tools, operation):
-    """The call is answered and not recorded; the next one works."""
+    """The call gets a reply and no record; the next one works."""
     script = Script().on_exec("SELECT 1;", columns=["A"], rows=[["x"]])
     if operation == "Exec":
         script = Script().on_exec("SELECT 1;", crash=True)

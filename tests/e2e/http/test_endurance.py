@@ -46,7 +46,7 @@ class Holdings:
 
 
 class NamedInstallation(Installation):
-    """The executable under a name that tells its processes from those of other tests."""
+    """The executable under another name, so that its processes differ from those of other tests."""
 
     name = f"kova-mcp-{os.getpid()}.exe"
 
@@ -100,7 +100,7 @@ def expect_to_hold(endpoint: HttpListener, expected: Holdings) -> None:
 
 @pytest.fixture
 def endpoint(target: Target, tmp_path: Path, engine: ScriptedLibrary) -> Iterator[HttpListener]:
-    """A listener that has served what it serves once, and has no sessions."""
+    """A listener that has served each kind of request once and has no sessions."""
     servers = Servers(target, NamedInstallation(target, tmp_path / "named"), tmp_path)
     listeners = HttpListeners(servers)
     try:
@@ -126,7 +126,7 @@ def test_a_request_byte_by_byte(endpoint):
 
 
 def test_slow_clients_hold_nobody_up(endpoint):
-    """While they send a byte at a time, others are served."""
+    """While some clients send byte by byte, others are served."""
     session = endpoint.open_session()
     data = endpoint.compose(ping(1)[:-1], UNKNOWN_ID).data()
     with ExitStack() as stack:
@@ -151,7 +151,7 @@ def test_a_body_in_many_pieces(endpoint):
 
 
 def test_clients_that_do_not_read(endpoint, engine):
-    """Their session does not wait for them."""
+    """A session does not wait for clients that do not read."""
     script = Script().on("Status", stdout=b"\n", exit_code=0)
     engine.script(script.on_exec(HANGING_STATEMENT, stdout=Repeat(262144)))
     session = endpoint.open_session()
@@ -196,7 +196,7 @@ def test_clients_that_leave_at_every_stage(endpoint, how):
 
 
 def test_silent_clients(endpoint):
-    """Each takes a thread and a socket, as long as it stays."""
+    """Each takes a thread and a socket while it is connected."""
     before = at_rest(endpoint)
     with ExitStack() as stack:
         for _ in range(100):
@@ -211,7 +211,7 @@ def test_silent_clients(endpoint):
 
 
 def test_many_clients_at_once(endpoint):
-    """More than wait in line for the listener; none of them is lost."""
+    """More connections than the backlog holds; none is lost."""
     before = at_rest(endpoint)
     with ExitStack() as stack:
         clients = [stack.enter_context(endpoint.connect()) for _ in range(100)]
@@ -222,7 +222,7 @@ def test_many_clients_at_once(endpoint):
 
 
 def test_a_flood_of_bytes_takes_bounded_memory(endpoint):
-    """However much comes, a connection's buffer stays what it is."""
+    """A connection's buffer keeps its size, however much is sent."""
     def flood(_: int) -> bytes:
         return endpoint.exchange(b"POST /mcp HTTP/1.1\r\n" + b"x" * (4 << 20))
 
@@ -235,7 +235,7 @@ def test_a_flood_of_bytes_takes_bounded_memory(endpoint):
 
 
 def use_sessions(endpoint: HttpListener, rounds: int) -> None:
-    """Sessions that end in each way that there is."""
+    """Sessions that end in each possible way."""
     for number in range(rounds):
         session = endpoint.open_session()
         assert endpoint.post_message(ping(number), session) == answered(session, pong(number))
@@ -243,10 +243,10 @@ def use_sessions(endpoint: HttpListener, rounds: int) -> None:
             endpoint.end_process(endpoint.session_processes()[0])
             assert endpoint.post_message(ping("x"), session) == SESSION_FAILED
         elif number % 4 == 2:
-            assert endpoint.post(b"x", session) == accepted(session)  # and complained of, unread
+            assert endpoint.post(b"x", session) == accepted(session)  # the error reply is not read
             assert endpoint.delete(session) == CLOSED
         elif number % 4 == 3:
-            endpoint.end_process(endpoint.session_processes()[0])  # the next initialize reaps it
+            endpoint.end_process(endpoint.session_processes()[0])  # the next initialize removes it
             if number == rounds - 1:
                 assert endpoint.delete(session) == CLOSED
         else:

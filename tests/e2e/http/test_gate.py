@@ -54,7 +54,7 @@ FAULTS = {
     "426": (_wrong("X-Forwarded-Proto", "http"), NOT_FORWARDED),
     "404 session": (_wrong("Mcp-Session-Id", UNKNOWN_ID), SESSION_UNKNOWN),
 }
-"""What can be wrong with a request, in the order in which it is looked at."""
+"""What can be wrong with a request, in the order of the checks."""
 
 
 def test_a_request_without_a_fault(endpoint):
@@ -92,7 +92,7 @@ def test_a_missing_token_comes_behind_the_path(endpoint_without_token, fault):
 
 
 def test_the_session_comes_last(endpoint):
-    """The headers are looked at before what the body says."""
+    """The headers are checked before the body."""
     spoil, refused = FAULTS["426"]
     request = spoil(endpoint.compose(INITIALIZE, UNKNOWN_ID))
     assert endpoint.exchange(request.data()) == refused
@@ -101,7 +101,7 @@ def test_the_session_comes_last(endpoint):
 
 # size
 
-# Whether a body was taken in is seen by a body that is refused for what it says.
+# A body that is refused for its content shows that it was read.
 SEEN, UNSEEN = SESSION_REUSED, SESSION_UNKNOWN
 
 
@@ -125,7 +125,7 @@ def test_a_length_that_covers_the_body(endpoint, text):
     "-" + "9" * 31, "-1".ljust(31) + "x", "4294967301".zfill(32), "x" * 32,
 ], ids=repr)
 def test_a_length_that_does_not(endpoint, text):
-    """It counts as none from 32 characters on, whatever they say."""
+    """A value of 32 characters or more counts as absent."""
     assert with_length(endpoint, text) == UNSEEN
 
 
@@ -134,7 +134,7 @@ def test_a_length_that_does_not(endpoint, text):
     "4294967295", "4294967296", "4294967301", "4294967317", "9223372036854775808",
     "18446744073709551616", "18446744073709551637", "-4294967275", "-18446744073709551595",
     "9" * 18, "9" * 19, "9" * 31, "-" + "9" * 30, "+" + "9" * 30,
-    # no whole number
+    # not a whole number
     "", " ", "+", "-", "x", "x21", "x" * 31, "0x15", "++21", "--1", "+-0", "- 0", "+ 21",
     f"{LENGTH}x", f"{LENGTH}.9", f"{LENGTH} 0", f"{LENGTH},{LENGTH}", f"{LENGTH}\v0",
 ], ids=repr)
@@ -143,7 +143,7 @@ def test_a_length_out_of_range(endpoint, text):
 
 
 def padded(endpoint: HttpListener, size: int, **rest: object) -> Request:
-    """A request whose header block has that size."""
+    """A request whose header block has this size."""
     request = endpoint.compose(**rest)  # type: ignore
     without = len(request.with_headers({"Padding": ""}).data()) - len(request.body)
     return request.with_headers({"Padding": "x" * (size - without)})
@@ -175,7 +175,7 @@ def test_the_largest_request(endpoint):
 @pytest.mark.parametrize("size", [HEADER_LIMIT + BODY_LIMIT, HEADER_LIMIT + BODY_LIMIT + 1,
                                   1 << 20])
 def test_a_flood_without_a_blank_line_is_answered_when_the_buffer_is_full(endpoint, size):
-    """Though its sender goes on waiting."""
+    """Although the client keeps its side open."""
     data = endpoint.compose().data()[:-2]
     assert endpoint.exchange(data + b"x" * (size - len(data))) == UNBOUNDED
 
@@ -262,7 +262,7 @@ def test_a_length_with_a_space_before_the_colon_is_none(endpoint):
     assert answer == UNSEEN
 
 
-# What a first line of the name makes of a second one. The first value is refused, or passes.
+# Of two headers of a name the first one counts.
 SECOND_LINES = [
     ("Host", "elsewhere", None, HOST_REFUSED),
     ("Host", None, "elsewhere", PASSED),
@@ -363,7 +363,7 @@ def test_the_length_may_stand_behind_the_header_block(endpoint):
 
 @pytest.fixture(scope="module")
 def long_token(module_http: HttpListeners) -> HttpListener:
-    """The longest token that a client can send."""
+    """A token at the limit of what a client can send."""
     token = "T" * 1016
     return _listener_with_token(module_http, token)
 
@@ -409,7 +409,7 @@ def test_a_token_that_is_too_short_admits_nobody(http, token):
 
 @pytest.mark.parametrize("token, sent, answer", [
     ("t" * 32, "t" * 32, PASSED),
-    ("t" * 31 + " ", "t" * 31 + " ", UNAUTHORIZED),  # long enough, and never what a header holds
+    ("t" * 31 + " ", "t" * 31 + " ", UNAUTHORIZED),  # 32 long; no header ends in a space
     ("t" * 31 + " ", "t" * 31, UNAUTHORIZED),
     (" " + "t" * 31, " " + "t" * 31, PASSED),
     ("t" * 16 + " " + "t" * 16, "t" * 16 + " " + "t" * 16, PASSED),
@@ -490,7 +490,7 @@ def test_an_empty_list_of_origins_allows_nothing(http):
 @pytest.mark.parametrize("value, passes",
                          [*LISTED.items(), ("https://ORIGIN.test", True), (None, True)])
 def test_the_origin_with_a_list(listing, value, passes):
-    """One that is too long counts as none."""
+    """An origin that is too long counts as absent."""
     passes = passes or value == "h" * 512
     answer = listing.post(headers={"Host": "origin.test", "Origin": value})
     assert answer == (PASSED if passes else ORIGIN_REFUSED)
@@ -532,13 +532,13 @@ def test_plaintext_may_be_allowed(http, value, passes):
     (b'"method"\t:\t"initialize"', False), (b'"method":"initialized"', False), (b"", False),
 ])
 def test_what_makes_a_body_initialize(endpoint, body, initialize):
-    """It must not name a session, be it one that is unknown."""
+    """It must not name a session, not even an unknown one."""
     answer = endpoint.post(body, UNKNOWN_ID)
     assert answer == (SESSION_REUSED if initialize else SESSION_UNKNOWN)
 
 
 def test_the_literal_must_lie_in_the_body(endpoint):
-    """Not in a header, nor behind the body, nor across its end."""
+    """Not in a header, after the body or across its end."""
     in_header = endpoint.post(b"{}", UNKNOWN_ID, more_headers=[b"X: " + INITIALIZE])
     across = endpoint.compose(INITIALIZE[:-1], UNKNOWN_ID).data() + INITIALIZE[-1:]
     assert (in_header, endpoint.exchange(across)) == (SESSION_UNKNOWN, SESSION_UNKNOWN)
@@ -550,7 +550,7 @@ def test_the_literal_must_lie_in_the_body(endpoint):
 @pytest.mark.parametrize("text", [
     "0", "65536", "abc", "", " ", "-1", "-8080", "x8080", "+", "4294975376", "4294967297",
     "18446744073709559696", "9" * 31, "-4294959216", "00065536",
-    # no whole number
+    # not a whole number
     "8080abc", "8080.0", "+8080", " 8080", "8080 ", "8080\t", "80 80", "0x50", "8e3",
 ], ids=repr)
 def test_a_port_out_of_range(run, text):

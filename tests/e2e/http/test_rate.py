@@ -70,7 +70,7 @@ def answered(clients: list[Client]) -> list[Client]:
 
 @pytest.mark.parametrize("rate, limit", [("4", 4), (None, DEFAULT)])
 def test_a_silent_connection_counts(http, rate, limit):
-    """One more of them than are admitted is answered before it has sent a byte."""
+    """A connection above the rate gets its response before it has sent a byte."""
     listener = listener_with(http, rate)
     with ExitStack() as stack:
         clients = [stack.enter_context(listener.connect()) for _ in range(limit + 1)]
@@ -86,7 +86,7 @@ def test_a_silent_connection_counts(http, rate, limit):
 
 
 def test_what_a_refused_client_has_sent_does_not_destroy_its_answer(http):
-    """It is taken in, so that the connection ends in order and not with a reset."""
+    """Its bytes are read, so that the connection ends without a reset."""
     listener = listener_with(http, "1")
     assert listener.post() == PASSED
     process = listener.server.process.pid

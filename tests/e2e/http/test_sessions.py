@@ -1,4 +1,4 @@
-"""The sessions of the HTTP listener: how they begin, what is exchanged with them, how they end."""
+"""Sessions of the HTTP listener: their start, the exchanges, their end."""
 
 from __future__ import annotations
 
@@ -60,7 +60,7 @@ def is_answered(client: Client, seconds: float = 1.0) -> bool:
     return select.select([client.socket], [], [], seconds)[0] != []
 
 
-# the begin
+# the start
 
 
 def test_initialize_is_answered_as_the_stdio_server_answers_it(endpoint, run):
@@ -89,7 +89,7 @@ def test_the_literal_anywhere_starts_a_session(endpoint, message, reply):
 
 
 def test_a_session_that_begins_without_an_answer(endpoint):
-    """Its complaint is the next answer."""
+    """Its error reply is the next response."""
     got = endpoint.post(b"x" + INITIALIZE)
     session = endpoint.session_of(got)
     assert got == accepted(session)
@@ -130,7 +130,7 @@ def test_ids_are_drawn_anew(endpoint):
         ids.append(endpoint.open_session())
         assert endpoint.delete(ids[-1]) == CLOSED
     assert len(set(ids)) == 40
-    # No two of them agree in more places than chance lets them.
+    # No two of them agree in more places than random ids would.
     assert max(sum(map(str.__eq__, a, b)) for a, b in itertools.combinations(ids, 2)) < 32
 
 
@@ -175,7 +175,7 @@ def test_more_clients_at_once_than_sessions(endpoint):
 
 
 def test_sessions_know_nothing_of_each_other(endpoint):
-    """Neither request ids, nor who is initialized, nor what is left to read."""
+    """Neither request ids, nor the handshake, nor unread replies are shared."""
     first, second = endpoint.open_session(), endpoint.open_session()
     raw = endpoint.open_session(request("ping", 1, {"method": "initialize"}))
     assert endpoint.post(b"x", first) == accepted(first)
@@ -218,10 +218,10 @@ def test_a_complaint_about_a_body_without_an_id_is_the_next_answer(endpoint, ses
     cancel("id")[:-1],
 ])
 def test_a_notification_that_mentions_an_id_waits_for_a_line(endpoint, session, body):
-    """Whichever line comes next is its answer."""
+    """The next line of the session is taken as the response."""
     with endpoint.connect() as client:
         client.send(endpoint.compose(body, session).data())
-        # Its message is in the session before the complaint, or the complaint waits for it.
+        # Its message reaches the session before the error reply, or that reply waits for it.
         assert endpoint.post(b"x", session) == accepted(session)
         assert client.read_to_end() == answered(session, PARSE_ERROR)
     assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
@@ -240,7 +240,7 @@ def test_several_messages_in_one_body(endpoint, session):
 
 
 def test_what_a_session_leaves_unread_is_not_the_next_one_s(endpoint):
-    """Though it takes the same place."""
+    """Although it takes the same slot."""
     first = endpoint.open_session()
     assert endpoint.post(ping(1) + ping(2) + ping(3), first) == answered(first, pong(1))
     assert endpoint.post_message(ping(4), first) == answered(first, pong(2))
@@ -251,7 +251,7 @@ def test_what_a_session_leaves_unread_is_not_the_next_one_s(endpoint):
 
 
 def test_many_messages_in_one_body(endpoint, session):
-    """Their answers, more than a pipe holds at once, come back one by one and whole."""
+    """Their replies, more than a pipe holds, come back complete and one by one."""
     ids = [f"{'i' * 88}{number:04}" for number in range(200)]
     got = endpoint.post(b"".join(map(ping, ids)), session)
     assert got == answered(session, pong(json.dumps(ids[0])))
@@ -268,7 +268,7 @@ def test_the_body_reaches_the_session_as_it_is(endpoint, session):
 
 
 def test_a_nul_in_a_body(endpoint, session):
-    """Its line looks as if it had no end, so that the next line is taken for its rest."""
+    """The NUL hides the line feed, so the next line is taken as the rest of this one."""
     with endpoint.connect() as client:
         client.send(endpoint.compose(ping(1)[:-1] + b"\0", session).data())
         while not is_answered(client, 0.1):
@@ -308,7 +308,7 @@ def answer_of(http: HttpListeners, engine: ScriptedLibrary, output: "bytes | Rep
     (ANSWER_LIMIT - 1, b"\r\r\rx\r\r\n"),
 ])
 def test_an_answer_of_any_size_up_to_the_limit(http, engine, size, more):
-    """Carriage returns do not count, wherever they stand."""
+    """Carriage returns do not count."""
     endpoint, session, got = answer_of(http, engine, Repeat(size), more)
     assert got == answered(session, b"x" * size + more.replace(b"\r", b""))
     assert endpoint.post_message(ping(2), session) == answered(session, pong(2))
@@ -326,7 +326,7 @@ def test_an_answer_that_is_too_long_or_empty_ends_the_session(http, engine, size
 
 
 def test_the_rest_of_an_answer_that_is_too_long_is_nobody_s(http, engine):
-    """Who waits for the next turn is not given it."""
+    """The next request does not get it."""
     script = Script().on_exec(HANGING_STATEMENT, sleep=0.5, stdout=Repeat(600000))
     engine.script(script.on("Status", stdout=b"\n", exit_code=0))
     endpoint = http(engine.env)
@@ -360,7 +360,7 @@ def test_delete_ends_the_session(endpoint):
     session = endpoint.open_session()
     assert endpoint.delete(session) == CLOSED
     assert endpoint.server.zombies() == []
-    if not endpoint.server.target.windows:  # where an ended process is listed for a moment longer
+    if not endpoint.server.target.windows:  # where an ended process stays listed a little longer
         assert endpoint.children() == []
     endpoint.wait_for_no_child()
     assert endpoint.post_message(ping(1), session) == SESSION_UNKNOWN
@@ -369,7 +369,7 @@ def test_delete_ends_the_session(endpoint):
 
 @pytest.mark.parametrize("message", [ping(1), notification("notifications/initialized")])
 def test_a_session_whose_process_has_ended(endpoint, message):
-    """It stays listed until somebody uses it."""
+    """It stays in the table until a request uses it."""
     session = endpoint.open_session()
     endpoint.end_process(endpoint.children()[0])
     assert endpoint.post_message(message, session) == SESSION_FAILED
@@ -418,7 +418,7 @@ def test_the_next_initialize_reaps_what_has_ended(endpoint):
 
 
 def test_a_session_that_takes_no_more(endpoint, session):
-    """Its complaints, which nobody reads, fill its output, and then a body its input."""
+    """Unread error replies fill its output pipe, then a body fills its input pipe."""
     with ExitStack() as stack:
         def begin(body: bytes) -> Client:
             client = stack.enter_context(endpoint.connect())
@@ -440,7 +440,7 @@ def test_a_session_that_takes_no_more(endpoint, session):
 
 
 def test_parallel_requests_of_one_session(endpoint, session):
-    """Each gets its own answer, whole."""
+    """Each gets its own complete reply."""
     def ask(number: int) -> bool:
         request_id = f"{number:04}" + "p" * 80
         got = endpoint.post_message(ping(request_id), session)
@@ -451,7 +451,7 @@ def test_parallel_requests_of_one_session(endpoint, session):
 
 
 def test_parallel_calls_of_one_session(http, engine):
-    """None of them meets another one that is still active."""
+    """None of them finds another call active."""
     cell = "c" * 3000
     engine.script(Script().on_exec(HANGING_STATEMENT, columns=["A"], rows=[[cell]] * 20))
     endpoint = http(engine.env)
@@ -508,7 +508,7 @@ def test_a_cancel_passes_the_call_that_it_cancels(http, engine):
 
 
 def test_requests_wait_for_the_call_that_runs(http, engine):
-    """None of them is told that the server is busy."""
+    """None of them is refused as busy."""
     endpoint = hanging(http, engine)
     session = endpoint.open_session()
     with endpoint.hanging_call(session) as client, ExitStack() as stack:
@@ -539,7 +539,7 @@ def test_a_call_of_one_session_delays_no_other(http, engine):
 
 def expect_ended(endpoint: HttpListener, session: str, running: Client,
                  waiting: list[Client]) -> None:
-    """Whoever used the session is told so, and nothing of it is left."""
+    """Each client of the session gets an error, and nothing of the session is left."""
     assert running.read_to_end() == RESPONSE_FAILED
     for client in waiting:
         assert client.read_to_end() in (SESSION_UNKNOWN, SESSION_FAILED, RESPONSE_FAILED)
@@ -585,7 +585,7 @@ def test_a_process_that_ends_while_a_call_runs(busy_session):
 
 
 def test_clients_that_leave_a_running_call(busy_session):
-    """It goes on without them, and the session with it."""
+    """The call and the session continue without their client."""
     endpoint, session, running, waiting = busy_session
     running.reset()
     for client in waiting:
@@ -607,7 +607,7 @@ def test_the_end_of_the_listener_ends_everything(busy_session):
 
 
 def test_sessions_that_end_while_others_begin(endpoint):
-    """Slots change hands under many clients; nobody meets another one's session."""
+    """Slots are reused under many clients; no client reaches another one's session."""
     def live(number: int) -> bool:
         for turn in range(4):
             got = endpoint.post_message(request("initialize", f"init-{number}-{turn}", {}))

@@ -1,4 +1,4 @@
-"""What counts as JSON, and how texts come back.
+"""What is accepted as JSON, and how texts come back.
 
 A value is sent inside a message whose "jsonrpc" is wrong: a message that parses is refused for
 that, and uses no id up.
@@ -33,7 +33,7 @@ GOOD_VALUES = [
     b"{}", b"[]", b"{ }", b"[ ]", b"[1,2]", b"[ 1 , 2 ]", b'{"a":1}', b'{ "a" : 1 , "b" : [ ] }',
     b'[[[{"a":{"b":[]}}]]]', b"\t\r 1 \t\r", b'""', b'"a"', b'{"":1}', b'" "',
     b'"\\"\\\\\\/\\b\\f\\n\\r\\t"', b'"\\u0000"', b'"\\u00e9\\uABCD\\uabcd"', b'"\\ud83d\\ude00"',
-    # Surrogates are looked at when a text is read, not here.
+    # Surrogates are checked when a text is decoded, not here.
     b'"\\ud800"', b'"\\udc00"', b'"\\ude00\\ud83d"', b'"\\ud800x"', b'{"\\ud800":1}',
     b'"\x7f"', b'"\xc2\x80"', b'"\xdf\xbf"', b'"\xe0\xa0\x80"', b'"\xed\x9f\xbf"',
     b'"\xee\x80\x80"', b'"\xef\xbf\xbf"', b'"\xf0\x90\x80\x80"', b'"\xf4\x8f\xbf\xbf"',
@@ -60,7 +60,7 @@ BAD_VALUES = [
     b'"', b'"a', b'"\\"', b'"\\', b'"a\tb"', b'"\x01"', b'"\x1f"', b'"a\rb"', b'"\\a"', b'"\\x41"',
     b'"\\0"', b"\"\\'\"", b'"\\U0041"', b'"\\u"', b'"\\u004"', b'"\\u004g"', b'"\\u 041"',
     b'"\\u-041"', b'"\\u+041"', b'"\\uD83D\\uDE0"',
-    # comments are no white space, nor are these
+    # comments are not white space, nor are these
     b"1 // c", b"/* c */ 1", b"1\x0b", b"1\x0c", b"1\xc2\xa0", b"\xef\xbb\xbf1",
 ]
 
@@ -117,7 +117,7 @@ def test_the_depth_limit(server, depth, innermost, reply):
 @pytest.mark.parametrize("depth, innermost, reply", [
     (126, b"{}", PARSED), (127, b"{}", PARSED),
     (126, b'{"a":1}', PARSED),
-    # Keys are not held against the depth, values are.
+    # Keys do not count for the depth, values do.
     (127, b'{"a":1}', PARSE_ERROR), (128, b"1", PARSE_ERROR),
     (128, b"{}", PARSE_ERROR), (128, b"[]", PARSE_ERROR),
 ])
@@ -161,7 +161,7 @@ def test_duplicate_keys(server, body):
 @pytest.mark.parametrize("body", [
     '"a":1,"A":2', '"a":1,"a ":2', '"a":{"a":{"a":1}}', '"a":[{"a":1},{"a":2}]',
     '"é":1,"e\\u0301":2', '"a":"a","b":"a"',
-    # Keys that are too long or do not decode take no part.
+    # Keys that are too long or cannot be decoded are not compared.
     f'"{"k" * 256}":1,"{"k" * 256}":2', f'"{"é" * 128}":1,"{"é" * 128}":2',
     '"\\ud800":1,"\\ud800":2', '"\\udc00":1,"\\udc00":2', '"a\\ud800":1,"a":2',
     f'"{"k" * 255}":1,"{"k" * 256}":2',

@@ -266,7 +266,7 @@ def test_calls_in_workers_take_no_slot_and_go_on_when_all_are_taken(run):
         return [reply["error"]["code"] for reply in run(stdin=sent).replies[-3:]]
 
     full = request("initialize", 0) + b"".join(map(ping, range(1, 256)))
-    # A client waits for the answer of a call; without one, the next message may find it active.
+    # Waits for the reply: the next message could otherwise be refused as busy.
     assert answered(full + ping("over") * 2 + call("c", "nothing")) == [-32600, -32600, -32602]
 
 

@@ -1,4 +1,4 @@
-"""The policy file: what is accepted, what is refused with which words, and in which order.
+"""The policy file: what is accepted, the message of each refusal, and the order of the checks.
 
 A worker loads the file anew for each call, so that one server sees them all.
 """
@@ -92,7 +92,7 @@ def test_names_that_are_accepted(tools, name):
 
 
 def tokens(count: int) -> str:
-    """An object of so many tokens, whose keys are all known."""
+    """An object with this number of tokens and only known keys."""
     return json.dumps({"version": [0] * (count - 3)})
 
 
@@ -130,7 +130,7 @@ def test_keys_that_are_refused(tools, text):
     ("write_types", WRITE_LIST), ("approval_ttl_seconds", TTL),
     ("approval_state_directory", DIRECTORY)])
 def test_an_escaped_key_is_known_and_not_found(tools, key, message):
-    """The message is that of the step that reads it."""
+    """The message is that of the step that reads the value."""
     escaped = f'"\\u{ord(key[0]):04x}{key[1:]}":'
     tools.policy(text=document().replace(f'"{key}":', escaped),
                  audited="" if key == "version" else "sales_read")
@@ -240,7 +240,7 @@ def test_directories_that_are_none(tools, tmp_path):
 
 
 @pytest.mark.parametrize("overrides, message", [
-    # One fault of every step and one of the next.
+    # A fault of one step together with one of the next.
     ({"extra": 1, "version": 2}, SCHEMA),
     ({"version": 2, "client_id": "other"}, IDENTITY),
     ({"database": "OTHER", "reads_enabled": 1}, LAUNCH),
@@ -266,7 +266,7 @@ def check(run, env) -> str:
 
 
 def of_length(folder: Path, target, length: int) -> Path:
-    """A path below the folder that the target writes in so many characters."""
+    """A path below the folder that has this number of characters on the target."""
     path = folder
     while len(target.path(path)) < length - 100:
         path = path / ("d" * 60)
@@ -284,7 +284,7 @@ def test_the_length_of_a_path(run, target, policy, tmp_path):
 
 
 def test_paths_that_are_not_canonical(run, target, policy, tmp_path):
-    """The test is of the text: what is really there does not matter."""
+    """Only the text is checked, not what exists at that path."""
     file = tmp_path / "policy.json"
     file.write_text(document())
     (tmp_path / "d").mkdir()
@@ -323,7 +323,7 @@ def test_the_launch_identity_must_be_whole(run, policy, name):
 @pytest.mark.parametrize("path, message", [("x.json", CANONICAL), (Path("/x/y.json"), CANNOT_OPEN)])
 def test_a_policy_that_cannot_be_read_is_named_by_nothing(module_servers, engine, tmp_path, path,
                                                           message):
-    """In the audit, too, it is no missing policy."""
+    """The audit does not record it as a missing policy."""
     tools = ToolCalls(module_servers, engine, tmp_path, env={"KOVA_MCP_POLICY": path})
     tools.policy_name = ""
     tools("kova_list_tables").is_error(message, decision="deny")

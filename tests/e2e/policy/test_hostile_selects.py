@@ -1,4 +1,4 @@
-"""SELECTs of somebody who wants more than the policy allows, and what they get.
+"""SELECTs that try to get around the policy.
 
 Every refused text is seen not to reach the client library; every accepted one is seen to reach it
 whole, as one statement.
@@ -77,7 +77,7 @@ def test_comments(tools, sql):
     "SELECT 'a\\' FROM T WHERE b = '", '"SELECT \'',
 ], ids=repr)
 def test_a_literal_without_its_end(tools, sql):
-    """A backslash escapes nothing."""
+    """A backslash does not escape."""
     refused(tools, sql, SCREEN)
 
 
@@ -120,7 +120,7 @@ def test_what_is_no_select(tools, sql):
     "SELECT a FROM T ORDER BY C", "SELECT a AS c FROM T", "SELECT MAX(C) FROM T",
     "SELECT a FROM T c", "SELECT a FROM C", "SELECT 1C FROM T", "SELECT éC FROM T",
     "SELECT T.\vC FROM T", "SELECT a FROM T WHERE 'x'C'y' = 1", "SELECT a FROM T GROUP BY\nc",
-    # Before the structure and the wildcard.
+    # Checked before the structure and the wildcard.
     "SELECT C FROM HIDDEN", "SELECT *, C FROM T", "SELECT a FROM T UNION SELECT C FROM T",
 ], ids=repr)
 def test_a_denied_column(tools, sql):
@@ -135,7 +135,7 @@ def test_a_denied_column(tools, sql):
     "SELECT a FROM\nHIDDEN", "SELECT a FROM T_", "SELECT a FROM T1", "SELECT a FROM éHIDDEN",
     "SELECT a FROM AS T", "SELECT a FROM LATERAL T", "SELECT a FROM ON T",
     "SELECT a FROM T WHERE b = 1 FROM HIDDEN", "SELECT EXTRACT(YEAR FROM d) FROM T",
-    # Before the wildcard.
+    # Checked before the wildcard.
     "SELECT * FROM HIDDEN",
 ], ids=repr)
 def test_a_table_that_is_not_allowed(tools, sql):
@@ -173,7 +173,7 @@ def test_wildcards_where_no_column_is_denied(open_columns, sql):
     ('SELECT ")" FROM T', UNBALANCED), (")SELECT a FROM T", UNBALANCED),
     ("SELECT (a FROM T", UNTERMINATED), ('SELECT "(" FROM T', UNTERMINATED),
     ("SELECT ((a) FROM T", UNTERMINATED), ("SELECT '(' || (a FROM T", UNTERMINATED),
-    # Before the denied words.
+    # Checked before the denied words.
     ("SELECT C) FROM T", UNBALANCED), ("SELECT (C FROM HIDDEN", UNTERMINATED),
 ], ids=repr)
 def test_parentheses(tools, sql, message):
@@ -184,7 +184,7 @@ LONG = "L" * 63
 
 
 @pytest.mark.parametrize("sql", [
-    # A table's own comma, a qualified name and a word that is no JOIN announce no table.
+    # No table is expected after a table's comma, a dot or a word other than JOIN.
     "SELECT a FROM T, HIDDEN", "SELECT a FROM T.HIDDEN", "SELECT a FROM T x(y), HIDDEN",
     'SELECT a FROM T "x", HIDDEN', "SELECT a FROM T x 1, HIDDEN",
     "SELECT a FROM T EXCEPT TABLE HIDDEN", "SELECT a FROM T STRAIGHT_JOIN HIDDEN",
@@ -194,7 +194,7 @@ LONG = "L" * 63
     # The search for a wildcard ends at a word that ends in FROM, and behind the first FROM.
     "SELECT 1 AS AFROM, * FROM T", "SELECT xfrom, * FROM T", "SELECT a FROM T WHERE b = d * 2",
     "SELECT a FROM T, *",
-    # Apostrophes inside double quotes hide what stands between them.
+    # Apostrophes inside double quotes hide the text between them.
     """SELECT "'", C, "'" FROM T""", """SELECT "'", a FROM HIDDEN, "'" FROM T""",
     """SELECT "'"; DELETE FROM T; SELECT "'";""",
     """SELECT "'" -- x' FROM T""",
@@ -216,7 +216,7 @@ def test_a_star_before_the_first_word(open_columns):
     f"SELECT a FROM {LONG}", f"SELECT a FROM {LONG}M", f"SELECT a FROM {LONG.lower()}mnop"],
     ids=len)
 def test_tables_are_compared_by_63_characters(module_tools, sql):
-    """And sent whole."""
+    """And is sent complete."""
     module_tools.reset().policy(allowed_tables=[LONG])
     reaches_the_library(module_tools, sql)
 

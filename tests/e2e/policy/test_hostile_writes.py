@@ -1,4 +1,4 @@
-"""Writes of somebody who wants more than the policy allows, and what they get.
+"""Writes that try to get around the policy.
 
 Every refused text is seen not to reach the client library; every accepted one is seen to reach it
 in its canonical form, as one statement. T and the longest name may be written, U may not.
@@ -127,7 +127,7 @@ def test_other_tables(writes, sql):
      "DELETE FROM T WHERE A IN (SELECT X FROM DROP_LOG);"),
 ], ids=repr)
 def test_words_decide_not_syntax(writes, sql, canonical):
-    """The database judges the syntax; the type and the table are words, in literals too."""
+    """The database checks the syntax; type and table are found by words alone."""
     if canonical is None:
         refused(writes(sql), NOT_ALLOWED)
     else:
@@ -149,7 +149,7 @@ def test_words_decide_not_syntax(writes, sql, canonical):
     ("UPDATE T SET A = n'x'", "UPDATE T SET A = N'x';"),
     ("UPDATE T SET \"a b\" = 1", "UPDATE T SET \"A B\" = 1;"),
     ("UPDATE T SET \"a  b\" = 1", "UPDATE T SET \"A B\" = 1;"),
-    # Apostrophes inside double quotes hide what stands between them.
+    # Apostrophes inside double quotes hide the text between them.
     ("""UPDATE T SET a = "'"; DROP TABLE U; SELECT "'\"""",
      """UPDATE T SET A = "'"; DROP TABLE U; SELECT "'";"""),
 ], ids=repr)
@@ -233,7 +233,7 @@ def test_words_that_are_not_prohibited(writes, word):
 def test_names_of_63_and_64_characters(writes):
     ran(writes(f"DELETE FROM {LONGEST}"), f"DELETE FROM {LONGEST};", table=LONGEST)
     ran(writes(f"DELETE FROM {LONGEST.lower()}"), f"DELETE FROM {LONGEST};", table=LONGEST)
-    # A word is cut to 63 characters, so a longer name is taken for its beginning.
+    # A word is cut to 63 characters, so a longer name counts as its beginning.
     for longer in (LONGEST + "N", LONGEST + "X", LONGEST * 2):
         ran(writes(f"DELETE FROM {longer}"), f"DELETE FROM {longer};", table=LONGEST)
 
@@ -245,7 +245,7 @@ def test_a_long_word_does_not_hide_a_prohibited_one(writes):
 
 
 def filled(head: str, tail: str, size: int) -> str:
-    """A text of so many bytes."""
+    """A text of this number of bytes."""
     return head + "x" * (size - len((head + tail).encode())) + tail
 
 

@@ -30,7 +30,7 @@ def test_the_write_switch(run, policy, value):
 @pytest.mark.parametrize("value, refused", [
     ("1", PROVIDERS_OFF), ("On", PROVIDERS_OFF), ("true ", COLLECTION), ("01", COLLECTION)])
 def test_the_provider_switch_at_a_call(run, value, refused):
-    """The words tell whether the gate of the providers or the one behind it has refused."""
+    """The message shows whether the gate of the providers or the next one has refused."""
     result = run("--tool-worker", stdin=call(1, "kova_text_search"),
                  env={"KOVA_MCP_DISABLE_PROVIDERS": value})
     assert result.stdout == tool_error_reply("1", refused)
@@ -44,7 +44,7 @@ def test_the_provider_switch_overrides_the_policy(module_servers, engine, tmp_pa
     tools("kova_ai_status", {**collection, "provider": None}).is_error(
         STATUS_OFF, decision="kill_switch")
     tools("kova_vector_search", {"collection": "OTHER"}).is_error(COLLECTION, decision="deny")
-    # Reads come first.
+    # Reads are checked first.
     tools.policy(reads_enabled=False)
     tools("kova_text_search", collection).is_error(READS_OFF, decision="deny")
 
@@ -103,7 +103,7 @@ def test_names_ignore_case(module_servers, engine, tmp_path):
 
 
 def test_case_is_ignored_for_ascii_letters_only(module_servers, engine, tmp_path):
-    """A Kelvin sign is no k, and a dotless i no i."""
+    """A Kelvin sign is not k, and a dotless i is not i."""
     tools = ToolCalls(module_servers, engine, tmp_path)
     tools.policy(allowed_collections=["KI"])
     for collection in ("\u212aI", "K\u0131", "K\u0130"):

@@ -11,6 +11,17 @@ from harness.sample_engine import Client, Engine, Session
 from harness.targets import Target
 
 
+def pytest_collection_modifyitems(config: pytest.Config, items: "list[pytest.Item]") -> None:
+    """The engine is a native program on both targets. A test that meets nothing else, neither the
+    server nor the client library of the target, is the same test on both: it runs with Linux."""
+    if config.getoption("--target") == "linux":
+        return
+    native = [item for item in items if item.get_closest_marker("sample_engine")
+              and "target" not in item.fixturenames]
+    config.hook.pytest_deselected(items=native)
+    items[:] = [item for item in items if item not in native]
+
+
 @pytest.fixture(scope="session")
 def executable(engine_executable: Path) -> Path:
     return engine_executable

@@ -395,13 +395,13 @@ RELEVANCE = {
     "password manager": "keepass2 pass password-gorilla",
     "monitor cpu temperature": "psensor lm-sensors",
 }
-"""What somebody may look for, and packages of which at least one is among the first ten."""
+"""Searches, and packages of which at least one must be among the first ten hits."""
 
 
 @pytest.fixture(scope="module", params=["shipped", "machine"])
 def packages(request: pytest.FixtureRequest, executable: Path,
              tmp_path_factory: pytest.TempPathFactory) -> Iterator[Session]:
-    """The collection over the shipped part of Debian's package index, or over the machine's own."""
+    """The collection of the part of Debian's package index in data/, or of this machine's index."""
     if request.param == "machine" and not glob.glob("/var/lib/apt/lists/*_Packages*"):
         pytest.skip("the machine has no package index")
     folder = tmp_path_factory.mktemp(request.param)

@@ -19,7 +19,7 @@ pytestmark = pytest.mark.sample_engine
 
 
 class FakeEngine:
-    """Accepts one connection after the other, welcomes each and answers its frames from a list."""
+    """Accepts one connection after the other, greets it and responds from a list."""
 
     def __init__(self, *answers: bytes, welcome: bytes = frame(WELCOME, b"\0\1")) -> None:
         self._listener = socket.create_server((LOOPBACK, 0))

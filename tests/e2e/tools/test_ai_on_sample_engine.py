@@ -184,7 +184,7 @@ def test_servers_beside_each_other_share_no_temporary_table(start_server: Start,
 
 
 def begin_slow_search(server: Server, watcher: Session) -> None:
-    """A hybrid search whose join never ends, up to the join."""
+    """Starts a hybrid search whose join never ends, and waits for the join."""
     server.send(call(7, HYBRID_SEARCH, hybrid("red car", source_table="SLOW", columns=["TITLE"])))
     wait_until(lambda: status(watcher)["TEMPORARY_TABLES"] == "1")
     server.expect_silence(0.3)

@@ -91,7 +91,7 @@ def test_256_jobs(tools, rows, listed, truncated):
 
 
 def test_large_results_are_whole(tools):
-    """Four hundred thousand bytes, which the reply carries twice."""
+    """400,000 bytes, which the reply contains twice."""
     tools.script(Script()
                  .on_exec(STATUS, columns=["A", "B"], rows=[[Repeat(16384, "s")] * 2])
                  .on_exec(JOBS, columns=["A"], repeat=[(20, [Repeat(16384, "j")])])
@@ -169,7 +169,7 @@ def test_the_longest_names(tools):
 
 
 def test_an_escaped_provider_is_none(tools, switched_off):
-    """It passes as a member and is not found, by the gate neither."""
+    """It is an allowed member that neither the tool nor the gate finds."""
     members = '{"collection":"MANUALS","pr\\u006fvider":"LOCAL"}'
     for calls in (tools, switched_off):
         answered(status_raw(calls, members), [STATUS, JOBS], objects="MANUALS")
@@ -195,7 +195,7 @@ def test_the_gates_refuse_good_arguments(tools):
 
 @pytest.mark.parametrize("provider", ["LOCAL", "", None, 7, [], {}, "A-B", "P" * 64], ids=str)
 def test_the_kill_switch_stops_a_provider_of_any_type(switched_off, provider):
-    """Before the tool looks at anything, and after the collection."""
+    """After the check of the collection and before the tool's own checks."""
     for changes in ({}, {"x": 1}):
         status(switched_off, provider=provider, **changes).is_error(STATUS_OFF,
                                                                     decision="kill_switch")

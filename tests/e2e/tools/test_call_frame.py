@@ -55,7 +55,7 @@ def test_params_that_are_refused(tools, params):
     '{"name":"' + "n" * 129 + '"}',
     '{"name":"' + "é" * 64 + 'n"}',
     '{"name":"\\ud800"}', '{"name":"\\udc00x"}', '{"name":"\\ud83dx"}',
-    # A member is recognised by its decoded key and found by its raw one.
+    # A member is allowed by its decoded key and found by its raw key.
     '{"n\\u0061me":"kova_list_tables"}',
     '{"name\\u0000x":"kova_list_tables"}',
 ], ids=lambda params: repr(params)[:60])
@@ -83,7 +83,7 @@ def test_the_arguments_of_no_tool_are_not_looked_at(tools):
     '"name":"kova_list_tables","_meta":7',
     '"name":"kova_list_tables","_meta":{"progressToken":1,"a":{"b":[{"name":[]}]}}',
     '"name":"kova_list_tables","_m\\u0065ta":[1]',
-    # An escaped spelling is allowed and not found: there are no arguments.
+    # An escaped key is allowed and not found: the call has no arguments.
     '"name":"kova_list_tables","argum\\u0065nts":[1]',
 ], ids=repr)
 def test_params_that_are_accepted(tools, members):
@@ -142,7 +142,7 @@ def test_the_read_switch(tools, tool):
 
 @pytest.mark.parametrize("reads", [True, False])
 def test_the_write_tool_passes_the_read_switch(tools, reads):
-    """And is unknown while writes are off."""
+    """The tool is unknown while writes are off."""
     tools.policy(reads_enabled=reads)
     tools("kova_execute", {"sql": "DELETE FROM ORDERS"}).is_refused(UNKNOWN_TOOL)
 
@@ -183,7 +183,7 @@ def test_the_collection_gate_of_every_tool(tools, tool, members):
 
 @pytest.mark.parametrize("collection", ["MANUALS", "manuals", "MaNuAlS", "MANUALS\x00;"])
 def test_collections_that_are_allowed(tools, collection):
-    """The gate behind answers."""
+    """The next gate refuses."""
     tools("kova_hybrid_search", {"collection": collection}).is_error(HYBRID_SOURCE)
 
 
@@ -194,7 +194,7 @@ def test_a_collection_of_63_bytes(tools):
 
 @pytest.mark.parametrize("provider", ["P", "", None, 7, [], {}, "not safe;"], ids=str)
 def test_the_provider_of_a_status(tools, provider):
-    """It is refused by its presence, whatever it is."""
+    """Its presence is refused, whatever its value."""
     tools.policy(provider_reads_enabled=False)
     given = {"collection": "MANUALS", "provider": provider}
     tools("kova_ai_status", given).is_error(STATUS_OFF, decision="kill_switch")
@@ -228,7 +228,7 @@ def test_the_collection_comes_before_the_provider_of_a_status(tools):
     ({"columns": ["TITLE", "Ssn"]}, HYBRID_COLUMN),
     ({"columns": [""]}, HYBRID_COLUMN),
     ({"columns": ["C" * 64]}, HYBRID_COLUMN),
-    # The first of several faults is told.
+    # The first of several faults is reported.
     ({"source_table": "HIDDEN", "columns": None, "x": 1}, HYBRID_SOURCE),
     ({"key_field": "SSN", "columns": ["SSN"]}, HYBRID_SOURCE),
     ({"columns": ["SSN"], "top": 0, "text": "", "x": 1}, HYBRID_COLUMN),

@@ -305,6 +305,6 @@ def test_fields_and_time_come_before_the_signature(writes, presented, message):
 
 
 def test_a_token_for_nobody_is_no_token(writes):
-    """An absent token and a null one are told apart."""
+    """An absent token differs from a null one."""
     asks_for_approval(writes(DELETE, ABSENT), "DELETE", "T", DELETE)
     token_refused(writes(DELETE, None), INVALID)

@@ -29,7 +29,7 @@ def hits_of(tools: ToolCalls) -> str:
 def statements(tools: ToolCalls, *, collection: str = "MANUALS", literal: str = "'red car'",
                top: int = 5, table: str = "ITEMS", key: str = "ID",
                columns: tuple[str, ...] = ("TITLE", "BODY")) -> list[str]:
-    """What the last call has sent if it went to its end."""
+    """The statements of the last call, if it ran to its end."""
     hits = hits_of(tools)
     projection = "".join(f",{table}.{column}" for column in columns)
     return [
@@ -41,7 +41,7 @@ def statements(tools: ToolCalls, *, collection: str = "MANUALS", literal: str = 
 
 
 def sent(tools: ToolCalls, outcome: Outcome, **pieces) -> None:
-    """A hybrid call leaves no objects in its record."""
+    """The record of a hybrid call names no objects."""
     outcome.is_success(result_json(), objects="", statements=statements(tools, **pieces))
 
 
@@ -143,7 +143,7 @@ def test_the_words_are_those_of_the_select(tools):
 
 @pytest.mark.parametrize("failing, reached", [("SEARCH AI ", 1), ("SELECT ", 2), ("DROP ", 3)])
 def test_a_library_that_crashes(tools, failing, reached):
-    """The call is answered; what is left of the table is the engine's to clear."""
+    """The worker fails with the library; removing the table is left to the engine."""
     tools.script(Script().on_exec(failing, prefix=True, crash=True))
     outcome = hybrid(tools)
     assert outcome.reply == WORKER_FAILED
@@ -232,7 +232,7 @@ def test_texts_that_cannot_be_decoded(tools, text):
     ("collection", COLLECTION), ("text", HYBRID_ARGUMENTS), ("top", HYBRID_ARGUMENTS),
     ("source_table", SOURCE), ("key_field", SOURCE), ("columns", COLUMNS)])
 def test_every_member_is_needed_in_its_own_spelling(tools, member, message):
-    """An escaped one passes as a member and is not found."""
+    """An escaped key is allowed and not found."""
     decision = "deny" if member == "collection" else "allow"
     hybrid(tools, **{member: ABSENT}).is_error(message, decision=decision)
     escaped = json.dumps(GOOD[HYBRID_SEARCH]).replace(
@@ -254,13 +254,13 @@ def test_a_control_byte_has_words_of_its_own(tools, byte):
 
 
 @pytest.mark.parametrize("changes, message, decision", [
-    # Behind the gates stand the arguments, then the columns' number, then the control bytes.
+    # After the gates: the arguments, the number of columns, the control bytes.
     ({"text": "\x01", "columns": []}, HYBRID_COUNT, "allow"),
     ({"text": "\x01", "columns": ["F"] * 17}, HYBRID_COUNT, "allow"),
     ({"text": "\x01", "columns": [], "top": 0}, HYBRID_ARGUMENTS, "allow"),
     ({"columns": [], "x": 1}, HYBRID_ARGUMENTS, "allow"),
     ({"columns": ["F"] * 17, "text": ""}, HYBRID_ARGUMENTS, "allow"),
-    # The gates look at the columns' names before their number, and at the rest first.
+    # The gates check the names of the columns before their number, and the rest first.
     ({"columns": ["A-B"]}, COLUMN, "allow"),
     ({"columns": ["F"] * 17 + ["A-B"], "top": 0}, COLUMN, "allow"),
     ({"columns": ["SSN"], "text": "\x01", "x": 1}, COLUMN, "allow"),

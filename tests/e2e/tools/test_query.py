@@ -63,7 +63,7 @@ def test_truncated_is_decided_by_the_count(tools, rows, truncated):
 
 
 def test_an_escaped_bound_is_none(tools):
-    """It passes as a member and is not found."""
+    """It is allowed and not found."""
     tools.script(Script().on_exec("SELECT 1;", columns=["N"], repeat=[(101, ["x"])]))
     query_raw(tools, '{"sql":"SELECT 1","max\\u005frows":2}').is_success(
         result_json(["N"], [["x"]] * 100, truncated=True), objects="policy-select",
@@ -89,7 +89,7 @@ def test_the_terminator(tools, sql, sent):
 
 
 def padded(end: str, length: int = LIMIT) -> str:
-    """A SELECT of exactly so many bytes."""
+    """A SELECT of exactly this number of bytes."""
     return "SELECT '" + "x" * (length - 9 - len(end)) + "'" + end
 
 
@@ -128,7 +128,7 @@ def test_the_size_counts_decoded_bytes(tools):
 
 
 @pytest.mark.parametrize("sql, message, objects", [
-    # The screen comes before the policy's rules, and these before the size.
+    # Order: the quick screen, the policy's rules, the size.
     ("SELECT a FROM HIDDEN; DROP TABLE ITEMS", REFUSED, ""),
     ("SELECT a FROM HIDDEN -- x", REFUSED, ""),
     ("SELECT a FROM HIDDEN", "table is not allowed by MCP policy", ""),
@@ -140,7 +140,7 @@ def test_the_order_of_the_checks(tools, sql, message, objects):
 
 
 def test_the_bound_comes_before_the_text(tools):
-    """Either fault has the same words: nothing of the policy's rules is told."""
+    """Both faults have the same message, which tells nothing of the policy."""
     query(tools, "SELECT a FROM HIDDEN", max_rows=0).is_error(REFUSED)
 
 

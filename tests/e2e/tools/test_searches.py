@@ -76,7 +76,7 @@ def test_what_is_tolerated(tools, tool):
 
 @pytest.mark.parametrize("tool", SEARCHES)
 def test_an_escaped_top_is_none(tools, tool):
-    """It passes as a member and is not found."""
+    """It is allowed and not found."""
     members = json.dumps(GOOD[tool]).replace('"top"', '"t\\u006fp"')
     tools.raw(arguments(tool, members), tool=tool).is_error(REFUSED[tool])
 
@@ -117,7 +117,7 @@ def test_without_an_engine(module_servers, engine, tmp_path):
     tools = ToolCalls(module_servers, engine, tmp_path, env={"KOVA_MCP_PASSWORD": None})
     for tool in SEARCHES:
         ask(tools, tool).is_error(NO_SESSION, objects="MANUALS")
-        # The arguments come first.
+        # The arguments are checked first.
         ask(tools, tool, top=0).is_error(REFUSED[tool])
     assert engine.calls() == []
 
@@ -136,7 +136,7 @@ def test_the_gates_refuse_good_arguments(tools, tool):
     ask(tools, tool).is_error(READS_OFF, decision="deny")
     tools.policy(allowed_collections=["OTHER"])
     ask(tools, tool).is_error(COLLECTION, decision="deny")
-    # They speak before the tool does.
+    # The gates are checked before the arguments.
     ask(tools, tool, top=0, x=1).is_error(COLLECTION, decision="deny")
 
 

@@ -1,4 +1,4 @@
-"""kova_text_search: the text and its literal. What it shares with kova_vector_search: test_searches."""
+"""kova_text_search: the text and its literal (test_searches.py has the rest)."""
 
 from __future__ import annotations
 
@@ -35,7 +35,7 @@ def sent_text(outcome: Outcome, literal: str) -> None:
     ('"%s%lu%n"', "'%s%lu%n'"),
     ('"\x7f\\u007f"', "'\x7f\x7f'"),
     ('"caf\\u00e9 é \\ud83d\\ude97"', "'café é \U0001f697'"),
-    # Quotation marks of other scripts end no literal.
+    # Quotation marks of other scripts do not end a literal.
     ('"\u2019\u02bc\uff07"', "'\u2019\u02bc\uff07'"),
     # A text ends at an escaped NUL.
     ('"a\\u0000\\u0001\'"', "'a'"),
@@ -82,7 +82,7 @@ def test_escapes_count_as_what_they_stand_for(tools):
 
 @pytest.mark.parametrize("behind, fits", [(16398, True), (16399, False)])
 def test_a_text_is_decoded_into_16400_bytes(tools, behind, fits):
-    """Which shows when the text itself ends early."""
+    """A text that ends early shows it."""
     outcome = search_text(tools, '"a\\u0000' + "x" * behind + '"')
     if fits:
         sent_text(outcome, "'a'")
@@ -91,7 +91,7 @@ def test_a_text_is_decoded_into_16400_bytes(tools, behind, fits):
 
 
 def literal_text(literal: str) -> str:
-    """The text of a literal; no quotation mark but a doubled one stands within."""
+    """The text of a literal. Checks that each quotation mark within is doubled."""
     assert literal[0] == literal[-1] == "'"
     parts = literal[1:-1].split("''")
     assert not any("'" in part for part in parts)

@@ -13,7 +13,7 @@ from harness.messages import PARSE_ERROR
 from harness.tool_calls import ABSENT, Outcome, ToolCalls, arguments, result_json
 
 MOST_ELEMENTS = 4077
-"""What a message of 4,096 tokens has room for."""
+"""The numbers for which a message of 4,096 tokens has room."""
 STATEMENT_LIMIT = 32768
 
 
@@ -38,7 +38,7 @@ NUMBERS = [
     ("1.17549435e-38", "1.17549435e-38"), ("1e-45", "1.40129846e-45"),
     ("3.402823466e38", "3.40282347e+38"), ("-3.402823466e38", "-3.40282347e+38"),
     ("340282346600000000000000000000000000000", "3.40282347e+38"),
-    # What is no float any more, and what is no normal double any more.
+    # Outside the range of float, and of normal doubles.
     ("1e-46", "0"), ("-1e-46", "-0"), ("2.2250738585072014e-308", "0"), ("1e-310", "0"),
     ("-1e-310", "-0"), ("5e-324", "0"), ("3e-324", "0"),
     # 63 characters.
@@ -59,7 +59,7 @@ def test_numbers_are_written_with_nine_digits(tools):
 
 
 def test_a_thousand_numbers(tools):
-    """Against another implementation of narrowing and writing."""
+    """Compared with another implementation of narrowing and formatting."""
     draw = random.Random(21)
     spellings = [repr, lambda value: f"{value:.17e}", lambda value: f"{value:.3f}",
                  lambda value: f"{value:.6e}", lambda value: str(round(value))]
@@ -121,13 +121,13 @@ def test_the_most_elements_of_a_message(tools):
 
 
 LONG = "-1.23456793e-30"
-"""A number that is written as it stands here, in as many characters as any is."""
+"""A number of the greatest length, which is sent unchanged."""
 
 
 @pytest.mark.parametrize("short, size", [("10000", STATEMENT_LIMIT),
                                          ("100000", STATEMENT_LIMIT + 1)])
 def test_a_statement_has_at_most_32768_bytes(tools, short, size):
-    """The executor's bound lies before the tool's own."""
+    """The limit of statements is reached before that of vectors."""
     elements = [LONG] * 2045 + [short, "100000000"]
     statement = f"SEARCH AI MANUALS QUERY {vector_of(*elements)} TOP 5;"
     assert len(statement) == size

@@ -1,6 +1,7 @@
 #include "support/posix/open_files.h"
 
 #include <filesystem>
+#include <string>
 #include <system_error>
 
 namespace kova::testing {

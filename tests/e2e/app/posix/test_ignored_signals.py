@@ -13,7 +13,7 @@ SESSIONS = 16
 
 
 def ignore_ended_children() -> None:
-    """Children of whoever ignores this signal are gone as soon as they end, exit code and all."""
+    """With this signal ignored, the kernel removes ended children and their exit codes at once."""
     signal.signal(signal.SIGCHLD, signal.SIG_IGN)
 
 
@@ -30,7 +30,7 @@ def test_sessions_of_a_listener_that_was_started_to_ignore_ended_children(http):
     session = endpoint.open_session()
     assert endpoint.delete(session) == CLOSED
     assert endpoint.children() == []
-    # Ended by somebody else, they must give their places up.
+    # Sessions that are killed must free their slots.
     sessions = [endpoint.open_session() for _ in range(SESSIONS)]
     assert len(set(sessions)) == SESSIONS
     for pid in endpoint.session_processes():

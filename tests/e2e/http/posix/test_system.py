@@ -1,4 +1,4 @@
-"""The HTTP listener and what POSIX systems alone have: descriptors, signals, ended children."""
+"""The HTTP listener on POSIX: descriptors, signals, ended children."""
 
 from __future__ import annotations
 
@@ -7,7 +7,6 @@ import ctypes
 import os
 import resource
 import select
-import shutil
 import signal
 import socket
 from concurrent.futures import ThreadPoolExecutor
@@ -65,12 +64,12 @@ def test_the_listener_ends_with_0_when_nothing_can_be_accepted_any_more(endpoint
 
 
 def wait_for_rest(pid: int) -> None:
-    """Until the listener's own thread and the one that starts sessions are the only ones."""
+    """Waits until only the listener's thread and the one that starts sessions are left."""
     wait_until(lambda: len(os.listdir(f"/proc/{pid}/task")) == 2, TIMEOUT, "the last connection")
 
 
 def test_a_lack_of_descriptors_passes(endpoint):
-    """Connections wait until others leave; a session that cannot be made is refused."""
+    """Connections wait until others close; a session that cannot be made is refused."""
     process, session, room = endpoint.server.process.pid, endpoint.open_session(), 6
     wait_for_rest(process)
     held = len(descriptors(process))
@@ -94,7 +93,7 @@ def test_a_lack_of_descriptors_passes(endpoint):
 
 
 def test_a_session_holds_its_standard_streams_alone(endpoint):
-    """Neither another session's pipes nor a client's connection, in whatever order they came."""
+    """Neither another session's pipes nor a client's connection."""
     sessions = [endpoint.open_session()]
     with endpoint.connect() as silent:
         sessions.append(endpoint.open_session())
@@ -110,7 +109,7 @@ def test_a_session_holds_its_standard_streams_alone(endpoint):
 
 
 def test_the_listener_passes_its_own_descriptors_to_nobody(http):
-    """Those that it was started with beside its standard streams included."""
+    """Including those that the listener was started with."""
     reader, writer = os.pipe()
     endpoint = http(pass_fds=[reader, writer])
     os.close(reader)
@@ -139,7 +138,7 @@ def test_clients_and_children_that_have_gone_end_nobody(endpoint):
 
 
 def test_a_listener_that_was_stopped_goes_on(endpoint):
-    """With those who came meanwhile, be they still there or not."""
+    """Together with connections that came meanwhile, open or closed."""
     session = endpoint.open_session()
     process = endpoint.server.process.pid
     os.kill(process, signal.SIGSTOP)
@@ -158,7 +157,7 @@ def test_a_listener_that_was_stopped_goes_on(endpoint):
 
 
 def memory_of(pid: int) -> bytes:
-    """Everything that a process may write to, but for the shadow memory of sanitizers."""
+    """The writable memory of a process without the shadow memory of sanitizers."""
     found = bytearray()
     lines = Path(f"/proc/{pid}/maps").read_text("utf-8").splitlines()
     with open(f"/proc/{pid}/mem", "rb") as memory:
@@ -172,7 +171,7 @@ def memory_of(pid: int) -> bytes:
 
 
 def test_what_a_client_has_sent_is_not_kept(endpoint):
-    """Its token above all."""
+    """Above all, not the client's token."""
     tokens = [f"{number:03}-sent-as-a-token" * 4 for number in range(20)]
     with ThreadPoolExecutor(4) as pool:
         answers = set(pool.map(
@@ -184,19 +183,15 @@ def test_what_a_client_has_sent_is_not_kept(endpoint):
     assert b"-sent-as-a-token" not in memory
 
 
-def test_an_executable_that_has_gone_starts_no_session(http, servers):
-    """The child that cannot be is noticed, and leaves nothing behind."""
+def test_sessions_that_cannot_be_started_leave_nothing_behind(http):
+    """There is no room for another process."""
     endpoint = http(library=None)
     session = endpoint.open_session()
-    executable = servers.installation.executable(None)
-    kept = executable.with_name("kept")
-    shutil.copy2(executable, kept)
-    executable.unlink()
-    try:
-        for _ in range(20):
-            assert endpoint.post(b'"method":"initialize"') == SESSION_REQUIRED
-    finally:
-        kept.rename(executable)
+    process = endpoint.server.process.pid
+    held = len(descriptors(process))
+    resource.prlimit(process, resource.RLIMIT_NOFILE, (held + 3, held + 3))
+    for _ in range(20):
+        assert endpoint.post(b'"method":"initialize"') == SESSION_REQUIRED
     assert endpoint.server.zombies() == []
     assert len(endpoint.children()) == 1
     assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
