@@ -1,0 +1,28 @@
+// Who owns a file or folder, and which accounts the system lets read and change it.
+#pragma once
+
+#include <cstddef>
+
+namespace kova {
+
+inline constexpr std::size_t kAccountNameCapacity = 128;
+
+/// What the system's rules say of one file or folder. "Group" is every account that is named beside
+/// the owner and the administrators; "others" is everybody.
+struct FileRights {
+  char owner[kAccountNameCapacity];  ///< its name, or its number when it has none
+  char group[kAccountNameCapacity];  ///< the first such group; empty when there is none
+  bool is_directory;
+  bool owner_is_trusted;  ///< this account or an administrator
+  bool group_reads;
+  bool group_writes;
+  bool others_read;
+  bool others_write;
+  bool deletes_own_only;  ///< in a folder that many may write, each deletes its own files alone
+};
+
+/// Reads the rights of what the path names, following links. False leaves `rights` undefined: the
+/// path names nothing, or the system does not say.
+[[nodiscard]] bool read_file_rights(const char* path, FileRights& rights);
+
+}  // namespace kova
