@@ -15,10 +15,11 @@ struct FileRights {
   bool is_directory;
   bool owner_is_trusted;  ///< this account or an administrator
   bool group_reads;
-  bool group_writes;
+  bool group_writes;  ///< changes the file, adds to the folder
+  bool group_replaces;  ///< removes, renames or takes over what lies in the folder
   bool others_read;
   bool others_write;
-  bool deletes_own_only;  ///< in a folder that many may write, each deletes its own files alone
+  bool others_replace;
 };
 
 /// Reads the rights of what the path names, following links. False leaves `rights` undefined: the

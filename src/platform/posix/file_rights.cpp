@@ -52,7 +52,10 @@ bool read_file_rights(const char* path, FileRights& rights) {
   rights.group_writes = (status.st_mode & S_IWGRP) != 0;
   rights.others_read = (status.st_mode & S_IROTH) != 0;
   rights.others_write = (status.st_mode & S_IWOTH) != 0;
-  rights.deletes_own_only = (status.st_mode & S_ISVTX) != 0;
+  // In a folder with this bit each account removes its own files alone.
+  const bool shared = (status.st_mode & S_ISVTX) != 0;
+  rights.group_replaces = rights.is_directory && rights.group_writes && !shared;
+  rights.others_replace = rights.is_directory && rights.others_write && !shared;
   return true;
 }
 

@@ -75,29 +75,36 @@ void write_account(TextOut out, PSID sid) {
   ::LocalFree(number);
 }
 
-constexpr DWORD kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_DELETE_CHILD | DELETE |
-                           WRITE_DAC | WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
 constexpr DWORD kReading = FILE_READ_DATA | GENERIC_READ | GENERIC_ALL;
+// Adding a folder to a folder has the bit of appending to a file, and does no harm.
+constexpr DWORD kTakingOver = DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_ALL;
+constexpr DWORD kChanging = kTakingOver | FILE_WRITE_DATA | GENERIC_WRITE;
+constexpr DWORD kReplacing = kTakingOver | FILE_DELETE_CHILD;
 
 void add_entry(const ACCESS_ALLOWED_ACE& entry, PSID owner, FileRights& rights) {
   const auto sid = const_cast<PSID>(static_cast<const void*>(&entry.SidStart));
   const bool reads = (entry.Mask & kReading) != 0;
-  const bool writes = (entry.Mask & kWriting) != 0;
+  const DWORD changing = rights.is_directory ? kChanging | kReplacing : kChanging | FILE_APPEND_DATA;
+  const bool writes = (entry.Mask & changing) != 0;
+  const bool replaces = rights.is_directory && (entry.Mask & kReplacing) != 0;
   if (is_everybody(sid)) {
     rights.others_read |= reads;
     rights.others_write |= writes;
+    rights.others_replace |= replaces;
   } else if (::EqualSid(sid, owner) == 0 && !is_administrator(sid) && !is_own_account(sid) &&
              !is_well_known(sid, WinCreatorOwnerSid) &&
              !is_well_known(sid, WinCreatorOwnerRightsSid)) {
     if (rights.group[0] == '\0' && (reads || writes)) write_account(rights.group, sid);
     rights.group_reads |= reads;
     rights.group_writes |= writes;
+    rights.group_replaces |= replaces;
   }
 }
 
 void add_entries(PACL list, PSID owner, FileRights& rights) {
   if (list == nullptr) {  // no list at all: everybody may do everything
     rights.others_read = rights.others_write = true;
+    rights.others_replace = rights.is_directory;
     return;
   }
   for (DWORD index = 0; index < list->AceCount; ++index) {
