@@ -4,7 +4,7 @@
 
 #include "base/ascii.h"
 #include "platform/environment.h"
-#include "policy/policy_file.h"
+#include "policy/policy.h"
 
 namespace kova::admin {
 

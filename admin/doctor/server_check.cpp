@@ -7,6 +7,7 @@
 #include "base/text.h"
 #include "admin/doctor/rights.h"
 #include "platform/client_library_name.h"
+#include "platform/file.h"
 #include "platform/library.h"
 #include "platform/private_files.h"
 #include "platform/program.h"

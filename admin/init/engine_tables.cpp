@@ -11,7 +11,7 @@
 #include "admin/doctor/server_check.h"
 #include "db/statement.h"
 #include "platform/environment_change.h"
-#include "policy/names.h"
+#include "policy/predicates.h"
 
 namespace kova::admin {
 
