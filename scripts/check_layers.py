@@ -58,6 +58,13 @@ def check_product(problems):
             problems.append(f"src/{relative}: a system header outside src/platform")
 
 
+def check_admin(problems):
+    """kova-admin may include all of src/, which check_product keeps from including it."""
+    for path in sources("admin"):
+        if PLATFORM_HEADER.search(path.read_text()):
+            problems.append(f"{path.relative_to(ROOT)}: a system header outside src/platform")
+
+
 def check_sample(problems):
     for path in sources("sample"):
         for included in INCLUDE.findall(path.read_text()):
@@ -67,7 +74,7 @@ def check_sample(problems):
 
 
 def check_conditions(problems):
-    for folder in ("src", "sample", "tests", "bench"):
+    for folder in ("src", "admin", "sample", "tests", "bench"):
         for path in sources(folder):
             relative = path.relative_to(ROOT)
             if str(relative).startswith("src/platform/"):
@@ -80,6 +87,7 @@ def check_conditions(problems):
 def main():
     problems = []
     check_product(problems)
+    check_admin(problems)
     check_sample(problems)
     check_conditions(problems)
     for problem in problems:
