@@ -4,12 +4,25 @@
 
 #include "admin/common/command_line.h"
 #include "admin/common/output.h"
+#include "admin/doctor/doctor.h"
+#include "admin/init/init.h"
+#include "admin/serve/serve.h"
 #include "platform/console.h"
 
 namespace {
 
 /// A command of two words stands below a parent of its first word.
-constexpr std::array<kova::admin::Command, 0> kCommands = {};
+constexpr std::array kCommands = {
+    kova::admin::Command{.name = "init",
+                         .summary = "Write a new deployment into a folder",
+                         .add = kova::admin::add_init},
+    kova::admin::Command{.name = "doctor",
+                         .summary = "Find what is wrong with a deployment",
+                         .add = kova::admin::add_doctor},
+    kova::admin::Command{.name = "serve",
+                         .summary = "Start the server with the environment of a file",
+                         .add = kova::admin::add_serve},
+};
 
 }  // namespace
 

@@ -124,7 +124,7 @@ std::string report_text(const std::vector<Check>& checks, bool has_colour) {
 
 RunCommand add_doctor(CLI::App& parser) {
   const auto options = std::make_shared<Options>();
-  parser.description(
+  parser.footer(
       "Examines a deployment and says what to do about what it finds. Changes nothing.\n"
       "The deployment is that of the environment variables, or of --env FILE.\n"
       "Exit codes: 0 nothing or warnings alone, 1 a failure, 2 it could not look.");

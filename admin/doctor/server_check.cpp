@@ -76,12 +76,11 @@ Check check_server(const std::string& server) {
     return findings.finish();
   }
   char reply[kReplyCapacity] = {};
-  TextOut out(reply);
-  if (!ask_program(server.c_str(), kInitialize, out, kServerTimeoutMs)) {
+  if (!ask_program(server.c_str(), kInitialize, reply, kServerTimeoutMs)) {
     findings.fail(fmt::format("{} does not run", server), kNameTheServer);
     return findings.finish();
   }
-  const Identity identity = identity_in(out.view());
+  const Identity identity = identity_in(reply);
   if (identity.name != kServerName) {
     findings.fail(fmt::format("{} is another program", server), kNameTheServer);
   } else {

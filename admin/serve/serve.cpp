@@ -30,7 +30,7 @@ int run(const Options& options) {
 
 RunCommand add_serve(CLI::App& parser) {
   const auto options = std::make_shared<Options>();
-  parser.description(
+  parser.footer(
       "Starts the server with the environment of a file, on standard input and output or, with\n"
       "--http, on a port of this machine. The server is kova-mcp beside kova-admin.\n"
       "Exit codes: the server's, or 2 when it cannot be started.");
