@@ -9,6 +9,7 @@
 #include "platform/environment.h"
 #include "platform/file.h"
 #include "platform/file_probe.h"
+#include "platform/file_rights.h"
 #include "platform/private_files.h"
 #include "policy/policy.h"
 
@@ -58,6 +59,13 @@ void judge_last_record(Findings& findings, const std::string& path, UnixMs now) 
   }
 }
 
+void judge_audit_readers(Findings& findings, const std::string& path) {
+  FileRights rights;
+  if (!read_file_rights(path.c_str(), rights) || !rights.others_read) return;
+  findings.warn("every account may read it",
+                "take that right away: it tells who asked for what");
+}
+
 bool judge_writable(Findings& findings, const std::string& path, const std::string& folder) {
   const bool is_there = path_exists(path.c_str());
   const bool works = is_there ? can_append(path.c_str())
@@ -83,7 +91,7 @@ void judge_path(Findings& findings, const std::string& path, UnixMs now) {
   if (read_file_system(folder.c_str(), facts)) judge_file_system(findings, facts);
   judge_folder(findings, "the folder", folder, FolderUse::kNobodyReplaces);
   if (path_exists(path.c_str())) {
-    judge_readers(findings, "the audit file", path);
+    judge_audit_readers(findings, path);
     judge_last_record(findings, path, now);
   } else {
     findings.note("no record yet");

@@ -21,7 +21,7 @@ HERE = Path(__file__).resolve().parent
 SESSION_TIMEOUT = 80.0
 END_TO_END = HERE.parent / "e2e"
 
-sys.path[:0] = [str(END_TO_END), str(HERE.parents[1] / "scripts")]
+sys.path[:0] = [str(END_TO_END), str(END_TO_END / "admin"), str(HERE.parents[1] / "scripts")]
 _made = importlib.util.spec_from_file_location("end_to_end_fixtures", END_TO_END / "conftest.py")
 assert _made is not None and _made.loader is not None
 _shared = importlib.util.module_from_spec(_made)
