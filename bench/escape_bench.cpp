@@ -36,7 +36,7 @@ bool write_line_rapidjson(rapidjson::StringBuffer& buffer, const std::string& te
 }
 
 bool write_line_ours(const std::string& text) {
-  kova::ReplyLine().string(text);
+  kova::ReplyLine({}).string(text);
   return true;
 }
 

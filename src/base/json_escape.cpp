@@ -3,6 +3,7 @@
 #include <bit>
 #include <cstring>
 
+#include "base/ascii.h"
 #include "base/byte_run.h"
 
 namespace kova {
@@ -33,14 +34,13 @@ char escape_letter(EscapeStyle style, char byte) {
 }  // namespace
 
 std::size_t write_escape(EscapeStyle style, char byte, char* target) {
-  static constexpr char kDigits[] = "0123456789abcdef";
   target[0] = '\\';
   target[1] = escape_letter(style, byte);
   if (target[1] != '\0') return 2;
   const auto value = static_cast<unsigned char>(byte);
   std::memcpy(target + 1, "u00", 3);
-  target[4] = kDigits[value >> 4];
-  target[5] = kDigits[value & 0xF];
+  target[4] = kHexDigits[value >> 4];
+  target[5] = kHexDigits[value & 0xF];
   return kLongestEscape;
 }
 

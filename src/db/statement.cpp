@@ -18,6 +18,13 @@ void StatementResult::release() {
   std::memset(error, 0, sizeof error);
 }
 
+void StatementResult::adopt(char* json, std::size_t length, std::uint32_t rows) {
+  release();
+  text = json;
+  textLength = static_cast<std::uint32_t>(length);
+  rowCount = rows;
+}
+
 bool execute_statement(DbSession& session, const char* sql, std::uint32_t max_rows,
                        StatementResult& result) {
   result.release();
@@ -44,15 +51,6 @@ bool execute_statement(DbSession& session, const char* sql, std::uint32_t max_ro
   result.text = out.release();
   result.truncated = result.rowCount == max_rows;
   return true;
-}
-
-bool execute_between(DbSession& session, const char* setup, const char* sql, const char* cleanup,
-                     std::uint32_t max_rows, StatementResult& result) {
-  if (!execute_statement(session, setup, max_rows, result)) return false;
-  const bool succeeded = execute_statement(session, sql, max_rows, result);
-  StatementResult ignored;
-  static_cast<void>(execute_statement(session, cleanup, 1, ignored));
-  return succeeded;
 }
 
 }  // namespace kova

@@ -10,10 +10,10 @@ namespace kova {
 inline constexpr int kTooManyRequests = 429;
 
 struct HttpResponse {
-  int status;
-  const char* reason;
-  const char* header;     ///< beyond those of every response; ends in CRLF, or is empty
-  std::string_view body;  ///< JSON, or empty
+  int status = 0;
+  const char* reason = "";
+  const char* header = "";     ///< beyond those of every response; ends in CRLF, or is empty
+  std::string_view body = {};  ///< JSON, or empty
 };
 
 /// Composes the head and sends it, then the body. Before a kTooManyRequests it takes in what the

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "http/session.h"
+#include "http/session_process.h"
 
 namespace kova {
 
@@ -46,7 +46,7 @@ class SessionTable {
     Hold& operator=(const Hold&) = delete;
 
     explicit operator bool() const { return slot_ != nullptr; }
-    [[nodiscard]] const char* id() const { return slot_->session.id(); }
+    [[nodiscard]] const char* id() const { return slot_->process.id(); }
 
    private:
     friend class SessionTable;
@@ -88,7 +88,7 @@ class SessionTable {
     // The turns of ask: the next one to be given out, and the one that is served.
     std::uint64_t next_turn = 0;
     std::uint64_t served_turn = 0;
-    Session session;
+    SessionProcess process;
   };
 
   void release(Slot& slot);

@@ -13,19 +13,12 @@ namespace kova {
 
 namespace {
 
-constexpr std::size_t kWriteLimit = 32768;
-
 constexpr std::string_view kProhibitedWords[] = {
     "CREATE",      "DROP", "ALTER",    "GRANT", "REVOKE", "COMMIT", "ROLLBACK",
     "TRANSACTION", "EXEC", "EXECUTE",  "CALL",  "RUN",    "LOAD",   "IMPORT",
     "EXPORT",      "SYNC", "PROVIDER", "LOGIN", "LOGOUT", "USE"};
 
 constexpr std::string_view kTooLarge = "normalized write is too large";
-
-bool only_space_from(std::string_view sql, std::size_t index) {
-  const std::string_view rest = slice(sql, index);
-  return std::all_of(rest.begin(), rest.end(), is_space);
-}
 
 /// Writes the canonical text byte by byte, keeping room for the final ";" and the terminator.
 class Normaliser {
@@ -135,7 +128,7 @@ bool write_classify(const McpPolicy& policy, std::string_view sql, ClassifiedWri
   if (!policy_writes_allowed(policy)) {
     return refuse(message, "MCP writes are disabled by policy or kill switch");
   }
-  if (sql.empty() || sql.size() > kWriteLimit) {
+  if (sql.empty() || sql.size() > kSqlLimit) {
     return refuse(message, "write SQL size is invalid");
   }
   if (!normalise_write(sql, write.canonical, message)) return false;

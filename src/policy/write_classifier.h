@@ -7,11 +7,12 @@
 #include "base/text.h"
 #include "platform/crypto.h"
 #include "policy/policy.h"
+#include "policy/sql_words.h"
 
 namespace kova {
 
 /// Room for the canonical text; longer texts are refused.
-inline constexpr std::size_t kCanonicalCapacity = 32769;
+inline constexpr std::size_t kCanonicalCapacity = kSqlLimit + 1;
 inline constexpr std::size_t kWriteTypeCapacity = 16;
 /// SHA-256 as lower-case hexadecimal text.
 inline constexpr std::size_t kDigestTextCapacity = 2 * kSha256Size + 1;

@@ -2,10 +2,10 @@
 // wants one.
 #pragma once
 
-#include "tools/tool_call.h"
+#include "tools/tool.h"
 
 namespace kova {
 
-void execute_tool(const ToolCall& call, ToolContext& context);
+[[nodiscard]] bool execute_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer);
 
 }  // namespace kova

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "support/guard_page.h"
+#include "tools/ai_collection.h"
 #include "tools/ai_search_tools.h"
 #include "unit/tools/tool_fixture.h"
 
