@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "admin/doctor/login_adapter.h"
 #include "platform/environment.h"
 
 namespace kova::admin {
@@ -23,7 +22,7 @@ constexpr StepTexts kSteps[] = {
      .name = "login.settings",
      .passed = "the five values are within their limits",
      .failed = "",
-     .advice = "mend the named variables"},
+     .advice = "mend the named variable"},
     {.step = LoginStep::kResolve,
      .name = "login.resolve",
      .passed = "the host has an address",
@@ -61,10 +60,9 @@ constexpr StepTexts kSteps[] = {
                "it may use this database"},
 };
 
-void fail_step(Findings& findings, const StepTexts& texts) {
+void fail_step(Findings& findings, const StepTexts& texts, LoginSetting setting) {
   if (texts.step == LoginStep::kSettings) {
-    for (const std::string& fault : setting_faults()) findings.fail(fault, {});
-    findings.fail({}, texts.advice);
+    findings.fail(setting_fault(setting), texts.advice);
     return;
   }
   const std::string address =
@@ -80,13 +78,27 @@ void fail_step(Findings& findings, const StepTexts& texts) {
 
 }  // namespace
 
+std::string setting_fault(LoginSetting setting) {
+  const LoginRule& rule = login_rule(setting);
+  const EnvironmentValue value(rule.variable);
+  const std::size_t size = value.view().size();
+  if (size == 0) return fmt::format("{} is not set", rule.variable);
+  if (size > rule.limit) {
+    return fmt::format("{} has {} bytes, at most {} are allowed", rule.variable, size, rule.limit);
+  }
+  return fmt::format("{} holds one of \"{}\"", rule.variable, rule.forbidden);
+}
+
 std::vector<Check> check_login(DbSession::Loader* load_library) {
-  const LoginStep failed = try_login(load_library);
+  DbSession session;
+  session.load_library = load_library;
+  const LoginStep failed = ensure_session(session) ? LoginStep::kNone : session.failed_step;
+  disconnect(session);
   std::vector<Check> checks;
   for (const StepTexts& texts : kSteps) {
     Findings findings(texts.name);
     if (texts.step == failed) {
-      fail_step(findings, texts);
+      fail_step(findings, texts, session.failed_setting);
     } else {
       findings.note(texts.passed);
     }

@@ -13,4 +13,7 @@ namespace kova::admin {
 /// after it are left out. The session is closed again.
 [[nodiscard]] std::vector<Check> check_login(DbSession::Loader* load_library);
 
+/// What is wrong with a setting of the environment, and nothing of a secret's value.
+[[nodiscard]] std::string setting_fault(LoginSetting setting);
+
 }  // namespace kova::admin

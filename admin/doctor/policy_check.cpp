@@ -4,7 +4,7 @@
 
 #include "base/ascii.h"
 #include "platform/environment.h"
-#include "policy/policy.h"
+#include "policy/policy_file.h"
 
 namespace kova::admin {
 

@@ -6,12 +6,11 @@
 
 #include "admin/common/refusal.h"
 #include "admin/common/server_path.h"
-#include "admin/doctor/login_adapter.h"
 #include "admin/doctor/login_steps.h"
 #include "admin/doctor/server_check.h"
 #include "db/statement.h"
 #include "platform/environment_change.h"
-#include "policy/predicates.h"
+#include "policy/names.h"
 
 namespace kova::admin {
 
@@ -50,8 +49,8 @@ void use_login(const Setup& setup) {
   set_variable("KOVA_MCP_DATABASE", setup.database.c_str());
   set_variable("KOVA_MCP_USER", setup.user.c_str());
   set_variable("KOVA_MCP_PASSWORD", setup.password.c_str());
-  const std::vector<std::string> faults = setting_faults();
-  if (!faults.empty()) throw Refusal(faults.front());
+  const LoginSetting bad = first_bad_login_setting();
+  if (bad != LoginSetting::kNone) throw Refusal(setting_fault(bad));
 }
 
 Names engine_tables(const Setup& setup) {

@@ -4,25 +4,23 @@ the entry exactly as it was written."""
 from __future__ import annotations
 
 import json
-import shutil
 from pathlib import Path
 from typing import Any, Callable
 
 import pytest
 
-from deployments import Admin
-from kova import Target
-from sales_engine import COUNT_ORDERS, ORDERS, Engine, engine, result
-from sample_engine import LOOPBACK, PASSWORD, USER
+from harness.deployments import Admin
+from harness.sales_engine import COUNT_ORDERS, ORDERS
+from harness.sample_engine import LOOPBACK, PASSWORD, USER, Engine
+from harness.targets import Installation, Target
 
 CLIENTS = ["claude-desktop.json", "claude-code.json", "vscode.json", "cursor.json"]
 
 
 @pytest.fixture(scope="module")
-def deployment(target: Target, engine: Engine, tmp_path_factory: pytest.TempPathFactory) -> Path:
-    installed = tmp_path_factory.mktemp("installed")
-    shutil.copy2(target.build / "sample" / target.library_name, installed)
-    shutil.copy2(target.executable, installed)
+def deployment(target: Target, installation: Installation, engine: Engine,
+               tmp_path_factory: pytest.TempPathFactory) -> Path:
+    installed = installation.executable("sample").parent
     folder = tmp_path_factory.mktemp("deployments") / "sales"
     password = tmp_path_factory.mktemp("password") / "password"
     password.write_text(PASSWORD, encoding="utf-8")

@@ -7,10 +7,12 @@ from typing import Any, Callable
 
 import pytest
 
-from deployments import SECRET, Admin, Report, admin_beside, environment_file, report_of, tree
-from kova import Installation, Script, ScriptedLibrary, Target
-from listeners import refused_port
-from policy_files import PolicyFiles
+from harness.deployments import (SECRET, Report, admin_beside, environment_file, report_of,
+                                 tree)
+from harness.listeners import refused_port
+from harness.policy_files import PolicyFiles
+from harness.scripted_library import Script, ScriptedLibrary
+from harness.targets import Installation, Target
 
 ALL = ["server", "client-library", "permissions", "policy", "login.settings", "login.resolve",
        "login.connect", "login.load", "login.start", "login.use", "login.login", "audit",
@@ -108,7 +110,7 @@ def test_the_report_for_people(target: Target, installation: Installation,
     at = next(i for i, line in enumerate(lines) if " login.settings " in line)
     assert lines[at].startswith("FAIL  login.settings")
     assert "KOVA_MCP_PASSWORD is not set" in lines[at]
-    assert lines[at + 1].strip() == "-> mend the named variables"
+    assert lines[at + 1].strip() == "-> mend the named variable"
     assert (result.stderr, result.code) == (b"", 1)
     assert b"\x1b" not in result.stdout
 

@@ -10,25 +10,26 @@ from typing import Any, Callable
 
 import pytest
 
-from deployments import Admin, executable_name, option_list, report_of, tree
-from kova import TIMEOUT, Result, Target, call, request
-from sample_engine import (LOOPBACK, PASSWORD, USER, Engine, SampleInstallation, executable,
-                           make_database, start_engine)
+from harness.deployments import Admin, option_list, report_of, tree
+from harness.messages import call, request
+from harness.sample_engine import LOOPBACK, PASSWORD, USER, Engine
+from harness.servers import Result
+from harness.targets import Installation, Target
+from harness.waiting import TIMEOUT
 
 NAMES = {"policy.json", "kova-mcp.env", "approvals", "clients"}
 CLIENTS = {"claude-desktop.json": "mcpServers", "claude-code.json": "mcpServers",
            "vscode.json": "servers", "cursor.json": "mcpServers"}
 
 
-@pytest.fixture(scope="module")
-def admin(target: Target, tmp_path_factory: pytest.TempPathFactory) -> Admin:
-    installed = SampleInstallation(target, tmp_path_factory.mktemp("installed"))
-    return Admin(target, installed.executable("sample").parent)
+@pytest.fixture(scope="session")
+def admin(target: Target, installation: Installation) -> Admin:
+    return Admin(target, installation.executable("sample").parent)
 
 
 @pytest.fixture
-def engine(start_engine: Callable[..., Engine]) -> Engine:
-    return start_engine()
+def engine(start_sample_engine: Callable[..., Engine]) -> Engine:
+    return start_sample_engine()
 
 
 @pytest.fixture

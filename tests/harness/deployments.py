@@ -9,7 +9,8 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Sequence
 
-from kova import Environment, Installation, Result, Target
+from harness.servers import Result
+from harness.targets import Environment, Installation, Target
 
 TIMEOUT = 120
 SECRET = "5b1e0c7d9a3f42e68d70b2c4a6e8f013"
