@@ -43,8 +43,7 @@ void judge_probe(Findings& findings, const std::string& folder) {
                     "use a local file system");
       break;
     case CreateProbe::kLeftBehind:
-      findings.warn(fmt::format("the trial file {} cannot be removed", name),
-                    "remove it by hand");
+      findings.warn(fmt::format("the trial file {} cannot be removed", name), "remove it by hand");
       break;
   }
 }

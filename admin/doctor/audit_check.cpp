@@ -62,8 +62,7 @@ void judge_last_record(Findings& findings, const std::string& path, UnixMs now) 
 void judge_audit_readers(Findings& findings, const std::string& path) {
   FileRights rights;
   if (!read_file_rights(path.c_str(), rights) || !rights.others_read) return;
-  findings.warn("every account may read it",
-                "take that right away: it tells who asked for what");
+  findings.warn("every account may read it", "take that right away: it tells who asked for what");
 }
 
 bool judge_writable(Findings& findings, const std::string& path, const std::string& folder) {
@@ -105,11 +104,9 @@ std::optional<UnixMs> last_record_time(std::string_view end_of_file) {
   if (end == std::string_view::npos) return std::nullopt;
   const std::string_view whole = end_of_file.substr(0, end);
   const std::size_t begin = whole.rfind('\n');
-  const std::string_view line =
-      begin == std::string_view::npos ? whole : whole.substr(begin + 1);
+  const std::string_view line = begin == std::string_view::npos ? whole : whole.substr(begin + 1);
   const json record = json::parse(line, nullptr, false);
-  if (!record.is_object() || !record.contains("timestamp") ||
-      !record.at("timestamp").is_string()) {
+  if (!record.is_object() || !record.contains("timestamp") || !record.at("timestamp").is_string()) {
     return std::nullopt;
   }
   return parse_time(record.at("timestamp").get<std::string>());
@@ -139,10 +136,11 @@ Check check_audit(UnixMs now) {
     findings.warn("KOVA_MCP_AUDIT is not set: no call is recorded",
                   "name a file by KOVA_MCP_AUDIT");
   } else if (path.size() >= kPathCapacity) {
-    findings.fail(fmt::format("the path of KOVA_MCP_AUDIT has {} bytes, {} or more switch the audit "
-                              "off",
-                              path.size(), kPathCapacity),
-                  "choose a shorter path");
+    findings.fail(
+        fmt::format("the path of KOVA_MCP_AUDIT has {} bytes, {} or more switch the audit "
+                    "off",
+                    path.size(), kPathCapacity),
+        "choose a shorter path");
   } else if (!is_canonical_path(path.c_str())) {
     findings.warn(fmt::format("{} is no absolute path: it depends on the current folder", path),
                   "give the absolute path");

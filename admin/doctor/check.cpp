@@ -6,8 +6,9 @@ namespace kova::admin {
 
 namespace {
 
+// Several files may have the same fault; it is told once.
 void join(std::string& text, std::string_view more) {
-  if (more.empty()) return;
+  if (more.empty() || text.find(more) != std::string::npos) return;
   if (!text.empty()) text += "; ";
   text += more;
 }

@@ -65,9 +65,8 @@ void fail_step(Findings& findings, const StepTexts& texts, LoginSetting setting)
     findings.fail(setting_fault(setting), texts.advice);
     return;
   }
-  const std::string address =
-      fmt::format("{}:{}", EnvironmentValue("KOVA_MCP_SERVER").view(),
-                  EnvironmentValue("KOVA_MCP_PORT").view());
+  const std::string address = fmt::format("{}:{}", EnvironmentValue("KOVA_MCP_SERVER").view(),
+                                          EnvironmentValue("KOVA_MCP_PORT").view());
   std::string detail = fmt::format(fmt::runtime(texts.failed), address);
   if (texts.step == LoginStep::kUse) {
     const EnvironmentValue database("KOVA_MCP_DATABASE");

@@ -27,9 +27,9 @@ void judge_limit(Findings& findings, std::string_view what, std::uint64_t limit,
   if (limit == kNoLimit) {
     findings.note(fmt::format("{}: no limit", what));
   } else if (limit < needed) {
-    findings.warn(fmt::format("{}: {}, {} are needed for {} sessions", what, limit, needed,
-                              kSessionLimit),
-                  advice);
+    findings.warn(
+        fmt::format("{}: {}, {} are needed for {} sessions", what, limit, needed, kSessionLimit),
+        advice);
   } else {
     findings.note(fmt::format("{}: {}", what, limit));
   }

@@ -16,9 +16,9 @@ void compare(Findings& findings, const char* variable, std::string_view key,
   if (value.is_set() && equal_ignoring_case(value.view(), wanted)) return;
   const std::string given =
       value.is_set() ? fmt::format("is \"{}\"", value.view()) : std::string("is not set");
-  findings.fail(fmt::format("{} {}, the policy's {} is \"{}\"", variable, given, key, wanted),
-                fmt::format("set {} to \"{}\", or name the policy of that identity", variable,
-                            wanted));
+  findings.fail(
+      fmt::format("{} {}, the policy's {} is \"{}\"", variable, given, key, wanted),
+      fmt::format("set {} to \"{}\", or name the policy of that identity", variable, wanted));
 }
 
 // The loader reads the policy's names before it compares them, so a refusal before that leaves them

@@ -4,8 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "base/text.h"
 #include "admin/doctor/rights.h"
+#include "base/text.h"
 #include "platform/client_library_name.h"
 #include "platform/file.h"
 #include "platform/library.h"
@@ -128,7 +128,8 @@ Check check_permissions(const DeploymentFiles& files) {
   if (!files.environment.empty()) {
     judge_readers(findings, "the environment file", files.environment);
   }
-  if (findings.is_ok()) findings.note("only their owners and the administrator may change the files");
+  if (findings.is_ok())
+    findings.note("only their owners and the administrator may change the files");
   return findings.finish();
 }
 

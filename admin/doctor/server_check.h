@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "db/client_library.h"
 #include "admin/doctor/check.h"
+#include "db/client_library.h"
 
 namespace kova::admin {
 
@@ -23,7 +23,8 @@ struct DeploymentFiles {
 /// operations in it. `found` is the file, empty when there is none.
 [[nodiscard]] Check check_client_library(const std::string& server, std::string& found);
 
-/// The library of the last `check_client_library`; null when it cannot be used. A DbSession::Loader.
+/// The library of the last `check_client_library`; null when it cannot be used. A
+/// DbSession::Loader.
 [[nodiscard]] const ClientLibrary* checked_client_library();
 
 /// Who may change the server, the library, the policy and the environment file, and read the last.

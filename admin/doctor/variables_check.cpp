@@ -114,9 +114,9 @@ std::vector<std::string> entries_of(std::string_view list) {
 
 void judge_entry_size(Findings& findings, const char* variable, const std::string& entry) {
   if (entry.size() <= kListEntryLimit) return;
-  findings.warn(fmt::format("an entry of {} has {} characters and never matches", variable,
-                            entry.size()),
-                fmt::format("entries have at most {} characters", kListEntryLimit));
+  findings.warn(
+      fmt::format("an entry of {} has {} characters and never matches", variable, entry.size()),
+      fmt::format("entries have at most {} characters", kListEntryLimit));
 }
 
 void judge_hosts(Findings& findings) {
@@ -130,8 +130,9 @@ void judge_hosts(Findings& findings) {
   for (const std::string& host : hosts) {
     judge_entry_size(findings, kHosts, host);
     if (host.find_first_of("/*") == std::string::npos) continue;
-    findings.warn(fmt::format("the host \"{}\" never matches", host),
-                  "write a host as in the header: a name, and a port where it is not the usual one");
+    findings.warn(
+        fmt::format("the host \"{}\" never matches", host),
+        "write a host as in the header: a name, and a port where it is not the usual one");
   }
 }
 
@@ -151,9 +152,9 @@ void judge_origins(Findings& findings) {
 void judge_plaintext(Findings& findings) {
   switch (spelling_of(kPlaintext)) {
     case Spelling::kOn:
-      findings.warn("requests need not have come through TLS",
-                    fmt::format("remove {} where others than this machine reach the proxy",
-                                kPlaintext));
+      findings.warn(
+          "requests need not have come through TLS",
+          fmt::format("remove {} where others than this machine reach the proxy", kPlaintext));
       break;
     case Spelling::kUnclear:
       findings.warn(fmt::format("{} is \"{}\" and switches nothing on", kPlaintext,

@@ -22,7 +22,8 @@ void set_variable(const char* name, const char* value) {
   if (!set_environment_variable(name, value)) throw Refusal(fmt::format("{} cannot be set", name));
 }
 
-// The first column of a row is the table's name; what is no name that a policy can hold is left out.
+// The first column of a row is the table's name; what is no name that a policy can hold is left
+// out.
 Names names_in(std::string_view result) {
   Names names;
   const json document = json::parse(result, nullptr, false);
@@ -63,8 +64,8 @@ Names engine_tables(const Setup& setup) {
   DbSession session;
   session.load_library = checked_client_library;
   StatementResult result;
-  const bool answered = ensure_session(session) &&
-                        execute_statement(session, "list table;", kMaxRowsLimit, result);
+  const bool answered =
+      ensure_session(session) && execute_statement(session, "list table;", kMaxRowsLimit, result);
   const Names names = answered ? names_in(result.text) : Names();
   disconnect(session);
   if (!answered) refuse_login();

@@ -96,7 +96,8 @@ int run(const InitOptions& options) {
 RunCommand add_init(CLI::App& parser) {
   const auto options = std::make_shared<InitOptions>();
   parser.footer(
-      "Writes a new deployment into one folder: the policy, the environment file with its secrets,\n"
+      "Writes a new deployment into one folder: the policy, the environment file with its "
+      "secrets,\n"
       "the state directory, a start script, and the entries of clients. Asks for what no option\n"
       "says. Overwrites nothing; writes everything or nothing.\n"
       "Exit codes: 0 written, 2 nothing written.");

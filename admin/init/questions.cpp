@@ -127,9 +127,8 @@ void ask_for_policy(const InitOptions& options, const Names& offered, Setup& set
   setup.name = value_of(options, "--name", options.name, "The policy's name", setup.database);
   setup.tables = split_names(value_of(options, "--tables", options.tables,
                                       "Tables that may be read" + offer_of(offered), ""));
-  setup.denied_columns =
-      split_names(value_of(options, "--denied-columns", options.denied_columns,
-                           "Columns that may never be read (none)", ""));
+  setup.denied_columns = split_names(value_of(options, "--denied-columns", options.denied_columns,
+                                              "Columns that may never be read (none)", ""));
   setup.collections = split_names(value_of(options, "--collections", options.collections,
                                            "AI collections that may be searched (none)", ""));
   setup.writes = choice_of(options, "--writes", options.writes,

@@ -121,7 +121,8 @@ SecretText quoted_value(std::string_view value) {
 SecretText environment_text(const Setup& setup, const DrawnSecrets& secrets) {
   SecretText text(kEnvironmentCapacity);
   text.cut(0);
-  add(text, "# The server's settings and secrets: for the account that runs it, and nobody else.\n");
+  add(text,
+      "# The server's settings and secrets: for the account that runs it, and nobody else.\n");
   add_line(text, "KOVA_MCP_POLICY", path_in(setup.folder, kPolicyName));
   add_line(text, "KOVA_MCP_CLIENT_ID", setup.client_id);
   add_line(text, "KOVA_MCP_DATABASE", setup.database);
@@ -136,8 +137,9 @@ SecretText environment_text(const Setup& setup, const DrawnSecrets& secrets) {
     add_line(text, "KOVA_ADMIN_JOURNAL", path_in(setup.folder, kJournalName));
   }
   if (setup.http) add_line(text, "KOVA_MCP_HTTP_BEARER_TOKEN", secrets.bearer_token.view());
-  add(text, "# 1 stops all writes, or all searches that need a provider, from the next start on.\n"
-            "#KOVA_MCP_DISABLE_WRITES=1\n#KOVA_MCP_DISABLE_PROVIDERS=1\n");
+  add(text,
+      "# 1 stops all writes, or all searches that need a provider, from the next start on.\n"
+      "#KOVA_MCP_DISABLE_WRITES=1\n#KOVA_MCP_DISABLE_PROVIDERS=1\n");
   return text;
 }
 
@@ -158,10 +160,11 @@ std::vector<ClientEntry> client_entries(const Setup& setup, const std::string& o
       {"args", Json::array({"serve", "--env", path_in(setup.folder, kEnvironmentName)})}};
   Json typed = {{"type", "stdio"}};
   typed.update(command);
-  return {{.file_name = "claude-desktop.json", .document = {{"mcpServers", {{setup.name, command}}}}},
-          {.file_name = "claude-code.json", .document = {{"mcpServers", {{setup.name, typed}}}}},
-          {.file_name = "vscode.json", .document = {{"servers", {{setup.name, typed}}}}},
-          {.file_name = "cursor.json", .document = {{"mcpServers", {{setup.name, command}}}}}};
+  return {
+      {.file_name = "claude-desktop.json", .document = {{"mcpServers", {{setup.name, command}}}}},
+      {.file_name = "claude-code.json", .document = {{"mcpServers", {{setup.name, typed}}}}},
+      {.file_name = "vscode.json", .document = {{"servers", {{setup.name, typed}}}}},
+      {.file_name = "cursor.json", .document = {{"mcpServers", {{setup.name, command}}}}}};
 }
 
 }  // namespace kova::admin

@@ -139,8 +139,8 @@ void move_each(const Staging& staging, const std::string& folder) {
       continue;
     }
     for (const std::string& done : moved) {
-      static_cast<void>(move_without_replacing(path_in(folder, done).c_str(),
-                                               staging.path_of(done).c_str()));
+      static_cast<void>(
+          move_without_replacing(path_in(folder, done).c_str(), staging.path_of(done).c_str()));
     }
     throw Refusal(path_in(folder, name) + ": cannot be written");
   }
@@ -160,8 +160,8 @@ void check_folder(const Setup& setup) {
   }
   for (const std::string& name : deployment_names()) {
     if (path_exists(path_in(setup.folder, name).c_str())) {
-      throw Refusal(fmt::format("{} is there already; nothing is overwritten",
-                                path_in(setup.folder, name)));
+      throw Refusal(
+          fmt::format("{} is there already; nothing is overwritten", path_in(setup.folder, name)));
     }
   }
 }

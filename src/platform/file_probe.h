@@ -13,10 +13,10 @@ namespace kova {
 [[nodiscard]] bool can_append(const char* path);
 
 enum class CreateProbe {
-  kWorks,       ///< a file was created, its second creation was refused, and it is gone again
-  kRefused,     ///< no file can be created
+  kWorks,         ///< a file was created, its second creation was refused, and it is gone again
+  kRefused,       ///< no file can be created
   kNotExclusive,  ///< an existing file was created a second time
-  kLeftBehind,  ///< it was created and cannot be removed
+  kLeftBehind,    ///< it was created and cannot be removed
 };
 
 /// Tries the exclusive creation of a file in a folder. `name` is a file name that is not in use.

@@ -15,7 +15,7 @@ struct FileRights {
   bool is_directory;
   bool owner_is_trusted;  ///< this account or an administrator
   bool group_reads;
-  bool group_writes;  ///< changes the file, adds to the folder
+  bool group_writes;    ///< changes the file, adds to the folder
   bool group_replaces;  ///< removes, renames or takes over what lies in the folder
   bool others_read;
   bool others_write;

@@ -16,9 +16,9 @@ namespace kova {
                                std::uint32_t timeout_ms);
 
 /// Runs an executable with this process's environment and standard streams in this process's place:
-/// on Windows it waits for its end, and ends it when this process ends. `first` and `second` are its
-/// arguments, null for none; neither holds a quotation mark. Returns its exit code on Windows, and
-/// -1 when it cannot be started.
+/// on Windows it waits for its end, and ends it when this process ends. `first` and `second` are
+/// its arguments, null for none; neither holds a quotation mark. Returns its exit code on Windows,
+/// and -1 when it cannot be started.
 [[nodiscard]] int become_program(const char* path, const char* first, const char* second);
 
 }  // namespace kova

@@ -1,5 +1,5 @@
-"""A deployment that `kova-admin init` has written, with the official client: it starts the server by
-the entry exactly as it was written."""
+"""A deployment that `kova-admin init` has written: the official client starts the server by the
+entry exactly as it was written."""
 
 from __future__ import annotations
 

@@ -62,8 +62,8 @@ bool read_file_end(const char* path, char* data, std::size_t capacity, std::size
   struct stat status {};
   if (!is_regular(file, status)) return false;
   const auto wanted = std::min<off_t>(status.st_size, static_cast<off_t>(capacity));
-  const ssize_t got = ::pread(file.number(), data, static_cast<std::size_t>(wanted),
-                              status.st_size - wanted);
+  const ssize_t got =
+      ::pread(file.number(), data, static_cast<std::size_t>(wanted), status.st_size - wanted);
   if (got < 0) return false;
   length = static_cast<std::size_t>(got);
   return true;

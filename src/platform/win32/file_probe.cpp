@@ -38,8 +38,8 @@ bool is_granted(PSECURITY_DESCRIPTOR descriptor, HANDLE token, DWORD wanted) {
 
 bool may(const wchar_t* path, DWORD wanted) {
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  constexpr SECURITY_INFORMATION kParts = OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
-                                          DACL_SECURITY_INFORMATION;
+  constexpr SECURITY_INFORMATION kParts =
+      OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
   if (::GetNamedSecurityInfoW(path, SE_FILE_OBJECT, kParts, nullptr, nullptr, nullptr, nullptr,
                               &descriptor) != ERROR_SUCCESS) {
     return false;

@@ -31,8 +31,8 @@ bool is_everybody(PSID sid) {
 // The account that installs the system's own updates has no well-known type.
 bool is_installer(PSID sid) {
   PSID installer = nullptr;
-  if (::ConvertStringSidToSidW(
-          L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464", &installer) == 0) {
+  if (::ConvertStringSidToSidW(L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464",
+                               &installer) == 0) {
     return false;
   }
   const bool equal = ::EqualSid(sid, installer) != 0;
@@ -41,8 +41,8 @@ bool is_installer(PSID sid) {
 }
 
 bool is_administrator(PSID sid) {
-  return is_well_known(sid, WinLocalSystemSid) ||
-         is_well_known(sid, WinBuiltinAdministratorsSid) || is_installer(sid);
+  return is_well_known(sid, WinLocalSystemSid) || is_well_known(sid, WinBuiltinAdministratorsSid) ||
+         is_installer(sid);
 }
 
 bool is_own_account(PSID sid) {
@@ -84,7 +84,8 @@ constexpr DWORD kReplacing = kTakingOver | FILE_DELETE_CHILD;
 void add_entry(const ACCESS_ALLOWED_ACE& entry, PSID owner, FileRights& rights) {
   const auto sid = const_cast<PSID>(static_cast<const void*>(&entry.SidStart));
   const bool reads = (entry.Mask & kReading) != 0;
-  const DWORD changing = rights.is_directory ? kChanging | kReplacing : kChanging | FILE_APPEND_DATA;
+  const DWORD changing =
+      rights.is_directory ? kChanging | kReplacing : kChanging | FILE_APPEND_DATA;
   const bool writes = (entry.Mask & changing) != 0;
   const bool replaces = rights.is_directory && (entry.Mask & kReplacing) != 0;
   if (is_everybody(sid)) {

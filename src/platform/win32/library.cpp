@@ -81,8 +81,7 @@ bool Library::open_in(std::string_view folder, const char* file_name) {
 
 bool Library::path(TextOut out) const {
   wchar_t wide[kWideCapacity];
-  const DWORD units =
-      ::GetModuleFileNameW(static_cast<HMODULE>(handle_), wide, kWideCapacity);
+  const DWORD units = ::GetModuleFileNameW(static_cast<HMODULE>(handle_), wide, kWideCapacity);
   return units > 0 && units < kWideCapacity && from_wide(wide, out);
 }
 

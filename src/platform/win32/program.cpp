@@ -25,7 +25,9 @@ class Handle {
 
   [[nodiscard]] HANDLE get() const { return handle_; }
   [[nodiscard]] HANDLE* out() { return &handle_; }
-  [[nodiscard]] bool is_open() const { return handle_ != nullptr && handle_ != INVALID_HANDLE_VALUE; }
+  [[nodiscard]] bool is_open() const {
+    return handle_ != nullptr && handle_ != INVALID_HANDLE_VALUE;
+  }
   void close() {
     if (is_open()) ::CloseHandle(handle_);
     handle_ = nullptr;

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 from pathlib import Path
 from typing import Any, Callable
 
@@ -21,7 +22,8 @@ LOGIN = [name for name in ALL if name.startswith("login.")]
 
 RECORD = ('{"timestamp":"2026-01-02T03:04:05.678Z","correlation_id":"1","client_identity":"c",'
           '"database_identity":"D","tool":"kova_query","policy":"p","policy_decision":"allow",'
-          '"objects":"T","duration_ms":1,"rows":1,"bytes":2,"status":"ok","error_class":"none"}\r\n')
+          '"objects":"T","duration_ms":1,"rows":1,"bytes":2,"status":"ok","error_class":"none"}'
+          "\r\n")
 
 
 @pytest.fixture
@@ -76,14 +78,15 @@ def warns(report: Report, name: str) -> str:
     return report[name]["detail"]
 
 
-def test_nothing_is_wrong(examine: Examine) -> None:
-    """But for what the machine under the test is like."""
+def test_nothing_is_wrong(examine: Examine, target: Target) -> None:
+    """But for what the machine under the test is like. Wine does not tell that the files of others
+    are safe in the folder of temporary files."""
     report = examine()
     assert report.names() == ALL
     for name in set(ALL) - {"clock", "limits", "audit", "permissions"}:
         assert report[name]["status"] == "ok", report[name]
     assert report["server"]["detail"].endswith(", version 1.25-m8")
-    assert report.code == 0
+    assert target.windows or report.code == 0
 
 
 def test_it_changes_nothing(examine: Examine, folder: Path, deployment: dict[str, Any],
@@ -133,7 +136,7 @@ def test_another_server_is_named(target: Target, installation: Installation, tmp
     report = report_of(admin.run("doctor", "--json", "--env", file, "--server", missing))
     assert fails(report, "server") == f"{target.path(missing)} does not exist"
     other = report_of(admin.run("doctor", "--json", "--env", file, "--server", admin.path))
-    assert "is another program" in fails(other, "server") or "does not run" in fails(other, "server")
+    assert re.search("is another program|does not run", fails(other, "server"))
 
 
 def test_the_library_beside_the_named_server_is_looked_at(
@@ -350,7 +353,8 @@ def test_a_switch_that_stops_nothing(examine: Examine, value: str) -> None:
     assert "KOVA_MCP_DISABLE_WRITES" in fails(examine(KOVA_MCP_DISABLE_WRITES=value), "switches")
 
 
-@pytest.mark.parametrize("name", ["KOVA_MCP_DISABLE_WRITE", "KOVA_DISABLE_WRITES", "KOVA_MCP_PASWORD"])
+@pytest.mark.parametrize("name", ["KOVA_MCP_DISABLE_WRITE", "KOVA_DISABLE_WRITES",
+                                  "KOVA_MCP_PASWORD"])
 def test_a_name_that_the_server_does_not_know(examine: Examine, name: str) -> None:
     assert name in warns(examine(**{name: "1"}), "switches")
 

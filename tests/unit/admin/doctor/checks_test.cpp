@@ -37,10 +37,9 @@ TEST(CheckLimits, AgainstSixteenSessions) {
 
 CheckStatus file_system_status(bool remote, bool in_memory, std::uint64_t free_bytes) {
   Findings findings("audit");
-  judge_file_system(findings, {.name = "ext4",
-                               .is_remote = remote,
-                               .is_in_memory = in_memory,
-                               .free_bytes = free_bytes});
+  judge_file_system(
+      findings,
+      {.name = "ext4", .is_remote = remote, .is_in_memory = in_memory, .free_bytes = free_bytes});
   return findings.finish().status;
 }
 

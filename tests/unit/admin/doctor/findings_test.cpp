@@ -18,6 +18,15 @@ TEST(Findings, TheWorstFindingIsTheStatus) {
   EXPECT_EQ(check.advice, "mend b; mend c");
 }
 
+TEST(Findings, TheSameFindingIsToldOnce) {
+  Findings findings("x");
+  findings.warn("a", "mend");
+  findings.warn("a", "mend");
+  findings.warn("b", "mend");
+  EXPECT_EQ(findings.finish().detail, "a; b");
+  EXPECT_EQ(findings.finish().advice, "mend");
+}
+
 TEST(Findings, ACheckWithoutFindingsIsOk) {
   const Check check = Findings("x").finish();
   EXPECT_EQ(check.status, CheckStatus::kOk);
