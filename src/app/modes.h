@@ -4,10 +4,11 @@
 #include "app/line_reader.h"
 #include "base/heap_array.h"
 #include "mcp/dispatcher.h"
+#include "tools/tool.h"
 
 namespace kova {
 
-/// What start-up has made ready for every mode.
+/// What every mode is given.
 struct Startup {
   HeapArray<char>& line_buffer;  ///< kLineBufferCapacity bytes
   ProtocolState& protocol;

@@ -1,12 +1,15 @@
 #include "app/stdio_server.h"
 
 #include <cstdlib>
+#include <string_view>
 
 #include "app/prescan.h"
 #include "app/tool_worker.h"
 #include "app/trace.h"
 #include "base/text.h"
 #include "json/reply.h"
+#include "platform/thread.h"
+#include "tools/tool.h"
 
 namespace kova {
 
@@ -14,8 +17,8 @@ namespace {
 
 constexpr std::uint32_t kBusyWaitMs = 50;
 
-/// The thread that reads: frames messages, serves what needs no tool and minds the one tool call
-/// that may be running.
+/// The reading thread: frames messages, serves those that need no tool, starts the one tool call
+/// that may run at a time and cancels it.
 class StdioServer {
  public:
   StdioServer(LineReader& lines, ProtocolState& state, ToolContext& tools)
@@ -99,7 +102,7 @@ class StdioServer {
   [[nodiscard]] bool start_tool(std::string_view message, const Prescan& found, RpcError& error) {
     ToolJob* const job = make_tool_job(tool_, message, found.raw_id);
     if (job == nullptr) return refuse(error, kInternalError, kServerMemoryLimit);
-    // The last call's thread may still be at its very end, past the clearing of ToolActive.
+    // The last call's thread clears ToolActive before it ends.
     worker_.join();
     set_active_request_id(found.raw_id);
     tool_.CancelRequested.store(0);

@@ -2,6 +2,7 @@
 // depends on the locale that other code of the process has set.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "base/text.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "base/ascii.h"
-#include "base/byte_run.h"
+#include "base/string_scan.h"
 
 namespace kova {
 
@@ -41,7 +41,7 @@ std::size_t write_escape(EscapeStyle style, char byte, char* target) {
   std::memcpy(target + 1, "u00", 3);
   target[4] = kHexDigits[value >> 4];
   target[5] = kHexDigits[value & 0xF];
-  return kLongestEscape;
+  return kEscapeLimit;
 }
 
 EscapeProgress escape_json(EscapeStyle style, const char* source, const char* source_end,

@@ -21,7 +21,6 @@ constexpr LoginRule kRules[] = {
 
 constexpr std::size_t kUseCapacity = 160;
 constexpr std::size_t kLoginCapacity = 512;
-constexpr std::uint32_t kProbeTimeoutMs = 3000;
 constexpr int kStartOptions = 0;
 
 /// What the environment says of the engine and the login; wiped when it goes.
@@ -53,24 +52,25 @@ LoginSetting first_bad_setting(const Profile& profile) {
   return LoginSetting::kNone;
 }
 
-/// Whether some address takes a connection; the library itself may wait for ever.
-bool can_connect(const AddressList& addresses) {
+/// Whether some address accepts a connection. Asked before the library is, whose own connect may
+/// never return.
+bool can_connect(const AddressList& addresses, std::uint32_t timeout_ms) {
   for (const void* address = addresses.first(); address != nullptr;
        address = AddressList::next(address)) {
     Socket socket;
-    if (socket.connect(address, kProbeTimeoutMs)) return true;
+    if (socket.connect(address, timeout_ms)) return true;
   }
   return false;
 }
 
 /// The step at which the engine turns out not to be reachable.
-LoginStep reach(const Profile& profile) {
+LoginStep reach(const Profile& profile, std::uint32_t timeout_ms) {
   const SocketLayer layer;
   AddressList addresses;
   if (!layer.ready() || !addresses.resolve(profile.server.c_str(), profile.port.c_str())) {
     return LoginStep::kResolve;
   }
-  return can_connect(addresses) ? LoginStep::kNone : LoginStep::kConnect;
+  return can_connect(addresses, timeout_ms) ? LoginStep::kNone : LoginStep::kConnect;
 }
 
 /// A failure leaves what was made so far in place, until the session is disconnected.
@@ -106,7 +106,7 @@ LoginStep attempt(DbSession& session) {
   const Profile profile;
   session.failed_setting = first_bad_setting(profile);
   if (session.failed_setting != LoginSetting::kNone) return LoginStep::kSettings;
-  const LoginStep unreached = reach(profile);
+  const LoginStep unreached = reach(profile, session.probe_timeout_ms);
   if (unreached != LoginStep::kNone) return unreached;
   session.library = session.load_library();
   if (session.library == nullptr) return LoginStep::kLoad;

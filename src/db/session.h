@@ -38,6 +38,9 @@ struct LoginRule {
 /// The first setting of the environment that breaks its rule. An unset database is "default".
 [[nodiscard]] LoginSetting first_bad_login_setting();
 
+/// How long the engine may take to accept the connection that shows that it can be reached.
+inline constexpr std::uint32_t kProbeTimeoutMs = 3000;
+
 /// A session is idle, authenticated (the statement object is there), or latched after a failure
 /// (attempted, no object) until it is disconnected. Used by one thread at a time.
 struct DbSession {
@@ -55,6 +58,7 @@ struct DbSession {
   /// sessions from being made while the process ends.
   std::atomic<std::uint32_t> closed_guard{0};
   Loader* load_library = load_client_library;
+  std::uint32_t probe_timeout_ms = kProbeTimeoutMs;
   /// Set with the instance.
   const ClientLibrary* library = nullptr;
 };

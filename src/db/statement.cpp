@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/string_scan.h"
 #include "base/text.h"
+#include "db/client_library.h"
 #include "db/out_buf.h"
 #include "db/result_json.h"
 
@@ -39,13 +41,14 @@ bool execute_statement(DbSession& session, const char* sql, std::uint32_t max_ro
   if (library.exec(session.statement_object, sql) <= 0) {
     const char* const status = library.status(session.statement_object);
     const bool has_words = status != nullptr && *status != '\0';
-    return refuse(result.error, has_words ? status : "database statement failed");
+    return refuse(result.error, has_words ? cut_text(status, kStatementErrorCapacity - 1)
+                                          : "database statement failed");
   }
   OutBuf out;
-  if (const char* const failure =
-          compose_result_json(library, session.statement_object, max_rows, out, result.rowCount)) {
+  if (!compose_result_json(library, session.statement_object, max_rows, out, result.rowCount,
+                           result.error)) {
     result.rowCount = 0;
-    return refuse(result.error, failure);
+    return false;
   }
   result.textLength = out.length();
   result.text = out.release();

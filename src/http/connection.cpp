@@ -40,7 +40,7 @@ bool expects_answer(std::string_view body) {
   return body.find(R"("id")") != std::string_view::npos;
 }
 
-/// One request in its buffer. The answer of its session takes the request's place.
+/// One request and its buffer, which the session's answer overwrites.
 class Connection {
  public:
   Connection(Socket& socket, const char* port_text, const HttpState& state)

@@ -2,15 +2,20 @@
 
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "base/decimal.h"
 #include "base/exit_code.h"
 #include "base/text.h"
+#include "http/child_starter.h"
 #include "http/connection.h"
+#include "http/rate_window.h"
 #include "http/response.h"
+#include "http/session_table.h"
 #include "platform/clock.h"
 #include "platform/console.h"
+#include "platform/socket.h"
 
 namespace kova {
 

@@ -18,7 +18,7 @@ struct HttpResponse {
 
 /// Composes the head and sends it, then the body. Before a kTooManyRequests it takes in what the
 /// client has sent, so that closing the connection does not destroy the response on its way. A
-/// client that has gone is nobody's failure.
+/// client that has gone changes nothing.
 void write_response(Socket& socket, const HttpResponse& response);
 
 }  // namespace kova

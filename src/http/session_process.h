@@ -6,16 +6,18 @@
 #include <string_view>
 
 #include "http/child_starter.h"
+#include "platform/process.h"
+#include "platform/thread.h"
 
 namespace kova {
 
 /// 64 lower-case hexadecimal characters and the terminator.
 inline constexpr std::size_t kSessionIdCapacity = 65;
-/// The longest answer line, without its line feed and the carriage returns in it.
+/// Bytes of an answer line, without its line feed and the carriage returns in it.
 inline constexpr std::size_t kAnswerLimit = 262144;
 
 /// A server process and the pipes to it. `write` may be called by several threads, every other
-/// function by one at a time; nobody may be in `write` or `read_line` any more when it is ended.
+/// function by one at a time; no thread may be in `write` or `read_line` when `finish` is called.
 class SessionProcess {
  public:
   /// Draws a fresh id and starts the child; false when either fails.

@@ -7,6 +7,7 @@
 //   if (!json_get_string(doc, sql, statement)) return refuse(message, "...");
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <string_view>

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <string_view>
 
 #include "base/ascii.h"
 #include "base/float_text.h"

@@ -1,6 +1,8 @@
 #include "mcp/dispatcher.h"
 
 #include "base/heap_array.h"
+#include "base/text.h"
+#include "json/json.h"
 #include "json/reply.h"
 #include "mcp/duplicate_keys.h"
 #include "mcp/tool_list.h"

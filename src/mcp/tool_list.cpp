@@ -1,6 +1,9 @@
 #include "mcp/tool_list.h"
 
+#include <string_view>
+
 #include "policy/predicates.h"
+#include "tools/tool.h"
 #include "tools/tool_table.h"
 
 namespace kova {

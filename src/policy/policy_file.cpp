@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::uint32_t kVersion = 1;
 constexpr std::uint32_t kDefaultTtlSeconds = 300;
-constexpr std::uint32_t kShortestTtlSeconds = 30;
-constexpr std::uint32_t kLongestTtlSeconds = 900;
+constexpr std::uint32_t kTtlMinimumSeconds = 30;
+constexpr std::uint32_t kTtlLimitSeconds = 900;
 
 constexpr std::string_view kSchemaMessage = "MCP policy JSON/schema is invalid";
 constexpr std::string_view kIdentityMessage = "MCP policy identity/version is invalid";
@@ -104,7 +104,7 @@ class PolicyReader {
   [[nodiscard]] bool approval_ttl() {
     std::uint32_t& seconds = policy_.approval_ttl_seconds;
     return json_get_unsigned(doc_, find("approval_ttl_seconds"), seconds) &&
-           seconds >= kShortestTtlSeconds && seconds <= kLongestTtlSeconds;
+           seconds >= kTtlMinimumSeconds && seconds <= kTtlLimitSeconds;
   }
 
   [[nodiscard]] bool approval_state_directory() {

@@ -21,9 +21,9 @@ constexpr std::string_view kProhibitedWords[] = {
 constexpr std::string_view kTooLarge = "normalized write is too large";
 
 /// Writes the canonical text byte by byte, keeping room for the final ";" and the terminator.
-class Normaliser {
+class CanonicalWriter {
  public:
-  Normaliser(std::string_view sql, TextOut canonical, TextOut message)
+  CanonicalWriter(std::string_view sql, TextOut canonical, TextOut message)
       : sql_(sql), out_(canonical), message_(message) {}
 
   [[nodiscard]] bool run() {
@@ -56,7 +56,7 @@ class Normaliser {
     if (!blank() || !out_.append('\'')) return refuse(message_, kTooLarge);
     const std::size_t end = skip_literal(sql_, position_);
     for (++position_; position_ < std::min(end, sql_.size()); ++position_) {
-      // The text is full: refused without words, whether or not the literal would have ended.
+      // The text is full: refused without a message, whether or not the literal would have ended.
       if (!put(sql_[position_])) return false;
     }
     return end != sql_.npos || refuse(message_, "unterminated write literal");
@@ -119,8 +119,8 @@ bool has_prohibited_word(std::string_view canonical) {
 
 }  // namespace
 
-bool normalise_write(std::string_view sql, TextOut canonical, TextOut message) {
-  return Normaliser(sql, canonical, message).run();
+bool write_canonical(std::string_view sql, TextOut canonical, TextOut message) {
+  return CanonicalWriter(sql, canonical, message).run();
 }
 
 bool write_classify(const McpPolicy& policy, std::string_view sql, ClassifiedWrite& write,
@@ -131,7 +131,7 @@ bool write_classify(const McpPolicy& policy, std::string_view sql, ClassifiedWri
   if (sql.empty() || sql.size() > kSqlLimit) {
     return refuse(message, "write SQL size is invalid");
   }
-  if (!normalise_write(sql, write.canonical, message)) return false;
+  if (!write_canonical(sql, write.canonical, message)) return false;
   const std::string_view canonical(write.canonical);
   std::uint32_t bit = 0;
   if (!classify(canonical, write, bit, message)) return false;

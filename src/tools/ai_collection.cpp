@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "json/json.h"
 #include "policy/predicates.h"
 #include "tools/tool_args.h"
 

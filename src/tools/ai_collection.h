@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "base/text.h"
+#include "json/json.h"
 #include "policy/names.h"
 #include "tools/tool.h"
 

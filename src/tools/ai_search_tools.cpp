@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "base/float_text.h"
+#include "json/json.h"
 #include "tools/ai_collection.h"
 #include "tools/tool_args.h"
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/text.h"
+#include "json/json.h"
 #include "tools/tool.h"
 
 namespace kova {

@@ -3,6 +3,9 @@
 #include <string_view>
 
 #include "base/heap_array.h"
+#include "base/text.h"
+#include "db/session.h"
+#include "db/statement.h"
 #include "policy/predicates.h"
 #include "tools/ai_collection.h"
 #include "tools/tool_args.h"

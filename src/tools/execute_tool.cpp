@@ -2,7 +2,9 @@
 
 #include "approval/token.h"
 #include "base/secret.h"
+#include "base/text.h"
 #include "platform/clock.h"
+#include "policy/policy.h"
 #include "policy/write_classifier.h"
 #include "tools/tool_args.h"
 
@@ -10,7 +12,7 @@ namespace kova {
 
 namespace {
 
-/// A write answers with its status, not with rows.
+/// A write has a status and no rows.
 constexpr std::uint32_t kWriteRows = 1;
 
 bool read_sql(const ToolCall& call, TextOut sql) {

@@ -3,7 +3,11 @@
 #include <atomic>
 #include <string_view>
 
+#include "db/session.h"
+#include "db/statement.h"
+#include "json/json.h"
 #include "platform/process.h"
+#include "policy/policy.h"
 #include "policy/predicates.h"
 #include "tools/ai_collection.h"
 #include "tools/tool_args.h"

@@ -4,6 +4,9 @@
 #include <cstdint>
 
 #include "base/text.h"
+#include "db/session.h"
+#include "db/statement.h"
+#include "json/json.h"
 #include "tools/tool.h"
 
 namespace kova {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "base/ascii.h"
+#include "base/text.h"
 #include "policy/quick_select.h"
 #include "policy/select_validator.h"
 #include "policy/sql_words.h"

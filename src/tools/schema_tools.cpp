@@ -1,6 +1,9 @@
 #include "tools/schema_tools.h"
 
 #include "base/heap_array.h"
+#include "base/text.h"
+#include "policy/names.h"
+#include "policy/policy.h"
 #include "policy/predicates.h"
 #include "tools/tool_args.h"
 
@@ -28,7 +31,7 @@ bool append_rows(TextOut& out, const PolicyNames& list) {
   return true;
 }
 
-/// Answers with the policy's own names instead of the engine's.
+/// The answer is the policy's own names; the engine is not asked.
 bool respond_with_names(const PolicyNames& list, ToolAnswer& answer) {
   HeapArray<char> text(kListCapacity);
   if (!text) return refuse(answer.message, "policy catalog memory limit");

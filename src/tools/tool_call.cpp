@@ -2,7 +2,10 @@
 
 #include <string_view>
 
+#include "audit/audit.h"
+#include "base/text.h"
 #include "platform/clock.h"
+#include "policy/policy.h"
 #include "policy/predicates.h"
 #include "tools/tool_args.h"
 #include "tools/tool_table.h"

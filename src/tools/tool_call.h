@@ -14,7 +14,7 @@ inline constexpr std::size_t kToolNameCapacity = 129;
 
 /// Serves one tools/call, given the indices of the request's id and of its params (-1 when absent).
 /// True when the call has ended in a tool result: exactly one reply line is written, then an audit
-/// record. False leaves the error that the request is to be answered with.
+/// record. False leaves the error for the reply.
 [[nodiscard]] bool handle_tools_call(const JsonDoc& doc, int id, int params, ToolContext& context,
                                      RpcError& error);
 

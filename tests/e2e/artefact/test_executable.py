@@ -9,7 +9,6 @@ from pathlib import Path
 import pytest
 
 from harness.targets import Target
-from harness.waiting import TIMEOUT
 
 pytestmark = pytest.mark.shipped_build
 
@@ -66,15 +65,3 @@ def test_its_resources(target):
     version = "VS_VERSION_INFO".encode("utf-16-le") in data
     manifest = re.search(rb"<activeCodePage[^>]*>UTF-8</activeCodePage>", data) is not None
     assert (version, manifest) == (target.windows, target.windows)
-
-
-@pytest.mark.parametrize("arguments", [[], ["--check-policy"], ["--issue-approval"]],
-                         ids=" ".join)
-def test_without_memory_for_its_line_buffer(target, arguments):
-    """It ends at once, in each mode, without output."""
-    if target.windows:
-        pytest.skip("Wine needs more memory to start than the executable does")
-    limited = ["prlimit", "--data=1000000", *target.command(target.executable, arguments)]
-    done = subprocess.run(limited, env=target.environment({}), capture_output=True,
-                          stdin=subprocess.DEVNULL, timeout=TIMEOUT)
-    assert (done.stdout, done.stderr, done.returncode) == (b"", b"", 2)

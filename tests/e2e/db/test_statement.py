@@ -216,10 +216,11 @@ def test_the_words_of_a_failure(tools, status, words):
     fails(select(tools, result=0, status=status), words)
 
 
-def test_words_are_cut_by_bytes(tools):
-    outcome = select(tools, result=0, status="e" * 254 + "é")
-    assert outcome.reply == tool_error_reply(outcome.raw_id, "e" * 254).replace(
-        b'e"}]', b'e\xc3"}]')
+def test_a_message_is_cut_between_two_characters(tools):
+    for length, tail in ((254, "é"), (253, "€x"), (253, "é")):
+        outcome = select(tools, result=0, status="e" * length + tail + "x")
+        kept = tail if length + len(tail.encode()) <= 255 else ""
+        assert outcome.reply == tool_error_reply(outcome.raw_id, "e" * length + kept)
 
 
 @pytest.mark.parametrize("library", [None, "broken", "incomplete"])

@@ -146,6 +146,24 @@ TEST_F(StatementTest, FailsInTheLibrarysWords) {
   expect_failure(std::string(255, 'w'));
 }
 
+// A reply line stays UTF-8 where the engine's text is.
+TEST_F(StatementTest, AnErrorTextIsCutBetweenTwoCharacters) {
+  const std::string euro = "\xE2\x82\xAC";
+  for (const std::size_t before : {253U, 254U}) {
+    const std::string text(before, 'w');
+    library.answer("s", {.code = 0, .status = text + euro + "x"});
+    EXPECT_FALSE(run("s"));
+    expect_failure(text);
+  }
+  library.answer("s", {.code = 0, .status = std::string(252, 'w') + euro + "x"});
+  EXPECT_FALSE(run("s"));
+  expect_failure(std::string(252, 'w') + euro);
+  // No character there: the bytes are cut where the room ends.
+  library.answer("s", {.code = 0, .status = std::string(254, 'w') + "\xE2\x82xx"});
+  EXPECT_FALSE(run("s"));
+  expect_failure(std::string(254, 'w') + "\xE2");
+}
+
 TEST_F(StatementTest, FailsInItsOwnWordsWithoutTheLibrarys) {
   library.answer("s", {.code = 0, .status = ""});
   EXPECT_FALSE(run("s"));

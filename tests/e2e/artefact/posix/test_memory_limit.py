@@ -3,10 +3,12 @@
 from __future__ import annotations
 
 import resource
+import subprocess
 
 import pytest
 
 from harness.http_client import free_ports
+from harness.waiting import TIMEOUT
 
 pytestmark = pytest.mark.shipped_build
 
@@ -34,3 +36,13 @@ def test_without_memory_for_the_line_buffer_every_mode_ends_with_2(start, argume
 @pytest.mark.parametrize("arguments", [[], ["--check-policy"]], ids=str)
 def test_with_twice_that_memory_there_is_enough(start, arguments):
     assert start(*arguments, prepare=limited_to(2 * LINE_BUFFER)).finish().code == 0
+
+
+@pytest.mark.parametrize("arguments", [[], ["--check-policy"], ["--issue-approval"]],
+                         ids=" ".join)
+def test_without_memory_for_its_line_buffer(target, arguments):
+    """It ends at once, in each mode, without output."""
+    limited = ["prlimit", "--data=1000000", *target.command(target.executable, arguments)]
+    done = subprocess.run(limited, env=target.environment({}), capture_output=True,
+                          stdin=subprocess.DEVNULL, timeout=TIMEOUT)
+    assert (done.stdout, done.stderr, done.returncode) == (b"", b"", 2)
