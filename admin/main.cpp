@@ -1,7 +1,7 @@
 // kova-admin: the table of commands, and the one place where errors end.
-#include <array>
 #include <exception>
 
+#include "admin/approve/approve.h"
 #include "admin/common/command_line.h"
 #include "admin/common/output.h"
 #include "platform/console.h"
@@ -9,7 +9,9 @@
 namespace {
 
 /// A command of two words stands below a parent of its first word.
-constexpr std::array<kova::admin::Command, 0> kCommands = {};
+constexpr kova::admin::Command kCommands[] = {
+    {.name = "approve", .summary = "Read a write and sign it", .add = kova::admin::add_approve},
+};
 
 }  // namespace
 

@@ -16,11 +16,6 @@ constexpr std::size_t kMessageCapacity = 256;
 /// A write answers with its status, not with rows.
 constexpr std::uint32_t kWriteRows = 1;
 
-bool read_sql(const ToolCall& call, TextOut sql) {
-  return check_allowed_members(call.doc, call.arguments, {"sql", "approval_token", "_meta"}) &&
-         get_string_member(call.doc, call.arguments, "sql", sql);
-}
-
 void ask_for_approval(const ToolCall& call, ToolContext& context, const ClassifiedWrite& write) {
   set_decision(context, "approval_required");
   ReplyLine()
@@ -72,6 +67,11 @@ void run_classified(const ToolCall& call, ToolContext& context, const Classified
 
 }  // namespace
 
+bool read_write_sql(const JsonDoc& doc, int arguments, TextOut sql) {
+  return check_allowed_members(doc, arguments, {"sql", "approval_token", "_meta"}) &&
+         get_string_member(doc, arguments, "sql", sql);
+}
+
 void execute_tool(const ToolCall& call, ToolContext& context) {
   // With writes off the tool does not exist, and the answer does not tell.
   if (!policy_writes_allowed(context.policy)) {
@@ -79,9 +79,8 @@ void execute_tool(const ToolCall& call, ToolContext& context) {
     return;
   }
   char sql[kStatementLimit + 1];
-  if (!read_sql(call, sql)) {
-    write_tool_error(call, context,
-                     "kova_execute requires bounded SQL and rejects unknown arguments");
+  if (!read_write_sql(call.doc, call.arguments, sql)) {
+    write_tool_error(call, context, kWriteArgumentsMessage);
     return;
   }
   ClassifiedWrite write;
