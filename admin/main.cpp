@@ -1,6 +1,8 @@
 // kova-admin: the table of commands, and the one place where errors end.
 #include <exception>
 
+#include "admin/approvals/clean.h"
+#include "admin/approvals/list.h"
 #include "admin/approve/approve.h"
 #include "admin/common/command_line.h"
 #include "admin/common/output.h"
@@ -11,6 +13,12 @@ namespace {
 /// A command of two words stands below a parent of its first word.
 constexpr kova::admin::Command kCommands[] = {
     {.name = "approve", .summary = "Read a write and sign it", .add = kova::admin::add_approve},
+    {.name = "approvals list",
+     .summary = "Show what has become of each approval",
+     .add = kova::admin::add_approvals_list},
+    {.name = "approvals clean",
+     .summary = "Remove the markers of tokens that expired long ago",
+     .add = kova::admin::add_approvals_clean},
 };
 
 }  // namespace

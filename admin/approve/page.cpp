@@ -77,8 +77,8 @@ class Page {
 
   void lifetime(UnixMs now) {
     const std::uint32_t seconds = review_.policy->approval_ttl_seconds;
-    line("token", fmt::format("lives {} seconds from the confirmation: until {} if confirmed now",
-                              seconds, time_text(now + std::int64_t{1000} * seconds)));
+    line("token", fmt::format("{} seconds from the confirmation ({} if now)", seconds,
+                              time_text(now + std::int64_t{1000} * seconds)));
   }
 
   void warnings() {
