@@ -5,7 +5,9 @@
 #include <rapidjson/writer.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
+#include <string>
 
 #include "contender.h"
 #include "db/out_buf.h"
@@ -36,7 +38,7 @@ bool write_line_rapidjson(rapidjson::StringBuffer& buffer, const std::string& te
 }
 
 bool write_line_ours(const std::string& text) {
-  kova::ReplyLine().string(text);
+  kova::ReplyLine({}).string(text);
   return true;
 }
 
@@ -47,7 +49,7 @@ bool append_ours(const std::string& text) {
 
 // A buffer of each one's own, as a result has.
 bool append_rapidjson(const std::string& text) {
-  rapidjson::StringBuffer buffer(nullptr, kova::kOutBufFirstCapacity);
+  rapidjson::StringBuffer buffer(nullptr, kova::kOutBufInitialCapacity);
   return write_rapidjson<Writer>(buffer, text) && buffer.GetSize() > text.size();
 }
 

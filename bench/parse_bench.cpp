@@ -4,9 +4,13 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <vector>
 
+#include "base/text.h"
 #include "contender.h"
 #include "json/json.h"
 #include "json_inputs.h"

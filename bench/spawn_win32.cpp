@@ -3,6 +3,7 @@
 // Needs what windows.h declares.
 #include <psapi.h>
 
+#include <string_view>
 #include <utility>
 
 #include "spawn.h"

@@ -7,11 +7,11 @@ readonly -a BUILD=(g++ cmake ninja-build libsodium-dev libsqlite3-dev libcli11-d
 readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
-  curl jq haproxy)
+  curl jq haproxy locales systemd)
 readonly -a PROXY=(nginx openssl)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
-readonly NODE_LEAST=18
+readonly NODE_MINIMUM=18
 
 interop="$(dirname "$(readlink -f "$0")")/../tests/interop"
 readonly interop
@@ -26,7 +26,7 @@ it prints the one command that installs them, and ends with exit code 1.
   build    compilers and libraries for the Linux server and the sample engine
   windows  the cross compiler and Wine
   proxy    the TLS proxy of ./run http; none of the system's services is started
-  test     what ./test needs beside these, Node.js (any from version $NODE_LEAST on) included, and
+  test     what ./test needs beside these, Node.js (any from version $NODE_MINIMUM on) included, and
            the packages that tests/interop/package-lock.json pins
   index    Debian's package index, which the sample data is made from
 EOF
@@ -43,7 +43,7 @@ node_is_there() {
   command -v npm >/dev/null || return 1
   version=$(node --version 2>/dev/null) || return 1
   version=${version#v}
-  ((${version%%.*} >= NODE_LEAST))
+  ((${version%%.*} >= NODE_MINIMUM))
 }
 
 index_is_there() {

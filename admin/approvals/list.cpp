@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "admin/approvals/approval_states.h"
 #include "admin/common/deployment.h"

@@ -20,7 +20,9 @@
 #include "approval/token.h"
 #include "base/ascii.h"
 #include "base/secret.h"
+#include "base/text.h"
 #include "platform/clock.h"
+#include "platform/terminal.h"
 
 namespace kova::admin {
 

@@ -8,6 +8,7 @@
 #include "admin/approve/statement_rows.h"
 #include "admin/common/output.h"
 #include "admin/common/printable.h"
+#include "policy/policy.h"
 
 namespace kova::admin {
 

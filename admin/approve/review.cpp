@@ -9,6 +9,7 @@
 #include "admin/common/refusal.h"
 #include "base/hex.h"
 #include "platform/crypto.h"
+#include "policy/policy_file.h"
 
 namespace kova::admin {
 

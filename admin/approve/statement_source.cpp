@@ -8,6 +8,7 @@
 #include "admin/common/file_text.h"
 #include "admin/common/refusal.h"
 #include "admin/common/utf8.h"
+#include "base/text.h"
 #include "db/statement.h"
 #include "json/json.h"
 #include "mcp/duplicate_keys.h"

@@ -1,6 +1,7 @@
 // Where an issued token goes: standard output or a new file, and nowhere else.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 

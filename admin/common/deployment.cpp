@@ -6,6 +6,7 @@
 #include "admin/common/refusal.h"
 #include "platform/environment.h"
 #include "platform/environment_change.h"
+#include "policy/policy_file.h"
 
 namespace kova::admin {
 

@@ -8,11 +8,14 @@
 #include <string_view>
 
 #include "db/kova_api.h"
+#include "failure.h"
 #include "platform/console.h"
 #include "platform/environment.h"
 #include "platform/library.h"
 
 namespace {
+
+using kova::sample::Failure;
 
 constexpr int kFailed = 1;
 constexpr std::size_t kInputBlock = 65536;
@@ -26,7 +29,7 @@ constexpr const char* kHelp =
     "\n"
     "For each statement it prints its status, and when there are columns a line of their names\n"
     "and a line for each row, with TABs between. A cell's TAB, line end or backslash is written\n"
-    "\\t, \\n, \\r or \\\\, a null \\N. A failure is a line \"error: \" and the engine's words.\n"
+    "\\t, \\n, \\r or \\\\, a null \\N. A failure is a line \"error: \" and its message.\n"
     "Exit codes: 0 everything succeeded, 1 something failed.\n";
 
 struct Operations {
@@ -44,27 +47,34 @@ struct Operations {
   KOVA_FreeObject_t* free_object = nullptr;
   KOVA_StopVantreo_t* stop = nullptr;
 
-  bool load();
+  void load();
 
  private:
   template <typename Function>
-  bool find(Function*& function, const char* name) {
+  void find(Function*& function, const char* name) {
     function = reinterpret_cast<Function*>(library.symbol(name));
-    return function != nullptr;
+    if (function == nullptr) fail();
   }
+  [[noreturn]] static void fail() { throw Failure("cannot load " KOVA_CLIENT_LIBRARY); }
 };
 
-bool Operations::load() {
-  return library.open(KOVA_CLIENT_LIBRARY) && find(create, "KOVA_CreateVantreoInstance") &&
-         find(disable_message, "KOVA_DisableMessage") && find(start, "KOVA_StartVantreo") &&
-         find(new_object, "KOVA_NewObject") && find(exec, "KOVA_Exec") &&
-         find(status, "KOVA_Status") && find(field_count, "KOVA_FieldCount") &&
-         find(field_name, "KOVA_FieldName") && find(next, "KOVA_Next") &&
-         find(data_by_fno, "KOVA_DataByFno") && find(free_object, "KOVA_FreeObject") &&
-         find(stop, "KOVA_StopVantreo");
+void Operations::load() {
+  if (!library.open(KOVA_CLIENT_LIBRARY)) fail();
+  find(create, "KOVA_CreateVantreoInstance");
+  find(disable_message, "KOVA_DisableMessage");
+  find(start, "KOVA_StartVantreo");
+  find(new_object, "KOVA_NewObject");
+  find(exec, "KOVA_Exec");
+  find(status, "KOVA_Status");
+  find(field_count, "KOVA_FieldCount");
+  find(field_name, "KOVA_FieldName");
+  find(next, "KOVA_Next");
+  find(data_by_fno, "KOVA_DataByFno");
+  find(free_object, "KOVA_FreeObject");
+  find(stop, "KOVA_StopVantreo");
 }
 
-// Ends the program when nobody reads any more: a result may have no end of its own.
+// Ends the program when standard output is closed: a result may have no end.
 void print(const std::string& text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) std::_Exit(kFailed);
 }
@@ -93,20 +103,19 @@ std::string escaped(const char* text) {
   return line;
 }
 
-/// A session that is logged in, or why it is not.
+/// A session that is logged in.
 class Client {
  public:
-  bool open();
+  void open();
   ~Client();
   Client() = default;
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  bool run(const std::string& statement);
+  void run(const std::string& statement);
 
  private:
-  bool fail(const std::string& words);
-  bool exec(const std::string& statement);
+  void exec(const std::string& statement);
   void print_line(const char* (*text)(void*, int));
 
   Operations operations_;
@@ -119,32 +128,26 @@ Client::~Client() {
   if (connection_ != nullptr) operations_.stop(connection_);
 }
 
-bool Client::fail(const std::string& words) {
-  print("error: " + words + "\n");
-  return false;
+void Client::exec(const std::string& statement) {
+  if (operations_.exec(object_, statement.c_str()) <= 0) throw Failure(operations_.status(object_));
 }
 
-bool Client::exec(const std::string& statement) {
-  if (operations_.exec(object_, statement.c_str()) > 0) return true;
-  return fail(operations_.status(object_));
-}
-
-bool Client::open() {
-  if (!operations_.load()) return fail("cannot load " KOVA_CLIENT_LIBRARY);
+void Client::open() {
+  operations_.load();
   const kova::EnvironmentValue server("KOVA_MCP_SERVER");
   const kova::EnvironmentValue port("KOVA_MCP_PORT");
   const kova::EnvironmentValue database("KOVA_MCP_DATABASE");
   const kova::EnvironmentValue user("KOVA_MCP_USER");
   const kova::EnvironmentValue password("KOVA_MCP_PASSWORD");
   void* instance = operations_.create();
-  if (instance == nullptr) return fail("no instance");
+  if (instance == nullptr) throw Failure("no instance");
   operations_.disable_message(instance);
   connection_ = operations_.start(instance, 0, server.c_str(), port.c_str());
-  if (connection_ == nullptr) return fail("no connection");
+  if (connection_ == nullptr) throw Failure("no connection");
   object_ = operations_.new_object(connection_);
-  if (object_ == nullptr) return fail("no statement object");
-  return exec(std::string("use ") + database.c_str() + ";") &&
-         exec(std::string("login ") + user.c_str() + "," + password.c_str() + ";");
+  if (object_ == nullptr) throw Failure("no statement object");
+  exec(std::string("use ") + database.c_str() + ";");
+  exec(std::string("login ") + user.c_str() + "," + password.c_str() + ";");
 }
 
 void Client::print_line(const char* (*text)(void*, int)) {
@@ -157,13 +160,24 @@ void Client::print_line(const char* (*text)(void*, int)) {
   print(line + "\n");
 }
 
-bool Client::run(const std::string& statement) {
-  if (!exec(statement)) return false;
+void Client::run(const std::string& statement) {
+  exec(statement);
   print("status: " + std::string(operations_.status(object_)) + "\n");
-  if (operations_.field_count(object_) == 0) return true;
+  if (operations_.field_count(object_) == 0) return;
   print_line(operations_.field_name);
   while (operations_.next(object_) != 0) print_line(operations_.data_by_fno);
-  return true;
+}
+
+// Every failure ends here: it is printed, and the program goes on with the next statement.
+template <typename Work>
+bool attempt(const Work& work) {
+  try {
+    work();
+    return true;
+  } catch (const std::exception& failure) {
+    print("error: " + std::string(failure.what()) + "\n");
+    return false;
+  }
 }
 
 bool run_input(Client& client) {
@@ -178,7 +192,7 @@ bool run_input(Client& client) {
       std::string line = pending.substr(0, end);
       pending.erase(0, end + 1);
       if (line.ends_with('\r')) line.pop_back();
-      if (!line.empty()) succeeded = client.run(line) && succeeded;
+      if (!line.empty()) succeeded = attempt([&] { client.run(line); }) && succeeded;
     }
     if (got == 0) return succeeded;
   }
@@ -193,9 +207,11 @@ int main(int count, char** arguments) {
     return 0;
   }
   Client client;
-  if (!client.open()) return kFailed;
+  if (!attempt([&] { client.open(); })) return kFailed;
   bool succeeded = true;
   if (count == 1) succeeded = run_input(client);
-  for (int i = 1; i < count; ++i) succeeded = client.run(arguments[i]) && succeeded;
+  for (int i = 1; i < count; ++i) {
+    succeeded = attempt([&] { client.run(arguments[i]); }) && succeeded;
+  }
   return succeeded ? 0 : kFailed;
 }

@@ -23,7 +23,7 @@ from collections.abc import Iterator
 
 # Changes with the tables and with what the engine makes of texts, so that databases of an earlier
 # form are built anew.
-FORM = 4
+FORM = 5
 
 SCHEMA = """
 CREATE TABLE PACKAGES (
@@ -81,8 +81,8 @@ INSERT INTO SECTIONS SELECT SECTION, COUNT(*), COALESCE(SUM(INSTALLED_SIZE), 0)
 ANALYZE;
 """
 
-# In the place of a foreign key: it would forbid the kept notes about packages that are gone, and its
-# words name neither table nor column.
+# In the place of a foreign key: that would forbid the kept notes about packages that are gone, and its
+# message names neither table nor column.
 RULES = "".join(f"""
 CREATE TRIGGER NOTES_PACKAGE_{name} AFTER {change} ON NOTES
   WHEN NOT EXISTS (SELECT 1 FROM PACKAGES WHERE NAME = NEW.PACKAGE)
@@ -115,9 +115,9 @@ class Progress:
         start = "\r" if self.terminal else ""
         print(f"{start}loading packages: {step:3d}%", end=end, file=sys.stderr, flush=True)
 
-    def finish(self, words: str) -> None:
+    def finish(self, message: str) -> None:
         start = "\r\x1b[K" if self.terminal else ""
-        print(f"{start}{words}", file=sys.stderr, flush=True)
+        print(f"{start}{message}", file=sys.stderr, flush=True)
 
 
 def stanzas(text: str) -> Iterator[dict[str, str]]:
@@ -213,7 +213,7 @@ def is_current(path: str, mark: int) -> bool:
 
 
 def take_out_of_use(path: str) -> None:
-    """Makes sure that nobody has the old database open: its log must not meet the new file."""
+    """Makes sure that no program has the old database open: its log must not meet the new file."""
     if not os.path.exists(path):
         return
     try:

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <string>
 
 #include "engine/channel.h"
 #include "engine/client_watch.h"
@@ -29,23 +30,26 @@ class Client {
   void serve();
 
  private:
-  void answer_all();
+  void reply_to_all();
+  [[nodiscard]] bool receive(std::uint64_t begin_by, wire::Type& type);
   [[nodiscard]] bool greet();
-  [[nodiscard]] bool answer(wire::Type type);
-  [[nodiscard]] bool answer_exec(wire::PayloadReader& request);
-  [[nodiscard]] bool answer_fetch(wire::PayloadReader& request);
-  [[nodiscard]] bool release(wire::PayloadReader& request);
-  [[nodiscard]] bool refuse(std::string_view reason);
-  void execute(std::string_view statement, Query& query, wire::FrameWriter& reply);
-  [[nodiscard]] std::string_view outcome_words(bool success, std::string_view status);
+  [[nodiscard]] bool reply_to(wire::Type type);
+  [[nodiscard]] bool exec(wire::PayloadReader& request);
+  [[nodiscard]] bool fetch(wire::PayloadReader& request);
+  void release(wire::PayloadReader& request);
+  void refuse(std::string_view reason);
+  template <typename Work>
+  [[nodiscard]] std::string attempt(Query& query, const Work& work);
+  void log(std::string_view what, std::string_view status, std::string_view message,
+           std::uint64_t started);
 
   const Settings& settings_;
   std::uint64_t number_;
   Channel channel_;
-  ClientWatch watch_;
+  ClientWatch client_watch_;
   Session session_;
   std::map<std::uint32_t, Query> objects_;
-  std::uint64_t login_by_;
+  std::uint64_t login_by_;  ///< a tick count
 };
 
 }  // namespace kova::sample

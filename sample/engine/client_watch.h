@@ -1,11 +1,13 @@
-// Whether a statement that runs is still wanted.
+// Whether the client of a running statement is still there.
 #pragma once
+
+#include <poll.h>
 
 #include <atomic>
 
 namespace kova::sample {
 
-/// Watches a session's socket for the client's leaving, and the engine's stop. Used by the thread
+/// Sees when a session's client closes its socket, and when the engine stops. Used by the thread
 /// that serves the session.
 class ClientWatch {
  public:
@@ -14,8 +16,15 @@ class ClientWatch {
 
   /// True once the client has closed its side or the engine stops; stays true then.
   [[nodiscard]] bool gone() { return gone_within(0); }
-  /// Waits so long for that.
-  [[nodiscard]] bool gone_within(int milliseconds);
+
+  /// The same, after a wait of at most so long.
+  [[nodiscard]] bool gone_within(int milliseconds) {
+    if (gone_) return true;
+    // The hang-up alone: a request that waits behind the running one does not count.
+    pollfd entry{.fd = socket_, .events = POLLRDHUP, .revents = 0};
+    gone_ = ::poll(&entry, 1, milliseconds) > 0 || stopping_.load(std::memory_order_relaxed);
+    return gone_;
+  }
 
  private:
   int socket_;

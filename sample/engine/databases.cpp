@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "base/ascii.h"
-#include "engine/collection_setup.h"
+#include "engine/ai/jobs.h"
 
 namespace kova::sample {
 
@@ -25,7 +25,35 @@ bool is_name(std::string_view name) {
 
 }  // namespace
 
-Databases::Databases(std::string folder) : folder_(std::move(folder)) {}
+std::shared_ptr<Store> Database::take(ClientWatch& client) {
+  std::shared_ptr<Store> store = take_free();
+  if (store == nullptr) store = Store::open(path_);
+  store->watch(&client);
+  prepare(*store);
+  return store;
+}
+
+std::shared_ptr<Store> Database::take_free() {
+  const std::lock_guard guard(mutex_);
+  if (free_.empty()) return nullptr;
+  std::shared_ptr<Store> store = std::move(free_.back());
+  free_.pop_back();
+  return store;
+}
+
+void Database::prepare(Store& store) {
+  const std::lock_guard guard(preparing_);
+  // After a failure the next session tries again; this one can do whatever needs no collection.
+  if (!prepared_) prepared_ = try_to_bring_up_to_date(store, Retry::kFailedBuilds);
+}
+
+void Database::give_back(std::shared_ptr<Store> store, std::int64_t temporary_tables_left) {
+  temporary_tables -= temporary_tables_left;
+  if (temporary_tables_left > 0 || store.use_count() > 1) return;
+  store->watch(nullptr);
+  const std::lock_guard guard(mutex_);
+  free_.push_back(std::move(store));
+}
 
 bool Databases::readable() const {
   return std::unique_ptr<DIR, FolderCloser>(::opendir(folder_.c_str())) != nullptr;
@@ -45,46 +73,20 @@ std::vector<std::string> Databases::names() const {
   return names;
 }
 
-bool Databases::find(std::string_view name, std::string& spelled) const {
-  if (!is_name(name)) return false;
-  bool found = false;
+std::string Databases::path_of(const std::string& name) const {
+  return folder_ + "/" + name + std::string(kSuffix);
+}
+
+Database& Databases::find(std::string_view name) {
+  std::string spelled;
   for (const std::string& known : names()) {
     if (!equal_ignoring_case(known, name)) continue;
-    found = true;
     spelled = known;
     if (known == name) break;
   }
-  return found;
-}
-
-std::string Databases::path_of(const std::string& spelled) const {
-  return folder_ + "/" + spelled + std::string(kSuffix);
-}
-
-std::shared_ptr<Store> Databases::open(const std::string& spelled, ClientWatch& watch,
-                                       std::string& error) {
-  hold(spelled);
-  return Store::open(path_of(spelled), watch, error);
-}
-
-std::shared_ptr<Collections> Databases::collections(const std::string& spelled) {
+  if (spelled.empty()) throw Failure("no such database: " + std::string(name));
   const std::lock_guard guard(mutex_);
-  return held_[spelled].collections;
-}
-
-// The last connection of a database takes its write-ahead log away and the next one makes it anew;
-// a connection that stays spares every session both.
-void Databases::hold(const std::string& spelled) {
-  const std::lock_guard guard(mutex_);
-  Held& held = held_[spelled];
-  if (held.collections == nullptr) held.collections = std::make_shared<Collections>();
-  if (held.store != nullptr) return;
-  std::string error;
-  held.store = Store::open(path_of(spelled), nobody_, error);
-  if (held.store == nullptr) return;
-  // What cannot be set up now is tried again by the indexer.
-  static_cast<void>(set_up_collections(*held.store));
-  indexer_.add(path_of(spelled), held.collections);
+  return databases_.try_emplace(spelled, path_of(spelled)).first->second;
 }
 
 }  // namespace kova::sample

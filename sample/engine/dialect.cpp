@@ -1,9 +1,11 @@
 #include "engine/dialect.h"
 
 #include <algorithm>
+#include <string>
 
 #include "base/ascii.h"
-#include "engine/ai_statements.h"
+#include "engine/ai/jobs.h"
+#include "engine/ai/statements.h"
 #include "engine/statement_text.h"
 
 namespace kova::sample {
@@ -18,34 +20,23 @@ struct Statement {
   std::string_view rest;  ///< what follows the first word
 };
 
-Outcome query_store(Session& session, std::string_view sql, Rights rights,
-                    std::string_view parameter = {}) {
-  std::string error;
-  Store* store = session.store(error);
-  if (store == nullptr) return failed(error);
-  Outcome outcome = succeeded("OK");
-  if (!store->prepare(sql, rights, outcome.query)) return failed(store->error());
-  if (parameter.data() != nullptr && !outcome.query.bind(1, parameter)) {
-    return failed(store->error());
-  }
-  return outcome;
+Outcome query_for(Session& session, std::string_view sql, std::string_view parameter) {
+  Query query = session.store().prepare(sql);
+  query.bind(1, parameter);
+  return {.query = std::move(query)};
 }
 
-Outcome change_store(Session& session, std::string_view sql, Rights rights, std::int64_t& changed) {
-  std::string error;
-  Store* store = session.store(error);
-  if (store == nullptr) return failed(error);
-  const bool done = store->change(sql, rights, changed);
-  if (rights == Rights::kDropTemporary) session.count_temporary_tables();
-  if (rights == Rights::kChange) session.databases().run_jobs();
-  return done ? succeeded("OK") : failed(store->error());
+// The one word that is left of a statement, else the failure.
+std::string_view only_word(std::string_view rest, const char* otherwise) {
+  std::string_view word;
+  rest = unterminated(rest);
+  if (!take_last_word(rest, word)) throw Failure(otherwise);
+  return word;
 }
 
 Outcome run_use(Session& session, const Statement& statement) {
-  std::string_view name;
-  std::string_view rest = unterminated(statement.rest);
-  if (!take_last_word(rest, name)) return failed("expected: use NAME;");
-  return session.use(name);
+  session.use(only_word(statement.rest, "expected: use NAME;"));
+  return {};
 }
 
 // The password is everything between the first comma and the last ";", as it stands.
@@ -56,8 +47,9 @@ Outcome run_login(Session& session, const Statement& statement) {
     rest = rest.substr(0, end);
   }
   const std::size_t comma = rest.find(',');
-  if (comma == std::string_view::npos) return failed("expected: login USER,PASSWORD;");
-  return session.login(trimmed(rest.substr(0, comma)), rest.substr(comma + 1));
+  if (comma == std::string_view::npos) throw Failure("expected: login USER,PASSWORD;");
+  session.login(trimmed(rest.substr(0, comma)), rest.substr(comma + 1));
+  return {};
 }
 
 Outcome list_databases(Session& session) {
@@ -66,68 +58,55 @@ Outcome list_databases(Session& session) {
     if (names.size() > 1) names += ',';
     names += '"' + name + '"';
   }
-  names += ']';
-  return query_store(session, "SELECT value AS NAME FROM json_each(?1)", Rights::kEngine, names);
+  return query_for(session, "SELECT value AS NAME FROM json_each(?1)", names + ']');
 }
 
 Outcome list_tables(Session& session) {
-  return query_store(session,
-                     "SELECT name AS NAME, upper(type) AS TYPE FROM"
-                     " (SELECT name, type FROM sqlite_schema"
-                     "  UNION ALL SELECT name, 'temporary table' FROM sqlite_temp_schema"
-                     "  WHERE type = 'table')"
-                     " WHERE type IN ('table', 'view', 'temporary table')"
-                     " AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'"
-                     " AND name NOT LIKE 'AI\\_%' ESCAPE '\\' ORDER BY name",
-                     Rights::kEngine);
+  return {.query = session.store().prepare(
+              "SELECT name AS NAME, upper(type) AS TYPE FROM"
+              " (SELECT name, type FROM sqlite_schema"
+              "  UNION ALL SELECT name, 'temporary table' FROM sqlite_temp_schema"
+              "  WHERE type = 'table')"
+              " WHERE type IN ('table', 'view', 'temporary table')"
+              " AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'"
+              " AND name NOT LIKE 'AI\\_%' ESCAPE '\\' ORDER BY name")};
 }
 
 Outcome run_list(Session& session, const Statement& statement) {
-  std::string_view what;
-  std::string_view rest = unterminated(statement.rest);
-  if (take_last_word(rest, what)) {
-    if (equal_ignoring_case(what, "database")) return list_databases(session);
-    if (equal_ignoring_case(what, "table")) return list_tables(session);
-  }
-  return failed("expected: list database; or list table;");
+  constexpr const char* kForm = "expected: list database; or list table;";
+  const std::string_view what = only_word(statement.rest, kForm);
+  if (equal_ignoring_case(what, "database")) return list_databases(session);
+  if (equal_ignoring_case(what, "table")) return list_tables(session);
+  throw Failure(kForm);
 }
 
 Outcome run_describe(Session& session, const Statement& statement) {
-  std::string_view table;
-  std::string_view rest = unterminated(statement.rest);
-  if (!take_last_word(rest, table)) return failed("expected: describe TABLE;");
-  Outcome known = query_store(session,
-                              "SELECT 1 FROM (SELECT name, type FROM sqlite_schema UNION ALL"
-                              " SELECT name, type FROM sqlite_temp_schema)"
-                              " WHERE name = ?1 COLLATE NOCASE AND type IN ('table', 'view')",
-                              Rights::kEngine, table);
-  if (!known.success) return known;
-  switch (known.query.step()) {
-    case Query::Step::kFailed:
-      return failed(known.query.store().error());
-    case Query::Step::kEnd:
-      return failed("no such table: " + std::string(table));
-    case Query::Step::kRow:
-      break;
-  }
-  return query_store(session,
-                     "SELECT name AS NAME, type AS TYPE,"
-                     " CASE WHEN \"notnull\" OR pk THEN 'NO' ELSE 'YES' END AS NULLABLE,"
-                     " dflt_value AS DEFAULT_VALUE, pk AS KEY_POSITION"
-                     " FROM pragma_table_info(?1)",
-                     Rights::kEngine, table);
+  const std::string_view table = only_word(statement.rest, "expected: describe TABLE;");
+  Outcome known = query_for(session,
+                            "SELECT 1 FROM (SELECT name, type FROM sqlite_schema UNION ALL"
+                            " SELECT name, type FROM sqlite_temp_schema)"
+                            " WHERE name = ?1 COLLATE NOCASE AND type IN ('table', 'view')",
+                            table);
+  if (!known.query.step()) throw Failure("no such table: " + std::string(table));
+  return query_for(session,
+                   "SELECT name AS NAME, type AS TYPE,"
+                   " CASE WHEN \"notnull\" OR pk THEN 'NO' ELSE 'YES' END AS NULLABLE,"
+                   " dflt_value AS DEFAULT_VALUE, pk AS KEY_POSITION"
+                   " FROM pragma_table_info(?1)",
+                   table);
 }
 
 Outcome run_select(Session& session, const Statement& statement) {
-  return query_store(session, statement.text, Rights::kRead);
+  return {.query = session.store().prepare(statement.text, Rights::kRead)};
 }
 
-Outcome run_change(Session& session, const Statement& statement, std::string_view done) {
-  std::int64_t changed = 0;
-  Outcome outcome = change_store(session, statement.text, Rights::kChange, changed);
-  if (!outcome.success) return outcome;
-  return succeeded(std::to_string(changed) + (changed == 1 ? " row " : " rows ") +
-                   std::string(done));
+Outcome run_change(Session& session, const Statement& statement, const char* done) {
+  Store& store = session.store();
+  const std::int64_t changed = store.change(statement.text, Rights::kChange);
+  // Jobs that cannot run now wait for the next statement about their collection.
+  static_cast<void>(try_to_bring_up_to_date(store));
+  return {.status = std::to_string(changed) + (changed == 1 ? " row " : " rows ") + done,
+          .query = {}};
 }
 
 Outcome run_insert(Session& session, const Statement& statement) {
@@ -143,23 +122,19 @@ Outcome run_delete(Session& session, const Statement& statement) {
 }
 
 Outcome run_drop(Session& session, const Statement& statement) {
-  std::string_view table;
+  constexpr const char* kForm = "expected: drop table NAME;";
   std::string_view rest = unterminated(statement.rest);
-  if (!equal_ignoring_case(take_word(rest), "table") || !take_last_word(rest, table)) {
-    return failed("expected: drop table NAME;");
-  }
-  Outcome known = query_store(session,
-                              "SELECT 1 FROM sqlite_temp_schema"
-                              " WHERE type = 'table' AND name = ?1 COLLATE NOCASE",
-                              Rights::kEngine, table);
-  if (!known.success) return known;
-  if (known.query.step() != Query::Step::kRow) {
-    return failed("no such temporary table: " + std::string(table));
-  }
+  if (!take_keyword(rest, "table")) throw Failure(kForm);
+  const std::string table(only_word(rest, kForm));
+  Outcome known = query_for(session,
+                            "SELECT 1 FROM sqlite_temp_schema"
+                            " WHERE type = 'table' AND name = ?1 COLLATE NOCASE",
+                            table);
+  if (!known.query.step()) throw Failure("no such temporary table: " + table);
   known.query.close();
-  std::int64_t changed = 0;
-  return change_store(session, "DROP TABLE temp.\"" + std::string(table) + '"',
-                      Rights::kDropTemporary, changed);
+  session.store().change("DROP TABLE temp.\"" + table + '"', Rights::kDropTemporary);
+  session.count_temporary_tables(-1);
+  return {};
 }
 
 Outcome run_search_statement(Session& session, const Statement& statement) {
@@ -170,8 +145,7 @@ Outcome run_show_statement(Session& session, const Statement& statement) {
   return run_show(session, statement.rest);
 }
 
-/// A statement of the dialect: its first word, whether it is answered before the login, what runs
-/// it.
+/// A statement of the dialect: its first word, whether it may come before the login, what runs it.
 struct StatementKind {
   std::string_view word;
   bool before_login;
@@ -203,8 +177,8 @@ const StatementKind* find_statement(std::string_view word) {
   return found != std::end(kStatements) ? found : nullptr;
 }
 
-// The word that a statement begins with, or the one byte that is none. No more of it: an error's
-// text gets into the log, and what nobody understands may hold a password.
+// The word that a statement begins with, or its one byte that begins no word. No more than that:
+// the message gets into the log, and a mistyped statement may hold a password.
 std::string beginning(std::string_view statement) {
   statement = trimmed(statement);
   std::string_view rest = statement;
@@ -215,14 +189,14 @@ std::string beginning(std::string_view statement) {
 }  // namespace
 
 Outcome run_statement(Session& session, std::string_view statement) {
-  if (statement.find('\0') != std::string_view::npos) return failed("the statement holds a NUL");
-  if (unterminated(statement).empty()) return failed("the statement is empty");
+  if (statement.find('\0') != std::string_view::npos) throw Failure("the statement holds a NUL");
+  if (unterminated(statement).empty()) throw Failure("the statement is empty");
   std::string_view rest = statement;
   const StatementKind* kind = find_statement(take_word(rest));
   if (!session.logged_in() && (kind == nullptr || !kind->before_login)) {
-    return failed("not logged in");
+    throw Failure("not logged in");
   }
-  if (kind == nullptr) return failed("unknown statement: " + beginning(statement));
+  if (kind == nullptr) throw Failure("unknown statement: " + beginning(statement));
   return kind->run(session, {.text = statement, .rest = rest});
 }
 

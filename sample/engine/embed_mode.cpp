@@ -1,90 +1,68 @@
 #include "engine/embed_mode.h"
 
-#include <unistd.h>
+#include <memory>
 
-#include <vector>
-
+#include "engine/ai/collection.h"
+#include "engine/ai/jobs.h"
 #include "engine/databases.h"
-#include "engine/jobs.h"
 #include "platform/console.h"
 
 namespace kova::sample {
 
 namespace {
 
-constexpr int kStep = 20;
+constexpr int kStepPercent = 20;
 
-// A line that is rewritten in place on a terminal; elsewhere a line every twenty percent.
-class ProgressLine {
- public:
-  explicit ProgressLine(std::string database) : database_(std::move(database)) {}
-
-  void show(std::string_view collection, int percent) {
-    const int step = terminal_ ? percent : percent / kStep * kStep;
-    if (step == shown_) return;
-    shown_ = step;
-    std::string line = terminal_ ? "\r" : "";
-    line += "embedding " + database_ + ".";
-    line.append(collection).append(": " + std::to_string(step) + "%");
-    write_stderr(line + (terminal_ ? "" : "\n"));
-  }
-
-  void finish() {
-    if (terminal_ && shown_ >= 0) write_stderr("\r\x1b[K");
-  }
-
- private:
-  std::string database_;
-  bool terminal_ = ::isatty(STDERR_FILENO) == 1;
-  int shown_ = -1;
-};
-
-bool print_failure(const std::string& subject, const Store& store) {
-  write_stdout(subject + ": " + store.error() + "\n");
-  return false;
-}
-
-bool print_collection(Store& store, const std::string& database, const std::string& name) {
-  const std::string subject = database + "." + name;
-  Collection collection;
-  std::int64_t vectors = 0;
-  if (!find_collection(store, name, collection) || !count_vectors(store, collection, vectors)) {
-    return print_failure(subject, store);
-  }
-  write_stdout(subject + ": " + std::to_string(vectors) +
-               (vectors == 1 ? " vector\n" : " vectors\n"));
-  return true;
-}
-
-bool embed_database(Databases& databases, const std::string& database, ClientWatch& nobody) {
-  std::string error;
-  const std::shared_ptr<Store> store = Store::open(databases.path_of(database), nobody, error);
-  if (store == nullptr) {
-    write_stdout(database + ": " + error + "\n");
+// Prints what a piece of work reports, or why it failed.
+template <typename Work>
+bool print_result(const std::string& subject, const Work& work) {
+  try {
+    write_stdout(subject + ": " + work() + "\n");
+    return true;
+  } catch (const Failure& failure) {
+    write_stdout(subject + ": " + failure.what() + "\n");
     return false;
   }
-  Collections collections;
-  ProgressLine line(database);
-  const bool done = retry_failed_builds(*store) &&
-                    run_jobs(*store, collections,
-                             [&](std::string_view name, int percent) { line.show(name, percent); });
-  line.finish();
-  std::vector<std::string> names;
-  if (!done || !collection_names(*store, names)) return print_failure(database, *store);
+}
+
+BuildProgress progress_of(const std::string& database) {
+  return [database, shown = 0](std::string_view collection, int percent) mutable {
+    const int step = percent / kStepPercent * kStepPercent;
+    if (step == shown) return;
+    shown = step;
+    write_stderr("embedding " + database + "." + std::string(collection) + ": " +
+                 std::to_string(step) + "%\n");
+  };
+}
+
+std::string count_of_vectors(Store& store, const std::string& name) {
+  const std::int64_t count = count_vectors(store, find_collection(store, name));
+  return std::to_string(count) + (count == 1 ? " vector" : " vectors");
+}
+
+bool embed_database(const std::string& path, const std::string& database) {
+  const std::shared_ptr<Store> store = Store::open(path);
+  bring_up_to_date(*store, Retry::kFailedBuilds, progress_of(database));
   bool all = true;
-  for (const std::string& name : names) all = print_collection(*store, database, name) && all;
+  for (const std::string& name : collection_names(*store)) {
+    all =
+        print_result(database + "." + name, [&] { return count_of_vectors(*store, name); }) && all;
+  }
   return all;
 }
 
 }  // namespace
 
-bool embed_collections(const std::string& folder) {
-  Databases databases(folder);
-  const std::atomic<bool> never = false;
-  ClientWatch nobody(-1, never);
+bool embed_all(const std::string& folder) {
+  const Databases databases(folder);
   bool all = true;
   for (const std::string& name : databases.names()) {
-    all = embed_database(databases, name, nobody) && all;
+    try {
+      all = embed_database(databases.path_of(name), name) && all;
+    } catch (const Failure& failure) {
+      write_stdout(name + ": " + failure.what() + "\n");
+      all = false;
+    }
   }
   return all;
 }

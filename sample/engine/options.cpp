@@ -3,7 +3,7 @@
 #include <getopt.h>
 
 #include <charconv>
-#include <string_view>
+#include <cstring>
 
 namespace kova::sample {
 
@@ -23,75 +23,67 @@ constexpr option kOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-template <typename Number>
-bool parse_number(std::string_view text, unsigned least, unsigned most, Number& value) {
-  unsigned number = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, failure] = std::from_chars(text.data(), end, number);
-  if (failure != std::errc() || stop != end || number < least || number > most) return false;
-  value = static_cast<Number>(number);
-  return true;
+[[noreturn]] void fail(const std::string& message) {
+  throw BadInput(message + "; try --help");
 }
 
-bool apply(int which, const char* value, Options& options, std::string& error) {
+unsigned number(const char* text, unsigned minimum, unsigned limit, const char* otherwise) {
+  unsigned value = 0;
+  const char* end = text + std::strlen(text);
+  const auto [stop, failure] = std::from_chars(text, end, value);
+  if (failure != std::errc() || stop != end || value < minimum || value > limit) fail(otherwise);
+  return value;
+}
+
+void apply(int which, const char* value, Options& options) {
   switch (which) {
     case kPort:
-      if (parse_number(value, 0, 65535, options.port)) return true;
-      error = "--port takes a number from 0 to 65535";
-      return false;
+      options.port = static_cast<std::uint16_t>(
+          number(value, 0, 65535, "--port takes a number from 0 to 65535"));
+      break;
     case kConnections:
-      if (parse_number(value, 1, 1000, options.connections)) return true;
-      error = "--connections takes a number from 1 to 1000";
-      return false;
+      options.connections = number(value, 1, 1000, "--connections takes a number from 1 to 1000");
+      break;
     case kTimeout:
-      if (parse_number(value, 1, 3600, options.timeout_seconds)) return true;
-      error = "--timeout takes a number of seconds from 1 to 3600";
-      return false;
+      options.timeout_seconds =
+          number(value, 1, 3600, "--timeout takes a number of seconds from 1 to 3600");
+      break;
     case kData:
       options.data = value;
-      return true;
+      break;
     case kUsers:
       options.users = value;
-      return true;
+      break;
     case kLog:
       options.log = true;
-      return true;
+      break;
     case kEmbed:
       options.embed = true;
-      return true;
-    case kHelp:
-      options.help = true;
-      return true;
+      break;
     default:
-      return false;
+      options.help = true;
   }
 }
 
 }  // namespace
 
-bool parse_options(int count, char** arguments, Options& options, std::string& error) {
+Options parse_options(int count, char** arguments) {
+  Options options;
   opterr = 0;
   optind = 1;
   for (;;) {
     const int at = optind;
     const int which = ::getopt_long(count, arguments, ":", kOptions, nullptr);
     if (which == -1) break;
-    if (which == '?' || which == ':') {
-      error = which == ':' ? "missing value after " : "unknown option ";
-      error += arguments[at];
-      return false;
-    }
-    if (!apply(which, optarg, options, error)) return false;
-    if (options.help) return true;
+    if (which == ':') fail(std::string("missing value after ") + arguments[at]);
+    if (which == '?') fail(std::string("unknown option ") + arguments[at]);
+    apply(which, optarg, options);
+    if (options.help) return options;
   }
-  if (optind < count) {
-    error = "unexpected argument ";
-    error += arguments[optind];
-    return false;
-  }
-  if (!options.data.empty() && (options.embed || !options.users.empty())) return true;
-  error = "--data and --users are needed";
-  return false;
+  if (optind < count) fail(std::string("unexpected argument ") + arguments[optind]);
+  const bool complete = !options.data.empty() && (options.embed || !options.users.empty());
+  if (!complete) fail("--data and --users are needed");
+  return options;
 }
 
 const char* help_text() {
@@ -115,7 +107,7 @@ const char* help_text() {
          "\n"
          "Statements: use NAME; login USER,PASSWORD; list ...; describe TABLE; SELECT ...;\n"
          "INSERT ...; UPDATE ...; DELETE ...; search ai ...; show ai ...; DROP TABLE of a\n"
-         "temporary table. Nothing but use and login is answered before the login.\n";
+         "temporary table. Before the login only use and login.\n";
 }
 
 }  // namespace kova::sample

@@ -5,7 +5,15 @@
 #include <cstdint>
 #include <string>
 
+#include "failure.h"
+
 namespace kova::sample {
+
+/// A failure of what the user gave: the command line or the users file.
+class BadInput : public Failure {
+ public:
+  using Failure::Failure;
+};
 
 struct Options {
   std::uint16_t port = 0;
@@ -18,8 +26,8 @@ struct Options {
   bool help = false;
 };
 
-/// False leaves one line's words in `error`.
-[[nodiscard]] bool parse_options(int count, char** arguments, Options& options, std::string& error);
+/// Throws for the first argument that is wrong.
+[[nodiscard]] Options parse_options(int count, char** arguments);
 
 /// What --help prints.
 [[nodiscard]] const char* help_text();

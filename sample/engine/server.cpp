@@ -20,12 +20,11 @@ namespace kova::sample {
 namespace {
 
 constexpr int kBacklog = 128;
-// What the listener waits for when it cannot take a client just now.
-constexpr useconds_t kShortage = 20'000;
+// The pause after the system had no room for another client.
+constexpr useconds_t kShortageUs = 20'000;
 
-bool fail(std::string& error, const char* what) {
-  error = std::string(what) + ": " + std::strerror(errno);
-  return false;
+[[noreturn]] void fail(const std::string& what) {
+  throw Failure(what + ": " + std::strerror(errno));
 }
 
 }  // namespace
@@ -46,17 +45,25 @@ Server::~Server() {
   }
 }
 
-bool Server::listen(std::string& error) {
-  if (!databases_.readable()) return fail(error, ("cannot read " + options_.data).c_str());
+void Server::listen() {
+  if (!databases_.readable()) fail("cannot read " + options_.data);
+  open_descriptors();
+  bind_listener();
+}
+
+void Server::open_descriptors() {
   sigset_t stops;
   sigemptyset(&stops);
   sigaddset(&stops, SIGTERM);
   sigaddset(&stops, SIGINT);
-  if (::pthread_sigmask(SIG_BLOCK, &stops, nullptr) != 0) return fail(error, "signals");
+  if (::pthread_sigmask(SIG_BLOCK, &stops, nullptr) != 0) fail("signals");
   signals_ = ::signalfd(-1, &stops, SFD_CLOEXEC);
   ended_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (signals_ < 0 || ended_ < 0 || listener_ < 0) return fail(error, "cannot listen");
+  if (signals_ < 0 || ended_ < 0 || listener_ < 0) fail("cannot listen");
+}
+
+void Server::bind_listener() {
   const int on = 1;
   ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address{};
@@ -67,10 +74,9 @@ bool Server::listen(std::string& error) {
   auto* generic = reinterpret_cast<sockaddr*>(&address);
   if (::bind(listener_, generic, size) != 0 || ::listen(listener_, kBacklog) != 0 ||
       ::getsockname(listener_, generic, &size) != 0) {
-    return fail(error, ("cannot listen on 127.0.0.1:" + std::to_string(options_.port)).c_str());
+    fail("cannot listen on 127.0.0.1:" + std::to_string(options_.port));
   }
   port_ = ntohs(address.sin_port);
-  return true;
 }
 
 void Server::run() {
@@ -92,7 +98,7 @@ void Server::accept_client() {
   if (socket < 0) {
     // Out of descriptors or memory: the client waits in the queue, and so does this loop.
     if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      ::usleep(kShortage);
+      ::usleep(kShortageUs);
     }
     return;
   }
@@ -122,7 +128,7 @@ void Server::serve(Connection& connection) {
     Client client(connection.socket, connection.number, settings_);
     client.serve();
   }
-  // The descriptor stays until the thread is joined, so that its number means this client.
+  // Closed only after the join: until then the number must not become another client's.
   ::shutdown(connection.socket, SHUT_RDWR);
   connection.done.store(true, std::memory_order_release);
   const std::uint64_t one = 1;

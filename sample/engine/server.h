@@ -1,4 +1,4 @@
-// The listener and the threads of its clients.
+// The listener and one thread for each client.
 #pragma once
 
 #include <atomic>
@@ -23,9 +23,8 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  /// Listens; false leaves the words in `error`. From here on SIGTERM and SIGINT are taken in by
-  /// `run`.
-  [[nodiscard]] bool listen(std::string& error);
+  /// Listens. From here on SIGTERM and SIGINT wait for `run`.
+  void listen();
   [[nodiscard]] std::uint16_t port() const { return port_; }
   /// Returns after a signal, with no client and no thread left.
   void run();
@@ -38,6 +37,8 @@ class Server {
     std::atomic<bool> done = false;
   };
 
+  void open_descriptors();
+  void bind_listener();
   void accept_client();
   void serve(Connection& connection);
   void reap();

@@ -1,42 +1,33 @@
 #include "engine/session.h"
 
+#include <utility>
+
 namespace kova::sample {
 
-Outcome Session::use(std::string_view database) {
-  std::string spelled;
-  if (!databases_.find(database, spelled)) {
-    return failed("no such database: " + std::string(database));
-  }
-  database_ = std::move(spelled);
+void Session::use(std::string_view name) {
+  Database& chosen = databases_.find(name);
   end();
-  return succeeded("OK");
+  database_ = &chosen;
 }
 
-Outcome Session::login(std::string_view user, std::string_view password) {
+void Session::login(std::string_view user, std::string_view password) {
   logged_in_ = users_.admits(user, password);
-  return logged_in_ ? succeeded("OK") : failed("wrong user or password");
+  if (!logged_in_) throw Failure("wrong user or password");
 }
 
-Store* Session::store(std::string& error) {
-  if (store_ != nullptr) return store_.get();
-  if (database_.empty()) {
-    store_ = Store::open("", watch_, error);
-    collections_ = std::make_shared<Collections>();
-  } else {
-    store_ = databases_.open(database_, watch_, error);
-    collections_ = databases_.collections(database_);
-  }
-  return store_.get();
+Store& Session::store() {
+  if (store_ == nullptr) store_ = database_->take(client_);
+  return *store_;
 }
 
-void Session::count_temporary_tables() {
-  store_->count_temporary_tables({collections_, &collections_->temporary_tables});
+void Session::count_temporary_tables(std::int64_t change) {
+  temporary_tables_ += change;
+  database_->temporary_tables += change;
 }
 
 std::int64_t Session::end() {
-  const std::int64_t ended = store_ != nullptr ? store_->temporary_tables() : 0;
-  store_.reset();
-  collections_.reset();
+  const std::int64_t ended = std::exchange(temporary_tables_, 0);
+  if (store_ != nullptr) database_->give_back(std::exchange(store_, nullptr), ended);
   return ended;
 }
 

@@ -1,6 +1,7 @@
-// What a client has got so far: its user, its database.
+// What a client has reached so far: its user and its database.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,51 +13,46 @@
 
 namespace kova::sample {
 
-/// How a statement ended. An open query has rows to give.
+/// What a statement that succeeded returns. An open query has rows to give.
 struct Outcome {
-  bool success = false;
-  std::string status;
+  std::string status = "OK";
   Query query;
 };
-
-[[nodiscard]] inline Outcome succeeded(std::string status) {
-  return {.success = true, .status = std::move(status), .query = {}};
-}
-
-[[nodiscard]] inline Outcome failed(std::string status) {
-  return {.success = false, .status = std::move(status), .query = {}};
-}
 
 /// One client's session. Used by the thread that serves it.
 class Session {
  public:
-  Session(const Users& users, Databases& databases, ClientWatch& watch)
-      : users_(users), databases_(databases), watch_(watch) {}
+  Session(const Users& users, Databases& databases, ClientWatch& client)
+      : users_(users), databases_(databases), client_(client) {}
+  ~Session() { end(); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
-  [[nodiscard]] Outcome use(std::string_view database);
-  [[nodiscard]] Outcome login(std::string_view user, std::string_view password);
+  void use(std::string_view name);
+  void login(std::string_view user, std::string_view password);
   [[nodiscard]] bool logged_in() const { return logged_in_; }
 
   [[nodiscard]] Databases& databases() const { return databases_; }
-  /// The connection to the chosen database, opened at the first call; while none is chosen, to an
-  /// empty one. Null leaves the words in `error`.
-  [[nodiscard]] Store* store(std::string& error);
-  /// The collections of the database that `store` has answered.
-  [[nodiscard]] Collections& collections() { return *collections_; }
-  /// To be called when the connection's temporary tables may be others than before.
-  void count_temporary_tables();
-  /// Leaves the database, and with it the temporary tables; answers how many they were. Queries of
-  /// the session are closed before.
+  /// The connection to the chosen database, taken at the first call; while none is chosen, one to
+  /// an empty database.
+  [[nodiscard]] Store& store();
+  /// Counts temporary tables that the session has made, or with -1 dropped.
+  void count_temporary_tables(std::int64_t change);
+  /// Temporary tables that all sessions on the database have.
+  [[nodiscard]] std::int64_t all_temporary_tables() const { return database_->temporary_tables; }
+  /// Leaves the database and with it the temporary tables; returns how many there were. The
+  /// session's queries are closed before.
   std::int64_t end();
 
  private:
   const Users& users_;
   Databases& databases_;
-  ClientWatch& watch_;
+  ClientWatch& client_;
   bool logged_in_ = false;
-  std::string database_;
+  Database none_{":memory:"};
+  Database* database_ = &none_;
   std::shared_ptr<Store> store_;
-  std::shared_ptr<Collections> collections_;
+  std::int64_t temporary_tables_ = 0;
 };
 
 }  // namespace kova::sample

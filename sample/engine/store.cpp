@@ -1,10 +1,9 @@
 #include "engine/store.h"
 
-#include <optional>
 #include <utility>
 
 #include "base/ascii.h"
-#include "engine/sql_functions.h"
+#include "engine/ai/vector.h"
 #include "wire/wire.h"
 
 namespace kova::sample {
@@ -16,8 +15,10 @@ constexpr int kLikePatternLimit = 1000;
 constexpr int kBusyTimeoutMs = 5000;
 constexpr int kBusyWaitMs = 5;
 constexpr std::size_t kErrorLimit = 1000;
-// About 50 microseconds of SQLite's work between two looks at the socket.
-constexpr int kStepsBetweenLooks = 4000;
+// About 50 microseconds of SQLite's work between two checks of the socket.
+constexpr int kStepsBetweenChecks = 4000;
+// Reads through a mapping save a search a copy of every page.
+constexpr const char* kMapFile = "PRAGMA mmap_size=268435456";
 
 bool is_schema_table(const char* table) {
   return table != nullptr && equal_ignoring_case(std::string_view(table).substr(0, 7), "sqlite_");
@@ -40,7 +41,7 @@ bool may_read(int action, const char* function) {
   }
 }
 
-// The engine's own tables change by its triggers alone.
+// The engine's own tables are changed by its triggers only.
 bool may_change(int action, const char* table, const char* trigger) {
   const bool changes =
       action == SQLITE_INSERT || action == SQLITE_UPDATE || action == SQLITE_DELETE;
@@ -64,7 +65,8 @@ bool only_separators(const char* tail, const char* end) {
 Query::Query(Query&& other) noexcept
     : store_(std::move(other.store_)),
       statement_(std::exchange(other.statement_, nullptr)),
-      rights_(other.rights_) {}
+      rights_(other.rights_),
+      ahead_(std::exchange(other.ahead_, std::nullopt)) {}
 
 Query& Query::operator=(Query&& other) noexcept {
   if (this == &other) return *this;
@@ -72,6 +74,7 @@ Query& Query::operator=(Query&& other) noexcept {
   store_ = std::move(other.store_);
   statement_ = std::exchange(other.statement_, nullptr);
   rights_ = other.rights_;
+  ahead_ = std::exchange(other.ahead_, std::nullopt);
   return *this;
 }
 
@@ -79,20 +82,30 @@ void Query::close() {
   sqlite3_finalize(statement_);
   statement_ = nullptr;
   store_.reset();
+  ahead_.reset();
 }
 
-Query::Step Query::step() {
-  // A statement is prepared again inside the step when the schema has changed.
+bool Query::step() {
+  if (!ahead_.has_value()) return compute_row();
+  return *std::exchange(ahead_, std::nullopt);
+}
+
+void Query::step_ahead() {
+  ahead_ = compute_row();
+}
+
+bool Query::compute_row() {
+  // The step prepares the statement again when the schema has changed, and the authorizer is asked
+  // once more.
   store_->rights_ = rights_;
-  switch (sqlite3_step(statement_)) {
-    case SQLITE_ROW:
-      return Step::kRow;
-    case SQLITE_DONE:
-      return Step::kEnd;
-    default:
-      store_->fail_with_database_words();
-      return Step::kFailed;
-  }
+  const int result = sqlite3_step(statement_);
+  if (result != SQLITE_ROW && result != SQLITE_DONE) store_->fail();
+  return result == SQLITE_ROW;
+}
+
+void Query::run() {
+  step();
+  rewind();
 }
 
 std::string_view Query::column_name(int column) const {
@@ -118,49 +131,45 @@ std::string_view Query::blob(int column) const {
           static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
 }
 
-bool Query::bind(int parameter, std::int64_t number) {
-  return sqlite3_bind_int64(statement_, parameter, number) == SQLITE_OK;
+Query& Query::bound(int result) {
+  if (result != SQLITE_OK) store_->fail();
+  return *this;
 }
 
-bool Query::bind_blob(int parameter, std::string_view bytes) {
-  return sqlite3_bind_blob64(statement_, parameter, bytes.data(), bytes.size(), SQLITE_TRANSIENT) ==
-         SQLITE_OK;
+Query& Query::bind(int parameter, std::string_view text) {
+  return bound(sqlite3_bind_text64(statement_, parameter, text.data(), text.size(),
+                                   SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
-bool Query::bind_cell(int parameter, const Query& from, int column) {
-  return sqlite3_bind_value(statement_, parameter, sqlite3_column_value(from.statement_, column)) ==
-         SQLITE_OK;
+Query& Query::bind(int parameter, std::int64_t number) {
+  return bound(sqlite3_bind_int64(statement_, parameter, number));
 }
 
-void Query::rewind() {
-  sqlite3_reset(statement_);
+Query& Query::bind_blob(int parameter, std::string_view bytes) {
+  return bound(
+      sqlite3_bind_blob64(statement_, parameter, bytes.data(), bytes.size(), SQLITE_TRANSIENT));
 }
 
-bool Query::bind(int parameter, std::string_view text) {
-  return sqlite3_bind_text64(statement_, parameter, text.data(), text.size(), SQLITE_TRANSIENT,
-                             SQLITE_UTF8) == SQLITE_OK;
+Query& Query::bind_cell(int parameter, const Query& from, int column) {
+  return bound(
+      sqlite3_bind_value(statement_, parameter, sqlite3_column_value(from.statement_, column)));
 }
 
-std::shared_ptr<Store> Store::open(const std::string& path, ClientWatch& watch,
-                                   std::string& error) {
+std::shared_ptr<Store> Store::open(const std::string& path) {
   // The constructor is private, out of make_shared's reach.
-  std::shared_ptr<Store> store(new Store(watch));
-  const int flags = path.empty() ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_MEMORY
-                                 : SQLITE_OPEN_READWRITE;
-  const int opened = sqlite3_open_v2(path.empty() ? ":memory:" : path.c_str(), &store->database_,
-                                     flags | SQLITE_OPEN_NOMUTEX, nullptr);
-  if (opened == SQLITE_OK && store->configure()) return store;
-  if (store->error_.empty()) store->fail_with_database_words();
-  error = store->error_;
-  return nullptr;
+  std::shared_ptr<Store> store(new Store);
+  const int flags =
+      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (path == ":memory:" ? SQLITE_OPEN_CREATE : 0);
+  if (sqlite3_open_v2(path.c_str(), &store->database_, flags, nullptr) != SQLITE_OK) store->fail();
+  store->configure();
+  return store;
 }
 
 Store::~Store() {
   sqlite3_close_v2(database_);
-  if (all_temporary_tables_ != nullptr) *all_temporary_tables_ -= temporary_tables_;
 }
 
-bool Store::configure() {
+void Store::configure() {
   sqlite3_limit(database_, SQLITE_LIMIT_LENGTH, kLengthLimit);
   sqlite3_limit(database_, SQLITE_LIMIT_SQL_LENGTH, static_cast<int>(wire::kStatementLimit));
   sqlite3_limit(database_, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, kLikePatternLimit);
@@ -168,42 +177,52 @@ bool Store::configure() {
   sqlite3_db_config(database_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(database_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   sqlite3_db_config(database_, SQLITE_DBCONFIG_ENABLE_FKEY, 1, nullptr);
-  if (!add_sql_functions(database_)) return false;
   sqlite3_busy_handler(database_, &Store::on_busy, this);
-  sqlite3_progress_handler(database_, kStepsBetweenLooks, &Store::on_progress, this);
-  if (sqlite3_set_authorizer(database_, &Store::authorize, this) != SQLITE_OK) return false;
-  // Fails when the file cannot be written or is busy, which a reader can live with; when it is no
-  // database, reading its schema says so.
+  sqlite3_progress_handler(database_, kStepsBetweenChecks, &Store::on_progress, this);
+  if (!add_vector_functions(database_) ||
+      sqlite3_set_authorizer(database_, &Store::authorize, this) != SQLITE_OK) {
+    fail();
+  }
+  // Fails when the file cannot be written or is busy; reading works then, too. When the file is no
+  // database, the statement after it says so.
   sqlite3_exec(database_, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
-  return run("SELECT 1 FROM sqlite_schema LIMIT 1") && run("PRAGMA query_only=1");
+  run("SELECT 1 FROM sqlite_schema LIMIT 1");
+  run(kMapFile);
+  run("PRAGMA query_only=1");
 }
 
-bool Store::prepare(std::string_view sql, Rights rights, Query& query) {
-  query.close();
+Query Store::prepare(std::string_view sql, Rights rights) {
   rights_ = rights;
+  Query query;
   const char* tail = nullptr;
-  const int prepared = sqlite3_prepare_v2(database_, sql.data(), static_cast<int>(sql.size()),
-                                          &query.statement_, &tail);
-  if (prepared != SQLITE_OK) return fail_with_database_words();
+  if (sqlite3_prepare_v2(database_, sql.data(), static_cast<int>(sql.size()), &query.statement_,
+                         &tail) != SQLITE_OK) {
+    fail();
+  }
   query.store_ = shared_from_this();
   query.rights_ = rights;
-  std::string_view words;
-  if (query.statement_ == nullptr) {
-    words = "the statement is empty";
-  } else if (!only_separators(tail, sql.data() + sql.size())) {
-    words = "only one statement at a time";
-  } else if (rights == Rights::kRead && sqlite3_stmt_readonly(query.statement_) == 0) {
-    words = "not a reading statement";
+  if (query.statement_ == nullptr) throw Failure("the statement is empty");
+  if (!only_separators(tail, sql.data() + sql.size())) {
+    throw Failure("only one statement at a time");
   }
-  if (words.empty()) return true;
-  query.close();
-  return fail(words);
+  if (rights == Rights::kRead && sqlite3_stmt_readonly(query.statement_) == 0) {
+    throw Failure("not a reading statement");
+  }
+  return query;
 }
 
-bool Store::run(const char* sql) {
+void Store::run(const char* sql) {
   rights_ = Rights::kEngine;
-  if (sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return true;
-  return fail_with_database_words();
+  if (sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail();
+}
+
+bool Store::has_row(std::string_view sql) {
+  return prepare(sql).step();
+}
+
+bool Store::has_table(std::string_view name) {
+  Query known = prepare("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?1");
+  return known.bind(1, name).step();
 }
 
 /// Lifts the connection's write protection for a scope.
@@ -224,61 +243,42 @@ void Store::set_query_only(bool on) {
                nullptr);
 }
 
-bool Store::transact(Transaction kind, const std::function<bool()>& work) {
-  if (sqlite3_get_autocommit(database_) == 0) return work();
-  std::optional<Writable> writable;
-  if (kind != Transaction::kRead) writable.emplace(*this);
-  if (!run(kind == Transaction::kChange ? "BEGIN IMMEDIATE" : "BEGIN")) return false;
-  if (work() && still_wanted() && run("COMMIT")) return true;
-  rights_ = Rights::kEngine;
-  sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
-  return false;
-}
-
-bool Store::still_wanted() {
-  if (!watch_.gone()) return true;
-  fail("interrupted");
-  failure_ = SQLITE_INTERRUPT;
-  return false;
-}
-
-bool Store::change(std::string_view sql, Rights rights, std::int64_t& rows) {
-  Query query;
-  if (!prepare(sql, rights, query)) return false;
-  if (query.columns() != 0) return fail("RETURNING is not supported");
-  const auto kind =
-      rights == Rights::kDropTemporary ? Transaction::kTemporary : Transaction::kChange;
-  const bool done = transact(kind, [&] {
-    const bool changed = query.step() == Query::Step::kEnd;
-    query.close();
-    return changed;
-  });
-  rows = sqlite3_changes64(database_);
-  return done;
-}
-
-void Store::count_temporary_tables(const std::shared_ptr<std::atomic<std::int64_t>>& total) {
-  Query count;
-  if (!prepare("SELECT COUNT(*) FROM sqlite_temp_schema WHERE type = 'table'", Rights::kEngine,
-               count) ||
-      count.step() != Query::Step::kRow) {
-    return;
+void Store::transact(Transaction kind, const std::function<void()>& work) {
+  const Writable writable(*this);
+  run(kind == Transaction::kChange ? "BEGIN IMMEDIATE" : "BEGIN");
+  try {
+    work();
+    if (client_has_gone()) throw PassingFailure("interrupted");
+    run("COMMIT");
+  } catch (...) {
+    rights_ = Rights::kEngine;
+    sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
   }
-  all_temporary_tables_ = total;
-  *total += count.integer(0) - temporary_tables_;
-  temporary_tables_ = count.integer(0);
 }
 
-bool Store::fail(std::string_view words) {
-  error_ = words.substr(0, kErrorLimit);
-  failure_ = SQLITE_ERROR;
-  return false;
+std::int64_t Store::change(std::string_view sql, Rights rights) {
+  Query query = prepare(sql, rights);
+  if (query.columns() != 0) throw Failure("RETURNING is not supported");
+  const bool temporary = rights == Rights::kDropTemporary;
+  transact(temporary ? Transaction::kTemporary : Transaction::kChange, [&] { query.run(); });
+  return sqlite3_changes64(database_);
 }
 
-bool Store::fail_with_database_words() {
-  fail(sqlite3_errmsg(database_));
-  failure_ = sqlite3_errcode(database_) & 0xFF;
-  return false;
+void Store::fail() const {
+  const std::string message = std::string(sqlite3_errmsg(database_)).substr(0, kErrorLimit);
+  switch (sqlite3_errcode(database_) & 0xFF) {
+    case SQLITE_INTERRUPT:
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_NOMEM:
+    case SQLITE_READONLY:
+      throw PassingFailure(message);
+    default:
+      throw Failure(message);
+  }
 }
 
 int Store::authorize(void* store, int action, const char* first, const char* second,
@@ -302,12 +302,14 @@ int Store::authorize(void* store, int action, const char* first, const char* sec
 }
 
 int Store::on_progress(void* store) {
-  return static_cast<Store*>(store)->watch_.gone() ? 1 : 0;
+  return static_cast<Store*>(store)->client_has_gone() ? 1 : 0;
 }
 
 int Store::on_busy(void* store, int earlier_calls) {
   if (earlier_calls * kBusyWaitMs >= kBusyTimeoutMs) return 0;
-  return static_cast<Store*>(store)->watch_.gone_within(kBusyWaitMs) ? 0 : 1;
+  ClientWatch* client = static_cast<Store*>(store)->client_;
+  if (client != nullptr) return client->gone_within(kBusyWaitMs) ? 0 : 1;
+  return sqlite3_sleep(kBusyWaitMs) > 0 ? 1 : 0;
 }
 
 }  // namespace kova::sample

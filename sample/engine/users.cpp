@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "engine/options.h"
+
 namespace kova::sample {
 
 namespace {
@@ -17,12 +19,14 @@ struct FileCloser {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-bool read_file(const std::string& path, std::string& text) {
+std::string read_file(const std::string& path) {
   const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rbe"));
-  if (file == nullptr) return false;
-  text.resize(kFileLimit);
-  text.resize(std::fread(text.data(), 1, text.size(), file.get()));
-  return std::ferror(file.get()) == 0 && text.size() < kFileLimit;
+  std::string text(kFileLimit + 1, '\0');
+  if (file != nullptr) text.resize(std::fread(text.data(), 1, text.size(), file.get()));
+  if (file == nullptr || std::ferror(file.get()) != 0 || text.size() > kFileLimit) {
+    throw BadInput("cannot read the users file " + path);
+  }
+  return text;
 }
 
 // The time depends on the length of `given` alone.
@@ -51,23 +55,17 @@ bool Users::add(std::string_view line) {
   return true;
 }
 
-bool Users::load(const std::string& path, std::string& error) {
-  std::string text;
-  if (!read_file(path, text)) {
-    error = "cannot read the users file " + path;
-    return false;
-  }
+Users::Users(const std::string& path) {
+  const std::string text = read_file(path);
   std::string_view rest = text;
   for (int number = 1; !rest.empty(); ++number) {
     const std::size_t end = std::min(rest.find('\n'), rest.size());
     const std::string_view line = rest.substr(0, end);
     rest.remove_prefix(std::min(end + 1, rest.size()));
     if (line.empty() || line.starts_with('#') || add(line)) continue;
-    error = "users file " + path + ", line " + std::to_string(number) +
-            ": not USER:PASSWORD, or a user given twice";
-    return false;
+    throw BadInput("users file " + path + ", line " + std::to_string(number) +
+                   ": not USER:PASSWORD, or a user given twice");
   }
-  return true;
 }
 
 bool Users::admits(std::string_view user, std::string_view password) const {

@@ -9,68 +9,93 @@ namespace {
 constexpr std::uint32_t kConnectTimeoutMs = 3000;
 constexpr const char* kLost = "connection to the engine was lost";
 
+void require(bool connected) {
+  if (!connected) throw Failure(kLost);
+}
+
+// The failure that a refusal tells.
+Failure refusal(std::string_view payload) {
+  try {
+    return Failure("the engine refused: " + std::string(wire::PayloadReader(payload).text()));
+  } catch (const wire::Malformed&) {
+    return Failure(kLost);
+  }
+}
+
+/// Overwrites a request at the end of the scope: it may hold a password.
+struct RequestWiper {
+  wire::FrameWriter& request;
+  ~RequestWiper() { request.wipe(); }
+};
+
 }  // namespace
 
-std::shared_ptr<Connection> Connection::open(const char* host, const char* port) {
-  auto connection = std::make_shared<Connection>();
-  if (!connection->connect(host, port) || !connection->greet()) return nullptr;
-  return connection;
+Connection::Connection(const char* host, const char* port) {
+  connect(host, port);
+  greet();
 }
 
-bool Connection::connect(const char* host, const char* port) {
+void Connection::connect(const char* host, const char* port) {
   AddressList addresses;
-  if (!addresses.resolve(host, port)) return false;
-  for (const void* address = addresses.first(); address != nullptr;
-       address = AddressList::next(address)) {
+  const void* address = addresses.resolve(host, port) ? addresses.first() : nullptr;
+  while (!connected_ && address != nullptr) {
     connected_ = socket_.connect(address, kConnectTimeoutMs);
-    if (connected_) return true;
+    address = AddressList::next(address);
   }
-  return false;
 }
 
-bool Connection::greet() {
+void Connection::greet() {
   wire::FrameWriter hello(wire::Type::kHello);
   hello.u32(wire::kMagic);
   hello.u16(wire::kVersion);
-  Payload payload;
-  std::string error;
-  if (!exchange(hello, wire::Type::kWelcome, payload, error)) return false;
-  wire::PayloadReader reply({payload.data(), payload.size()});
-  std::uint16_t version = 0;
-  return reply.u16(version) && version == wire::kVersion;
+  const Payload payload = exchange(hello, wire::Type::kWelcome);
+  require(wire::PayloadReader({payload.data(), payload.size()}).u16() == wire::kVersion);
 }
 
-bool Connection::exchange(wire::FrameWriter& request, wire::Type expected, Payload& payload,
-                          std::string& error) {
+Connection::Payload Connection::exchange(wire::FrameWriter& request, wire::Type expected) {
+  const RequestWiper wiper{request};
   const std::lock_guard guard(mutex_);
-  error = kLost;
-  connected_ = connected_ && send(request.finish()) && receive(expected, payload, error);
-  if (!connected_) socket_.close();
-  return connected_;
+  require(connected_);
+  connected_ = false;
+  try {
+    send(request.finish());
+    Payload payload = receive(expected);
+    connected_ = true;
+    return payload;
+  } catch (const Failure&) {
+    socket_.close();
+    throw;
+  }
 }
 
-bool Connection::send(std::string_view frame) {
-  if (releases_.empty()) return socket_.send_all(frame.data(), frame.size());
+void Connection::send(std::string_view frame) {
+  if (releases_.empty()) return require(socket_.send_all(frame.data(), frame.size()));
   releases_ += frame;
   const bool sent = socket_.send_all(releases_.data(), releases_.size());
   wipe(releases_.data(), releases_.size());
   releases_.clear();
-  return sent;
+  require(sent);
 }
 
-bool Connection::receive(wire::Type expected, Payload& payload, std::string& error) {
+Connection::Payload Connection::receive(wire::Type expected) {
   char header_bytes[wire::kHeaderSize];
-  if (!socket_.receive_all(header_bytes, sizeof header_bytes)) return false;
+  receive_exactly(header_bytes, sizeof header_bytes);
   const wire::Header header = wire::decode_header(header_bytes);
-  if (header.size > wire::kReplyLimit) return false;
-  payload.resize(header.size);
-  if (!socket_.receive_all(payload.data(), payload.size())) return false;
-  if (header.type == wire::Type::kRefused) {
-    wire::PayloadReader reply({payload.data(), payload.size()});
-    std::string_view reason;
-    if (reply.text(reason)) error = "the engine refused: " + std::string(reason);
+  require(header.size <= wire::kReplyLimit);
+  Payload payload(header.size);
+  receive_exactly(payload.data(), payload.size());
+  if (header.type == wire::Type::kRefused) throw refusal({payload.data(), payload.size()});
+  require(header.type == expected);
+  return payload;
+}
+
+void Connection::receive_exactly(char* data, std::size_t size) {
+  while (size > 0) {
+    const std::size_t got = socket_.receive(data, size);
+    require(got > 0);
+    data += got;
+    size -= got;
   }
-  return header.type == expected;
 }
 
 void Connection::release(std::uint32_t object) {

@@ -1,8 +1,8 @@
 // The client's end of a connection to the sample engine.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -13,32 +13,30 @@
 
 namespace kova::sample {
 
-/// A connection that several statement objects share; each exchange has it for itself. Once an
-/// exchange fails it stays lost.
+/// A connection that several statement objects share. Any thread; one exchange at a time. After a
+/// failed exchange the connection stays lost.
 class Connection {
  public:
   using Payload = std::vector<char>;
 
-  /// Connects to the first address of the host that takes the connection, and greets the engine.
-  /// Null when that fails.
-  [[nodiscard]] static std::shared_ptr<Connection> open(const char* host, const char* port);
+  /// Connects to the first address of the host that accepts, and greets the engine.
+  Connection(const char* host, const char* port);
 
-  /// Sends a request and receives its reply, whose payload goes to `payload`. False when the
-  /// connection is lost; `error` says why.
-  [[nodiscard]] bool exchange(wire::FrameWriter& request, wire::Type expected, Payload& payload,
-                              std::string& error);
-  /// Has the engine forget an object. That goes out with the next exchange: two writes in a row
-  /// would have the second one wait for the first one's acknowledgement.
+  /// Sends a request and returns the payload of its reply. Throws when the connection is lost.
+  [[nodiscard]] Payload exchange(wire::FrameWriter& request, wire::Type expected);
+  /// Has the engine forget an object. The frame goes out with the next exchange: of two writes in a
+  /// row the second would wait for the acknowledgement of the first.
   void release(std::uint32_t object);
   void close();
 
   [[nodiscard]] std::uint32_t new_object_number();
 
  private:
-  [[nodiscard]] bool connect(const char* host, const char* port);
-  [[nodiscard]] bool greet();
-  [[nodiscard]] bool send(std::string_view frame);
-  [[nodiscard]] bool receive(wire::Type expected, Payload& payload, std::string& error);
+  void connect(const char* host, const char* port);
+  void greet();
+  void send(std::string_view frame);
+  [[nodiscard]] Payload receive(wire::Type expected);
+  void receive_exactly(char* data, std::size_t size);
 
   std::mutex mutex_;
   Socket socket_;

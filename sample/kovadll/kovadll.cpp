@@ -1,8 +1,8 @@
-#include "kovadll/operations.h"
+#include "kovadll/kovadll.h"
 
 #include <cstdint>
+#include <exception>
 #include <memory>
-#include <utility>
 
 #include "kovadll/connection.h"
 #include "kovadll/statement_object.h"
@@ -45,8 +45,11 @@ int KOVA_DisableMessage(void* instance) {
 
 void* KOVA_StartVantreo(void* instance, int /*options*/, const char* server, const char* port) {
   if (instance == nullptr || server == nullptr || port == nullptr) return nullptr;
-  std::shared_ptr<Connection> connection = Connection::open(server, port);
-  return connection != nullptr ? new ConnectionHandle{std::move(connection)} : nullptr;
+  try {
+    return new ConnectionHandle{std::make_shared<Connection>(server, port)};
+  } catch (const std::exception&) {
+    return nullptr;
+  }
 }
 
 void* KOVA_NewObject(void* connection) {

@@ -6,8 +6,6 @@ namespace kova::sample {
 
 namespace {
 
-constexpr std::string_view kMalformed = "the engine's reply is malformed";
-
 const char* at(const std::vector<const char*>& texts, int column) {
   if (column < 1 || static_cast<std::size_t>(column) > texts.size()) return nullptr;
   return texts[static_cast<std::size_t>(column) - 1];
@@ -29,53 +27,48 @@ void StatementObject::forget_result() {
   cells_.clear();
 }
 
-bool StatementObject::lose(std::string_view words) {
-  forget_result();
-  connection_->close();
-  status_ = words;
+template <typename Work>
+bool StatementObject::attempt(const Work& work) {
+  try {
+    return work();
+  } catch (const wire::Malformed&) {
+    forget_result();
+    connection_->close();
+    status_ = "the engine's reply is malformed";
+  } catch (const std::exception& failure) {
+    more_ = false;
+    status_ = failure.what();
+  }
   return false;
 }
 
 bool StatementObject::exec(std::string_view statement) {
   forget_result();
-  if (statement.size() > wire::kStatementLimit) {
-    status_ = "the statement is too long";
-    return false;
-  }
+  return attempt([&] { return run(statement); });
+}
+
+bool StatementObject::run(std::string_view statement) {
+  if (statement.size() > wire::kStatementLimit) throw Failure("the statement is too long");
   wire::FrameWriter request(wire::Type::kExec);
   request.u32(number_);
   request.text(statement);
-  const bool exchanged = connection_->exchange(request, wire::Type::kOutcome, outcome_, status_);
-  // It may have been a login.
-  request.wipe();
-  if (!exchanged) return false;
+  outcome_ = connection_->exchange(request, wire::Type::kOutcome);
   known_to_engine_ = true;
-  bool success = false;
-  if (!read_outcome(success)) return lose(kMalformed);
-  return success;
+  return read_outcome();
 }
 
-bool StatementObject::read_outcome(bool& success) {
-  wire::PayloadReader reader({outcome_.data(), outcome_.size()});
-  std::uint8_t flag = 0;
-  std::string_view status;
-  if (!reader.u8(flag) || flag > 1 || !reader.text(status) || !read_names(reader)) return false;
-  status_ = status;
-  success = flag == 1;
-  if (!reader.u16(rows_left_) || (rows_left_ > 0 && names_.empty())) return false;
-  rows_ = reader;
-  return rows_left_ > 0 || read_end();
-}
-
-bool StatementObject::read_names(wire::PayloadReader& reader) {
-  std::uint16_t columns = 0;
-  if (!reader.u16(columns)) return false;
-  for (; columns > 0; --columns) {
-    std::string_view name;
-    if (!reader.text(name)) return false;
-    names_.push_back(name.data());
+bool StatementObject::read_outcome() {
+  rows_ = wire::PayloadReader({outcome_.data(), outcome_.size()});
+  const std::uint8_t success = rows_.u8();
+  if (success > 1) throw wire::Malformed();
+  status_ = rows_.text();
+  for (std::uint16_t columns = rows_.u16(); columns > 0; --columns) {
+    names_.push_back(rows_.text().data());
   }
-  return true;
+  rows_left_ = rows_.u16();
+  if (rows_left_ > 0 && names_.empty()) throw wire::Malformed();
+  if (rows_left_ == 0) read_end();
+  return success == 1;
 }
 
 const char* StatementObject::field_name(int column) const {
@@ -88,43 +81,37 @@ const char* StatementObject::cell(int column) const {
 
 bool StatementObject::next() {
   cells_.clear();
-  if (rows_left_ == 0 && !(more_ && fetch())) return false;
-  if (rows_left_ == 0) return false;
-  --rows_left_;
-  if (!read_row() || (rows_left_ == 0 && !read_end())) return lose(kMalformed);
-  return true;
+  return attempt([&] { return read_row(); });
 }
 
 bool StatementObject::read_row() {
-  for (std::size_t i = 0; i < names_.size(); ++i) {
-    std::string_view cell;
-    if (!rows_.nullable_text(cell)) return false;
-    cells_.push_back(cell.data());
-  }
+  if (rows_left_ == 0 && more_) fetch();
+  if (rows_left_ == 0) return false;
+  for (std::size_t i = 0; i < names_.size(); ++i) cells_.push_back(rows_.nullable_text().data());
+  if (--rows_left_ == 0) read_end();
   return true;
 }
 
-// What stands behind a block's last row: whether there is more, or the words of the failure that
-// ended it.
-bool StatementObject::read_end() {
-  std::uint8_t end = 0;
-  std::string_view words;
-  if (!rows_.u8(end) || end > 2 || !rows_.text(words) || !rows_.at_end()) return false;
+// What stands after the last row of a block: whether there is more, or the message of the failure
+// that ended the result.
+void StatementObject::read_end() {
+  const std::uint8_t end = rows_.u8();
+  const std::string_view message = rows_.text();
+  rows_.expect_end();
+  if (end > static_cast<std::uint8_t>(wire::RowsEnd::kFailed)) throw wire::Malformed();
   const auto kind = static_cast<wire::RowsEnd>(end);
   more_ = kind == wire::RowsEnd::kMore;
-  if (kind == wire::RowsEnd::kFailed) status_ = words;
-  return true;
+  if (kind == wire::RowsEnd::kFailed) status_ = message;
 }
 
-bool StatementObject::fetch() {
-  more_ = false;
+void StatementObject::fetch() {
   wire::FrameWriter request(wire::Type::kFetch);
   request.u32(number_);
-  if (!connection_->exchange(request, wire::Type::kRows, block_, status_)) return false;
+  block_ = connection_->exchange(request, wire::Type::kRows);
   rows_ = wire::PayloadReader({block_.data(), block_.size()});
-  if (!rows_.u16(rows_left_) || names_.empty()) return lose(kMalformed);
-  if (rows_left_ == 0 && !read_end()) return lose(kMalformed);
-  return true;
+  rows_left_ = rows_.u16();
+  if (names_.empty()) throw wire::Malformed();
+  if (rows_left_ == 0) read_end();
 }
 
 }  // namespace kova::sample

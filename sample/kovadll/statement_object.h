@@ -11,8 +11,8 @@
 
 namespace kova::sample {
 
-/// Runs one statement at a time and holds the block of its result's rows that is being read. Used
-/// by one thread at a time.
+/// Runs one statement at a time and holds the block of rows that is being read. Used by one thread
+/// at a time. A failure ends here: the call returns false and `status` has the message.
 class StatementObject {
  public:
   explicit StatementObject(std::shared_ptr<Connection> connection);
@@ -26,17 +26,19 @@ class StatementObject {
   [[nodiscard]] int field_count() const { return static_cast<int>(names_.size()); }
   /// Columns count from 1. Null for a column that is not there.
   [[nodiscard]] const char* field_name(int column) const;
+  /// Makes the next row current; false at the end of the result, too.
   [[nodiscard]] bool next();
   /// Null also for a null cell, and while no row is current.
   [[nodiscard]] const char* cell(int column) const;
 
  private:
-  [[nodiscard]] bool read_outcome(bool& success);
-  [[nodiscard]] bool read_names(wire::PayloadReader& reader);
+  template <typename Work>
+  [[nodiscard]] bool attempt(const Work& work);
+  [[nodiscard]] bool run(std::string_view statement);
+  [[nodiscard]] bool read_outcome();
   [[nodiscard]] bool read_row();
-  [[nodiscard]] bool read_end();
-  [[nodiscard]] bool fetch();
-  bool lose(std::string_view words);
+  void read_end();
+  void fetch();
   void forget_result();
 
   std::shared_ptr<Connection> connection_;

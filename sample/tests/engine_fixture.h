@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "engine/server.h"
-#include "kovadll/operations.h"
+#include "kovadll/kovadll.h"
 
 namespace kova::sample {
 
@@ -41,6 +41,17 @@ inline void make_database(const std::string& path, const char* script) {
   char* error = nullptr;
   EXPECT_EQ(sqlite3_exec(database, script, nullptr, nullptr, &error), SQLITE_OK) << error;
   sqlite3_close(database);
+}
+
+/// The message of what the work throws; empty when it succeeds.
+template <typename Work>
+std::string message_of(const Work& work) {
+  try {
+    work();
+    return {};
+  } catch (const Failure& failure) {
+    return failure.what();
+  }
 }
 
 inline void write_file(const std::string& path, const std::string& text) {

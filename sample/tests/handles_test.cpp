@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "kovadll/operations.h"
+#include "kovadll/kovadll.h"
 
 namespace {
 

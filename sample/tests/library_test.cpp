@@ -2,7 +2,11 @@
 
 #include <signal.h>
 
+#include <atomic>
 #include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "tests/engine_fixture.h"
 
@@ -20,11 +24,10 @@ class Library : public testing::Test {
                   "CREATE TABLE ITEMS (ID INTEGER PRIMARY KEY, NAME TEXT);"
                   "INSERT INTO ITEMS VALUES (1, 'one'), (2, NULL);");
     write_file(folder_ / "users", "app:secret\n");
-    std::string error;
-    ASSERT_TRUE(users_.load(folder_ / "users", error)) << error;
+    users_ = std::make_unique<Users>(folder_ / "users");
     options_.data = folder_.path();
-    server_ = std::make_unique<Server>(options_, users_);
-    ASSERT_TRUE(server_->listen(error)) << error;
+    server_ = std::make_unique<Server>(options_, *users_);
+    server_->listen();
     thread_ = std::thread([this] { server_->run(); });
     instance_ = KOVA_CreateVantreoInstance();
     connection_ = start();
@@ -58,7 +61,7 @@ class Library : public testing::Test {
 
   TemporaryFolder folder_;
   Options options_;
-  Users users_;
+  std::unique_ptr<Users> users_;
   std::unique_ptr<Server> server_;
   std::thread thread_;
   void* instance_ = nullptr;

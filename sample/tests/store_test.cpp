@@ -1,3 +1,9 @@
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+
 #include "engine/store.h"
 
 #include <poll.h>
@@ -20,9 +26,8 @@ class StoreTest : public testing::Test {
                   "INSERT INTO ITEMS VALUES (1, 'one');");
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets_), 0);
     watch_ = std::make_unique<ClientWatch>(sockets_[0], stopping_);
-    std::string error;
-    store_ = Store::open(folder_ / "shop.db", *watch_, error);
-    ASSERT_NE(store_, nullptr) << error;
+    store_ = Store::open(folder_ / "shop.db");
+    store_->watch(watch_.get());
   }
 
   void TearDown() override {
@@ -36,10 +41,16 @@ class StoreTest : public testing::Test {
     sockets_[1] = -1;
   }
 
-  // The words of a statement's refusal; empty when it was prepared.
+  // The message of a statement's refusal; empty when it was prepared.
   std::string prepared(const char* sql, Rights rights) {
-    Query query;
-    return store_->prepare(sql, rights, query) ? "" : store_->error();
+    return message_of([&] { static_cast<void>(store_->prepare(sql, rights)); });
+  }
+
+  // The message of a change's failure, or how many rows it has changed.
+  std::string changed(const char* sql) {
+    std::int64_t rows = 0;
+    const std::string message = message_of([&] { rows = store_->change(sql, Rights::kChange); });
+    return message.empty() ? std::to_string(rows) : message;
   }
 
   TemporaryFolder folder_;
@@ -80,60 +91,52 @@ TEST_F(StoreTest, ExactlyOneStatementIsPrepared) {
 }
 
 TEST_F(StoreTest, TheConnectionIsReadOnlyUntilAChangeAndAfterIt) {
-  Query insert;
-  ASSERT_TRUE(store_->prepare("INSERT INTO ITEMS VALUES (2, 'two')", Rights::kEngine, insert));
-  EXPECT_EQ(insert.step(), Query::Step::kFailed);
-  EXPECT_EQ(store_->error(), "attempt to write a readonly database");
-  insert.close();
-  std::int64_t rows = 0;
-  ASSERT_TRUE(store_->change("INSERT INTO ITEMS VALUES (2, 'two')", Rights::kChange, rows));
-  EXPECT_EQ(rows, 1);
-  ASSERT_TRUE(store_->prepare("INSERT INTO ITEMS VALUES (3, 'three')", Rights::kEngine, insert));
-  EXPECT_EQ(insert.step(), Query::Step::kFailed);
+  const auto insert = [&] { store_->prepare("INSERT INTO ITEMS VALUES (3, 'three')").run(); };
+  EXPECT_EQ(message_of(insert), "attempt to write a readonly database");
+  EXPECT_EQ(changed("INSERT INTO ITEMS VALUES (2, 'two')"), "1");
+  EXPECT_EQ(message_of(insert), "attempt to write a readonly database");
 }
 
 TEST_F(StoreTest, AFailedChangeLeavesNothingBehind) {
-  std::int64_t rows = 0;
-  EXPECT_FALSE(
-      store_->change("INSERT INTO ITEMS VALUES (2, 'two'), (1, 'again')", Rights::kChange, rows));
-  EXPECT_EQ(store_->error(), "UNIQUE constraint failed: ITEMS.ID");
-  EXPECT_FALSE(store_->change("INSERT INTO PARTS VALUES (9)", Rights::kChange, rows));
-  EXPECT_EQ(store_->error(), "FOREIGN KEY constraint failed");
-  EXPECT_FALSE(store_->change("VACUUM", Rights::kChange, rows));
-  EXPECT_EQ(store_->error(), "cannot VACUUM from within a transaction");
-  ASSERT_TRUE(store_->change("UPDATE ITEMS SET NAME = 'uno'", Rights::kChange, rows));
-  EXPECT_EQ(rows, 1);
+  EXPECT_EQ(changed("INSERT INTO ITEMS VALUES (2, 'two'), (1, 'again')"),
+            "UNIQUE constraint failed: ITEMS.ID");
+  EXPECT_EQ(changed("INSERT INTO PARTS VALUES (9)"), "FOREIGN KEY constraint failed");
+  EXPECT_EQ(changed("VACUUM"), "cannot VACUUM from within a transaction");
+  EXPECT_EQ(changed("UPDATE ITEMS SET NAME = 'uno'"), "1");
 }
 
+TEST_F(StoreTest, WorkThatThrowsIsRolledBack) {
+  const std::string message = message_of([&] {
+    store_->transact(Transaction::kChange, [&] {
+      store_->run("DELETE FROM ITEMS");
+      throw Failure("no more");
+    });
+  });
+  EXPECT_EQ(message, "no more");
+  EXPECT_TRUE(store_->has_row("SELECT 1 FROM ITEMS"));
+}
+
+constexpr const char* kEndless =
+    "SELECT COUNT(*) FROM (WITH RECURSIVE C(N) AS (SELECT 1 UNION ALL SELECT N+1 FROM C)"
+    " SELECT N FROM C)";
+
 TEST_F(StoreTest, AClientThatHasGoneInterrupts) {
+  Query endless = store_->prepare(kEndless, Rights::kRead);
   leave();
-  Query endless;
-  ASSERT_TRUE(
-      store_->prepare("SELECT COUNT(*) FROM (WITH RECURSIVE C(N) AS (SELECT 1 UNION ALL"
-                      " SELECT N+1 FROM C) SELECT N FROM C)",
-                      Rights::kRead, endless));
-  EXPECT_EQ(endless.step(), Query::Step::kFailed);
-  EXPECT_EQ(store_->error(), "interrupted");
+  EXPECT_THROW(endless.step(), PassingFailure);
+  EXPECT_EQ(message_of([&] { endless.step(); }), "interrupted");
 }
 
 TEST_F(StoreTest, AClientThatHasGoneCommitsNothing) {
   leave();
-  std::int64_t rows = 0;
-  EXPECT_FALSE(store_->change("DELETE FROM ITEMS", Rights::kChange, rows));
-  EXPECT_EQ(store_->error(), "interrupted");
-  Query count;
-  ASSERT_TRUE(store_->prepare("SELECT 1 FROM ITEMS", Rights::kRead, count));
-  EXPECT_EQ(count.step(), Query::Step::kRow);
+  EXPECT_EQ(changed("DELETE FROM ITEMS"), "interrupted");
+  EXPECT_TRUE(store_->has_row("SELECT 1 FROM ITEMS"));
 }
 
 TEST_F(StoreTest, TheEnginesStopInterrupts) {
   stopping_ = true;
-  Query endless;
-  ASSERT_TRUE(
-      store_->prepare("SELECT COUNT(*) FROM (WITH RECURSIVE C(N) AS (SELECT 1 UNION ALL"
-                      " SELECT N+1 FROM C) SELECT N FROM C)",
-                      Rights::kRead, endless));
-  EXPECT_EQ(endless.step(), Query::Step::kFailed);
+  Query endless = store_->prepare(kEndless, Rights::kRead);
+  EXPECT_THROW(endless.step(), PassingFailure);
 }
 
 TEST_F(StoreTest, ABusyDatabaseIsNotWaitedForWhenTheClientHasGone) {
@@ -141,20 +144,60 @@ TEST_F(StoreTest, ABusyDatabaseIsNotWaitedForWhenTheClientHasGone) {
   ASSERT_EQ(sqlite3_open((folder_ / "shop.db").c_str(), &other), SQLITE_OK);
   ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
   leave();
-  std::int64_t rows = 0;
   const auto started = std::chrono::steady_clock::now();
-  EXPECT_FALSE(store_->change("DELETE FROM ITEMS", Rights::kChange, rows));
+  EXPECT_NE(changed("DELETE FROM ITEMS"), "1");
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
   sqlite3_close(other);
 }
 
-TEST_F(StoreTest, APathThatIsNoDatabaseHasWords) {
+TEST_F(StoreTest, APathThatIsNoDatabaseHasAMessage) {
   write_file(folder_ / "text.db", "this is no database, but it is long enough to be looked at");
-  std::string error;
-  EXPECT_EQ(Store::open(folder_ / "text.db", *watch_, error), nullptr);
-  EXPECT_EQ(error, "file is not a database");
-  EXPECT_EQ(Store::open(folder_ / "missing.db", *watch_, error), nullptr);
-  EXPECT_EQ(error, "unable to open database file");
+  const auto open = [&](const char* name) {
+    return message_of([&] { static_cast<void>(Store::open(folder_ / name)); });
+  };
+  EXPECT_EQ(open("text.db"), "file is not a database");
+  EXPECT_EQ(open("missing.db"), "unable to open database file");
+}
+
+// The connections that a database keeps.
+
+TEST_F(StoreTest, AConnectionIsUsedAgain) {
+  Database database(folder_ / "shop.db");
+  std::shared_ptr<Store> first = database.take(*watch_);
+  const Store* known = first.get();
+  database.give_back(std::move(first), 0);
+  std::shared_ptr<Store> second = database.take(*watch_);
+  std::shared_ptr<Store> third = database.take(*watch_);
+  EXPECT_EQ(second.get(), known);
+  EXPECT_NE(third.get(), known) << "one session at a time";
+  EXPECT_TRUE(second->has_row("SELECT 1 FROM ITEMS"));
+}
+
+TEST_F(StoreTest, AConnectionWithAQueryOrATemporaryTableIsNotUsedAgain) {
+  Database database(folder_ / "shop.db");
+  std::shared_ptr<Store> store = database.take(*watch_);
+  const std::weak_ptr<Store> reading = store;
+  Query query = store->prepare("SELECT 1 FROM ITEMS");
+  database.give_back(std::move(store), 0);
+  query.close();
+  EXPECT_TRUE(reading.expired());
+  store = database.take(*watch_);
+  const std::weak_ptr<Store> keeping = store;
+  database.temporary_tables = 3;
+  database.give_back(std::move(store), 2);
+  EXPECT_TRUE(keeping.expired());
+  EXPECT_EQ(database.temporary_tables, 1);
+}
+
+TEST_F(StoreTest, AClientThatHasGoneInterruptsNotTheNextOne) {
+  Database database(folder_ / "shop.db");
+  ClientWatch next(-1, stopping_);
+  leave();
+  std::shared_ptr<Store> store = database.take(*watch_);
+  EXPECT_THROW(store->change("DELETE FROM PARTS", Rights::kChange), PassingFailure);
+  database.give_back(std::move(store), 0);
+  store = database.take(next);
+  EXPECT_EQ(store->change("DELETE FROM ITEMS", Rights::kChange), 1);
 }
 
 class Dialect : public StoreTest {
@@ -162,31 +205,40 @@ class Dialect : public StoreTest {
   void SetUp() override {
     StoreTest::SetUp();
     write_file(folder_ / "users", "app:secret\n");
-    std::string error;
-    ASSERT_TRUE(users_.load(folder_ / "users", error)) << error;
+    users_ = std::make_unique<Users>(folder_ / "users");
     databases_ = std::make_unique<Databases>(folder_.path());
-    session_ = std::make_unique<Session>(users_, *databases_, *watch_);
-    ASSERT_TRUE(run_statement(*session_, "use shop;").success);
-    ASSERT_TRUE(run_statement(*session_, "login app,secret;").success);
+    session_ = std::make_unique<Session>(*users_, *databases_, *watch_);
+    ASSERT_EQ(status_of("use shop;"), "OK");
+    ASSERT_EQ(status_of("login app,secret;"), "OK");
   }
 
+  // The status of a statement, or the message of its failure.
   std::string status_of(std::string_view statement) {
-    return run_statement(*session_, statement).status;
+    std::string status;
+    const std::string message =
+        message_of([&] { status = run_statement(*session_, statement).status; });
+    return message.empty() ? status : message;
   }
 
-  Users users_;
+  // A temporary table is made by searches only.
+  void make_temporary_table(const std::string& table) {
+    Store& store = session_->store();
+    store.transact(Transaction::kTemporary,
+                   [&] { store.run(("CREATE TEMP TABLE " + table + " (N)").c_str()); });
+    session_->count_temporary_tables(1);
+  }
+
+  std::unique_ptr<Users> users_;
   std::unique_ptr<Databases> databases_;
   std::unique_ptr<Session> session_;
 };
 
 TEST_F(Dialect, DropsTheSessionsOwnTemporaryTables) {
-  std::string error;
-  Store* store = session_->store(error);
-  ASSERT_NE(store, nullptr) << error;
-  ASSERT_TRUE(store->run("PRAGMA query_only=0") && store->run("CREATE TEMP TABLE HITS (N)") &&
-              store->run("INSERT INTO HITS VALUES (7)") && store->run("PRAGMA query_only=1"));
-  EXPECT_TRUE(run_statement(*session_, "SELECT N FROM HITS;").success);
+  make_temporary_table("HITS");
+  EXPECT_EQ(status_of("SELECT N FROM HITS;"), "OK");
+  EXPECT_EQ(session_->all_temporary_tables(), 1);
   EXPECT_EQ(status_of("Drop  Table\thits ;"), "OK");
+  EXPECT_EQ(session_->all_temporary_tables(), 0);
   EXPECT_EQ(status_of("SELECT N FROM HITS;"), "no such table: HITS");
   EXPECT_EQ(status_of("drop table HITS;"), "no such temporary table: HITS");
   EXPECT_EQ(status_of("drop table ITEMS;"), "no such temporary table: ITEMS");
@@ -195,12 +247,18 @@ TEST_F(Dialect, DropsTheSessionsOwnTemporaryTables) {
 }
 
 TEST_F(Dialect, ATemporaryTableThatHidesAnOrdinaryOneGoesAlone) {
-  std::string error;
-  Store* store = session_->store(error);
-  ASSERT_TRUE(store->run("PRAGMA query_only=0") && store->run("CREATE TEMP TABLE ITEMS (N)") &&
-              store->run("PRAGMA query_only=1"));
+  make_temporary_table("ITEMS");
   EXPECT_EQ(status_of("drop table items;"), "OK");
-  EXPECT_TRUE(run_statement(*session_, "SELECT NAME FROM ITEMS;").success);
+  EXPECT_EQ(status_of("SELECT NAME FROM ITEMS;"), "OK");
+}
+
+TEST_F(Dialect, TemporaryTablesEndWithTheSession) {
+  make_temporary_table("A");
+  make_temporary_table("B");
+  EXPECT_EQ(session_->end(), 2);
+  EXPECT_EQ(session_->all_temporary_tables(), 0);
+  EXPECT_EQ(status_of("SELECT N FROM A;"), "no such table: A");
+  EXPECT_EQ(session_->end(), 0);
 }
 
 TEST_F(Dialect, LogsNoPassword) {

@@ -1,9 +1,13 @@
+#include "engine/ai/vector.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <limits>
-
-#include "engine/vector_index.h"
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kova::sample {
 namespace {
@@ -23,14 +27,6 @@ Vector pseudo_random(std::uint32_t seed) {
   EXPECT_TRUE(normalise(vector));
   return vector;
 }
-
-std::vector<std::int64_t> ids_of(const std::vector<Hit>& hits) {
-  std::vector<std::int64_t> ids;
-  for (const Hit& hit : hits) ids.push_back(hit.id);
-  return ids;
-}
-
-using Ids = std::vector<std::int64_t>;
 
 TEST(Vector, IsNormalisedAtEveryScale) {
   for (const float scale : {1e-30F, 1.0F, 3e38F}) {
@@ -69,81 +65,63 @@ TEST(Vector, BytesAreReadBack) {
   EXPECT_FALSE(read_vector({}, read));
 }
 
-TEST(VectorIndex, RanksByCosineSimilarity) {
-  VectorIndex index;
-  Vector between = axis(1);
-  between[2] = 1;
-  ASSERT_TRUE(normalise(between));
-  index.put(10, axis(1));
-  index.put(20, axis(2));
-  index.put(30, between);
-  index.put(40, axis(1, -1));
-  const std::vector<Hit> hits = index.nearest(axis(1), 10);
-  EXPECT_EQ(ids_of(hits), (Ids{10, 30, 20, 40}));
-  EXPECT_FLOAT_EQ(hits[0].score, 1);
-  EXPECT_NEAR(hits[1].score, 0.70710678F, 1e-6);
-  EXPECT_FLOAT_EQ(hits[2].score, 0);
-  EXPECT_FLOAT_EQ(hits[3].score, -1);
-}
-
-TEST(VectorIndex, EqualsComeByTheirIds) {
-  VectorIndex index;
-  for (const std::int64_t id : {7, 3, 9, 1}) index.put(id, axis(0));
-  EXPECT_EQ(ids_of(index.nearest(axis(0), 2)), (Ids{1, 3}));
-}
-
-TEST(VectorIndex, AnswersAtMostWhatItHas) {
-  VectorIndex index;
-  EXPECT_TRUE(index.nearest(axis(0), 5).empty());
-  index.put(1, axis(0));
-  EXPECT_EQ(index.nearest(axis(0), 5).size(), 1U);
-  EXPECT_TRUE(index.nearest(axis(0), 0).empty());
-}
-
-TEST(VectorIndex, ReplacesAndRemoves) {
-  VectorIndex index;
-  for (const std::int64_t id : {1, 2, 3}) index.put(id, axis(static_cast<std::size_t>(id)));
-  index.put(2, axis(9));
-  index.remove(1);
-  index.remove(1);
-  index.remove(77);
-  EXPECT_EQ(index.size(), 2U);
-  EXPECT_EQ(ids_of(index.nearest(axis(9), 1)), Ids{2});
-  EXPECT_EQ(ids_of(index.nearest(axis(3), 1)), Ids{3});
-  index.put(3, axis(8));  // which has moved into the gap of 1
-  EXPECT_EQ(ids_of(index.nearest(axis(8), 1)), Ids{3});
-  EXPECT_EQ(ids_of(index.nearest(axis(9), 1)), Ids{2});
-  index.remove(3);
-  index.remove(2);
-  EXPECT_EQ(index.size(), 0U);
-  index.put(2, axis(2));
-  EXPECT_EQ(ids_of(index.nearest(axis(2), 1)), Ids{2});
-}
-
-// Against sorting all scores, summed in double precision.
-TEST(VectorIndex, FindsWhatSortingFinds) {
-  VectorIndex index;
-  std::vector<Vector> vectors;
-  for (std::uint32_t i = 0; i < 500; ++i) {
-    vectors.push_back(pseudo_random(i + 1));
-    index.put(i, vectors.back());
-  }
-  const Vector query = pseudo_random(1000);
-  std::vector<std::pair<double, std::int64_t>> expected;
-  for (std::size_t i = 0; i < vectors.size(); ++i) {
+// Against the sum in double precision.
+TEST(Vector, TheDotProductIsTheCosine) {
+  for (std::uint32_t seed = 1; seed < 100; ++seed) {
+    const Vector a = pseudo_random(seed);
+    const Vector b = pseudo_random(seed + 1000);
     double sum = 0;
-    for (std::size_t k = 0; k < kDimension; ++k) {
-      sum += static_cast<double>(query[k]) * static_cast<double>(vectors[i][k]);
+    for (std::size_t i = 0; i < kDimension; ++i) {
+      sum += static_cast<double>(a[i]) * static_cast<double>(b[i]);
     }
-    expected.emplace_back(-sum, static_cast<std::int64_t>(i));
+    EXPECT_NEAR(dot_product(a, b), sum, 1e-6);
+    EXPECT_NEAR(dot_product(a, a), 1, 1e-6);
   }
-  std::sort(expected.begin(), expected.end());
-  const std::vector<Hit> hits = index.nearest(query, 50);
-  ASSERT_EQ(hits.size(), 50U);
-  for (std::size_t rank = 0; rank < hits.size(); ++rank) {
-    EXPECT_NEAR(hits[rank].score, -expected[rank].first, 1e-5) << rank;
+  EXPECT_FLOAT_EQ(dot_product(axis(1), axis(1, -1)), -1);
+}
+
+class VectorFunctions : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(sqlite3_open(":memory:", &database_), SQLITE_OK);
+    ASSERT_TRUE(add_vector_functions(database_));
   }
-  EXPECT_EQ(hits[0].id, expected[0].second);
+  void TearDown() override { sqlite3_close(database_); }
+
+  // The text of an expression of two blobs; "null" for a null.
+  std::string value(const std::string& expression, std::string_view first,
+                    std::string_view second) {
+    sqlite3_stmt* statement = nullptr;
+    const std::string sql = "SELECT " + expression;
+    EXPECT_EQ(sqlite3_prepare_v2(database_, sql.c_str(), -1, &statement, nullptr), SQLITE_OK);
+    sqlite3_bind_blob64(statement, 1, first.data(), first.size(), SQLITE_STATIC);
+    sqlite3_bind_blob64(statement, 2, second.data(), second.size(), SQLITE_STATIC);
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+    const std::string result = text != nullptr ? text : "null";
+    sqlite3_finalize(statement);
+    return result;
+  }
+
+  sqlite3* database_ = nullptr;
+};
+
+TEST_F(VectorFunctions, ScoreAndTextOfVectors) {
+  const Vector up = axis(2);
+  const Vector down = axis(2, -1);
+  EXPECT_EQ(value("vector_score(?1, ?2)", vector_bytes(up), vector_bytes(down)), "-1.0");
+  EXPECT_EQ(value("vector_text(?1)", vector_bytes(up), {}), vector_text(up));
+}
+
+TEST_F(VectorFunctions, WhatIsNoVectorGivesNull) {
+  const Vector vector = axis(2);
+  const std::string_view bytes = vector_bytes(vector);
+  const std::string_view cut = bytes.substr(1);
+  EXPECT_EQ(value("vector_score(?1, ?2)", bytes, cut), "null");
+  EXPECT_EQ(value("vector_score(?1, ?2)", cut, bytes), "null");
+  EXPECT_EQ(value("vector_score(?1, NULL)", bytes, {}), "null");
+  EXPECT_EQ(value("vector_text(?1)", cut, {}), "null");
+  EXPECT_EQ(value("vector_text(NULL)", {}, {}), "null");
 }
 
 }  // namespace

@@ -47,42 +47,33 @@ TEST(Wire, WhatIsWrittenIsRead) {
   frame.null_text();
   const std::string payload = payload_of(frame);
   PayloadReader reader(payload);
-  std::uint8_t small = 0;
-  std::uint16_t medium = 0;
-  std::uint32_t large = 0;
-  std::string_view text;
-  std::string_view null = "set";
-  ASSERT_TRUE(reader.u8(small) && reader.u16(medium) && reader.u32(large) && reader.text(text));
-  EXPECT_FALSE(reader.at_end());
-  ASSERT_TRUE(reader.nullable_text(null));
-  EXPECT_TRUE(reader.at_end());
-  EXPECT_EQ(small, 255);
-  EXPECT_EQ(medium, 65535);
-  EXPECT_EQ(large, 4294967295U);
-  EXPECT_EQ(text, "text");
-  EXPECT_EQ(null.data(), nullptr);
+  EXPECT_EQ(reader.u8(), 255);
+  EXPECT_EQ(reader.u16(), 65535);
+  EXPECT_EQ(reader.u32(), 4294967295U);
+  EXPECT_EQ(reader.text(), "text");
+  EXPECT_THROW(reader.expect_end(), Malformed);
+  EXPECT_EQ(reader.nullable_text().data(), nullptr);
+  reader.expect_end();
 }
 
 TEST(Wire, ShorterThanANumberIsRefused) {
   const std::string payload = "\1\2\3";
-  std::uint8_t small = 0;
-  std::uint16_t medium = 0;
-  std::uint32_t large = 0;
-  EXPECT_FALSE(PayloadReader(payload).u32(large));
-  EXPECT_FALSE(PayloadReader(payload.substr(0, 1)).u16(medium));
-  EXPECT_FALSE(PayloadReader({}).u8(small));
+  EXPECT_THROW(static_cast<void>(PayloadReader(payload).u32()), Malformed);
+  EXPECT_THROW(static_cast<void>(PayloadReader(payload.substr(0, 1)).u16()), Malformed);
+  EXPECT_THROW(static_cast<void>(PayloadReader({}).u8()), Malformed);
 }
 
 TEST(Wire, MalformedTextsAreRefused) {
-  std::string_view text;
-  EXPECT_FALSE(PayloadReader("\0\0\0\1"sv).text(text)) << "no bytes";
-  EXPECT_FALSE(PayloadReader("\0\0\0\1a"sv).text(text)) << "no terminator";
-  EXPECT_FALSE(PayloadReader("\0\0\0\1ab"sv).text(text)) << "another byte in its place";
-  EXPECT_FALSE(PayloadReader("\0\0\0\0"sv).text(text)) << "an empty text has one too";
-  EXPECT_FALSE(PayloadReader("\xFF\xFF\xFF\xFE\0"sv).text(text)) << "longer than any payload";
-  EXPECT_FALSE(PayloadReader("\xFF\xFF\xFF\xFF"sv).text(text)) << "a null where none may be";
-  EXPECT_TRUE(PayloadReader("\0\0\0\1a\0"sv).text(text));
-  EXPECT_EQ(text, "a");
+  const auto text = [](std::string_view payload) {
+    return std::string(PayloadReader(payload).text());
+  };
+  EXPECT_THROW(text("\0\0\0\1"sv), Malformed) << "no bytes";
+  EXPECT_THROW(text("\0\0\0\1a"sv), Malformed) << "no terminator";
+  EXPECT_THROW(text("\0\0\0\1ab"sv), Malformed) << "another byte in its place";
+  EXPECT_THROW(text("\0\0\0\0"sv), Malformed) << "an empty text has one too";
+  EXPECT_THROW(text("\xFF\xFF\xFF\xFE\0"sv), Malformed) << "longer than any payload";
+  EXPECT_THROW(text("\xFF\xFF\xFF\xFF"sv), Malformed) << "a null where none may be";
+  EXPECT_EQ(text("\0\0\0\1a\0"sv), "a");
 }
 
 TEST(Wire, NumbersCanBeReplacedAndPayloadsTakenBack) {

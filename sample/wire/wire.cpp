@@ -65,44 +65,30 @@ void FrameWriter::wipe() {
   kova::wipe(bytes_.data(), bytes_.size());
 }
 
-bool PayloadReader::number(std::size_t size, std::uint32_t& value) {
-  if (rest_.size() < size) return false;
-  value = big_endian(rest_.data(), size);
+std::uint32_t PayloadReader::number(std::size_t size) {
+  if (rest_.size() < size) throw Malformed();
+  const std::uint32_t value = big_endian(rest_.data(), size);
   rest_.remove_prefix(size);
-  return true;
+  return value;
 }
 
-bool PayloadReader::u8(std::uint8_t& value) {
-  std::uint32_t wide = 0;
-  if (!number(1, wide)) return false;
-  value = static_cast<std::uint8_t>(wide);
-  return true;
-}
-
-bool PayloadReader::u16(std::uint16_t& value) {
-  std::uint32_t wide = 0;
-  if (!number(2, wide)) return false;
-  value = static_cast<std::uint16_t>(wide);
-  return true;
-}
-
-bool PayloadReader::u32(std::uint32_t& value) {
-  return number(4, value);
-}
-
-bool PayloadReader::nullable_text(std::string_view& value) {
-  std::uint32_t size = 0;
-  if (!u32(size)) return false;
-  value = {};
-  if (size == kNullLength) return true;
-  if (rest_.size() <= size || rest_[size] != '\0') return false;
-  value = rest_.substr(0, size);
+std::string_view PayloadReader::nullable_text() {
+  const std::uint32_t size = u32();
+  if (size == kNullLength) return {};
+  if (rest_.size() <= size || rest_[size] != '\0') throw Malformed();
+  const std::string_view value = rest_.substr(0, size);
   rest_.remove_prefix(std::size_t{size} + 1);
-  return true;
+  return value;
 }
 
-bool PayloadReader::text(std::string_view& value) {
-  return nullable_text(value) && value.data() != nullptr;
+std::string_view PayloadReader::text() {
+  const std::string_view value = nullable_text();
+  if (value.data() == nullptr) throw Malformed();
+  return value;
+}
+
+void PayloadReader::expect_end() const {
+  if (!rest_.empty()) throw Malformed();
 }
 
 }  // namespace kova::wire

@@ -7,12 +7,16 @@
 #include <string>
 #include <string_view>
 
+#include "failure.h"
+
 namespace kova::wire {
 
 inline constexpr std::uint32_t kMagic = 0x4B4F5641;  // "KOVA"
 inline constexpr std::uint16_t kVersion = 1;
 
 inline constexpr std::size_t kHeaderSize = 5;
+/// The payload of a Hello.
+inline constexpr std::size_t kHelloSize = 6;
 inline constexpr std::size_t kStatementLimit = 65536;
 /// The largest payload of a request: an Exec of the longest statement.
 inline constexpr std::size_t kRequestLimit = 4 + 4 + kStatementLimit + 1;
@@ -42,7 +46,7 @@ struct Header {
 
 [[nodiscard]] Header decode_header(const char (&bytes)[kHeaderSize]);
 
-/// A frame under construction. Texts are cut by nobody: the caller watches `payload_size`.
+/// A frame under construction. Nothing limits its size: the caller watches `payload_size`.
 class FrameWriter {
  public:
   explicit FrameWriter(Type type);
@@ -51,16 +55,16 @@ class FrameWriter {
   void u16(std::uint16_t value);
   void u32(std::uint32_t value);
   void text(std::string_view value);
-  /// The text that is not there.
+  /// The text of a null.
   void null_text();
 
   [[nodiscard]] std::size_t payload_size() const { return bytes_.size() - kHeaderSize; }
-  /// Takes back everything behind the first `payload_size` bytes of the payload.
+  /// Removes everything after the first `payload_size` bytes of the payload.
   void shrink(std::size_t payload_size) { bytes_.resize(kHeaderSize + payload_size); }
   /// Replaces a number that was written at `offset` of the payload.
   void set_u16(std::size_t offset, std::uint16_t value);
 
-  /// Writes the payload's size into the header and answers the whole frame.
+  /// Writes the payload's size into the header and returns the whole frame.
   [[nodiscard]] std::string_view finish();
   /// Overwrites what was written; for a frame that carries a password.
   void wipe();
@@ -71,23 +75,29 @@ class FrameWriter {
   std::string bytes_;
 };
 
-/// Reads a payload front to back. Every read answers false when the payload is too short or
-/// malformed there; the reader is not to be used after that.
+/// Thrown for a payload that is too short or malformed.
+class Malformed : public sample::Failure {
+ public:
+  Malformed() : Failure("the frame is malformed") {}
+};
+
+/// Reads a payload from front to back. Each read throws Malformed where its field is missing.
 class PayloadReader {
  public:
   explicit PayloadReader(std::string_view payload) : rest_(payload) {}
 
-  [[nodiscard]] bool u8(std::uint8_t& value);
-  [[nodiscard]] bool u16(std::uint16_t& value);
-  [[nodiscard]] bool u32(std::uint32_t& value);
-  /// A text that has to be there. Its data is NUL-terminated.
-  [[nodiscard]] bool text(std::string_view& value);
-  /// A text or, with null data, its absence.
-  [[nodiscard]] bool nullable_text(std::string_view& value);
-  [[nodiscard]] bool at_end() const { return rest_.empty(); }
+  [[nodiscard]] std::uint8_t u8() { return static_cast<std::uint8_t>(number(1)); }
+  [[nodiscard]] std::uint16_t u16() { return static_cast<std::uint16_t>(number(2)); }
+  [[nodiscard]] std::uint32_t u32() { return number(4); }
+  /// A text, not a null. Its data is NUL-terminated.
+  [[nodiscard]] std::string_view text();
+  /// A text, or null data for a null.
+  [[nodiscard]] std::string_view nullable_text();
+  /// Throws when bytes are left.
+  void expect_end() const;
 
  private:
-  [[nodiscard]] bool number(std::size_t size, std::uint32_t& value);
+  [[nodiscard]] std::uint32_t number(std::size_t size);
 
   std::string_view rest_;
 };

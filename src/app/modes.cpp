@@ -1,12 +1,17 @@
 #include "app/modes.h"
 
+#include <string_view>
+
 #include "app/stdio_server.h"
 #include "approval/token.h"
+#include "base/exit_code.h"
 #include "base/secret.h"
 #include "base/text.h"
 #include "db/session.h"
+#include "http/listener.h"
 #include "platform/clock.h"
 #include "platform/console.h"
+#include "policy/policy.h"
 #include "policy/predicates.h"
 
 namespace kova {
@@ -21,7 +26,7 @@ const char* yes_no(bool value) {
   return value ? "yes" : "no";
 }
 
-/// Writes one line to standard error and answers the exit code of a failure.
+/// Writes one line to standard error and returns the exit code of a failure.
 int diagnose(std::string_view prefix, std::string_view reason) {
   char text[kResultLineCapacity];
   TextOut line(text);
@@ -57,7 +62,7 @@ int config_ok(const McpPolicy& policy, const char* database_profile) {
 }  // namespace
 
 int stdio_mode(const Startup& startup) {
-  LineReader lines(startup.line_buffer, read_stdin);
+  LineReader lines(startup.line_buffer.data(), read_stdin);
   run_stdio_server(lines, startup.protocol, startup.tools);
   disconnect(startup.tools.session);
   return kExitOk;
@@ -80,7 +85,7 @@ int check_config_mode(const Startup& startup) {
 }
 
 int tool_worker_mode(const Startup& startup) {
-  LineReader lines(startup.line_buffer, read_stdin);
+  LineReader lines(startup.line_buffer.data(), read_stdin);
   Line line;
   if (lines.next(line)) {
     startup.protocol.Initialized = true;
@@ -91,7 +96,7 @@ int tool_worker_mode(const Startup& startup) {
 }
 
 int issue_approval_mode(const Startup& startup) {
-  LineReader lines(startup.line_buffer, read_stdin, kDigestLineLimit);
+  LineReader lines(startup.line_buffer.data(), read_stdin, kDigestLineLimit);
   Line line;
   if (!lines.next(line)) {
     write_stderr("approval digest is required on standard input\n");
@@ -107,6 +112,12 @@ int issue_approval_mode(const Startup& startup) {
   write_stdout(token);
   write_stdout("\n");
   return kExitOk;
+}
+
+int http_mode(const Startup& startup) {
+  // The sessions read their input in processes of their own.
+  startup.line_buffer.reset();
+  return run_http_listener(startup.operand);
 }
 
 }  // namespace kova

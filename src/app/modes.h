@@ -1,19 +1,19 @@
-// The modes of the executable. Each answers the exit code.
+// The modes of the executable. Each returns the exit code.
 #pragma once
 
 #include "app/line_reader.h"
+#include "base/heap_array.h"
 #include "mcp/dispatcher.h"
+#include "tools/tool.h"
 
 namespace kova {
 
-inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailure = 2;
-
-/// What start-up has made ready for every mode.
+/// What every mode is given.
 struct Startup {
-  char* line_buffer;
+  HeapArray<char>& line_buffer;  ///< kLineBufferCapacity bytes
   ProtocolState& protocol;
   ToolContext& tools;
+  const char* operand;  ///< the argument after the mode's own, null for none
 };
 
 [[nodiscard]] int stdio_mode(const Startup& startup);
@@ -21,5 +21,7 @@ struct Startup {
 [[nodiscard]] int check_config_mode(const Startup& startup);
 [[nodiscard]] int tool_worker_mode(const Startup& startup);
 [[nodiscard]] int issue_approval_mode(const Startup& startup);
+/// The operand is the port.
+[[nodiscard]] int http_mode(const Startup& startup);
 
 }  // namespace kova

@@ -1,5 +1,8 @@
 #include "app/prescan.h"
 
+#include "base/text.h"
+#include "json/json.h"
+
 namespace kova {
 
 namespace {

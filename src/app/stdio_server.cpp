@@ -1,22 +1,24 @@
 #include "app/stdio_server.h"
 
 #include <cstdlib>
+#include <string_view>
 
 #include "app/prescan.h"
 #include "app/tool_worker.h"
 #include "app/trace.h"
 #include "base/text.h"
 #include "json/reply.h"
+#include "platform/thread.h"
+#include "tools/tool.h"
 
 namespace kova {
 
 namespace {
 
 constexpr std::uint32_t kBusyWaitMs = 50;
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
-/// The thread that reads: frames messages, answers what needs no tool and minds the one tool call
-/// that may be running.
+/// The reading thread: frames messages, serves those that need no tool, starts the one tool call
+/// that may run at a time and cancels it.
 class StdioServer {
  public:
   StdioServer(LineReader& lines, ProtocolState& state, ToolContext& tools)
@@ -25,44 +27,50 @@ class StdioServer {
   void run() {
     Line line;
     while (lines_.next(line)) {
-      const std::string_view message = frame(line);
-      if (!message.empty()) handle(message);
+      RpcError error;
+      if (!serve(line, error)) write_error_reply({}, error.code, error.message);
     }
     worker_.join();
   }
 
  private:
-  /// The message of a line; empty for a line that holds none, after the answer that it may need.
-  [[nodiscard]] std::string_view frame(const Line& line) {
+  [[nodiscard]] bool serve(const Line& line, RpcError& error) {
+    std::string_view message;
+    if (!frame(line, message, error)) return false;
+    return message.empty() || handle(message, error);
+  }
+
+  /// Sets the message of a line; empty for a line that holds none.
+  [[nodiscard]] bool frame(const Line& line, std::string_view& message, RpcError& error) {
     std::string_view text = cut_at_nul(line.text);
-    if (text.empty()) return {};
+    if (text.empty()) return true;
     if (first_line_ && text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
     first_line_ = false;
     // A line that a NUL has cut looks unterminated too.
     if (!text.ends_with('\n') && !line.at_end_of_input) {
       lines_.discard_line();
-      write_error_reply({}, kParseError, "MCP message exceeds 1048576 bytes");
-      return {};
+      return refuse(error, kParseError, "MCP message exceeds 1048576 bytes");
     }
-    return strip_line_end(text);
+    message = strip_line_end(text);
+    return true;
   }
 
-  void handle(std::string_view message) {
+  [[nodiscard]] bool handle(std::string_view message, RpcError& error) {
     const Prescan found = prescan(message);
     collect_worker(0);
     if (found.is_cancel && is_active() &&
         std::string_view(found.cancelled_id) == tool_.ActiveRequestId) {
       cancel();
-      return;
+      return true;
     }
     if (is_active()) collect_worker(kBusyWaitMs);
     if (is_active()) {
-      refuse_as_busy(found);
-    } else if (found.is_tool_call) {
-      start_tool(message, found);
-    } else {
-      dispatch(message, protocol_, context_);
+      answer_busy(found);
+      return true;
     }
+    if (found.is_tool_call) return start_tool(message, found, error);
+    dispatch(message, protocol_, context_);
+    return true;
   }
 
   [[nodiscard]] bool is_active() const { return tool_.ToolActive.load() != 0; }
@@ -86,31 +94,23 @@ class StdioServer {
     return true;
   }
 
-  static void refuse_as_busy(const Prescan& found) {
+  static void answer_busy(const Prescan& found) {
     if (found.raw_id[0] == '\0') return;
-    ReplyLine()
-        .raw(R"({"jsonrpc":"2.0","id":)")
-        .raw(found.raw_id)
-        .raw(R"(,"error":{"code":)")
-        .number(kBusy)
-        .raw(R"(,"message":"another MCP database tool is still active"}})");
+    write_error_reply({.raw = found.raw_id}, kBusy, "another MCP database tool is still active");
   }
 
-  void start_tool(std::string_view message, const Prescan& found) {
+  [[nodiscard]] bool start_tool(std::string_view message, const Prescan& found, RpcError& error) {
     ToolJob* const job = make_tool_job(tool_, message, found.raw_id);
-    if (job == nullptr) {
-      write_error_reply({}, kInternalError, kServerMemoryLimit);
-      return;
-    }
-    // The last call's thread may still be at its very end, past the clearing of ToolActive.
+    if (job == nullptr) return refuse(error, kInternalError, kServerMemoryLimit);
+    // The last call's thread clears ToolActive before it ends.
     worker_.join();
     set_active_request_id(found.raw_id);
     tool_.CancelRequested.store(0);
     tool_.ToolActive.store(1);
-    if (worker_.start(run_tool_job, job)) return;
+    if (worker_.start(run_tool_job, job)) return true;
     tool_.ToolActive.store(0);
     std::free(job);
-    write_error_reply({}, kInternalError, "worker creation failed");
+    return refuse(error, kInternalError, "worker creation failed");
   }
 
   /// The id as a cancel spells it: a string without its quotation marks, its escapes as they are.

@@ -3,6 +3,7 @@
 
 #include "app/line_reader.h"
 #include "mcp/dispatcher.h"
+#include "tools/tool.h"
 
 namespace kova {
 

@@ -5,6 +5,8 @@
 
 #include "app/line_reader.h"
 #include "app/trace.h"
+#include "base/heap_array.h"
+#include "base/text.h"
 #include "json/output_lock.h"
 #include "json/reply.h"
 #include "platform/console.h"
@@ -19,14 +21,9 @@ constexpr std::size_t kDrainSize = 4096;
 /// The exit code that stands for a child which never ran.
 constexpr std::uint32_t kNeverRan = 1;
 
-/// The child's reply line, with room for a line feed; no data without memory.
+/// The child's reply line, with room for a line feed; there may be no memory for it.
 struct Reply {
-  Reply() : data(static_cast<char*>(std::malloc(kReplyLimit + 1))) {}
-  ~Reply() { std::free(data); }
-  Reply(const Reply&) = delete;
-  Reply& operator=(const Reply&) = delete;
-
-  char* data;
+  HeapArray<char> bytes{kReplyLimit + 1};
   std::size_t length = 0;
 };
 
@@ -44,9 +41,9 @@ void withdraw(ToolState& state) {
 
 /// Reads the whole output; what the reply does not hold is read too, so that the child can end.
 void read_reply(ChildProcess& child, Reply& reply) {
-  while (reply.data != nullptr && reply.length < kReplyLimit) {
+  while (reply.bytes && reply.length < kReplyLimit) {
     const std::size_t got =
-        child.read_output(reply.data + reply.length, kReplyLimit - reply.length);
+        child.read_output(reply.bytes.data() + reply.length, kReplyLimit - reply.length);
     if (got == 0) return;
     reply.length += got;
   }
@@ -55,7 +52,7 @@ void read_reply(ChildProcess& child, Reply& reply) {
   }
 }
 
-/// Runs the call in a child process and answers its exit code.
+/// Runs the call in a child process and returns its exit code.
 std::uint32_t run_child(const ToolJob& job, ToolState& state, Reply& reply) {
   ChildProcess child;
   if (!child.start("--tool-worker")) return kNeverRan;
@@ -68,18 +65,11 @@ std::uint32_t run_child(const ToolJob& job, ToolState& state, Reply& reply) {
   return child.collect();
 }
 
-void write_cancelled(const ToolJob& job) {
-  ReplyLine()
-      .raw(R"({"jsonrpc":"2.0","id":)")
-      .raw(job.raw_id[0] != '\0' ? job.raw_id : "null")
-      .raw(R"(,"result":{"content":[{"type":"text","text":"request cancelled"}],)")
-      .raw(R"("structuredContent":{"cancelled":true},"isError":true}})");
-}
-
 void pass_on(Reply& reply) {
-  if (reply.data[reply.length - 1] != '\n') reply.data[reply.length++] = '\n';
+  char* const line = reply.bytes.data();
+  if (line[reply.length - 1] != '\n') line[reply.length++] = '\n';
   const SpinGuard guard(OutputLock);
-  write_stdout({reply.data, reply.length});
+  write_stdout({line, reply.length});
 }
 
 }  // namespace
@@ -105,7 +95,7 @@ void* run_tool_job(void* argument) {
     Reply reply;
     exit_code = run_child(*job, state, reply);
     if (state.CancelRequested.load() != 0) {
-      write_cancelled(*job);
+      write_tool_failure({.raw = job->raw_id}, "request cancelled", R"({"cancelled":true})");
     } else if (exit_code == 0 && reply.length > 0) {
       pass_on(reply);
     } else {

@@ -1,4 +1,4 @@
-// The thread of the stdio server that runs one tool call in a child process and answers it.
+// The thread of the stdio server that runs one tool call in a child process and writes its reply.
 #pragma once
 
 #include <atomic>
@@ -35,8 +35,9 @@ struct ToolJob {
 [[nodiscard]] ToolJob* make_tool_job(ToolState& state, std::string_view message,
                                      std::string_view raw_id);
 
-/// The worker thread: starts the child, feeds it the message, answers with its reply line, with
-/// the cancelled result or with a failure, frees the job and clears ToolActive last. Answers null.
+/// The worker thread: starts the child, writes the message to it, writes its reply line, the
+/// cancelled result or an error to standard output, frees the job and clears ToolActive last.
+/// Returns null.
 void* run_tool_job(void* job);
 
 }  // namespace kova

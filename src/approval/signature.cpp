@@ -9,7 +9,7 @@ namespace kova {
 
 namespace {
 
-constexpr std::size_t kShortestSecret = 32;
+constexpr std::size_t kSecretMinimum = 32;
 constexpr std::size_t kSigningTextCapacity = 512;
 
 bool compose(const McpPolicy& policy, std::string_view expiry, std::string_view nonce,
@@ -28,7 +28,7 @@ bool compose(const McpPolicy& policy, std::string_view expiry, std::string_view 
 bool approval_sign(const McpPolicy& policy, std::string_view expiry, std::string_view nonce,
                    std::string_view digest, char (&signature)[kSignatureCapacity]) {
   const EnvironmentValue secret("KOVA_MCP_APPROVAL_SECRET");
-  if (secret.view().size() < kShortestSecret) return false;
+  if (secret.view().size() < kSecretMinimum) return false;
   char text[kSigningTextCapacity];
   const WipeGuard text_guard(text);
   TextOut signing_text(text);

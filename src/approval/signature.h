@@ -1,6 +1,7 @@
 // The approval signature: what binds an approval to its expiry, nonce, operation and policy.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "platform/crypto.h"

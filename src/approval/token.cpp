@@ -33,12 +33,12 @@ bool fields_are_valid(const TokenPieces& pieces, std::string_view digest) {
 
 /// The number that the text begins with; the largest one when it is larger.
 std::uint64_t leading_number(std::string_view text) {
-  constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
+  constexpr std::uint64_t kLimit = std::numeric_limits<std::uint64_t>::max();
   std::uint64_t number = 0;
   for (const char c : text) {
     if (!is_digit(c)) break;
     const auto digit = static_cast<std::uint64_t>(c - '0');
-    if (number > (kLargest - digit) / 10) return kLargest;
+    if (number > (kLimit - digit) / 10) return kLimit;
     number = number * 10 + digit;
   }
   return number;

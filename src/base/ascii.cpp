@@ -12,4 +12,9 @@ bool equal_ignoring_case(std::string_view a, std::string_view b) {
   return true;
 }
 
+bool means_yes(std::string_view text) {
+  return text == "1" || equal_ignoring_case(text, "true") || equal_ignoring_case(text, "yes") ||
+         equal_ignoring_case(text, "on");
+}
+
 }  // namespace kova

@@ -40,13 +40,17 @@ constexpr char to_lower(char c) {
   return is_upper(c) ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-/// What hex_value answers for each byte.
+/// The digits of hexadecimal text.
+inline constexpr char kHexDigits[] = "0123456789abcdef";
+
+/// What hex_value returns for each byte.
 inline constexpr auto kHexValues = [] {
   std::array<signed char, 256> values{};
   values.fill(-1);
   for (int digit = 0; digit < 16; ++digit) {
-    values[static_cast<unsigned char>("0123456789abcdef"[digit])] = static_cast<signed char>(digit);
-    values[static_cast<unsigned char>("0123456789ABCDEF"[digit])] = static_cast<signed char>(digit);
+    values[static_cast<unsigned char>(kHexDigits[digit])] = static_cast<signed char>(digit);
+    values[static_cast<unsigned char>(to_upper(kHexDigits[digit]))] =
+        static_cast<signed char>(digit);
   }
   return values;
 }();
@@ -57,5 +61,8 @@ constexpr int hex_value(char c) {
 }
 
 [[nodiscard]] bool equal_ignoring_case(std::string_view a, std::string_view b);
+
+/// Whether a setting's text switches it on: "1", or "true", "yes" or "on" ignoring case.
+[[nodiscard]] bool means_yes(std::string_view text);
 
 }  // namespace kova

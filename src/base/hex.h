@@ -13,10 +13,9 @@ namespace kova {
 /// Writes bytes as lower-case digits, high nibble first, and a terminator.
 template <std::size_t kBytes>
 void write_hex(const std::uint8_t (&bytes)[kBytes], char (&out)[2 * kBytes + 1]) {
-  static constexpr char kDigits[] = "0123456789abcdef";
   for (std::size_t i = 0; i < kBytes; ++i) {
-    out[2 * i] = kDigits[bytes[i] >> 4];
-    out[2 * i + 1] = kDigits[bytes[i] & 0xF];
+    out[2 * i] = kHexDigits[bytes[i] >> 4];
+    out[2 * i + 1] = kHexDigits[bytes[i] & 0xF];
   }
   out[2 * kBytes] = '\0';
 }

@@ -3,7 +3,8 @@
 #include <bit>
 #include <cstring>
 
-#include "base/byte_run.h"
+#include "base/ascii.h"
+#include "base/string_scan.h"
 
 namespace kova {
 
@@ -33,15 +34,14 @@ char escape_letter(EscapeStyle style, char byte) {
 }  // namespace
 
 std::size_t write_escape(EscapeStyle style, char byte, char* target) {
-  static constexpr char kDigits[] = "0123456789abcdef";
   target[0] = '\\';
   target[1] = escape_letter(style, byte);
   if (target[1] != '\0') return 2;
   const auto value = static_cast<unsigned char>(byte);
   std::memcpy(target + 1, "u00", 3);
-  target[4] = kDigits[value >> 4];
-  target[5] = kDigits[value & 0xF];
-  return kLongestEscape;
+  target[4] = kHexDigits[value >> 4];
+  target[5] = kHexDigits[value & 0xF];
+  return kEscapeLimit;
 }
 
 EscapeProgress escape_json(EscapeStyle style, const char* source, const char* source_end,

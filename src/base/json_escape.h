@@ -12,9 +12,9 @@ enum class EscapeStyle {
 };
 
 /// The longest escape.
-inline constexpr std::size_t kLongestEscape = 6;
+inline constexpr std::size_t kEscapeLimit = 6;
 /// The room that escape_json wants before each step.
-inline constexpr std::size_t kEscapeRoom = 16 + kLongestEscape;
+inline constexpr std::size_t kEscapeRoom = 16 + kEscapeLimit;
 
 struct EscapeProgress {
   const char* source;  ///< the first byte that was not taken
@@ -22,11 +22,11 @@ struct EscapeProgress {
 };
 
 /// Copies [source, source_end) to [target, target_end) with its escapes, until all is taken or less
-/// than kEscapeRoom is left. What lies after the answered target may have been overwritten.
+/// than kEscapeRoom is left. Bytes after the returned target may have been overwritten.
 EscapeProgress escape_json(EscapeStyle style, const char* source, const char* source_end,
                            char* target, char* target_end);
 
-/// Writes the escape of one byte that needs one and answers its length.
+/// Writes the escape of one byte that needs one and returns its length.
 std::size_t write_escape(EscapeStyle style, char byte, char* target);
 
 }  // namespace kova

@@ -28,9 +28,9 @@ bool TextOut::append(std::string_view text) {
 }
 
 bool TextOut::append_number(std::uint64_t number) {
-  constexpr std::size_t kMostDigits = 20;
-  char digits[kMostDigits];
-  char* const end = digits + kMostDigits;
+  constexpr std::size_t kDigitsCapacity = 20;
+  char digits[kDigitsCapacity];
+  char* const end = digits + kDigitsCapacity;
   char* first = end;
   do {
     *--first = static_cast<char>('0' + number % 10);

@@ -9,6 +9,9 @@
 
 namespace kova {
 
+/// What a text in UTF-8 may begin with, and what is no part of it.
+inline constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
 /// The bytes of a text from an index on, at most `count` of them; empty beyond its end.
 constexpr std::string_view slice(std::string_view text, std::size_t begin,
                                  std::size_t count = std::string_view::npos) {
@@ -26,17 +29,17 @@ class TextOut {
   /// `capacity` is at least 1.
   TextOut(char* data, std::size_t capacity) : data_(data), capacity_(capacity) {}
 
-  /// Replaces the text. When it does not fit, the text becomes empty and the answer is false.
+  /// Replaces the text. When it does not fit, the text becomes empty and false is returned.
   [[nodiscard]] bool copy(std::string_view text);
   /// Replaces the text by as much of `text` as fits.
   void copy_cut(std::string_view text);
-  /// Adds to the text. When it does not fit, nothing is added and the answer is false.
+  /// Adds to the text. When it does not fit, nothing is added and false is returned.
   [[nodiscard]] bool append(std::string_view text);
   [[nodiscard]] bool append(char byte) { return append(std::string_view(&byte, 1)); }
   /// Adds a number in decimal digits.
   [[nodiscard]] bool append_number(std::uint64_t number);
-  /// Adds formatted text (printf directives). When it does not fit, nothing is added and the
-  /// answer is false.
+  /// Adds formatted text (printf directives). When it does not fit, nothing is added and
+  /// false is returned.
   [[nodiscard]] bool format(const char* directives, ...) __attribute__((format(gnu_printf, 2, 3)));
 
   /// What this object has written so far.
@@ -52,7 +55,7 @@ class TextOut {
   std::size_t length_ = 0;
 };
 
-/// Writes the one message of a refused check and answers false, so that a check reads
+/// Writes the message of a failed check and returns false, so that a check reads
 /// `return refuse(message, "...")`.
 inline bool refuse(TextOut message, std::string_view text) {
   message.copy_cut(text);

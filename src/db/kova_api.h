@@ -24,7 +24,7 @@ using KOVA_NewObject_t = void*(void* connection);
 /// Runs one statement. Greater than 0 is success, 0 and below are failures, over all 64 bits.
 using KOVA_Exec_t = std::int64_t(void* object, const char* statement);
 
-/// The status text of the last statement: the error's words after a failure. May be null.
+/// The status text of the last statement: the error message after a failure. May be null.
 using KOVA_Status_t = const char*(void* object);
 
 /// The number of columns of the last statement's result; 0 when it has none.

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <utility>
 
-#include "base/byte_run.h"
 #include "base/json_escape.h"
+#include "base/string_scan.h"
 
 namespace kova {
 
@@ -24,13 +24,13 @@ OutBuf::~OutBuf() {
 }
 
 bool OutBuf::append(std::string_view bytes) {
-  if (bytes.size() >= kOutBufCeiling - length_) return false;
+  if (bytes.size() >= kOutBufLimit - length_) return false;
   const auto size = static_cast<std::uint32_t>(bytes.size());
   const std::uint32_t need = length_ + size + 1;
   if (need > capacity_) {
-    std::uint32_t larger = std::max(capacity_, kOutBufFirstCapacity);
+    std::uint32_t larger = std::max(capacity_, kOutBufInitialCapacity);
     while (larger < need) larger *= 2;
-    larger = std::min(larger, kOutBufCeiling);
+    larger = std::min(larger, kOutBufLimit);
     auto* grown = static_cast<char*>(std::realloc(text_, larger));
     if (grown == nullptr) return false;
     text_ = grown;
@@ -66,7 +66,7 @@ bool OutBuf::append_step(const char*& p, const char* end) {
     p = stop;
     return appended;
   }
-  char escape[kLongestEscape];
+  char escape[kEscapeLimit];
   return append({escape, write_escape(EscapeStyle::kNumeric, *p++, escape)});
 }
 

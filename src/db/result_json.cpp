@@ -4,9 +4,7 @@ namespace kova {
 
 namespace {
 
-constexpr char kByteLimit[] = "database result byte limit exceeded";
-constexpr char kCellLimitMessage[] = "database cell limit exceeded";
-constexpr char kColumnLimitMessage[] = "database result column limit exceeded";
+constexpr std::string_view kByteLimitMessage = "database result byte limit exceeded";
 
 std::string_view or_empty(const char* text) {
   return text != nullptr ? text : "";
@@ -24,14 +22,13 @@ class ResultWriter {
            out_.append(R"(,"columns":[)") && names() && out_.append(R"(],"rows":[)");
   }
 
-  /// Answers null, or the words of the failure.
-  [[nodiscard]] const char* rows(std::uint32_t max_rows, std::uint32_t& count) {
+  [[nodiscard]] bool rows(std::uint32_t max_rows, std::uint32_t& count, TextOut message) {
     for (count = 0; count < max_rows && library_.next(object_) != 0; ++count) {
-      if (!out_.append(count == 0 ? "[" : ",[")) return kByteLimit;
-      if (const char* const failure = cells()) return failure;
-      if (!out_.append("]")) return kByteLimit;
+      if (!out_.append(count == 0 ? "[" : ",[")) return refuse(message, kByteLimitMessage);
+      if (!cells(message)) return false;
+      if (!out_.append("]")) return refuse(message, kByteLimitMessage);
     }
-    return nullptr;
+    return true;
   }
 
   [[nodiscard]] bool tail(std::uint32_t count, bool truncated) {
@@ -52,14 +49,14 @@ class ResultWriter {
     return true;
   }
 
-  [[nodiscard]] const char* cells() {
+  [[nodiscard]] bool cells(TextOut message) {
     for (int column = 1; column <= columns_; ++column) {
       const std::string_view cell = or_empty(library_.data_by_fno(object_, column));
-      if (!separate(column)) return kByteLimit;
-      if (cell.size() > kCellLimit) return kCellLimitMessage;
-      if (!out_.append_escaped(cell)) return kByteLimit;
+      if (!separate(column)) return refuse(message, kByteLimitMessage);
+      if (cell.size() > kCellLimit) return refuse(message, "database cell limit exceeded");
+      if (!out_.append_escaped(cell)) return refuse(message, kByteLimitMessage);
     }
-    return nullptr;
+    return true;
   }
 
   const ClientLibrary& library_;
@@ -70,15 +67,17 @@ class ResultWriter {
 
 }  // namespace
 
-const char* compose_result_json(const ClientLibrary& library, void* object, std::uint32_t max_rows,
-                                OutBuf& out, std::uint32_t& row_count) {
+bool compose_result_json(const ClientLibrary& library, void* object, std::uint32_t max_rows,
+                         OutBuf& out, std::uint32_t& row_count, TextOut message) {
   const int columns = library.field_count(object);
   // Compared unsigned, so that a negative count is over the limit.
-  if (static_cast<unsigned>(columns) > kColumnLimit) return kColumnLimitMessage;
+  if (static_cast<unsigned>(columns) > kColumnLimit) {
+    return refuse(message, "database result column limit exceeded");
+  }
   ResultWriter writer(library, object, columns, out);
-  if (!writer.head()) return kByteLimit;
-  if (const char* const failure = writer.rows(max_rows, row_count)) return failure;
-  return writer.tail(row_count, row_count == max_rows) ? nullptr : kByteLimit;
+  if (!writer.head()) return refuse(message, kByteLimitMessage);
+  if (!writer.rows(max_rows, row_count, message)) return false;
+  return writer.tail(row_count, row_count == max_rows) || refuse(message, kByteLimitMessage);
 }
 
 }  // namespace kova

@@ -2,7 +2,6 @@
 
 #include <string_view>
 
-#include "base/decimal.h"
 #include "base/secret.h"
 #include "base/text.h"
 #include "platform/environment.h"
@@ -14,12 +13,10 @@ namespace {
 
 constexpr std::size_t kServerLimit = 253;
 constexpr std::size_t kPortLimit = 5;
-constexpr std::uint64_t kLargestPort = 65535;
 constexpr std::size_t kNameLimit = 63;
 constexpr std::size_t kPasswordLimit = 255;
 constexpr std::size_t kUseCapacity = 160;
 constexpr std::size_t kLoginCapacity = 512;
-constexpr std::uint32_t kProbeTimeoutMs = 3000;
 constexpr int kStartOptions = 0;
 
 /// What the environment says of the engine and the login; wiped when it goes.
@@ -39,38 +36,39 @@ bool fits(std::string_view text, std::size_t limit, std::string_view forbidden) 
   return !text.empty() && text.size() <= limit && text.find_first_of(forbidden) == text.npos;
 }
 
-/// What a resolver would make of a text that is no number is not the operator's choice.
-bool is_port(std::string_view text) {
-  const std::uint64_t number = whole_decimal(text).value_or(0);
-  return text.size() <= kPortLimit && number >= 1 && number <= kLargestPort;
+/// The first setting that is out of its limits.
+LoginSetting first_bad_setting(const Profile& profile) {
+  if (!fits(profile.server.view(), kServerLimit, {})) return LoginSetting::kServer;
+  if (!fits(profile.port.view(), kPortLimit, {})) return LoginSetting::kPort;
+  if (!fits(profile.user.view(), kNameLimit, ",;")) return LoginSetting::kUser;
+  if (!fits(profile.password.view(), kPasswordLimit, ";")) return LoginSetting::kPassword;
+  if (!fits(profile.database_name(), kNameLimit, ";")) return LoginSetting::kDatabase;
+  return LoginSetting::kNone;
 }
 
-bool is_acceptable(const Profile& profile) {
-  return fits(profile.server.view(), kServerLimit, {}) && is_port(profile.port.view()) &&
-         fits(profile.user.view(), kNameLimit, ",;") &&
-         fits(profile.password.view(), kPasswordLimit, ";") &&
-         fits(profile.database_name(), kNameLimit, ";");
-}
-
-/// Whether some address of the engine takes a connection; the library itself may wait for ever.
-bool is_reachable(const Profile& profile) {
-  const SocketLayer layer;
-  AddressList addresses;
-  if (!layer.ready() || !addresses.resolve(profile.server.c_str(), profile.port.c_str())) {
-    return false;
-  }
+/// Whether some address accepts a connection. Asked before the library is, whose own connect may
+/// never return.
+bool can_connect(const AddressList& addresses, std::uint32_t timeout_ms) {
   for (const void* address = addresses.first(); address != nullptr;
        address = AddressList::next(address)) {
     Socket socket;
-    if (socket.connect(address, kProbeTimeoutMs)) return true;
+    if (socket.connect(address, timeout_ms)) return true;
   }
   return false;
 }
 
+/// The step at which the engine turns out not to be reachable.
+LoginStep reach(const Profile& profile, std::uint32_t timeout_ms) {
+  const SocketLayer layer;
+  AddressList addresses;
+  if (!layer.ready() || !addresses.resolve(profile.server.c_str(), profile.port.c_str())) {
+    return LoginStep::kResolve;
+  }
+  return can_connect(addresses, timeout_ms) ? LoginStep::kNone : LoginStep::kConnect;
+}
+
 /// A failure leaves what was made so far in place, until the session is disconnected.
 bool start_library(DbSession& session, const Profile& profile) {
-  session.library = session.load_library();
-  if (session.library == nullptr) return false;
   const ClientLibrary& library = *session.library;
   session.instance = library.create_instance();
   if (session.instance == nullptr) return false;
@@ -97,6 +95,20 @@ bool log_in(const DbSession& session, const Profile& profile) {
          session.library->exec(session.statement_object, statement) > 0;
 }
 
+/// Goes through the steps; the one that fails is returned, kNone for a session that is there.
+LoginStep attempt(DbSession& session) {
+  const Profile profile;
+  session.failed_setting = first_bad_setting(profile);
+  if (session.failed_setting != LoginSetting::kNone) return LoginStep::kSettings;
+  const LoginStep unreached = reach(profile, session.probe_timeout_ms);
+  if (unreached != LoginStep::kNone) return unreached;
+  session.library = session.load_library();
+  if (session.library == nullptr) return LoginStep::kLoad;
+  if (!start_library(session, profile)) return LoginStep::kStart;
+  if (!select_database(session, profile)) return LoginStep::kUse;
+  return log_in(session, profile) ? LoginStep::kNone : LoginStep::kLogin;
+}
+
 }  // namespace
 
 bool ensure_session(DbSession& session) {
@@ -104,13 +116,12 @@ bool ensure_session(DbSession& session) {
   if (session.statement_object != nullptr) return true;
   if (session.attempted) return false;
   session.attempted = true;
-  const Profile profile;
-  if (!is_acceptable(profile) || !is_reachable(profile) || !start_library(session, profile)) {
-    return false;
+  session.failed_step = attempt(session);
+  // The engine has refused: a later call makes a new attempt. What failed before stays failed.
+  if (session.failed_step == LoginStep::kUse || session.failed_step == LoginStep::kLogin) {
+    disconnect(session);
   }
-  if (select_database(session, profile) && log_in(session, profile)) return true;
-  disconnect(session);
-  return false;
+  return session.failed_step == LoginStep::kNone;
 }
 
 void disconnect(DbSession& session) {

@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/string_scan.h"
 #include "base/text.h"
+#include "db/client_library.h"
 #include "db/out_buf.h"
 #include "db/result_json.h"
 
@@ -16,6 +18,13 @@ void StatementResult::release() {
   textLength = 0;
   truncated = false;
   std::memset(error, 0, sizeof error);
+}
+
+void StatementResult::adopt(char* json, std::size_t length, std::uint32_t rows) {
+  release();
+  text = json;
+  textLength = static_cast<std::uint32_t>(length);
+  rowCount = rows;
 }
 
 bool execute_statement(DbSession& session, const char* sql, std::uint32_t max_rows,
@@ -32,27 +41,19 @@ bool execute_statement(DbSession& session, const char* sql, std::uint32_t max_ro
   if (library.exec(session.statement_object, sql) <= 0) {
     const char* const status = library.status(session.statement_object);
     const bool has_words = status != nullptr && *status != '\0';
-    return refuse(result.error, has_words ? status : "database statement failed");
+    return refuse(result.error, has_words ? cut_text(status, kStatementErrorCapacity - 1)
+                                          : "database statement failed");
   }
   OutBuf out;
-  if (const char* const failure =
-          compose_result_json(library, session.statement_object, max_rows, out, result.rowCount)) {
+  if (!compose_result_json(library, session.statement_object, max_rows, out, result.rowCount,
+                           result.error)) {
     result.rowCount = 0;
-    return refuse(result.error, failure);
+    return false;
   }
   result.textLength = out.length();
   result.text = out.release();
   result.truncated = result.rowCount == max_rows;
   return true;
-}
-
-bool execute_between(DbSession& session, const char* setup, const char* sql, const char* cleanup,
-                     std::uint32_t max_rows, StatementResult& result) {
-  if (!execute_statement(session, setup, max_rows, result)) return false;
-  const bool succeeded = execute_statement(session, sql, max_rows, result);
-  StatementResult ignored;
-  static_cast<void>(execute_statement(session, cleanup, 1, ignored));
-  return succeeded;
 }
 
 }  // namespace kova

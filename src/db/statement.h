@@ -1,4 +1,4 @@
-// Running statements: bounds before, one pass over the rows after.
+// Running one statement: bounds before, one pass over the rows after.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ inline constexpr std::size_t kStatementLimit = 32768;
 inline constexpr std::uint32_t kMaxRowsLimit = 256;
 inline constexpr std::size_t kStatementErrorCapacity = 256;
 
-/// The result of one statement: its JSON text, or the words of its failure.
+/// The result of one statement: its JSON text, or the message of its failure.
 struct StatementResult {
   StatementResult() = default;
   ~StatementResult() { release(); }
@@ -22,6 +22,8 @@ struct StatementResult {
 
   /// Frees the text and zeroes the record.
   void release();
+  /// Becomes a success with this text of `malloc`, which it frees.
+  void adopt(char* json, std::size_t length, std::uint32_t rows);
 
   char* text = nullptr;  ///< NUL-terminated, on the C heap; null after a failure
   std::uint32_t rowCount = 0;
@@ -31,15 +33,8 @@ struct StatementResult {
 };
 
 /// Runs one statement of 1 to 32,768 bytes and encodes at most `max_rows` (1 to 256) rows.
-/// `sql` is NUL-terminated. False leaves the words in `result.error`.
+/// `sql` is NUL-terminated. False leaves the message in `result.error`.
 [[nodiscard]] bool execute_statement(DbSession& session, const char* sql, std::uint32_t max_rows,
                                      StatementResult& result);
-
-/// Runs a statement between a set-up and a clean-up statement and answers its outcome. When the
-/// set-up fails, its failure is the result and nothing else runs; otherwise the clean-up always
-/// runs, and its own failure is ignored.
-[[nodiscard]] bool execute_between(DbSession& session, const char* setup, const char* sql,
-                                   const char* cleanup, std::uint32_t max_rows,
-                                   StatementResult& result);
 
 }  // namespace kova

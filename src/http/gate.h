@@ -1,22 +1,23 @@
-// What one HTTP request goes through: the checks in their order, then its session.
+// The gate of the HTTP listener: the questions that every request must pass, in their order, each
+// with the response that a failure gets.
 #pragma once
 
 #include "http/rate_window.h"
-#include "http/session_table.h"
+#include "http/request.h"
+#include "http/response.h"
 #include "platform/socket.h"
 
 namespace kova {
 
-/// How much of the port text the default Host names show, with a terminator.
-inline constexpr std::size_t kPortTextCapacity = 8;
-
-/// What outlives a request.
-struct HttpState {
+/// What the questions look at.
+struct GateSubject {
+  Socket& socket;
+  HttpRequest& request;
+  const char* port_text;  ///< the listener's port, as in the default Host names
   RateWindow& rate;
-  SessionTable& sessions;
 };
 
-/// Reads one request from the socket and writes one response; the caller closes the socket.
-void handle_connection(Socket& socket, const char* port_text, const HttpState& state);
+/// Counts the request, reads it from the socket and asks the questions. False sets the refusal.
+[[nodiscard]] bool pass_gate(const GateSubject& subject, HttpResponse& refusal);
 
 }  // namespace kova

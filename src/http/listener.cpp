@@ -2,27 +2,29 @@
 
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "base/decimal.h"
+#include "base/exit_code.h"
 #include "base/text.h"
-#include "http/gate.h"
+#include "http/child_starter.h"
+#include "http/connection.h"
+#include "http/rate_window.h"
 #include "http/response.h"
+#include "http/session_table.h"
 #include "platform/clock.h"
 #include "platform/console.h"
+#include "platform/socket.h"
 
 namespace kova {
 
 namespace {
 
-constexpr int kExitOk = 0;
-constexpr int kExitFailure = 2;
-constexpr std::uint64_t kHighestPort = 65535;
+constexpr std::uint64_t kPortLimit = 65535;
 
-constexpr HttpResponse kConnectionLimit{.status = 503,
-                                        .reason = "Unavailable",
-                                        .header = "",
-                                        .body = R"({"error":"connection limit"})"};
+constexpr HttpResponse kConnectionLimit{
+    .status = 503, .reason = "Unavailable", .body = R"({"error":"connection limit"})"};
 
 /// What connections share. It is never destroyed: they may outlast the accept loop.
 struct Shared {
@@ -77,7 +79,7 @@ void announce(const char* port_text) {
 
 int run_http_listener(const char* port_text) {
   const std::uint64_t port = whole_decimal(port_text).value_or(0);
-  if (port < 1 || port > kHighestPort) return kExitFailure;
+  if (port < 1 || port > kPortLimit) return kExitFailure;
   const SocketLayer layer;
   LoopbackListener listener;
   void* const memory = std::malloc(sizeof(Shared));

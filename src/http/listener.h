@@ -4,7 +4,7 @@
 namespace kova {
 
 /// Listens on 127.0.0.1 and serves every connection on a thread of its own until no more can be
-/// accepted. Answers the process's exit code: 2 when it cannot listen, also for a port text whose
+/// accepted. Returns the process's exit code: 2 when it cannot listen, also for a port text whose
 /// value is not 1 to 65,535, else 0.
 [[nodiscard]] int run_http_listener(const char* port_text);
 

@@ -10,7 +10,7 @@ namespace kova {
 /// A fixed window over the requests of the whole listener; used by all its threads.
 class RateWindow {
  public:
-  /// Counts a request at `now_ms` and answers whether it is among the first `limit` of the window
+  /// Counts a request at `now_ms` and returns whether it is among the first `limit` of the window
   /// of 60,000 ms that began with the first request after the last one.
   [[nodiscard]] bool admit(std::uint64_t now_ms, std::uint32_t limit);
 

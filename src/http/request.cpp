@@ -25,8 +25,8 @@ std::string_view without_leading_space(std::string_view text) {
   return text;
 }
 
-/// The length of a body; none for a text that is no whole number from 0 to the limit. Minus nought
-/// is nought.
+/// The length of a body; none for a text that is no whole number from 0 to the limit. -0 counts as
+/// 0.
 std::optional<std::size_t> content_length(std::string_view text) {
   const bool negative = text.starts_with('-');
   if (negative || text.starts_with('+')) text.remove_prefix(1);

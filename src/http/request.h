@@ -9,7 +9,7 @@
 
 namespace kova {
 
-/// The most bytes of a connection that are received: headers and body.
+/// Bytes of a connection that are received: headers and body.
 inline constexpr std::size_t kRequestLimit = 278528;
 /// The request buffer; a line feed always fits behind what was received.
 inline constexpr std::size_t kRequestCapacity = kRequestLimit + 2;
@@ -17,7 +17,7 @@ inline constexpr std::size_t kRequestCapacity = kRequestLimit + 2;
 inline constexpr std::size_t kHeaderBlockLimit = 16384;
 inline constexpr std::size_t kBodyLimit = 262144;
 
-/// A request in a buffer of kRequestCapacity bytes that the caller owns.
+/// A request in a buffer of kRequestCapacity bytes that the caller owns, or in none (null).
 class HttpRequest {
  public:
   explicit HttpRequest(char* buffer) : buffer_(buffer) {}
@@ -26,6 +26,13 @@ class HttpRequest {
   /// stopped before, or a bound of above does not hold. Content-Length frames the body; without
   /// it, or with a value of 32 characters and more, there is none.
   [[nodiscard]] bool receive(Socket& socket);
+
+  /// Whether there is a buffer to receive into.
+  [[nodiscard]] bool has_buffer() const { return buffer_ != nullptr; }
+  [[nodiscard]] bool is_post() const { return received().starts_with("POST /mcp HTTP/1.1\r\n"); }
+  [[nodiscard]] bool is_delete() const {
+    return received().starts_with("DELETE /mcp HTTP/1.1\r\n");
+  }
 
   [[nodiscard]] std::string_view received() const { return {buffer_, received_}; }
   [[nodiscard]] std::string_view body() const { return {buffer_ + body_begin_, body_length_}; }

@@ -17,7 +17,7 @@ SessionTable::Hold SessionTable::create() {
   end_unused(clock_());
   Slot* const slot = reserve();
   if (slot == nullptr) return {};
-  const bool started = slot->session.start(starter_);
+  const bool started = slot->process.start(starter_);
   const MutexGuard guard(mutex_);
   slot->state = started ? State::kActive : State::kFree;
   changed_.notify_all();
@@ -31,7 +31,7 @@ SessionTable::Hold SessionTable::find(std::string_view id) {
   if (id.empty()) return {};
   const MutexGuard guard(mutex_);
   for (Slot& slot : slots_) {
-    if (slot.state != State::kActive || !equal_constant_time(slot.session.id(), id)) continue;
+    if (slot.state != State::kActive || !equal_constant_time(slot.process.id(), id)) continue;
     ++slot.holds;
     return {*this, slot};
   }
@@ -41,7 +41,7 @@ SessionTable::Hold SessionTable::find(std::string_view id) {
 Exchange SessionTable::tell(Hold& hold, std::string_view message) {
   Slot& slot = *hold.slot_;
   if (!begin_exchange(slot)) return Exchange::kSessionGone;
-  if (slot.session.write(message)) return Exchange::kDone;
+  if (slot.process.write(message)) return Exchange::kDone;
   close(hold);
   return Exchange::kInputFailed;
 }
@@ -51,12 +51,12 @@ Exchange SessionTable::ask(Hold& hold, std::string_view message, char* answer,
   Slot& slot = *hold.slot_;
   if (!wait_for_turn(slot)) return Exchange::kSessionGone;
   Exchange outcome = Exchange::kDone;
-  if (!slot.session.write(message)) {
+  if (!slot.process.write(message)) {
     outcome = Exchange::kInputFailed;
-  } else if (!slot.session.read_line(answer, length)) {
+  } else if (!slot.process.read_line(answer, length)) {
     outcome = Exchange::kAnswerFailed;
   }
-  // The turn is not given up on failure: what is left of an answer is nobody else's.
+  // After a failure the turn is kept: a later caller must not read the rest of this answer.
   if (outcome == Exchange::kDone) {
     end_turn(slot);
   } else {
@@ -97,7 +97,7 @@ bool SessionTable::is_unused(Slot& slot, std::uint64_t now_ms) {
   // Another thread may have used it after the clock was read.
   const bool is_idle =
       now_ms > slot.last_activity_ms && now_ms - slot.last_activity_ms > kIdleLimitMs;
-  return is_idle || slot.session.has_ended();
+  return is_idle || slot.process.has_ended();
 }
 
 // Whoever finds no free slot waits for those that are about to become free.
@@ -153,13 +153,13 @@ bool SessionTable::begin_ending(Slot& slot) {
 }
 
 void SessionTable::end(Slot& slot, unsigned own_holds) {
-  slot.session.terminate();
+  slot.process.terminate();
   {
     const MutexGuard guard(mutex_);
     changed_.notify_all();
     while (slot.holds > own_holds) changed_.wait(mutex_);
   }
-  slot.session.finish();
+  slot.process.finish();
   const MutexGuard guard(mutex_);
   slot.state = State::kFree;
   slot.holds = 0;

@@ -1,4 +1,8 @@
-// The sessions of the HTTP listener, and who uses them when.
+// The sessions of the HTTP listener, shared by all connection threads.
+//
+//   SessionTable::Hold session = table.find(id);          // or table.create()
+//   if (!session) return kUnknownSession;
+//   switch (table.ask(session, message, answer, length)) ...   // the hold ends with its scope
 #pragma once
 
 #include <cstddef>
@@ -6,7 +10,9 @@
 #include <string_view>
 #include <utility>
 
-#include "http/session.h"
+#include "http/child_starter.h"
+#include "http/session_process.h"
+#include "platform/thread.h"
 
 namespace kova {
 
@@ -22,9 +28,17 @@ enum class Exchange {
 
 /// Sixteen slots, used by all connection threads.
 ///
-/// A thread that uses a session holds it. A session that ends is found no more, its child is
-/// terminated, which brings back whoever is in an exchange with it, and its slot is free again once
-/// nobody holds it. The table is not locked while a child starts, ends, is written to or read from.
+/// A slot goes free -> starting -> active -> ending -> free. A thread that uses a session has a
+/// hold on its slot. Closing a session makes the slot ending (find no longer returns it),
+/// terminates the child, so that reads and writes under way return, waits until the other holds are
+/// given up, and frees the slot. The mutex is not held while a child starts, ends, is written to or
+/// read from.
+///
+/// Exchanges of one session take turns, like numbered tickets: ask draws next_turn, waits until
+/// served_turn has reached it, writes, reads the one answer line, and moves served_turn on:
+///
+///   next_turn 5     A draws 3 (served now), B draws 4 and waits, the next caller draws 5
+///   served_turn 3   A has its answer: served_turn 4 wakes B
 class SessionTable {
   struct Slot;
 
@@ -46,7 +60,7 @@ class SessionTable {
     Hold& operator=(const Hold&) = delete;
 
     explicit operator bool() const { return slot_ != nullptr; }
-    [[nodiscard]] const char* id() const { return slot_->session.id(); }
+    [[nodiscard]] const char* id() const { return slot_->process.id(); }
 
    private:
     friend class SessionTable;
@@ -54,7 +68,7 @@ class SessionTable {
     Slot* slot_ = nullptr;
   };
 
-  /// `clock` answers milliseconds.
+  /// `clock` returns milliseconds.
   SessionTable(ChildStarter& starter, Clock clock) : starter_(starter), clock_(clock) {}
   SessionTable(const SessionTable&) = delete;
   SessionTable& operator=(const SessionTable&) = delete;
@@ -66,7 +80,7 @@ class SessionTable {
   /// The session of that id, or nothing.
   [[nodiscard]] Hold find(std::string_view id);
 
-  /// Writes a message that wants no answer.
+  /// Writes a message that has no answer.
   [[nodiscard]] Exchange tell(Hold& hold, std::string_view message);
   /// Writes a message and reads one line into `answer`, of kAnswerLimit bytes; the message may lie
   /// there too. The exchanges of a session follow each other in the order of the calls.
@@ -88,7 +102,7 @@ class SessionTable {
     // The turns of ask: the next one to be given out, and the one that is served.
     std::uint64_t next_turn = 0;
     std::uint64_t served_turn = 0;
-    Session session;
+    SessionProcess process;
   };
 
   void release(Slot& slot);

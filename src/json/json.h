@@ -1,9 +1,15 @@
 // The JSON document: a borrowed text and a flat array of tokens that point into it. Parsing
 // allocates and copies nothing (RFC 8259, UTF-8 by RFC 3629); texts are unescaped only when a
 // caller takes them out, into a buffer of its own.
+//
+//   if (!json_parse(text, tokens, kMessageTokenCapacity, doc)) return refuse(message, "...");
+//   const int sql = json_find(doc, 0, "sql");              // a token's index, -1 for none
+//   if (!json_get_string(doc, sql, statement)) return refuse(message, "...");
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string_view>
 
 #include "base/text.h"
@@ -55,6 +61,74 @@ struct JsonDoc {
 /// The value of an object's first member whose key's source text equals `key` (escapes are not
 /// decoded, so an escaped spelling is never found), or -1.
 [[nodiscard]] int json_find(const JsonDoc& doc, int object, std::string_view key);
+
+/// One member of an object: the indices of its key and of its value.
+struct JsonMember {
+  int key;
+  int value;
+};
+
+/// The members of an object in order, to be walked once:
+///   JsonMembers members(doc, object);
+///   for (const JsonMember member : members) ...
+/// Any other token has none and is not well formed.
+class JsonMembers {
+ public:
+  class Iterator {
+   public:
+    explicit Iterator(JsonMembers& members) : members_(members) {}
+    JsonMember operator*() const { return {.key = members_.key_, .value = members_.key_ + 1}; }
+    Iterator& operator++() {
+      members_.advance();
+      return *this;
+    }
+    bool operator==(std::default_sentinel_t /*end*/) const { return members_.key_ < 0; }
+
+   private:
+    JsonMembers& members_;
+  };
+
+  JsonMembers(const JsonDoc& doc, int object);
+  Iterator begin() { return Iterator(*this); }
+  static std::default_sentinel_t end() { return {}; }
+
+  /// False once the walk has met something that is no pair of a key and its value; it ends there.
+  [[nodiscard]] bool well_formed() const { return well_formed_; }
+
+ private:
+  void advance();
+  void stand_at(int key);
+
+  const JsonDoc& doc_;
+  int object_;
+  int key_ = -1;
+  bool well_formed_ = false;
+};
+
+/// The indices of an array's elements in order; none for any other token.
+class JsonElements {
+ public:
+  class Iterator {
+   public:
+    Iterator(const JsonDoc& doc, int element, int end) : doc_(doc), element_(element), end_(end) {}
+    int operator*() const { return element_; }
+    Iterator& operator++();
+    bool operator==(std::default_sentinel_t /*end*/) const { return element_ >= end_; }
+
+   private:
+    const JsonDoc& doc_;
+    int element_;
+    int end_;
+  };
+
+  JsonElements(const JsonDoc& doc, int array) : doc_(doc), array_(array) {}
+  [[nodiscard]] Iterator begin() const;
+  static std::default_sentinel_t end() { return {}; }
+
+ private:
+  const JsonDoc& doc_;
+  int array_;
+};
 
 /// The index of the first token after a subtree, `count` after the last one; -1 for a bad index or
 /// an open container.

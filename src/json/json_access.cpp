@@ -1,9 +1,10 @@
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <iterator>
+#include <string_view>
 
 #include "base/ascii.h"
+#include "base/float_text.h"
 #include "base/text.h"
 #include "json/json.h"
 
@@ -11,8 +12,7 @@ namespace kova {
 
 namespace {
 
-constexpr std::size_t kUnsignedDigits = 31;
-constexpr std::size_t kFloatDigits = 63;
+constexpr std::size_t kUnsignedLengthLimit = 31;
 constexpr double kFloatLimit = 3.402823466e38;
 
 constexpr std::uint32_t kHighSurrogate = 0xD800;
@@ -64,7 +64,7 @@ char escaped_byte(char letter) {
   }
 }
 
-/// Decodes the escape that begins with the backslash at `position` and steps over it. Answers the
+/// Decodes the escape that begins with the backslash at `position` and steps over it. Returns the
 /// number of bytes, 0 for a malformed one.
 int decode_escape(std::string_view raw, std::size_t& position, unsigned char (&out)[4]) {
   const auto unicode = [&](std::uint32_t& code) {
@@ -133,15 +133,6 @@ bool read_short_decimal(std::string_view raw, double& number) {
   return true;
 }
 
-/// Reads any decimal of up to kFloatDigits characters.
-bool read_decimal(std::string_view raw, double& number) {
-  char digits[kFloatDigits + 1];
-  char* end = nullptr;
-  if (!TextOut(digits).copy(raw)) return false;
-  number = std::strtod(digits, &end);
-  return end == digits + raw.size();
-}
-
 }  // namespace
 
 bool json_hex4(const char* digits, std::uint32_t& value) {
@@ -160,17 +151,40 @@ int json_skip(const JsonDoc& doc, int index) {
   return next;
 }
 
+JsonMembers::JsonMembers(const JsonDoc& doc, int object)
+    : doc_(doc), object_(object), well_formed_(doc.is(object, JsonType::kObject)) {
+  if (well_formed_) stand_at(object + 1);
+}
+
+void JsonMembers::advance() {
+  stand_at(json_skip(doc_, key_ + 1));
+}
+
+void JsonMembers::stand_at(int key) {
+  key_ = -1;
+  well_formed_ = key >= 0;
+  if (key < 0 || key >= doc_.count || doc_[key].start >= doc_[object_].end) return;
+  const int value = key + 1;
+  well_formed_ = doc_[key].type == JsonType::kString && doc_[key].parent == object_ &&
+                 value < doc_.count && doc_[value].parent == object_;
+  if (well_formed_) key_ = key;
+}
+
+JsonElements::Iterator JsonElements::begin() const {
+  if (!doc_.is(array_, JsonType::kArray)) return {doc_, 0, 0};
+  return {doc_, array_ + 1, json_skip(doc_, array_)};
+}
+
+JsonElements::Iterator& JsonElements::Iterator::operator++() {
+  const int next = json_skip(doc_, element_);
+  element_ = next >= 0 ? next : end_;
+  return *this;
+}
+
 int json_find(const JsonDoc& doc, int object, std::string_view key) {
-  if (!doc.is(object, JsonType::kObject)) return -1;
-  int candidate = object + 1;
-  while (candidate >= 0 && candidate < doc.count && doc[candidate].start < doc[object].end) {
-    const int value = candidate + 1;
-    if (doc[candidate].type != JsonType::kString || doc[candidate].parent != object ||
-        value >= doc.count || doc[value].parent != object) {
-      return -1;
-    }
-    if (doc.raw(candidate) == key) return value;
-    candidate = json_skip(doc, value);
+  JsonMembers members(doc, object);
+  for (const JsonMember member : members) {
+    if (doc.raw(member.key) == key) return member.value;
   }
   return -1;
 }
@@ -193,7 +207,7 @@ bool json_get_scalar_text(const JsonDoc& doc, int index, TextOut out) {
 bool json_get_unsigned(const JsonDoc& doc, int index, std::uint32_t& value) {
   if (!doc.is(index, JsonType::kPrimitive)) return false;
   const std::string_view raw = doc.raw(index);
-  if (raw.empty() || raw.size() > kUnsignedDigits) return false;
+  if (raw.empty() || raw.size() > kUnsignedLengthLimit) return false;
   std::uint64_t number = 0;
   for (const char c : raw) {
     if (!is_digit(c)) return false;
@@ -208,11 +222,11 @@ bool json_get_float(const JsonDoc& doc, int index, float& value) {
   if (!doc.is(index, JsonType::kPrimitive)) return false;
   const std::string_view raw = doc.raw(index);
   double number = 0;
-  if (raw.empty() || raw.size() > kFloatDigits) return false;
-  if (!read_short_decimal(raw, number) && !read_decimal(raw, number)) return false;
+  if (raw.empty() || raw.size() > kFloatTextLimit) return false;
+  if (!read_short_decimal(raw, number) && !read_float(raw, number)) return false;
   if (!(std::fabs(number) <= kFloatLimit)) return false;
-  // The C libraries disagree on whether a subnormal result is a range error; a number that is
-  // written as none and came out as zero is one.
+  // Libraries disagree on whether a result too small for a double is an error; a zero that is not
+  // written as one is such a result.
   const std::string_view mantissa = slice(raw, 0, raw.find_first_of("eE"));
   if (number == 0 && mantissa.find_first_of("123456789") != mantissa.npos) return false;
   value = static_cast<float>(number);

@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <string_view>
 
 #include "base/ascii.h"
-#include "base/byte_run.h"
+#include "base/string_scan.h"
 #include "json/json.h"
-#include "json/utf8.h"
 
 namespace kova {
 

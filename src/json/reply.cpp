@@ -17,8 +17,10 @@ char line_buffer[kLineCapacity];
 
 }  // namespace
 
-ReplyLine::ReplyLine() {
+ReplyLine::ReplyLine(RequestId id) {
   OutputLock.lock();
+  raw(R"({"jsonrpc":"2.0","id":)");
+  add_id(id);
 }
 
 ReplyLine::~ReplyLine() {
@@ -68,22 +70,46 @@ ReplyLine& ReplyLine::number(std::int64_t value) {
   return fits ? raw(out.view()) : *this;
 }
 
-ReplyLine& ReplyLine::id(RequestId id) {
-  if (id.doc == nullptr || id.token < 0) return raw("null");
-  if (!id.doc->is(id.token, JsonType::kString)) return raw(id.doc->raw(id.token));
+void ReplyLine::add_id(RequestId id) {
+  if (!id.raw.empty()) {
+    raw(id.raw);
+    return;
+  }
   char text[kIdCapacity];
-  return json_get_string(*id.doc, id.token, text) ? string(text) : raw("null");
+  if (id.doc == nullptr || id.token < 0) {
+    raw("null");
+  } else if (!id.doc->is(id.token, JsonType::kString)) {
+    raw(id.doc->raw(id.token));
+  } else if (json_get_string(*id.doc, id.token, text)) {
+    string(text);
+  } else {
+    raw("null");
+  }
 }
 
 void write_error_reply(RequestId id, int code, std::string_view message) {
-  ReplyLine()
-      .raw(R"({"jsonrpc":"2.0","id":)")
-      .id(id)
+  ReplyLine(id)
       .raw(R"(,"error":{"code":)")
       .number(code)
       .raw(R"(,"message":)")
       .string(message)
       .raw("}}");
+}
+
+void write_tool_failure(RequestId id, std::string_view message, std::string_view structured) {
+  ReplyLine line(id);
+  line.raw(R"(,"result":{"content":[{"type":"text","text":)").string(message).raw("}]");
+  if (!structured.empty()) line.raw(R"(,"structuredContent":)").raw(structured);
+  line.raw(R"(,"isError":true}})");
+}
+
+void write_tool_success(RequestId id, std::string_view json) {
+  ReplyLine(id)
+      .raw(R"(,"result":{"content":[{"type":"text","text":)")
+      .string(json)
+      .raw(R"(}],"structuredContent":)")
+      .raw(json)
+      .raw(R"(,"isError":false}})");
 }
 
 }  // namespace kova

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/text.h"
 #include "json/json.h"
 
 namespace kova {
@@ -23,18 +24,38 @@ inline constexpr std::size_t kIdCapacity = 96;
 
 inline constexpr char kServerMemoryLimit[] = "server memory limit";
 
-/// The id of the request that a reply answers: a token of the request's document, or none.
+/// The id of the request that a reply belongs to: a token of the request's document, or the id's
+/// source text where the document is gone, or none.
 struct RequestId {
   const JsonDoc* doc = nullptr;
   int token = -1;
+  std::string_view raw = {};
 };
 
-/// One reply line. Takes OutputLock at construction; adds the line feed, writes the line and
-/// releases the lock at destruction. A line that fits the buffer is one write; a longer one is
-/// written in pieces of the buffer's size, so that no reply can fail for want of memory.
+/// The room for an error's message, with its terminator.
+inline constexpr std::size_t kErrorMessageCapacity = 128;
+
+/// Why a request is answered with a JSON-RPC error.
+struct RpcError {
+  int code = kInternalError;
+  char message[kErrorMessageCapacity] = {};
+};
+
+/// Writes code and message of a failed check and returns false.
+inline bool refuse(RpcError& error, int code, std::string_view message) {
+  error.code = code;
+  return refuse(error.message, message);
+}
+
+/// One reply line. Takes OutputLock at construction and adds what every reply begins with, the id
+/// included; adds the line feed, writes the line and releases the lock at destruction. A line that
+/// fits the buffer is one write; a longer one is written in pieces of the buffer's size, so that no
+/// reply can fail for want of memory.
 class ReplyLine {
  public:
-  ReplyLine();
+  /// The id: a string of at most 95 bytes re-escaped, any other value as it was received, null for
+  /// none and for a string that is longer or does not decode.
+  explicit ReplyLine(RequestId id);
   ~ReplyLine();
   ReplyLine(const ReplyLine&) = delete;
   ReplyLine& operator=(const ReplyLine&) = delete;
@@ -45,17 +66,22 @@ class ReplyLine {
   /// everything else is added unchanged.
   ReplyLine& string(std::string_view text);
   ReplyLine& number(std::int64_t value);
-  /// Adds the id: a string of at most 95 bytes re-escaped, any other value as it was received,
-  /// null for none and for a string that is longer or does not decode.
-  ReplyLine& id(RequestId id);
 
  private:
+  void add_id(RequestId id);
   void flush();
 
   std::size_t used_ = 0;
 };
 
-/// {"jsonrpc":"2.0","id":...,"error":{"code":...,"message":...}}
+/// A JSON-RPC error: {"jsonrpc":"2.0","id":...,"error":{"code":...,"message":...}}
 void write_error_reply(RequestId id, int code, std::string_view message);
+
+/// The result of a tool that has failed: the message as text, and, unless it is empty, a JSON text
+/// as structured content.
+void write_tool_failure(RequestId id, std::string_view message, std::string_view structured = {});
+
+/// The result of a tool that has succeeded: its JSON text, both as text and as structured content.
+void write_tool_success(RequestId id, std::string_view json);
 
 }  // namespace kova

@@ -1,10 +1,12 @@
 #include "mcp/dispatcher.h"
 
-#include <cstdlib>
-
+#include "base/heap_array.h"
+#include "base/text.h"
+#include "json/json.h"
 #include "json/reply.h"
 #include "mcp/duplicate_keys.h"
-#include "mcp/tool_catalogue.h"
+#include "mcp/tool_list.h"
+#include "tools/tool_call.h"
 
 namespace kova {
 
@@ -18,17 +20,6 @@ constexpr std::string_view kInitializeResult =
     R"("serverInfo":{"name":"Vantreo MCP","version":"1.25-m8",)"
     R"("description":"Policy-constrained Vantreo database and AI search tools"}}})";
 
-/// The tokens of one message; null without memory.
-struct TokenArray {
-  TokenArray()
-      : tokens(static_cast<JsonToken*>(std::malloc(kMessageTokenCapacity * sizeof(JsonToken)))) {}
-  ~TokenArray() { std::free(tokens); }
-  TokenArray(const TokenArray&) = delete;
-  TokenArray& operator=(const TokenArray&) = delete;
-
-  JsonToken* tokens;
-};
-
 /// One message on its way through the checks.
 struct Request {
   const JsonDoc& doc;
@@ -39,64 +30,61 @@ struct Request {
 
   [[nodiscard]] RequestId request_id() const { return {.doc = &doc, .token = id}; }
   [[nodiscard]] bool has_id() const { return id >= 0; }
-  [[nodiscard]] bool refuse(int code, std::string_view message) const {
-    write_error_reply(request_id(), code, message);
-    return false;
-  }
 };
 
 // A number is compared by its source text, so 2.0 without quotation marks passes.
-bool check_version(const Request& request) {
+bool check_version(const Request& request, RpcError& error) {
   char version[kVersionCapacity];
   const int token = json_find(request.doc, 0, "jsonrpc");
   return (json_get_scalar_text(request.doc, token, version) &&
           std::string_view(version) == "2.0") ||
-         request.refuse(kInvalidRequest, "jsonrpc must be 2.0");
+         refuse(error, kInvalidRequest, "jsonrpc must be 2.0");
 }
 
-bool check_method(const Request& request, TextOut method) {
+bool check_method(const Request& request, TextOut method, RpcError& error) {
   return json_get_string(request.doc, json_find(request.doc, 0, "method"), method) ||
-         request.refuse(kInvalidRequest, "method is required");
+         refuse(error, kInvalidRequest, "method is required");
 }
 
 /// Uses the id up, before the method is looked at.
-bool check_id(const Request& request) {
+bool check_id(const Request& request, RpcError& error) {
   if (!request.has_id()) return true;
   const JsonDoc& doc = request.doc;
   const bool is_scalar =
       doc.is(request.id, JsonType::kString) || doc.is(request.id, JsonType::kPrimitive);
   char id[kIdCapacity];
-  if (is_scalar && json_get_scalar_text(doc, request.id, id) && std::string_view(id) != "null" &&
-      request.state.request_ids.add(id)) {
-    return true;
-  }
-  return request.refuse(kInvalidRequest, "request id is invalid or already used");
+  return (is_scalar && json_get_scalar_text(doc, request.id, id) &&
+          std::string_view(id) != "null" && request.state.request_ids.add(id)) ||
+         refuse(error, kInvalidRequest, "request id is invalid or already used");
 }
 
-void initialize(const Request& request) {
+bool initialize(const Request& request, RpcError& error) {
   if (request.state.Initialized) {
-    static_cast<void>(request.refuse(kInvalidRequest, "server is already initialized"));
-    return;
+    return refuse(error, kInvalidRequest, "server is already initialized");
   }
-  ReplyLine().raw(R"({"jsonrpc":"2.0","id":)").id(request.request_id()).raw(kInitializeResult);
+  ReplyLine(request.request_id()).raw(kInitializeResult);
   request.state.Initialized = true;
+  return true;
 }
 
-void ping(const Request& request) {
-  ReplyLine().raw(R"({"jsonrpc":"2.0","id":)").id(request.request_id()).raw(R"(,"result":{}})");
+bool ping(const Request& request, RpcError& /*error*/) {
+  ReplyLine(request.request_id()).raw(R"(,"result":{}})");
+  return true;
 }
 
-void list_tools(const Request& request) {
+bool list_tools(const Request& request, RpcError& /*error*/) {
   write_tool_list(request.request_id(), request.tools.policy);
+  return true;
 }
 
-void call_tool(const Request& request) {
-  handle_tools_call(request.doc, request.id, request.params, request.tools);
+bool call_tool(const Request& request, RpcError& error) {
+  return handle_tools_call(request.doc, request.id, request.params, request.tools, error);
 }
 
+/// A method of an initialized server; its handler writes the reply, or leaves the error.
 struct Method {
   std::string_view name;
-  void (*handler)(const Request& request);
+  bool (*handler)(const Request& request, RpcError& error);
 };
 
 constexpr Method kMethods[] = {
@@ -109,52 +97,53 @@ bool is_client_notification(std::string_view method) {
   return method == "notifications/initialized" || method == "notifications/cancelled";
 }
 
-void route(const Request& request, std::string_view method) {
+bool route(const Request& request, std::string_view method, RpcError& error) {
   if (is_client_notification(method) && request.has_id()) {
-    static_cast<void>(request.refuse(kInvalidRequest, "notifications must not contain an id"));
-    return;
+    return refuse(error, kInvalidRequest, "notifications must not contain an id");
   }
-  if (!request.has_id()) return;
-  if (method == "initialize") {
-    initialize(request);
-    return;
-  }
+  if (!request.has_id()) return true;
+  if (method == "initialize") return initialize(request, error);
   if (!request.state.Initialized) {
-    static_cast<void>(request.refuse(kNotInitialized, "server is not initialized"));
-    return;
+    return refuse(error, kNotInitialized, "server is not initialized");
   }
   for (const Method& known : kMethods) {
-    if (known.name == method) {
-      known.handler(request);
-      return;
-    }
+    if (known.name == method) return known.handler(request, error);
   }
-  static_cast<void>(request.refuse(kMethodNotFound, "method not found"));
+  return refuse(error, kMethodNotFound, "method not found");
+}
+
+bool serve(const Request& request, RpcError& error) {
+  char method[kMethodCapacity];
+  return check_version(request, error) && check_method(request, method, error) &&
+         check_id(request, error) && route(request, method, error);
+}
+
+bool parse(std::string_view message, const HeapArray<JsonToken>& tokens, JsonDoc& doc,
+           RpcError& error) {
+  if (!tokens) return refuse(error, kInternalError, kServerMemoryLimit);
+  return (json_parse(message, tokens.data(), kMessageTokenCapacity, doc) &&
+          doc.is(0, JsonType::kObject) && !has_duplicate_keys(doc)) ||
+         refuse(error, kParseError, "invalid, duplicate, deep, or oversized JSON message");
 }
 
 }  // namespace
 
 void dispatch(std::string_view message, ProtocolState& state, ToolContext& tools) {
-  const TokenArray array;
-  if (array.tokens == nullptr) {
-    write_error_reply({}, kInternalError, kServerMemoryLimit);
-    return;
-  }
+  const HeapArray<JsonToken> tokens(kMessageTokenCapacity);
   JsonDoc doc;
-  if (!json_parse(message, array.tokens, kMessageTokenCapacity, doc) ||
-      !doc.is(0, JsonType::kObject) || has_duplicate_keys(doc)) {
-    write_error_reply({}, kParseError, "invalid, duplicate, deep, or oversized JSON message");
-    return;
+  RequestId id;
+  RpcError error;
+  bool served = parse(message, tokens, doc, error);
+  if (served) {
+    const Request request{.doc = doc,
+                          .state = state,
+                          .tools = tools,
+                          .id = json_find(doc, 0, "id"),
+                          .params = json_find(doc, 0, "params")};
+    id = request.request_id();
+    served = serve(request, error);
   }
-  const Request request{.doc = doc,
-                        .state = state,
-                        .tools = tools,
-                        .id = json_find(doc, 0, "id"),
-                        .params = json_find(doc, 0, "params")};
-  char method[kMethodCapacity];
-  if (check_version(request) && check_method(request, method) && check_id(request)) {
-    route(request, method);
-  }
+  if (!served) write_error_reply(id, error.code, error.message);
 }
 
 }  // namespace kova

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "mcp/request_ids.h"
-#include "tools/tool_call.h"
+#include "tools/tool.h"
 
 namespace kova {
 
@@ -14,7 +14,7 @@ struct ProtocolState {
   RequestIdRegistry request_ids;
 };
 
-/// Answers one message (a line without its line end). A notification gets no answer.
+/// Serves one message (a line without its line end) and writes its reply; a notification has none.
 void dispatch(std::string_view message, ProtocolState& state, ToolContext& tools);
 
 }  // namespace kova

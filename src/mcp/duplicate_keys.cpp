@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace kova {
 
 namespace {
 
 constexpr std::size_t kComparedKeyCapacity = 256;
-constexpr int kMostKeys = kMessageTokenCapacity / 2;
+constexpr int kKeyCapacity = kMessageTokenCapacity / 2;
 
 bool has_escape(std::string_view raw) {
   return raw.find('\\') != raw.npos;
@@ -42,17 +43,12 @@ class KeySet {
   /// False for a member that is no pair of a key and a value.
   [[nodiscard]] bool collect(const JsonDoc& doc, int object) {
     count_ = 0;
-    for (int key = object + 1; key < doc.count && doc[key].start < doc[object].end;) {
-      const int value = key + 1;
-      if (doc[key].type != JsonType::kString || doc[key].parent != object || value >= doc.count ||
-          doc[value].parent != object || count_ == kMostKeys) {
-        return false;
-      }
-      if (is_compared(doc, key)) keys_[count_++] = static_cast<std::uint16_t>(key);
-      key = json_skip(doc, value);
-      if (key < 0) return false;
+    JsonMembers members(doc, object);
+    for (const JsonMember member : members) {
+      if (count_ == kKeyCapacity) return false;
+      if (is_compared(doc, member.key)) keys_[count_++] = static_cast<std::uint16_t>(member.key);
     }
-    return true;
+    return members.well_formed();
   }
 
   // Sorting brings equal keys together, at n log n comparisons whatever the keys are.
@@ -67,7 +63,7 @@ class KeySet {
   }
 
  private:
-  std::uint16_t keys_[kMostKeys] = {};
+  std::uint16_t keys_[kKeyCapacity] = {};
   int count_ = 0;
 };
 

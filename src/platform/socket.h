@@ -52,8 +52,6 @@ class Socket {
   /// Connects to one address of an AddressList within the time limit. Leaves the socket blocking.
   [[nodiscard]] bool connect(const void* address, std::uint32_t timeout_ms);
   [[nodiscard]] bool send_all(const void* data, std::size_t size);
-  /// Reads exactly `size` bytes; false on an error or an earlier end.
-  [[nodiscard]] bool receive_all(void* data, std::size_t size);
   /// Reads what is there, at most `size` bytes, waiting until there is something; 0 at the end and
   /// after an error.
   [[nodiscard]] std::size_t receive(void* data, std::size_t size);

@@ -1,32 +1,27 @@
-// The policy: what one named client may do, loaded once from the file that KOVA_MCP_POLICY names
-// and only read afterwards.
+// The policy record: what one named client may do.
+//
+//   if (!policy_load(policy)) return refuse(message, policy.error);   // policy_file.h, at start-up
+//   if (!policy_table_allowed(policy, "ORDERS", TableUse::kRead)) ... // predicates.h, per question
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include "policy/names.h"
+
 namespace kova {
 
-inline constexpr std::size_t kSafeNameCapacity = 64;
+// Capacities of texts, their terminators included.
 inline constexpr std::size_t kIdentityCapacity = 96;
 inline constexpr std::size_t kStateDirectoryCapacity = 512;
 inline constexpr std::size_t kPolicyErrorCapacity = 256;
-/// A path of an environment variable must be shorter than this.
+/// A path that an environment variable names.
 inline constexpr std::size_t kPathCapacity = 260;
-inline constexpr std::size_t kPolicyFileLimit = 65536;
-inline constexpr int kPolicyTokenCapacity = 1024;
 
 /// Bits of `McpPolicy::write_type_mask`.
 enum WriteType : std::uint32_t { kInsert = 1, kUpdate = 2, kDelete = 4 };
 
-/// At most 64 safe names in file order, no two equal ignoring case.
-struct NameList {
-  static constexpr std::uint32_t kCapacity = 64;
-  char names[kCapacity][kSafeNameCapacity];
-  std::uint32_t count;
-};
-
-/// The policy record. Zero but for what policy_load sets.
+/// Written once by policy_load before anything is served, only read afterwards.
 struct McpPolicy {
   bool configured;  ///< a policy file is named, whether or not it could be loaded
   bool valid;       ///< the record may be used
@@ -45,12 +40,7 @@ struct McpPolicy {
   NameList denied_columns;
   NameList allowed_collections;
   NameList write_tables;
-  char error[kPolicyErrorCapacity];  ///< the message of the failed check
+  char error[kPolicyErrorCapacity];  ///< the message of the check that failed
 };
-
-/// Fills the record from the environment and the file that it names. Without a file the record is
-/// valid, unconfigured and has its defaults. False leaves it invalid, with the message of the
-/// first check that failed in `error`. Called once, before anything is served.
-[[nodiscard]] bool policy_load(McpPolicy& policy);
 
 }  // namespace kova

@@ -1,5 +1,5 @@
 // Yes-or-no questions to the policy, and the kill switches. Kill switches are read at each call;
-// everything else is pure. An invalid policy answers no to everything.
+// everything else is pure. The answer for an invalid policy is always no.
 #pragma once
 
 #include <string_view>
@@ -16,10 +16,8 @@ enum class TableUse { kRead, kWrite };
 /// Whether the variable is exactly "1", or "true", "yes" or "on" ignoring case.
 [[nodiscard]] bool policy_env_flag(const char* variable);
 
-/// 1 to 63 ASCII letters, digits or "_": the only form in which a name enters a statement.
-[[nodiscard]] bool policy_safe_name(std::string_view text);
-
-[[nodiscard]] bool policy_list_contains(const NameList& list, std::string_view name);
+/// Whether the tools that read exist at all.
+[[nodiscard]] bool policy_reads_allowed(const McpPolicy& policy);
 
 /// Reading needs `reads_enabled` and a place in `allowed_tables`, writing one in `write_tables`.
 /// Without a policy file every safe name may be read and none written.

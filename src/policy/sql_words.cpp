@@ -33,6 +33,11 @@ std::size_t skip_literal(std::string_view sql, std::size_t open) {
   return quote == sql.npos ? sql.npos : quote + 1;
 }
 
+bool only_space_from(std::string_view sql, std::size_t index) {
+  const std::string_view rest = slice(sql, index);
+  return std::all_of(rest.begin(), rest.end(), is_space);
+}
+
 bool begins_comment(std::string_view sql, std::size_t index) {
   const std::string_view rest = slice(sql, index);
   return rest.starts_with("--") || rest.starts_with("/*") || rest.starts_with('#');

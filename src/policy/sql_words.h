@@ -1,4 +1,8 @@
-// The word scanner that the SQL checkers share.
+// Words, literals and comments of SQL text: what its checkers share.
+//
+//   char text[kWordCapacity];
+//   TextOut word(text);
+//   while (policy_next_word(sql, word)) ...   // over "a.B1, 'it''s' c": A, B1, C
 #pragma once
 
 #include <cstddef>
@@ -7,6 +11,9 @@
 #include "base/text.h"
 
 namespace kova {
+
+/// Bytes of a statement that a client may send.
+inline constexpr std::size_t kSqlLimit = 32768;
 
 /// The room for one word, with its terminator: words are compared by their first 63 characters.
 inline constexpr std::size_t kWordCapacity = 64;
@@ -23,6 +30,9 @@ inline constexpr std::size_t kWordCapacity = 64;
 /// The index after the single-quoted literal whose opening quote stands at `open`; two quotes in a
 /// row are one escaped quote. `npos` when the literal does not end.
 [[nodiscard]] std::size_t skip_literal(std::string_view sql, std::size_t open);
+
+/// Whether nothing but white space stands from this index on.
+[[nodiscard]] bool only_space_from(std::string_view sql, std::size_t index);
 
 /// Whether a comment ("--", "/*" or "#") begins at this index.
 [[nodiscard]] bool begins_comment(std::string_view sql, std::size_t index);

@@ -13,8 +13,6 @@ namespace kova {
 
 namespace {
 
-constexpr std::size_t kWriteLimit = 32768;
-
 constexpr std::string_view kProhibitedWords[] = {
     "CREATE",      "DROP", "ALTER",    "GRANT", "REVOKE", "COMMIT", "ROLLBACK",
     "TRANSACTION", "EXEC", "EXECUTE",  "CALL",  "RUN",    "LOAD",   "IMPORT",
@@ -22,15 +20,10 @@ constexpr std::string_view kProhibitedWords[] = {
 
 constexpr std::string_view kTooLarge = "normalized write is too large";
 
-bool only_space_from(std::string_view sql, std::size_t index) {
-  const std::string_view rest = slice(sql, index);
-  return std::all_of(rest.begin(), rest.end(), is_space);
-}
-
 /// Writes the canonical text byte by byte, keeping room for the final ";" and the terminator.
-class Normaliser {
+class CanonicalWriter {
  public:
-  Normaliser(std::string_view sql, TextOut canonical, TextOut message)
+  CanonicalWriter(std::string_view sql, TextOut canonical, TextOut message)
       : sql_(sql), out_(canonical), message_(message) {}
 
   [[nodiscard]] bool run() {
@@ -63,7 +56,7 @@ class Normaliser {
     if (!blank() || !out_.append('\'')) return refuse(message_, kTooLarge);
     const std::size_t end = skip_literal(sql_, position_);
     for (++position_; position_ < std::min(end, sql_.size()); ++position_) {
-      // The text is full: refused without words, whether or not the literal would have ended.
+      // The text is full: refused without a message, whether or not the literal would have ended.
       if (!put(sql_[position_])) return false;
     }
     return end != sql_.npos || refuse(message_, "unterminated write literal");
@@ -126,8 +119,8 @@ bool has_prohibited_word(std::string_view canonical) {
 
 }  // namespace
 
-bool normalise_write(std::string_view sql, TextOut canonical, TextOut message) {
-  return Normaliser(sql, canonical, message).run();
+bool write_canonical(std::string_view sql, TextOut canonical, TextOut message) {
+  return CanonicalWriter(sql, canonical, message).run();
 }
 
 bool write_classify(const McpPolicy& policy, std::string_view sql, ClassifiedWrite& write,
@@ -135,10 +128,10 @@ bool write_classify(const McpPolicy& policy, std::string_view sql, ClassifiedWri
   if (!policy_writes_allowed(policy)) {
     return refuse(message, "MCP writes are disabled by policy or kill switch");
   }
-  if (sql.empty() || sql.size() > kWriteLimit) {
+  if (sql.empty() || sql.size() > kSqlLimit) {
     return refuse(message, "write SQL size is invalid");
   }
-  if (!normalise_write(sql, write.canonical, message)) return false;
+  if (!write_canonical(sql, write.canonical, message)) return false;
   const std::string_view canonical(write.canonical);
   std::uint32_t bit = 0;
   if (!classify(canonical, write, bit, message)) return false;

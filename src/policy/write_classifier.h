@@ -7,11 +7,12 @@
 #include "base/text.h"
 #include "platform/crypto.h"
 #include "policy/policy.h"
+#include "policy/sql_words.h"
 
 namespace kova {
 
 /// Room for the canonical text; longer texts are refused.
-inline constexpr std::size_t kCanonicalCapacity = 32769;
+inline constexpr std::size_t kCanonicalCapacity = kSqlLimit + 1;
 inline constexpr std::size_t kWriteTypeCapacity = 16;
 /// SHA-256 as lower-case hexadecimal text.
 inline constexpr std::size_t kDigestTextCapacity = 2 * kSha256Size + 1;
@@ -24,11 +25,11 @@ struct ClassifiedWrite {
   char digest[kDigestTextCapacity];    ///< SHA-256 of the canonical text
 };
 
-/// Brings a statement into its canonical form: outside single-quoted literals letters upper-cased
+/// Writes the canonical form of a statement: outside single-quoted literals letters upper-cased
 /// and runs of white space one blank, none at either end, one ";" at the end. False writes the
 /// message of a comment, a second statement, an open literal or a text that is too large; a text
 /// that fills `canonical` inside a literal leaves `message` untouched.
-[[nodiscard]] bool normalise_write(std::string_view sql, TextOut canonical, TextOut message);
+[[nodiscard]] bool write_canonical(std::string_view sql, TextOut canonical, TextOut message);
 
 /// Accepts one INSERT, UPDATE or DELETE on a table that the policy lets be written. False writes
 /// the message of the first check that failed, if that has one.

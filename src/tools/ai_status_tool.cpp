@@ -1,11 +1,14 @@
 #include "tools/ai_status_tool.h"
 
-#include <cstdlib>
+#include <string_view>
 
+#include "base/heap_array.h"
+#include "base/text.h"
+#include "db/session.h"
 #include "db/statement.h"
 #include "policy/predicates.h"
+#include "tools/ai_collection.h"
 #include "tools/tool_args.h"
-#include "tools/tool_result.h"
 
 namespace kova {
 
@@ -20,87 +23,80 @@ constexpr std::string_view kNoProvider = "null";
 struct StatusRequest {
   char collection[kSafeNameCapacity];
   char provider[kSafeNameCapacity];
+
+  [[nodiscard]] bool has_provider() const { return provider[0] != '\0'; }
 };
 
-/// Runs one statement about a name; a failure is answered with its words as they stand.
-bool show(const ToolCall& call, ToolContext& context, std::string_view words, std::string_view name,
-          std::uint32_t max_rows, StatementResult& result) {
-  char statement[kStatementCapacity];
-  TextOut sql(statement);
-  if (sql.copy(words) && sql.append(name) && sql.append(';') &&
-      execute_statement(context.session, statement, max_rows, result)) {
-    return true;
+bool read_request(const ToolCall& call, StatusRequest& request, TextOut message) {
+  if (!check_allowed_members(call.doc, call.arguments, {"collection", "provider", "_meta"}) ||
+      !get_identifier_member(call.doc, call.arguments, "collection", request.collection)) {
+    return refuse(
+        message, "collection must be a safe Vantreo identifier and unknown fields are not allowed");
   }
-  write_tool_error(call, context, result.error);
-  return false;
+  return json_find(call.doc, call.arguments, "provider") < 0 ||
+         get_identifier_member(call.doc, call.arguments, "provider", request.provider) ||
+         refuse(message, "provider must be a safe Vantreo identifier");
 }
 
 void set_status_objects(ToolContext& context, const StatusRequest& request) {
   char objects[2 * kSafeNameCapacity];
   TextOut out(objects);
-  static_cast<void>(
-      out.copy(request.collection) &&
-      (request.provider[0] == '\0' || (out.append(',') && out.append(request.provider))));
+  static_cast<void>(out.copy(request.collection) &&
+                    (!request.has_provider() || (out.append(',') && out.append(request.provider))));
   set_objects(context, out.view());
+}
+
+/// Runs one statement about a name; a failure leaves its message as it stands.
+bool show(DbSession& session, std::string_view words, std::string_view name, std::uint32_t max_rows,
+          StatementResult& result, TextOut message) {
+  char statement[kStatementCapacity];
+  TextOut sql(statement);
+  return (sql.copy(words) && sql.append(name) && sql.append(';') &&
+          execute_statement(session, statement, max_rows, result)) ||
+         refuse(message, result.error);
 }
 
 std::string_view text_of(const StatementResult& result) {
   return {result.text, result.textLength};
 }
 
-/// The composed object on the heap; null without memory.
-struct StatusText {
-  explicit StatusText(std::size_t size)
-      : capacity(size), data(static_cast<char*>(std::malloc(size))) {}
-  ~StatusText() { std::free(data); }
-  StatusText(const StatusText&) = delete;
-  StatusText& operator=(const StatusText&) = delete;
-
-  std::size_t capacity;
-  char* data;
-};
-
-void respond(const ToolCall& call, ToolContext& context, std::string_view collection,
-             std::string_view provider, const StatementResult& jobs) {
-  const StatusText text(collection.size() + provider.size() + jobs.textLength + kEnvelopeReserve);
-  if (text.data == nullptr) {
-    write_tool_error(call, context, "AI status memory limit");
-    return;
-  }
-  TextOut out(text.data, text.capacity);
+bool compose(std::string_view collection, std::string_view provider, const StatementResult& jobs,
+             ToolAnswer& answer) {
+  HeapArray<char> text(collection.size() + provider.size() + jobs.textLength + kEnvelopeReserve);
+  if (!text) return refuse(answer.message, "AI status memory limit");
+  TextOut out(text.data(), text.capacity());
   static_cast<void>(out.copy(R"({"collection":)") && out.append(collection) &&
                     out.append(R"(,"provider":)") && out.append(provider) &&
                     out.append(R"(,"jobs":)") && out.append(text_of(jobs)) && out.append('}'));
-  write_tool_success(call, context, out.view(), jobs.rowCount);
+  answer.result.adopt(text.release(), out.length(), jobs.rowCount);
+  return true;
 }
 
 }  // namespace
 
-void ai_status_tool(const ToolCall& call, ToolContext& context) {
+bool check_ai_status(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
+  if (!check_collection(call, context, answer)) return false;
+  return json_find(call.doc, call.arguments, "provider") < 0 ||
+         policy_provider_reads_allowed(context.policy) ||
+         refuse_by_policy(context, answer, kKillSwitch,
+                          "provider status is disabled by policy or kill switch");
+}
+
+bool ai_status_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   StatusRequest request{};
-  if (!check_allowed_members(call.doc, call.arguments, {"collection", "provider", "_meta"}) ||
-      !get_identifier_member(call.doc, call.arguments, "collection", request.collection)) {
-    write_tool_error(
-        call, context,
-        "collection must be a safe Vantreo identifier and unknown fields are not allowed");
-    return;
-  }
-  const bool has_provider = json_find(call.doc, call.arguments, "provider") >= 0;
-  if (has_provider &&
-      !get_identifier_member(call.doc, call.arguments, "provider", request.provider)) {
-    write_tool_error(call, context, "provider must be a safe Vantreo identifier");
-    return;
-  }
+  if (!read_request(call, request, answer.message)) return false;
   set_status_objects(context, request);
   StatementResult collection;
   StatementResult jobs;
   StatementResult provider;
-  if (!show(call, context, "SHOW AI STATUS ", request.collection, 1, collection) ||
-      !show(call, context, "SHOW AI JOBS FOR ", request.collection, kMaxRowsLimit, jobs) ||
-      (has_provider && !show(call, context, "SHOW AI PROVIDER ", request.provider, 1, provider))) {
-    return;
-  }
-  respond(call, context, text_of(collection), has_provider ? text_of(provider) : kNoProvider, jobs);
+  const bool shown =
+      show(context.session, "SHOW AI STATUS ", request.collection, 1, collection, answer.message) &&
+      show(context.session, "SHOW AI JOBS FOR ", request.collection, kMaxRowsLimit, jobs,
+           answer.message) &&
+      (!request.has_provider() ||
+       show(context.session, "SHOW AI PROVIDER ", request.provider, 1, provider, answer.message));
+  return shown && compose(text_of(collection),
+                          request.has_provider() ? text_of(provider) : kNoProvider, jobs, answer);
 }
 
 }  // namespace kova

@@ -2,7 +2,11 @@
 // wants one.
 #pragma once
 
-#include "tools/tool_call.h"
+#include <string_view>
+
+#include "base/text.h"
+#include "json/json.h"
+#include "tools/tool.h"
 
 namespace kova {
 
@@ -14,6 +18,6 @@ inline constexpr std::string_view kWriteArgumentsMessage =
 /// member or no text `sql` that fits `out`.
 [[nodiscard]] bool read_write_sql(const JsonDoc& doc, int arguments, TextOut sql);
 
-void execute_tool(const ToolCall& call, ToolContext& context);
+[[nodiscard]] bool execute_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer);
 
 }  // namespace kova

@@ -2,26 +2,21 @@
 
 #include <algorithm>
 
-#include "policy/predicates.h"
+#include "policy/names.h"
 
 namespace kova {
 
 bool check_allowed_members(const JsonDoc& doc, int object,
                            std::initializer_list<std::string_view> allowed) {
-  if (!doc.is(object, JsonType::kObject)) return false;
-  int key = object + 1;
-  while (key < doc.count && doc[key].start < doc[object].end) {
+  JsonMembers members(doc, object);
+  for (const JsonMember member : members) {
     char name[kSafeNameCapacity];
-    const int value = key + 1;
-    if (doc[key].parent != object || !json_get_string(doc, key, name) ||
-        std::find(allowed.begin(), allowed.end(), name) == allowed.end() || value >= doc.count ||
-        doc[value].parent != object) {
+    if (!json_get_string(doc, member.key, name) ||
+        std::find(allowed.begin(), allowed.end(), name) == allowed.end()) {
       return false;
     }
-    key = json_skip(doc, value);
-    if (key < 0) return false;
   }
-  return true;
+  return members.well_formed();
 }
 
 bool get_string_member(const JsonDoc& doc, int object, std::string_view key, TextOut out) {

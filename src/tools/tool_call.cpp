@@ -2,32 +2,25 @@
 
 #include <string_view>
 
-#include "json/reply.h"
+#include "audit/audit.h"
+#include "base/text.h"
+#include "platform/clock.h"
+#include "policy/policy.h"
 #include "policy/predicates.h"
 #include "tools/tool_args.h"
-#include "tools/tool_result.h"
 #include "tools/tool_table.h"
 
 namespace kova {
 
 namespace {
 
-constexpr std::string_view kReadsDisabled = "read tools are disabled by policy";
-
-/// What the gates look at: the call, the tool that its name means (null for none), and the records.
-struct Gate {
-  const ToolCall& call;
-  const Tool* tool;
-  ToolContext& context;
-
-  [[nodiscard]] bool asks_for(std::uint32_t gate) const {
-    return tool != nullptr && (tool->gates & gate) != 0;
+bool read_params(const JsonDoc& doc, int params, TextOut name, RpcError& error) {
+  if (!check_allowed_members(doc, params, {"name", "arguments", "_meta"})) {
+    return refuse(error, kInvalidParams, "tools/call params are invalid or contain unknown fields");
   }
-  [[nodiscard]] bool refuse(std::string_view decision, std::string_view message) const {
-    refuse_tool(call, context, decision, message);
-    return false;
-  }
-};
+  return get_string_member(doc, params, "name", name) ||
+         refuse(error, kInvalidParams, "tools/call requires a valid tool name");
+}
 
 void open_audit_context(AuditContext& audit, const JsonDoc& doc, int id, std::string_view tool) {
   audit = {};
@@ -39,107 +32,69 @@ void open_audit_context(AuditContext& audit, const JsonDoc& doc, int id, std::st
   audit.started_ms = tick_ms();
 }
 
-bool check_policy_valid(const Gate& gate) {
-  const McpPolicy& policy = gate.context.policy;
-  if (policy.valid) return true;
-  const std::string_view error(policy.error);
-  return gate.refuse(kDeny, error.empty() ? "MCP policy is invalid" : error);
+bool check_policy_valid(ToolContext& context, ToolAnswer& answer) {
+  if (context.policy.valid) return true;
+  const std::string_view error(context.policy.error);
+  return refuse_by_policy(context, answer, kDeny, error.empty() ? "MCP policy is invalid" : error);
 }
 
-// Everything but the write tool is a read here, a name that no tool has included.
-bool check_read_switch(const Gate& gate) {
-  const McpPolicy& policy = gate.context.policy;
-  if (!policy.configured || policy.reads_enabled || gate.asks_for(kWriteTool)) return true;
-  return gate.refuse(kDeny, kReadsDisabled);
+/// Everything but the write tool is a read here, a name that no tool has (null) included.
+bool check_read_switch(const Tool* tool, ToolContext& context, ToolAnswer& answer) {
+  if (tool != nullptr && tool->access == ToolAccess::kWrite) return true;
+  return policy_reads_allowed(context.policy) ||
+         refuse_by_policy(context, answer, kDeny, "read tools are disabled by policy");
 }
 
-bool check_provider_switch(const Gate& gate) {
-  if (!gate.asks_for(kProviderTool) || policy_provider_reads_allowed(gate.context.policy)) {
-    return true;
+bool check_provider_switch(const Tool* tool, ToolContext& context, ToolAnswer& answer) {
+  if (tool == nullptr || tool->access != ToolAccess::kProviderRead) return true;
+  return policy_provider_reads_allowed(context.policy) ||
+         refuse_by_policy(context, answer, kKillSwitch,
+                          "provider-backed MCP reads are disabled by policy or kill switch");
+}
+
+/// With writes off the write tool does not exist, and the reply does not tell.
+bool exists(const Tool* tool, const McpPolicy& policy) {
+  return tool != nullptr && (tool->access != ToolAccess::kWrite || policy_writes_allowed(policy));
+}
+
+bool serve(const Tool& tool, const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
+  return (tool.check == nullptr || tool.check(call, context, answer)) &&
+         tool.handler(call, context, answer);
+}
+
+/// Writes the reply first, so that the audit file holds up no reply.
+void finish(RequestId request, const ToolContext& context, const ToolAnswer& answer, bool success) {
+  AuditOutcome outcome{.success = success, .rows = 0, .bytes = 0};
+  if (success) {
+    write_tool_success(request, {answer.result.text, answer.result.textLength});
+    outcome.rows = answer.result.rowCount;
+    outcome.bytes = answer.result.textLength;
+  } else {
+    write_tool_failure(request, answer.message, answer.structured);
   }
-  return gate.refuse(kKillSwitch,
-                     "provider-backed MCP reads are disabled by policy or kill switch");
-}
-
-bool check_collection(const Gate& gate) {
-  if (!gate.asks_for(kCollectionTool)) return true;
-  char collection[kSafeNameCapacity];
-  if (get_string_member(gate.call.doc, gate.call.arguments, "collection", collection) &&
-      policy_collection_allowed(gate.context.policy, collection)) {
-    return true;
-  }
-  return gate.refuse(kDeny, "collection is invalid or not allowed by MCP policy");
-}
-
-bool check_provider_status(const Gate& gate) {
-  if (!gate.asks_for(kProviderStatus) ||
-      json_find(gate.call.doc, gate.call.arguments, "provider") < 0 ||
-      policy_provider_reads_allowed(gate.context.policy)) {
-    return true;
-  }
-  return gate.refuse(kKillSwitch, "provider status is disabled by policy or kill switch");
-}
-
-bool hybrid_columns_allowed(const Gate& gate, int columns) {
-  const JsonDoc& doc = gate.call.doc;
-  const int end = json_skip(doc, columns);
-  for (int element = columns + 1; element < end; element = json_skip(doc, element)) {
-    char column[kSafeNameCapacity];
-    if (!json_get_string(doc, element, column) ||
-        !policy_column_allowed(gate.context.policy, column)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// The decision stays "allow" here: these are read as argument errors of the one tool.
-bool check_hybrid_source(const Gate& gate) {
-  if (!gate.asks_for(kHybridTool)) return true;
-  const JsonDoc& doc = gate.call.doc;
-  const McpPolicy& policy = gate.context.policy;
-  char source_table[kSafeNameCapacity];
-  char key_field[kSafeNameCapacity];
-  if (!get_string_member(doc, gate.call.arguments, "source_table", source_table) ||
-      !policy_table_allowed(policy, source_table, TableUse::kRead) ||
-      !get_string_member(doc, gate.call.arguments, "key_field", key_field) ||
-      !policy_column_allowed(policy, key_field)) {
-    return gate.refuse(kAllow, "hybrid source table or key is denied by MCP policy");
-  }
-  const int columns = json_find(doc, gate.call.arguments, "columns");
-  if (!doc.is(columns, JsonType::kArray)) return gate.refuse(kAllow, "hybrid columns are invalid");
-  return hybrid_columns_allowed(gate, columns) ||
-         gate.refuse(kAllow, "hybrid column is denied by MCP policy");
-}
-
-bool passes_gates(const Gate& gate) {
-  return check_policy_valid(gate) && check_read_switch(gate) && check_provider_switch(gate) &&
-         check_collection(gate) && check_provider_status(gate) && check_hybrid_source(gate);
+  write_audit_record(context.audit, context.policy, outcome);
 }
 
 }  // namespace
 
-void handle_tools_call(const JsonDoc& doc, int id, int params, ToolContext& context) {
-  const RequestId request{.doc = &doc, .token = id};
-  if (!check_allowed_members(doc, params, {"name", "arguments", "_meta"})) {
-    write_error_reply(request, kInvalidParams,
-                      "tools/call params are invalid or contain unknown fields");
-    return;
-  }
+bool handle_tools_call(const JsonDoc& doc, int id, int params, ToolContext& context,
+                       RpcError& error) {
   char name[kToolNameCapacity];
-  if (!get_string_member(doc, params, "name", name)) {
-    write_error_reply(request, kInvalidParams, "tools/call requires a valid tool name");
-    return;
-  }
-  const ToolCall call{.doc = doc, .id = id, .arguments = json_find(doc, params, "arguments")};
+  if (!read_params(doc, params, name, error)) return false;
   open_audit_context(context.audit, doc, id, name);
   const Tool* const tool = find_tool(name);
-  if (!passes_gates({.call = call, .tool = tool, .context = context})) return;
-  if (tool == nullptr) {
-    refuse_unknown_tool(call);
-    return;
+  const ToolCall call{.doc = doc, .arguments = json_find(doc, params, "arguments")};
+  ToolAnswer answer;
+  bool success = check_policy_valid(context, answer) && check_read_switch(tool, context, answer) &&
+                 check_provider_switch(tool, context, answer);
+  if (success) {
+    if (!exists(tool, context.policy)) {
+      return refuse(error, kInvalidParams, "unknown Vantreo tool");
+    }
+    success = serve(*tool, call, context, answer);
   }
-  tool->handler(call, context);
+  finish({.doc = &doc, .token = id}, context, answer, success);
+  return true;
 }
 
 }  // namespace kova

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <iterator>
 
+#include "tools/ai_collection.h"
 #include "tools/ai_search_tools.h"
 #include "tools/ai_status_tool.h"
-#include "tools/catalogue_tools.h"
 #include "tools/execute_tool.h"
+#include "tools/hybrid_search_tool.h"
 #include "tools/query_tool.h"
+#include "tools/schema_tools.h"
 
 namespace kova {
 
@@ -17,25 +19,29 @@ constexpr Tool kTools[] = {
     {.name = "kova_list_databases",
      .description = "List policy-allowed Vantreo databases.",
      .input_schema = R"({"type":"object","additionalProperties":false})",
-     .gates = kReadTool,
+     .access = ToolAccess::kRead,
+     .check = nullptr,
      .handler = list_databases_tool},
     {.name = "kova_list_tables",
      .description = "List policy-allowed tables and views.",
      .input_schema = R"({"type":"object","additionalProperties":false})",
-     .gates = kReadTool,
+     .access = ToolAccess::kRead,
+     .check = nullptr,
      .handler = list_tables_tool},
     {.name = "kova_describe_table",
      .description = "Describe one allowed table without returning row data.",
      .input_schema = R"({"type":"object","properties":{"table":{"type":"string","maxLength":63}},)"
                      R"("required":["table"],"additionalProperties":false})",
-     .gates = kReadTool,
+     .access = ToolAccess::kRead,
+     .check = nullptr,
      .handler = describe_table_tool},
     {.name = "kova_query",
      .description = "Execute exactly one parsed read-only SELECT with bounded output.",
      .input_schema = R"({"type":"object","properties":{"sql":{"type":"string","maxLength":32768},)"
                      R"("max_rows":{"type":"integer","minimum":1,"maximum":256}},)"
                      R"("required":["sql"],"additionalProperties":false})",
-     .gates = kReadTool,
+     .access = ToolAccess::kRead,
+     .check = nullptr,
      .handler = query_tool},
     {.name = "kova_vector_search",
      .description = "Search an AI collection with a numeric vector.",
@@ -44,7 +50,8 @@ constexpr Tool kTools[] = {
          R"("vector":{"type":"array","minItems":1,"maxItems":4096,"items":{"type":"number"}},)"
          R"("top":{"type":"integer","minimum":1,"maximum":256}},)"
          R"("required":["collection","vector","top"],"additionalProperties":false})",
-     .gates = kReadTool | kCollectionTool,
+     .access = ToolAccess::kRead,
+     .check = check_collection,
      .handler = vector_search_tool},
     {.name = "kova_text_search",
      .description = "Embed bounded text using the collection provider and search.",
@@ -53,7 +60,8 @@ constexpr Tool kTools[] = {
          R"("text":{"type":"string","maxLength":8192},)"
          R"("top":{"type":"integer","minimum":1,"maximum":256}},)"
          R"("required":["collection","text","top"],"additionalProperties":false})",
-     .gates = kReadTool | kProviderTool | kCollectionTool,
+     .access = ToolAccess::kProviderRead,
+     .check = check_collection,
      .handler = text_search_tool},
     {.name = "kova_hybrid_search",
      .description = "Search an AI collection and join ranked hits to authorized source columns.",
@@ -67,7 +75,8 @@ constexpr Tool kTools[] = {
          R"("items":{"type":"string","maxLength":63}}},)"
          R"("required":["collection","text","top","source_table","key_field","columns"],)"
          R"("additionalProperties":false})",
-     .gates = kReadTool | kProviderTool | kCollectionTool | kHybridTool,
+     .access = ToolAccess::kProviderRead,
+     .check = check_hybrid_search,
      .handler = hybrid_search_tool},
     {.name = "kova_ai_status",
      .description =
@@ -76,14 +85,16 @@ constexpr Tool kTools[] = {
          R"({"type":"object","properties":{"collection":{"type":"string","maxLength":63},)"
          R"("provider":{"type":"string","maxLength":63}},)"
          R"("required":["collection"],"additionalProperties":false})",
-     .gates = kReadTool | kCollectionTool | kProviderStatus,
+     .access = ToolAccess::kRead,
+     .check = check_ai_status,
      .handler = ai_status_tool},
     {.name = "kova_execute",
      .description = "Execute one policy-approved INSERT, UPDATE, or DELETE.",
      .input_schema = R"({"type":"object","properties":{"sql":{"type":"string","maxLength":32768},)"
                      R"("approval_token":{"type":"string","maxLength":255}},)"
                      R"("required":["sql"],"additionalProperties":false})",
-     .gates = kWriteTool,
+     .access = ToolAccess::kWrite,
+     .check = nullptr,
      .handler = execute_tool},
 };
 

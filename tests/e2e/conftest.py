@@ -1,65 +1,21 @@
-"""Options and fixtures of the end-to-end tests; kova.py says how a test is written.
-
-    /usr/bin/python3 -m pytest tests/e2e --target linux|windows [--build-dir DIR] [-n 2]
-
-The tests stand first on the command line. The build folder is build/<target>, the Wine prefix
-$WINEPREFIX or build/wineprefix.
-"""
+"""Fixtures of the end-to-end tests: the scripted client library, listeners, shared servers."""
 
 from __future__ import annotations
 
-import os
 from pathlib import Path
 from typing import Iterator
 
 import pytest
 
-from http_client import HttpListeners
-from kova import Installation, ScriptedLibrary, Servers, Target
-from listeners import LOOPBACK, Listener
-from policy_files import PolicyFiles
-
-ROOT = Path(__file__).resolve().parents[2]
-
-
-def pytest_addoption(parser: pytest.Parser) -> None:
-    parser.addoption("--target", choices=["linux", "windows"], default="linux",
-                     help="the executable under test")
-    parser.addoption("--build-dir", type=Path, help="where it was built; build/<target>")
-
-
-def pytest_ignore_collect(collection_path: Path, config: pytest.Config) -> "bool | None":
-    """What one system alone has is looked at there alone."""
-    other = {"linux": "win32", "windows": "posix"}[config.getoption("--target")]
-    return True if other in collection_path.relative_to(ROOT).parts else None
-
-
-def pytest_report_header(config: pytest.Config) -> str:
-    return f"target: {config.getoption('--target')}"
-
-
-@pytest.fixture(scope="session")
-def target(pytestconfig: pytest.Config) -> Iterator[Target]:
-    name = pytestconfig.getoption("--target")
-    build = pytestconfig.getoption("--build-dir") or ROOT / "build" / name
-    prefix = Path(os.environ.get("WINEPREFIX") or ROOT / "build" / "wineprefix")
-    made = Target(name, build.resolve(), prefix.absolute())
-    assert made.executable.exists(), f"{made.executable} is not built"
-    made.prepare()
-    yield made
-    made.release()
-
-
-@pytest.fixture(scope="session")
-def installation(target: Target, tmp_path_factory: pytest.TempPathFactory) -> Installation:
-    return Installation(target, tmp_path_factory.mktemp("installed"))
-
-
-@pytest.fixture
-def servers(target: Target, installation: Installation, tmp_path: Path) -> Iterator[Servers]:
-    made = Servers(target, installation, tmp_path)
-    yield made
-    made.close()
+from harness.ai_calls import PROVIDERS_SWITCH
+from harness.http_client import HttpListeners
+from harness.listeners import Listener
+from harness.policy_files import profile
+from harness.scripted_library import ScriptedLibrary
+from harness.servers import Servers
+from harness.targets import Installation, Target
+from harness.tool_calls import ToolCalls
+from harness.write_calls import Writes
 
 
 @pytest.fixture(scope="module")
@@ -86,21 +42,6 @@ def module_http(module_servers: Servers) -> Iterator[HttpListeners]:
     made.close()
 
 
-@pytest.fixture
-def start(servers: Servers):
-    return servers.start
-
-
-@pytest.fixture
-def run(servers: Servers):
-    return servers.run
-
-
-@pytest.fixture
-def policy(target: Target, tmp_path: Path) -> PolicyFiles:
-    return PolicyFiles(target, tmp_path)
-
-
 @pytest.fixture(scope="session")
 def listener() -> Iterator[Listener]:
     """One listener for all tests that only need a reachable port."""
@@ -117,12 +58,6 @@ def own_listener() -> Iterator[Listener]:
     made.close()
 
 
-def profile(port: str) -> dict[str, str]:
-    """The database profile that goes with the default policy."""
-    return {"KOVA_MCP_SERVER": LOOPBACK, "KOVA_MCP_PORT": port, "KOVA_MCP_DATABASE": "SALES",
-            "KOVA_MCP_USER": "reader", "KOVA_MCP_PASSWORD": "secret"}
-
-
 @pytest.fixture
 def engine(listener: Listener, tmp_path: Path) -> ScriptedLibrary:
     """A reachable engine behind the scripted client library."""
@@ -133,3 +68,44 @@ def engine(listener: Listener, tmp_path: Path) -> ScriptedLibrary:
 def module_engine(listener: Listener,
                   tmp_path_factory: pytest.TempPathFactory) -> ScriptedLibrary:
     return ScriptedLibrary(tmp_path_factory.mktemp("engine"), profile(listener.port))
+
+
+# Servers that the tests of one module share. Each test begins with the default policy.
+
+
+@pytest.fixture(scope="module")
+def module_tools(module_servers: Servers, module_engine: ScriptedLibrary,
+                 tmp_path_factory: pytest.TempPathFactory) -> ToolCalls:
+    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("tools"))
+
+
+@pytest.fixture
+def tools(module_tools: ToolCalls) -> ToolCalls:
+    return module_tools.reset()
+
+
+@pytest.fixture(scope="module")
+def without_policy(module_servers: Servers, module_engine: ScriptedLibrary,
+                   tmp_path_factory: pytest.TempPathFactory) -> ToolCalls:
+    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("free"),
+                     configured=False)
+
+
+@pytest.fixture
+def free(without_policy: ToolCalls) -> ToolCalls:
+    """Without a policy file."""
+    return without_policy.reset()
+
+
+@pytest.fixture(scope="module")
+def switched_off(module_servers: Servers, module_engine: ScriptedLibrary,
+                 tmp_path_factory: pytest.TempPathFactory) -> ToolCalls:
+    """With the kill switch of the AI providers."""
+    return ToolCalls(module_servers, module_engine, tmp_path_factory.mktemp("switched"),
+                     env=PROVIDERS_SWITCH)
+
+
+@pytest.fixture(scope="module")
+def served(module_servers: Servers, module_engine: ScriptedLibrary,
+                  tmp_path_factory: pytest.TempPathFactory) -> Writes:
+    return Writes(module_servers, module_engine, tmp_path_factory.mktemp("writes"))

@@ -14,6 +14,7 @@
 #include "fuzz/require.h"
 #include "fuzz/statement_words.h"
 #include "policy/sql_words.h"
+#include "policy/quick_select.h"
 #include "tools/query_tool.h"
 
 namespace {

@@ -56,9 +56,9 @@ void check_canonical(std::string_view text) {
 
 void check_normalised(std::string_view sql, char* once, char* twice) {
   char message[256];
-  if (!kova::normalise_write(sql, kova::TextOut(once, kova::kCanonicalCapacity), message)) return;
+  if (!kova::write_canonical(sql, kova::TextOut(once, kova::kCanonicalCapacity), message)) return;
   check_canonical(once);
-  require(kova::normalise_write(once, kova::TextOut(twice, kova::kCanonicalCapacity), message) &&
+  require(kova::write_canonical(once, kova::TextOut(twice, kova::kCanonicalCapacity), message) &&
               std::strcmp(once, twice) == 0,
           "the canonical form of a canonical form is itself");
 }

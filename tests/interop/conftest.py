@@ -1,45 +1,28 @@
-"""Fixtures of the interoperability tests: they share those of the end-to-end tests.
+"""Fixtures of the interoperability tests.
 
     /usr/bin/python3 -m pytest tests/interop --target linux|windows [--build-dir DIR]
+    ... -n 2 --dist loadgroup    two at a time, those of ./run one after the other
 
 scripts/setup.sh test installs the Node.js packages that package-lock.json pins.
 """
 
 from __future__ import annotations
 
-import importlib.util
 import json
 import signal
 import subprocess
-import sys
 from pathlib import Path
-from typing import Any, Callable
+from typing import Any, Callable, Iterator
 
 import pytest
 
+from harness.sales_engine import SALES
+from harness.sample_engine import Engine, make_database
+from harness.targets import ROOT, Target
+
 HERE = Path(__file__).resolve().parent
 SESSION_TIMEOUT = 80.0
-END_TO_END = HERE.parent / "e2e"
-
-sys.path[:0] = [str(END_TO_END), str(HERE.parents[1] / "scripts")]
-_made = importlib.util.spec_from_file_location("end_to_end_fixtures", END_TO_END / "conftest.py")
-assert _made is not None and _made.loader is not None
-_shared = importlib.util.module_from_spec(_made)
-_made.loader.exec_module(_shared)
-
-pytest_report_header = _shared.pytest_report_header
-target = _shared.target
-installation = _shared.installation
-servers = _shared.servers
-run = _shared.run
-policy = _shared.policy
-
-
-def pytest_addoption(parser: pytest.Parser) -> None:
-    try:
-        _shared.pytest_addoption(parser)
-    except ValueError:
-        pass  # the end-to-end tests run as well and have added the options
+FIRST_RUN_LIMIT = 600.0  # it may have to build
 
 
 def pytest_configure() -> None:
@@ -49,9 +32,31 @@ def pytest_configure() -> None:
     signal.signal(signal.SIGHUP, signal.SIG_DFL)
 
 
+@pytest.fixture(scope="module")
+def engine(engine_executable: Path, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Engine]:
+    """The sample engine with the database of orders."""
+    folder = tmp_path_factory.mktemp("engine")
+    (folder / "data").mkdir()
+    make_database(folder / "data" / "SALES.db", SALES)
+    made = Engine(engine_executable, folder)
+    yield made
+    assert made.stop() == 0
+
+
+@pytest.fixture(scope="session")
+def prepared(target: Target) -> list[str]:
+    """Everything for ./run is built and loaded, which the first session does; returns the command
+    that plays a session with the target."""
+    command = [str(ROOT / "run"), *(["windows"] if target.windows else [])]
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return command
+
+
 @pytest.fixture(scope="session")
 def sdk_session() -> Callable[..., Any]:
-    """`sdk_session(scenario, server, **wishes)` answers what session.mjs has found."""
+    """`sdk_session(scenario, server, **wishes)` returns what session.mjs has found."""
     pinned = json.loads((HERE / "package.json").read_text("utf-8"))["dependencies"]
     for name, version in pinned.items():
         manifest = HERE / "node_modules" / name / "package.json"

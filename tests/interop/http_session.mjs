@@ -18,7 +18,7 @@ const errors = [];
 const received = [];
 const statuses = [];
 
-/** Notes each request's method and the status of its answer. */
+/** Records each request's method and the status of its response. */
 async function notingFetch(address, init) {
   const response = await fetch(address, init);
   statuses.push([init.method, response.status]);
@@ -32,7 +32,7 @@ const transport = new StreamableHTTPClientTransport(new URL(url), {
   fetch: notingFetch,
 });
 
-/** What became of a request: its result, or what the client made of its failure. */
+/** The outcome of a request: its result, or the client's error. */
 async function outcome(promise) {
   try {
     return { result: await promise };
@@ -67,7 +67,7 @@ async function cancelled() {
   };
   const running = outcome(call(slow, { signal: abort.signal }));
   await pause(slow.ms);
-  // It waits for its turn behind the slow call, and is served after the cancel.
+  // It waits until the slow call is cancelled.
   const waiting = outcome(call(quick));
   abort.abort('the user gave up');
   const [request] = sent.filter((message) => message.method === 'tools/call');

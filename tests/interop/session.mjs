@@ -3,7 +3,7 @@
 //     node session.mjs SCENARIO < SERVER
 //
 // SERVER is JSON: command, args and env of the server, and what the scenario needs beside them. The
-// scenario's findings are printed as one JSON document; the tests that start it judge them.
+// scenario's findings are printed as one JSON document, which the tests check.
 import { readFileSync } from 'node:fs';
 import { setTimeout as pause } from 'node:timers/promises';
 
@@ -12,7 +12,7 @@ import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js'
 
 const REQUEST_LIMIT = 20_000;
 
-/** A connected client that remembers the wire's messages and the errors that it was told of. */
+/** A connected client that records the messages on the wire and the client's errors. */
 class Session {
   received = [];
   errors = [];
@@ -27,7 +27,7 @@ class Session {
       session.stderr += data;
     });
     await session.client.connect(session.transport);
-    // The transport has handed the process out to nobody else; its exit code is of interest later.
+    // Only the transport has the process, whose exit code is needed later.
     session.process = session.transport._process;
     const deliver = session.transport.onmessage;
     session.transport.onmessage = (message, extra) => {
@@ -44,7 +44,7 @@ class Session {
     });
   }
 
-  /** What became of a call: its result, or what the client made of its failure. */
+  /** The outcome of a call: its result, or the client's error. */
   async outcome(promise) {
     const started = performance.now();
     try {
@@ -105,7 +105,7 @@ const scenarios = {
     return { second, ping, first: await running };
   },
 
-  /** A slow call given up half-way, and what the session is good for afterwards. */
+  /** Cancels a slow call, then makes another call in the same session. */
   async cancel(session, { slow, quick }) {
     const abort = new AbortController();
     const sent = [];

@@ -1,4 +1,4 @@
-"""./run and scripts/setup.sh, as somebody types them. They use the checkout's own build folder."""
+"""./run and scripts/setup.sh, as a user types them. They use the checkout's own build folder."""
 
 from __future__ import annotations
 
@@ -14,12 +14,18 @@ import subprocess
 import tempfile
 import time
 import uuid
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Callable, Iterator
 
 import pytest
 
-from kova import TIMEOUT, Target, call, notification, request, wait_until
+from harness import processes
+from harness.messages import call, notification, request
+from harness.targets import Target
+from harness.waiting import TIMEOUT, wait_until
+
+pytestmark = pytest.mark.xdist_group("run")
 
 ROOT = Path(__file__).resolve().parents[2]
 RUN = str(ROOT / "run")
@@ -44,15 +50,7 @@ class Watch:
         self.environment = {**os.environ, MARKER: self.marker}
 
     def left(self) -> list[str]:
-        wanted = f"{MARKER}={self.marker}".encode()
-        found = []
-        for folder in Path("/proc").iterdir():
-            try:
-                if folder.name.isdigit() and wanted in (folder / "environ").read_bytes().split(
-                        b"\0"):
-                    found.append((folder / "comm").read_text().strip())
-            except OSError:
-                pass
+        found = [processes.name(pid) for pid in processes.marked(self.marker, MARKER)]
         return [name for name in found if name.startswith(("kova-", "python3", "run"))]
 
 
@@ -63,27 +61,33 @@ def watch() -> Iterator[Watch]:
     wait_until(lambda: not made.left(), TIMEOUT, "the end of everything that ./run has started")
 
 
+@dataclass(frozen=True)
+class Played:
+    """A whole session after the first one: what it has printed, how long it took, what it left."""
+
+    text: str
+    seconds: float
+    left: list[str]
+
+
 @pytest.fixture(scope="module")
-def prepared(target: Target) -> list[str]:
-    """Everything is built and loaded; what starts a session with the target."""
-    command = [RUN, "windows"] if target.windows else [RUN]
-    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          timeout=FIRST_RUN_LIMIT, check=False)
-    assert done.returncode == 0, done.stdout + done.stderr
-    return command
+def played(prepared: list[str]) -> Played:
+    watch = Watch()
+    started = time.monotonic()
+    done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
+    seconds = time.monotonic() - started
+    assert (done.returncode, done.stderr) == (0, ""), done.stdout
+    return Played(done.stdout, seconds, watch.left())
 
 
 # the played session
 
 
-def test_the_session(prepared: list[str], target: Target, watch: Watch) -> None:
-    started = time.monotonic()
-    done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
-    assert time.monotonic() - started < SECOND_RUN_LIMIT
-    text = done.stdout
-    assert (done.returncode, done.stderr) == (0, ""), text
-    assert watch.left() == []
+def test_the_session(played: Played, target: Target) -> None:
+    assert played.seconds < SECOND_RUN_LIMIT
+    assert played.left == []
+    text = played.text
     assert text.splitlines()[-1] == (
         f"Session complete on {target.name}: 35 requests answered, 12 calls refused as the policy"
         " wants it, 1 cancelled, 1 approved and written; nothing is left running.")
@@ -106,11 +110,8 @@ def test_the_session(prepared: list[str], target: Target, watch: Watch) -> None:
     assert "\x1b" not in text and "\r" not in text
 
 
-def test_the_second_act(prepared: list[str], target: Target, watch: Watch) -> None:
-    done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
-    assert (done.returncode, done.stderr) == (0, ""), done.stdout
-    text = done.stdout[done.stdout.index("\n10. "):done.stdout.index("\n16. ")]
+def test_the_second_act(played: Played, target: Target) -> None:
+    text = played.text[played.text.index("\n10. "):played.text.index("\n16. ")]
     statement = re.search(r'^\$ printf %s "(INSERT INTO NOTES .*;)" \| sha256sum$', text, re.M)
     assert statement is not None
     digest = hashlib.sha256(statement[1].encode()).hexdigest()
@@ -146,13 +147,10 @@ def test_the_second_act(prepared: list[str], target: Target, watch: Watch) -> No
         ("kova_query", "allow", "policy-select", "ok")]
 
 
-def test_the_third_act(prepared: list[str], target: Target, watch: Watch) -> None:
-    done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
-    assert (done.returncode, done.stderr) == (0, ""), done.stdout
+def test_the_third_act(played: Played, target: Target) -> None:
     assert re.search(r"^AI collections of the sample data: sample\.PACKAGE_TEXTS: \d+ vectors ",
-                     done.stdout, re.M)
-    text = done.stdout[done.stdout.index("\n16. "):]
+                     played.text, re.M)
+    text = played.text[played.text.index("\n16. "):]
     hit = r"^ +1 +0\.\d+ +\d+  "
     appear_in_order(text, [
         "kova_vector_search, kova_text_search, kova_hybrid_search, kova_ai_status$",
@@ -233,7 +231,7 @@ def read_all(terminal: int) -> str:
         while block := os.read(terminal, 65536):
             data += block
     except OSError:
-        pass  # so a terminal ends
+        pass  # the end of a terminal
     os.close(terminal)
     return data.decode()
 
@@ -272,16 +270,24 @@ def test_a_reader_that_goes_away_ends_the_session(prepared: list[str], watch: Wa
 
 
 def test_serve_speaks_protocol_only(prepared: list[str], watch: Watch) -> None:
-    sent = [request("initialize", 1, {}), notification("notifications/initialized"),
-            call(2, "kova_query", {"sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"}),
-            call(3, "kova_execute", {"sql": "DELETE FROM NOTES"})]
-    done = run("serve", input=b"".join(sent).decode(), env=watch.environment)
-    assert done.returncode == 0
-    first, second, third = map(json.loads, done.stdout.splitlines())
+    with subprocess.Popen([RUN, "serve"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, env=watch.environment) as process:
+        assert process.stdin is not None and process.stdout is not None
+        replies = []
+        # Each call waits for its reply: one that came during another would be refused as busy.
+        for sent in (request("initialize", 1, {}) + notification("notifications/initialized"),
+                     call(2, "kova_query", {"sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"}),
+                     call(3, "kova_execute", {"sql": "DELETE FROM NOTES"})):
+            process.stdin.write(sent)
+            process.stdin.flush()
+            replies.append(json.loads(process.stdout.readline()))
+        rest, diagnostics = process.communicate(timeout=TIMEOUT)
+    assert (process.returncode, rest) == (0, b"")
+    first, second, third = replies
     assert first["id"] == 1 and first["result"]["serverInfo"]["name"] == "Vantreo MCP"
     assert int(second["result"]["structuredContent"]["rows"][0][0]) > 1000
     assert third["error"] == {"code": -32602, "message": "unknown Vantreo tool"}
-    assert "Serving the sample database" in done.stderr
+    assert b"Serving the sample database" in diagnostics
     assert watch.left() == []
 
 
@@ -374,7 +380,7 @@ class Machine:
 
 @pytest.fixture
 def folder() -> Iterator[Path]:
-    """Open to other users, unlike pytest's own."""
+    """A folder that other users can read, unlike pytest's own."""
     with tempfile.TemporaryDirectory() as name:
         yield Path(name)
 

@@ -1,4 +1,4 @@
-"""./run http, as somebody types it. It uses the checkout's own build folder."""
+"""./run http, as a user types it. It uses the checkout's own build folder."""
 
 from __future__ import annotations
 
@@ -15,12 +15,16 @@ from typing import Any, Iterator
 
 import pytest
 
-from kova import TIMEOUT, Target, request, wait_until
+from harness import processes
+from harness.messages import request
+from harness.targets import Target
+from harness.waiting import TIMEOUT, wait_until
+
+pytestmark = pytest.mark.xdist_group("run")
 
 ROOT = Path(__file__).resolve().parents[2]
 STATE = ROOT / "build" / "run"
 MARKER = "KOVA_RUN_SESSION"
-FIRST_RUN_LIMIT = 600.0  # it may have to build
 
 
 class Served:
@@ -64,20 +68,10 @@ class Served:
         return connection.getresponse()
 
     def processes(self) -> dict[int, str]:
-        """By the marker that they inherit; nginx, which hides it, by the folder that it names."""
-        found = {}
-        for folder in Path("/proc").iterdir():
-            try:
-                if not folder.name.isdigit():
-                    continue
-                variables = (folder / "environ").read_bytes().split(b"\0")
-                command = (folder / "cmdline").read_bytes()
-            except OSError:
-                continue
-            if (f"{MARKER}={self.marker}".encode() in variables
-                    or str(self.folder).encode() in command):
-                found[int(folder.name)] = (folder / "comm").read_text().strip()
-        return {pid: name for pid, name in found.items()
+        """By the inherited marker; nginx overwrites its environment, so by its command line."""
+        found = {*processes.marked(self.marker, MARKER), *processes.naming(str(self.folder))}
+        names = {pid: processes.name(pid) for pid in found}
+        return {pid: name for pid, name in names.items()
                 if name.startswith(("kova-", "python3", "run", "nginx"))}
 
     def end(self, number: signal.Signals = signal.SIGINT) -> str:
@@ -88,17 +82,8 @@ class Served:
         return rest
 
 
-@pytest.fixture(scope="module")
-def prepared(target: Target) -> None:
-    """Everything is built and loaded: only then is the time until the entry a matter of seconds."""
-    command = [str(ROOT / "run")] + (["windows"] if target.windows else [])
-    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          timeout=FIRST_RUN_LIMIT, check=False)
-    assert done.returncode == 0, done.stdout + done.stderr
-
-
 @pytest.fixture
-def served(prepared: None, target: Target) -> Iterator[Served]:
+def served(prepared: list[str], target: Target) -> Iterator[Served]:
     made = Served(target)
     yield made
     if made.process.poll() is None:
@@ -146,7 +131,7 @@ def test_the_key_is_for_its_owner_only(served: Served) -> None:
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
 def test_it_stops_everything(served: Served, number: signal.Signals) -> None:
-    """With a session that is open, so that a session's process is there, too."""
+    """With an open session, so that its process is running, too."""
     assert served.ask(request("initialize", 1, {})).status == 200
     names = {name[:8] for name in served.processes().values()}
     assert names >= {"kova-mcp", "kova-sam", "nginx", "python3"}

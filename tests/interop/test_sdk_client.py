@@ -9,10 +9,12 @@ from typing import Any, Callable, Iterator
 
 import pytest
 
-from kova import MARKER, TIMEOUT, Target, wait_until
-from policy_files import PolicyFiles
-from sales_engine import (COUNT_ORDERS, ORDERS, SLOW, Engine, engine, executable, processes,
-                          profile, result)
+from harness import processes
+from harness.policy_files import PolicyFiles
+from harness.sample_engine import Engine
+from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, profile, result
+from harness.targets import Installation
+from harness.waiting import TIMEOUT, wait_until
 
 HERE = Path(__file__).resolve().parent
 
@@ -24,25 +26,27 @@ Scenario = Callable[..., dict[str, Any]]
 
 
 @pytest.fixture
-def play(sdk_session: Callable[..., Any], engine: Engine, executable: Path, target: Target,
+def play(sdk_session: Callable[..., Any], engine: Engine, installation: Installation,
          policy: PolicyFiles, tmp_path: Path) -> Iterator[Scenario]:
-    """`play(scenario, **wishes)` answers what session.mjs has found."""
+    """`play(scenario, **wishes)` returns what session.mjs has found."""
+    target = installation.target
     marker = uuid.uuid4().hex
 
     def run(scenario: str, *, env: "dict[str, Any] | None" = None, **wishes: Any) -> dict[str, Any]:
         variables = {**profile(policy, engine), "KOVA_MCP_AUDIT": tmp_path / "audit.jsonl",
-                     MARKER: marker, **(env or {})}
-        command = target.command(executable, [])
+                     processes.MARKER: marker, **(env or {})}
+        command = target.command(installation.executable("sample"), [])
         server = {"command": command[0], "args": command[1:],
                   "env": target.environment(variables), "cwd": str(tmp_path)}
         return sdk_session(scenario, server, **wishes)
 
     yield run
-    wait_until(lambda: not processes(marker), TIMEOUT, "the end of every process of the server")
+    wait_until(lambda: not processes.of_the_server(marker), TIMEOUT,
+               "the end of every process of the server")
 
 
 def assert_closed(session: dict[str, Any]) -> None:
-    """The server has ended by itself at the end of its input, and has said nothing on the way."""
+    """Checks that the server has ended by itself at the end of its input, without messages."""
     assert (session["closed"]["exitCode"], session["closed"]["signalCode"]) == (0, None)
     assert session["closed"]["ms"] < CLOSE_LIMIT_MS
     assert (session["errors"], session["stderr"]) == ([], "")

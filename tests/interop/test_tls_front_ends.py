@@ -11,22 +11,26 @@ from typing import Any, Callable, Iterator, Mapping
 
 import pytest
 
-from kova import TIMEOUT, Target, call, cancel, request, wait_until
-from policy_files import PolicyFiles
-from sales_engine import COUNT_ORDERS, ORDERS, SLOW, Engine, engine, executable, profile, result
-from tls_front_end import make_certificate
-from tls_service import TOKEN, Answer, Caller, FrontEnd, HttpServer, Recorder, clean_environment
+from harness.front_ends import Answer, Caller, FrontEnd, Recorder, clean_environment
+from harness.http_client import TOKEN, HttpListener, HttpListeners
+from harness.messages import call, cancel, request
+from harness.policy_files import PolicyFiles
+from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, profile, result
+from harness.sample_engine import Engine
+from harness.servers import Servers
+from harness.waiting import TIMEOUT, wait_until
+from tls_front_end import NAMES, make_certificate
 
 HERE = Path(__file__).resolve().parent
 SESSION_TIMEOUT = 120.0
 KINDS = ["nginx", "haproxy"]
 SESSIONS_OF_A_LISTENER = 16
 BODY_LIMIT = 262144
-UNUSED_SECONDS = 5.0
-"""Longer than a front end waits between two health checks unless it is told otherwise."""
+UNUSED_SECONDS = 3.0
+"""Longer than the default interval of a front end's health checks."""
 
 SECONDS_TO_HAND_OVER = 12.0
-"""A HAProxy that has been up for less hands nothing over to the next one."""
+"""A HAProxy that has run for less does not hand its table over to the next one."""
 
 INITIALIZE = request("initialize", 1, {}).rstrip()
 PING = request("ping", "p").rstrip()
@@ -41,7 +45,7 @@ WITH_ORIGIN = {
     "nginx": {f'#"{ORIGIN}" $http_origin;': f'"{ORIGIN}" $http_origin;'},
     "haproxy": {"acl cors_origin always_false": "", "#acl cors_origin": "acl cors_origin"}}
 
-Listen = Callable[..., HttpServer]
+Listen = Callable[..., HttpListener]
 Front = Callable[..., FrontEnd]
 
 
@@ -51,19 +55,13 @@ def certificate(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 
 @pytest.fixture
-def listen(target: Target, executable: Path, engine: Engine, policy: PolicyFiles,
-           tmp_path: Path) -> Iterator[Listen]:
+def listen(servers: Servers, engine: Engine, policy: PolicyFiles) -> Iterator[Listen]:
     """`listen(**variables)` starts a listener on the sample engine."""
-    started: list[HttpServer] = []
-
-    def start(**variables: Any) -> HttpServer:
-        started.append(HttpServer(target, executable, tmp_path,
-                                  {**profile(policy, engine), **variables}))
-        return started[-1]
-
-    yield start
-    for server in started:
-        server.stop()
+    listeners = HttpListeners(servers)
+    names = {"KOVA_MCP_HTTP_ALLOWED_HOSTS": NAMES.replace(" ", ",")}
+    yield lambda **variables: listeners({**profile(policy, engine), **names, **variables},
+                                        library="sample")
+    listeners.close()
 
 
 @pytest.fixture
@@ -84,7 +82,7 @@ def front(certificate: Path, tmp_path: Path) -> Iterator[Front]:
     """`front(kind, *servers, changes={})` starts a front end before the servers."""
     started: list[FrontEnd] = []
 
-    def start(kind: str, *servers: "HttpServer | Recorder",
+    def start(kind: str, *servers: "HttpListener | Recorder",
               changes: "Mapping[str, str] | None" = None) -> FrontEnd:
         folder = tmp_path / f"{kind}-{len(started)}"
         started.append(FrontEnd(kind, folder, certificate, [server.port for server in servers],
@@ -156,13 +154,13 @@ def test_a_whole_session_of_the_official_client(listen: Listen, front: Front, en
     assert found["statuses"][-2:] == [["DELETE", 204], ["POST", 400]]
     wait_until(lambda: sum("interrupted" in line for line in engine.log()) == interrupted + 1,
                TIMEOUT, "the interrupted statement in the engine's log")
-    wait_until(lambda: server.processes() == [server.process.pid], TIMEOUT,
+    wait_until(lambda: server.children() == [], TIMEOUT,
                "the end of the session's processes")
 
 
 @pytest.fixture(params=KINDS)
 def abandoned(request: pytest.FixtureRequest, listen: Listen, front: Front,
-              engine: Engine) -> "tuple[HttpServer, Caller, dict[str, str]]":
+              engine: Engine) -> "tuple[HttpListener, Caller, dict[str, str]]":
     """A session whose slow call runs on after its client has closed the connection."""
     server = listen()
     caller = Caller(front(request.param, server))
@@ -172,26 +170,25 @@ def abandoned(request: pytest.FixtureRequest, listen: Listen, front: Front,
             f"Mcp-Session-Id: {session['Mcp-Session-Id']}\r\nContent-Length: {len(body)}\r\n\r\n")
     with caller.connect() as connection:
         connection.sendall(head.encode() + body)
-        wait_until(server.workers, TIMEOUT, "the call's worker")
-        time.sleep(SLOW["ms"] / 1000)
+        wait_until(server.server.workers, TIMEOUT, "the call's worker")
     time.sleep(0.5)
-    assert server.workers()
+    assert server.server.workers()
     return server, caller, session
 
 
 def test_an_abandoned_call_can_be_cancelled(
-        abandoned: "tuple[HttpServer, Caller, dict[str, str]]") -> None:
+        abandoned: "tuple[HttpListener, Caller, dict[str, str]]") -> None:
     server, caller, session = abandoned
     assert caller.ask(cancel(7).rstrip(), headers=session).status == 202
     assert answers(caller, session)
-    wait_until(lambda: not server.workers(), TIMEOUT, "the end of the worker")
+    wait_until(lambda: not server.server.workers(), TIMEOUT, "the end of the worker")
 
 
 def test_delete_ends_an_abandoned_call(
-        abandoned: "tuple[HttpServer, Caller, dict[str, str]]") -> None:
+        abandoned: "tuple[HttpListener, Caller, dict[str, str]]") -> None:
     server, caller, session = abandoned
     assert caller.ask(method="DELETE", headers=session).status == 204
-    wait_until(lambda: server.processes() == [server.process.pid], TIMEOUT,
+    wait_until(lambda: server.children() == [], TIMEOUT,
                "the end of the session's processes")
 
 
@@ -244,7 +241,7 @@ def test_an_unused_front_end_does_not_connect_to_the_listener(
 @pytest.mark.parametrize("length", [BODY_LIMIT, BODY_LIMIT + 1])
 def test_bodies_up_to_the_limit_reach_the_listener(listen: Listen, front: Front, kind: str,
                                                    length: int) -> None:
-    """What is beyond has the front end's own words in nginx, the listener's words in HAProxy."""
+    """A larger body gets nginx's own page, or the listener's message from HAProxy."""
     got = Caller(front(kind, listen())).ask(b" " * length)
     if length <= BODY_LIMIT:
         assert (got.status, got.body) == (400, NO_SESSION)
@@ -381,9 +378,15 @@ def test_cors_for_a_configured_origin(listen: Listen, front: Front, kind: str) -
 
 
 @pytest.fixture
-def pair(listen: Listen, front: Front) -> tuple[FrontEnd, list[HttpServer]]:
+def pair(listen: Listen, front: Front) -> tuple[FrontEnd, list[HttpListener]]:
     servers = [listen(), listen()]
     return front("haproxy", *servers), servers
+
+
+def opened_directly(server: HttpListener) -> dict[str, str]:
+    """A session that the front end has not seen opened."""
+    got = server.post(INITIALIZE, headers={"Host": "localhost"})
+    return {"Mcp-Session-Id": server.session_of(got)}
 
 
 def open_sessions(caller: Caller, count: int) -> list[dict[str, str]]:
@@ -391,7 +394,7 @@ def open_sessions(caller: Caller, count: int) -> list[dict[str, str]]:
 
 
 def test_haproxy_keeps_more_than_sixteen_sessions_each_at_its_listener(
-        pair: tuple[FrontEnd, list[HttpServer]]) -> None:
+        pair: tuple[FrontEnd, list[HttpListener]]) -> None:
     end, servers = pair
     caller = Caller(end)
     sessions = open_sessions(caller, SESSIONS_OF_A_LISTENER + 4)
@@ -399,31 +402,31 @@ def test_haproxy_keeps_more_than_sixteen_sessions_each_at_its_listener(
     for _ in range(3):
         for session in sessions:
             assert answers(caller, session)
-    held = [len(server.processes()) - 1 for server in servers]
+    held = [len(server.children()) for server in servers]
     assert held == [len(sessions) // 2] * 2
     for session in sessions:
         assert caller.ask(method="DELETE", headers=session).status == 204
         assert caller.ask(PING, headers=session).status == 404
     for server in servers:
-        wait_until(lambda server=server: server.processes() == [server.process.pid], TIMEOUT,
+        wait_until(lambda server=server: server.children() == [], TIMEOUT,
                    "the end of the sessions")
 
 
 def test_haproxy_finds_the_sessions_again_after_a_reload(
-        pair: tuple[FrontEnd, list[HttpServer]]) -> None:
+        pair: tuple[FrontEnd, list[HttpListener]]) -> None:
     """As after a new certificate."""
     end, _ = pair
     caller = Caller(end)
     sessions = open_sessions(caller, 6)
     time.sleep(SECONDS_TO_HAND_OVER)
     end.reload()
-    # Every other one is at the same listener: taking turns does not find them.
+    # These are all at the same listener: a front end that takes turns does not find them.
     for session in sessions[::2]:
         assert answers(caller, session)
 
 
 def test_haproxy_does_without_a_listener_that_has_ended(
-        pair: tuple[FrontEnd, list[HttpServer]]) -> None:
+        pair: tuple[FrontEnd, list[HttpListener]]) -> None:
     end, servers = pair
     caller = Caller(end)
     sessions = open_sessions(caller, 4)
@@ -436,11 +439,11 @@ def test_haproxy_does_without_a_listener_that_has_ended(
 
 
 def test_haproxy_learns_where_a_session_is_from_answers_alone(
-        pair: tuple[FrontEnd, list[HttpServer]]) -> None:
-    """An id that it does not know goes to the listeners in turn, until one answers it."""
+        pair: tuple[FrontEnd, list[HttpListener]]) -> None:
+    """An unknown id goes to the listeners in turn, until one accepts it."""
     end, servers = pair
     caller = Caller(end)
-    sessions = [session_of(server.ask_directly(INITIALIZE)) for server in servers for _ in range(3)]
+    sessions = [opened_directly(server) for server in servers for _ in range(3)]
     missed = 0
     for session in sessions:
         while not answers(caller, session):

@@ -1,5 +1,6 @@
-// What becomes of the child processes of the code under test. The unit test binary is linked so
-// that ChildProcess::start and ChildProcess::collect pass through here.
+// What becomes of the child processes of the code under test. The unit tests' own
+// ChildProcess::start and ChildProcess::collect stand in for the product's and call them (see
+// renamed/renamed.h).
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Digests that fail on purpose. The unit test binary is linked so that its calls of sha256_digest
-// and hmac_sha256_digest pass through here.
+// Digests that fail on purpose. The unit tests' own sha256_digest and hmac_sha256_digest stand in
+// for the product's and call them (see renamed/renamed.h).
 #pragma once
 
 namespace kova::testing {

@@ -1,5 +1,5 @@
-// Random bytes that cannot be had. The unit test binary is linked so that its calls of random_bytes
-// pass through here.
+// Random bytes that cannot be had. The unit tests' own random_bytes stands in for the product's and
+// calls it (see renamed/renamed.h).
 #pragma once
 
 namespace kova::testing {

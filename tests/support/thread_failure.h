@@ -1,5 +1,5 @@
-// Threads that cannot be started. The unit test binary is linked so that Thread::start and
-// start_detached pass through here.
+// Threads that cannot be started. The unit tests' own Thread::start and start_detached stand in for
+// the product's and call them (see renamed/renamed.h).
 #pragma once
 
 namespace kova::testing {

@@ -104,18 +104,6 @@ bool Socket::send_all(const void* data, std::size_t size) {
   return true;
 }
 
-bool Socket::receive_all(void* data, std::size_t size) {
-  char* bytes = static_cast<char*>(data);
-  while (size > 0) {
-    const ssize_t got = ::recv(descriptor_of(handle_), bytes, size, 0);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    bytes += got;
-    size -= static_cast<std::size_t>(got);
-  }
-  return true;
-}
-
 std::size_t Socket::receive(void* data, std::size_t size) {
   for (;;) {
     const ssize_t got = ::recv(descriptor_of(handle_), data, size, 0);

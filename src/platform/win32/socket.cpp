@@ -115,17 +115,6 @@ bool Socket::send_all(const void* data, std::size_t size) {
   return true;
 }
 
-bool Socket::receive_all(void* data, std::size_t size) {
-  char* bytes = static_cast<char*>(data);
-  while (size > 0) {
-    const int got = ::recv(socket_of(handle_), bytes, transfer_size(size), 0);
-    if (got <= 0) return false;
-    bytes += got;
-    size -= static_cast<std::size_t>(got);
-  }
-  return true;
-}
-
 std::size_t Socket::receive(void* data, std::size_t size) {
   const int got = ::recv(socket_of(handle_), static_cast<char*>(data), transfer_size(size), 0);
   return got > 0 ? static_cast<std::size_t>(got) : 0;

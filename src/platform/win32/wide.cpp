@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include "base/text.h"
+
 namespace kova {
 
 bool to_wide(const char* text, wchar_t (&out)[kWideCapacity]) {

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <string>
 
+#include "base/exit_code.h"
+#include "base/heap_array.h"
 #include "base/text.h"
 #include "platform/console.h"
 #include "support/captured_output.h"
@@ -25,7 +27,12 @@ class CheckModes : public ::testing::Test {
               const std::string& err) {
     CapturedOutput output(Stream::kOutput);
     CapturedOutput error(Stream::kError);
-    EXPECT_EQ(mode({.line_buffer = nullptr, .protocol = protocol_, .tools = tools_}), code);
+    HeapArray<char> line_buffer(1);
+    EXPECT_EQ(mode({.line_buffer = line_buffer,
+                    .protocol = protocol_,
+                    .tools = tools_,
+                    .operand = nullptr}),
+              code);
     EXPECT_EQ(output.take(), out);
     std::string diagnosed = error.take();
     std::erase(diagnosed, '\r');

@@ -69,8 +69,11 @@ void drain() {
 }
 
 void await(const std::string& seen, const std::string& text) {
-  for (int i = 0; i < 3000 && seen.find(text) == std::string::npos; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  using std::chrono::steady_clock;
+  // Only a failure takes so long.
+  const auto until = steady_clock::now() + std::chrono::minutes(5);
+  while (seen.find(text) == std::string::npos && steady_clock::now() < until) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
     drain();
   }
   ASSERT_NE(seen.find(text), std::string::npos) << text << " is not in " << seen;

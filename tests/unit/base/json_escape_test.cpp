@@ -75,7 +75,7 @@ TEST(WriteEscape, EveryByteThatNeedsOne) {
       const char byte = static_cast<char>(value);
       const std::string wanted = escape_of(style, byte);
       if (wanted.size() == 1) continue;
-      const GuardedBuffer target(kLongestEscape);
+      const GuardedBuffer target(kEscapeLimit);
       const std::size_t length = write_escape(style, byte, target.data());
       EXPECT_EQ(std::string(target.data(), length), wanted) << value;
     }

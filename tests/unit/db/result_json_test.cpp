@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "db/statement.h"
 #include "support/allocation_failure.h"
 #include "support/fake_library.h"
 
@@ -24,26 +25,26 @@ class ResultJson : public ::testing::Test {
   /// Composes the JSON of this result and checks that nothing failed.
   std::string compose(const FakeResult& result, std::uint32_t max_rows = 256) {
     OutBuf out;
-    EXPECT_STREQ(compose_into(out, result, max_rows), nullptr);
+    EXPECT_TRUE(compose_into(out, result, max_rows)) << message;
     return out.text();
   }
-  /// The words of the failure.
+  /// The message of the failure.
   std::string failure(const FakeResult& result, std::uint32_t max_rows = 256) {
     OutBuf out;
-    const char* words = compose_into(out, result, max_rows);
-    return words != nullptr ? words : "";
+    return compose_into(out, result, max_rows) ? "" : message;
   }
-  const char* compose_into(OutBuf& out, const FakeResult& result, std::uint32_t max_rows) {
+  bool compose_into(OutBuf& out, const FakeResult& result, std::uint32_t max_rows) {
     library.answer("s", result);
     const ClientLibrary& operations = FakeLibrary::operations();
     void* object = operations.new_object(operations.start(operations.create_instance(), 0, "", ""));
     operations.exec(object, "s");
     library.forget_calls();
-    return compose_result_json(operations, object, max_rows, out, rows);
+    return compose_result_json(operations, object, max_rows, out, rows, message);
   }
 
   FakeLibrary library;
   std::uint32_t rows = 77;
+  char message[kStatementErrorCapacity] = {};
 };
 
 // A result whose JSON has exactly this size: 65 rows of one cell, of which the last one makes up
@@ -209,16 +210,18 @@ TEST_F(ResultJson, FailsWithoutMemory) {
   for (int nth = 1; nth <= 3; ++nth) {
     operations.exec(object, "s");
     OutBuf out;
-    const char* words = nullptr;
+    bool composed = false;
     bool happened = false;
+    message[0] = '\0';
     {
       const AllocationFailure refused(nth);
-      words = compose_result_json(operations, object, 256, out, rows);
+      composed = compose_result_json(operations, object, 256, out, rows, message);
       happened = AllocationFailure::happened();
     }
     // Two allocations: 4,096 bytes, then 16,384.
     EXPECT_EQ(happened, nth <= 2) << nth;
-    EXPECT_STREQ(words, happened ? kByteMessage : nullptr) << nth;
+    EXPECT_EQ(composed, !happened) << nth;
+    EXPECT_STREQ(message, happened ? kByteMessage : "") << nth;
   }
 }
 

@@ -1,4 +1,4 @@
-// Running statements: bounds, failures, and a statement between two others.
+// Running statements: bounds and failures.
 #include "db/statement.h"
 
 #include <gtest/gtest.h>
@@ -26,9 +26,6 @@ class StatementTest : public EngineSession {
   }
   bool run(const std::string& sql, std::uint32_t max_rows = 100) {
     return run(sql.c_str(), max_rows);
-  }
-  bool run_between(std::uint32_t max_rows = 100) {
-    return execute_between(session, "set up", "main", "clean up", max_rows, result);
   }
   void expect_failure(std::string_view words) const {
     EXPECT_EQ(result.error, words);
@@ -149,6 +146,24 @@ TEST_F(StatementTest, FailsInTheLibrarysWords) {
   expect_failure(std::string(255, 'w'));
 }
 
+// A reply line stays UTF-8 where the engine's text is.
+TEST_F(StatementTest, AnErrorTextIsCutBetweenTwoCharacters) {
+  const std::string euro = "\xE2\x82\xAC";
+  for (const std::size_t before : {253U, 254U}) {
+    const std::string text(before, 'w');
+    library.answer("s", {.code = 0, .status = text + euro + "x"});
+    EXPECT_FALSE(run("s"));
+    expect_failure(text);
+  }
+  library.answer("s", {.code = 0, .status = std::string(252, 'w') + euro + "x"});
+  EXPECT_FALSE(run("s"));
+  expect_failure(std::string(252, 'w') + euro);
+  // No character there: the bytes are cut where the room ends.
+  library.answer("s", {.code = 0, .status = std::string(254, 'w') + "\xE2\x82xx"});
+  EXPECT_FALSE(run("s"));
+  expect_failure(std::string(254, 'w') + "\xE2");
+}
+
 TEST_F(StatementTest, FailsInItsOwnWordsWithoutTheLibrarys) {
   library.answer("s", {.code = 0, .status = ""});
   EXPECT_FALSE(run("s"));
@@ -225,64 +240,6 @@ TEST_F(StatementTest, FailsAboveTheCeiling) {
   library.answer("s", large);
   EXPECT_FALSE(run("s"));
   expect_failure(kByteLimit);
-}
-
-TEST_F(StatementTest, BetweenTwoOthers) {
-  library.answer("set up", rows_of("s", 2));
-  library.answer("main", rows_of("m", 2));
-  library.answer("clean up", rows_of("c", 2));
-  EXPECT_TRUE(run_between());
-  expect_result(
-      R"({"status":"m","columns":["C"],"rows":[["0"],["1"]],"rowCount":2,"truncated":false})", 2,
-      false);
-  EXPECT_EQ(library.statements(), (Calls{"set up", "main", "clean up"}));
-}
-
-TEST_F(StatementTest, BetweenTwoOthersTheSetUpMayFail) {
-  library.answer("set up", {.code = 0, .status = "no room"});
-  EXPECT_FALSE(run_between());
-  expect_failure("no room");
-  EXPECT_EQ(library.statements(), (Calls{"set up"}));
-}
-
-TEST_F(StatementTest, BetweenTwoOthersTheCleanUpFollowsAFailure) {
-  library.answer("set up", rows_of("s", 1));
-  library.answer("main", {.code = 0, .status = "main failed"});
-  EXPECT_FALSE(run_between());
-  expect_failure("main failed");
-  EXPECT_EQ(library.statements(), (Calls{"set up", "main", "clean up"}));
-}
-
-TEST_F(StatementTest, BetweenTwoOthersTheCleanUpMayFail) {
-  library.answer("main", rows_of("m", 1));
-  library.answer("clean up", {.code = 0, .status = "clean up failed"});
-  EXPECT_TRUE(run_between());
-  expect_result(R"({"status":"m","columns":["C"],"rows":[["0"]],"rowCount":1,"truncated":false})",
-                1, false);
-  library.answer("main", {.code = 0, .status = "main failed"});
-  EXPECT_FALSE(run_between());
-  expect_failure("main failed");
-}
-
-// The set-up and the main statement have the caller's bound, the clean-up one row.
-TEST_F(StatementTest, BetweenTwoOthersEachHasItsBound) {
-  for (const char* statement : {"set up", "main", "clean up"})
-    library.answer(statement, rows_of(statement, 9));
-  EXPECT_TRUE(run_between(3));
-  EXPECT_EQ(result.rowCount, 3U);
-  EXPECT_EQ(library.count("next"), 3 + 3 + 1);
-}
-
-TEST_F(StatementTest, BetweenTwoOthersTheBoundsAreChecked) {
-  EXPECT_FALSE(run_between(0));
-  expect_failure(kBounds);
-  EXPECT_FALSE(run_between(257));
-  expect_failure(kBounds);
-  EXPECT_EQ(library.statements(), Calls{});
-  const std::string long_statement(32769, 's');
-  EXPECT_FALSE(execute_between(session, "set up", long_statement.c_str(), "clean up", 1, result));
-  expect_failure(kBounds);
-  EXPECT_EQ(library.statements(), (Calls{"set up", "clean up"}));
 }
 
 }  // namespace

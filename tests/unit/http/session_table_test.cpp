@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <set>
@@ -116,7 +115,8 @@ class SessionTableTest::Asker {
   Asker(const Asker&) = delete;
   Asker& operator=(const Asker&) = delete;
 
-  /// Whoever asks reads the clock, and does so again when its exchange starts.
+  /// Whoever asks takes its turn and reads the clock under one lock, and reads the clock again when
+  /// its exchange starts.
   void wait_until_waiting() const { wait_for_readings(1); }
   void wait_until_begun() const { wait_for_readings(2); }
   [[nodiscard]] bool is_done() const { return done_; }
@@ -322,27 +322,20 @@ TEST_F(SessionTableTest, AMessageWithoutAnswerPassesARunningExchange) {
   EXPECT_EQ(asker.outcome(), "held");
 }
 
-// Six threads are started one after the other while an exchange runs. A thread may be overtaken
-// before it calls; in five rounds that does not happen every time.
+// Six threads call one after the other while an exchange runs.
 TEST_F(SessionTableTest, ExchangesFollowEachOtherInTheOrderOfTheCalls) {
-  bool in_order = false;
-  for (int round = 0; round < 5 && !in_order; ++round) {
-    const std::string id = create();
-    Asker running(*this, id, "hold");
-    running.wait_until_begun();
-    std::vector<std::unique_ptr<Asker>> waiting;
-    for (int i = 0; i < 6; ++i) {
-      waiting.push_back(std::make_unique<Asker>(*this, id, "count"));
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    while (!running.is_done()) EXPECT_EQ(tell(id, "go"), Exchange::kDone);
-    in_order = true;
-    for (std::size_t i = 0; i < waiting.size(); ++i) {
-      in_order = waiting[i]->outcome() == std::to_string(i + 1) && in_order;
-    }
-    close(id);
+  const std::string id = create();
+  Asker running(*this, id, "hold");
+  running.wait_until_begun();
+  std::vector<std::unique_ptr<Asker>> waiting;
+  for (int i = 0; i < 6; ++i) {
+    waiting.push_back(std::make_unique<Asker>(*this, id, "count"));
+    waiting.back()->wait_until_waiting();
   }
-  EXPECT_TRUE(in_order);
+  while (!running.is_done()) EXPECT_EQ(tell(id, "go"), Exchange::kDone);
+  for (std::size_t i = 0; i < waiting.size(); ++i) {
+    EXPECT_EQ(waiting[i]->outcome(), std::to_string(i + 1));
+  }
 }
 
 TEST_F(SessionTableTest, ClosingFailsTheRunningExchangeAndTurnsTheWaitingOnesAway) {
@@ -369,11 +362,14 @@ TEST_F(SessionTableTest, ASlotIsNotReusedWhileItIsHeld) {
   while (is_there(ids[5])) std::this_thread::yield();
   std::atomic<bool> created{false};
   std::string fresh;
+  const int readings = clock_readings;
   std::thread creator([&] {
     fresh = create();
     created = true;
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  // The first thing that it does is to read the clock.
+  while (clock_readings == readings) std::this_thread::yield();
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
   EXPECT_FALSE(closed);
   EXPECT_FALSE(created);
   EXPECT_EQ(hold->id(), ids[5]);

@@ -2,6 +2,7 @@
 // after the tokens it was given room for.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "json/json.h"

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <string>
@@ -64,11 +65,22 @@ std::string literal(std::string_view text) {
   return out + "\"";
 }
 
+/// What every line begins with.
+const std::string kOpener = R"({"jsonrpc":"2.0","id":)";
+/// The same with the id of no request.
+const std::string kNoId = kOpener + "null";
+
+/// A line without its opener, of which nothing may be missing.
+std::string without(const std::string& opener, std::string line) {
+  EXPECT_TRUE(line.starts_with(opener)) << line.substr(0, 100);
+  return line.substr(std::min(opener.size(), line.size()));
+}
+
 std::string string_line(std::string_view text, GuardSide side = GuardSide::kAfter) {
   const GuardedText guarded(text, side);
   CapturedOutput output;
-  ReplyLine().string(guarded.view());
-  return output.take();
+  ReplyLine({}).string(guarded.view());
+  return without(kNoId, output.take());
 }
 
 TEST(ReplyLine, EveryByteInAString) {
@@ -134,22 +146,22 @@ TEST(ReplyLine, TextsLongerThanAnyBuffer) {
 TEST(ReplyLine, LengthsAroundTheBuffer) {
   for (std::size_t length = 65536 - 24; length <= 65536 + 24; ++length) {
     SCOPED_TRACE(length);
-    const std::string raw(length, 'r');
+    const std::string raw(length - kNoId.size(), 'r');
     CapturedOutput output;
-    ReplyLine().raw(raw);
-    EXPECT_EQ(output.take(), raw + "\n");
-    ReplyLine().raw(raw).string("\x01\"\n");
-    EXPECT_EQ(output.take(), raw + "\"\\u0001\\\"\\n\"\n");
-    ReplyLine().raw(raw).number(-9223372036854775807LL - 1).raw("end");
-    EXPECT_EQ(output.take(), raw + "-9223372036854775808end\n");
-    ReplyLine().string(raw).string("");
-    EXPECT_EQ(output.take(), "\"" + raw + "\"\"\"\n");
+    ReplyLine({}).raw(raw);
+    EXPECT_EQ(without(kNoId, output.take()), raw + "\n");
+    ReplyLine({}).raw(raw).string("\x01\"\n");
+    EXPECT_EQ(without(kNoId, output.take()), raw + "\"\\u0001\\\"\\n\"\n");
+    ReplyLine({}).raw(raw).number(-9223372036854775807LL - 1).raw("end");
+    EXPECT_EQ(without(kNoId, output.take()), raw + "-9223372036854775808end\n");
+    ReplyLine({}).string(raw).string("");
+    EXPECT_EQ(without(kNoId, output.take()), "\"" + raw + "\"\"\"\n");
   }
 }
 
 TEST(ReplyLine, RawAndNumbers) {
   CapturedOutput output;
-  ReplyLine()
+  ReplyLine({})
       .raw("{\"a\":")
       .number(0)
       .raw(",")
@@ -157,19 +169,19 @@ TEST(ReplyLine, RawAndNumbers) {
       .raw(",")
       .number(4294967295LL)
       .raw("}");
-  EXPECT_EQ(output.take(), "{\"a\":0,-32700,4294967295}\n");
-  ReplyLine().raw("");
-  EXPECT_EQ(output.take(), "\n");
+  EXPECT_EQ(output.take(), kNoId + "{\"a\":0,-32700,4294967295}\n");
+  ReplyLine({}).raw("");
+  EXPECT_EQ(output.take(), kNoId + "\n");
 }
 
 TEST(ReplyLine, NothingIsWrittenBeforeTheLineEnds) {
   CapturedOutput output;
   {
-    ReplyLine line;
+    ReplyLine line({});
     line.raw("short");
     EXPECT_EQ(output.take(), "");
   }
-  EXPECT_EQ(output.take(), "short\n");
+  EXPECT_EQ(output.take(), kNoId + "short\n");
 }
 
 // --- ids --------------------------------------------------------------------------------------
@@ -178,8 +190,8 @@ std::string id_line(std::string_view source) {
   const ParsedText parsed(source);
   EXPECT_TRUE(parsed.ok()) << source;
   CapturedOutput output;
-  ReplyLine().id({&parsed.doc(), 0});
-  return output.take();
+  ReplyLine({.doc = &parsed.doc(), .token = 0}).raw("");
+  return without(kOpener, output.take());
 }
 
 TEST(ReplyLine, Ids) {
@@ -224,19 +236,25 @@ TEST(ReplyLine, AnIdOfNinetyFiveEscapedBytes) {
 
 TEST(ReplyLine, NoIdIsNull) {
   CapturedOutput output;
-  ReplyLine().id({});
-  EXPECT_EQ(output.take(), "null\n");
+  ReplyLine({}).raw("");
+  EXPECT_EQ(output.take(), kNoId + "\n");
   const ParsedText parsed("{}");
-  ReplyLine().id({&parsed.doc(), -1});
-  EXPECT_EQ(output.take(), "null\n");
+  ReplyLine({.doc = &parsed.doc(), .token = -1}).raw("");
+  EXPECT_EQ(output.take(), kNoId + "\n");
+}
+
+TEST(ReplyLine, AnIdWhoseDocumentIsGoneStandsAsItIs) {
+  CapturedOutput output;
+  ReplyLine({.raw = R"("a\u0041")"}).raw("");
+  EXPECT_EQ(output.take(), kOpener + R"("a\u0041")" + "\n");
 }
 
 TEST(ReplyLine, AnIdWithinItsMessage) {
   const ParsedText parsed(R"({"method":"x","id":"a\u0041b","params":{}})");
   ASSERT_TRUE(parsed.ok());
   CapturedOutput output;
-  ReplyLine().id({&parsed.doc(), json_find(parsed.doc(), 0, "id")});
-  EXPECT_EQ(output.take(), "\"aAb\"\n");
+  ReplyLine({.doc = &parsed.doc(), .token = json_find(parsed.doc(), 0, "id")}).raw("");
+  EXPECT_EQ(output.take(), kOpener + "\"aAb\"\n");
 }
 
 // --- envelopes --------------------------------------------------------------------------------
@@ -271,6 +289,41 @@ TEST(ErrorReply, ServerMemoryLimitText) {
   EXPECT_STREQ(kServerMemoryLimit, "server memory limit");
 }
 
+// --- tool results -----------------------------------------------------------------------------
+
+TEST(ToolFailure, CarriesItsMessage) {
+  const ParsedText parsed(R"("a\nb")");
+  const RequestId id{.doc = &parsed.doc(), .token = 0};
+  CapturedOutput output;
+  write_tool_failure(id, "not \"this\"\n");
+  EXPECT_EQ(output.take(),
+            "{\"jsonrpc\":\"2.0\",\"id\":\"a\\nb\",\"result\":{\"content\":[{\"type\":\"text\","
+            "\"text\":\"not \\\"this\\\"\\n\"}],\"isError\":true}}\n");
+  write_tool_failure(id, "");
+  EXPECT_EQ(output.take(),
+            "{\"jsonrpc\":\"2.0\",\"id\":\"a\\nb\",\"result\":{\"content\":[{\"type\":\"text\","
+            "\"text\":\"\"}],\"isError\":true}}\n");
+}
+
+TEST(ToolFailure, MayCarryStructuredContent) {
+  CapturedOutput output;
+  write_tool_failure({.raw = "7"}, "no", R"({"why":"\u0041"})");
+  EXPECT_EQ(
+      output.take(),
+      "{\"jsonrpc\":\"2.0\",\"id\":7,\"result\":{\"content\":[{\"type\":\"text\",\"text\":\"no\"}],"
+      "\"structuredContent\":{\"why\":\"\\u0041\"},\"isError\":true}}\n");
+}
+
+TEST(ToolSuccess, CarriesItsJsonTwice) {
+  const ParsedText parsed(R"("a\nb")");
+  CapturedOutput output;
+  write_tool_success({.doc = &parsed.doc(), .token = 0}, R"({"a":"\\\b\u0001é"})");
+  EXPECT_EQ(output.take(),
+            "{\"jsonrpc\":\"2.0\",\"id\":\"a\\nb\",\"result\":{\"content\":[{\"type\":\"text\","
+            "\"text\":\"{\\\"a\\\":\\\"\\\\\\\\\\\\b\\\\u0001\xC3\xA9\\\"}\"}],"
+            "\"structuredContent\":{\"a\":\"\\\\\\b\\u0001\xC3\xA9\"},\"isError\":false}}\n");
+}
+
 // --- two writers ------------------------------------------------------------------------------
 
 TEST(ReplyLine, ConcurrentLinesNeverInterleave) {
@@ -281,7 +334,7 @@ TEST(ReplyLine, ConcurrentLinesNeverInterleave) {
   const auto write_lines = [&lengths](char mark) {
     for (int i = 0; i < kLines; ++i) {
       const std::string text(lengths[static_cast<std::size_t>(i) % lengths.size()], mark);
-      ReplyLine().raw("<").string(text).number(i).raw(">");
+      ReplyLine({}).raw("<").string(text).number(i).raw(">");
     }
   };
   std::thread other(write_lines, 'b');
@@ -291,6 +344,8 @@ TEST(ReplyLine, ConcurrentLinesNeverInterleave) {
   const std::string written = output.take();
   std::string_view rest = written;
   while (!rest.empty()) {
+    ASSERT_TRUE(rest.starts_with(kNoId));
+    rest.remove_prefix(kNoId.size());
     const std::size_t end = rest.find('\n');
     ASSERT_NE(end, std::string_view::npos);
     ASSERT_GE(end, 3U);
@@ -312,24 +367,24 @@ TEST(OutputLock, IsHeldForTheLifeOfALine) {
   CapturedOutput output;
   std::thread other;
   {
-    ReplyLine line;
+    ReplyLine line({});
     line.raw("first");
-    other = std::thread([] { ReplyLine().raw("second"); });
+    other = std::thread([] { ReplyLine({}).raw("second"); });
     // The other line cannot come between these two, however long this one takes.
     for (int i = 0; i < 100; ++i) yield_thread();
     EXPECT_EQ(output.take(), "");
     line.raw(" line");
   }
   other.join();
-  EXPECT_EQ(output.take(), "first line\nsecond\n");
+  EXPECT_EQ(output.take(), kNoId + "first line\n" + kNoId + "second\n");
 }
 
 TEST(OutputLock, IsFreeAfterALine) {
   CapturedOutput output;
-  ReplyLine().raw("x");
+  ReplyLine({}).raw("x");
   { const SpinGuard guard(OutputLock); }
-  ReplyLine().raw("y");
-  EXPECT_EQ(output.take(), "x\ny\n");
+  ReplyLine({}).raw("y");
+  EXPECT_EQ(output.take(), kNoId + "x\n" + kNoId + "y\n");
 }
 
 }  // namespace

@@ -128,7 +128,7 @@ TEST(DuplicateKeys, MalformedPairsFailTheCheck) {
 }
 
 // The largest object that a message can hold: 2,047 members.
-constexpr int kMostMembers = (kMessageTokenCapacity - 1) / 2;
+constexpr int kMemberLimit = (kMessageTokenCapacity - 1) / 2;
 
 std::string object_of(const std::vector<std::string>& keys) {
   std::string text = "{";
@@ -146,7 +146,7 @@ TEST(DuplicateKeys, TheLargestObject) {
   for (const std::string& prefix :
        {std::string("k"), std::string(240, 'p'), std::string("\\u0041\\u00e9")}) {
     SCOPED_TRACE(prefix);
-    std::vector<std::string> keys = distinct_keys(kMostMembers, prefix);
+    std::vector<std::string> keys = distinct_keys(kMemberLimit, prefix);
     EXPECT_FALSE(duplicates(object_of(keys)));
     const std::string last = keys.back();
     keys.back() = keys.front();

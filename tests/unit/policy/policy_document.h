@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "base/text.h"
-#include "policy/policy.h"
+#include "policy/policy_file.h"
 #include "support/environment.h"
 #include "support/temporary_directory.h"
 

@@ -5,7 +5,8 @@
 #include <string>
 
 #include "platform/process.h"
-#include "tools/ai_search_tools.h"
+#include "tools/ai_collection.h"
+#include "tools/hybrid_search_tool.h"
 #include "unit/json/parsed_text.h"
 #include "unit/tools/tool_fixture.h"
 
@@ -274,9 +275,10 @@ std::string composed(std::string_view columns, const HybridJoin& join = {"h", "T
   const ParsedText parsed(columns, 2048);
   EXPECT_TRUE(parsed.ok());
   const GuardedBuffer area(kAiStatementCapacity);
-  const char* const failure =
-      compose_hybrid_select(parsed.doc(), 0, join, {area.data(), area.size()});
-  return failure != nullptr ? failure : area.data();
+  char message[256] = {};
+  return compose_hybrid_select(parsed.doc(), 0, join, {area.data(), area.size()}, message)
+             ? area.data()
+             : message;
 }
 
 TEST(ComposeHybridSelect, JoinsTheHitsToTheirRows) {

@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "support/guard_page.h"
+#include "tools/ai_collection.h"
 #include "tools/ai_search_tools.h"
 #include "unit/tools/tool_fixture.h"
 

@@ -42,7 +42,9 @@ class VectorSearch : public ToolCalls {
     EXPECT_TRUE(json_parse(request, tokens.data(), static_cast<int>(tokens.size()), doc));
     ToolContext context{*policy, audit, session};
     CapturedOutput output;
-    handle_tools_call(doc, json_find(doc, 0, "id"), json_find(doc, 0, "params"), context);
+    RpcError error;
+    EXPECT_TRUE(handle_tools_call(doc, json_find(doc, 0, "id"), json_find(doc, 0, "params"),
+                                  context, error));
     return output.take();
   }
   /// What one number becomes in the statement, or "refused".
@@ -199,9 +201,11 @@ std::string composed(std::string_view vector, const std::string& collection, std
   const ParsedText parsed(vector);
   EXPECT_TRUE(parsed.ok());
   const GuardedBuffer area(kVectorStatementCapacity);
-  const char* const failure =
-      compose_vector_search(parsed.doc(), 0, collection.c_str(), top, {area.data(), area.size()});
-  return failure != nullptr ? failure : area.data();
+  char message[256] = {};
+  return compose_vector_search(parsed.doc(), 0, collection.c_str(), top, {area.data(), area.size()},
+                               message)
+             ? area.data()
+             : message;
 }
 
 TEST(ComposeVectorSearch, WritesTheStatement) {

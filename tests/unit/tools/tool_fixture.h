@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "json/json.h"
+#include "json/reply.h"
 #include "policy/predicates.h"
 #include "support/allocation_failure.h"
 #include "support/captured_output.h"
@@ -49,7 +50,7 @@ inline const std::string kUnknownTool = params_error("unknown Vantreo tool");
 
 class ToolCalls : public EngineSession {
  protected:
-  /// Handles a whole request and answers its reply line. With a number, that allocation of the
+  /// Handles a whole request and returns its reply line. With a number, that allocation of the
   /// call fails.
   std::string handle(std::string_view request, int failing_allocation = 0) {
     static std::array<JsonToken, kMessageTokenCapacity> tokens;
@@ -62,7 +63,10 @@ class ToolCalls : public EngineSession {
     {
       std::optional<AllocationFailure> failure;
       if (failing_allocation > 0) failure.emplace(failing_allocation);
-      handle_tools_call(doc, id, params, context);
+      RpcError error;
+      if (!handle_tools_call(doc, id, params, context, error)) {
+        write_error_reply({.doc = &doc, .token = id}, error.code, error.message);
+      }
     }
     return output.take();
   }

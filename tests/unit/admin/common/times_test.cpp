@@ -2,6 +2,7 @@
 #include "admin/common/times.h"
 
 #include <gtest/gtest.h>
+#include <optional>
 
 namespace kova::admin {
 namespace {

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <string>
+
 #include "unit/policy/policy_document.h"
 
 namespace kova::testing {

@@ -1,0 +1,197 @@
+"""What the scenes of a session have in common: a server, its client, and checked, shown calls."""
+
+from __future__ import annotations
+
+import json
+import subprocess
+from dataclasses import dataclass
+from typing import Any, Callable
+
+from client import Client, Exchange
+from engine import Engine
+from formats import Note, count
+from outcome import SessionFailure
+from processes import Processes
+from target import Target
+from view import View
+
+COMMAND_TIMEOUT = 60.0
+
+AUDIT_COLUMNS = {"ID": "correlation_id", "TOOL": "tool", "DECISION": "policy_decision",
+                 "OBJECTS": "objects", "MS": "duration_ms", "ROWS": "rows", "BYTES": "bytes",
+                 "STATUS": "status"}
+
+
+@dataclass
+class Tally:
+    """The counts of the session's last line."""
+
+    answered: int = 0
+    refused: int = 0
+    cancelled: int = 0
+    written: int = 0
+
+
+@dataclass
+class Stage:
+    """One server with a client, on the sample engine."""
+
+    view: View
+    target: Target
+    engine: Engine
+    processes: Processes
+    client: Client
+    environment: dict[str, str]
+    audit_start: int  # the audit file's size when the server started
+    tally: Tally
+    audited: int = 0  # calls that the audit file must hold
+
+    @classmethod
+    def open(cls, view: View, target: Target, engine: Engine, processes: Processes,
+             environment: dict[str, str], tally: Tally) -> "Stage":
+        """Starts a server with the environment."""
+        start = engine.audit_file.stat().st_size if engine.audit_file.exists() else 0
+        server = processes.start(target.command(), environment, stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        return cls(view, target, engine, processes, Client(server), environment, start, tally)
+
+    def close(self) -> None:
+        code = self.client.close()
+        expect(code == 0, f"the server ends with exit code {code}")
+
+    def ask(self, method: str, params: "dict[str, Any] | None" = None) -> Any:
+        """Shows a request and its reply; returns the reply's result."""
+        message = self.client.request(method, params)
+        self.view.request(message)
+        exchange = self.client.receive(self.client.send(message))
+        result = exchange.reply.get("result")
+        expect(exchange.reply.get("id") == message["id"] and result is not None,
+               f"{method} is not answered with a result")
+        self.tally.answered += 1
+        self._show(exchange)
+        return result
+
+    def error_of(self, method: str, params: "dict[str, Any] | None" = None) -> Any:
+        """Shows a request that must get a JSON-RPC error; returns the error."""
+        message = self.client.request(method, params)
+        self.view.request(message)
+        exchange = self.client.receive(self.client.send(message))
+        self._show(exchange)
+        expect("error" in exchange.reply, f"{method} is not answered with an error")
+        return exchange.reply["error"]
+
+    def notify(self, method: str, params: "dict[str, Any] | None" = None) -> float:
+        """Shows and sends a notification; returns the time at which sending began."""
+        message = self.client.notification(method, params)
+        self.view.request(message)
+        return self.client.send(message)
+
+    def call(self, tool: str, arguments: "dict[str, Any] | None" = None) -> Any:
+        """Shows a tool call and its reply; returns the result."""
+        self.audited += 1
+        params: dict[str, Any] = {"name": tool}
+        if arguments is not None:
+            params["arguments"] = arguments
+        return self.ask("tools/call", params)
+
+    def rows_of(self, tool: str, arguments: "dict[str, Any] | None" = None) -> Any:
+        """Calls a tool that must return rows; returns its structured content."""
+        result = self.call(tool, arguments)
+        content = result["structuredContent"]
+        expect(result["isError"] is False and content["rowCount"] == len(content["rows"]) > 0,
+               f"{tool} does not answer with rows")
+        return content
+
+    def refused(self, tool: str, arguments: dict[str, Any], message: str) -> Any:
+        """Makes a call that must be refused with the message; returns the result."""
+        result = self.call(tool, arguments)
+        expect(result["isError"] is True and result["content"][0]["text"] == message,
+               f"{tool} is not refused with \"{message}\"")
+        self.tally.refused += 1
+        return result
+
+    def run_mode(self, mode: str, environment: dict[str, str], shown_before: str,
+                 text: str = "") -> tuple[str, int]:
+        """Shows one run of the executable in another mode; returns its output and exit code."""
+        self.view.line(f"$ {shown_before}{self.target.executable_name} {mode}", "cyan")
+        process = self.processes.start(self.target.command(mode), environment,
+                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                       stderr=subprocess.STDOUT)
+        data, _ = process.communicate(text.encode(), COMMAND_TIMEOUT)
+        output = data.decode(errors="replace").strip()
+        for line in output.splitlines():
+            self.view.line("  " + line, "green" if process.returncode == 0 else "red")
+        self.view.line(f"  exit code {process.returncode}", "dim")
+        return output, process.returncode
+
+    def _show(self, exchange: Exchange) -> None:
+        self.view.reply(_readable(exchange.reply), exchange.seconds)
+        content = exchange.reply.get("result", {}).get("structuredContent", {})
+        if content.get("columns"):
+            self.view.table(content["columns"], content["rows"])
+
+
+@dataclass(frozen=True)
+class Scene:
+    """A numbered piece of an act, under a heading of its own."""
+
+    title: str
+    play: Callable[[Stage], None]
+
+
+def expect(condition: bool, otherwise: str) -> None:
+    if not condition:
+        raise SessionFailure(otherwise)
+
+
+def _readable(reply: dict[str, Any]) -> dict[str, Any]:
+    """The reply with notes in the place of rows, which follow as a table, and of repeated text."""
+    result = reply.get("result", {})
+    content = result.get("structuredContent", {})
+    parts = {key: _without_rows(part) for key, part in content.items() if isinstance(part, dict)}
+    if "rows" in content or parts:
+        length = len(result["content"][0]["text"])
+        text = Note(f"the same as a text of {count(length, 'character')}")
+        result = {**result, "content": [{**result["content"][0], "text": text}],
+                  "structuredContent": {**_without_rows(content), **parts}}
+    if len(result.get("tools", [])) > 1:
+        more = Note(f"{len(result['tools']) - 1} more, below")
+        result = {**result, "tools": [result["tools"][0], more]}
+    return {**reply, "result": result} if "result" in reply else reply
+
+
+def _without_rows(content: dict[str, Any]) -> dict[str, Any]:
+    if not content.get("columns"):
+        return content
+    return {**content, "rows": Note(count(len(content["rows"]), "row") + ", below")}
+
+
+# scenes and parts of scenes that several acts have
+
+
+def handshake(stage: Stage) -> None:
+    result = stage.ask("initialize", {
+        "protocolVersion": "2025-11-25", "capabilities": {},
+        "clientInfo": {"name": "run-session", "version": "1"}})
+    expect(result["protocolVersion"] == "2025-11-25", "the server speaks another protocol version")
+    stage.notify("notifications/initialized")
+
+
+def listed_tools(stage: Stage) -> list[str]:
+    """Shows the tools' names in one line; the first act shows the descriptions."""
+    names = [tool["name"] for tool in stage.ask("tools/list")["tools"]]
+    stage.view.line(f"  {count(len(names), 'tool')}: {', '.join(names)}")
+    return names
+
+
+def audit(stage: Stage) -> None:
+    """Shows what the server has appended to the audit file since its start."""
+    with open(stage.engine.audit_file, "rb") as file:
+        file.seek(stage.audit_start)
+        records = [json.loads(line) for line in file.read().split(b"\r\n")[:-1]]
+    expect(len(records) >= stage.audited, "the audit file does not hold every finished call")
+    stage.view.note(f"{stage.engine.audit_file}")
+    stage.view.note("One line for every finished call; a cancelled one leaves none. The first:")
+    stage.view.json(records[0])
+    stage.view.table(list(AUDIT_COLUMNS), [[str(record[key]) for key in AUDIT_COLUMNS.values()]
+                                           for record in records])

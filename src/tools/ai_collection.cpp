@@ -1,0 +1,56 @@
+#include "tools/ai_collection.h"
+
+#include <cstring>
+
+#include "json/json.h"
+#include "policy/predicates.h"
+#include "tools/tool_args.h"
+
+namespace kova {
+
+namespace {
+
+constexpr std::size_t kTextLimit = 8192;
+
+}  // namespace
+
+bool check_collection(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
+  char collection[kSafeNameCapacity];
+  if (get_string_member(call.doc, call.arguments, "collection", collection) &&
+      policy_collection_allowed(context.policy, collection)) {
+    return true;
+  }
+  return refuse_by_policy(context, answer, kDeny,
+                          "collection is invalid or not allowed by MCP policy");
+}
+
+bool read_collection(const ToolCall& call, AiSearch& search) {
+  return get_identifier_member(call.doc, call.arguments, "collection", search.collection);
+}
+
+bool read_top(const ToolCall& call, AiSearch& search) {
+  return get_bounded_member(call.doc, call.arguments, "top", 1, kMaxRowsLimit, search.top);
+}
+
+bool read_search_text(const ToolCall& call, char (&text)[kSearchTextCapacity]) {
+  if (!get_string_member(call.doc, call.arguments, "text", text)) return false;
+  const std::size_t length = std::strlen(text);
+  return length > 0 && length <= kTextLimit;
+}
+
+bool has_elements(const JsonDoc& doc, int array, std::int32_t limit) {
+  return doc.is(array, JsonType::kArray) && doc[array].size >= 1 && doc[array].size <= limit;
+}
+
+bool quote_sql_text(std::string_view text, TextOut literal) {
+  if (!literal.copy("'")) return false;
+  for (const char byte : text) {
+    const bool refused =
+        static_cast<unsigned char>(byte) < 0x20 && byte != '\t' && byte != '\n' && byte != '\r';
+    if (refused || !literal.append(byte)) return false;
+    if (byte == '\'' && !literal.append(byte)) return false;
+  }
+  return literal.append('\'');
+}
+
+}  // namespace kova

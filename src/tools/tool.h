@@ -1,0 +1,77 @@
+// What a tool is: a row of the table, the call that it serves, the records that it works on and the
+// answer that it leaves. The frame (tool_call.h) writes the reply.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "audit/audit.h"
+#include "base/text.h"
+#include "db/session.h"
+#include "db/statement.h"
+#include "json/json.h"
+#include "policy/policy.h"
+
+namespace kova {
+
+/// The process-wide records that tools work on.
+struct ToolContext {
+  const McpPolicy& policy;
+  AuditContext& audit;
+  DbSession& session;
+};
+
+/// One tools/call that has passed the protocol's checks. `arguments` is an index into `doc`, -1
+/// when the member is absent.
+struct ToolCall {
+  const JsonDoc& doc;
+  int arguments;
+};
+
+/// What a tool's check and handler leave: a result after a success, a message after a failure.
+struct ToolAnswer {
+  static constexpr std::size_t kStructuredCapacity = 512;
+
+  StatementResult result;
+  char message[kStatementErrorCapacity] = {};
+  /// JSON that a failure carries beside its message, or empty.
+  char structured[kStructuredCapacity] = {};
+};
+
+/// Part of a tool's work. False leaves the message.
+using ToolStep = bool (*)(const ToolCall& call, ToolContext& context, ToolAnswer& answer);
+
+/// What the policy must allow before a tool is listed and served.
+enum class ToolAccess { kRead, kProviderRead, kWrite };
+
+struct Tool {
+  std::string_view name;
+  std::string_view description;
+  std::string_view input_schema;
+  ToolAccess access;
+  ToolStep check;  ///< the tool's own question to the policy, asked before its handler; may be null
+  ToolStep handler;
+};
+
+// Values of AuditContext::policy_decision.
+inline constexpr std::string_view kAllow = "allow";
+inline constexpr std::string_view kDeny = "deny";
+inline constexpr std::string_view kKillSwitch = "kill_switch";
+inline constexpr std::string_view kApprovalRequired = "approval_required";
+inline constexpr std::string_view kApprovalAccepted = "approval_accepted";
+
+/// Sets what the audit record says of the policy's part in the call.
+void set_decision(ToolContext& context, std::string_view decision);
+/// Sets what the audit record says the call touches; cut to 128 characters.
+void set_objects(ToolContext& context, std::string_view objects);
+
+/// Refuses with this decision of the policy: sets it, leaves the message and returns false.
+bool refuse_by_policy(ToolContext& context, ToolAnswer& answer, std::string_view decision,
+                      std::string_view message);
+
+/// Runs one statement, which is the whole answer. `sql` is NUL-terminated, `max_rows` 1 to 256.
+[[nodiscard]] bool respond_with_statement(ToolContext& context, const char* sql,
+                                          std::uint32_t max_rows, ToolAnswer& answer);
+
+}  // namespace kova

@@ -1,0 +1,67 @@
+"""The executable as a file: what it needs of the system and how it is hardened."""
+
+from __future__ import annotations
+
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from harness.targets import Target
+
+pytestmark = pytest.mark.shipped_build
+
+SYSTEM_LIBRARIES = {
+    "windows": {"KERNEL32.dll", "msvcrt.dll", "WS2_32.dll", "ADVAPI32.dll", "bcrypt.dll"},
+    "linux": {"libc.so.6", "ld-linux-x86-64.so.2"},
+}
+NEEDED = {"windows": r"DLL Name: (\S+)", "linux": r"\(NEEDED\).*\[(\S+)\]"}
+HARDENING = {
+    "windows": {
+        "a console program": r"\(Windows CUI\)",
+        "loaded at any address": r"DYNAMIC_BASE",
+        "of the whole address space": r"HIGH_ENTROPY_VA",
+        "with the relocations that this takes": r"\.reloc",
+        "no execution of data": r"NX_COMPAT",
+    },
+    "linux": {
+        "loaded at any address": r"Type:\s+DYN \(Position-Independent Executable file\)",
+        "no execution of the stack": r"GNU_STACK\s.*\sRW\s",
+        "tables that become read-only": r"GNU_RELRO",
+        "because they are bound at the start": r"BIND_NOW",
+        "guarded stack frames": r"__stack_chk_fail",
+        "checked library calls": r"__vsnprintf_chk",
+    },
+}
+
+
+def output_of(*command: "str | Path") -> str:
+    return subprocess.run([str(part) for part in command], check=True, text=True,
+                          stdout=subprocess.PIPE).stdout
+
+
+@pytest.fixture(scope="module")
+def headers(target: Target) -> str:
+    if target.windows:
+        return output_of("x86_64-w64-mingw32-objdump", "-p", "-h", target.executable)
+    return output_of("readelf", "-hldsW", target.executable)
+
+
+def test_it_needs_nothing_but_the_system_s_libraries(target, headers):
+    needed = set(re.findall(NEEDED[target.name], headers))
+    assert needed and needed <= SYSTEM_LIBRARIES[target.name]
+
+
+def test_it_is_hardened(target, headers):
+    missing = [what for what, sign in HARDENING[target.name].items()
+               if not re.search(sign, headers)]
+    assert missing == []
+
+
+def test_its_resources(target):
+    """The Windows executable has a version and a manifest with UTF-8 as active code page."""
+    data = target.executable.read_bytes()
+    version = "VS_VERSION_INFO".encode("utf-16-le") in data
+    manifest = re.search(rb"<activeCodePage[^>]*>UTF-8</activeCodePage>", data) is not None
+    assert (version, manifest) == (target.windows, target.windows)
