@@ -1,7 +1,9 @@
 // kova-admin: the table of commands, and the one place where errors end.
-#include <array>
 #include <exception>
 
+#include "admin/approvals/clean.h"
+#include "admin/approvals/list.h"
+#include "admin/approve/approve.h"
 #include "admin/common/command_line.h"
 #include "admin/common/output.h"
 #include "admin/doctor/doctor.h"
@@ -12,16 +14,23 @@
 namespace {
 
 /// A command of two words stands below a parent of its first word.
-constexpr std::array kCommands = {
-    kova::admin::Command{.name = "init",
-                         .summary = "Write a new deployment into a folder",
-                         .add = kova::admin::add_init},
-    kova::admin::Command{.name = "doctor",
-                         .summary = "Find what is wrong with a deployment",
-                         .add = kova::admin::add_doctor},
-    kova::admin::Command{.name = "serve",
-                         .summary = "Start the server with the environment of a file",
-                         .add = kova::admin::add_serve},
+constexpr kova::admin::Command kCommands[] = {
+    {.name = "approve", .summary = "Read a write and sign it", .add = kova::admin::add_approve},
+    {.name = "approvals list",
+     .summary = "Show what has become of each approval",
+     .add = kova::admin::add_approvals_list},
+    {.name = "approvals clean",
+     .summary = "Remove the markers of tokens that expired long ago",
+     .add = kova::admin::add_approvals_clean},
+    {.name = "doctor",
+     .summary = "Find what is wrong with a deployment",
+     .add = kova::admin::add_doctor},
+    {.name = "init",
+     .summary = "Write a new deployment into a folder",
+     .add = kova::admin::add_init},
+    {.name = "serve",
+     .summary = "Start the server with the environment of a file",
+     .add = kova::admin::add_serve},
 };
 
 }  // namespace

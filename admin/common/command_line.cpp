@@ -37,7 +37,7 @@ CLI::App* parser_of(CLI::App& root, const Command& command) {
   const std::string name(command.name);
   const std::size_t blank = name.find(' ');
   if (blank == std::string::npos) return child_of(root, name, command.summary);
-  CLI::App* const parent = child_of(root, name.substr(0, blank), "");
+  CLI::App* const parent = child_of(root, name.substr(0, blank), "Several commands");
   parent->require_subcommand(1);
   return child_of(*parent, name.substr(blank + 1), command.summary);
 }
@@ -70,7 +70,7 @@ Runner add_help(CLI::App& root) {
 int run_command_line(std::span<const Command> commands, int count, char** arguments) {
   CLI::App root("Sets up, examines and approves for the MCP server.", kProgram);
   root.set_version_flag("--version", std::string("kova-admin ") + KOVA_VERSION);
-  root.require_subcommand(1);
+  root.require_subcommand(0, 1);
   std::vector<Runner> runners;
   for (const Command& command : commands) {
     CLI::App* const parser = parser_of(root, command);

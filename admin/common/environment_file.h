@@ -1,6 +1,7 @@
 // Environment files, read as the system's service manager reads them.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -1,5 +1,7 @@
 #include "admin/doctor/audit_check.h"
 
+#include <string>
+
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>

@@ -20,6 +20,7 @@
 #include "admin/doctor/policy_check.h"
 #include "admin/doctor/server_check.h"
 #include "admin/doctor/variables_check.h"
+#include "policy/policy.h"
 
 namespace kova::admin {
 

@@ -1,5 +1,7 @@
 #include "admin/doctor/machine_check.h"
 
+#include <string_view>
+
 #include <fmt/format.h>
 
 #include "http/session_table.h"

@@ -1,5 +1,8 @@
 #include "admin/doctor/policy_check.h"
 
+#include <string>
+#include <string_view>
+
 #include <fmt/format.h>
 
 #include "base/ascii.h"

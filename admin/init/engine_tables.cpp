@@ -1,5 +1,9 @@
 #include "admin/init/engine_tables.h"
 
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
@@ -8,6 +12,7 @@
 #include "admin/common/server_path.h"
 #include "admin/doctor/login_steps.h"
 #include "admin/doctor/server_check.h"
+#include "db/session.h"
 #include "db/statement.h"
 #include "platform/environment_change.h"
 #include "policy/names.h"

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "admin/common/json_output.h"
 #include "admin/common/output.h"

@@ -9,6 +9,7 @@
 #include "admin/common/printable.h"
 #include "admin/common/refusal.h"
 #include "base/secret.h"
+#include "base/text.h"
 #include "platform/terminal.h"
 #include "platform/terminal_echo.h"
 

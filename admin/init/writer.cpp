@@ -14,6 +14,7 @@
 #include "platform/environment_change.h"
 #include "platform/file.h"
 #include "platform/private_files.h"
+#include "policy/policy.h"
 #include "policy/policy_file.h"
 
 namespace kova::admin {

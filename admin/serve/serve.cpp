@@ -1,6 +1,7 @@
 #include "admin/serve/serve.h"
 
 #include <memory>
+#include <string>
 
 #include "admin/common/deployment.h"
 #include "admin/common/refusal.h"

@@ -24,6 +24,7 @@ class PrivateFile {
   /// Replaces the first bytes of the file and stores them. Bytes over others that were stored need
   /// no further space on the disk.
   [[nodiscard]] bool store(std::string_view bytes);
+  void close();
 
  private:
   std::intptr_t handle_ = -1;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 
 #include "base/text.h"
 
@@ -16,6 +17,11 @@ constexpr std::size_t kFolderCapacity = 1024;
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
+}
+
+// A write beyond the limit on the size of files is to fail, not to end the process.
+void fail_at_file_limits() {
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 bool lock(int descriptor) {
@@ -64,6 +70,7 @@ bool append_locked(int descriptor, const char* path, std::string_view record) {
 }  // namespace
 
 bool append_durably(const char* path, std::string_view record) {
+  fail_at_file_limits();
   // Not appending by the system: on a full disk the part that was written is taken back. Not
   // blocking: a named pipe is refused, not waited for.
   const int descriptor = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
@@ -74,10 +81,16 @@ bool append_durably(const char* path, std::string_view record) {
 }
 
 PrivateFile::~PrivateFile() {
+  close();
+}
+
+void PrivateFile::close() {
   if (handle_ >= 0) ::close(descriptor_of(handle_));
+  handle_ = -1;
 }
 
 bool PrivateFile::create(const char* path) {
+  fail_at_file_limits();
   handle_ = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   return handle_ >= 0;
 }

@@ -56,7 +56,12 @@ bool append_durably(const char* path, std::string_view record) {
 }
 
 PrivateFile::~PrivateFile() {
+  close();
+}
+
+void PrivateFile::close() {
   if (handle_ != -1) ::CloseHandle(handle_of(handle_));
+  handle_ = -1;
 }
 
 bool PrivateFile::create(const char* path) {

@@ -5,6 +5,7 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include "base/text.h"
 #include "platform/file.h"
 #include "platform/win32/wide.h"
 

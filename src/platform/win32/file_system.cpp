@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include "base/text.h"
 #include "platform/file.h"
 #include "platform/win32/wide.h"
 

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "admin/doctor/doctor.h"
 
 namespace kova::admin {
