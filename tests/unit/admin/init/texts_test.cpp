@@ -58,7 +58,7 @@ Setup setup() {
 }
 
 TEST(EnvironmentText, SecretsOnlyWhereTheyAreNeeded) {
-  Setup made = setup();
+  auto made = setup();
   const DrawnSecrets secrets = draw_secrets();
   const auto holds = [&](std::string_view name) {
     return environment_text(made, secrets).view().find("\n" + std::string(name) + "=") !=
@@ -73,7 +73,7 @@ TEST(EnvironmentText, SecretsOnlyWhereTheyAreNeeded) {
 }
 
 TEST(PolicyDocument, WritesOnlyWithApproval) {
-  Setup made = setup();
+  auto made = setup();
   Json policy = policy_document(made, "/srv/desk/approvals");
   EXPECT_EQ(policy.size(), 16U);
   EXPECT_FALSE(policy.at("writes_enabled").get<bool>());
