@@ -16,6 +16,7 @@ import struct
 import subprocess
 import termios
 import time
+import tty
 from typing import Any, Mapping, Sequence
 
 TIMEOUT = 60.0
@@ -25,12 +26,16 @@ CONTROL = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b\][^\x07]*\x07")
 
 
 class ScriptedTerminal:
-    """A program on a terminal. Its standard streams are `streams`, or else the terminal."""
+    """A program on a terminal. Its standard streams are `streams`, or else the terminal. `raw` leaves
+    keys and echo to the program from the start, as Wine's console wants it: it takes the terminal
+    over only when it first reads."""
 
     def __init__(self, command: Sequence[str], env: Mapping[str, str], *,
-                 columns: int = 80, rows: int = 24, **streams: Any) -> None:
+                 columns: int = 80, rows: int = 24, raw: bool = False, **streams: Any) -> None:
         self._master, self._slave = pty.openpty()
         fcntl.ioctl(self._slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        if raw:
+            tty.setraw(self._slave)
         self.transcript = b""
         slave = self._slave
         prepare = streams.pop("prepare", None)
