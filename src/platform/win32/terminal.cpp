@@ -93,7 +93,8 @@ void Terminal::drop_typed() {
 bool Terminal::read_line(TextOut line) {
   wchar_t wide[kWideCapacity];
   DWORD units = 0;
-  if (::ReadConsoleW(handle_of(input_), wide, kWideCapacity - 1, &units, nullptr) == 0) {
+  if (interrupted ||
+      ::ReadConsoleW(handle_of(input_), wide, kWideCapacity - 1, &units, nullptr) == 0) {
     return false;
   }
   if (interrupted) {
