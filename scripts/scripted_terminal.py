@@ -16,21 +16,30 @@ import struct
 import subprocess
 import termios
 import time
+import tty
 from typing import Any, Mapping, Sequence
 
 TIMEOUT = 60.0
 """Seconds to wait for a prompt or for the end before it is a failure."""
 
+AGAIN = 2.0
+"""Seconds after which the interrupt key is pressed once more."""
+
+MOVE = re.compile(rb"\x1b\[(\d*)C")
 CONTROL = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b\][^\x07]*\x07")
 
 
 class ScriptedTerminal:
-    """A program on a terminal. Its standard streams are `streams`, or else the terminal."""
+    """A program on a terminal. Its standard streams are `streams`, or else the terminal. `raw` leaves
+    keys and echo to the program from the start, as Wine's console wants it: it takes the terminal
+    over only when it first reads."""
 
     def __init__(self, command: Sequence[str], env: Mapping[str, str], *,
-                 columns: int = 80, rows: int = 24, **streams: Any) -> None:
+                 columns: int = 80, rows: int = 24, raw: bool = False, **streams: Any) -> None:
         self._master, self._slave = pty.openpty()
         fcntl.ioctl(self._slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        if raw:
+            tty.setraw(self._slave)
         self.transcript = b""
         slave = self._slave
         prepare = streams.pop("prepare", None)
@@ -48,7 +57,9 @@ class ScriptedTerminal:
     @property
     def text(self) -> str:
         """What is on the terminal, without the terminal's own control sequences."""
-        plain = CONTROL.sub(b"", self.transcript)
+        # A console moves the cursor over blanks instead of writing them.
+        spaced = MOVE.sub(lambda move: b" " * int(move[1] or 1), self.transcript)
+        plain = CONTROL.sub(b"", spaced)
         return plain.decode("utf-8", "replace").replace("\r", "")
 
     def wait_for(self, text: str) -> None:
@@ -63,6 +74,16 @@ class ScriptedTerminal:
 
     def press(self, key: bytes) -> None:
         os.write(self._master, key)
+
+    def interrupt(self) -> None:
+        """Presses the interrupt key, again while nothing happens: Wine's console drops the key at
+        the moment in which a program begins to read."""
+        end = time.monotonic() + TIMEOUT
+        while self.process.poll() is None and time.monotonic() < end:
+            self.press(b"\x03")
+            again = time.monotonic() + AGAIN
+            while self.process.poll() is None and time.monotonic() < again:
+                self._read(0.02)
 
     def go_away(self) -> None:
         """Closes the terminal as a window that is closed: its session is told."""

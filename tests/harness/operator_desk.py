@@ -77,7 +77,7 @@ class Desk:
                 **streams: Any) -> ScriptedTerminal:
         """Starts `approve` on a terminal."""
         terminal = ScriptedTerminal(self.command("approve", *arguments), self.environment(env),
-                                    **streams)
+                                    raw=self.target.windows, **streams)
         self._terminals.append(terminal)
         return terminal
 

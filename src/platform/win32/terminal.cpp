@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <atomic>
+
 #include "platform/win32/wide.h"
 
 namespace kova {
@@ -20,8 +22,22 @@ HANDLE open_console(const wchar_t* name) {
                        nullptr, OPEN_EXISTING, 0, nullptr);
 }
 
-// The interrupt key ends the wait for a line, not the process.
+/// Whether the interrupt key was pressed, and the console whose reader is to learn of it.
+std::atomic<bool> interrupted{false};
+std::atomic<HANDLE> read_console{INVALID_HANDLE_VALUE};
+
+// The interrupt key ends the wait for a line, not the process. Not every system lets a read return
+// at that; the return key makes it do so.
 BOOL WINAPI take_interrupt(DWORD) {
+  interrupted = true;
+  INPUT_RECORD key{};
+  key.EventType = KEY_EVENT;
+  key.Event.KeyEvent.bKeyDown = TRUE;
+  key.Event.KeyEvent.wRepeatCount = 1;
+  key.Event.KeyEvent.wVirtualKeyCode = VK_RETURN;
+  key.Event.KeyEvent.uChar.UnicodeChar = L'\r';
+  DWORD written = 0;
+  ::WriteConsoleInputW(read_console, &key, 1, &written);
   return TRUE;
 }
 
@@ -36,6 +52,7 @@ std::size_t whole_characters(std::string_view text, std::size_t limit) {
 }  // namespace
 
 Terminal::~Terminal() {
+  read_console = INVALID_HANDLE_VALUE;
   if (input_ != -1) ::CloseHandle(handle_of(input_));
   if (output_ != -1) ::CloseHandle(handle_of(output_));
 }
@@ -48,6 +65,7 @@ bool Terminal::open() {
                    ENABLE_LINE_INPUT | ENABLE_ECHO_INPUT | ENABLE_PROCESSED_INPUT);
   ::SetConsoleMode(handle_of(output_), ENABLE_PROCESSED_OUTPUT | ENABLE_WRAP_AT_EOL_OUTPUT |
                                            ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+  read_console = handle_of(input_);
   ::SetConsoleCtrlHandler(take_interrupt, TRUE);
   return true;
 }
@@ -75,7 +93,12 @@ void Terminal::drop_typed() {
 bool Terminal::read_line(TextOut line) {
   wchar_t wide[kWideCapacity];
   DWORD units = 0;
-  if (::ReadConsoleW(handle_of(input_), wide, kWideCapacity - 1, &units, nullptr) == 0) {
+  if (interrupted ||
+      ::ReadConsoleW(handle_of(input_), wide, kWideCapacity - 1, &units, nullptr) == 0) {
+    return false;
+  }
+  if (interrupted) {
+    drop_typed();
     return false;
   }
   // An interrupted read brings no line end, nor does a line that is too long.

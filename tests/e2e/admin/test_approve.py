@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import signal
 
 import pytest
 
@@ -86,7 +87,7 @@ def test_the_interrupt_key_decides_nothing(desk):
     terminal.wait_for(REASON)
     terminal.type("ticket 7")
     terminal.wait_for(CONFIRMATION)
-    terminal.press(b"\x03")
+    terminal.interrupt()
     assert terminal.finish() == 2
     assert CLOSED in terminal.text.replace("\n", "")
     assert desk.decisions() == []
@@ -100,7 +101,8 @@ def test_a_terminal_that_closes_half_way(desk, prompt):
         terminal.type("ticket 7")
         terminal.wait_for(CONFIRMATION)
     terminal.go_away()
-    assert terminal.finish() == 2
+    # Wine's own process takes the signal by which Linux says that a terminal has closed.
+    assert terminal.finish() == (-signal.SIGHUP if desk.target.windows else 2)
     assert desk.decisions() == []
 
 
@@ -225,12 +227,16 @@ def test_the_largest_statement_is_shown_whole(desk):
     head, tail = "UPDATE T SET A = '", "END' WHERE B = 1"
     statement = head + "".join(f"{i:07};" for i in range(4090))
     statement += "x" * (32767 - len(statement) - len(tail)) + tail
-    terminal = desk.decide("why", "no", desk.file("s.sql", statement))
+    # Wine's console draws what its window shows, not what has scrolled out of it meanwhile.
+    terminal = desk.decide("why", "no", desk.file("s.sql", statement), rows=1200)
     assert terminal.process.returncode == 1
     [line] = desk.decisions()
     assert line["statement"] == statement + ";"
     rows = [row.partition(" | ")[2] for row in terminal.text.split("\n") if " | " in row]
-    assert statement + ";" in "".join(rows)
+    shown, expected = "".join(rows), statement + ";"
+    if desk.target.windows:  # a console draws no blanks at the end of a row
+        shown, expected = shown.replace(" ", ""), expected.replace(" ", "")
+    assert expected in shown
     assert "warning long at " in terminal.text
 
 
