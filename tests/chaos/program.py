@@ -1,0 +1,140 @@
+"""The command: rounds of chaos on one target, and a report of what was done and what did not hold.
+
+    tests/chaos/run [--target linux|windows] [--seconds N | --rounds N] [--seed S] [--round N]
+                    [--fault NAME ...] [--build-dir DIR] [--engine FILE] [--verbose]
+
+Exit codes: 0 when everything held; 1 when something did not, with each violation and its round; 2 for bad
+arguments.
+"""
+
+from __future__ import annotations
+
+import argparse
+import random
+import shutil
+import sys
+import tempfile
+import time
+from contextlib import ExitStack
+from pathlib import Path
+
+import wine
+from chaos.checks import Checks
+from chaos.hand import Hand
+from chaos.http_client import HttpClient
+from chaos.ledger import Ledger
+from chaos.stage import Stage, own_mounts
+from chaos.stdio_client import StdioClient
+from harness.targets import ROOT, Target
+
+ROUND_SECONDS = 8.0
+CLIENTS_LIMIT = 180.0
+"""Seconds in which the clients end after a round; each has one request under way at most."""
+
+# How many clients of each kind, and their pauses in seconds; Wine takes ten times as long for a call.
+PACE = {"linux": {"stdio": 2, "http": 4, "pause": 0.04, "hand": 0.25},
+        "windows": {"stdio": 1, "http": 3, "pause": 0.15, "hand": 0.6}}
+
+
+class Run:
+    def __init__(self, options: argparse.Namespace, target: Target, folder: Path,
+                 mounts: bool) -> None:
+        self.options = options
+        self.ledger = Ledger()
+        self.pace = PACE[target.name]
+        self.stage = Stage(target, options.engine, folder, mounts=mounts,
+                           clock=not target.windows)
+        self.checks = Checks(self.stage, self.ledger)
+        self.caller = HttpClient("check", "check", self.stage, self.ledger, 0)
+        self.checks.measure_rest(self.caller)
+
+    def play(self) -> None:
+        end = time.monotonic() + self.options.seconds
+        number = self.options.round
+        while (number < self.options.round + self.options.rounds if self.options.rounds
+               else time.monotonic() < end):
+            self.round(number)
+            number += 1
+        self.ledger.count("rounds", number - self.options.round)
+
+    def round(self, number: int) -> None:
+        began, before = time.monotonic(), len(self.ledger.violations)
+        self.ledger.begin_round(number)
+        seed = f"{self.options.seed}:{number}"
+        stdio = [StdioClient(f"r{number}s{i}", seed, self.stage, self.ledger, self.pace["pause"])
+                 for i in range(int(self.pace["stdio"]))]
+        http = [HttpClient(f"r{number}h{i}", seed, self.stage, self.ledger, self.pace["pause"])
+                for i in range(int(self.pace["http"]))]
+        hand = Hand(seed, self.stage, self.ledger, stdio, self.pace["hand"], self.options.fault)
+        for thread in (*stdio, *http, hand):
+            thread.start()
+        time.sleep(ROUND_SECONDS)
+        self._stop(hand, [*stdio, *http])
+        worked = time.monotonic()
+        self.checks.after_round(self.caller)
+        found = self.ledger.violations[before:]
+        if self.options.verbose or found:
+            print(f"round {number}: {', '.join(hand.faults)}; {len(self.ledger.requests)} requests, "
+                  f"{worked - began:.1f} + {time.monotonic() - worked:.1f} s", flush=True)
+        for violation in found:
+            print(f"VIOLATION {violation} (--seed {self.options.seed} --round {number})", flush=True)
+
+    def _stop(self, hand: Hand, clients: "list[StdioClient | HttpClient]") -> None:
+        hand.stopping.set()
+        hand.join(CLIENTS_LIMIT)
+        hand.lift_all()
+        for client in clients:
+            client.stopping.set()
+        end = time.monotonic() + CLIENTS_LIMIT
+        for client in clients:
+            client.join(max(0, end - time.monotonic()))
+            if client.is_alive():
+                self.ledger.violation(f"{client.name} does not come to its end")
+
+    def report(self) -> None:
+        for what, number in self.ledger.table():
+            print(f"{number:9}  {what}")
+        absent = set(Hand.possible(self.stage)) - {
+            what.removeprefix("fault ") for what, _ in self.ledger.table()}
+        print(f"target {self.stage.target.name}, seed {self.options.seed}, "
+              f"{len(self.ledger.violations)} violations"
+              + (f"; never done: {', '.join(sorted(absent))}" if absent else ""))
+
+
+def parse(arguments: list[str]) -> argparse.Namespace:
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--target", choices=["linux", "windows"], default="linux")
+    parser.add_argument("--seconds", type=float, default=60.0)
+    parser.add_argument("--rounds", type=int, default=0)
+    parser.add_argument("--seed", default=None)
+    parser.add_argument("--round", type=int, default=0, help="the number of the first round")
+    parser.add_argument("--fault", action="append", help="do these faults alone")
+    parser.add_argument("--build-dir", type=Path)
+    parser.add_argument("--engine", type=Path,
+                        default=ROOT / "build" / "linux" / "sample" / "kova-sample-engine")
+    parser.add_argument("--verbose", action="store_true")
+    options = parser.parse_args(arguments)
+    options.seed = options.seed or str(random.randrange(10 ** 6))
+    return options
+
+
+def main(arguments: list[str]) -> int:
+    options = parse(arguments)
+    build = (options.build_dir or ROOT / "build" / options.target).resolve()
+    target = Target(options.target, build, wine.default_prefix())
+    folder = Path(tempfile.mkdtemp(prefix="chaos-"))
+    print(f"seed {options.seed}", flush=True)
+    mounts = own_mounts()
+    with ExitStack() as stack:
+        stack.enter_context(target.ready())
+        run = Run(options, target, folder, mounts)
+        stack.callback(run.stage.close)
+        run.play()
+        run.report()
+    shutil.rmtree(folder, ignore_errors=True)
+    return 1 if run.ledger.violations else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
