@@ -33,7 +33,6 @@ class Acts:
         self.rng = rng
         self.ledger = ledger
         self._number = 0
-        self._spent: list[tuple[str, str]] = []  # statements with their tokens, to send again
 
     def new_id(self) -> str:
         self._number += 1
@@ -92,8 +91,11 @@ class Acts:
     def write(self) -> tuple[Request, bytes]:
         """An approved write, one that was sent before, or one without a good token."""
         kind = self.rng.choices(["approved", "again", "unapproved"], [6, 2, 1])[0]
-        if kind == "again" and self._spent:
-            return self.write_again(*self.rng.choice(self._spent))
+        place = self.rng.random()
+        if kind == "again" and self.ledger.approved:
+            # Mostly one of the last, so that two sessions use a token at the same time.
+            return self.write_again(*self.ledger.approved[-1 - int(
+                place ** 4 * len(self.ledger.approved))])
         return self.new_write("unapproved write" if kind == "unapproved" else "write")
 
     def new_write(self, kind: str) -> tuple[Request, bytes]:
@@ -106,7 +108,7 @@ class Acts:
                           name="sales_chaos", database="SALES")
             noted.nonce = token.nonce
             arguments["approval_token"] = token.text
-            self._spent.append((sql, token.text))
+            self.ledger.approved.append((sql, token.text))
         return noted, call(noted.id, WRITE_TOOL, arguments)
 
     def write_again(self, sql: str, token: str) -> tuple[Request, bytes]:

@@ -1,5 +1,6 @@
-"""The hand that breaks things. Each fault ends by itself within two seconds, or lasts to the round's end and
-is lifted then."""
+"""The hands that break things: one kills and stops processes, the other one takes away files, resources
+and the time. Each fault ends by itself within two seconds, but for the clock's, which may last to the
+round's end."""
 
 from __future__ import annotations
 
@@ -18,14 +19,13 @@ from chaos.stdio_client import StdioClient
 from harness import processes
 from harness.servers import Server
 
-FAULTS_A_ROUND = 4
+FAULTS_A_ROUND = 3  # of each hand
 LOOK_LIMIT = 0.5
 """Seconds in which a worker is looked for; it lives for some milliseconds."""
 WALL_MOVES = [-10 * 365 * 86400, -3600, -301, -2, 2, 301, 3600, 10 * 365 * 86400]
 MONOTONIC_MOVES = [1, 61, 16 * 60]
 SPARE_DESCRIPTORS = [0, 1, 2, 4, 8]
 SPARE_MEMORY = [0, 1 << 16, 1 << 20, 5 << 20, 20 << 20]
-UNLIMITED = (resource.RLIM_INFINITY, resource.RLIM_INFINITY)
 
 
 def send_signal(pid: int, number: signal.Signals, text: bytes = b"kova-mcp") -> bool:
@@ -46,53 +46,48 @@ def send_signal(pid: int, number: signal.Signals, text: bytes = b"kova-mcp") -> 
         os.close(descriptor)
 
 
-class Hand(threading.Thread):
-    """Breaks things for a round."""
+def process_faults(_: Stage) -> list[str]:
+    return ["kill_worker", "kill_session", "kill_stdio_server", "kill_listener", "kill_engine",
+            "kill_proxy", "reload_proxy", "stop_worker", "stop_session", "stop_stdio_server",
+            "stop_listener", "stop_engine", "stop_proxy"]
 
-    def __init__(self, seed: str, stage: Stage, ledger: Ledger, clients: list[StdioClient],
-                 pause: float, only: "list[str] | None" = None) -> None:
-        super().__init__(daemon=True, name="hand")
-        self.rng = random.Random(f"{seed}:hand")
+
+def surrounding_faults(stage: Stage) -> list[str]:
+    """What can be done to this target on this machine."""
+    found = ["rename_audit_file", "hide_audit_file", "hide_state_folder"]
+    if stage.audit.can_be_filled:
+        found += ["fill_audit_folder"]
+    if stage.state.can_be_filled:
+        found += ["fill_state_folder"]
+    if not stage.target.windows:
+        found += ["take_descriptors", "take_memory", "limit_file_size"]
+    if stage.clock is not None:
+        found += ["move_wall_clock", "move_monotonic_clock"]
+    return found
+
+
+class Hand(threading.Thread):
+    """Does some of the given faults for a round, one after the other."""
+
+    def __init__(self, name: str, seed: str, faults: list[str], stage: Stage, ledger: Ledger,
+                 clients: list[StdioClient], pause: float) -> None:
+        super().__init__(daemon=True, name=name)
+        self.rng = random.Random(f"{seed}:{name}")
         self.stage = stage
         self.ledger = ledger
         self.clients = clients
         self.pause = pause
         self.stopping = threading.Event()
-        self.faults = [fault for fault in self.possible(stage) if not only or fault in only]
-        if not only:
-            self.faults = self.rng.sample(self.faults, FAULTS_A_ROUND)
-        self._limited: list[int] = []
-
-    @classmethod
-    def possible(cls, stage: Stage) -> list[str]:
-        """What can be done to this target on this machine."""
-        found = ["kill_worker", "kill_session", "kill_stdio_server", "kill_listener", "kill_engine",
-                 "kill_proxy", "reload_proxy", "stop_worker", "stop_session", "stop_stdio_server",
-                 "stop_listener", "stop_engine", "stop_proxy", "rename_audit_file",
-                 "hide_audit_folder", "hide_state_folder"]
-        if stage.audit.can_be_filled:
-            found += ["fill_audit_folder"]
-        if stage.state.can_be_filled:
-            found += ["fill_state_folder"]
-        if not stage.target.windows:
-            found += ["take_descriptors", "take_memory", "limit_file_size"]
-        if stage.clock is not None:
-            found += ["move_wall_clock", "move_monotonic_clock"]
-        return found
+        self.faults = self.rng.sample(faults, min(FAULTS_A_ROUND, len(faults)))
 
     def run(self) -> None:
         try:
-            while not self.stopping.wait(self.rng.expovariate(1 / self.pause)):
+            while self.faults and not self.stopping.wait(self.rng.expovariate(1 / self.pause)):
                 fault = self.rng.choice(self.faults)
                 if getattr(self, fault)() is not False:
                     self.ledger.count(f"fault {fault}")
         except Exception as failure:  # pylint: disable=broad-except
             self.ledger.violation(f"the hand at {self.faults}: {failure!r}")
-
-    def lift_all(self) -> None:
-        """Called when the thread has ended: what still holds is the clock and nothing else."""
-        if self.stage.clock is not None:
-            self.stage.clock.set_wall(0)
 
     # whom
 
@@ -216,7 +211,7 @@ class Hand(threading.Thread):
             return True
         return False
 
-    def hide_audit_folder(self) -> None:
+    def hide_audit_file(self) -> None:
         """A folder in the file's place."""
         with self._without_audit():
             self.rename_audit_file()
@@ -232,14 +227,13 @@ class Hand(threading.Thread):
         self.stage.state.empty()
 
     def hide_state_folder(self) -> bool:
-        """Where it is a mount of its own, it cannot be renamed: then its markers cannot be made."""
-        hidden = self.stage.state.path.with_name("hidden")
+        hidden = self.stage.markers.with_name("hidden")
         try:
-            self.stage.state.path.rename(hidden)
-        except OSError:
+            self.stage.markers.rename(hidden)
+        except PermissionError:  # Under Wine, while a marker is made in it.
             return False
         self._pause(1.0)
-        hidden.rename(self.stage.state.path)
+        hidden.rename(self.stage.markers)
         return True
 
     # resources and limits (Linux)
@@ -273,12 +267,8 @@ class Hand(threading.Thread):
             with open(f"/proc/{pid}/statm", encoding="ascii") as sizes:
                 return int(sizes.read().split()[0]) * resource.getpagesize()
 
-        self.ledger.begin_doubt()  # A record needs memory too.
-        try:
-            return self._limit(resource.RLIMIT_AS, lambda pid: present(pid) + spare,
-                               self._any_server())
-        finally:
-            self.ledger.end_doubt()
+        return self._limit(resource.RLIMIT_AS, lambda pid: present(pid) + spare,
+                           self._any_server())
 
     def limit_file_size(self) -> bool:
         """The file of the audit is at its limit, or just before it."""

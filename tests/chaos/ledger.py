@@ -44,6 +44,7 @@ class Ledger:
         self.round = number
         self.requests = {}
         self.doubts: list[list[float]] = []
+        self.approved: list[tuple[str, str]] = []  # statements with their tokens, to send again
 
     def count(self, what: str, number: int = 1) -> None:
         with self._lock:

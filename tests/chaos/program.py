@@ -10,8 +10,10 @@ arguments.
 from __future__ import annotations
 
 import argparse
+import os
 import random
 import shutil
+import subprocess
 import sys
 import tempfile
 import time
@@ -20,7 +22,8 @@ from pathlib import Path
 
 import wine
 from chaos.checks import Checks
-from chaos.hand import Hand
+from chaos.clock import Clock
+from chaos.hand import Hand, process_faults, surrounding_faults
 from chaos.http_client import HttpClient
 from chaos.ledger import Ledger
 from chaos.stage import Stage, own_mounts
@@ -28,6 +31,7 @@ from chaos.stdio_client import StdioClient
 from harness.targets import ROOT, Target
 
 ROUND_SECONDS = 8.0
+WINE_LIMIT = 60.0
 CLIENTS_LIMIT = 180.0
 """Seconds in which the clients end after a round; each has one request under way at most."""
 
@@ -38,12 +42,12 @@ PACE = {"linux": {"stdio": 2, "http": 4, "pause": 0.04, "hand": 0.25},
 
 class Run:
     def __init__(self, options: argparse.Namespace, target: Target, folder: Path,
-                 mounts: bool) -> None:
+                 mounts: bool, clock: "Clock | None") -> None:
         self.options = options
         self.ledger = Ledger()
         self.pace = PACE[target.name]
         self.stage = Stage(target, options.engine, folder, mounts=mounts,
-                           clock=not target.windows)
+                           clock=clock)
         self.checks = Checks(self.stage, self.ledger)
         self.caller = HttpClient("check", "check", self.stage, self.ledger, 0)
         self.checks.measure_rest(self.caller)
@@ -65,24 +69,34 @@ class Run:
                  for i in range(int(self.pace["stdio"]))]
         http = [HttpClient(f"r{number}h{i}", seed, self.stage, self.ledger, self.pace["pause"])
                 for i in range(int(self.pace["http"]))]
-        hand = Hand(seed, self.stage, self.ledger, stdio, self.pace["hand"], self.options.fault)
-        for thread in (*stdio, *http, hand):
+        hands = [Hand(name, seed, self._faults(possible(self.stage)), self.stage, self.ledger, stdio,
+                      self.pace["hand"])
+                 for name, possible in (("first hand", process_faults),
+                                        ("second hand", surrounding_faults))]
+        for thread in (*stdio, *http, *hands):
             thread.start()
         time.sleep(ROUND_SECONDS)
-        self._stop(hand, [*stdio, *http])
+        self._stop(hands, [*stdio, *http])
         worked = time.monotonic()
         self.checks.after_round(self.caller)
         found = self.ledger.violations[before:]
         if self.options.verbose or found:
-            print(f"round {number}: {', '.join(hand.faults)}; {len(self.ledger.requests)} requests, "
+            print(f"round {number}: {', '.join(hands[0].faults + hands[1].faults)}; {len(self.ledger.requests)} requests, "
                   f"{worked - began:.1f} + {time.monotonic() - worked:.1f} s", flush=True)
         for violation in found:
             print(f"VIOLATION {violation} (--seed {self.options.seed} --round {number})", flush=True)
 
-    def _stop(self, hand: Hand, clients: "list[StdioClient | HttpClient]") -> None:
-        hand.stopping.set()
-        hand.join(CLIENTS_LIMIT)
-        hand.lift_all()
+    def _faults(self, possible: list[str]) -> list[str]:
+        chosen = self.options.fault
+        return [fault for fault in possible if not chosen or fault in chosen]
+
+    def _stop(self, hands: list[Hand], clients: "list[StdioClient | HttpClient]") -> None:
+        for hand in hands:
+            hand.stopping.set()
+        for hand in hands:
+            hand.join(CLIENTS_LIMIT)
+        if self.stage.clock is not None:
+            self.stage.clock.set_wall(0)
         for client in clients:
             client.stopping.set()
         end = time.monotonic() + CLIENTS_LIMIT
@@ -94,7 +108,7 @@ class Run:
     def report(self) -> None:
         for what, number in self.ledger.table():
             print(f"{number:9}  {what}")
-        absent = set(Hand.possible(self.stage)) - {
+        absent = {*process_faults(self.stage), *surrounding_faults(self.stage)} - {
             what.removeprefix("fault ") for what, _ in self.ledger.table()}
         print(f"target {self.stage.target.name}, seed {self.options.seed}, "
               f"{len(self.ledger.violations)} violations"
@@ -119,6 +133,13 @@ def parse(arguments: list[str]) -> argparse.Namespace:
     return options
 
 
+def wait_for_wine(target: Target) -> None:
+    """Waits until no Wine is up in the prefix."""
+    if wine.is_prepared(target.prefix):
+        subprocess.run([wine.server(), "-w"], env={**os.environ, **wine.environment(target.prefix)},
+                       timeout=WINE_LIMIT, check=False)
+
+
 def main(arguments: list[str]) -> int:
     options = parse(arguments)
     build = (options.build_dir or ROOT / "build" / options.target).resolve()
@@ -127,8 +148,15 @@ def main(arguments: list[str]) -> int:
     print(f"seed {options.seed}", flush=True)
     mounts = own_mounts()
     with ExitStack() as stack:
+        clock = Clock(folder)
+        # Wine's server opens the files and keeps the time, so it has to be one of this run.
+        if target.windows:
+            wait_for_wine(target)
+            os.environ.update(clock.env)
         stack.enter_context(target.ready())
-        run = Run(options, target, folder, mounts)
+        for variable in clock.env:
+            os.environ.pop(variable, None)
+        run = Run(options, target, folder, mounts, clock)
         stack.callback(run.stage.close)
         run.play()
         run.report()

@@ -9,8 +9,10 @@ import os
 import signal
 import subprocess
 import time
+from contextlib import ExitStack
 from pathlib import Path
 
+import wine
 from chaos.clock import Clock
 from harness import processes
 from harness.approval_tokens import SECRET
@@ -32,7 +34,7 @@ DATABASE = SALES + "CREATE TABLE EVENTS (MARK TEXT);"
 AUDIT_FOLDER_SIZE = 1 << 20
 STATE_FOLDER_FILES = 2000
 
-CLONE_NEWNS, MS_REC, MS_PRIVATE = 0x20000, 0x4000, 0x40000
+CLONE_NEWNS, MS_REC, MS_PRIVATE, MNT_DETACH = 0x20000, 0x4000, 0x40000, 2
 
 
 def own_mounts() -> bool:
@@ -41,6 +43,10 @@ def own_mounts() -> bool:
     libc = ctypes.CDLL(None, use_errno=True)
     return (libc.unshare(CLONE_NEWNS) == 0
             and libc.mount(b"none", b"/", None, MS_REC | MS_PRIVATE, None) == 0)
+
+
+def unmount(folder: Path) -> None:
+    ctypes.CDLL(None).umount2(os.fsencode(folder), MNT_DETACH)
 
 
 def mount_small(folder: Path, options: str) -> bool:
@@ -77,6 +83,18 @@ class SmallFolder:
             for filler in (self.path / "fillers").iterdir():
                 filler.unlink()
             (self.path / "fillers").rmdir()
+
+    def close(self) -> None:
+        if self.can_be_filled:
+            unmount(self.path)
+
+
+class NamedInstallation(Installation):
+    """The executable under another name, by which Wine's table of handles is read."""
+
+    def executable(self, library: str | None = None, folder: Path | None = None) -> Path:
+        plain = super().executable(library, folder)
+        return plain.rename(plain.with_name(f"kova-mcp-{os.getpid()}.exe"))
 
 
 class Engine:
@@ -158,25 +176,35 @@ class Stage:
     """Everything that a run starts. It closes what it has started."""
 
     def __init__(self, target: Target, engine: Path, folder: Path, *, mounts: bool,
-                 clock: bool) -> None:
+                 clock: "Clock | None") -> None:
         self.target = target
         self.folder = folder
-        self.executable = Installation(target, folder / "installed").executable("sample")
-        self.audit = SmallFolder(folder / "audit", f"size={AUDIT_FOLDER_SIZE}", mounts)
-        self.state = SmallFolder(folder / "state", f"size=16m,nr_inodes={STATE_FOLDER_FILES}",
-                                 mounts)
-        self.audit_file = self.audit.path / "audit.jsonl"
-        self.clock = Clock(folder) if clock else None
-        self.engine = Engine(engine, folder / "engine")
-        self.env = self._environment()
-        self.listener_port = 0
-        self.start_listener()
-        self.proxy = Proxy(folder / "proxy", self.listener_port)
+        self.clock = clock
+        self.executable = NamedInstallation(target, folder / "installed").executable("sample")
+        with ExitStack() as opened:
+            self.audit = SmallFolder(folder / "audit", f"size={AUDIT_FOLDER_SIZE}", mounts)
+            opened.callback(self.audit.close)
+            self.state = SmallFolder(folder / "state", f"size=16m,nr_inodes={STATE_FOLDER_FILES}",
+                                     mounts)
+            opened.callback(self.state.close)
+            self.markers = self.state.path / "markers"
+            self.markers.mkdir()
+            self.audit_file = self.audit.path / "audit.jsonl"
+            self.engine = Engine(engine, folder / "engine")
+            opened.callback(lambda: self.engine.end(signal.SIGTERM))
+            self.env = self._environment()
+            self._expect_the_clock_to_move()
+            self.listener_port = 0
+            self.start_listener()
+            opened.callback(self._end_listener)
+            self.proxy = Proxy(folder / "proxy", self.listener_port)
+            opened.callback(lambda: self.proxy.end())
+            self._opened = opened.pop_all()
 
     def _environment(self) -> dict[str, str]:
         policy = self.folder / "policy.json"
         policy.write_text(json.dumps({
-            **POLICY, "approval_state_directory": self.target.path(self.state.path)}))
+            **POLICY, "approval_state_directory": self.target.path(self.markers)}))
         return {
             "KOVA_MCP_POLICY": self.target.path(policy), "KOVA_MCP_CLIENT_ID": POLICY["client_id"],
             "KOVA_MCP_SERVER": LOOPBACK, "KOVA_MCP_PORT": str(self.engine.port),
@@ -186,6 +214,18 @@ class Stage:
             "KOVA_MCP_HTTP_BEARER_TOKEN": TOKEN, "KOVA_MCP_HTTP_RATE_PER_MINUTE": "1000000",
             "KOVA_MCP_HTTP_ALLOWED_HOSTS": "localhost",
             **(self.clock.env if self.clock else {})}
+
+    def _expect_the_clock_to_move(self) -> None:
+        """An approval that is issued in a moved hour says so."""
+        if self.clock is None:
+            return
+        self.clock.set_wall(3600)
+        issuer = Server(self.target, self.executable, ["--issue-approval"], self.env, self.folder)
+        issuer.send(b"0" * 64 + b"\n")
+        token = issuer.finish().stdout
+        self.clock.set_wall(0)
+        moved = int(token.split(b".")[1]) - time.time()
+        assert abs(moved - 3600 - POLICY["approval_ttl_seconds"]) < 60, token
 
     def start_stdio(self, **options: object) -> Server:
         return Server(self.target, self.executable, [], self.env, self.folder,
@@ -214,8 +254,24 @@ class Stage:
         workers = processes.workers(found)
         return [pid for pid in found if pid != self.listener.process.pid and pid not in workers]
 
-    def close(self) -> None:
-        self.proxy.end()
+    def _end_listener(self) -> None:
         self.listener.kill()
         self.listener.expect_no_process(TIMEOUT)
-        self.engine.end(signal.SIGTERM)
+
+    def holdings(self) -> tuple[int, int, int]:
+        """The listener's threads, descriptors and, under Wine, handles. A descriptor of Wine's is a
+        socket or pipe; processes, jobs, events and threads are handles alone."""
+        task, fd = (len(os.listdir(f"/proc/{self.listener.process.pid}/{kind}"))
+                    for kind in ("task", "fd"))
+        return task, fd, self._handles()
+
+    def _handles(self) -> int:
+        if not self.target.windows:
+            return 0
+        helper = self.target.build / "tests" / "support" / "handle-count.exe"
+        told = subprocess.run(wine.command(helper, self.executable.name), stdout=subprocess.PIPE,
+                              env=self.target.environment({}), check=True, timeout=TIMEOUT)
+        return int(told.stdout)
+
+    def close(self) -> None:
+        self._opened.close()
