@@ -10,6 +10,7 @@
 #include "db/session.h"
 #include "mcp/dispatcher.h"
 #include "platform/console.h"
+#include "platform/process.h"
 #include "policy/policy.h"
 #include "policy/policy_file.h"
 #include "tools/tool.h"
@@ -46,6 +47,7 @@ auto mode_of(int count, char** arguments) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  kova::prepare_process();
   kova::HeapArray<char> line_buffer(kova::kLineBufferCapacity);
   if (!line_buffer) return kova::kExitFailure;
   kova::prepare_standard_streams();

@@ -4,6 +4,7 @@
 
 #include "app/stdio_server.h"
 #include "approval/token.h"
+#include "audit/audit.h"
 #include "base/exit_code.h"
 #include "base/secret.h"
 #include "base/text.h"
@@ -62,6 +63,7 @@ int config_ok(const McpPolicy& policy, const char* database_profile) {
 }  // namespace
 
 int stdio_mode(const Startup& startup) {
+  refuse_audit_into_output();
   LineReader lines(startup.line_buffer.data(), read_stdin);
   run_stdio_server(lines, startup.protocol, startup.tools);
   disconnect(startup.tools.session);

@@ -55,7 +55,12 @@ void read_reply(ChildProcess& child, Reply& reply) {
 /// Runs the call in a child process and returns its exit code.
 std::uint32_t run_child(const ToolJob& job, ToolState& state, Reply& reply) {
   ChildProcess child;
-  if (!child.start("--tool-worker")) return kNeverRan;
+  if (!child.start("--tool-worker")) {
+    if (child.job_refused()) {
+      trace("MCP_TRACE event=tool_worker_job_refused request_id=%s\n", state.ActiveRequestId);
+    }
+    return kNeverRan;
+  }
   publish(state, child);
   child.write_input({job.message, job.message_length + 1U});
   child.close_input();

@@ -1,7 +1,7 @@
 #include "audit/audit.h"
 
 #include "platform/environment.h"
-#include "platform/file.h"
+#include "platform/record_file.h"
 
 namespace kova {
 
@@ -12,6 +12,7 @@ constexpr std::size_t kNameTextCapacity = 96;
 constexpr std::size_t kLongTextCapacity = 160;
 constexpr std::size_t kDecisionTextCapacity = 48;
 
+constexpr const char* kPathVariable = "KOVA_MCP_AUDIT";
 constexpr std::string_view kPolicyOfNoFile = "m8-read-only";
 
 template <std::size_t kCapacity>
@@ -63,7 +64,7 @@ bool format_audit_record(const AuditContext& context, const AuditIdentity& ident
 
 void write_audit_record(const AuditContext& context, const McpPolicy& policy,
                         AuditOutcome outcome) {
-  const EnvironmentValue path("KOVA_MCP_AUDIT");
+  const EnvironmentValue path(kPathVariable);
   const EnvironmentValue client("KOVA_MCP_CLIENT_ID");
   const EnvironmentValue database("KOVA_MCP_DATABASE");
   if (path.view().empty() || path.view().size() >= kPathCapacity) return;
@@ -75,6 +76,11 @@ void write_audit_record(const AuditContext& context, const McpPolicy& policy,
   if (format_audit_record(context, identity, outcome, utc_now(), tick_ms(), record)) {
     append_record(path.c_str(), record);
   }
+}
+
+void refuse_audit_into_output() {
+  const EnvironmentValue path(kPathVariable);
+  if (is_standard_output(path.c_str())) unset_environment(kPathVariable);
 }
 
 }  // namespace kova

@@ -14,7 +14,7 @@ namespace kova {
 inline constexpr std::size_t kAuditTextCapacity = 129;
 inline constexpr std::size_t kAuditRecordCapacity = 1200;
 
-/// What the running tool call leaves for its record. One call per process at a time.
+/// What the running tool call gives to its record. One call per process at a time.
 struct AuditContext {
   char tool[kAuditTextCapacity];
   char correlation_id[96];
@@ -49,5 +49,10 @@ void clean_audit_text(std::string_view source, TextOut out);
 /// Appends the record of a finished call to the file that KOVA_MCP_AUDIT names; without one it
 /// does nothing. Every failure is silent: auditing never changes a reply.
 void write_audit_record(const AuditContext& context, const McpPolicy& policy, AuditOutcome outcome);
+
+/// Called by a server whose standard output carries the protocol, before it starts a thread or a
+/// child. When KOVA_MCP_AUDIT names that output, the variable is taken out of the environment, so
+/// that the children, whose output is another one, write no record into the protocol either.
+void refuse_audit_into_output();
 
 }  // namespace kova

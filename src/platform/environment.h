@@ -6,10 +6,10 @@
 
 namespace kova {
 
-/// The value of one environment variable, read at construction. A copy made for it is wiped at
-/// destruction, as it may hold a secret; a variable that is set and cannot be copied ends the
-/// process, since nothing may be decided as if it were not set. Not safe against a concurrent
-/// change of the environment.
+/// The value of one environment variable, read at construction. A copy of it is wiped at
+/// destruction, as it may hold a secret. A variable that is set and cannot be copied ends the
+/// process: nothing may be decided as if it were not set. Not safe against a concurrent change of
+/// the environment.
 class EnvironmentValue {
  public:
   explicit EnvironmentValue(const char* name);
@@ -30,5 +30,9 @@ class EnvironmentValue {
   char* owned_ = nullptr;
   char inline_[kInlineCapacity];
 };
+
+/// Takes a variable out of this process's environment, and so out of that of its later children.
+/// Not safe against a concurrent reader.
+void unset_environment(const char* name);
 
 }  // namespace kova

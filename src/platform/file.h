@@ -1,4 +1,4 @@
-// Files: bounded reading, appending of whole records, and the path tests of the policy.
+// Files: bounded reading, marker files, and the path tests of the policy.
 #pragma once
 
 #include <cstddef>
@@ -38,11 +38,5 @@ extern const char kPathSeparator;
 /// Creates an empty file that must not exist yet; of several callers at once exactly one succeeds.
 /// True only when the file will still be there after a loss of power, where the platform can tell.
 [[nodiscard]] bool create_marker_file(const char* path);
-
-/// Appends one record to the file with one write and sends it to the disk; creates the file when
-/// it is absent (readable by its owner alone where the platform has such modes). Records of
-/// several processes never interleave: while another writer holds the file, the record is dropped.
-/// Every failure is silent.
-void append_record(const char* path, std::string_view record);
 
 }  // namespace kova

@@ -1,4 +1,4 @@
-// Threads, the lock for moments, and the lock and condition for waits.
+// Threads, the spin lock, and the mutex and condition for longer waits.
 #pragma once
 
 #include <atomic>
@@ -36,11 +36,50 @@ class Thread {
 /// Gives the processor to another thread.
 void yield_thread();
 
-/// A lock for moments: who finds it held yields and tries again. Not re-entrant.
+/// Lets this thread sleep for at least so many milliseconds.
+void sleep_thread(std::uint32_t milliseconds);
+
+/// How a thread waits for something that nobody will wake it for: it yields at first, since most
+/// waits are short, then sleeps for 1, 2, 4, 8, 16, 20, 20, ... milliseconds.
+///
+///     for (Backoff backoff; !try_it(); backoff.pause()) {
+///     }
+class Backoff {
+ public:
+  static constexpr unsigned kYields = 64;
+  static constexpr std::uint32_t kPauseLimitMs = 20;
+
+  /// The milliseconds of the next pause; 0 stands for a yield.
+  [[nodiscard]] constexpr std::uint32_t next_ms() {
+    if (yields_ < kYields) {
+      ++yields_;
+      return 0;
+    }
+    const std::uint32_t pause = next_ms_;
+    next_ms_ = pause * 2 < kPauseLimitMs ? pause * 2 : kPauseLimitMs;
+    return pause;
+  }
+  /// Waits for the next pause, or for as long as is left when that is shorter.
+  void pause(std::uint32_t left_ms = kPauseLimitMs) {
+    const std::uint32_t pause_ms = next_ms();
+    if (pause_ms == 0) {
+      yield_thread();
+    } else {
+      sleep_thread(pause_ms < left_ms ? pause_ms : left_ms);
+    }
+  }
+
+ private:
+  unsigned yields_ = 0;
+  std::uint32_t next_ms_ = 1;
+};
+
+/// Spin lock: a waiter yields and retries, and sleeps between its attempts once the lock is held
+/// for longer than a moment. Not re-entrant.
 class SpinLock {
  public:
   void lock() {
-    while (held_.exchange(true, std::memory_order_acquire)) yield_thread();
+    for (Backoff backoff; held_.exchange(true, std::memory_order_acquire);) backoff.pause();
   }
   void unlock() { held_.store(false, std::memory_order_release); }
 
@@ -48,7 +87,7 @@ class SpinLock {
   std::atomic<bool> held_{false};
 };
 
-/// A lock that may be held for long: who finds it held sleeps. Not re-entrant.
+/// A lock that may be held for long: a waiter sleeps until it is free. Not re-entrant.
 class Mutex {
  public:
   constexpr Mutex() = default;
@@ -89,7 +128,8 @@ class Condition {
   Condition(const Condition&) = delete;
   Condition& operator=(const Condition&) = delete;
 
-  /// Gives the held mutex up until notified, and may return without: the caller looks again.
+  /// Releases the held mutex until notified. May return without a notification: the caller checks
+  /// its condition again.
   void wait(Mutex& mutex);
   void notify_all();
 

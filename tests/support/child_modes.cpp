@@ -54,6 +54,11 @@ int handles() {
   return 0;
 }
 
+int prepared() {
+  report_preparation();
+  return 0;
+}
+
 std::string unescaped(std::string_view text) {
   std::string out;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -142,6 +147,7 @@ constexpr Row kRows[] = {
     {kChildLong, write_long},
     {kChildCrash, crash},
     {kChildHandles, handles},
+    {kChildPrepared, prepared},
     {kChildLines, answer_lines},
     {kWorkerNoLineFeed, echo_without_line_feed},
     {kWorkerSilent, silent},

@@ -17,6 +17,8 @@ inline constexpr char kChildLong[] = "--child-long";
 inline constexpr char kChildCrash[] = "--child-crash";
 /// Writes a line for each handle that it has beside its standard streams, or "none".
 inline constexpr char kChildHandles[] = "--child-handles";
+/// Calls prepare_process and writes what that changed in this process, in the platform's terms.
+inline constexpr char kChildPrepared[] = "--child-prepared";
 /// Answers each line of standard input by the same line, until the input ends; but these:
 /// "silent" gets no answer, "exit" ends it, "hold" gets the answer "held" once a line "go" has
 /// come, which never gets one itself, "count" gets the number of such lines, "raw TEXT" gets TEXT
@@ -52,5 +54,8 @@ void end_quietly_after_a_crash();
 
 /// Writes what kChildHandles writes.
 void report_handles();
+
+/// Does what kChildPrepared does.
+void report_preparation();
 
 }  // namespace kova::testing

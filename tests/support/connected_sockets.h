@@ -19,7 +19,7 @@ class ConnectedSockets {
     kova::LoopbackListener listener;
     std::string port;
     do {
-      port = refused_port();
+      port = free_port();
     } while (!listener.listen(static_cast<std::uint16_t>(std::stoul(port))));
     AddressList addresses;
     if (!addresses.resolve("127.0.0.1", port.c_str()) ||

@@ -26,7 +26,22 @@ class LoopbackListener {
   unsigned port_;
 };
 
-/// A port of 127.0.0.1 on which nobody listens.
-[[nodiscard]] std::string refused_port();
+/// A port of 127.0.0.1 on which nobody listens while it lives: it is taken.
+class RefusedPort {
+ public:
+  RefusedPort();
+  ~RefusedPort();
+  RefusedPort(const RefusedPort&) = delete;
+  RefusedPort& operator=(const RefusedPort&) = delete;
+
+  [[nodiscard]] std::string port() const { return std::to_string(port_); }
+
+ private:
+  std::intptr_t socket_;
+  unsigned port_;
+};
+
+/// A port of 127.0.0.1 that was free a moment ago. Somebody else may take it first.
+[[nodiscard]] std::string free_port();
 
 }  // namespace kova::testing

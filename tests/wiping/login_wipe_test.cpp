@@ -1,6 +1,8 @@
 // Nothing of the password stays on the stack of the call that logs in.
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -10,6 +12,36 @@
 
 namespace kova::testing {
 namespace {
+
+// Reads memory that a finished function has left. The bytes are looked at where they lie: copying
+// them first would overwrite the very stack that is in question.
+__attribute__((noinline)) int count_of(char byte, std::uintptr_t address, std::size_t size) {
+  const volatile char* bytes = reinterpret_cast<const volatile char*>(address);
+  int count = 0;
+  for (std::size_t i = 0; i < size; ++i) count += bytes[i] == byte;
+  return count;
+}
+
+TEST_F(EngineSession, TheLoginStatementIsWiped) {
+  constexpr std::size_t kStatementRoom = 512;
+  for (const std::int64_t code : {1, 0}) {
+    const std::string password(255, '\x7E');
+    password_variable.set(password);
+    library.answer("login reader," + password + ";", {.code = code});
+    std::uintptr_t login = 0;
+    int seen = 0;
+    library.on_exec = [&](const char* statement) {
+      login = reinterpret_cast<std::uintptr_t>(statement);
+      seen = count_of('\x7E', login, kStatementRoom);
+    };
+    EXPECT_EQ(ensure_session(session), code == 1);
+    const int left = count_of('\x7E', login, kStatementRoom);
+    EXPECT_GE(seen, 255);
+    // A few bytes may be anything by now.
+    EXPECT_LT(left, 16);
+    disconnect(session);
+  }
+}
 
 TEST_F(EngineSession, LeavesNoLoginStatementOnTheStack) {
   const std::string password = "correct-horse-battery-staple-" + std::string(60, '~');

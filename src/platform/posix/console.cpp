@@ -11,8 +11,8 @@ namespace kova {
 
 namespace {
 
-/// Whether the transfer that failed is to be tried again. Whoever shares a stream with this process
-/// may have made it non-blocking; it is waited for then.
+/// Whether the transfer that failed is to be retried. Another process that shares the stream may
+/// have made it non-blocking; this waits for it then.
 bool can_retry(int descriptor, short event) {
   if (errno == EINTR) return true;
   if (errno != EAGAIN) return false;
@@ -32,13 +32,17 @@ void write_all(int descriptor, std::string_view bytes) {
 }  // namespace
 
 void prepare_standard_streams() {
-  // A missing standard stream would be filled by the next pipe, and diagnostics sent into it. Every
-  // one before it is there by then, so opening fills its place.
+  // The next pipe would take the number of a missing standard stream, and diagnostics would go into
+  // it. open() takes the lowest free number: that of the missing stream, as those before it are
+  // open.
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
     if (::fcntl(stream, F_GETFD) < 0) static_cast<void>(::open("/dev/null", O_RDWR | O_CLOEXEC));
   }
+  // A write that cannot be done fails and does not end the process: the reader has gone, or the
+  // file has reached its largest size.
   std::signal(SIGPIPE, SIG_IGN);
-  // Whoever starts this process may ignore it; the system would then take our ended children away.
+  std::signal(SIGXFSZ, SIG_IGN);
+  // When this process was started to ignore it, the kernel would collect our ended children.
   std::signal(SIGCHLD, SIG_DFL);
 }
 

@@ -8,4 +8,8 @@ EnvironmentValue::EnvironmentValue(const char* name) : text_(std::getenv(name)) 
 
 EnvironmentValue::~EnvironmentValue() = default;
 
+void unset_environment(const char* name) {
+  ::unsetenv(name);
+}
+
 }  // namespace kova

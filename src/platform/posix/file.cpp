@@ -1,7 +1,6 @@
 #include "platform/file.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,21 +24,21 @@ int open_file(const char* path, int flags, mode_t mode) {
   return ::open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode);
 }
 
-// False also for a descriptor that could not be had.
-bool store_and_close(int descriptor) {
+// Returns false also for a descriptor that could not be had.
+bool store_and_close(int descriptor, bool (*is_stored)(int descriptor)) {
   if (descriptor < 0) return false;
-  const bool stored = ::fsync(descriptor) == 0;
+  const bool stored = is_stored(descriptor);
   ::close(descriptor);
   return stored;
 }
 
-// A full disk may take a part of the record; that part is taken back. The file is locked and only
-// ever appended to, so the part is its end.
-void write_whole_or_nothing(int descriptor, std::string_view record) {
-  const ssize_t written = ::write(descriptor, record.data(), record.size());
-  if (written <= 0 || static_cast<std::size_t>(written) == record.size()) return;
-  const off_t end = ::lseek(descriptor, 0, SEEK_END);
-  static_cast<void>(::ftruncate(descriptor, end - written) == 0);
+bool is_file_stored(int descriptor) {
+  return ::fsync(descriptor) == 0;
+}
+
+// A file system that cannot sync folders has no more to offer: its names are stored in its own way.
+bool is_folder_stored(int descriptor) {
+  return ::fsync(descriptor) == 0 || errno == EINVAL || errno == ENOTSUP;
 }
 
 }  // namespace
@@ -100,17 +99,8 @@ bool create_marker_file(const char* path) {
   if (!TextOut(folder).copy(slice(text, 0, text.rfind('/') + 1))) return false;
   const int file = open_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
   // The file's name is stored with its folder, not with the file.
-  return store_and_close(file) && store_and_close(open_file(folder, O_RDONLY | O_DIRECTORY, 0));
-}
-
-void append_record(const char* path, std::string_view record) {
-  const int descriptor = open_file(path, O_WRONLY | O_APPEND | O_CREAT, 0600);
-  if (descriptor < 0) return;
-  if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
-    write_whole_or_nothing(descriptor, record);
-    ::fdatasync(descriptor);
-  }
-  ::close(descriptor);
+  return store_and_close(file, is_file_stored) &&
+         store_and_close(open_file(folder, O_RDONLY | O_DIRECTORY, 0), is_folder_stored);
 }
 
 }  // namespace kova

@@ -1,7 +1,9 @@
 #include "platform/process.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/auxv.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -9,6 +11,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -19,7 +22,11 @@ namespace kova {
 
 namespace {
 
+/// A POSIX exit code for "ended by a signal" is this plus the signal's number.
 constexpr int kSignalExitBase = 128;
+
+/// The file that this process runs, even after another one was installed at its path.
+constexpr const char* kRunningExecutable = "/proc/self/exe";
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
@@ -30,7 +37,7 @@ void close_descriptor(std::intptr_t& handle) {
   handle = -1;
 }
 
-/// The two ends of a pipe; what is not handed on is closed.
+/// The two ends of a pipe; an end that is not handed on is closed.
 struct Pipe {
   std::intptr_t read_end = -1;
   std::intptr_t write_end = -1;
@@ -52,29 +59,63 @@ struct Pipe {
   }
 };
 
-// Runs between vfork and exec, in the parent's memory: system calls only. Returns when a
-// step fails.
-void become_child(const char* path, char* const* arguments, int input, int output, pid_t parent) {
+// Returns the number of a descriptor in /proc/self/fd, or -1 for "." and "..".
+int descriptor_named(const char* name) {
+  int number = 0;
+  for (; *name >= '0' && *name <= '9'; ++name) number = number * 10 + (*name - '0');
+  return *name == '\0' ? number : -1;
+}
+
+// What close_range does, for systems that lack it (before Linux 5.11) or forbid it. Called between
+// vfork and exec, so the folder is read by system calls. `spare` is given up for the folder's own
+// descriptor, since there may be no other one left.
+bool keep_standard_streams_only(int spare) {
+  ::close(spare);
+  const int folder = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) return false;
+  alignas(dirent64) char entries[1024];
+  for (;;) {
+    const ssize_t size = ::getdents64(folder, entries, sizeof entries);
+    if (size <= 0) return size == 0;
+    for (ssize_t at = 0; at < size;) {
+      const auto* const entry = reinterpret_cast<const dirent64*>(entries + at);
+      const int descriptor = descriptor_named(entry->d_name);
+      if (descriptor > STDERR_FILENO) ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+      at += entry->d_reclen;
+    }
+  }
+}
+
+// Runs between vfork and exec, in the parent's memory and with a copy of its descriptors: system
+// calls only. Returns when a step fails.
+//
+//   parent thread     vfork ......... stands still ............ goes on
+//   child                  prctl, dup2, close_range, execve ↑
+//                                    (or _exit when one fails) ↑
+void become_child(char* const* arguments, int input, int output, pid_t parent) {
   // A parent that ended before the signal was asked for sends none.
   if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) return;
   // Both lie above the standard streams, of which prepare_standard_streams lets none be missing.
   if (::dup2(input, STDIN_FILENO) < 0 || ::dup2(output, STDOUT_FILENO) < 0) return;
-  // Covers what this process itself was given beside its standard streams. Where the system does
-  // not know the call (before Linux 5.11) there is no child rather than one that holds more.
-  if (::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) return;
-  // What is ignored stays so across exec.
+  // Covers what this process itself was given beside its standard streams.
+  if (::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0 &&
+      !keep_standard_streams_only(input)) {
+    return;
+  }
+  // An ignored signal stays ignored across exec.
   std::signal(SIGPIPE, SIG_DFL);
-  ::execve(path, arguments, environ);
+  std::signal(SIGXFSZ, SIG_DFL);
+  ::execve(kRunningExecutable, arguments, environ);
 }
 
-// Answers the child, or -1. A function of its own, so that no other variable lives across vfork.
-pid_t spawn(const char* path, char* const* arguments, int input, int output) {
+// Returns the child, or -1. A function of its own, so that no other variable lives across vfork.
+pid_t spawn(char* const* arguments, int input, int output) {
   const pid_t parent = ::getpid();
   // The child writes it in this memory; this thread goes on once the child has ended or runs.
   volatile bool failed = false;
   const pid_t child = ::vfork();
   if (child == 0) {
-    become_child(path, arguments, input, output, parent);
+    become_child(arguments, input, output, parent);
     failed = true;
     ::_exit(1);
   }
@@ -84,7 +125,29 @@ pid_t spawn(const char* path, char* const* arguments, int input, int output) {
   return -1;
 }
 
+// Only this executable starts itself by this path, so the kernel's record of it tells who did.
+bool is_own_child() {
+  const auto* const started_as = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
+  return started_as != nullptr && std::strcmp(started_as, kRunningExecutable) == 0;
+}
+
+// The parent holds the other end of this process's output for as long as it lives.
+bool has_parent() {
+  pollfd output{.fd = STDOUT_FILENO, .events = 0, .revents = 0};
+  return ::poll(&output, 1, 0) <= 0 || (output.revents & POLLERR) == 0;
+}
+
 }  // namespace
+
+// The kernel forgets the signal when it executes a file with capabilities. The name would be that
+// of the path by which the process was started.
+void prepare_process() {
+  if (!is_own_child()) return;
+  ::prctl(PR_SET_NAME, program_invocation_short_name);
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // A parent that ended before the signal was asked for sends none.
+  if (!has_parent()) ::_exit(1);
+}
 
 std::uint32_t own_process_id() {
   return static_cast<std::uint32_t>(::getpid());
@@ -100,8 +163,8 @@ bool ChildProcess::start(const char* argument) {
   Pipe output;
   if (!own_path(path) || !input.open() || !output.open()) return false;
   const char* const arguments[] = {path, argument, nullptr};
-  const pid_t child = spawn(path, const_cast<char* const*>(arguments),
-                            descriptor_of(input.read_end), descriptor_of(output.write_end));
+  const pid_t child = spawn(const_cast<char* const*>(arguments), descriptor_of(input.read_end),
+                            descriptor_of(output.write_end));
   if (child < 0) return false;
   process_ = child;
   guard_ = ::syscall(SYS_pidfd_open, child, 0);
@@ -124,15 +187,16 @@ void ChildProcess::close_input() {
   close_descriptor(input_);
 }
 
-// A process that the child has left behind keeps the pipe open, so the child's own end is waited
-// for too; without a descriptor for that, the pipe's alone.
+// A process that the child has left behind keeps the pipe open, so this also waits for the end of
+// the child itself; without a descriptor for that, for the end of the pipe alone.
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
   const auto event = [](std::intptr_t handle) {
     return pollfd{.fd = descriptor_of(handle), .events = POLLIN, .revents = 0};
   };
   for (bool ended = false;;) {
     pollfd events[] = {event(output_), event(guard_)};
-    // The output has been looked at before the child's end, so it is looked at once more after it.
+    // Output may have come between the look at the pipe and the look at the child, so the pipe is
+    // read once more after the child's end.
     const int ready = ended ? ::poll(events, 1, 0) : ::poll(events, std::size(events), -1);
     if (ready == 0) return 0;
     if (ready > 0) {
@@ -146,7 +210,7 @@ std::size_t ChildProcess::read_output(char* data, std::size_t size) {
 }
 
 void ChildProcess::terminate(std::uint32_t exit_code) {
-  // To the system, no child's number is every process there is.
+  // For kill(), -1 means every process.
   if (process_ < 0) return;
   terminated_with_ = exit_code;
   ::kill(static_cast<pid_t>(process_), SIGKILL);
@@ -159,8 +223,7 @@ void ChildProcess::wait() {
   }
 }
 
-// Asks again and again: what waits for a process with a time limit takes a descriptor, of which
-// there may be none left.
+// Polls: a wait with a time limit needs a descriptor, and there may be none left.
 bool ChildProcess::wait_within(std::uint32_t milliseconds) {
   for (const std::uint64_t until = tick_ms() + milliseconds;;) {
     siginfo_t info{};
@@ -175,7 +238,7 @@ void ChildProcess::abandon() {
   close_descriptor(input_);
   close_descriptor(output_);
   close_descriptor(guard_);
-  // One that has ended would otherwise stay listed for as long as this process lives.
+  // An ended child would otherwise stay a zombie for as long as this process lives.
   if (process_ >= 0) ::waitpid(static_cast<pid_t>(process_), nullptr, WNOHANG);
   process_ = -1;
   terminated_with_.reset();
@@ -192,7 +255,7 @@ std::uint32_t ChildProcess::collect() {
   abandon();
   if (collected < 0) return 1;
   if (WIFEXITED(status)) return static_cast<std::uint32_t>(WEXITSTATUS(status));
-  // Exit codes above 255 exist here only by agreement: the killer's word stands for the signal.
+  // POSIX exit codes have 8 bits: after our own SIGKILL report the code given to terminate().
   if (terminated_with && WTERMSIG(status) == SIGKILL) return *terminated_with;
   return static_cast<std::uint32_t>(kSignalExitBase + WTERMSIG(status));
 }

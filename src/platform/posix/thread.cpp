@@ -1,5 +1,6 @@
 #include "platform/thread.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 
@@ -54,6 +55,10 @@ bool start_detached(Thread::Entry entry, void* argument) {
 
 void yield_thread() {
   ::sched_yield();
+}
+
+void sleep_thread(std::uint32_t milliseconds) {
+  ::poll(nullptr, 0, static_cast<int>(milliseconds));
 }
 
 void Mutex::lock() {

@@ -13,8 +13,8 @@ namespace {
 
 constexpr UINT kUnreadable = 2;
 
-// A variable that is set and cannot be read must not count as missing: an unread policy would be
-// no policy, an unread kill switch no kill switch.
+// A variable that is set and cannot be read must not count as missing: no policy would apply, and
+// no kill switch.
 [[noreturn]] void end_unreadable() {
   ::ExitProcess(kUnreadable);
 }
@@ -48,7 +48,7 @@ EnvironmentValue::EnvironmentValue(const char* name) {
   wchar_t wide_name[kWideCapacity];
   wchar_t value[kWideCapacity];
   if (!to_wide(name, wide_name)) return;
-  // An empty value and a missing variable both answer 0; only the latter is an error.
+  // Both an empty value and a missing variable return 0; only the latter is an error.
   ::SetLastError(ERROR_SUCCESS);
   value[0] = L'\0';
   const DWORD units = ::GetEnvironmentVariableW(wide_name, value, kWideCapacity);
@@ -67,6 +67,11 @@ EnvironmentValue::~EnvironmentValue() {
   if (owned_ == nullptr) return;
   wipe(owned_, view().size());
   std::free(owned_);
+}
+
+void unset_environment(const char* name) {
+  wchar_t wide_name[kWideCapacity];
+  if (to_wide(name, wide_name)) ::SetEnvironmentVariableW(wide_name, nullptr);
 }
 
 }  // namespace kova

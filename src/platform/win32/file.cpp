@@ -72,14 +72,4 @@ bool create_marker_file(const char* path) {
   return stored;
 }
 
-void append_record(const char* path, std::string_view record) {
-  const HANDLE file = open_file(path, FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS);
-  if (file == INVALID_HANDLE_VALUE) return;
-  DWORD written = 0;
-  if (::WriteFile(file, record.data(), static_cast<DWORD>(record.size()), &written, nullptr) != 0) {
-    ::FlushFileBuffers(file);
-  }
-  ::CloseHandle(file);
-}
-
 }  // namespace kova

@@ -7,6 +7,7 @@
 
 #include "base/text.h"
 #include "platform/own_path.h"
+#include "platform/win32/handle.h"
 #include "platform/win32/wide.h"
 
 namespace kova {
@@ -16,33 +17,12 @@ namespace {
 constexpr std::size_t kCommandLineCapacity = 292;
 constexpr std::size_t kPipeNameCapacity = 64;
 constexpr DWORD kPipeSize = 65536;
-// Holds the two start attributes with room to spare.
+/// Room for the two start attributes.
 constexpr std::size_t kAttributeListCapacity = 256;
 
 HANDLE handle_of(std::intptr_t handle) {
   return reinterpret_cast<HANDLE>(handle);
 }
-
-/// Closes its handle at destruction.
-class Handle {
- public:
-  explicit Handle(HANDLE handle = nullptr) : handle_(handle) {}
-  ~Handle() { close(); }
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-
-  [[nodiscard]] HANDLE get() const { return handle_; }
-  [[nodiscard]] HANDLE* out() { return &handle_; }
-  [[nodiscard]] std::intptr_t release() {
-    return reinterpret_cast<std::intptr_t>(std::exchange(handle_, nullptr));
-  }
-  void close() {
-    if (handle_ != nullptr) ::CloseHandle(std::exchange(handle_, nullptr));
-  }
-
- private:
-  HANDLE handle_;
-};
 
 void close_handle(std::intptr_t& handle) {
   if (handle != -1) ::CloseHandle(handle_of(handle));
@@ -55,10 +35,11 @@ struct Pipe {
   Handle child_end;
 };
 
-// Unlike an anonymous pipe's, the own end takes requests that can be given up. There is one
-// instance: whoever opened it before us would only keep the child from starting. The moment is part
-// of the name, since the number of a process is used again, and a pipe stays as long as anybody
-// holds an end of it. `access` is the own end's.
+// A named pipe, since requests on an anonymous pipe's end cannot be cancelled. It has one instance:
+// a program that opened it before us would only keep the child from starting. The name holds the
+// tick count, because process numbers are reused and a pipe stays as long as anybody holds an end
+// of it. LOCAL is the folder that an app container may use; elsewhere it is part of the name.
+// `access` is that of the own end.
 bool open_pipe(Pipe& pipe, DWORD access) {
   static constinit std::atomic<unsigned> number{0};
   char text[kPipeNameCapacity];
@@ -66,7 +47,7 @@ bool open_pipe(Pipe& pipe, DWORD access) {
   TextOut out(text);
   LARGE_INTEGER moment{};
   ::QueryPerformanceCounter(&moment);
-  if (!out.format(R"(\\.\pipe\kova-mcp-%lu-%u-%llx)", ::GetCurrentProcessId(), ++number,
+  if (!out.format(R"(\\.\pipe\LOCAL\kova-mcp-%lu-%u-%llx)", ::GetCurrentProcessId(), ++number,
                   static_cast<unsigned long long>(moment.QuadPart)) ||
       !to_wide(text, name)) {
     return false;
@@ -84,8 +65,14 @@ bool open_pipe(Pipe& pipe, DWORD access) {
   return true;
 }
 
-/// One request on a pipe, given up when the process at its other end has ended: a process that the
-/// system has started beside that one may hold the pipe for longer.
+/// One overlapped request on a pipe, cancelled when the process at its other end has ended. The end
+/// of the pipe alone would not do: a process that the system has started beside the child may hold
+/// the pipe for longer.
+///
+///     ReadFile(pipe, ..., request)     starts the request
+///     wait for { done_, process }      whichever comes first
+///       done_:   the bytes are there
+///       process: CancelIoEx, then the result: bytes that came meanwhile, or nothing
 class Transfer {
  public:
   Transfer() : done_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
@@ -94,8 +81,8 @@ class Transfer {
 
   [[nodiscard]] bool ready() const { return done_.get() != nullptr; }
   [[nodiscard]] OVERLAPPED* request() { return &request_; }
-  /// The bytes that the request has moved; 0 after an error or when it was given up. `started` is
-  /// what the request's call answered.
+  /// Returns the bytes that the request has moved; 0 after an error or a cancellation. `started` is
+  /// what the call that started the request returned.
   [[nodiscard]] DWORD finish(BOOL started, HANDLE pipe, HANDLE process) {
     if (started == 0 && ::GetLastError() != ERROR_IO_PENDING) return 0;
     const HANDLE events[] = {done_.get(), process};
@@ -132,7 +119,7 @@ HANDLE standard_error_for_child() {
   return null_device;
 }
 
-// Its last handle is held by this process alone: however that ends, the job's processes end too.
+// This process alone holds a handle of the job: however it ends, the job's processes end too.
 HANDLE kill_on_close_job() {
   const HANDLE job = ::CreateJobObjectW(nullptr, nullptr);
   if (job == nullptr) return nullptr;
@@ -155,7 +142,7 @@ bool command_line(const char* argument, wchar_t (&out)[kWideCapacity]) {
 }
 
 /// What a child is started with beside its command line: the handles that it inherits, and the job
-/// that it is born in, so that there is no moment in which it could outlive this process.
+/// that it is created in, so that there is no moment in which it could outlive this process.
 class StartAttributes {
  public:
   StartAttributes(HANDLE (&streams)[3], HANDLE& job) {
@@ -185,6 +172,13 @@ class StartAttributes {
   bool complete_;
 };
 
+// A job that forbids nesting, or a system that knows none, refuses the child's own job.
+bool is_job_refusal(DWORD error) {
+  BOOL in_job = FALSE;
+  return (error == ERROR_ACCESS_DENIED || error == ERROR_NOT_SUPPORTED) &&
+         ::IsProcessInJob(::GetCurrentProcess(), nullptr, &in_job) != 0 && in_job != 0;
+}
+
 bool create_process(wchar_t* line, HANDLE (&streams)[3], HANDLE job, PROCESS_INFORMATION& created) {
   StartAttributes attributes(streams, job);
   STARTUPINFOEXW startup{};
@@ -201,6 +195,11 @@ bool create_process(wchar_t* line, HANDLE (&streams)[3], HANDLE job, PROCESS_INF
 }
 
 }  // namespace
+
+// Without this, a damaged library or a drive without a medium waits for a click.
+void prepare_process() {
+  ::SetErrorMode(::GetErrorMode() | SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+}
 
 std::uint32_t own_process_id() {
   return ::GetCurrentProcessId();
@@ -225,7 +224,10 @@ bool ChildProcess::start(const char* argument) {
   }
   HANDLE streams[3] = {input.child_end.get(), output.child_end.get(), child_error.get()};
   PROCESS_INFORMATION created{};
-  if (!create_process(line, streams, job.get(), created)) return false;
+  if (!create_process(line, streams, job.get(), created)) {
+    job_refused_ = is_job_refusal(::GetLastError());
+    return false;
+  }
   const Handle thread(created.hThread);
   Handle process(created.hProcess);
   process_ = process.release();
@@ -253,7 +255,7 @@ void ChildProcess::close_input() {
   close_handle(input_);
 }
 
-// What the child wrote is there before its end is seen.
+// The child's output is in the pipe before its end is seen.
 std::size_t ChildProcess::read_output(char* data, std::size_t size) {
   const HANDLE pipe = handle_of(output_);
   Transfer transfer;
@@ -264,7 +266,7 @@ std::size_t ChildProcess::read_output(char* data, std::size_t size) {
 }
 
 void ChildProcess::terminate(std::uint32_t exit_code) {
-  // To the system, no child's handle is this process's own.
+  // -1 is the handle of this process itself.
   if (process_ == -1) return;
   ::TerminateProcess(handle_of(process_), exit_code);
 }

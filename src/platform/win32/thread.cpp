@@ -71,6 +71,10 @@ void yield_thread() {
   ::Sleep(0);
 }
 
+void sleep_thread(std::uint32_t milliseconds) {
+  ::Sleep(milliseconds);
+}
+
 void Mutex::lock() {
   static_assert(sizeof(SRWLOCK) <= kSize);
   ::AcquireSRWLockExclusive(lock_of(state_));

@@ -193,12 +193,14 @@ def test_the_reply_waits_for_the_end_of_the_child(start, engine):
     assert server.workers() == []
 
 
-def test_an_executable_that_has_gone(servers, start, target, installation, tmp_path):
-    executable = installation.executable(folder=tmp_path / "own")
+def test_a_child_that_cannot_start(target, tmp_path):
+    """The executable's folder has another name by then, too long for a child's command line."""
+    folder = tmp_path / "own"
+    executable = Installation(target, folder).executable("scripted", folder)
     server = Server(target, executable, [], {"KOVA_MCP_DEBUG": "1"}, tmp_path)
     try:
         server.initialize()
-        executable.unlink()
+        folder.rename(tmp_path / ("d" * 200))
         assert server.ask(call(1, "kova_list_tables")) == WORKER_FAILED
         assert server.ask(ping(1)) == pong(1)
         server.finish()

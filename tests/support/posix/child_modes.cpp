@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "platform/console.h"
+#include "platform/process.h"
 #include "support/child_modes.h"
 
 namespace kova::testing {
@@ -39,6 +41,16 @@ void report_handles() {
   }
   closedir(folder);
   write_stdout(report.empty() ? "none\n" : report);
+}
+
+// The kernel forgets the signal for an executable with capabilities; it is taken away here instead.
+void report_preparation() {
+  prctl(PR_SET_PDEATHSIG, 0);
+  prepare_process();
+  char name[16] = {};
+  int signal = -1;
+  if (prctl(PR_GET_NAME, name) != 0 || prctl(PR_GET_PDEATHSIG, &signal) != 0) std::abort();
+  write_stdout(std::string(name) + " signal " + std::to_string(signal) + "\n");
 }
 
 }  // namespace kova::testing

@@ -62,7 +62,15 @@ bool LoopbackListener::had_closed_connection() {
   return closed;
 }
 
-std::string refused_port() {
+RefusedPort::RefusedPort()
+    : socket_(static_cast<std::intptr_t>(bound_socket())),
+      port_(port_of(static_cast<int>(socket_))) {}
+
+RefusedPort::~RefusedPort() {
+  close(static_cast<int>(socket_));
+}
+
+std::string free_port() {
   const int descriptor = bound_socket();
   const unsigned port = port_of(descriptor);
   close(descriptor);

@@ -15,6 +15,7 @@ namespace kova::testing {
 namespace {
 
 std::atomic<int> countdown{0};
+std::atomic<int> error_number{EIO};
 std::atomic<Synced> failed_one{Synced::kNothing};
 
 Synced kind_of(int descriptor) {
@@ -25,7 +26,8 @@ Synced kind_of(int descriptor) {
 
 }  // namespace
 
-SyncFailure::SyncFailure(int nth) {
+SyncFailure::SyncFailure(int nth, int error) {
+  error_number = error;
   failed_one = Synced::kNothing;
   countdown = nth;
 }
@@ -44,6 +46,6 @@ int __wrap_fsync(int descriptor) {
   using namespace kova::testing;
   if (countdown == 0 || --countdown != 0) return __real_fsync(descriptor);
   failed_one = kind_of(descriptor);
-  errno = EIO;
+  errno = error_number;
   return -1;
 }

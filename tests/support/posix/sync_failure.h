@@ -2,16 +2,18 @@
 // pass through here.
 #pragma once
 
+#include <cerrno>
+
 namespace kova::testing {
 
 /// What a failing fsync was to store.
 enum class Synced { kNothing, kFile, kDirectory };
 
-/// While it lives, the n-th fsync from its construction on (1 is the next one) fails; all others
-/// are the system's. One at a time.
+/// While it lives, the n-th fsync from its construction on (1 is the next one) fails with `error`;
+/// all others are the system's. One at a time.
 class SyncFailure {
  public:
-  explicit SyncFailure(int nth);
+  explicit SyncFailure(int nth, int error = EIO);
   ~SyncFailure();
   SyncFailure(const SyncFailure&) = delete;
   SyncFailure& operator=(const SyncFailure&) = delete;

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/console.h"
+#include "platform/process.h"
 #include "support/child_modes.h"
 
 namespace kova::testing {
@@ -59,6 +60,12 @@ void report_handles() {
     }
   }
   write_stdout(report.empty() ? "none\n" : report);
+}
+
+void report_preparation() {
+  SetErrorMode(SEM_NOOPENFILEERRORBOX);
+  prepare_process();
+  write_stdout("error mode " + std::to_string(GetErrorMode()) + "\n");
 }
 
 }  // namespace kova::testing

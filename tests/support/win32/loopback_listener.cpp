@@ -68,7 +68,19 @@ bool LoopbackListener::had_closed_connection() {
   return closed;
 }
 
-std::string refused_port() {
+RefusedPort::RefusedPort() {
+  start_sockets();
+  const SOCKET handle = bound_socket();
+  socket_ = static_cast<std::intptr_t>(handle);
+  port_ = port_of(handle);
+}
+
+RefusedPort::~RefusedPort() {
+  closesocket(static_cast<SOCKET>(socket_));
+  WSACleanup();
+}
+
+std::string free_port() {
   start_sockets();
   const SOCKET handle = bound_socket();
   const unsigned port = port_of(handle);

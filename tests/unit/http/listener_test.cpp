@@ -74,7 +74,7 @@ class RunningListener {
 
   // Somebody else may take the port first.
   void start() {
-    port_ = testing::refused_port();
+    port_ = testing::free_port();
     ended_ = false;
     std::thread([this] {
       thread_ = testing::current_thread();

@@ -115,55 +115,5 @@ TEST(CreateMarkerFile, OneOfManyCallersWins) {
   }
 }
 
-TEST(AppendRecord, CreatesAndAppends) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit \xc3\xa9.jsonl");
-  append_record(path.c_str(), "one\r\n");
-  EXPECT_EQ(read_file(path), "one\r\n");
-  append_record(path.c_str(), "two\r\n");
-  append_record(path.c_str(), "\n\r\x1a\r\n");
-  EXPECT_EQ(read_file(path), "one\r\ntwo\r\n\n\r\x1a\r\n");
-}
-
-TEST(AppendRecord, KeepsWhatIsThere) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  write_file(path, "no line end");
-  append_record(path.c_str(), "record\r\n");
-  EXPECT_EQ(read_file(path), "no line endrecord\r\n");
-}
-
-TEST(AppendRecord, FailuresAreSilent) {
-  const TemporaryDirectory directory;
-  append_record("", "x\r\n");
-  append_record(directory.path().c_str(), "x\r\n");
-  append_record(directory.file("no/such/folder").c_str(), "x\r\n");
-  EXPECT_EQ(read_file(directory.file("no/such/folder")), "");
-}
-
-TEST(AppendRecord, RecordsOfSeveralWritersNeverInterleave) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  constexpr int kRecords = 60;
-  constexpr std::size_t kLength = 1100;
-  const auto write_records = [&path](char mark) {
-    for (int i = 0; i < kRecords; ++i) {
-      append_record(path.c_str(), std::string(kLength, mark) + "\r\n");
-    }
-  };
-  std::thread other(write_records, 'b');
-  write_records('a');
-  other.join();
-  const std::string text = read_file(path);
-  ASSERT_EQ(text.size() % (kLength + 2), 0U);
-  ASSERT_GE(text.size(), kLength + 2);
-  ASSERT_LE(text.size(), 2 * kRecords * (kLength + 2));
-  for (std::size_t at = 0; at < text.size(); at += kLength + 2) {
-    const char mark = text[at];
-    ASSERT_TRUE(mark == 'a' || mark == 'b');
-    ASSERT_EQ(text.substr(at, kLength + 2), std::string(kLength, mark) + "\r\n");
-  }
-}
-
 }  // namespace
 }  // namespace kova

@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "platform/clock.h"
+#include "support/current_thread.h"
 
 namespace kova {
 namespace {
@@ -85,6 +86,55 @@ TEST(Thread, DestructionJoins) {
     gate.open = true;
   }
   EXPECT_TRUE(gate.left);
+}
+
+TEST(Backoff, YieldsAtFirstAndThenSleepsForLongerAndLonger) {
+  Backoff backoff;
+  for (unsigned i = 0; i < Backoff::kYields; ++i) ASSERT_EQ(backoff.next_ms(), 0U);
+  for (const std::uint32_t pause : {1U, 2U, 4U, 8U, 16U, 20U, 20U, 20U}) {
+    EXPECT_EQ(backoff.next_ms(), pause);
+  }
+}
+
+TEST(Backoff, PausesNoLongerThanIsLeft) {
+  Backoff backoff;
+  while (backoff.next_ms() < Backoff::kPauseLimitMs) {
+  }
+  const std::uint64_t start = tick_ms();
+  for (int i = 0; i < 10; ++i) backoff.pause(0);
+  const std::uint64_t short_pauses = tick_ms() - start;
+  for (int i = 0; i < 10; ++i) backoff.pause();
+  EXPECT_GE(tick_ms() - start - short_pauses + 20, 10U * Backoff::kPauseLimitMs);
+}
+
+struct Wait {
+  SpinLock lock;
+  std::atomic<bool> waiting{false};
+  std::uint64_t processor_us = 0;
+};
+
+void* wait_for_lock(void* argument) {
+  auto& wait = *static_cast<Wait*>(argument);
+  const std::uint64_t before = testing::thread_processor_us();
+  wait.waiting = true;
+  { const SpinGuard guard(wait.lock); }
+  wait.processor_us = testing::thread_processor_us() - before;
+  return nullptr;
+}
+
+// As when the holder writes to a client that does not read.
+TEST(SpinLock, AWaiterDoesNotBurnAProcessorWhileTheHolderIsBlocked) {
+  constexpr std::uint32_t kHeldMs = 400;
+  Wait wait;
+  Thread waiter;
+  {
+    const SpinGuard guard(wait.lock);
+    ASSERT_TRUE(waiter.start(wait_for_lock, &wait));
+    while (!wait.waiting) yield_thread();
+    sleep_thread(kHeldMs);
+  }
+  waiter.join();
+  EXPECT_LT(wait.processor_us, kHeldMs * 1000U / 4);
 }
 
 struct Counter {

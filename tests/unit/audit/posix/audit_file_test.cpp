@@ -1,7 +1,6 @@
 // The audit file as POSIX systems share and protect it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,17 +23,6 @@ TEST_F(AuditFile, KeepsTheModeOfAFileThatIsThere) {
   struct stat status {};
   ASSERT_EQ(stat(path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0640U);
-}
-
-TEST_F(AuditFile, DropsARecordWhileAnotherWriterHoldsIt) {
-  write();
-  const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-  ASSERT_EQ(flock(writer, LOCK_EX), 0);
-  write();
-  EXPECT_EQ(lines_in(content()), 1);
-  close(writer);
-  write();
-  EXPECT_EQ(lines_in(content()), 2);
 }
 
 TEST_F(AuditFile, AReaderCostsNoRecord) {

@@ -1,21 +1,21 @@
 #include "platform/file.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
+#include "support/posix/sync_failure.h"
 #include "support/temporary_directory.h"
 
 namespace kova {
 namespace {
 
-using testing::read_file;
+using testing::Synced;
+using testing::SyncFailure;
 using testing::TemporaryDirectory;
-using testing::write_file;
 
 TEST(IsCanonicalPathPosix, Table) {
   const struct {
@@ -72,7 +72,6 @@ TEST(InputFilePosix, OnlyRegularFiles) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   InputFile file;
   EXPECT_FALSE(file.open(path.c_str()));
-  append_record(path.c_str(), "x\r\n");
   InputFile device;
   EXPECT_FALSE(device.open("/dev/null"));
 }
@@ -81,16 +80,6 @@ mode_t mode_of(const std::string& path) {
   struct stat status {};
   EXPECT_EQ(stat(path.c_str(), &status), 0);
   return status.st_mode & 07777;
-}
-
-TEST(AppendRecordPosix, ANewFileIsItsOwnersAlone) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  const mode_t before = umask(0);
-  append_record(path.c_str(), "x\r\n");
-  umask(before);
-  EXPECT_EQ(mode_of(path), 0600U);
-  EXPECT_EQ(read_file(path), "x\r\n");
 }
 
 TEST(CreateMarkerFilePosix, IsItsOwnersAloneAndFollowsNoLink) {
@@ -105,58 +94,26 @@ TEST(CreateMarkerFilePosix, IsItsOwnersAloneAndFollowsNoLink) {
   EXPECT_EQ(access(directory.file("target").c_str(), F_OK), -1);
 }
 
-TEST(AppendRecordPosix, TheModeOfAnExistingFileStays) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  write_file(path, "");
-  ASSERT_EQ(chmod(path.c_str(), 0640), 0);
-  append_record(path.c_str(), "x\r\n");
-  EXPECT_EQ(mode_of(path), 0640U);
-}
-
-TEST(AppendRecordPosix, AHeldLockDropsTheRecord) {
-  // A shared lock, too: a writer needs the file to itself.
-  for (const int kind : {LOCK_EX, LOCK_SH}) {
+// A file system that cannot sync folders stores their names in its own way.
+TEST(CreateMarkerFilePosix, AFolderThatCannotBeSyncedIsAsGoodAsSynced) {
+  for (const int error : {EINVAL, ENOTSUP}) {
     const TemporaryDirectory directory;
-    const std::string path = directory.file("audit.jsonl");
-    write_file(path, "");
-    const int holder = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    ASSERT_GE(holder, 0);
-    ASSERT_EQ(flock(holder, kind | LOCK_NB), 0);
-    append_record(path.c_str(), "dropped\r\n");
-    EXPECT_EQ(read_file(path), "");
-    ASSERT_EQ(flock(holder, LOCK_UN), 0);
-    append_record(path.c_str(), "kept\r\n");
-    EXPECT_EQ(read_file(path), "kept\r\n");
-    close(holder);
+    const SyncFailure failure(2, error);
+    EXPECT_TRUE(create_marker_file(directory.file("marker").c_str())) << error;
+    EXPECT_EQ(SyncFailure::failed(), Synced::kDirectory);
   }
-}
-
-TEST(AppendRecordPosix, AReaderCostsNoRecord) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  write_file(path, "first\r\n");
-  const int reader = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  ASSERT_GE(reader, 0);
-  append_record(path.c_str(), "second\r\n");
-  EXPECT_EQ(read_file(path), "first\r\nsecond\r\n");
-  close(reader);
-}
-
-TEST(AppendRecordPosix, NoDescriptorStaysOpen) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  const int before = dup(0);
-  close(before);
-  for (int i = 0; i < 5; ++i) append_record(path.c_str(), "x\r\n");
-  append_record(directory.path().c_str(), "x\r\n");
-  {
-    InputFile file;
-    static_cast<void>(file.open(path.c_str()));
+  for (const int error : {EIO, ENOSPC, EDQUOT, EROFS, EINTR}) {
+    const TemporaryDirectory directory;
+    const SyncFailure failure(2, error);
+    EXPECT_FALSE(create_marker_file(directory.file("marker").c_str())) << error;
+    EXPECT_EQ(SyncFailure::failed(), Synced::kDirectory);
   }
-  const int after = dup(0);
-  close(after);
-  EXPECT_EQ(before, after);
+  for (const int error : {EINVAL, ENOTSUP, EIO}) {
+    const TemporaryDirectory directory;
+    const SyncFailure failure(1, error);
+    EXPECT_FALSE(create_marker_file(directory.file("marker").c_str())) << error;
+    EXPECT_EQ(SyncFailure::failed(), Synced::kFile);
+  }
 }
 
 }  // namespace

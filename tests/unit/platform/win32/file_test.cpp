@@ -1,18 +1,11 @@
 #include "platform/file.h"
 
 #include <gtest/gtest.h>
-#include <windows.h>
 
 #include <string>
 
-#include "support/temporary_directory.h"
-
 namespace kova {
 namespace {
-
-using testing::read_file;
-using testing::TemporaryDirectory;
-using testing::write_file;
 
 TEST(IsCanonicalPathWindows, Table) {
   const struct {
@@ -49,32 +42,6 @@ TEST(IsCanonicalPathWindows, Table) {
   for (const auto& row : rows) {
     EXPECT_EQ(is_canonical_path(row.path.c_str()), row.canonical) << row.path.substr(0, 80);
   }
-}
-
-TEST(AppendRecordWindows, AnotherWriterDropsTheRecord) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  write_file(path, "");
-  const HANDLE writer = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  ASSERT_NE(writer, INVALID_HANDLE_VALUE);
-  append_record(path.c_str(), "dropped\r\n");
-  CloseHandle(writer);
-  EXPECT_EQ(read_file(path), "");
-  append_record(path.c_str(), "kept\r\n");
-  EXPECT_EQ(read_file(path), "kept\r\n");
-}
-
-TEST(AppendRecordWindows, AReaderThatSharesCostsNoRecord) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("audit.jsonl");
-  write_file(path, "first\r\n");
-  const HANDLE reader = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  ASSERT_NE(reader, INVALID_HANDLE_VALUE);
-  append_record(path.c_str(), "second\r\n");
-  CloseHandle(reader);
-  EXPECT_EQ(read_file(path), "first\r\nsecond\r\n");
 }
 
 }  // namespace

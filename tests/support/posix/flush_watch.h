@@ -1,0 +1,22 @@
+// What holds at the moment when a file is flushed. The unit test binary is linked so that its calls
+// of fdatasync pass through here.
+#pragma once
+
+#include <functional>
+
+namespace kova::testing {
+
+/// While it lives, every fdatasync asks the question first. One at a time.
+class FlushWatch {
+ public:
+  explicit FlushWatch(std::function<bool()> question);
+  ~FlushWatch();
+  FlushWatch(const FlushWatch&) = delete;
+  FlushWatch& operator=(const FlushWatch&) = delete;
+
+  /// How often a file was flushed, and whether the last answer was yes.
+  [[nodiscard]] static int calls();
+  [[nodiscard]] static bool result();
+};
+
+}  // namespace kova::testing

@@ -1,0 +1,63 @@
+#include "platform/record_file.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <string>
+
+#include "support/temporary_directory.h"
+
+namespace kova {
+namespace {
+
+using testing::read_file;
+using testing::TemporaryDirectory;
+using testing::write_file;
+
+TEST(AppendRecordWindows, AnotherWriterDropsTheRecord) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit.jsonl");
+  write_file(path, "");
+  const HANDLE writer = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  ASSERT_NE(writer, INVALID_HANDLE_VALUE);
+  append_record(path.c_str(), "dropped\r\n");
+  CloseHandle(writer);
+  EXPECT_EQ(read_file(path), "");
+  append_record(path.c_str(), "kept\r\n");
+  EXPECT_EQ(read_file(path), "kept\r\n");
+}
+
+TEST(AppendRecordWindows, AReaderThatSharesCostsNoRecord) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit.jsonl");
+  write_file(path, "first\r\n");
+  const HANDLE reader = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  ASSERT_NE(reader, INVALID_HANDLE_VALUE);
+  append_record(path.c_str(), "second\r\n");
+  CloseHandle(reader);
+  EXPECT_EQ(read_file(path), "first\r\nsecond\r\n");
+}
+
+// Its sharing would let it in; it is refused nevertheless.
+TEST(AppendRecordWindows, StandardOutputIsNeverWrittenTo) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("output");
+  const HANDLE output = CreateFileA(path.c_str(), FILE_READ_ATTRIBUTES,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  ASSERT_NE(output, INVALID_HANDLE_VALUE);
+  const HANDLE before = GetStdHandle(STD_OUTPUT_HANDLE);
+  ASSERT_TRUE(SetStdHandle(STD_OUTPUT_HANDLE, output));
+  append_record(path.c_str(), "x\r\n");
+  const bool found = is_standard_output(path.c_str());
+  SetStdHandle(STD_OUTPUT_HANDLE, before);
+  CloseHandle(output);
+  EXPECT_TRUE(found);
+  EXPECT_FALSE(is_standard_output(path.c_str()));
+  EXPECT_EQ(read_file(path), "");
+}
+
+}  // namespace
+}  // namespace kova
