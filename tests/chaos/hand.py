@@ -22,6 +22,8 @@ from harness.servers import Server
 FAULTS_A_ROUND = 3  # of each hand
 LOOK_LIMIT = 0.5
 """Seconds in which a worker is looked for; it lives for some milliseconds."""
+RESTORE_PASSES, RESTORE_WAIT = 3, 0.03
+"""A process that is just becoming the executable is not found among those of its server."""
 WALL_MOVES = [-10 * 365 * 86400, -3600, -301, -2, 2, 301, 3600, 10 * 365 * 86400]
 MONOTONIC_MOVES = [1, 61, 16 * 60]
 SPARE_DESCRIPTORS = [0, 1, 2, 4, 8]
@@ -139,6 +141,7 @@ class Hand(threading.Thread):
         self.stage.start_listener()
 
     def kill_engine(self) -> None:
+        self.ledger.engine_ends.append(time.monotonic())
         self.stage.engine.end(self.rng.choice([signal.SIGKILL, signal.SIGTERM]))
         self._pause(0.5)
         self.stage.engine.start()
@@ -249,9 +252,11 @@ class Hand(threading.Thread):
         except (ProcessLookupError, FileNotFoundError):
             return False
         self._pause(1.0)
-        for limited in [pid, *server.processes()]:
-            with contextlib.suppress(ProcessLookupError):
-                resource.prlimit(limited, which, before)
+        for _ in range(RESTORE_PASSES):
+            for limited in [pid, *server.processes()]:
+                with contextlib.suppress(ProcessLookupError):
+                    resource.prlimit(limited, which, before)
+            time.sleep(RESTORE_WAIT)
         return True
 
     def take_descriptors(self) -> bool:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
 import random
 import re
@@ -54,8 +55,10 @@ class Connection:
     def vanish(self, reset: bool) -> None:
         if self._socket is None:
             return
-        if reset:
-            self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
+        with contextlib.suppress(OSError):  # A failed handshake has closed it.
+            if reset:
+                self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                        b"\1\0\0\0\0\0\0\0")
         self._socket.close()
 
     def read(self) -> Response | None:

@@ -9,6 +9,9 @@ from dataclasses import dataclass, field
 from typing import Any
 
 
+Reply = dict[str, Any]
+
+
 @dataclass
 class Request:
     """A request that a client has sent. `rows` is how many rows a right reply to a read has."""
@@ -44,6 +47,7 @@ class Ledger:
         self.round = number
         self.requests = {}
         self.doubts: list[list[float]] = []
+        self.engine_ends: list[float] = []
         self.approved: list[tuple[str, str]] = []  # statements with their tokens, to send again
 
     def count(self, what: str, number: int = 1) -> None:
@@ -89,9 +93,10 @@ class Ledger:
         return any(begin <= request.answered and request.sent <= end
                    for begin, end in self.doubts)
 
+    def engine_ended_during(self, request: Request) -> bool:
+        return any(request.sent <= end <= request.answered for end in self.engine_ends)
+
     def table(self) -> list[tuple[str, int]]:
         with self._lock:
             return sorted(self.counts.items())
 
-
-Reply = dict[str, Any]
