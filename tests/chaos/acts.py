@@ -1,8 +1,8 @@
 """The calls that clients make, and what a right reply to each is.
 
-Every request has an id that no other request of the run has. A read carries it as a literal that each row
-of its result repeats, a write stores it; so a reply that reaches a wrong client is seen by its id or by
-its content.
+Every request has an id that no other request of the run has. A read carries it as a literal that
+each row of its result repeats, a write stores it; so a reply that reaches a wrong client is seen by
+its id or by its content.
 """
 
 from __future__ import annotations
@@ -156,10 +156,10 @@ class Acts:
     def _judge_content(self, noted: Request, text: str, content: Any) -> None:
         if json.loads(text) != content:
             self.ledger.violation(f"{noted.id}: text and structured content differ")
-        if "read" in noted.kind:
+        if noted.kind in ("refused read", "unapproved write"):
+            self.ledger.violation(f"{noted.id}: {noted.kind}, and carried out: {text[:200]}")
+        elif "read" in noted.kind:
             self._judge_rows(noted, content)
-        if noted.kind == "refused read" or noted.kind == "unapproved write":
-            self.ledger.violation(f"{noted.id}: a {noted.kind} was carried out: {text[:200]}")
 
     def _judge_rows(self, noted: Request, content: Any) -> None:
         """The client library cannot tell an engine that is lost from the end of the rows."""

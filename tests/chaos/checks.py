@@ -50,8 +50,9 @@ class Checks:
             wait_until(lambda: self._holds_no_more(), TIMEOUT, "the end of what connections hold")
         except AssertionError as failure:
             self.ledger.violation(
-                f"the listener keeps {len(self._children())} processes, and of threads, descriptors "
-                f"and handles {self.stage.holdings()} instead of {self._rest}: {failure}")
+                f"the listener keeps {len(self._children())} processes, and of threads, "
+                f"descriptors and handles {self.stage.holdings()} instead of {self._rest}: "
+                f"{failure}")
 
     def _holds_no_more(self) -> bool:
         return all(held <= rest for held, rest in zip(self.stage.holdings(), self._rest))

@@ -1,6 +1,6 @@
-"""The hands that break things: one kills and stops processes, the other one takes away files, resources
-and the time. Each fault ends by itself within two seconds, but for the clock's, which may last to the
-round's end."""
+"""The hands that break things: one kills and stops processes, the other one takes away files,
+resources and the time. Each fault ends by itself within two seconds, but for the clock's, which may
+last to the round's end."""
 
 from __future__ import annotations
 
@@ -31,8 +31,8 @@ SPARE_MEMORY = [0, 1 << 16, 1 << 20, 5 << 20, 20 << 20]
 
 
 def send_signal(pid: int, number: signal.Signals, text: bytes = b"kova-mcp") -> bool:
-    """Sends a signal to a process that has the text in its command line; never to another one that has
-    got its number meanwhile."""
+    """Sends a signal to a process that has the text in its command line; never to another one that
+    has got its number meanwhile."""
     try:
         descriptor = os.pidfd_open(pid)
     except ProcessLookupError:

@@ -1,6 +1,7 @@
-// Moves the clocks of the processes that load this object (LD_PRELOAD) by what the file that CHAOS_CLOCK
-// names says: two numbers of 64 bits, nanoseconds for the wall clock and for the monotonic clock. The file
-// is mapped, so the clocks of running processes move too. The system's clock stays as it is.
+// Moves the clocks of the processes that load this object (LD_PRELOAD) by what the file that
+// CHAOS_CLOCK names says: two numbers of 64 bits, nanoseconds for the wall clock and for the
+// monotonic clock. The file is mapped, so the clocks of running processes move too. The system's
+// clock stays as it is.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -77,7 +78,7 @@ int pthread_clockjoin_np(pthread_t thread, void** result, clockid_t clock,
                          const struct timespec* until) {
   int (*const join)(pthread_t, void**, clockid_t, const struct timespec*) =
       (int (*)(pthread_t, void**, clockid_t, const struct timespec*))dlsym(RTLD_NEXT,
-                                                                          "pthread_clockjoin_np");
+                                                                           "pthread_clockjoin_np");
   struct timespec real = *until;
   add(&real, -move_of(clock));
   return join(thread, result, clock, &real);

@@ -3,8 +3,8 @@
     tests/chaos/run [--target linux|windows] [--seconds N | --rounds N] [--seed S] [--round N]
                     [--fault NAME ...] [--build-dir DIR] [--engine FILE] [--verbose]
 
-Exit codes: 0 when everything held; 1 when something did not, with each violation and its round; 2 for bad
-arguments.
+Exit codes: 0 when everything held; 1 when something did not, with each violation and its round; 2 for
+bad arguments.
 """
 
 from __future__ import annotations
@@ -35,7 +35,7 @@ WINE_LIMIT = 60.0
 CLIENTS_LIMIT = 180.0
 """Seconds in which the clients end after a round; each has one request under way at most."""
 
-# How many clients of each kind, and their pauses in seconds; Wine takes ten times as long for a call.
+# How many clients of each kind, and the pauses in seconds. Under Wine a call takes ten times as long.
 PACE = {"linux": {"stdio": 2, "http": 4, "pause": 0.04, "hand": 0.25},
         "windows": {"stdio": 1, "http": 3, "pause": 0.15, "hand": 0.6}}
 
@@ -69,8 +69,8 @@ class Run:
                  for i in range(int(self.pace["stdio"]))]
         http = [HttpClient(f"r{number}h{i}", seed, self.stage, self.ledger, self.pace["pause"])
                 for i in range(int(self.pace["http"]))]
-        hands = [Hand(name, seed, self._faults(possible(self.stage)), self.stage, self.ledger, stdio,
-                      self.pace["hand"])
+        hands = [Hand(name, seed, self._faults(possible(self.stage)), self.stage, self.ledger,
+                      stdio, self.pace["hand"])
                  for name, possible in (("first hand", process_faults),
                                         ("second hand", surrounding_faults))]
         for thread in (*stdio, *http, *hands):
@@ -81,10 +81,12 @@ class Run:
         self.checks.after_round(self.caller)
         found = self.ledger.violations[before:]
         if self.options.verbose or found:
-            print(f"round {number}: {', '.join(hands[0].faults + hands[1].faults)}; {len(self.ledger.requests)} requests, "
+            faults = ", ".join(hands[0].faults + hands[1].faults)
+            print(f"round {number}: {faults}; {len(self.ledger.requests)} requests, "
                   f"{worked - began:.1f} + {time.monotonic() - worked:.1f} s", flush=True)
         for violation in found:
-            print(f"VIOLATION {violation} (--seed {self.options.seed} --round {number})", flush=True)
+            print(f"VIOLATION {violation} (--seed {self.options.seed} --round {number})",
+                  flush=True)
 
     def _faults(self, possible: list[str]) -> list[str]:
         chosen = self.options.fault

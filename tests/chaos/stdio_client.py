@@ -18,7 +18,7 @@ from harness.servers import Server
 from harness.waiting import wait_for_end
 
 REPLY_LIMIT = 90.0
-"""Seconds in which a request has its reply, whatever the hand does; each fault lasts two at most."""
+"""Seconds in which a request has its reply, whatever the hands do; a fault lasts two at most."""
 END_LIMIT = 60.0
 IDS_LIMIT = 200
 """A server remembers 256 ids of requests that are no tool calls."""
@@ -204,7 +204,7 @@ class _Life:
         if reply is None:
             return
         for noted in self._unrecorded:
-            noted.recorded = True
+            noted.recorded, noted.answered = True, time.monotonic()
         self._unrecorded.clear()
         if reply["id"] is None:
             self._take_nameless(reply)

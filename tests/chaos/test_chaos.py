@@ -1,4 +1,5 @@
-"""A bounded run of chaos. KOVA_CHAOS_SECONDS and KOVA_CHAOS_SEED change its length and its random numbers."""
+"""A bounded run of chaos. KOVA_CHAOS_SECONDS and KOVA_CHAOS_SEED change its length and its random
+numbers."""
 
 from __future__ import annotations
 
