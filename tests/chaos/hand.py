@@ -131,6 +131,7 @@ class Hand(threading.Thread):
 
     def kill_listener(self) -> None:
         old = self.stage.listener
+        self.ledger.listener_ends.append(time.monotonic())
         old.kill()
         self._pause(0.3)
         try:

@@ -48,6 +48,7 @@ class Ledger:
         self.requests = {}
         self.doubts: list[list[float]] = []
         self.engine_ends: list[float] = []
+        self.listener_ends: list[float] = []
         self.approved: list[tuple[str, str]] = []  # statements with their tokens, to send again
 
     def count(self, what: str, number: int = 1) -> None:

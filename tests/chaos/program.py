@@ -3,8 +3,8 @@
     tests/chaos/run [--target linux|windows] [--seconds N | --rounds N] [--seed S] [--round N]
                     [--fault NAME ...] [--build-dir DIR] [--engine FILE] [--verbose]
 
-Exit codes: 0 when everything held; 1 when something did not, with each violation and its round; 2 for
-bad arguments.
+Exit codes: 0 when everything held; 1 when something did not, with each violation and its round; 2
+for bad arguments.
 """
 
 from __future__ import annotations
@@ -35,7 +35,7 @@ WINE_LIMIT = 60.0
 CLIENTS_LIMIT = 180.0
 """Seconds in which the clients end after a round; each has one request under way at most."""
 
-# How many clients of each kind, and the pauses in seconds. Under Wine a call takes ten times as long.
+# How many clients of each kind, and pauses in seconds. Under Wine a call takes ten times as long.
 PACE = {"linux": {"stdio": 2, "http": 4, "pause": 0.04, "hand": 0.25},
         "windows": {"stdio": 1, "http": 3, "pause": 0.15, "hand": 0.6}}
 
