@@ -19,6 +19,7 @@ from harness.messages import call, request
 WORKER_FAILED = "isolated MCP tool worker failed"
 CANCELLED = "request cancelled"
 SPENT = "approval token was already used or replay state is unavailable"
+IN_SERVER = "read in the server"
 WRITE_TOOL = "kova_execute"
 ROW_COUNTS = [0, 1, 7, 60, 256]
 SLOW_SOURCE = "ORDERS A, ORDERS B, ORDERS C WHERE A.ID <= {0} AND B.ID + C.ID < 0"
@@ -74,7 +75,7 @@ class Acts:
         spelled = "".join(f"\\u{ord(letter):04x}" for letter in noted.id)
         padded = spelled.encode() + b"\\u0020" * max(0, 18 - len(noted.id))
         del self.ledger.requests[noted.id]
-        noted.kind, noted.id = "read in the server", noted.id + " " * max(0, 18 - len(noted.id))
+        noted.kind, noted.id = IN_SERVER, noted.id + " " * max(0, 18 - len(noted.id))
         self.ledger.sent(noted)
         head, tail = line.split(b'"method"', 1)
         before = noted.id.rstrip().encode()

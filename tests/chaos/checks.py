@@ -174,10 +174,10 @@ class Checks:
                 assert list(record) == KEYS
                 whole.append(record)
             except (AssertionError, ValueError):
-                if self.ledger.doubts:
+                if self.ledger.was_file_full():
                     self.ledger.count("audit line cut, in a round in which the file was full")
                 else:
                     self.ledger.violation(f"no record: {line[:200]!r}")
-        if data and not data.endswith(b"\r\n") and not self.ledger.doubts:
+        if data and not data.endswith(b"\r\n") and not self.ledger.was_file_full():
             self.ledger.violation(f"the audit file ends in {data[-100:]!r}")
         return whole

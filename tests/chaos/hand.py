@@ -13,6 +13,7 @@ import threading
 import time
 from typing import Callable, Iterator
 
+from chaos.acts import IN_SERVER
 from chaos.ledger import Ledger
 from chaos.stage import Stage
 from chaos.stdio_client import StdioClient
@@ -261,10 +262,16 @@ class Hand(threading.Thread):
         return True
 
     def take_descriptors(self) -> bool:
+        """A call in the server itself, whose database session is open already, may have none left
+        for the audit file."""
         spare = self.rng.choice(SPARE_DESCRIPTORS)
-        return self._limit(resource.RLIMIT_NOFILE,
-                           lambda pid: len(os.listdir(f"/proc/{pid}/fd")) + spare,
-                           self._any_server())
+        self.ledger.begin_doubt(IN_SERVER)
+        try:
+            return self._limit(resource.RLIMIT_NOFILE,
+                               lambda pid: len(os.listdir(f"/proc/{pid}/fd")) + spare,
+                               self._any_server())
+        finally:
+            self.ledger.end_doubt()
 
     def take_memory(self) -> bool:
         spare = self.rng.choice(SPARE_MEMORY)

@@ -33,6 +33,15 @@ class Request:
         return not self.answers and not self.closed
 
 
+@dataclass
+class Doubt:
+    """A time in which an audit record may be lost. One hand alone causes them."""
+
+    begin: float
+    kind: str | None
+    end: float = float("inf")
+
+
 class Ledger:
     """Shared by all threads. Ids are unique in a run; a round forgets those of the round before."""
 
@@ -46,7 +55,7 @@ class Ledger:
     def begin_round(self, number: int) -> None:
         self.round = number
         self.requests = {}
-        self.doubts: list[list[float]] = []
+        self.doubts: list[Doubt] = []
         self.engine_ends: list[float] = []
         self.listener_ends: list[float] = []
         self.approved: list[tuple[str, str]] = []  # statements with their tokens, to send again
@@ -82,17 +91,19 @@ class Ledger:
 
     # Times in which an audit record may be lost.
 
-    def begin_doubt(self) -> None:
-        with self._lock:
-            self.doubts.append([time.monotonic(), float("inf")])
+    def begin_doubt(self, kind: str | None = None) -> None:
+        """For requests of this kind, or of all."""
+        self.doubts.append(Doubt(time.monotonic(), kind))
 
     def end_doubt(self) -> None:
-        with self._lock:
-            self.doubts[-1][1] = time.monotonic()
+        self.doubts[-1].end = time.monotonic()
 
     def is_doubtful(self, request: Request) -> bool:
-        return any(begin <= request.answered and request.sent <= end
-                   for begin, end in self.doubts)
+        return any(doubt.begin <= request.answered and request.sent <= doubt.end
+                   and doubt.kind in (None, request.kind) for doubt in self.doubts)
+
+    def was_file_full(self) -> bool:
+        return any(doubt.kind is None for doubt in self.doubts)
 
     def engine_ended_during(self, request: Request) -> bool:
         return any(request.sent <= end <= request.answered for end in self.engine_ends)

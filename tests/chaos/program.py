@@ -4,7 +4,7 @@
                     [--fault NAME ...] [--build-dir DIR] [--engine FILE] [--verbose]
 
 Exit codes: 0 when everything held; 1 when something did not, with each violation and its round; 2
-for bad arguments.
+for bad arguments, or when Wine cannot be had.
 """
 
 from __future__ import annotations
@@ -137,13 +137,25 @@ def parse(arguments: list[str]) -> argparse.Namespace:
 
 def wait_for_wine(target: Target) -> None:
     """Waits until no Wine is up in the prefix."""
-    if wine.is_prepared(target.prefix):
+    if not wine.is_prepared(target.prefix):
+        return
+    try:
         subprocess.run([wine.server(), "-w"], env={**os.environ, **wine.environment(target.prefix)},
                        timeout=WINE_LIMIT, check=False)
+    except subprocess.TimeoutExpired:
+        raise wine.WineFailure(f"something else uses Wine in {target.prefix}") from None
 
 
 def main(arguments: list[str]) -> int:
     options = parse(arguments)
+    try:
+        return play(options)
+    except wine.WineFailure as failure:
+        print(f"chaos: {failure}", file=sys.stderr)
+        return 2
+
+
+def play(options: argparse.Namespace) -> int:
     build = (options.build_dir or ROOT / "build" / options.target).resolve()
     target = Target(options.target, build, wine.default_prefix())
     folder = Path(tempfile.mkdtemp(prefix="chaos-"))

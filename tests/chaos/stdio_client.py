@@ -10,7 +10,7 @@ import threading
 import time
 from typing import Any
 
-from chaos.acts import WORKER_FAILED, Acts
+from chaos.acts import IN_SERVER, WORKER_FAILED, Acts
 from chaos.ledger import Ledger, Request
 from chaos.stage import Stage
 from harness.messages import cancel
@@ -214,7 +214,7 @@ class _Life:
             self.ledger.violation(f"{self.acts.name}: a reply to no open request: {line[:300]!r}")
             return
         self.acts.judge(noted, reply)
-        if noted.kind == "read in the server" and noted.recorded:
+        if noted.kind == IN_SERVER and noted.recorded:
             noted.recorded = False
             self._unrecorded.append(noted)
 

@@ -99,6 +99,15 @@ def test_a_lost_record_of_a_call_in_doubt(ledger, stage):
     assert ledger.violations == []
 
 
+@pytest.mark.parametrize("kind, lost", [("read", 1), ("read in the server", 0)])
+def test_a_doubt_about_some_calls(ledger, stage, kind, lost):
+    ledger.begin_doubt("read in the server")
+    noted(ledger, kind, "tool result")
+    ledger.end_doubt()
+    Checks(stage, ledger).check_audit()
+    assert len(ledger.violations) == lost
+
+
 def test_a_second_reply(ledger):
     request = noted(ledger, "read", "tool result")
     ledger.answered(request, "cancelled")
