@@ -43,7 +43,7 @@ ONLY = {("json", "platform"): {"reply", "output_lock"}}
 ORDER = {
     "policy": [{"names", "sql_words"}, {"policy"}, {"predicates", "policy_file", "quick_select"},
                {"*"}],
-    "tools": [{"tool"}, {"tool_args", "tool_result"}, {"ai_collection"}, {"*"}, {"tool_table"},
+    "tools": [{"tool"}, {"tool_args"}, {"ai_collection"}, {"*"}, {"tool_table"},
               {"tool_call"}],
 }
 # What stands beside src/ and may include parts of it.

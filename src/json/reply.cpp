@@ -10,8 +10,7 @@ namespace kova {
 
 namespace {
 
-// As much as a pipe takes at once. Guarded by OutputLock; pages of it that no reply reaches are
-// never touched.
+// The capacity of a pipe. Guarded by OutputLock. Short replies touch its first pages only.
 constexpr std::size_t kLineCapacity = 65536;
 char line_buffer[kLineCapacity];
 

@@ -14,6 +14,7 @@ from harness.messages import (PARSE_ERROR, WORKER_FAILED, call, cancel, cancelle
                               error_reply, ping, pong, request, tool_success_reply)
 from harness.scripted_library import Repeat, Script
 from harness.servers import Server
+from harness.targets import Installation
 from harness.tool_calls import result_json
 from harness.waiting import wait_until
 

@@ -17,7 +17,7 @@ from typing import Callable, Iterator
 import pytest
 
 from harness import audit_files
-from harness.messages import call
+from harness.messages import call, ping
 
 SESSIONS = 16
 CALLS = 2048
@@ -32,6 +32,12 @@ def call_in_server(request_id: str) -> bytes:
     assert len(request_id) == 18
     escaped = "".join(f"\\u{ord(character):04x}" for character in request_id)
     return call("ID", "kova_list_tables").replace(b'"ID"', f'"{escaped}"'.encode())
+
+
+def until_idle(ask: Ask) -> None:
+    """A call that runs in the server is answered before its record is written; a later message is
+    read after it."""
+    assert json.loads(ask(ping("idle")))["result"] == {}
 
 
 class Load:
@@ -56,6 +62,7 @@ class Load:
         def busy(session: int) -> None:
             for number in range(-(-calls // len(asks))):
                 self.one_call(asks[session], session, number)
+            until_idle(asks[session])
         with ThreadPoolExecutor(len(asks)) as pool:
             for done in [pool.submit(busy, session) for session in range(len(asks))]:
                 done.result()
@@ -70,6 +77,7 @@ class Load:
                 count += 1
                 time.sleep(0.05)
             load.result()
+        until_idle(quiet)
         return count
 
     def expect_every_record(self, files: "list[Path]") -> None:
