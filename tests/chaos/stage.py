@@ -257,6 +257,7 @@ class Stage:
     def _end_listener(self) -> None:
         self.listener.kill()
         self.listener.expect_no_process(TIMEOUT)
+        self.listener.close()  # It also ends what Wine has left in its loader.
 
     def holdings(self) -> tuple[int, int, int]:
         """The listener's threads, descriptors and, under Wine, handles. A descriptor of Wine's is a
