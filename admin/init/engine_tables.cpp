@@ -71,7 +71,7 @@ Names engine_tables(const Setup& setup) {
   StatementResult result;
   const bool answered =
       ensure_session(session) && execute_statement(session, "list table;", kMaxRowsLimit, result);
-  const Names names = answered ? names_in(result.text) : Names();
+  Names names = answered ? names_in(result.text) : Names();
   disconnect(session);
   if (!answered) refuse_login();
   return names;

@@ -14,30 +14,30 @@ namespace kova {
 namespace {
 
 struct Kind {
-  std::uint32_t magic;
   const char* name;
+  std::uint32_t magic;
   bool is_remote;
   bool is_in_memory;
 };
 
 // Numbers that the header does not name are those of statfs(2).
 constexpr Kind kKinds[] = {
-    {.magic = EXT4_SUPER_MAGIC, .name = "ext4", .is_remote = false, .is_in_memory = false},
-    {.magic = BTRFS_SUPER_MAGIC, .name = "btrfs", .is_remote = false, .is_in_memory = false},
-    {.magic = XFS_SUPER_MAGIC, .name = "xfs", .is_remote = false, .is_in_memory = false},
-    {.magic = 0x2fc12fc1, .name = "zfs", .is_remote = false, .is_in_memory = false},
-    {.magic = F2FS_SUPER_MAGIC, .name = "f2fs", .is_remote = false, .is_in_memory = false},
-    {.magic = OVERLAYFS_SUPER_MAGIC, .name = "overlay", .is_remote = false, .is_in_memory = false},
-    {.magic = TMPFS_MAGIC, .name = "tmpfs", .is_remote = false, .is_in_memory = true},
-    {.magic = RAMFS_MAGIC, .name = "ramfs", .is_remote = false, .is_in_memory = true},
-    {.magic = NFS_SUPER_MAGIC, .name = "nfs", .is_remote = true, .is_in_memory = false},
-    {.magic = SMB_SUPER_MAGIC, .name = "smb", .is_remote = true, .is_in_memory = false},
-    {.magic = CIFS_SUPER_MAGIC, .name = "cifs", .is_remote = true, .is_in_memory = false},
-    {.magic = SMB2_SUPER_MAGIC, .name = "smb2", .is_remote = true, .is_in_memory = false},
-    {.magic = V9FS_MAGIC, .name = "9p", .is_remote = true, .is_in_memory = false},
-    {.magic = CEPH_SUPER_MAGIC, .name = "ceph", .is_remote = true, .is_in_memory = false},
-    {.magic = AFS_SUPER_MAGIC, .name = "afs", .is_remote = true, .is_in_memory = false},
-    {.magic = FUSE_SUPER_MAGIC, .name = "fuse", .is_remote = true, .is_in_memory = false},
+    {.name = "ext4", .magic = EXT4_SUPER_MAGIC, .is_remote = false, .is_in_memory = false},
+    {.name = "btrfs", .magic = BTRFS_SUPER_MAGIC, .is_remote = false, .is_in_memory = false},
+    {.name = "xfs", .magic = XFS_SUPER_MAGIC, .is_remote = false, .is_in_memory = false},
+    {.name = "zfs", .magic = 0x2fc12fc1, .is_remote = false, .is_in_memory = false},
+    {.name = "f2fs", .magic = F2FS_SUPER_MAGIC, .is_remote = false, .is_in_memory = false},
+    {.name = "overlay", .magic = OVERLAYFS_SUPER_MAGIC, .is_remote = false, .is_in_memory = false},
+    {.name = "tmpfs", .magic = TMPFS_MAGIC, .is_remote = false, .is_in_memory = true},
+    {.name = "ramfs", .magic = RAMFS_MAGIC, .is_remote = false, .is_in_memory = true},
+    {.name = "nfs", .magic = NFS_SUPER_MAGIC, .is_remote = true, .is_in_memory = false},
+    {.name = "smb", .magic = SMB_SUPER_MAGIC, .is_remote = true, .is_in_memory = false},
+    {.name = "cifs", .magic = CIFS_SUPER_MAGIC, .is_remote = true, .is_in_memory = false},
+    {.name = "smb2", .magic = SMB2_SUPER_MAGIC, .is_remote = true, .is_in_memory = false},
+    {.name = "9p", .magic = V9FS_MAGIC, .is_remote = true, .is_in_memory = false},
+    {.name = "ceph", .magic = CEPH_SUPER_MAGIC, .is_remote = true, .is_in_memory = false},
+    {.name = "afs", .magic = AFS_SUPER_MAGIC, .is_remote = true, .is_in_memory = false},
+    {.name = "fuse", .magic = FUSE_SUPER_MAGIC, .is_remote = true, .is_in_memory = false},
 };
 
 }  // namespace
