@@ -87,7 +87,7 @@ Decision parse_line(std::string_view text) {
 }  // namespace
 
 std::shared_ptr<std::string> add_journal_option(CLI::App& parser) {
-  const auto path = std::make_shared<std::string>();
+  auto path = std::make_shared<std::string>();
   parser.add_option("--journal", *path, "The journal of decisions; else KOVA_ADMIN_JOURNAL")
       ->type_name("FILE");
   return path;

@@ -64,7 +64,8 @@ std::string statement_of_message(std::string_view text) {
     throw Refusal(std::string(kWriteArgumentsMessage));
   }
   refuse_escaped_nul(doc.raw(json_find(doc, arguments, "sql")));
-  return sql.c_str();
+  sql.resize(sql.find('\0'));
+  return sql;
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ void clear_server_variables() {
 }  // namespace
 
 std::shared_ptr<std::string> add_env_option(CLI::App& parser) {
-  const auto path = std::make_shared<std::string>();
+  auto path = std::make_shared<std::string>();
   parser.add_option("--env", *path, "The environment file of the deployment")->type_name("FILE");
   return path;
 }
