@@ -128,8 +128,9 @@ Check check_permissions(const DeploymentFiles& files) {
   if (!files.environment.empty()) {
     judge_readers(findings, "the environment file", files.environment);
   }
-  if (findings.is_ok())
+  if (findings.is_ok()) {
     findings.note("only their owners and the administrator may change the files");
+  }
   return findings.finish();
 }
 
