@@ -83,6 +83,7 @@ RunCommand add_audit_export(CLI::App& parser) {
       ->required()
       ->type_name("MODEL");
   parser.add_option("--output", options->output, "Where to write; without it standard output")
+      ->check(not_empty())
       ->type_name("FILE");
   add_filter_options(parser, options->filter);
   parser.add_option("FILE", options->files, "Audit files in their order, .gz too; - for one")

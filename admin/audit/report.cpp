@@ -72,8 +72,10 @@ RunCommand add_audit_report(CLI::App& parser) {
       ->check(CLI::IsMember({"html", "text", "json", "csv"}))
       ->type_name("FORMAT");
   parser.add_option("--output", options->output, "Where to write; without it standard output")
+      ->check(not_empty())
       ->type_name("FILE");
   parser.add_option("--journal", options->journal, "The operator's journal: who approved, and why")
+      ->check(not_empty())
       ->type_name("FILE");
   add_filter_options(parser, options->filter);
   parser.add_option("FILE", options->files, "Audit files in their order, .gz too; - for one")

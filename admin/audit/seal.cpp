@@ -87,6 +87,7 @@ int run(const Options& options) {
 RunCommand add_audit_seal(CLI::App& parser) {
   const auto options = std::make_shared<Options>();
   parser.add_option("--to", options->seals, "The file of seals; made when it is missing")
+      ->check(not_empty())
       ->required()
       ->type_name("SEALS");
   parser.add_option("FILE", options->files, "Rotated audit files in their order, .gz too")
