@@ -74,8 +74,7 @@ ReadFile read_audit_file(const std::string& name, const TakeBytes& take, Progres
   return {.sha256 = hash.finish(), .is_whole = !is_compressed || gunzip.is_whole()};
 }
 
-ReadFile read_whole_audit_file(const std::string& name, const TakeBytes& take,
-                               Progress& progress) {
+ReadFile read_whole_audit_file(const std::string& name, const TakeBytes& take, Progress& progress) {
   ReadFile read = read_audit_file(name, take, progress);
   if (!read.is_whole) throw Refusal(name + ": the compressed file is broken or cut short");
   return read;

@@ -19,7 +19,7 @@ inline constexpr std::string_view kStandardInput = "-";
 
 /// What is known of a file after it was read.
 struct ReadFile {
-  std::string sha256;   ///< of the file as it lies
+  std::string sha256;    ///< of the file as it lies
   bool is_whole = true;  ///< false for a compressed file that is broken or cut short
 };
 

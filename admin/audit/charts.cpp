@@ -48,9 +48,10 @@ double scaled(std::uint64_t number, Scale scale) {
 }
 
 std::string rect(const char* name, double x, double y, double width, double height) {
-  return fmt::format("<rect class=\"{}\" x=\"{:.2f}\" y=\"{:.2f}\" width=\"{:.2f}\" "
-                     "height=\"{:.2f}\"/>",
-                     name, x, y, width, height);
+  return fmt::format(
+      "<rect class=\"{}\" x=\"{:.2f}\" y=\"{:.2f}\" width=\"{:.2f}\" "
+      "height=\"{:.2f}\"/>",
+      name, x, y, width, height);
 }
 
 std::string bar_label(const std::string& label) {
@@ -111,16 +112,16 @@ std::string bar_chart(const ChartTitle& title, const std::vector<BarRow>& rows, 
   std::string svg = opening(title, kRowHeight * static_cast<double>(rows.size()) + 6);
   double y = 4;
   for (const BarRow& row : rows) {
-    svg += fmt::format("<g><title>{}: {}</title><text class=\"end\" x=\"{:g}\" y=\"{:g}\">{}</text>",
-                       html_text(row.label), html_escape(row.value), kLabelWidth - 6,
-                       y + kBarHeight - 2, html_escape(bar_label(row.label)));
+    svg +=
+        fmt::format("<g><title>{}: {}</title><text class=\"end\" x=\"{:g}\" y=\"{:g}\">{}</text>",
+                    html_text(row.label), html_escape(row.value), kLabelWidth - 6,
+                    y + kBarHeight - 2, html_escape(bar_label(row.label)));
     double x = kLabelWidth;
     const std::uint64_t sum = std::max<std::uint64_t>(sum_of(row.parts), 1);
     const double length = kBarWidth * scaled(sum_of(row.parts), scale) / scaled(largest, scale);
     for (std::size_t part = 0; part < row.parts.size(); ++part) {
       if (row.parts[part] == 0) continue;
-      const double width =
-          length * static_cast<double>(row.parts[part]) / static_cast<double>(sum);
+      const double width = length * static_cast<double>(row.parts[part]) / static_cast<double>(sum);
       svg += rect(kPartClasses[part], x, y, std::max(width, 0.5), kBarHeight);
       x += width;
     }
@@ -145,8 +146,8 @@ std::string column_chart(const ChartTitle& title, const std::vector<Column>& col
       double y = kPlotTop + kPlotHeight;
       for (std::size_t part = 0; part < kEndings; ++part) {
         if (column.bin.calls[part] == 0) continue;
-        const double height = kPlotHeight * static_cast<double>(column.bin.calls[part]) /
-                              static_cast<double>(top);
+        const double height =
+            kPlotHeight * static_cast<double>(column.bin.calls[part]) / static_cast<double>(top);
         y -= height;
         svg += rect(kPartClasses[part], x, y, width, height);
       }

@@ -13,9 +13,9 @@ namespace kova::admin {
 
 /// One bar of a chart of horizontal bars.
 struct BarRow {
-  std::string label;  ///< untrusted text
+  std::string label;                 ///< untrusted text
   std::vector<std::uint64_t> parts;  ///< by Ending, or one part
-  std::string value;  ///< at the bar's end
+  std::string value;                 ///< at the bar's end
 };
 
 /// How long a bar is for its number.
@@ -41,7 +41,6 @@ struct Column {
   Bin bin;
 };
 
-[[nodiscard]] std::string column_chart(const ChartTitle& title,
-                                       const std::vector<Column>& columns);
+[[nodiscard]] std::string column_chart(const ChartTitle& title, const std::vector<Column>& columns);
 
 }  // namespace kova::admin

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "admin/audit/hashing_thread.h"
-#include "admin/audit/seals.h"
 #include "admin/common/refusal.h"
 
 namespace kova::admin {

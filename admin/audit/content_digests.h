@@ -10,6 +10,9 @@
 
 namespace kova::admin {
 
+/// Lines of a block.
+inline constexpr std::uint64_t kSealBlockLines = 1000;
+
 /// Takes content in pieces. Blocks end after each kSealBlockLines lines and after `sealed_lines`;
 /// what follows those is counted, and part of the whole alone.
 class ContentDigests {

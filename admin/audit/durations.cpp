@@ -42,8 +42,8 @@ void Durations::add_sparse(std::uint64_t duration_ms) {
 // The rank counts from 1. Divided first: a product could exceed 64 bits.
 std::optional<std::uint64_t> Durations::percentile(unsigned per_mille) const {
   if (count_ == 0) return std::nullopt;
-  const std::uint64_t rank = count_ / kParts * per_mille +
-                             (count_ % kParts * per_mille + kParts - 1) / kParts;
+  const std::uint64_t rank =
+      count_ / kParts * per_mille + (count_ % kParts * per_mille + kParts - 1) / kParts;
   std::uint64_t seen = 0;
   for (std::size_t value = 0; value < dense_.size(); ++value) {
     seen += dense_[value];

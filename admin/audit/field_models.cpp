@@ -1,6 +1,7 @@
 #include "admin/audit/field_models.h"
 
 #include <cstdint>
+#include <string_view>
 
 namespace kova::admin {
 
@@ -58,29 +59,29 @@ Json ecs_event(const AuditRecord& record) {
 Json ocsf_event(const AuditRecord& record) {
   constexpr int kClass = 6005;
   const int activity = ocsf_activity(record);
-  return {{"class_uid", kClass},
-          {"category_uid", 6},
-          {"activity_id", activity},
-          {"type_uid", kClass * 100 + activity},
-          {"severity_id", record.decision == "deny" ? 3 : 1},
-          {"time", record.time},
-          {"metadata",
-           {{"version", "1.6.0"},
-            {"product", {{"name", "kova-mcp"}}},
-            {"correlation_uid", record.correlation_id},
-            {"original_time", record.timestamp},
-            {"event_code", record.tool}}},
-          {"actor", {{"app_name", record.client}}},
-          {"database", {{"name", record.database}, {"type_id", 1}}},
-          {"type_id", 1},
-          {"status_id", record.ok() ? 1 : 2},
-          {"status_code", record.error_class},
-          {"status_detail", record.decision},
-          {"duration", record.duration_ms},
-          {"count", 1},
-          {"policy", {{"name", record.policy}}},
-          {"unmapped",
-           {{"objects", record.objects}, {"rows", record.rows}, {"bytes", record.bytes}}}};
+  return {
+      {"class_uid", kClass},
+      {"category_uid", 6},
+      {"activity_id", activity},
+      {"type_uid", kClass * 100 + activity},
+      {"severity_id", record.decision == "deny" ? 3 : 1},
+      {"time", record.time},
+      {"metadata",
+       {{"version", "1.6.0"},
+        {"product", {{"name", "kova-mcp"}}},
+        {"correlation_uid", record.correlation_id},
+        {"original_time", record.timestamp},
+        {"event_code", record.tool}}},
+      {"actor", {{"app_name", record.client}}},
+      {"database", {{"name", record.database}, {"type_id", 1}}},
+      {"type_id", 1},
+      {"status_id", record.ok() ? 1 : 2},
+      {"status_code", record.error_class},
+      {"status_detail", record.decision},
+      {"duration", record.duration_ms},
+      {"count", 1},
+      {"policy", {{"name", record.policy}}},
+      {"unmapped", {{"objects", record.objects}, {"rows", record.rows}, {"bytes", record.bytes}}}};
 }
 
 }  // namespace kova::admin

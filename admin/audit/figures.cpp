@@ -112,9 +112,8 @@ std::vector<RefusalRow> Figures::refusals() const {
     for (std::uint32_t tool = 0; tool <= TextTable::kOtherId; ++tool) {
       const Span& span = refusals_[reason * (TextTable::kOtherId + 1) + tool];
       if (span.count == 0) continue;
-      rows.push_back({.reason = static_cast<Reason>(reason),
-                      .tool = tools.texts().text(tool),
-                      .span = span});
+      rows.push_back(
+          {.reason = static_cast<Reason>(reason), .tool = tools.texts().text(tool), .span = span});
     }
     std::sort(rows.begin() + begin, rows.end(), [](const RefusalRow& a, const RefusalRow& b) {
       return a.span.count != b.span.count ? a.span.count > b.span.count : a.tool < b.tool;

@@ -74,10 +74,9 @@ JournalJoin::JournalJoin(const std::string& path) {
     }
   }
   for (auto& [key, entries] : waiting_) {
-    std::stable_sort(entries.begin(), entries.end(),
-                     [](const JournalEntry& a, const JournalEntry& b) {
-                       return a.decided < b.decided;
-                     });
+    std::stable_sort(
+        entries.begin(), entries.end(),
+        [](const JournalEntry& a, const JournalEntry& b) { return a.decided < b.decided; });
   }
 }
 
@@ -94,9 +93,9 @@ void JournalJoin::add_line(std::string_view line) {
   kept_ += kEntryCost + key.size() + decision.person.size() + decision.reason.size();
   if (kept_ > kMemoryLimit) throw Refusal("the journal is too large");
   waiting_[std::move(key)].push_back({.decided = *parse_time(decision.timestamp),
-                  .expires = *parse_time(*decision.expires_at),
-                  .person = std::move(decision.person),
-                  .reason = std::move(decision.reason)});
+                                      .expires = *parse_time(*decision.expires_at),
+                                      .person = std::move(decision.person),
+                                      .reason = std::move(decision.reason)});
 }
 
 const JournalEntry* JournalJoin::take(const AuditRecord& record) {

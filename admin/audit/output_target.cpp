@@ -31,8 +31,7 @@ OutputTarget::OutputTarget(const std::string& path, std::span<const std::string>
     : path_(path) {
   if (path_.empty()) return;
   check_path(path_, inputs);
-  const std::string partial =
-      text_of(path_of(path_).parent_path() / path_of(probe_name()));
+  const std::string partial = text_of(path_of(path_).parent_path() / path_of(probe_name()));
   if (!write_private_file(partial.c_str(), {}, FileUse::kData)) {
     throw Refusal(path_ + ": the file cannot be written");
   }

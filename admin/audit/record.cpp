@@ -45,8 +45,7 @@ constexpr NumberMember kNumberMembers[] = {
     {"rows", &AuditRecord::rows},
     {"bytes", &AuditRecord::bytes},
 };
-constexpr unsigned kAllMembers =
-    (1U << (std::size(kTextMembers) + std::size(kNumberMembers))) - 1U;
+constexpr unsigned kAllMembers = (1U << (std::size(kTextMembers) + std::size(kNumberMembers))) - 1U;
 
 /// Walks a line in the server's own form. Each function is false when the line goes on otherwise.
 class OwnForm {
@@ -212,8 +211,8 @@ bool AuditRecordReader::read_time(std::string_view text, AuditRecord& record) {
       !is_digit(p[22])) {
     return false;
   }
-  record.time = day_ + std::int64_t{1000} * ((hour * 60 + minute) * 60 + second) +
-                hundredths * 10 + (p[22] - '0');
+  record.time = day_ + std::int64_t{1000} * ((hour * 60 + minute) * 60 + second) + hundredths * 10 +
+                (p[22] - '0');
   return true;
 }
 

@@ -12,8 +12,8 @@ std::optional<UnixMs> time_of(const char* option, const std::optional<std::strin
   if (!text) return std::nullopt;
   const std::optional<UnixMs> time = parse_time(*text);
   if (!time) {
-    throw Refusal(fmt::format("{} {}: the time is not of the form 2026-11-21T11:45:51.158Z",
-                              option, *text));
+    throw Refusal(
+        fmt::format("{} {}: the time is not of the form 2026-11-21T11:45:51.158Z", option, *text));
   }
   return time;
 }

@@ -1,6 +1,10 @@
 #include <fmt/format.h>
 
 #include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "admin/audit/report_formats.h"
 #include "admin/common/json_output.h"
@@ -56,10 +60,9 @@ void write_row(const CsvRow& row, OutputTarget& out) {
   std::string line;
   const char* separator = "";
   for (const std::string_view value : std::initializer_list<std::string_view>{
-           row.table,  row.name,   row.client,   row.tool,  row.objects, row.timestamp,
-           row.decision, row.status, row.calls,    row.ok,    row.errors,  row.rows,
-           row.bytes,  row.duration, row.first,  row.last,  row.lines,   row.unreadable,
-           row.sha256}) {
+           row.table, row.name, row.client, row.tool, row.objects, row.timestamp, row.decision,
+           row.status, row.calls, row.ok, row.errors, row.rows, row.bytes, row.duration, row.first,
+           row.last, row.lines, row.unreadable, row.sha256}) {
     line += separator + field(value);
     separator = ",";
   }
@@ -99,8 +102,7 @@ void write_table(std::string_view name, const CountedTable& table, OutputTarget&
   }
 }
 
-void write_bin(std::string_view table, const std::string& name, const Bin& bin,
-               OutputTarget& out) {
+void write_bin(std::string_view table, const std::string& name, const Bin& bin, OutputTarget& out) {
   write_row({.table = table,
              .name = name,
              .calls = std::to_string(bin.total()),

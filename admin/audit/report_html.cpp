@@ -2,6 +2,11 @@
 
 #include <algorithm>
 #include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "admin/audit/charts.h"
 #include "admin/audit/html.h"
@@ -59,12 +64,14 @@ class HtmlReport {
                        "Calls that a kill switch or the policy's switch for providers refused.");
     write_top("slowest", "Slowest calls", figures_.slowest);
     write_top("largest", "Largest results", figures_.largest);
-    write_combinations("first-seen", "First seen", figures_.first_seen(),
-                       "Each client, tool and object that were seen together, by their first call.");
+    write_combinations(
+        "first-seen", "First seen", figures_.first_seen(),
+        "Each client, tool and object that were seen together, by their first call.");
     write_missing();
     write_provenance();
-    out_.write("</main>\n<footer class=\"soft\"><p>Times are UTC, as in the audit file.</p>"
-               "</footer>\n</body>\n</html>\n");
+    out_.write(
+        "</main>\n<footer class=\"soft\"><p>Times are UTC, as in the audit file.</p>"
+        "</footer>\n</body>\n</html>\n");
   }
 
  private:
@@ -86,10 +93,10 @@ class HtmlReport {
     }
     out_.write("</header>\n<nav aria-label=\"Sections\"><ul>");
     constexpr const char* kSections[][2] = {
-        {"charts", "Charts"},          {"sums", "Sums"},
-        {"refusals", "Refusals"},      {"writes", "Writes and approvals"},
-        {"switch", "Kill switches"},   {"slowest", "Slowest"},
-        {"largest", "Largest"},        {"first-seen", "First seen"},
+        {"charts", "Charts"},           {"sums", "Sums"},
+        {"refusals", "Refusals"},       {"writes", "Writes and approvals"},
+        {"switch", "Kill switches"},    {"slowest", "Slowest"},
+        {"largest", "Largest"},         {"first-seen", "First seen"},
         {"missing", "What is missing"}, {"provenance", "Provenance"}};
     for (const auto& [id, text] : kSections) {
       out_.write(fmt::format("<li><a href=\"#{}\">{}</a></li>", id, text));
@@ -130,8 +137,8 @@ class HtmlReport {
   }
 
   void section(const char* id, const char* title) {
-    out_.write(fmt::format("<section aria-labelledby=\"{}\"><h2 id=\"{}\">{}</h2>\n", id, id,
-                           title));
+    out_.write(
+        fmt::format("<section aria-labelledby=\"{}\"><h2 id=\"{}\">{}</h2>\n", id, id, title));
   }
 
   void end_section() { out_.write("</section>\n"); }
@@ -140,15 +147,17 @@ class HtmlReport {
 
   void write_charts() {
     section("charts", "Charts");
+    figures_.over_time.coarsen(kColumnLimit);
     out_.write(chart_patterns());
     out_.write("<ul class=\"legend\">");
     for (const auto& [name, text] : {std::pair("ok", "plain: succeeded"),
                                      std::pair("refused", "striped: refused by policy or checks"),
                                      std::pair("failed", "dotted: failed otherwise")}) {
-      out_.write(fmt::format("<li><svg viewBox=\"0 0 16 16\" aria-hidden=\"true\" "
-                             "focusable=\"false\"><rect class=\"{}\" width=\"16\" height=\"16\"/>"
-                             "</svg>{}</li>",
-                             name, text));
+      out_.write(
+          fmt::format("<li><svg viewBox=\"0 0 16 16\" aria-hidden=\"true\" "
+                      "focusable=\"false\"><rect class=\"{}\" width=\"16\" height=\"16\"/>"
+                      "</svg>{}</li>",
+                      name, text));
     }
     out_.write("</ul>\n<div class=\"charts\">\n");
     figure("Calls and refusals over time", time_chart(), width_text());
@@ -182,7 +191,7 @@ class HtmlReport {
     return text;
   }
 
-  std::string width_text() {
+  std::string width_text() const {
     constexpr UnixMs kMinute = 60000;
     const UnixMs minutes = figures_.over_time.width() / kMinute;
     if (minutes < 60) return fmt::format("One column for {} min.", minutes);
@@ -190,9 +199,8 @@ class HtmlReport {
     return fmt::format("One column for {} d.", minutes / 1440);
   }
 
-  std::string time_chart() {
-    TimeBins& over_time = figures_.over_time;
-    over_time.coarsen(kColumnLimit);
+  std::string time_chart() const {
+    const TimeBins& over_time = figures_.over_time;
     std::vector<Column> columns;
     const auto& bins = over_time.bins();
     if (!bins.empty()) {
@@ -221,7 +229,7 @@ class HtmlReport {
     return tip("In all", all) + ".";
   }
 
-  std::string hour_chart() {
+  std::string hour_chart() const {
     std::vector<Column> columns;
     std::size_t busiest = 0;
     for (std::size_t hour = 0; hour < figures_.hours.size(); ++hour) {
@@ -230,11 +238,11 @@ class HtmlReport {
                          .label = hour % 6 == 0 ? fmt::format("{:02}", hour) : std::string(),
                          .bin = figures_.hours[hour]});
     }
-    return column_chart({.id = "chart-hours",
-                         .title = "Calls by hour of the day",
-                         .description = fmt::format("Most calls between {:02}:00 and {:02}:59.",
-                                                    busiest, busiest)},
-                        columns);
+    return column_chart(
+        {.id = "chart-hours",
+         .title = "Calls by hour of the day",
+         .description = fmt::format("Most calls between {:02}:00 and {:02}:59.", busiest, busiest)},
+        columns);
   }
 
   static std::string table_chart(const char* id, const char* title, const CountedTable& table) {
@@ -259,7 +267,7 @@ class HtmlReport {
     return text;
   }
 
-  std::string duration_chart() {
+  std::string duration_chart() const {
     std::vector<BarRow> bars;
     std::string description;
     for (const auto& [per_mille, name] :
@@ -271,19 +279,19 @@ class HtmlReport {
       bars.push_back({.label = name, .parts = {*value}, .value = grouped(*value) + " ms"});
       description += fmt::format("{} {} ms. ", name, grouped(*value));
     }
-    return bar_chart({.id = "chart-durations",
-                      .title = "Durations by percentile",
-                      .description = description},
-                     bars, Scale::kLogarithmic);
+    return bar_chart(
+        {.id = "chart-durations", .title = "Durations by percentile", .description = description},
+        bars, Scale::kLogarithmic);
   }
 
   // tables
 
   /// A table in a box that scrolls where the page is too narrow.
   void open_table(const std::string& caption, std::initializer_list<Heading> headings) {
-    out_.write(fmt::format("<div class=\"scroll\" role=\"region\" tabindex=\"0\" "
-                           "aria-label=\"{}\"><table><caption>{}</caption><thead><tr>",
-                           html_escape(caption), html_escape(caption)));
+    out_.write(
+        fmt::format("<div class=\"scroll\" role=\"region\" tabindex=\"0\" "
+                    "aria-label=\"{}\"><table><caption>{}</caption><thead><tr>",
+                    html_escape(caption), html_escape(caption)));
     for (const Heading& heading : headings) {
       out_.write(fmt::format("<th scope=\"col\"{}>{}</th>",
                              heading.is_number ? " class=\"number\"" : "", heading.text));
@@ -304,8 +312,8 @@ class HtmlReport {
     out_.write("</tbody></table></div>\n");
     if (rows == 0) out_.write("<p>None.</p>\n");
     if (rows > limit) {
-      out_.write(fmt::format("<p>And {} more, which --format csv writes.</p>\n",
-                             grouped(rows - limit)));
+      out_.write(
+          fmt::format("<p>And {} more, which --format csv writes.</p>\n", grouped(rows - limit)));
     }
   }
 
@@ -318,12 +326,9 @@ class HtmlReport {
   }
 
   void write_table(const char* caption, const char* name, const CountedTable& table) {
-    open_table(caption, {{name},
-                         {"Calls", true},
-                         {"Ok", true},
-                         {"Errors", true},
-                         {"Rows", true},
-                         {"Bytes", true}});
+    open_table(
+        caption,
+        {{name}, {"Calls", true}, {"Ok", true}, {"Errors", true}, {"Rows", true}, {"Bytes", true}});
     const auto rows = table.rows();
     for (std::size_t i = 0; i < rows.size() && i < kRowLimit; ++i) {
       const Counts& counts = rows[i].counts;
@@ -359,8 +364,9 @@ class HtmlReport {
           "by policy, client, database, table and time: the record names no digest.</p>\n",
           grouped(frame_.journal_approved), grouped(frame_.journal_declined)));
     }
-    open_table("Every write and proposal",
-               {{"Time"}, {"Client"}, {"Table"}, {"Decision"}, {"Status"}, {"Approved by"}, {"Why"}});
+    open_table(
+        "Every write and proposal",
+        {{"Time"}, {"Client"}, {"Table"}, {"Decision"}, {"Status"}, {"Approved by"}, {"Why"}});
     std::uint64_t count = 0;
     figures_.writes.for_each([&](const std::string& line) {
       if (++count > kWriteLimit) return;
@@ -428,8 +434,12 @@ class HtmlReport {
       return time ? time_cell(*time) : text_cell("none");
     };
     for (const FileFacts& file : log_.files) {
-      row({text_cell(file.name), {.name = "hash", .html = file.sha256}, number_cell(file.lines),
-           number_cell(file.unreadable), time_or_none(file.first), time_or_none(file.last)});
+      row({text_cell(file.name),
+           {.name = "hash", .html = file.sha256},
+           number_cell(file.lines),
+           number_cell(file.unreadable),
+           time_or_none(file.first),
+           time_or_none(file.last)});
     }
     close_table(log_.files.size(), log_.files.size());
     open_table("Gaps of more than 24 hours, and clocks that went back",

@@ -1,3 +1,6 @@
+#include <optional>
+#include <string>
+
 #include "admin/audit/report_formats.h"
 #include "admin/common/json_output.h"
 

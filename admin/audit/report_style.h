@@ -26,9 +26,9 @@ nav ul{list-style:none;margin:.6rem 0;padding:0;display:flex;flex-wrap:wrap;gap:
 nav a{display:inline-block;padding:.3rem 0}
 .soft,caption,figcaption{color:var(--soft)}
 .sums{display:flex;flex-wrap:wrap;gap:.6rem;margin:1rem 0;padding:0;list-style:none}
-.sums li{flex:1 1 8rem;border:1px solid var(--line);border-radius:.4rem;padding:.5rem .8rem;
+.sums li{flex:1 1 9rem;border:1px solid var(--line);border-radius:.4rem;padding:.5rem .8rem;
 background:var(--band)}
-.sums b{display:block;font-size:1.35rem;font-variant-numeric:tabular-nums;overflow-wrap:anywhere}
+.sums b{display:block;font-size:1.15rem;font-variant-numeric:tabular-nums;overflow-wrap:anywhere}
 .charts{display:grid;gap:1rem;grid-template-columns:repeat(auto-fit,minmax(min(100%,26rem),1fr))}
 figure{margin:0;border:1px solid var(--line);border-radius:.4rem;padding:.6rem .8rem;
 break-inside:avoid}

@@ -1,5 +1,10 @@
 #include <fmt/format.h>
 
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include "admin/audit/report_formats.h"
 #include "admin/common/json_output.h"
 #include "admin/common/output.h"
@@ -114,9 +119,7 @@ class TextReport {
     figures_.writes.for_each([&](const std::string& text) {
       if (++count > kRowsShown) return;
       const Json write = Json::parse(text);
-      const auto member = [&](const char* name) {
-        return shown(write.value(name, std::string()));
-      };
+      const auto member = [&](const char* name) { return shown(write.value(name, std::string())); };
       std::string who;
       if (write.contains("operator")) {
         who = fmt::format("  by {}: {}", member("operator"), member("reason"));

@@ -1,5 +1,10 @@
 #include <fmt/format.h>
 
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include "admin/audit/report_formats.h"
 #include "admin/common/printable.h"
 #include "base/string_scan.h"
@@ -59,8 +64,7 @@ std::string grouped(std::uint64_t number) {
 std::string_view reason_meaning(Reason reason) {
   constexpr std::string_view kTexts[kReasons] = {
       "refused by the policy, or an approval token that was not accepted",
-      "a provider is switched off",
-      "a write came without an approval; nothing ran",
+      "a provider is switched off", "a write came without an approval; nothing ran",
       "kova_query: refused by the checks of the statement, or bad arguments",
       "refused by the engine or a limit, or bad arguments"};
   return kTexts[static_cast<std::size_t>(reason)];

@@ -95,7 +95,8 @@ RunCommand add_audit_seal(CLI::App& parser) {
   parser.footer(
       "Appends one line a file to SEALS: digests of the file and of every 1,000 lines, its number\n"
       "of lines, its times, and the digest of the line before. Prints one line to keep where the\n"
-      "server's account cannot write. A file must keep the name under which it was sealed, but for\n"
+      "server's account cannot write. A file must keep the name under which it was sealed, but "
+      "for\n"
       "a .gz after it. Exit codes: 0 all files are sealed, 2 none is.");
   return [options] { return run(*options); };
 }

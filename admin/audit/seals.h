@@ -15,11 +15,10 @@
 #include <string_view>
 #include <vector>
 
+#include "admin/audit/content_digests.h"
 #include "admin/audit/progress.h"
 
 namespace kova::admin {
-
-inline constexpr std::uint64_t kSealBlockLines = 1000;
 
 struct Seal {
   std::string file;  ///< the name under which it was sealed
@@ -62,7 +61,8 @@ struct SealsLine {
 
 /// Gives each line of a file of seals. Returns the file's size in bytes. Throws Refusal when it
 /// cannot be read.
-std::uint64_t read_seals(const std::string& path, const std::function<void(const SealsLine&)>& take);
+std::uint64_t read_seals(const std::string& path,
+                         const std::function<void(const SealsLine&)>& take);
 
 /// Lines of a file that are not what was sealed.
 struct LineRange {

@@ -1,6 +1,7 @@
 // A list of texts of any length, in bounded memory.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <functional>

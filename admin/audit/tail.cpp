@@ -28,8 +28,8 @@ class Screen {
 
   void take(std::string_view line) {
     AuditRecord record;
-    std::string text = reader_.read(line, record) ? record_line(record, colour_)
-                                                  : unreadable_line(line);
+    std::string text =
+        reader_.read(line, record) ? record_line(record, colour_) : unreadable_line(line);
     text += '\n';
     if (is_live_) {
       print(text);

@@ -10,8 +10,8 @@ constexpr UnixMs kMinute = 60 * 1000;
 constexpr UnixMs kHour = 60 * kMinute;
 constexpr UnixMs kDay = 24 * kHour;
 /// Each is a multiple of the one before.
-constexpr UnixMs kWidths[] = {kMinute,   5 * kMinute, 15 * kMinute, kHour,      6 * kHour,  kDay,
-                              7 * kDay,  28 * kDay,   364 * kDay,   3640 * kDay, 36400 * kDay};
+constexpr UnixMs kWidths[] = {kMinute,  5 * kMinute, 15 * kMinute, kHour,       6 * kHour,   kDay,
+                              7 * kDay, 28 * kDay,   364 * kDay,   3640 * kDay, 36400 * kDay};
 
 /// Rounded down, before 1970 too.
 std::int64_t bin_of(UnixMs time, UnixMs width) {

@@ -38,9 +38,8 @@ class TopCalls {
  private:
   void insert(std::uint64_t value, const AuditRecord& record) {
     if (calls_.size() == kLimit) calls_.pop_back();
-    const auto place =
-        std::find_if(calls_.begin(), calls_.end(),
-                     [value](const TopCall& call) { return call.value < value; });
+    const auto place = std::find_if(calls_.begin(), calls_.end(),
+                                    [value](const TopCall& call) { return call.value < value; });
     calls_.insert(place, {.value = value,
                           .timestamp = std::string(record.timestamp),
                           .client = std::string(record.client),

@@ -66,8 +66,7 @@ bool Sha256Stream::add(std::string_view data) {
   while (!data.empty()) {
     const std::size_t size = data.size() < kPieceLimit ? data.size() : kPieceLimit;
     const auto bytes = reinterpret_cast<PUCHAR>(const_cast<char*>(data.data()));
-    if (!BCRYPT_SUCCESS(
-            state_->hash_data(state_->hash, bytes, static_cast<ULONG>(size), 0))) {
+    if (!BCRYPT_SUCCESS(state_->hash_data(state_->hash, bytes, static_cast<ULONG>(size), 0))) {
       return false;
     }
     data.remove_prefix(size);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -169,12 +170,15 @@ TEST(TopCalls, KeepsTheLargestAndTheEarlierOfEqualOnes) {
 
 TEST(Figures, TellRefusalsFromFailures) {
   Figures figures(nullptr);
-  const char* const cases[][4] = {
-      {"kova_query", "allow", "policy-select", "ok"},  {"kova_query", "allow", "", "error"},
-      {"kova_query", "allow", "policy-select", "error"}, {"kova_query", "deny", "", "error"},
-      {"kova_ai_status", "kill_switch", "C,P", "error"}, {"kova_execute", "approval_required", "T", "error"},
-      {"kova_execute", "approval_accepted", "T", "error"}, {"kova_execute", "deny", "T", "error"},
-      {"kova_list_tables", "allow", "", "error"}};
+  const char* const cases[][4] = {{"kova_query", "allow", "policy-select", "ok"},
+                                  {"kova_query", "allow", "", "error"},
+                                  {"kova_query", "allow", "policy-select", "error"},
+                                  {"kova_query", "deny", "", "error"},
+                                  {"kova_ai_status", "kill_switch", "C,P", "error"},
+                                  {"kova_execute", "approval_required", "T", "error"},
+                                  {"kova_execute", "approval_accepted", "T", "error"},
+                                  {"kova_execute", "deny", "T", "error"},
+                                  {"kova_list_tables", "allow", "", "error"}};
   for (const auto& [tool, decision, objects, status] : cases) {
     AuditRecord record = record_of("a");
     record.tool = tool;
@@ -256,9 +260,9 @@ TEST(Html, HashesContent) {
 }
 
 TEST(Charts, HoldNoMarkupOfTheirData) {
-  const std::string chart = bar_chart({.id = "i", .title = "t", .description = "<d>"},
-                                      {{.label = "<l>", .parts = {1, 2, 3}, .value = "<v>"}},
-                                      Scale::kLinear);
+  const std::string chart =
+      bar_chart({.id = "i", .title = "t", .description = "<d>"},
+                {{.label = "<l>", .parts = {1, 2, 3}, .value = "<v>"}}, Scale::kLinear);
   EXPECT_EQ(chart.find("<l>"), std::string::npos);
   EXPECT_EQ(chart.find("<d>"), std::string::npos);
   EXPECT_EQ(chart.find("<v>"), std::string::npos);

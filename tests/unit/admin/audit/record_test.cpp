@@ -67,7 +67,12 @@ TEST(AuditRecordReader, ReadsWhatTheServerWrites) {
   TextOut(context.tool).copy_cut("kova_query");
   TextOut(context.correlation_id).copy_cut(R"(a"b\c)");
   const AuditIdentity identity{.client = "\"\\", .database = "D", .policy = "p"};
-  const UtcTime now{.year = 2026, .month = 2, .day = 28, .hour = 23, .minute = 59, .second = 59,
+  const UtcTime now{.year = 2026,
+                    .month = 2,
+                    .day = 28,
+                    .hour = 23,
+                    .minute = 59,
+                    .second = 59,
                     .millisecond = 999};
   ASSERT_TRUE(format_audit_record(context, identity, {.success = true, .rows = 1, .bytes = 2}, now,
                                   7, record_text));
@@ -118,14 +123,12 @@ TEST(AuditRecordReader, RefusesWhatIsNoRecord) {
 
 TEST(AuditRecordReader, RefusesMembersOfAnotherType) {
   const char* const cases[][2] = {
-      {"\"3\"", "3"},       {"\"desk\"", "null"}, {"\"ok\"", "true"},
-      {":13", ":\"13\""},   {":13", ":-1"},       {":13", ":1.5"},
-      {":13", ":1e3"},      {":13", ":null"},     {":13", ":01"},
-      {":119", ":[119]"},   {"\"none\"", "{}"},   {"T11", "t11"},
-      {"2026-11", "2026-13"}, {"11-21", "11-31"}, {"11:45", "24:45"},
-      {":45:", ":60:"},     {":51.", ":60."},     {".158Z", ".15Z"},
-      {".158Z", ".158z"},   {".158Z", ".1x8Z"},   {"desk", "a\x01z"},
-      {"desk", "\xFF"},     {"desk", "\\ud800"},  {"desk", "\\x"},
+      {"\"3\"", "3"},         {"\"desk\"", "null"}, {"\"ok\"", "true"},  {":13", ":\"13\""},
+      {":13", ":-1"},         {":13", ":1.5"},      {":13", ":1e3"},     {":13", ":null"},
+      {":13", ":01"},         {":119", ":[119]"},   {"\"none\"", "{}"},  {"T11", "t11"},
+      {"2026-11", "2026-13"}, {"11-21", "11-31"},   {"11:45", "24:45"},  {":45:", ":60:"},
+      {":51.", ":60."},       {".158Z", ".15Z"},    {".158Z", ".158z"},  {".158Z", ".1x8Z"},
+      {"desk", "a\x01z"},     {"desk", "\xFF"},     {"desk", "\\ud800"}, {"desk", "\\x"},
   };
   for (const auto& [from, to] : cases) EXPECT_FALSE(readable(changed(from, to))) << to;
 }

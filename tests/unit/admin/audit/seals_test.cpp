@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "admin/audit/content_digests.h"
 
@@ -82,11 +84,10 @@ TEST(Seals, OfAnotherFormAreNone) {
   const std::string good = R"({"file":"f","sha256":")" + digest +
                            R"(","lines":0,"first":null,"last":null,"blocks":[],"previous":null})";
   EXPECT_TRUE(parse_seal(good));
-  for (const auto& [from, to] : {std::pair("\"lines\":0", "\"lines\":-1"),
-                                 std::pair("\"blocks\":[]", "\"blocks\":[\"x\"]"),
-                                 std::pair("\"previous\":null", "\"previous\":\"x\""),
-                                 std::pair("\"file\":\"f\"", "\"file\":1"),
-                                 std::pair("\"aaaa", "\"aaaax")}) {
+  for (const auto& [from, to] :
+       {std::pair("\"lines\":0", "\"lines\":-1"), std::pair("\"blocks\":[]", "\"blocks\":[\"x\"]"),
+        std::pair("\"previous\":null", "\"previous\":\"x\""),
+        std::pair("\"file\":\"f\"", "\"file\":1"), std::pair("\"aaaa", "\"aaaax")}) {
     std::string bad = good;
     bad.replace(bad.find(from), std::string(from).size(), to);
     EXPECT_FALSE(parse_seal(bad)) << bad;
@@ -104,8 +105,9 @@ TEST(KeptLine, IsWrittenAndRead) {
     EXPECT_EQ(read->number, 12U);
     EXPECT_EQ(read->digest, kept.digest);
   }
-  for (const std::string& bad : {std::string(), std::string("kova-seal"), "kova-seal 0 " + kept.digest,
-                                 "kova-seal x " + kept.digest, text + "a", text.substr(0, 70)}) {
+  for (const std::string& bad :
+       {std::string(), std::string("kova-seal"), "kova-seal 0 " + kept.digest,
+        "kova-seal x " + kept.digest, text + "a", text.substr(0, 70)}) {
     EXPECT_FALSE(parse_kept(bad)) << bad;
   }
 }
