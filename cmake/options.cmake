@@ -16,6 +16,12 @@ if(KOVA_SANITIZE)
     $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
+option(KOVA_COVERAGE "count the lines and branches of src/ that run (gcc)" OFF)
+if(KOVA_COVERAGE)
+  # Several threads count; branches stand as they are written, not as inlined.
+  set(KOVA_COUNTING --coverage -fprofile-update=atomic -O0 -fno-inline)
+endif()
+
 add_library(kova_hardening INTERFACE)
 # A failed assertion of the standard library ends in src/base/failed_assertion.cpp. This version of
 # clang keeps zeroed variables behind a further option.

@@ -7,6 +7,8 @@ readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
   curl jq haproxy locales systemd)
+readonly -a MODELS=(spin)
+readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
@@ -27,6 +29,8 @@ it prints the one command that installs them, and ends with exit code 1.
   proxy    the TLS proxy of ./run http; none of the system's services is started
   test     what ./test needs beside these, Node.js (any from version $NODE_MINIMUM on) included, and
            the packages that tests/interop/package-lock.json pins
+  models   the model checker of tests/models; test includes it
+  coverage what writes the report of ./test --coverage
   index    Debian's package index, which the sample data is made from
 EOF
 }
@@ -121,9 +125,11 @@ main() {
       windows) packages+=("${WINDOWS[@]}") ;;
       proxy) packages+=("${PROXY[@]}") ;;
       test)
-        packages+=("${TEST[@]}" "${PROXY[@]}")
+        packages+=("${TEST[@]}" "${PROXY[@]}" "${MODELS[@]}")
         test=1
         ;;
+      models) packages+=("${MODELS[@]}") ;;
+      coverage) packages+=("${COVERAGE[@]}") ;;
       index) index=1 ;;
       *) refuse "unknown group $group; try --help" ;;
     esac

@@ -5,6 +5,7 @@
     ./test --full          every ring
     ./test --quick         checks, unit tests and the short end-to-end tests of Linux
     ./test RING ...        these rings alone, and the builds that they need
+    ./test --coverage      the lines and branches of src/ that tests run, in build/coverage/report
 
   checks             layers, includes, platform conditions, formatting, no address in lock files
   unit-linux         unit tests, and what secrets leave on the stack
