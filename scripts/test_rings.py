@@ -24,6 +24,7 @@ With --full, or by name:
   unit-tsan          unit tests under the thread sanitizer
   e2e-tsan           the tests of the servers' threads under it
   fuzz               every fuzzer for a bounded number of runs
+  models             models of the threads' protocols: every interleaving, and their mutations
 
 A line says when a build or ring ends, how it went, its seconds and the processor's seconds. The
 logs are in build/test-logs/. The last line is 'N passed, N failed'; the exit code is 1 when
@@ -172,6 +173,7 @@ def rings(quick: bool) -> list[Step]:
         Step("fuzz", [Command(["ctest", "--test-dir", "build/fuzz/tests/fuzz",
                                "--output-on-failure", "--output-junit", str(fuzz_results)],
                               fuzz_results)], ("build-fuzz",)),
+        Step("models", [Command(["tests/models/run"], name="models of the threads' protocols")]),
         Step("lint", [Command(["scripts/check_lint.sh", "build/linux"])], ("build-linux",),
              frozenset({"processors"})),
     ]
