@@ -10,7 +10,7 @@
 
 namespace kova_bench {
 
-/// `run` does the work once and answers whether it went well.
+/// `run` does the work once and returns whether it went well.
 inline void register_contender(const std::string& group, const std::string& input,
                                const std::string& contender, std::size_t bytes,
                                std::function<bool()> run) {

@@ -94,7 +94,7 @@ void register_parse(const JsonInput& input) {
 }
 
 /// What the dispatcher reads of a message, and the long text of the arguments. Every contender
-/// answers the number of bytes, which must be the same.
+/// returns the number of bytes, which must be the same.
 std::size_t take_ours(Ours& ours, const JsonInput& input) {
   const auto take = [&](int index) {
     kova::TextOut out(ours.text.data(), ours.text.size());

@@ -7,7 +7,7 @@
 
 namespace kova_bench {
 
-/// One thing that is measured: `run` does it once and answers the milliseconds that it took, or a
+/// One thing that is measured: `run` does it once and returns the milliseconds that it took, or a
 /// negative number when it failed.
 struct Subject {
   std::string name;
@@ -18,7 +18,7 @@ struct Subject {
 using Samples = std::vector<double>;
 
 /// Runs every subject once a round, first to last and last to first in turn, after some rounds
-/// that do not count. Answers the samples by subject; empty when a run has failed.
+/// that do not count. Returns the samples by subject; empty when a run has failed.
 [[nodiscard]] std::vector<Samples> run_rounds(const std::vector<Subject>& subjects, int rounds);
 
 /// The value below which this share of the samples lies; 0.5 is the median.

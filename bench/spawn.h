@@ -21,7 +21,8 @@ class Spawned {
   [[nodiscard]] bool start(const char* path, const char* argument = nullptr);
   [[nodiscard]] bool write(std::string_view bytes);
   /// Reads until a line feed, which stays out of the line. False at the end of output before one.
-  /// What follows the line feed in the same read is dropped: a program answers one line at a time.
+  /// What follows the line feed in the same read is dropped: a program replies to one line at a
+  /// time.
   [[nodiscard]] bool read_line(std::string& line);
   void close_input();
   /// Waits for the end; true for exit code 0.

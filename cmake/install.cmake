@@ -1,4 +1,4 @@
-# What is shipped: the server, the documents and the files for operators.
+# What is shipped: the server, the operator's tool, the documents and the files for operators.
 #
 # On Linux by the usual folders (bin/, share/doc/kova-mcp/). On Windows into one folder: the program
 # at its top, so that the client library can lie beside it, and docs/ and deploy/ below. The links
@@ -13,6 +13,9 @@ else()
 endif()
 
 install(TARGETS kova-mcp RUNTIME DESTINATION ${KOVA_INSTALL_PROGRAMS})
+if(KOVA_ADMIN)
+  install(TARGETS kova-admin RUNTIME DESTINATION ${KOVA_INSTALL_PROGRAMS})
+endif()
 install(FILES README.md CHANGELOG.md DESTINATION ${KOVA_INSTALL_DOCUMENTS})
 install(DIRECTORY docs deploy DESTINATION ${KOVA_INSTALL_DOCUMENTS} PATTERN "*.sh" EXCLUDE)
 install(DIRECTORY deploy DESTINATION ${KOVA_INSTALL_DOCUMENTS}

@@ -4,8 +4,6 @@
 # "TARGET.manifest", which is made from the one that all programs share.
 function(kova_windows_resources target rc)
   set(KOVA_PROGRAM ${target})
-  set(KOVA_VERSION_LABEL
-    "${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}-m${PROJECT_VERSION_PATCH}")
   set(made ${CMAKE_CURRENT_BINARY_DIR}/${target})
   configure_file(${CMAKE_CURRENT_SOURCE_DIR}/${rc} ${made}.rc @ONLY)
   configure_file(${PROJECT_SOURCE_DIR}/src/platform/win32/program.manifest.in ${made}.manifest

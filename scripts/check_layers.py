@@ -43,7 +43,7 @@ ONLY = {("json", "platform"): {"reply", "output_lock"}}
 ORDER = {
     "policy": [{"names", "sql_words"}, {"policy"}, {"predicates", "policy_file", "quick_select"},
                {"*"}],
-    "tools": [{"tool"}, {"tool_args", "tool_result"}, {"ai_collection"}, {"*"}, {"tool_table"},
+    "tools": [{"tool"}, {"tool_args"}, {"ai_collection"}, {"*"}, {"tool_table"},
               {"tool_call"}],
 }
 # What stands beside src/ and may include parts of it.
@@ -263,7 +263,7 @@ def check_platform(files, problems):
         match = PLATFORM_CONDITION.search(file.text)
         if match:
             problems.append(f"{file.name}: a platform condition ({match.group(1)})")
-        if file.top == "src" and any(PLATFORM_HEADER.fullmatch(name) for name in file.system):
+        if file.top in ("src", "admin") and any(PLATFORM_HEADER.fullmatch(name) for name in file.system):
             problems.append(f"{file.name}: a system header outside src/platform")
 
 

@@ -2,7 +2,8 @@
 # Installs what building, running and testing need, and nothing that is there already.
 set -euo pipefail
 
-readonly -a BUILD=(g++ cmake ninja-build libsodium-dev libsqlite3-dev python3)
+readonly -a BUILD=(g++ cmake ninja-build libsodium-dev libsqlite3-dev libcli11-dev libfmt-dev
+  nlohmann-json3-dev python3)
 readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev

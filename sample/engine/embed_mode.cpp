@@ -45,8 +45,9 @@ bool embed_database(const std::string& path, const std::string& database) {
   bring_up_to_date(*store, Retry::kFailedBuilds, progress_of(database));
   bool all = true;
   for (const std::string& name : collection_names(*store)) {
-    all =
-        print_result(database + "." + name, [&] { return count_of_vectors(*store, name); }) && all;
+    std::string subject = database;
+    subject.append(".").append(name);
+    all = print_result(subject, [&] { return count_of_vectors(*store, name); }) && all;
   }
   return all;
 }

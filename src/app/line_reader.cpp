@@ -41,7 +41,7 @@ void LineReader::discard_line() {
   }
 }
 
-// A line that began further back moves to the front once, so that it has room to the end.
+// Moves the unread rest to the front of the buffer first, so that a whole piece fits.
 bool LineReader::fill() {
   if (begin_ > 0) {
     std::memmove(buffer_, buffer_ + begin_, end_ - begin_);

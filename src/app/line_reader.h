@@ -7,16 +7,15 @@
 namespace kova {
 
 inline constexpr std::size_t kMessageLimit = 1048576;
-/// The most that one read takes: a message of the largest size and its line feed.
+/// Bytes of the longest piece: a message of the largest size and its line feed.
 inline constexpr std::size_t kPieceLimit = kMessageLimit + 1;
-/// Room for it, with a terminator.
+/// The longest piece and a terminator.
 inline constexpr std::size_t kLineBufferCapacity = kPieceLimit + 1;
 
-/// What one read took: up to and including a line feed, or as many bytes as a piece may have, or
-/// what was left at the end of input.
+/// One piece of the input. It ends after a line feed, at the piece limit, or at the end of input.
 struct Line {
   std::string_view text;
-  bool at_end_of_input;  ///< this read met the end; a full piece or a line feed ends a read before
+  bool at_end_of_input;  ///< cut by the end, not by a line feed or the piece limit
 };
 
 /// Cuts standard input into lines inside a buffer that the caller owns; the unread rest stays

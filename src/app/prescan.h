@@ -8,7 +8,7 @@
 
 namespace kova {
 
-/// The room for an id as it was received, with its terminator.
+/// An id as it was received, and a terminator.
 inline constexpr std::size_t kRawIdCapacity = 100;
 
 struct Prescan {
@@ -18,8 +18,8 @@ struct Prescan {
   char cancelled_id[kIdCapacity] = {};  ///< the cancel's requestId, decoded
 };
 
-/// Everything is clear and empty for a message that is no JSON object with a short method, and for
-/// one whose id has over 99 characters. The envelope and duplicate keys are not looked at.
+/// Returns an empty record for a message that does not parse, that has no method of at most 95
+/// bytes, or whose id has over 99 characters. Does not check the envelope or duplicate keys.
 [[nodiscard]] Prescan prescan(std::string_view message);
 
 }  // namespace kova

@@ -46,7 +46,7 @@ class StdioServer {
     if (text.empty()) return true;
     if (first_line_ && text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
     first_line_ = false;
-    // A line that a NUL has cut looks unterminated too.
+    // Without its line feed a line was cut, by the piece limit or by a NUL.
     if (!text.ends_with('\n') && !line.at_end_of_input) {
       lines_.discard_line();
       return refuse(error, kParseError, "MCP message exceeds 1048576 bytes");

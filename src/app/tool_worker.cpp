@@ -15,7 +15,7 @@ namespace kova {
 
 namespace {
 
-/// The most of a child's output that is passed on.
+/// Bytes of a child's output that are passed on; the rest is dropped.
 constexpr std::size_t kReplyLimit = kMessageLimit + 1;
 constexpr std::size_t kDrainSize = 4096;
 /// The exit code that stands for a child which never ran.
@@ -39,7 +39,8 @@ void withdraw(ToolState& state) {
   state.WorkerProcess = nullptr;
 }
 
-/// Reads the whole output; what the reply does not hold is read too, so that the child can end.
+/// Reads the whole output, also what does not fit the reply: a child that writes to a full pipe
+/// would not end.
 void read_reply(ChildProcess& child, Reply& reply) {
   while (reply.bytes && reply.length < kReplyLimit) {
     const std::size_t got =

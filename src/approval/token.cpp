@@ -25,29 +25,6 @@ constexpr std::string_view kTokenInvalid = "approval token is invalid";
 constexpr std::string_view kFieldsInvalid =
     "approval token fields or operation binding are invalid";
 
-/// The pieces of a token, as they stand in it.
-struct TokenPieces {
-  std::string_view version, expiry, nonce, digest, signature;
-};
-
-/// Cuts at runs of dots; dots at either end are dropped. False unless there are five pieces.
-bool split(std::string_view token, TokenPieces& pieces) {
-  std::string_view found[kPieces];
-  std::size_t count = 0;
-  for (std::size_t begin = token.find_first_not_of('.'); begin != token.npos;) {
-    if (count == kPieces) return false;
-    const std::size_t end = token.find('.', begin);
-    found[count++] = slice(token, begin, end - begin);
-    begin = token.find_first_not_of('.', end);
-  }
-  pieces = {.version = found[0],
-            .expiry = found[1],
-            .nonce = found[2],
-            .digest = found[3],
-            .signature = found[4]};
-  return count == kPieces;
-}
-
 bool fields_are_valid(const TokenPieces& pieces, std::string_view digest) {
   return pieces.version == kVersion && is_hex(pieces.nonce, kNonceDigits) &&
          is_hex(pieces.digest, kDigestDigits) && is_hex(pieces.signature, kDigestDigits) &&
@@ -78,6 +55,23 @@ bool signature_is_valid(const McpPolicy& policy, const TokenPieces& pieces, Text
 }
 
 }  // namespace
+
+bool approval_split(std::string_view token, TokenPieces& pieces) {
+  std::string_view found[kPieces];
+  std::size_t count = 0;
+  for (std::size_t begin = token.find_first_not_of('.'); begin != token.npos;) {
+    if (count == kPieces) return false;
+    const std::size_t end = token.find('.', begin);
+    found[count++] = slice(token, begin, end - begin);
+    begin = token.find_first_not_of('.', end);
+  }
+  pieces = {.version = found[0],
+            .expiry = found[1],
+            .nonce = found[2],
+            .digest = found[3],
+            .signature = found[4]};
+  return count == kPieces;
+}
 
 bool approval_issue(const McpPolicy& policy, std::string_view digest, std::uint64_t now,
                     TextOut token, TextOut message) {
@@ -111,7 +105,7 @@ bool approval_verify(const McpPolicy& policy, std::string_view digest, std::stri
     return refuse(message, kTokenInvalid);
   }
   TokenPieces pieces;
-  if (!split(token, pieces) || !fields_are_valid(pieces, digest)) {
+  if (!approval_split(token, pieces) || !fields_are_valid(pieces, digest)) {
     return refuse(message, kFieldsInvalid);
   }
   const std::uint64_t expiry = leading_number(pieces.expiry);

@@ -14,6 +14,15 @@ namespace kova {
 inline constexpr std::size_t kTokenCapacity = 256;
 inline constexpr std::size_t kApprovalMessageCapacity = 256;
 
+/// The pieces of a token, as they stand in it.
+struct TokenPieces {
+  std::string_view version, expiry, nonce, digest, signature;
+};
+
+/// Cuts a token at runs of dots; dots at either end are dropped. False unless there are five
+/// pieces. Nothing else is checked.
+[[nodiscard]] bool approval_split(std::string_view token, TokenPieces& pieces);
+
 /// Writes a token for the operation digest (64 hexadecimal digits), valid from `now` (seconds
 /// since 1970) for the policy's lifetime. False writes the message of the first check that failed,
 /// or none when the token does not fit.

@@ -14,7 +14,7 @@ namespace kova {
 inline constexpr std::size_t kAuditTextCapacity = 129;
 inline constexpr std::size_t kAuditRecordCapacity = 1200;
 
-/// What the running tool call gives to its record. One call per process at a time.
+/// What the running tool call puts into its record. One call per process at a time.
 struct AuditContext {
   char tool[kAuditTextCapacity];
   char correlation_id[96];

@@ -9,7 +9,7 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kWrittenCapacity = 32;
-/// Room for the longest number whose point the locale writes in several bytes.
+/// The longest number, with a decimal point of several bytes as some locales have.
 constexpr std::size_t kReadCapacity = kFloatTextLimit + 16;
 
 }  // namespace
@@ -19,7 +19,7 @@ bool append_float(TextOut& out, float number) {
   const int length = std::snprintf(text, sizeof text, "%.9g", static_cast<double>(number));
   if (length <= 0 || static_cast<std::size_t>(length) >= sizeof text) return false;
   const std::string_view written(text, static_cast<std::size_t>(length));
-  // What is neither digit nor sign nor exponent is the locale's decimal point.
+  // Any byte but a digit, a sign and the exponent's letter belongs to the locale's decimal point.
   const std::size_t point = written.find_first_not_of("-+0123456789e");
   if (point == written.npos) return out.append(written);
   const std::size_t after = written.find_first_of("0123456789", point);
@@ -31,7 +31,7 @@ bool append_float(TextOut& out, float number) {
 
 bool read_float(std::string_view text, double& number) {
   if (text.empty() || text.size() > kFloatTextLimit) return false;
-  // The locale's own point, which strtod takes too, is none here.
+  // Refuses the locale's own decimal point, which strtod would accept.
   if (text.find_first_not_of("-+.0123456789eE") != text.npos) return false;
   char local[kReadCapacity];
   TextOut out(local);

@@ -53,7 +53,7 @@ EscapeProgress escape_json(EscapeStyle style, const char* source, const char* so
     std::ptrdiff_t plain = 0;
     bool stopped = false;
     if (source_end - source >= kRunBlock) {
-      // Copied whole: what follows the first byte that stops is overwritten by the next step.
+      // The whole block is copied; the next step overwrites what follows the first byte that stops.
       const __m128i block = load_block(source);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(target), block);
       const unsigned stops = run_stops<NonAscii::kPlain>(block);

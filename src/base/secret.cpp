@@ -17,7 +17,7 @@ unsigned lower_at(std::string_view text, std::size_t i) {
   return i < text.size() ? static_cast<unsigned char>(to_lower(text[i])) : 0U;
 }
 
-/// Looks at every position up to the longer length, whatever it finds.
+/// Compares every position up to the longer length, also after a difference.
 bool equal_throughout(std::string_view a, std::string_view b,
                       unsigned (*unit_at)(std::string_view text, std::size_t i)) {
   unsigned differences = a.size() != b.size() ? 1U : 0U;
@@ -31,7 +31,7 @@ bool equal_throughout(std::string_view a, std::string_view b,
 
 void wipe(void* data, std::size_t size) {
   std::memset(data, 0, size);
-  // The memory is an input of this empty statement, so the zeros must be there.
+  // An empty statement that may read the memory, so the compiler must keep the zeros.
   __asm__ volatile("" : : "r"(data) : "memory");
 }
 

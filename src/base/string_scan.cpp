@@ -46,7 +46,8 @@ __m128i equal(__m128i block, unsigned char byte) {
   return _mm_cmpeq_epi8(block, each(byte));
 }
 
-// For two bytes beyond ASCII; one of ASCII is above all of them, which is an error elsewhere.
+// Signed comparisons, right for two bytes beyond ASCII. An ASCII byte counts as above all of them;
+// that is harmless, since one in the place of a continuation is an error by itself.
 __m128i below(__m128i block, unsigned char byte) {
   return _mm_cmplt_epi8(block, each(byte));
 }
@@ -67,8 +68,8 @@ unsigned bits(__m128i mask) {
 ///   loaded at -1      ..    E2 82 AC     more (E0..), at -3 of four (F0..): a continuation must
 ///   loaded at -2      ..       E2 82     follow here, and may stand nowhere else.
 ///
-/// What is left are bytes that no character has (C0, C1, F5 and up), and second bytes out of range
-/// after E0, F0 (overlong), ED (surrogates) and F4 (above U+10FFFF).
+/// Two checks remain: bytes that no character has (C0, C1, F5 and up), and second bytes out of
+/// range after E0, F0 (overlong), ED (surrogates) and F4 (above U+10FFFF).
 unsigned wrong_bytes(const char* p, __m128i block) {
   const __m128i before = load_block(p - 1);
   const __m128i due = _mm_or_si128(

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "db/kova_api.h"
+#include "platform/library.h"
 
 namespace kova {
 
@@ -19,6 +20,10 @@ struct ClientLibrary {
   KOVA_FreeObject_t* free_object;
   KOVA_StopVantreo_t* stop;
 };
+
+/// Finds the twelve operations in a loaded library. Returns null, or the name of the first one that
+/// is missing.
+[[nodiscard]] const char* find_operations(const Library& source, ClientLibrary& library);
 
 /// The library, loaded at the first call; null when it or one of its operations is missing (the
 /// next call looks again).

@@ -57,8 +57,7 @@ bool OutBuf::append_escaped(std::string_view text) {
   return append("\"");
 }
 
-// Takes the run or the escape that the room at the end may be too short for; grows as every append
-// does.
+// Appends the next plain run or the next escape, which may need a larger buffer.
 bool OutBuf::append_step(const char*& p, const char* end) {
   const char* const stop = find_run_end<NonAscii::kPlain>(p, end);
   if (stop != p) {

@@ -11,7 +11,7 @@ inline constexpr std::uint32_t kOutBufInitialCapacity = 4096;
 inline constexpr std::uint32_t kOutBufLimit = 1048576;
 
 /// A heap text that starts at 4,096 bytes and doubles up to 1,048,576, the terminator included.
-/// Terminated after each append. An append past the ceiling or without memory fails and leaves the
+/// Terminated after each append. An append past that limit or without memory fails and leaves the
 /// text as it was.
 class OutBuf {
  public:

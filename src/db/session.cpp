@@ -1,7 +1,5 @@
 #include "db/session.h"
 
-#include <string_view>
-
 #include "base/secret.h"
 #include "base/text.h"
 #include "platform/environment.h"
@@ -11,10 +9,16 @@ namespace kova {
 
 namespace {
 
-constexpr std::size_t kServerLimit = 253;
-constexpr std::size_t kPortLimit = 5;
-constexpr std::size_t kNameLimit = 63;
-constexpr std::size_t kPasswordLimit = 255;
+/// In the order of LoginSetting.
+constexpr LoginRule kRules[] = {
+    {.variable = "", .limit = 0, .forbidden = {}},
+    {.variable = "KOVA_MCP_SERVER", .limit = 253, .forbidden = {}},
+    {.variable = "KOVA_MCP_PORT", .limit = 5, .forbidden = {}},
+    {.variable = "KOVA_MCP_USER", .limit = 63, .forbidden = ",;"},
+    {.variable = "KOVA_MCP_PASSWORD", .limit = 255, .forbidden = ";"},
+    {.variable = "KOVA_MCP_DATABASE", .limit = 63, .forbidden = ";"},
+};
+
 constexpr std::size_t kUseCapacity = 160;
 constexpr std::size_t kLoginCapacity = 512;
 constexpr int kStartOptions = 0;
@@ -32,17 +36,19 @@ struct Profile {
   }
 };
 
-bool fits(std::string_view text, std::size_t limit, std::string_view forbidden) {
-  return !text.empty() && text.size() <= limit && text.find_first_of(forbidden) == text.npos;
+bool fits(std::string_view text, LoginSetting setting) {
+  const LoginRule& rule = login_rule(setting);
+  return !text.empty() && text.size() <= rule.limit &&
+         text.find_first_of(rule.forbidden) == text.npos;
 }
 
 /// The first setting that is out of its limits.
 LoginSetting first_bad_setting(const Profile& profile) {
-  if (!fits(profile.server.view(), kServerLimit, {})) return LoginSetting::kServer;
-  if (!fits(profile.port.view(), kPortLimit, {})) return LoginSetting::kPort;
-  if (!fits(profile.user.view(), kNameLimit, ",;")) return LoginSetting::kUser;
-  if (!fits(profile.password.view(), kPasswordLimit, ";")) return LoginSetting::kPassword;
-  if (!fits(profile.database_name(), kNameLimit, ";")) return LoginSetting::kDatabase;
+  if (!fits(profile.server.view(), LoginSetting::kServer)) return LoginSetting::kServer;
+  if (!fits(profile.port.view(), LoginSetting::kPort)) return LoginSetting::kPort;
+  if (!fits(profile.user.view(), LoginSetting::kUser)) return LoginSetting::kUser;
+  if (!fits(profile.password.view(), LoginSetting::kPassword)) return LoginSetting::kPassword;
+  if (!fits(profile.database_name(), LoginSetting::kDatabase)) return LoginSetting::kDatabase;
   return LoginSetting::kNone;
 }
 
@@ -110,6 +116,14 @@ LoginStep attempt(DbSession& session) {
 }
 
 }  // namespace
+
+const LoginRule& login_rule(LoginSetting setting) {
+  return kRules[static_cast<std::size_t>(setting)];
+}
+
+LoginSetting first_bad_login_setting() {
+  return first_bad_setting(Profile());
+}
 
 bool ensure_session(DbSession& session) {
   if (session.closed_guard.load() != 0) return false;

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "db/client_library.h"
 
@@ -22,6 +24,19 @@ enum class LoginStep {
 
 /// The settings of a login, in the order in which they are checked.
 enum class LoginSetting { kNone, kServer, kPort, kUser, kPassword, kDatabase };
+
+/// What a setting has to be: 1 to `limit` bytes, and none of those in `forbidden`.
+struct LoginRule {
+  const char* variable;
+  std::size_t limit;
+  std::string_view forbidden;
+};
+
+/// The rule of a setting; for kNone a rule without a variable.
+[[nodiscard]] const LoginRule& login_rule(LoginSetting setting);
+
+/// The first setting of the environment that breaks its rule. An unset database is "default".
+[[nodiscard]] LoginSetting first_bad_login_setting();
 
 /// How long the engine may take to accept the connection that shows that it can be reached.
 inline constexpr std::uint32_t kProbeTimeoutMs = 3000;

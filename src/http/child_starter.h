@@ -18,7 +18,7 @@ class ChildStarter {
 
   /// Starts the thread.
   [[nodiscard]] bool run();
-  /// Starts a child as ChildProcess::start does; used by any thread, in turn.
+  /// Starts a child as ChildProcess::start does. Any thread; one child at a time.
   [[nodiscard]] bool start(ChildProcess& child);
 
  private:

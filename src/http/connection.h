@@ -9,7 +9,7 @@
 
 namespace kova {
 
-/// How much of the port text the default Host names show, with a terminator.
+/// The port text in the default Host names, which is cut to fit, and a terminator.
 inline constexpr std::size_t kPortTextCapacity = 8;
 
 /// What outlives a connection.

@@ -12,7 +12,7 @@ constexpr std::uint64_t kWindowMs = 60000;
 
 bool RateWindow::admit(std::uint64_t now_ms, std::uint32_t limit) {
   const SpinGuard guard(lock_);
-  // A thread may have read the clock before the one that has begun the window.
+  // This thread may have read the clock before the thread that has begun the window.
   const std::uint64_t elapsed = now_ms > start_ms_ ? now_ms - start_ms_ : 0;
   if (!started_ || elapsed >= kWindowMs) {
     started_ = true;

@@ -100,7 +100,7 @@ bool SessionTable::is_unused(Slot& slot, std::uint64_t now_ms) {
   return is_idle || slot.process.has_ended();
 }
 
-// Whoever finds no free slot waits for those that are about to become free.
+// Without a free slot, waits for the slots that are starting or ending: they may become free.
 SessionTable::Slot* SessionTable::reserve() {
   const auto is_free = [](const Slot& slot) { return slot.state == State::kFree; };
   const auto is_changing = [](const Slot& slot) {
@@ -133,7 +133,7 @@ bool SessionTable::begin_exchange(Slot& slot) {
 bool SessionTable::wait_for_turn(Slot& slot) {
   const MutexGuard guard(mutex_);
   const std::uint64_t turn = slot.next_turn++;
-  // Whoever waits uses the session too.
+  // Waiting counts as use, so that the session does not become idle meanwhile.
   if (!touch(slot)) return false;
   while (slot.state == State::kActive && slot.served_turn != turn) changed_.wait(mutex_);
   return touch(slot);

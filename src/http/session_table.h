@@ -87,8 +87,8 @@ class SessionTable {
   [[nodiscard]] Exchange ask(Hold& hold, std::string_view message, char* answer,
                              std::size_t& length);
 
-  /// Ends the session, frees its slot and gives the hold up; leaves it to another thread that is
-  /// about it.
+  /// Ends the session, frees its slot and gives the hold up. Does nothing when another thread is
+  /// ending the session already.
   void close(Hold& hold);
   void close_all();
 
@@ -118,7 +118,7 @@ class SessionTable {
 
   ChildStarter& starter_;
   Clock clock_;
-  // Guards everything in the slots but the sessions, and guards starting and ending those.
+  // Guards the slots but for `process`: `state` and `holds` say who may use that.
   Mutex mutex_;
   Condition changed_;
   Slot slots_[kSessionLimit];

@@ -10,8 +10,7 @@ namespace kova {
 
 namespace {
 
-// As much as a pipe takes at once. Guarded by OutputLock; pages of it that no reply reaches are
-// never touched.
+// The capacity of a pipe. Guarded by OutputLock. Short replies touch its first pages only.
 constexpr std::size_t kLineCapacity = 65536;
 char line_buffer[kLineCapacity];
 
@@ -75,12 +74,11 @@ void ReplyLine::add_id(RequestId id) {
     raw(id.raw);
     return;
   }
+  const bool has_token = id.doc != nullptr && id.token >= 0;
   char text[kIdCapacity];
-  if (id.doc == nullptr || id.token < 0) {
-    raw("null");
-  } else if (!id.doc->is(id.token, JsonType::kString)) {
+  if (has_token && !id.doc->is(id.token, JsonType::kString)) {
     raw(id.doc->raw(id.token));
-  } else if (json_get_string(*id.doc, id.token, text)) {
+  } else if (has_token && json_get_string(*id.doc, id.token, text)) {
     string(text);
   } else {
     raw("null");

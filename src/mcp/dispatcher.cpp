@@ -17,7 +17,7 @@ constexpr std::size_t kVersionCapacity = 8;
 
 constexpr std::string_view kInitializeResult =
     R"(,"result":{"protocolVersion":"2025-11-25","capabilities":{"tools":{"listChanged":false}},)"
-    R"("serverInfo":{"name":"Vantreo MCP","version":"1.25-m8",)"
+    R"("serverInfo":{"name":"Vantreo MCP","version":")" KOVA_VERSION_LABEL R"(",)"
     R"("description":"Policy-constrained Vantreo database and AI search tools"}}})";
 
 /// One message on its way through the checks.

@@ -32,7 +32,7 @@ class InputFile {
   std::intptr_t handle_ = -1;
 };
 
-/// What stands between a folder and a name in it.
+/// The character between the parts of a path.
 extern const char kPathSeparator;
 
 /// Creates an empty file that must not exist yet; of several callers at once exactly one succeeds.

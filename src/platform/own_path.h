@@ -5,8 +5,8 @@
 
 namespace kova {
 
-/// Writes the path of this executable; the one that it had, when another file was installed there
-/// meanwhile. False when it cannot be had or does not fit.
+/// Writes the path of this executable; after the file was replaced, the path that it had. False
+/// when the system does not tell or the path does not fit.
 [[nodiscard]] bool own_path(TextOut out);
 
 }  // namespace kova

@@ -10,14 +10,14 @@ namespace kova {
 inline constexpr std::uint32_t kRecordWaitMs = 2000;
 
 /// Appends one record to the file with one write and sends it to the disk; creates the file when
-/// it is absent (readable by its owner alone where the platform has such modes). Records of several
-/// processes never interleave: their writers wait for one another, at most `wait_ms`. After that
-/// the record is written nevertheless on POSIX systems, where one write at the end of a file is
-/// whole; on Windows it is lost while another program holds the file. On Windows writers that name
-/// the file by different names (a link, a short name) do not wait for one another; names of its
-/// folder do not matter. A record that the disk takes
-/// only in part is taken back. The process's own standard output is no such file. Every failure is
-/// silent.
+/// it is absent (readable by its owner alone where the platform has such modes). Every failure is
+/// silent, and the process's own standard output is refused.
+///
+/// Records of several processes never interleave: the writers take turns and wait at most `wait_ms`
+/// for theirs. After that, POSIX systems write the record without a turn, since one write at the
+/// end of a file is whole; on Windows it is lost while another program holds the file. On Windows
+/// two names of one file (a link, a short name) have separate turns; two names of its folder
+/// share one. A record that the disk takes only in part is removed, on POSIX systems.
 void append_record(const char* path, std::string_view record,
                    std::uint32_t wait_ms = kRecordWaitMs);
 

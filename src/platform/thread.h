@@ -39,8 +39,8 @@ void yield_thread();
 /// Lets this thread sleep for at least so many milliseconds.
 void sleep_thread(std::uint32_t milliseconds);
 
-/// How a thread waits for something that nobody will wake it for: it yields at first, since most
-/// waits are short, then sleeps for 1, 2, 4, 8, 16, 20, 20, ... milliseconds.
+/// Pauses between the attempts of a thread that polls: yields at first, since most waits are short,
+/// then sleeps of 1, 2, 4, 8, 16, 20, 20, ... milliseconds.
 ///
 ///     for (Backoff backoff; !try_it(); backoff.pause()) {
 ///     }

@@ -78,7 +78,8 @@ class CanonicalWriter {
   bool pending_blank_ = false;
 };
 
-/// The type's bit and table of a canonical text, by its first words; literals count as words here.
+/// Finds the type's bit and the table by the first words of a canonical text, which are also taken
+/// from inside literals.
 bool classify(std::string_view canonical, ClassifiedWrite& write, std::uint32_t& bit,
               TextOut message) {
   char first_text[kWordCapacity];

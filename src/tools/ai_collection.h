@@ -15,7 +15,7 @@ namespace kova {
 
 // Capacities with their terminators.
 inline constexpr std::size_t kAiStatementCapacity = 32768;
-/// Room to decode a search's text in before its length is judged.
+/// A search's text is decoded into this many bytes, then its length is checked.
 inline constexpr std::size_t kSearchTextCapacity = 16401;
 
 /// What every search takes.

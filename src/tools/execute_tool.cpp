@@ -15,11 +15,6 @@ namespace {
 /// A write has a status and no rows.
 constexpr std::uint32_t kWriteRows = 1;
 
-bool read_sql(const ToolCall& call, TextOut sql) {
-  return check_allowed_members(call.doc, call.arguments, {"sql", "approval_token", "_meta"}) &&
-         get_string_member(call.doc, call.arguments, "sql", sql);
-}
-
 /// Refuses the write until it is approved. All texts are safe names, hexadecimal digits or
 /// keywords, which JSON takes as they stand, and fit.
 bool ask_for_approval(const ClassifiedWrite& write, ToolContext& context, ToolAnswer& answer) {
@@ -58,11 +53,15 @@ bool check_approval(const ToolCall& call, ToolContext& context, const Classified
 
 }  // namespace
 
+bool read_write_sql(const JsonDoc& doc, int arguments, TextOut sql) {
+  return check_allowed_members(doc, arguments, {"sql", "approval_token", "_meta"}) &&
+         get_string_member(doc, arguments, "sql", sql);
+}
+
 bool execute_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   char sql[kStatementLimit + 1];
-  if (!read_sql(call, sql)) {
-    return refuse(answer.message,
-                  "kova_execute requires bounded SQL and rejects unknown arguments");
+  if (!read_write_sql(call.doc, call.arguments, sql)) {
+    return refuse(answer.message, kWriteArgumentsMessage);
   }
   ClassifiedWrite write;
   const WipeGuard guard(write.canonical);

@@ -24,7 +24,7 @@ constexpr std::string_view kProjectionTooLarge = "hybrid projection is too large
 
 std::atomic<std::uint32_t> hybrid_calls{0};
 
-// The decision stays "allow" in this question: a refusal is read as an error in the arguments.
+// Leaves the audit decision at "allow": these refusals are recorded as errors in the arguments.
 bool check_source(const ToolCall& call, const McpPolicy& policy, TextOut message) {
   char source_table[kSafeNameCapacity];
   char key_field[kSafeNameCapacity];

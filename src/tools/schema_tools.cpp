@@ -31,7 +31,7 @@ bool append_rows(TextOut& out, const PolicyNames& list) {
   return true;
 }
 
-/// The answer is the policy's own names; the engine is not asked.
+/// Makes the result of the policy's own names, without a statement.
 bool respond_with_names(const PolicyNames& list, ToolAnswer& answer) {
   HeapArray<char> text(kListCapacity);
   if (!text) return refuse(answer.message, "policy catalog memory limit");
@@ -50,7 +50,7 @@ bool check_list(const ToolCall& call, ToolContext& context, ToolAnswer& answer) 
   if (call.arguments >= 0 && !check_allowed_members(call.doc, call.arguments, {"_meta"})) {
     return refuse(answer.message, "this tool accepts no arguments");
   }
-  // The frame has asked before; the lists must not depend on that.
+  // The frame has checked this before; the lists do not rely on it.
   return policy_reads_allowed(context.policy) ||
          refuse_by_policy(context, answer, kDeny, "read tools are disabled by policy");
 }

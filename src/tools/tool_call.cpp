@@ -38,7 +38,7 @@ bool check_policy_valid(ToolContext& context, ToolAnswer& answer) {
   return refuse_by_policy(context, answer, kDeny, error.empty() ? "MCP policy is invalid" : error);
 }
 
-/// Everything but the write tool is a read here, a name that no tool has (null) included.
+/// Everything but the write tool counts as a read, an unknown tool (null) included.
 bool check_read_switch(const Tool* tool, ToolContext& context, ToolAnswer& answer) {
   if (tool != nullptr && tool->access == ToolAccess::kWrite) return true;
   return policy_reads_allowed(context.policy) ||
@@ -52,7 +52,7 @@ bool check_provider_switch(const Tool* tool, ToolContext& context, ToolAnswer& a
                           "provider-backed MCP reads are disabled by policy or kill switch");
 }
 
-/// With writes off the write tool does not exist, and the reply does not tell.
+/// With writes off, the write tool gets the reply of an unknown tool.
 bool exists(const Tool* tool, const McpPolicy& policy) {
   return tool != nullptr && (tool->access != ToolAccess::kWrite || policy_writes_allowed(policy));
 }

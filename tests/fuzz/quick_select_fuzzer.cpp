@@ -13,8 +13,8 @@
 #include "db/statement.h"
 #include "fuzz/require.h"
 #include "fuzz/statement_words.h"
-#include "policy/sql_words.h"
 #include "policy/quick_select.h"
+#include "policy/sql_words.h"
 #include "tools/query_tool.h"
 
 namespace {

@@ -1,4 +1,4 @@
-"""Calls of the AI tools: good arguments, the tools' messages, the gates' messages."""
+"""Calls of the AI tools: good arguments, the messages of the tools and of their policy checks."""
 
 from __future__ import annotations
 

@@ -36,14 +36,15 @@ def files_of(folder: str) -> set[str]:
 
 
 def test_what_is_installed(target: Target, installed: Path, documents: Path) -> None:
-    program = installed / ("kova-mcp.exe" if target.windows else "bin/kova-mcp")
+    programs = {installed / (f"{name}.exe" if target.windows else f"bin/{name}")
+                for name in ("kova-mcp", "kova-admin")}
     found = {path for path in installed.rglob("*") if path.is_file()}
     expected = {"README.md", "CHANGELOG.md", *files_of("docs"), *files_of("deploy"),
                 *(name for name in OPTIONAL if (ROOT / name).exists())}
-    assert found == {program} | {documents / name for name in expected}
+    assert found == programs | {documents / name for name in expected}
     scripts = {path for path in found if path.suffix == ".sh"}
     runnable = {path for path in found if path.stat().st_mode & 0o111}
-    assert runnable == scripts | {program}
+    assert runnable == scripts | programs
 
 
 def test_the_installed_server_starts(target: Target, installed: Path) -> None:

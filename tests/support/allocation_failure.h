@@ -7,7 +7,7 @@
 namespace kova::testing {
 
 /// While it lives, the n-th allocation of one thread from its construction on (1 is the next one)
-/// answers null; all others succeed, and so do those of other threads. One at a time.
+/// returns null; all others succeed, and so do those of other threads. One at a time.
 class AllocationFailure {
  public:
   /// Of the thread that runs the tests.
@@ -22,7 +22,7 @@ class AllocationFailure {
   [[nodiscard]] static bool happened();
 };
 
-/// The number of allocations asked for so far; the difference of two answers is the number between
+/// The number of allocations asked for so far; the difference of two calls is the number between
 /// them.
 [[nodiscard]] unsigned long allocation_count();
 

@@ -9,7 +9,7 @@ namespace kova::testing {
 inline constexpr char kChildEcho[] = "--child-echo";
 /// Exits with 7 at once.
 inline constexpr char kChildExit7[] = "--child-exit-7";
-/// Says "ready", then waits for good.
+/// Writes "ready", then waits until it is killed.
 inline constexpr char kChildHang[] = "--child-hang";
 /// Writes 3,000,000 bytes, then exits with 0.
 inline constexpr char kChildLong[] = "--child-long";
@@ -19,11 +19,10 @@ inline constexpr char kChildCrash[] = "--child-crash";
 inline constexpr char kChildHandles[] = "--child-handles";
 /// Calls prepare_process and writes what that changed in this process, in the platform's terms.
 inline constexpr char kChildPrepared[] = "--child-prepared";
-/// Answers each line of standard input by the same line, until the input ends; but these:
-/// "silent" gets no answer, "exit" ends it, "hold" gets the answer "held" once a line "go" has
-/// come, which never gets one itself, "count" gets the number of such lines, "raw TEXT" gets TEXT
-/// with
-/// "%n" as a line feed and "%r" as a carriage return, and "long N" gets N times "x".
+/// Writes each line of standard input back, until the input ends, but for these lines: "silent"
+/// and "go" write nothing, "exit" ends the process, "hold" writes "held" once a line "go" has come,
+/// "count" writes how many such lines have come, "raw TEXT" writes TEXT with "%n" as a line feed
+/// and "%r" as a carriage return, and "long N" writes N times "x".
 inline constexpr char kChildLines[] = "--child-lines";
 
 /// The variable that says how a child started with "--tool-worker" behaves: one of the modes
@@ -35,7 +34,7 @@ inline constexpr char kWorkerNoLineFeed[] = "no-line-feed";
 inline constexpr char kWorkerSilent[] = "silent";
 /// Writes back its line, then exits with 7.
 inline constexpr char kWorkerReplyThenFail[] = "reply-then-fail";
-/// Writes its line and waits for good.
+/// Writes its line and waits until it is killed.
 inline constexpr char kWorkerReplyThenHang[] = "reply-then-hang";
 
 using ChildMode = int (*)();

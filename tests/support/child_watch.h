@@ -7,7 +7,7 @@
 
 namespace kova::testing {
 
-/// How many were started and not collected yet; the difference of two answers says what was done
+/// How many were started and not collected yet; the difference of two calls says what was done
 /// between them.
 [[nodiscard]] int uncollected_children();
 

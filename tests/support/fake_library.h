@@ -1,4 +1,4 @@
-// A client library inside the test program: its answers are scripted and its calls are recorded.
+// A client library inside the test program: its results are scripted and its calls are recorded.
 #pragma once
 
 #include <cstddef>
@@ -14,16 +14,16 @@
 
 namespace kova::testing {
 
-/// A text that the library may answer; no value is a null pointer.
+/// A text that the library returns; no value is a null pointer.
 using LibraryText = std::optional<std::string>;
 
-/// What one statement answers.
+/// The result of one statement.
 struct FakeResult {
   std::int64_t code = 1;
   LibraryText status = "OK";
   std::vector<LibraryText> columns = {};
   std::vector<std::vector<LibraryText>> rows = {};
-  /// The answer of the column count where it is not the number of columns.
+  /// The column count that is returned, where it is not the number of columns.
   std::optional<int> field_count = std::nullopt;
 };
 
@@ -35,7 +35,7 @@ class FakeLibrary {
   FakeLibrary(const FakeLibrary&) = delete;
   FakeLibrary& operator=(const FakeLibrary&) = delete;
 
-  /// The loader to give to a session: records "load" and answers the library unless it is missing.
+  /// The loader to give to a session: records "load" and returns the library, null when missing.
   static const ClientLibrary* load();
   /// The twelve operations, unrecorded.
   static const ClientLibrary& operations();
@@ -44,16 +44,16 @@ class FakeLibrary {
   bool create_fails = false;
   bool start_fails = false;
   bool new_object_fails = false;
-  /// What a statement without an answer of its own gets.
+  /// The result of every statement without one of its own.
   FakeResult other;
   /// Called when the library is loaded, before anything else is done with it.
   std::function<void()> on_load;
   /// Called for every statement while its text is still there.
   std::function<void(const char* statement)> on_exec;
 
-  /// One statement's answer; replaces what was there.
+  /// Sets one statement's result.
   void answer(const std::string& statement, FakeResult result);
-  /// The answers of several runs of one statement; the last one stays.
+  /// Sets the results of several runs of one statement; the last one stays.
   void answer_in_turn(const std::string& statement, std::vector<FakeResult> results);
 
   /// Every call in order, with what was passed: "create", "exec use default;", "data 2", ...

@@ -31,7 +31,7 @@ TEST(StackResidue, FindsWhatACallLeaves) {
 
 class Wiping : public ExecuteTool {
  protected:
-  /// Handles a whole request, and answers its reply; nothing that this needs is on the stack below.
+  /// Handles a whole request and returns its reply; nothing that this needs is on the stack below.
   std::string run(const std::string& arguments) {
     clear_stack();
     std::string reply;

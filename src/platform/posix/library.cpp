@@ -1,6 +1,7 @@
 #include "platform/library.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <algorithm>
 #include <string_view>
@@ -52,6 +53,16 @@ bool Library::open(const char* file_name) {
   // means the current directory; it is asked only when there is none.
   if (handle_ == nullptr && all_absolute) handle_ = ::dlopen(file_name, RTLD_NOW | RTLD_LOCAL);
   return handle_ != nullptr;
+}
+
+bool Library::open_in(std::string_view folder, const char* file_name) {
+  handle_ = load_from(folder, file_name);
+  return handle_ != nullptr;
+}
+
+bool Library::path(TextOut out) const {
+  link_map* map = nullptr;
+  return ::dlinfo(handle_, RTLD_DI_LINKMAP, &map) == 0 && out.copy(map->l_name);
 }
 
 void* Library::symbol(const char* name) const {

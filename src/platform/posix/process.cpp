@@ -127,6 +127,7 @@ pid_t spawn(char* const* arguments, int input, int output) {
 
 // Only this executable starts itself by this path, so the kernel's record of it tells who did.
 bool is_own_child() {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel gives every entry as a number.
   const auto* const started_as = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
   return started_as != nullptr && std::strcmp(started_as, kRunningExecutable) == 0;
 }

@@ -15,8 +15,8 @@ namespace kova {
 
 namespace {
 
-/// How often a record follows a file that is replaced again and again; the file that is open then
-/// takes it.
+/// How often a record's file is opened anew because it was replaced; then the record goes into the
+/// one that is open.
 constexpr int kReopenLimit = 16;
 
 /// Repeats a system call that a signal interrupts.
@@ -70,8 +70,8 @@ class RecordFile {
     return ::fstat(descriptor_, &file) == 0 && ::stat(path, &named) == 0 && is_same(file, named);
   }
 
-  // Tries again and again: a lock that is waited for cannot be given up without a signal. A file
-  // system without locks costs no record.
+  // Polls, because a waiting flock() has no time limit. Gives up without the lock, also on a file
+  // system that has no locks.
   void lock_until(std::uint64_t until_ms) const {
     for (Backoff backoff; ::flock(descriptor_, LOCK_EX | LOCK_NB) != 0;) {
       if (errno == EINTR) continue;
@@ -93,8 +93,8 @@ class RecordFile {
   void store() const { ::fdatasync(descriptor_); }
 
  private:
-  // A write at the end of a file leaves the descriptor's offset behind what it wrote. Where that is
-  // no longer the file's end, another record follows and nothing may be cut off.
+  // After the write the descriptor's offset is the end of what was written. When the file is
+  // longer, another record follows, and nothing is cut off.
   void take_back(ssize_t written) const {
     const off_t end = ::lseek(descriptor_, 0, SEEK_CUR);
     struct stat file {};

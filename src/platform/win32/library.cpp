@@ -74,6 +74,17 @@ bool Library::open(const char* file_name) {
   return module != nullptr;
 }
 
+bool Library::open_in(std::string_view folder, const char* file_name) {
+  handle_ = load_from(folder, file_name);
+  return handle_ != nullptr;
+}
+
+bool Library::path(TextOut out) const {
+  wchar_t wide[kWideCapacity];
+  const DWORD units = ::GetModuleFileNameW(static_cast<HMODULE>(handle_), wide, kWideCapacity);
+  return units > 0 && units < kWideCapacity && from_wide(wide, out);
+}
+
 void* Library::symbol(const char* name) const {
   return reinterpret_cast<void*>(::GetProcAddress(static_cast<HMODULE>(handle_), name));
 }

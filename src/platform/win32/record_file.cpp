@@ -141,10 +141,10 @@ HANDLE open_mutex(const char* scope, std::uint64_t file_digest) {
   return ::CreateMutexExW(access.get(), name, 0, kMutexAccess);
 }
 
-/// The turn of one writer of a file among all processes of the account: a named mutex of that file,
-/// visible on the whole machine where that is allowed. A holder that ended has left the file as
-/// whole as any other. Without a mutex, and when it is not free in time, there is no turn to wait
-/// for, and the file's own sharing decides.
+/// Lets the processes of the account write a file in turn: a named mutex of that file, visible on
+/// the whole machine where that is allowed, held for the scope. A mutex that its holder abandoned
+/// by ending is taken like a free one. Without a mutex, or when it is not free in time, the record
+/// is written without a turn, and is lost when another program keeps the file from being opened.
 class Turn {
  public:
   Turn(const wchar_t* path, std::uint32_t wait_ms) {
@@ -178,7 +178,7 @@ bool is_same(HANDLE one, HANDLE other) {
          a.nFileIndexLow == b.nFileIndexLow;
 }
 
-// Consoles have no identity: one of them is taken for the other.
+// Consoles have no identity, so every console counts as standard output.
 bool is_standard_output_handle(HANDLE file) {
   const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
   if (output == nullptr || output == INVALID_HANDLE_VALUE) return false;

@@ -14,7 +14,7 @@ class FlushWatch {
   FlushWatch(const FlushWatch&) = delete;
   FlushWatch& operator=(const FlushWatch&) = delete;
 
-  /// How often a file was flushed, and whether the last answer was yes.
+  /// How often a file was flushed, and whether the last check returned true.
   [[nodiscard]] static int calls();
   [[nodiscard]] static bool result();
 };

@@ -16,8 +16,8 @@ void sleep_ms(unsigned milliseconds);
 [[noreturn]] void hang();
 /// Ends the process at once: nothing is flushed or released.
 [[noreturn]] void exit_now(unsigned code);
-/// Starts a process that has this one's standard output and error and waits for good; answers the
-/// system's number of it.
+/// Starts a process that has this one's standard output and error and waits until it is
+/// killed; returns its process id.
 unsigned long leave_process();
 void write_stdout(const std::string& text);
 void write_stderr(const std::string& text);

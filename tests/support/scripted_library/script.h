@@ -1,4 +1,4 @@
-// The script that tells the client library of the tests what to answer and how to fail.
+// The script that tells the client library of the tests what to return and how to fail.
 //
 // One directive per line, its fields separated by tabs; an empty line and one that begins with "#"
 // are skipped. A field may hold \\ \t \n \r \0 \xHH, and \*COUNT;C for COUNT times the character C
@@ -15,7 +15,7 @@
 //   streams                       logs what the process has open
 //   leave                         starts a process that has the same standard output and error and
 //                                 waits for good, and logs "left" with its number
-// What it answers (the defaults: success, status OK, no columns, no rows):
+// What it returns (the defaults: success, status OK, no columns, no rows):
 //   null                          a null pointer, from the operations that make something
 //   result N                      of Exec, 64 bits
 //   status TEXT

@@ -1,5 +1,5 @@
-// A client library that answers and fails by a script (see script.h) and logs every call, so that
-// the end-to-end tests see the exact statements and the calls' order.
+// A client library that returns results and fails by a script (see script.h) and logs every call,
+// so that the end-to-end tests see the exact statements and the calls' order.
 //
 // SCRIPTED_LIBRARY_SCRIPT names the script, read when the process makes its first call;
 // SCRIPTED_LIBRARY_LOG names the log: one line per call, the process id, the operation's name
@@ -146,7 +146,7 @@ const char* pointer(const Text& text) {
   return text ? text->c_str() : nullptr;
 }
 
-/// The element of a column counted from 1; a stranger's number has none.
+/// The element of a column counted from 1; null for a number out of range.
 const char* at(const std::vector<Text>& texts, int column) {
   const auto index = static_cast<std::size_t>(column) - 1;
   return column >= 1 && index < texts.size() ? pointer(texts[index]) : nullptr;

@@ -1,0 +1,26 @@
+// The deployment that a command works on.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <string>
+
+#include "policy/policy.h"
+
+namespace kova::admin {
+
+/// Adds `--env FILE` to a command and returns where its value will stand, empty without it.
+[[nodiscard]] std::shared_ptr<std::string> add_env_option(CLI::App& parser);
+
+/// Makes the deployment that of an environment file: the process's own KOVA_MCP_* variables are
+/// cleared and those of the file set, so that the server's own code reads them. With an empty path
+/// the process's environment is the deployment, and nothing happens. Throws Refusal.
+void use_deployment(const std::string& env_file);
+
+/// The policy of the deployment. Throws Refusal with the loader's message.
+[[nodiscard]] std::unique_ptr<McpPolicy> load_policy();
+
+/// The value of a variable of the deployment, empty when it is not set. Not for secrets.
+[[nodiscard]] std::string deployment_value(const char* name);
+
+}  // namespace kova::admin

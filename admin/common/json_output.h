@@ -1,0 +1,18 @@
+// JSON that kova-admin writes.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace kova::admin {
+
+/// Members keep their order.
+using Json = nlohmann::ordered_json;
+
+/// One line of ASCII without its end; what is no UTF-8 becomes U+FFFD.
+[[nodiscard]] std::string json_line(const Json& value);
+
+/// Prints one object as a line on standard output.
+void print_json(const Json& value);
+
+}  // namespace kova::admin

@@ -1,0 +1,46 @@
+// kova-admin: the table of commands, and the one place where errors end.
+#include <exception>
+
+#include "admin/approvals/clean.h"
+#include "admin/approvals/list.h"
+#include "admin/approve/approve.h"
+#include "admin/common/command_line.h"
+#include "admin/common/output.h"
+#include "admin/doctor/doctor.h"
+#include "admin/init/init.h"
+#include "admin/serve/serve.h"
+#include "platform/console.h"
+
+namespace {
+
+/// A command of two words stands below a parent of its first word.
+constexpr kova::admin::Command kCommands[] = {
+    {.name = "approve", .summary = "Read a write and sign it", .add = kova::admin::add_approve},
+    {.name = "approvals list",
+     .summary = "Show what has become of each approval",
+     .add = kova::admin::add_approvals_list},
+    {.name = "approvals clean",
+     .summary = "Remove the markers of tokens that expired long ago",
+     .add = kova::admin::add_approvals_clean},
+    {.name = "doctor",
+     .summary = "Find what is wrong with a deployment",
+     .add = kova::admin::add_doctor},
+    {.name = "init",
+     .summary = "Write a new deployment into a folder",
+     .add = kova::admin::add_init},
+    {.name = "serve",
+     .summary = "Start the server with the environment of a file",
+     .add = kova::admin::add_serve},
+};
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  kova::prepare_standard_streams();
+  try {
+    return kova::admin::run_command_line(kCommands, count, arguments);
+  } catch (const std::exception& error) {
+    kova::admin::print_error(error.what());
+    return kova::admin::kExitCannot;
+  }
+}

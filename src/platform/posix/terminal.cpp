@@ -1,0 +1,99 @@
+#include "platform/terminal.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+namespace kova {
+
+namespace {
+
+/// The longest line that a terminal delivers, its end included.
+constexpr std::size_t kTerminalLineLimit = 4096;
+
+constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
+
+/// The signals that were blocked before the terminal was opened.
+sigset_t outer_mask;
+
+int descriptor_of(std::intptr_t handle) {
+  return static_cast<int>(handle);
+}
+
+void take_signal(int) {}
+
+// The signals stay blocked except while a line is awaited, so that none is lost before the wait and
+// none ends the process.
+void hold_signals() {
+  struct sigaction action {};
+  action.sa_handler = take_signal;
+  sigset_t held;
+  sigemptyset(&held);
+  for (const int number : kEndingSignals) {
+    sigaddset(&held, number);
+    ::sigaction(number, &action, nullptr);
+  }
+  ::sigprocmask(SIG_BLOCK, &held, &outer_mask);
+}
+
+bool write_all(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+}  // namespace
+
+Terminal::~Terminal() {
+  if (input_ >= 0) ::close(descriptor_of(input_));
+}
+
+bool Terminal::open() {
+  const int descriptor = ::open("/dev/tty", O_RDWR | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  input_ = descriptor;
+  output_ = descriptor;
+  hold_signals();
+  return true;
+}
+
+bool Terminal::write(std::string_view text) {
+  return write_all(descriptor_of(output_), text);
+}
+
+void Terminal::drop_typed() {
+  ::tcflush(descriptor_of(input_), TCIFLUSH);
+}
+
+bool Terminal::read_line(TextOut line) {
+  pollfd entry{.fd = descriptor_of(input_), .events = POLLIN, .revents = 0};
+  if (::ppoll(&entry, 1, nullptr, &outer_mask) != 1) return false;
+  char text[kTerminalLineLimit];
+  const ssize_t got = ::read(descriptor_of(input_), text, sizeof text);
+  if (got <= 0 || text[got - 1] != '\n') return false;
+  return line.copy({text, static_cast<std::size_t>(got) - 1});
+}
+
+unsigned Terminal::columns() const {
+  winsize size{};
+  return ::ioctl(descriptor_of(output_), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+bool stdout_is_terminal() {
+  return ::isatty(STDOUT_FILENO) == 1;
+}
+
+bool write_all_to_stdout(std::string_view bytes) {
+  return write_all(STDOUT_FILENO, bytes);
+}
+
+}  // namespace kova

@@ -1,0 +1,183 @@
+"""What is looked at when a round is over and every fault is lifted."""
+
+from __future__ import annotations
+
+import json
+import signal
+import sqlite3
+import time
+from collections import Counter
+from contextlib import closing
+from pathlib import Path
+from typing import Any
+
+from chaos.hand import send_signal
+from chaos.http_client import Connection, HttpClient
+from chaos.ledger import Ledger
+from chaos.stage import Stage
+from harness.audit_files import KEYS
+from harness.waiting import TIMEOUT, wait_until
+
+ALL_SESSIONS_UNUSED = 16 * 60
+"""Seconds after which the listener may end every session."""
+
+
+KEPT_LIMIT = 5.0
+REST_WAIT = 0.5  # for threads that are just ending
+
+
+class Checks:
+    def __init__(self, stage: Stage, ledger: Ledger) -> None:
+        self.stage = stage
+        self.ledger = ledger
+        self._rest = (0, 0, 0)
+        self._kept_clients = 0
+
+    def after_round(self, caller: HttpClient) -> None:
+        for request in self.ledger.requests.values():
+            if request.open:
+                self.ledger.violation(f"{request.id} ({request.kind}) got neither reply nor close")
+        self.check_listener(caller)
+        self.check_engine()
+        self.check_writes()
+        self.check_audit()
+
+    # what is left
+
+    def check_listener(self, caller: HttpClient) -> None:
+        """Ends the sessions that clients have left behind. Then the listener serves, and holds
+        nothing."""
+        self.end_sessions(caller)
+        try:
+            wait_until(lambda: self._children() == [], TIMEOUT, "the end of every session")
+            wait_until(lambda: self._holds_no_more(), TIMEOUT, "the end of what connections hold")
+        except AssertionError as failure:
+            self.ledger.violation(
+                f"the listener keeps {len(self._children())} processes, and of threads, "
+                f"descriptors and handles {self.stage.holdings()} instead of {self._rest}: "
+                f"{failure}")
+
+    def _holds_no_more(self) -> bool:
+        return all(held <= rest for held, rest in zip(self.stage.holdings(), self._rest))
+
+    def end_sessions(self, caller: HttpClient) -> None:
+        if self.stage.clock is not None:
+            self.stage.clock.advance_monotonic(ALL_SESSIONS_UNUSED)
+        else:
+            for pid in self.stage.sessions():
+                send_signal(pid, signal.SIGKILL)
+            wait_until(lambda: self.stage.sessions() == [], TIMEOUT, "the end of killed sessions")
+            time.sleep(0.3)  # wineserver notices the end later than the kernel
+        body = b'{"jsonrpc":"2.0","id":"check","method":"initialize","params":{}}'
+        for direct in (False, True):
+            caller.direct = direct
+            response = Connection(caller, caller.compose(body, None)).read()
+            if response is None or response.status != 200:
+                self.ledger.violation(f"the listener does not serve after the round: {response}")
+                return
+            session = response.headers["mcp-session-id"]
+            closed = Connection(caller, caller.compose(b"", session, method="DELETE")).read()
+            if closed is None or closed.status != 204:
+                self.ledger.violation(f"DELETE after the round: {closed}")
+
+    def measure_rest(self, caller: HttpClient) -> None:
+        """What a listener holds that has served and is idle."""
+        for _ in range(3):  # Wine keeps some things from the first ones.
+            self.end_sessions(caller)
+            wait_until(lambda: self._children() == [], TIMEOUT, "the end of every session")
+            time.sleep(REST_WAIT)
+            self._rest = tuple(max(pair) for pair in zip(self._rest, self.stage.holdings()))
+
+    def _children(self) -> list[int]:
+        return [pid for pid in self.stage.listener.processes()
+                if pid != self.stage.listener.process.pid]
+
+    def check_engine(self) -> None:
+        """No process is left but the listener, so the engine has no client left. Wine's server now
+        and then keeps the socket of a killed worker open."""
+        windows = self.stage.target.windows
+        try:
+            wait_until(lambda: self.stage.engine.clients() <= self._kept_clients,
+                       KEPT_LIMIT if windows else TIMEOUT, "the engine's clients")
+        except AssertionError as failure:
+            if not windows:
+                self.ledger.violation(f"the engine still has clients: {failure}")
+            self.ledger.count("connections of killed workers, kept open by Wine",
+                              self.stage.engine.clients() - self._kept_clients)
+        self._kept_clients = self.stage.engine.clients()
+
+    # writes
+
+    def check_writes(self) -> None:
+        written = self._written()
+        markers = {path.name.removesuffix(".used") for path in self.stage.markers.iterdir()}
+        nonces = {request.mark: request.nonce for request in self.ledger.requests.values()
+                  if request.kind == "write"}
+        for mark, times in written.items():
+            if times > 1:
+                self.ledger.violation(f"the write {mark} ran {times} times")
+            if mark not in nonces:
+                self.ledger.violation(f"the write {mark} ran without an approval")
+            elif nonces[mark] not in markers:
+                self.ledger.violation(f"the write {mark} ran without a marker")
+        for request in self.ledger.requests.values():
+            if request.mark and request.answers == ["tool result"] and request.mark not in written:
+                self.ledger.violation(f"the write {request.mark} was reported as done and is not")
+        self.ledger.count("writes in the database", len(written))
+        self.ledger.count("replay markers", len(markers))
+        self._forget_writes()
+
+    def _written(self) -> Counter[str]:
+        with closing(sqlite3.connect(self.stage.engine.database, timeout=TIMEOUT)) as connection:
+            return Counter(mark for (mark,) in connection.execute("SELECT MARK FROM EVENTS"))
+
+    def _forget_writes(self) -> None:
+        with closing(sqlite3.connect(self.stage.engine.database, timeout=TIMEOUT)) as connection:
+            connection.execute("DELETE FROM EVENTS")
+            connection.commit()
+        for marker in self.stage.markers.iterdir():
+            marker.unlink()
+
+    # records
+
+    def check_audit(self) -> None:
+        found: Counter[str] = Counter()
+        for path in self.stage.audit.path.iterdir():
+            for record in self._records(path):
+                found[record["correlation_id"]] += 1
+            path.unlink()
+        for name, number in found.items():
+            request = self.ledger.requests.get(name)
+            if request is None or not request.tool:
+                self.ledger.violation(f"a record of a call that nobody made: {name}")
+            elif number > 1:
+                self.ledger.violation(f"{number} records of {name}")
+        recorded = [request for request in self.ledger.requests.values() if request.recorded]
+        doubtful = [request for request in recorded if self.ledger.is_doubtful(request)]
+        missing = [request.id for request in recorded
+                   if request not in doubtful and request.id not in found]
+        self.ledger.count("audit records", sum(found.values()))
+        self.ledger.count("calls that must be recorded", len(recorded) - len(doubtful))
+        self.ledger.count("calls answered while records might be lost", len(doubtful))
+        if missing:
+            self.ledger.count("records missing", len(missing))
+            self.ledger.violation(f"{len(missing)} answered calls have no record: {missing[:5]}")
+
+    def _records(self, path: Path) -> list[dict[str, Any]]:
+        data = path.read_bytes()
+        whole = []
+        for line in data.split(b"\r\n"):
+            if not line:
+                continue
+            try:
+                record = json.loads(line)
+                assert list(record) == KEYS
+                whole.append(record)
+            except (AssertionError, ValueError):
+                if self.ledger.was_file_full():
+                    self.ledger.count("audit line cut, in a round in which the file was full")
+                else:
+                    self.ledger.violation(f"no record: {line[:200]!r}")
+        if data and not data.endswith(b"\r\n") and not self.ledger.was_file_full():
+            self.ledger.violation(f"the audit file ends in {data[-100:]!r}")
+        return whole
