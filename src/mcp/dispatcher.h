@@ -1,8 +1,13 @@
 // JSON-RPC 2.0: one message in, at most one reply line out.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
+#include "base/heap_array.h"
+#include "base/text.h"
+#include "json/json.h"
+#include "json/reply.h"
 #include "mcp/request_ids.h"
 #include "tools/tool.h"
 
@@ -13,6 +18,17 @@ struct ProtocolState {
   bool Initialized = false;
   RequestIdRegistry request_ids;
 };
+
+inline constexpr std::size_t kMethodCapacity = 96;
+
+/// Parses one message. False leaves the error of its reply.
+[[nodiscard]] bool parse_message(std::string_view message, const HeapArray<JsonToken>& tokens,
+                                 JsonDoc& doc, RpcError& error);
+
+/// The checks of every message, in their order: version, method, id. Uses the id up and writes the
+/// method. False leaves the error of the reply.
+[[nodiscard]] bool check_message(const JsonDoc& doc, ProtocolState& state, TextOut method,
+                                 RpcError& error);
 
 /// Serves one message (a line without its line end) and writes its reply; a notification has none.
 void dispatch(std::string_view message, ProtocolState& state, ToolContext& tools);
