@@ -130,7 +130,8 @@ CallVerdict CallJudge::message(std::string_view line) {
   JsonDoc doc;
   RpcError error;
   char method[kMethodCapacity];
-  if (!parse_message(line, tokens, doc, error) || !check_message(doc, *state, method, error)) {
+  if (!parse_message(line, tokens, doc, error) ||
+      !check_message(doc, json_find(doc, 0, "id"), *state, method, error)) {
     return refused_message(error);
   }
   if (std::string_view(method) != "tools/call") {

@@ -126,7 +126,8 @@ RunCommand add_policy_diff(CLI::App& parser) {
       ->type_name("FILE");
   parser.add_option("NEW", options->after, "The policy file after")->required()->type_name("FILE");
   parser.add_option("CASES", options->cases, "A table of cases: which of them flip")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(not_empty());
   parser.add_flag("--json", options->json,
                   R"(Print {"widened":[{"key","value"}],"narrowed":[...],)"
                   R"("changed":[{"key","old","new"}],"flips":[{"case","old","new"}]})");

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "base/ascii.h"
-#include "platform/file_access.h"
 #include "platform/file_rights.h"
 #include "policy/predicates.h"
 
@@ -151,8 +150,8 @@ class PolicyLint {
   }
 
   void writable_file() {
-    FileAccess access;
-    if (!file_access(subject_.file.c_str(), access) || !access.others_write) return;
+    FileRights rights;
+    if (!read_file_rights(subject_.file.c_str(), rights) || !rights.others_write) return;
     add("policy-writable", "",
         "accounts other than its owner and group may write the file: the client may change its "
         "own rules",

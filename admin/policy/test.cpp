@@ -53,7 +53,8 @@ RunCommand add_policy_test(CLI::App& parser) {
       ->required()
       ->type_name("FILE|-");
   parser.add_option("--junit", options->junit, "Write the outcomes in JUnit's form too")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(not_empty());
   parser.add_flag("--fail-on-empty", options->fail_on_empty, "A table without a case fails");
   parser.footer(
       R"(A case: {"name", "tool", "sql" or "arguments", "expect": "allow"|"deny"|"approval",)"

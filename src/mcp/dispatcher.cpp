@@ -41,8 +41,7 @@ bool check_method(const JsonDoc& doc, TextOut method, RpcError& error) {
 }
 
 /// Uses the id up, before the method is looked at.
-bool check_id(const JsonDoc& doc, RequestIdRegistry& ids, RpcError& error) {
-  const int token = json_find(doc, 0, "id");
+bool check_id(const JsonDoc& doc, int token, RequestIdRegistry& ids, RpcError& error) {
   if (token < 0) return true;
   const bool is_scalar = doc.is(token, JsonType::kString) || doc.is(token, JsonType::kPrimitive);
   char id[kIdCapacity];
@@ -107,7 +106,8 @@ bool route(const Request& request, std::string_view method, RpcError& error) {
 
 bool serve(const Request& request, RpcError& error) {
   char method[kMethodCapacity];
-  return check_message(request.doc, request.state, method, error) && route(request, method, error);
+  return check_message(request.doc, request.id, request.state, method, error) &&
+         route(request, method, error);
 }
 
 }  // namespace
@@ -120,9 +120,10 @@ bool parse_message(std::string_view message, const HeapArray<JsonToken>& tokens,
          refuse(error, kParseError, "invalid, duplicate, deep, or oversized JSON message");
 }
 
-bool check_message(const JsonDoc& doc, ProtocolState& state, TextOut method, RpcError& error) {
+bool check_message(const JsonDoc& doc, int id, ProtocolState& state, TextOut method,
+                   RpcError& error) {
   return check_version(doc, error) && check_method(doc, method, error) &&
-         check_id(doc, state.request_ids, error);
+         check_id(doc, id, state.request_ids, error);
 }
 
 void dispatch(std::string_view message, ProtocolState& state, ToolContext& tools) {

@@ -13,21 +13,22 @@
 
 namespace kova {
 
+/// A method's name and a terminator; a message with a longer one has no method.
+inline constexpr std::size_t kMethodCapacity = 96;
+
 /// The protocol's state in this process. Used by one thread.
 struct ProtocolState {
   bool Initialized = false;
   RequestIdRegistry request_ids;
 };
 
-inline constexpr std::size_t kMethodCapacity = 96;
-
 /// Parses one message. False leaves the error of its reply.
 [[nodiscard]] bool parse_message(std::string_view message, const HeapArray<JsonToken>& tokens,
                                  JsonDoc& doc, RpcError& error);
 
-/// The checks of every message, in their order: version, method, id. Uses the id up and writes the
-/// method. False leaves the error of the reply.
-[[nodiscard]] bool check_message(const JsonDoc& doc, ProtocolState& state, TextOut method,
+/// The checks of every message, in their order: version, method, id. `id` is the index of the id,
+/// -1 when the message has none; it is used up. False leaves the error of the reply.
+[[nodiscard]] bool check_message(const JsonDoc& doc, int id, ProtocolState& state, TextOut method,
                                  RpcError& error);
 
 /// Serves one message (a line without its line end) and writes its reply; a notification has none.

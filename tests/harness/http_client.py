@@ -70,7 +70,7 @@ RESPONSE_FAILED = _error(502, "Bad Gateway", "MCP response failed")
 CLOSED = response(204, "No Content")
 
 
-def answered(session: str, reply: bytes) -> bytes:
+def ok_response(session: str, reply: bytes) -> bytes:
     """The response that relays a reply line."""
     return response(200, "OK", reply.removesuffix(b"\n"), f"Mcp-Session-Id: {session}\r\n")
 

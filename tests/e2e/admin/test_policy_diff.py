@@ -80,3 +80,8 @@ def test_sentences(authors):
         'changes   name: "b" instead of "sales_read"\n'))
     result = authors.run("diff", authors.policy("old.json"), authors.policy("new.json"))
     assert (result.code, result.stdout.strip()) == (0, b"The policies are the same.")
+
+
+def test_an_empty_name_of_the_cases_is_not_left_out(authors):
+    assert "empty" in authors.refusal("diff", authors.policy("a.json"), authors.policy("b.json"), "")
+    assert "empty" in authors.refusal("test", "--junit", "", authors.policy(), authors.cases([]))
