@@ -4,6 +4,11 @@
 #include "admin/approvals/clean.h"
 #include "admin/approvals/list.h"
 #include "admin/approve/approve.h"
+#include "admin/audit/export.h"
+#include "admin/audit/report.h"
+#include "admin/audit/seal.h"
+#include "admin/audit/tail.h"
+#include "admin/audit/verify.h"
 #include "admin/common/command_line.h"
 #include "admin/common/output.h"
 #include "admin/doctor/doctor.h"
@@ -28,6 +33,21 @@ constexpr kova::admin::Command kCommands[] = {
     {.name = "approvals clean",
      .summary = "Remove the markers of tokens that expired long ago",
      .add = kova::admin::add_approvals_clean},
+    {.name = "audit report",
+     .summary = "Say what happened, from the audit files",
+     .add = kova::admin::add_audit_report},
+    {.name = "audit tail",
+     .summary = "Follow an audit file, one readable line a record",
+     .add = kova::admin::add_audit_tail},
+    {.name = "audit export",
+     .summary = "Write records in a field model of other systems",
+     .add = kova::admin::add_audit_export},
+    {.name = "audit seal",
+     .summary = "Write down what rotated audit files are",
+     .add = kova::admin::add_audit_seal},
+    {.name = "audit verify",
+     .summary = "Compare sealed audit files with their seals",
+     .add = kova::admin::add_audit_verify},
     {.name = "doctor",
      .summary = "Find what is wrong with a deployment",
      .add = kova::admin::add_doctor},

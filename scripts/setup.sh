@@ -3,11 +3,11 @@
 set -euo pipefail
 
 readonly -a BUILD=(g++ cmake ninja-build libsodium-dev libsqlite3-dev libcli11-dev libfmt-dev
-  nlohmann-json3-dev python3)
-readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
+  nlohmann-json3-dev libssl-dev zlib1g-dev python3)
+readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
-  curl jq haproxy locales systemd)
+  curl jq haproxy locales systemd chromium lnav minisign)
 readonly -a MODELS=(spin)
 readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)

@@ -66,25 +66,6 @@ void check_decision(const Decision& decision) {
   if (approved && !parse_time(*decision.expires_at)) throw Refusal("the expiry is invalid");
 }
 
-Decision parse_line(std::string_view text) {
-  const Json line = Json::parse(text, nullptr, false);
-  if (!line.is_object()) throw Refusal("the line is no JSON object");
-  Decision decision;
-  for (const TextMember& entry : kTextMembers) {
-    const Json& value = member(line, entry.name);
-    if (!value.is_string()) throw Refusal(fmt::format("the member {} is no text", entry.name));
-    decision.*entry.field = value.get<std::string>();
-  }
-  for (const OptionalMember& entry : kOptionalMembers) {
-    const Json& value = member(line, entry.name);
-    if (value.is_null()) continue;
-    if (!value.is_string()) throw Refusal(fmt::format("the member {} is no text", entry.name));
-    decision.*entry.field = value.get<std::string>();
-  }
-  check_decision(decision);
-  return decision;
-}
-
 }  // namespace
 
 std::shared_ptr<std::string> add_journal_option(CLI::App& parser) {
@@ -119,6 +100,25 @@ std::string journal_line(const Decision& decision) {
   return json_line(line) + '\n';
 }
 
+Decision parse_decision(std::string_view text) {
+  const Json line = Json::parse(text, nullptr, false);
+  if (!line.is_object()) throw Refusal("the line is no JSON object");
+  Decision decision;
+  for (const TextMember& entry : kTextMembers) {
+    const Json& value = member(line, entry.name);
+    if (!value.is_string()) throw Refusal(fmt::format("the member {} is no text", entry.name));
+    decision.*entry.field = value.get<std::string>();
+  }
+  for (const OptionalMember& entry : kOptionalMembers) {
+    const Json& value = member(line, entry.name);
+    if (value.is_null()) continue;
+    if (!value.is_string()) throw Refusal(fmt::format("the member {} is no text", entry.name));
+    decision.*entry.field = value.get<std::string>();
+  }
+  check_decision(decision);
+  return decision;
+}
+
 void append_decision(const std::string& path, const Decision& decision) {
   if (!append_durably(path.c_str(), journal_line(decision))) {
     throw Refusal(path + ": the journal cannot be written");
@@ -131,7 +131,7 @@ std::vector<Decision> parse_journal(std::string_view text) {
     const std::size_t end = text.find('\n');
     try {
       if (end == text.npos) throw Refusal("the line has no end");
-      decisions.push_back(parse_line(text.substr(0, end)));
+      decisions.push_back(parse_decision(text.substr(0, end)));
     } catch (const Refusal& refusal) {
       throw Refusal(fmt::format("line {}: {}", number, refusal.what()));
     }

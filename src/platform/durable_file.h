@@ -11,6 +11,10 @@ namespace kova {
 /// dropped. False when the record is not stored for good; what was written of it is taken back.
 [[nodiscard]] bool append_durably(const char* path, std::string_view record);
 
+/// The same, but only while the file has `size` bytes (0 also stands for one that is absent).
+/// False, too, when another writer came first; nothing is written then.
+[[nodiscard]] bool append_durably_at(const char* path, std::uint64_t size, std::string_view record);
+
 /// A new file that its owner alone may read, closed at destruction.
 class PrivateFile {
  public:

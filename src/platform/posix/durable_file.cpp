@@ -56,9 +56,12 @@ bool store_folder_of(const char* path) {
   return stored;
 }
 
-bool append_locked(int descriptor, const char* path, std::string_view record) {
+/// Stands for whatever size the file has.
+constexpr std::uint64_t kAnySize = UINT64_MAX;
+
+bool append_locked(int descriptor, const char* path, std::uint64_t size, std::string_view record) {
   const off_t end = ::lseek(descriptor, 0, SEEK_END);
-  if (end < 0) return false;
+  if (end < 0 || (size != kAnySize && static_cast<std::uint64_t>(end) != size)) return false;
   if (write_at(descriptor, record, end) && ::fsync(descriptor) == 0 &&
       (end > 0 || store_folder_of(path))) {
     return true;
@@ -67,17 +70,25 @@ bool append_locked(int descriptor, const char* path, std::string_view record) {
   return false;
 }
 
-}  // namespace
-
-bool append_durably(const char* path, std::string_view record) {
+bool append(const char* path, std::uint64_t size, std::string_view record) {
   fail_at_file_limits();
   // Not appending by the system: on a full disk the part that was written is taken back. Not
   // blocking: a named pipe is refused, not waited for.
   const int descriptor = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
   if (descriptor < 0) return false;
-  const bool appended = lock(descriptor) && append_locked(descriptor, path, record);
+  const bool appended = lock(descriptor) && append_locked(descriptor, path, size, record);
   ::close(descriptor);
   return appended;
+}
+
+}  // namespace
+
+bool append_durably(const char* path, std::string_view record) {
+  return append(path, kAnySize, record);
+}
+
+bool append_durably_at(const char* path, std::uint64_t size, std::string_view record) {
+  return append(path, size, record);
 }
 
 PrivateFile::~PrivateFile() {

@@ -31,28 +31,40 @@ bool write_at(HANDLE file, std::string_view bytes, LONGLONG offset) {
          written == bytes.size() && ::FlushFileBuffers(file) != 0;
 }
 
-bool append_locked(HANDLE file, std::string_view record) {
+/// Stands for whatever size the file has.
+constexpr std::uint64_t kAnySize = UINT64_MAX;
+
+bool append_locked(HANDLE file, std::uint64_t size, std::string_view record) {
   LARGE_INTEGER end{};
   if (::GetFileSizeEx(file, &end) == 0) return false;
+  if (size != kAnySize && static_cast<std::uint64_t>(end.QuadPart) != size) return false;
   if (write_at(file, record, end.QuadPart)) return true;
   ::SetFilePointerEx(file, end, nullptr, FILE_BEGIN);
   ::SetEndOfFile(file);
   return false;
 }
 
-}  // namespace
-
-bool append_durably(const char* path, std::string_view record) {
+bool append(const char* path, std::uint64_t size, std::string_view record) {
   const HANDLE file = open_private(path, OPEN_ALWAYS);
   if (file == INVALID_HANDLE_VALUE) return false;
   // The lock lies beyond every byte that is ever written: readers are not kept out.
   OVERLAPPED place{};
   place.OffsetHigh = 0x7FFFFFFF;
   const bool appended = ::LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &place) != 0 &&
-                        append_locked(file, record);
+                        append_locked(file, size, record);
   ::UnlockFileEx(file, 0, 1, 0, &place);
   ::CloseHandle(file);
   return appended;
+}
+
+}  // namespace
+
+bool append_durably(const char* path, std::string_view record) {
+  return append(path, kAnySize, record);
+}
+
+bool append_durably_at(const char* path, std::uint64_t size, std::string_view record) {
+  return append(path, size, record);
 }
 
 PrivateFile::~PrivateFile() {

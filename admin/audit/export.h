@@ -1,0 +1,12 @@
+// The command `audit export`.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "admin/common/command_line.h"
+
+namespace kova::admin {
+
+[[nodiscard]] RunCommand add_audit_export(CLI::App& parser);
+
+}  // namespace kova::admin

@@ -1,0 +1,117 @@
+#include "admin/audit/journal_join.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "admin/approve/journal.h"
+#include "admin/common/refusal.h"
+#include "platform/shared_input.h"
+
+namespace kova::admin {
+
+namespace {
+
+/// How far the clocks of server and operator may lie apart.
+constexpr UnixMs kSlackMs = 2000;
+/// A statement of 32 KB whose every byte is escaped, and the rest.
+constexpr std::size_t kLineLimit = std::size_t{512} * 1024;
+constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
+constexpr std::size_t kReasonLimit = 1024;
+/// What an entry takes beside its texts.
+constexpr std::size_t kEntryCost = 1024;
+
+/// A text as the audit file has it, which knows printable ASCII alone.
+std::string cleaned(std::string_view text) {
+  std::string clean(text);
+  std::replace_if(
+      clean.begin(), clean.end(), [](char c) { return c < 0x20 || c > 0x7E; }, '_');
+  return clean;
+}
+
+/// What must be equal in both files. No text of an audit record holds a line feed.
+std::string key_of(std::string_view policy, std::string_view client, std::string_view database,
+                   std::string_view table) {
+  return fmt::format("{}\n{}\n{}\n{}", policy, client, database, table);
+}
+
+// What stands after the last line end that was read.
+void check_rest(const std::string& text, std::uint64_t& number) {
+  if (text.empty()) return;
+  ++number;
+  throw Refusal(text.size() > kLineLimit ? "the line is too long" : "the line has no end");
+}
+
+}  // namespace
+
+JournalJoin::JournalJoin(const std::string& path) {
+  SharedInput file;
+  if (path.find('\0') != std::string::npos || !file.open(path.c_str())) {
+    throw Refusal(path + ": the file cannot be opened");
+  }
+  std::string text;
+  std::uint64_t number = 0;
+  for (bool at_end = false; !at_end;) {
+    const std::size_t kept = text.size();
+    text.resize(kept + kBlockSize);
+    std::size_t got = 0;
+    if (!file.read(text.data() + kept, kBlockSize, got)) {
+      throw Refusal(path + ": the file cannot be read");
+    }
+    text.resize(kept + got);
+    at_end = got == 0;
+    std::size_t begin = 0;
+    try {
+      for (std::size_t end = 0; (end = text.find('\n', begin)) != text.npos; begin = end + 1) {
+        ++number;
+        add_line(std::string_view(text).substr(begin, end - begin));
+      }
+      text.erase(0, begin);
+      if (at_end || text.size() > kLineLimit) check_rest(text, number);
+    } catch (const Refusal& refusal) {
+      throw Refusal(fmt::format("{}: line {}: {}", path, number, refusal.what()));
+    }
+  }
+  for (auto& [key, entries] : waiting_) {
+    std::stable_sort(
+        entries.begin(), entries.end(),
+        [](const JournalEntry& a, const JournalEntry& b) { return a.decided < b.decided; });
+  }
+}
+
+void JournalJoin::add_line(std::string_view line) {
+  Decision decision = parse_decision(line);
+  if (decision.decision != kApproved) {
+    ++declined_;
+    return;
+  }
+  ++approved_;
+  if (decision.reason.size() > kReasonLimit) decision.reason.resize(kReasonLimit);
+  std::string key = key_of(cleaned(decision.policy), cleaned(decision.client_id),
+                           cleaned(decision.database), cleaned(decision.table));
+  kept_ += kEntryCost + key.size() + decision.person.size() + decision.reason.size();
+  if (kept_ > kMemoryLimit) throw Refusal("the journal is too large");
+  waiting_[std::move(key)].push_back({.decided = *parse_time(decision.timestamp),
+                                      .expires = *parse_time(*decision.expires_at),
+                                      .person = std::move(decision.person),
+                                      .reason = std::move(decision.reason)});
+}
+
+const JournalEntry* JournalJoin::take(const AuditRecord& record) {
+  const auto found =
+      waiting_.find(key_of(record.policy, record.client, record.database, record.objects));
+  if (found == waiting_.end()) return nullptr;
+  std::deque<JournalEntry>& entries = found->second;
+  constexpr std::uint64_t kDurationLimit = 1ULL << 40U;
+  const UnixMs begin =
+      record.time - static_cast<UnixMs>(std::min(record.duration_ms, kDurationLimit));
+  // An approval that had expired before this write fits none that follows.
+  while (!entries.empty() && entries.front().expires + kSlackMs < begin) entries.pop_front();
+  if (entries.empty() || entries.front().decided - kSlackMs > record.time) return nullptr;
+  taken_ = std::move(entries.front());
+  entries.pop_front();
+  return &taken_;
+}
+
+}  // namespace kova::admin

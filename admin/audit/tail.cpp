@@ -1,0 +1,83 @@
+#include "admin/audit/tail.h"
+
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "admin/audit/followed_file.h"
+#include "admin/audit/record_line.h"
+#include "admin/common/output.h"
+#include "platform/clock.h"
+#include "platform/thread.h"
+
+namespace kova::admin {
+
+namespace {
+
+constexpr std::uint32_t kPauseMs = 200;
+
+struct Options {
+  std::string file;
+  unsigned lines = 10;
+};
+
+/// Shows lines at once, but at first only the last ones of those that were there.
+class Screen {
+ public:
+  explicit Screen(unsigned lines) : lines_(lines) {}
+
+  void take(std::string_view line) {
+    AuditRecord record;
+    std::string text =
+        reader_.read(line, record) ? record_line(record, colour_) : unreadable_line(line);
+    text += '\n';
+    if (is_live_) {
+      print(text);
+      return;
+    }
+    waiting_.push_back(std::move(text));
+    if (waiting_.size() > lines_) waiting_.pop_front();
+  }
+
+  void go_live() {
+    is_live_ = true;
+    for (const std::string& text : waiting_) print(text);
+    waiting_.clear();
+  }
+
+ private:
+  unsigned lines_;
+  bool is_live_ = false;
+  bool colour_ = stdout_has_colour();
+  AuditRecordReader reader_;
+  std::deque<std::string> waiting_;
+};
+
+int run(const Options& options) {
+  FollowedFile file(options.file);
+  Screen screen(options.lines);
+  const auto take = [&](std::string_view line) { screen.take(line); };
+  file.poll(tick_ms(), take);
+  screen.go_live();
+  for (;;) {
+    sleep_thread(kPauseMs);
+    file.poll(tick_ms(), take);
+  }
+}
+
+}  // namespace
+
+RunCommand add_audit_tail(CLI::App& parser) {
+  const auto options = std::make_shared<Options>();
+  constexpr unsigned kLinesLimit = 10000;
+  parser.add_option("--lines", options->lines, "Records to begin with; 10 without it")
+      ->check(CLI::Range(0U, kLinesLimit))
+      ->type_name("NUMBER");
+  parser.add_option("FILE", options->file, "The audit file")->required();
+  parser.footer(
+      "Shows the last records of an audit file and then each new one, on one line, also when the\n"
+      "file is rotated. Ends with the interrupt key.");
+  return [options] { return run(*options); };
+}
+
+}  // namespace kova::admin
