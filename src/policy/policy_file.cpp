@@ -56,7 +56,7 @@ class PolicyReader {
  public:
   PolicyReader(const JsonDoc& doc, McpPolicy& policy) : doc_(doc), policy_(policy) {}
 
-  /// Exactly the known keys, each at most once; keys are compared decoded here.
+  /// An object of known keys, each at most once; keys are compared decoded here.
   [[nodiscard]] bool keys_are_known() const {
     bool seen[std::size(kKeys)] = {};
     JsonMembers members(doc_, 0);
@@ -141,7 +141,6 @@ class PolicyReader {
   [[nodiscard]] bool list(std::string_view key, NameList& names) const {
     const int array = find(key);
     if (!doc_.is(array, JsonType::kArray)) return false;
-    names.count = 0;
     for (const int element : JsonElements(doc_, array)) {
       if (names.count == NameList::kCapacity) return false;
       char(&name)[kSafeNameCapacity] = names.names[names.count];
@@ -177,9 +176,7 @@ bool check_state_directory(const McpPolicy& policy, TextOut error) {
 bool load_text(std::string_view text, McpPolicy& policy, TextOut error) {
   JsonToken tokens[kPolicyTokenCapacity];
   JsonDoc doc;
-  if (!json_parse(text, tokens, kPolicyTokenCapacity, doc) || !doc.is(0, JsonType::kObject)) {
-    return refuse(error, kSchemaMessage);
-  }
+  if (!json_parse(text, tokens, kPolicyTokenCapacity, doc)) return refuse(error, kSchemaMessage);
   PolicyReader reader(doc, policy);
   if (!reader.keys_are_known()) return refuse(error, kSchemaMessage);
   if (!reader.identity_and_version()) return refuse(error, kIdentityMessage);
