@@ -114,10 +114,13 @@ class Campaign:
                 self.say(f"{len(outcomes)} of {len(changes)}")
 
         try:
-            with ThreadPoolExecutor(self.jobs) as pool:
+            pool = ThreadPoolExecutor(self.jobs)
+            try:
                 judged = pool.map(lambda change: self.judge(change, self.tree.program), switched)
                 for change, outcome in zip(switched, judged):
                     done(change, outcome)
+            finally:
+                pool.shutdown(cancel_futures=True)
             for place, change in enumerate(alone):
                 done(change, self.judge_alone(change))
                 following = alone[place + 1].file if place + 1 < len(alone) else None

@@ -113,6 +113,8 @@ class Tree:
 
     def checked(self, source: Source) -> Source:
         """The source with those of its changes marked as switched that compile so."""
+        if not source.changes:
+            return source
         known = self.folder / "checked" / (source.file.replace("/", "-") + ".json")
         key = self.fingerprint(source)
         if known.is_file():
@@ -161,12 +163,12 @@ class Tree:
              "-I", str(ROOT / "src"), '-DKOVA_VERSION_LABEL="1"', "-"],
             input=text.encode(), capture_output=True, check=False).returncode == 0
 
-    def fingerprint(self, source: Source) -> str:
-        digest = hashlib.sha256(source.text)
-        digest.update(repr([(change.number, change.text) for change in source.changes]).encode())
-        for tool in ("syntax.py", "schema.py"):
-            digest.update((Path(__file__).parent / tool).read_bytes())
-        return digest.hexdigest()
+    @staticmethod
+    def fingerprint(source: Source) -> str:
+        """Changes when what is to be compiled does."""
+        text = schema.with_all(source, [change for change in source.changes if change.switched],
+                               source.constants)
+        return hashlib.sha256(text.encode()).hexdigest()
 
     # Builds.
 

@@ -232,6 +232,9 @@ class Finder:
         elif kind.is_expression():
             self.visit_operation(cursor, scope)
         inner = self.inner_scope(cursor, scope)
+        if kind == Kind.CALL_EXPR and cursor.spelling == "size":
+            # The size of an array follows from its type.
+            scope = replace(scope, constant=False)
         statements = kind in (Kind.COMPOUND_STMT, Kind.DEFAULT_STMT)
         bodies = self.bodies(cursor)
         for child in self.children(cursor):

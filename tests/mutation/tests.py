@@ -15,9 +15,9 @@ from typing import Iterable, Mapping, Sequence
 
 from mutation.modules import ROOT
 
-PROCESSOR_SECONDS = 4.0
+PROCESSOR_SECONDS = 1.0
 """Processor time that a run may take beyond what its tests take otherwise."""
-PROCESSOR_FACTOR = 5.0
+PROCESSOR_FACTOR = 4.0
 QUIET_SECONDS = 20.0
 """A run none of whose threads has run for so long is blocked. A busy machine does not count: a
 thread that waits for a processor is not asleep."""

@@ -1,9 +1,9 @@
 // Part of the unit tests in a build for mutation testing.
 //
 // KOVA_MUTANT          the number of the change that is made
-// KOVA_MUTANT_REACHED  a file with one byte a number, shared with child processes: where the changes
-//                      that a test comes by are marked
-// KOVA_MUTANT_LOG      where one line a test goes: name, processor time and time in ms, then numbers
+// KOVA_MUTANT_REACHED  a file with one byte a number, shared with child processes: where the
+//                      changes that a test comes by are marked
+// KOVA_MUTANT_LOG      where one line a test goes: name, processor time and time in ms, numbers
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -54,12 +54,14 @@ double processor_ms() {
 
 class Log : public ::testing::EmptyTestEventListener {
  public:
-  explicit Log(const char* path) : file_(std::fopen(path, "we")) {
-    if (file_ == nullptr) std::abort();
-  }
+  explicit Log(const char* path) : path_(path) {}
 
-  // What came before belongs to no test.
-  void OnTestProgramStart(const ::testing::UnitTest& /*tests*/) override { write("", 0, 0); }
+  // A child process of a test does not come here. What was reached before belongs to no test.
+  void OnTestProgramStart(const ::testing::UnitTest& /*tests*/) override {
+    file_ = std::fopen(path_, "we");
+    if (file_ == nullptr) std::abort();
+    write("", 0, 0);
+  }
 
   void OnTestStart(const ::testing::TestInfo& /*test*/) override {
     processor_ = processor_ms();
@@ -85,7 +87,8 @@ class Log : public ::testing::EmptyTestEventListener {
     std::memset(kova_mutant_reached, 0, numbers);
   }
 
-  std::FILE* file_;
+  const char* path_;
+  std::FILE* file_ = nullptr;
   double processor_ = 0;
   Clock::time_point start_;
 };
