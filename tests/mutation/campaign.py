@@ -48,6 +48,11 @@ class Record:
     def survived(self) -> set[tuple]:
         return {key for key, entry in self.outcomes.items() if entry["status"] == SURVIVED}
 
+    def keep(self, changes: Sequence[Change]) -> None:
+        """Forgets what the sources no longer have."""
+        keys = {change.key for change in changes}
+        self.outcomes = {key: entry for key, entry in self.outcomes.items() if key in keys}
+
     def add(self, change: Change, outcome: Outcome) -> None:
         self.outcomes[change.key] = {"key": change.key, "status": outcome.status,
                                      "test": outcome.test}

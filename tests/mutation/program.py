@@ -70,7 +70,9 @@ def judged(arguments: argparse.Namespace) -> int:
     say("reading the sources")
     choice = Choice(tuple(arguments.module), tuple(arguments.file), arguments.sample,
                     arguments.seed, arguments.again)
-    changes = choice.of(tree.prepare(), campaign.record.survived())
+    everything = tree.prepare()
+    campaign.record.keep(everything)
+    changes = choice.of(everything, campaign.record.survived())
     if arguments.list:
         for change in changes:
             print(verdicts.named(change) + ("" if change.switched else "   (built alone)"))

@@ -8,7 +8,6 @@ import shutil
 import signal
 import subprocess
 import tempfile
-import time
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Iterable, Mapping, Sequence
@@ -18,9 +17,9 @@ from mutation.modules import ROOT
 PROCESSOR_SECONDS = 1.0
 """Processor time that a run may take beyond what its tests take otherwise."""
 PROCESSOR_FACTOR = 4.0
-QUIET_SECONDS = 20.0
+QUIET_SECONDS = 10.0
 """A run none of whose threads has run for so long is blocked. A busy machine does not count: a
-thread that waits for a processor is not asleep."""
+thread that waits for a processor is not asleep, nor is one that was stopped."""
 QUICK_MS = 60.0
 """Tests that take no longer are run first."""
 FILE_BYTES = 256 << 20
@@ -113,18 +112,18 @@ class Runner:
 
 def ends(running: subprocess.Popen) -> bool:
     """Waits for the end of a process; false when nothing has run in its session for long."""
-    last, since = -1, time.monotonic()
-    pause = 0.01
+    last, quiet, pause = -1, 0.0, 0.01
     while True:
         try:
             running.wait(pause)
             return True
         except subprocess.TimeoutExpired:
-            pause = min(2 * pause, 1.0)
+            pass
+        # By the pauses, not by the clock: this process can be stopped too.
         ticks, awake = activity(running.pid)
-        if awake or ticks != last:
-            last, since = ticks, time.monotonic()
-        elif time.monotonic() - since > QUIET_SECONDS:
+        quiet = 0.0 if awake or ticks != last else quiet + pause
+        last, pause = ticks, min(2 * pause, 1.0)
+        if quiet > QUIET_SECONDS:
             return False
 
 
@@ -150,7 +149,7 @@ def activity(session: int) -> tuple[int, bool]:
                 fields = stat.read_text().rpartition(")")[2].split()
             except OSError:
                 continue
-            awake = awake or fields[0] in "RD"
+            awake = awake or fields[0] in "RDTt"
             ticks += int(fields[11]) + int(fields[12])
     return ticks, awake
 
