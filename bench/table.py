@@ -22,11 +22,13 @@ def medians(path: Path) -> dict[str, dict[str, dict[str, float]]]:
     return groups
 
 
-def print_group(group: str, inputs: dict[str, dict[str, float]]) -> None:
-    contenders = list(next(iter(inputs.values())))
+CONTENDERS_A_TABLE = 5
+"""More make rows that are wider than a page; the rest follows in another table."""
+
+
+def print_table(contenders: list[str], inputs: dict[str, dict[str, float]]) -> None:
     width = max(len(name) for name in inputs)
-    print(f"\n{group}: MB/s, and in brackets the speed of ours divided by the contender's\n")
-    print(f"| {'':{width}} | " + " | ".join(contenders) + " |")
+    print(f"\n| {'':{width}} | " + " | ".join(contenders) + " |")
     print(f"|{'-' * (width + 2)}|" + "|".join("-" * (len(c) + 1) + ":" for c in contenders) + "|")
     for name, speeds in inputs.items():
         cells = []
@@ -35,6 +37,13 @@ def print_group(group: str, inputs: dict[str, dict[str, float]]) -> None:
             ratio = "" if contender == "ours" else f" ({speeds['ours'] / speed:.2f})"
             cells.append(f"{speed / 1e6:.0f}{ratio}".rjust(len(contender)))
         print(f"| {name:{width}} | " + " | ".join(cells) + " |")
+
+
+def print_group(group: str, inputs: dict[str, dict[str, float]]) -> None:
+    ours, *others = list(next(iter(inputs.values())))
+    print(f"\n{group}: MB/s, and in brackets the speed of ours divided by the contender's")
+    for begin in range(0, len(others), CONTENDERS_A_TABLE):
+        print_table([ours, *others[begin:begin + CONTENDERS_A_TABLE]], inputs)
 
 
 def main() -> None:

@@ -4,7 +4,8 @@
 Usage: check_layers.py [ROOT]
 
 Prints one line per violation and ends with 1 when there is one:
-- a folder includes only what ARROWS lists, and every arrow that is listed exists;
+- a folder includes only what ARROWS lists, and every arrow and module that the tables name
+  exists;
 - no circle of modules anywhere, and within the folders of ORDER only downward. A module is a
   header with its source; the sources of platform/posix and platform/win32 belong to the header
   above them;
@@ -178,6 +179,16 @@ def check_arrows(files, problems):
                                 "that does not exist")
 
 
+def check_named_modules(files, problems):
+    """Every module that the tables above name exists."""
+    modules = {file.module for file in files}
+    named = [(layer, name) for layer, rows in ORDER.items() for row in rows for name in row]
+    named += [(layer, name) for (layer, _), names in ONLY.items() for name in names]
+    for layer, name in sorted(set(named)):
+        if name != "*" and f"src/{layer}/{name}" not in modules:
+            problems.append(f"check_layers.py: names {layer}/{name}, which does not exist")
+
+
 def check_order(file, layer, target, problems):
     module = re.sub(r"\.\w+$", "", target)
     if layer not in ORDER or module == file.module:
@@ -271,7 +282,7 @@ def main():
     files = [File(path) for folder in ("src", "sample", "admin", "tests", "bench")
              for path in sources(folder) if "node_modules" not in path.parts]
     problems = []
-    for check in (check_arrows, check_beside, check_circles, check_direct, check_platform):
+    for check in (check_arrows, check_named_modules, check_beside, check_circles, check_direct, check_platform):
         check(files, problems)
     for problem in problems:
         print(problem)

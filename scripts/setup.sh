@@ -8,6 +8,8 @@ readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
   curl jq haproxy locales systemd)
+readonly -a MODELS=(spin)
+readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)
 readonly -a MUTATION=(python3-clang)
 # Debian starts these as soon as they are installed, and with the system.
@@ -30,6 +32,8 @@ it prints the one command that installs them, and ends with exit code 1.
   test     what ./test needs beside these, Node.js (any from version $NODE_MINIMUM on) included, and
            the packages that tests/interop/package-lock.json pins
   mutation what tests/mutation/run needs beside these
+  models   the model checker of tests/models; test includes it
+  coverage what writes the report of ./test --coverage
   index    Debian's package index, which the sample data is made from
 EOF
 }
@@ -125,9 +129,11 @@ main() {
       proxy) packages+=("${PROXY[@]}") ;;
       mutation) packages+=("${MUTATION[@]}") ;;
       test)
-        packages+=("${TEST[@]}" "${PROXY[@]}")
+        packages+=("${TEST[@]}" "${PROXY[@]}" "${MODELS[@]}")
         test=1
         ;;
+      models) packages+=("${MODELS[@]}") ;;
+      coverage) packages+=("${COVERAGE[@]}") ;;
       index) index=1 ;;
       *) refuse "unknown group $group; try --help" ;;
     esac

@@ -5,6 +5,7 @@
     ./test --full          every ring
     ./test --quick         checks, unit tests and the short end-to-end tests of Linux
     ./test RING ...        these rings alone, and the builds that they need
+    ./test --coverage      the lines and branches of src/ that tests run, in build/coverage/report
 
   checks             layers, includes, platform conditions, formatting, no address in lock files
   unit-linux         unit tests, and what secrets leave on the stack
@@ -21,8 +22,9 @@ With --full, or by name:
   e2e-asan           end-to-end tests of that build
   endurance-asan     long runs of that build
   unit-tsan          unit tests under the thread sanitizer
-  e2e-tsan           the tests of the servers' threads under it
+  e2e-tsan           the tests of the servers' threads and of the operator's tool under it
   fuzz               every fuzzer for a bounded number of runs
+  models             models of the threads' protocols: every interleaving, and their mutations
 
 A line says when a build or ring ends, how it went, its seconds and the processor's seconds. The
 logs are in build/test-logs/. The last line is 'N passed, N failed'; the exit code is 1 when
@@ -158,7 +160,8 @@ def rings(quick: bool) -> list[Step]:
         unit("linux"),
         python_ring("interop", "linux", "tests/interop", "", holds=played),
         python_ring("e2e", "linux", "tests/e2e", short, *two),
-        python_ring("e2e", "windows", "tests/e2e", "not endurance", *two),
+        # Much of it waits until Wine has started a process.
+        python_ring("e2e", "windows", "tests/e2e", "not endurance", "-n", "3"),
         python_ring("interop", "windows", "tests/interop", "", holds=played),
         unit("windows"),
         python_ring("endurance", "linux", "tests/e2e", "endurance"),
@@ -167,10 +170,11 @@ def rings(quick: bool) -> list[Step]:
         python_ring("e2e", "asan", "tests/e2e", "not shipped_build and not endurance", *two),
         python_ring("endurance", "asan", "tests/e2e", "endurance and not shipped_build"),
         unit("tsan"),
-        python_ring("e2e", "tsan", "tests/e2e", "threads", *two),
+        python_ring("e2e", "tsan", "tests/e2e", "threads or desk", *two),
         Step("fuzz", [Command(["ctest", "--test-dir", "build/fuzz/tests/fuzz",
                                "--output-on-failure", "--output-junit", str(fuzz_results)],
                               fuzz_results)], ("build-fuzz",)),
+        Step("models", [Command(["tests/models/run"], name="models of the threads' protocols")]),
         Step("lint", [Command(["scripts/check_lint.sh", "build/linux"])], ("build-linux",),
              frozenset({"processors"})),
     ]

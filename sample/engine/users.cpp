@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "base/secret.h"
 #include "engine/options.h"
 
 namespace kova::sample {
@@ -27,16 +28,6 @@ std::string read_file(const std::string& path) {
     throw BadInput("cannot read the users file " + path);
   }
   return text;
-}
-
-// The time depends on the length of `given` alone.
-bool same_password(std::string_view known, std::string_view given) {
-  unsigned difference = known.size() == given.size() ? 0 : 1;
-  for (std::size_t i = 0; i < given.size(); ++i) {
-    const char other = i < known.size() ? known[i] : '\0';
-    difference |= static_cast<unsigned char>(given[i] ^ other);
-  }
-  return difference == 0;
 }
 
 }  // namespace
@@ -72,7 +63,7 @@ bool Users::admits(std::string_view user, std::string_view password) const {
   const auto same_name = [&](const User& known) { return known.name == user; };
   const auto found = std::find_if(users_.begin(), users_.end(), same_name);
   const bool known = found != users_.end();
-  const bool matches = same_password(known ? found->password : std::string_view(), password);
+  const bool matches = equal_constant_time(known ? found->password : std::string_view(), password);
   return known && matches;
 }
 

@@ -40,8 +40,7 @@ int config_invalid(std::string_view reason) {
 }
 
 int policy_invalid(const McpPolicy& policy) {
-  const std::string_view error(policy.error);
-  return config_invalid(error.empty() ? "policy validation failed" : error);
+  return config_invalid(or_else(policy.error, "policy validation failed"));
 }
 
 int config_ok(const McpPolicy& policy, const char* database_profile) {

@@ -2,12 +2,11 @@
 
 #include "base/text.h"
 #include "json/json.h"
+#include "mcp/dispatcher.h"
 
 namespace kova {
 
 namespace {
-
-constexpr std::size_t kMethodCapacity = 96;
 
 /// The source text of the id, with the quotation marks of a string.
 bool copy_raw_id(const JsonDoc& doc, int id, TextOut out) {

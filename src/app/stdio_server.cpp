@@ -65,7 +65,7 @@ class StdioServer {
     }
     if (is_active()) collect_worker(kBusyWaitMs);
     if (is_active()) {
-      answer_busy(found);
+      refuse_as_busy(found);
       return true;
     }
     if (found.is_tool_call) return start_tool(message, found, error);
@@ -94,7 +94,7 @@ class StdioServer {
     return true;
   }
 
-  static void answer_busy(const Prescan& found) {
+  static void refuse_as_busy(const Prescan& found) {
     if (found.raw_id[0] == '\0') return;
     write_error_reply({.raw = found.raw_id}, kBusy, "another MCP database tool is still active");
   }

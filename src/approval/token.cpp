@@ -21,7 +21,6 @@ constexpr std::size_t kDigestDigits = 2 * kSha256Size;
 constexpr std::size_t kExpiryCapacity = 24;
 constexpr std::size_t kPieces = 5;
 
-constexpr std::string_view kTokenInvalid = "approval token is invalid";
 constexpr std::string_view kFieldsInvalid =
     "approval token fields or operation binding are invalid";
 

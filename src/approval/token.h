@@ -11,6 +11,8 @@
 
 namespace kova {
 
+/// The message for a token that is none.
+inline constexpr std::string_view kTokenInvalid = "approval token is invalid";
 inline constexpr std::size_t kTokenCapacity = 256;
 inline constexpr std::size_t kApprovalMessageCapacity = 256;
 

@@ -47,7 +47,7 @@ std::size_t write_escape(EscapeStyle style, char byte, char* target) {
 EscapeProgress escape_json(EscapeStyle style, const char* source, const char* source_end,
                            char* target, char* target_end) {
   const auto has_room = [&] {
-    return target_end - target >= static_cast<std::ptrdiff_t>(kEscapeRoom);
+    return target_end - target >= static_cast<std::ptrdiff_t>(kEscapeSpaceMinimum);
   };
   while (source != source_end && has_room()) {
     std::ptrdiff_t plain = 0;

@@ -13,8 +13,8 @@ enum class EscapeStyle {
 
 /// The longest escape.
 inline constexpr std::size_t kEscapeLimit = 6;
-/// The room that escape_json wants before each step.
-inline constexpr std::size_t kEscapeRoom = 16 + kEscapeLimit;
+/// The least space that escape_json needs before each step.
+inline constexpr std::size_t kEscapeSpaceMinimum = 16 + kEscapeLimit;
 
 struct EscapeProgress {
   const char* source;  ///< the first byte that was not taken
@@ -22,7 +22,7 @@ struct EscapeProgress {
 };
 
 /// Copies [source, source_end) to [target, target_end) with its escapes, until all is taken or less
-/// than kEscapeRoom is left. Bytes after the returned target may have been overwritten.
+/// than kEscapeSpaceMinimum is left. Bytes after the returned target may have been overwritten.
 EscapeProgress escape_json(EscapeStyle style, const char* source, const char* source_end,
                            char* target, char* target_end);
 

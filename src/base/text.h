@@ -19,6 +19,11 @@ constexpr std::string_view slice(std::string_view text, std::size_t begin,
   return {text.data() + begin, std::min(count, text.size() - begin)};
 }
 
+/// The text, or where it is empty the fallback.
+constexpr std::string_view or_else(std::string_view text, std::string_view fallback) {
+  return text.empty() ? fallback : text;
+}
+
 /// A NUL-terminated text under construction in a buffer that the caller owns. The capacity counts
 /// the terminator. Construction writes nothing, so a text that no one writes stays as it was.
 class TextOut {

@@ -24,13 +24,13 @@ OutBuf::~OutBuf() {
 }
 
 bool OutBuf::append(std::string_view bytes) {
-  if (bytes.size() >= kOutBufLimit - length_) return false;
+  if (bytes.size() >= kOutBufCapacityLimit - length_) return false;
   const auto size = static_cast<std::uint32_t>(bytes.size());
   const std::uint32_t need = length_ + size + 1;
   if (need > capacity_) {
     std::uint32_t larger = std::max(capacity_, kOutBufInitialCapacity);
     while (larger < need) larger *= 2;
-    larger = std::min(larger, kOutBufLimit);
+    larger = std::min(larger, kOutBufCapacityLimit);
     auto* grown = static_cast<char*>(std::realloc(text_, larger));
     if (grown == nullptr) return false;
     text_ = grown;

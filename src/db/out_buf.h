@@ -8,7 +8,8 @@
 namespace kova {
 
 inline constexpr std::uint32_t kOutBufInitialCapacity = 4096;
-inline constexpr std::uint32_t kOutBufLimit = 1048576;
+/// How far the text grows, its terminator included.
+inline constexpr std::uint32_t kOutBufCapacityLimit = 1048576;
 
 /// A heap text that starts at 4,096 bytes and doubles up to 1,048,576, the terminator included.
 /// Terminated after each append. An append past that limit or without memory fails and leaves the

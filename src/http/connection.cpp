@@ -27,7 +27,7 @@ constexpr HttpResponse kSessionMissing{
 constexpr HttpResponse kSessionGone{.status = 404, .reason = "Not Found", .body = kSessionRequired};
 constexpr HttpResponse kInputFailed{
     .status = 502, .reason = "Bad Gateway", .body = R"({"error":"MCP session failed"})"};
-constexpr HttpResponse kAnswerFailed{
+constexpr HttpResponse kReplyFailed{
     .status = 502, .reason = "Bad Gateway", .body = R"({"error":"MCP response failed"})"};
 constexpr HttpResponse kSessionClosed{.status = 204, .reason = "No Content"};
 
@@ -36,11 +36,11 @@ bool is_initialize(std::string_view body) {
          body.find(R"("method" : "initialize")") != std::string_view::npos;
 }
 
-bool expects_answer(std::string_view body) {
+bool expects_reply(std::string_view body) {
   return body.find(R"("id")") != std::string_view::npos;
 }
 
-/// One request and its buffer, which the session's answer overwrites.
+/// One request and its buffer, which the session's reply overwrites.
 class Connection {
  public:
   Connection(Socket& socket, const char* port_text, const HttpState& state)
@@ -90,10 +90,10 @@ class Connection {
   [[nodiscard]] HttpResponse exchange(SessionTable::Hold& session, const HttpResponse& gone) {
     TextOut header(response_header_);
     static_cast<void>(header.format("Mcp-Session-Id: %s\r\n", session.id()));
-    const bool wants_answer = expects_answer(request_.body());
+    const bool wants_reply = expects_reply(request_.body());
     const std::string_view message = request_.body_as_line();
     std::size_t length = 0;
-    const Exchange outcome = wants_answer
+    const Exchange outcome = wants_reply
                                  ? state_.sessions.ask(session, message, buffer_.data(), length)
                                  : state_.sessions.tell(session, message);
     switch (outcome) {
@@ -101,13 +101,13 @@ class Connection {
         return gone;
       case Exchange::kInputFailed:
         return kInputFailed;
-      case Exchange::kAnswerFailed:
-        return kAnswerFailed;
+      case Exchange::kReplyFailed:
+        return kReplyFailed;
       case Exchange::kDone:
         break;
     }
     HttpResponse response{.status = 202, .reason = "Accepted", .header = response_header_};
-    if (wants_answer) {
+    if (wants_reply) {
       response.status = 200;
       response.reason = "OK";
       response.body = {buffer_.data(), length};
@@ -123,7 +123,7 @@ class Connection {
   char response_header_[kResponseHeaderCapacity] = {};
 };
 
-static_assert(kAnswerLimit <= kRequestCapacity);
+static_assert(kReplyLineLimit <= kRequestCapacity);
 
 }  // namespace
 

@@ -14,12 +14,12 @@ namespace {
 constexpr std::uint32_t kEndGraceMs = 2000;
 constexpr std::uint32_t kEndedExitCode = 0;
 
-/// Adds to an answer without the carriage returns; false when it would become too long.
-bool append_to_answer(std::string_view piece, char* answer, std::size_t& length) {
+/// Adds to a reply without the carriage returns; false when it would become too long.
+bool append_to_reply(std::string_view piece, char* reply, std::size_t& length) {
   while (!piece.empty()) {
     const std::string_view run = slice(piece, 0, piece.find('\r'));
-    if (run.size() > kAnswerLimit - length) return false;
-    std::memcpy(answer + length, run.data(), run.size());
+    if (run.size() > kReplyLineLimit - length) return false;
+    std::memcpy(reply + length, run.data(), run.size());
     length += run.size();
     piece = slice(piece, run.size() + 1);
   }
@@ -58,7 +58,7 @@ bool SessionProcess::read_line(char* line, std::size_t& length) {
     const std::string_view rest(block_ + begin_, end_ - begin_);
     const std::size_t feed = rest.find('\n');
     const std::string_view piece = slice(rest, 0, feed);
-    if (!append_to_answer(piece, line, length)) return false;
+    if (!append_to_reply(piece, line, length)) return false;
     begin_ += piece.size();
     if (feed == std::string_view::npos) continue;
     ++begin_;

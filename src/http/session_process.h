@@ -13,8 +13,8 @@ namespace kova {
 
 /// 64 lower-case hexadecimal characters and the terminator.
 inline constexpr std::size_t kSessionIdCapacity = 65;
-/// Bytes of an answer line, without its line feed and the carriage returns in it.
-inline constexpr std::size_t kAnswerLimit = 262144;
+/// Bytes of a reply line, without its line feed and the carriage returns in it.
+inline constexpr std::size_t kReplyLineLimit = 262144;
 
 /// A server process and the pipes to it. `write` may be called by several threads, every other
 /// function by one at a time; no thread may be in `write` or `read_line` when `finish` is called.
@@ -26,7 +26,7 @@ class SessionProcess {
 
   /// Writes a whole message, never mixed with another one; false when the child has gone.
   [[nodiscard]] bool write(std::string_view message);
-  /// Reads one line without its line feed and carriage returns into a buffer of kAnswerLimit
+  /// Reads one line without its line feed and carriage returns into a buffer of kReplyLineLimit
   /// bytes; what follows it stays for the next call. False for an empty line, a longer one, and at
   /// the end of output.
   [[nodiscard]] bool read_line(char* line, std::size_t& length);

@@ -46,17 +46,16 @@ Exchange SessionTable::tell(Hold& hold, std::string_view message) {
   return Exchange::kInputFailed;
 }
 
-Exchange SessionTable::ask(Hold& hold, std::string_view message, char* answer,
-                           std::size_t& length) {
+Exchange SessionTable::ask(Hold& hold, std::string_view message, char* reply, std::size_t& length) {
   Slot& slot = *hold.slot_;
   if (!wait_for_turn(slot)) return Exchange::kSessionGone;
   Exchange outcome = Exchange::kDone;
   if (!slot.process.write(message)) {
     outcome = Exchange::kInputFailed;
-  } else if (!slot.process.read_line(answer, length)) {
-    outcome = Exchange::kAnswerFailed;
+  } else if (!slot.process.read_line(reply, length)) {
+    outcome = Exchange::kReplyFailed;
   }
-  // After a failure the turn is kept: a later caller must not read the rest of this answer.
+  // After a failure the turn is kept: a later caller must not read the rest of this reply.
   if (outcome == Exchange::kDone) {
     end_turn(slot);
   } else {

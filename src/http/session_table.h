@@ -2,7 +2,7 @@
 //
 //   SessionTable::Hold session = table.find(id);          // or table.create()
 //   if (!session) return kUnknownSession;
-//   switch (table.ask(session, message, answer, length)) ...   // the hold ends with its scope
+//   switch (table.ask(session, message, reply, length)) ...   // the hold ends with its scope
 #pragma once
 
 #include <cstddef>
@@ -21,9 +21,9 @@ inline constexpr std::size_t kSessionLimit = 16;
 /// How an exchange with a session has ended. After the failures the session has ended too.
 enum class Exchange {
   kDone,
-  kSessionGone,   ///< it had ended before anything was written
-  kInputFailed,   ///< the message was not written
-  kAnswerFailed,  ///< no answer line came
+  kSessionGone,  ///< it had ended before anything was written
+  kInputFailed,  ///< the message was not written
+  kReplyFailed,  ///< no reply line came
 };
 
 /// Sixteen slots, used by all connection threads.
@@ -35,10 +35,10 @@ enum class Exchange {
 /// read from.
 ///
 /// Exchanges of one session take turns, like numbered tickets: ask draws next_turn, waits until
-/// served_turn has reached it, writes, reads the one answer line, and moves served_turn on:
+/// served_turn has reached it, writes, reads the one reply line, and moves served_turn on:
 ///
 ///   next_turn 5     A draws 3 (served now), B draws 4 and waits, the next caller draws 5
-///   served_turn 3   A has its answer: served_turn 4 wakes B
+///   served_turn 3   A has its reply: served_turn 4 wakes B
 class SessionTable {
   struct Slot;
 
@@ -80,11 +80,11 @@ class SessionTable {
   /// The session of that id, or nothing.
   [[nodiscard]] Hold find(std::string_view id);
 
-  /// Writes a message that has no answer.
+  /// Writes a message that has no reply.
   [[nodiscard]] Exchange tell(Hold& hold, std::string_view message);
-  /// Writes a message and reads one line into `answer`, of kAnswerLimit bytes; the message may lie
-  /// there too. The exchanges of a session follow each other in the order of the calls.
-  [[nodiscard]] Exchange ask(Hold& hold, std::string_view message, char* answer,
+  /// Writes a message and reads one line into `reply`, of kReplyLineLimit bytes; the message may
+  /// lie there too. The exchanges of a session follow each other in the order of the calls.
+  [[nodiscard]] Exchange ask(Hold& hold, std::string_view message, char* reply,
                              std::size_t& length);
 
   /// Ends the session, frees its slot and gives the hold up. Does nothing when another thread is

@@ -35,7 +35,7 @@ struct RequestId {
 /// The room for an error's message, with its terminator.
 inline constexpr std::size_t kErrorMessageCapacity = 128;
 
-/// Why a request is answered with a JSON-RPC error.
+/// The error that a request is refused with (JSON-RPC).
 struct RpcError {
   int code = kInternalError;
   char message[kErrorMessageCapacity] = {};

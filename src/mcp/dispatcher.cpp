@@ -12,7 +12,6 @@ namespace kova {
 
 namespace {
 
-constexpr std::size_t kMethodCapacity = 96;
 constexpr std::size_t kVersionCapacity = 8;
 
 constexpr std::string_view kInitializeResult =

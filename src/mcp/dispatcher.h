@@ -1,12 +1,16 @@
 // JSON-RPC 2.0: one message in, at most one reply line out.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "mcp/request_ids.h"
 #include "tools/tool.h"
 
 namespace kova {
+
+/// A method's name and a terminator; a message with a longer one has no method.
+inline constexpr std::size_t kMethodCapacity = 96;
 
 /// The protocol's state in this process. Used by one thread.
 struct ProtocolState {

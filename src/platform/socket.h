@@ -69,8 +69,13 @@ class Socket {
 /// A socket that clients of this machine connect to.
 class LoopbackListener {
  public:
-  /// Listens on 127.0.0.1 with room for 16 connections that wait; no other listener may have the
-  /// port.
+  /// Connections that the system completes before they are accepted.
+  static constexpr int kBacklog = 16;
+  /// The pause while the system has no room for another connection.
+  static constexpr std::uint32_t kNoRoomWaitMs = 20;
+
+  /// Listens on 127.0.0.1 with room for kBacklog connections that wait; no other listener may have
+  /// the port.
   [[nodiscard]] bool listen(std::uint16_t port);
   /// Waits for a connection. One that its client has given up meanwhile is passed over, and while
   /// the system has no room for another one, it stays waiting. False when nothing can come any

@@ -11,6 +11,11 @@ namespace kova {
 inline constexpr char kDisableProviders[] = "KOVA_MCP_DISABLE_PROVIDERS";
 inline constexpr char kDisableWrites[] = "KOVA_MCP_DISABLE_WRITES";
 
+/// Why a call is refused under an invalid policy that names no reason of its own.
+inline constexpr std::string_view kPolicyInvalid = "MCP policy is invalid";
+/// Why a tool that reads is refused where policy_reads_allowed is false.
+inline constexpr std::string_view kReadsDisabled = "read tools are disabled by policy";
+
 enum class TableUse { kRead, kWrite };
 
 /// Whether the variable is exactly "1", or "true", "yes" or "on" ignoring case.

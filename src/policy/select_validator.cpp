@@ -104,9 +104,9 @@ bool check_wildcards(std::string_view sql, TextOut message) {
 }  // namespace
 
 bool policy_validate_select(const McpPolicy& policy, std::string_view sql, TextOut message) {
-  if (!policy.valid) return refuse(message, "MCP policy is invalid");
+  if (!policy.valid) return refuse(message, kPolicyInvalid);
   if (!policy.configured) return true;
-  if (!policy_reads_allowed(policy)) return refuse(message, "read tools are disabled by policy");
+  if (!policy_reads_allowed(policy)) return refuse(message, kReadsDisabled);
   return check_lexical(sql, message) && check_denied_words(policy, sql, message) &&
          check_structure(policy, sql, message) &&
          (policy.denied_columns.count == 0 || check_wildcards(sql, message));

@@ -35,7 +35,7 @@ bool check_token(const ToolCall& call, const McpPolicy& policy, const Classified
   char token[kTokenCapacity];
   const WipeGuard guard(token);
   if (!get_string_member(call.doc, call.arguments, "approval_token", token)) {
-    return refuse(message, "approval token is invalid");
+    return refuse(message, kTokenInvalid);
   }
   return approval_verify(policy, write.digest, token, unix_seconds(), message);
 }

@@ -147,8 +147,7 @@ bool hybrid_search_tool(const ToolCall& call, ToolContext& context, ToolAnswer& 
                             arguments.search.top, answer.result)) {
     return true;
   }
-  const std::string_view error(answer.result.error);
-  return refuse(answer.message, error.empty() ? "hybrid search failed" : error);
+  return refuse(answer.message, or_else(answer.result.error, "hybrid search failed"));
 }
 
 }  // namespace kova

@@ -52,7 +52,7 @@ bool check_list(const ToolCall& call, ToolContext& context, ToolAnswer& answer) 
   }
   // The frame has checked this before; the lists do not rely on it.
   return policy_reads_allowed(context.policy) ||
-         refuse_by_policy(context, answer, kDeny, "read tools are disabled by policy");
+         refuse_by_policy(context, answer, kDeny, kReadsDisabled);
 }
 
 }  // namespace

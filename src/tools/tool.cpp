@@ -19,8 +19,7 @@ bool refuse_by_policy(ToolContext& context, ToolAnswer& answer, std::string_view
 bool respond_with_statement(ToolContext& context, const char* sql, std::uint32_t max_rows,
                             ToolAnswer& answer) {
   if (execute_statement(context.session, sql, max_rows, answer.result)) return true;
-  const std::string_view error(answer.result.error);
-  return refuse(answer.message, error.empty() ? "database tool failed" : error);
+  return refuse(answer.message, or_else(answer.result.error, "database tool failed"));
 }
 
 }  // namespace kova

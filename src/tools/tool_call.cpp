@@ -34,15 +34,14 @@ void open_audit_context(AuditContext& audit, const JsonDoc& doc, int id, std::st
 
 bool check_policy_valid(ToolContext& context, ToolAnswer& answer) {
   if (context.policy.valid) return true;
-  const std::string_view error(context.policy.error);
-  return refuse_by_policy(context, answer, kDeny, error.empty() ? "MCP policy is invalid" : error);
+  return refuse_by_policy(context, answer, kDeny, or_else(context.policy.error, kPolicyInvalid));
 }
 
 /// Everything but the write tool counts as a read, an unknown tool (null) included.
 bool check_read_switch(const Tool* tool, ToolContext& context, ToolAnswer& answer) {
   if (tool != nullptr && tool->access == ToolAccess::kWrite) return true;
   return policy_reads_allowed(context.policy) ||
-         refuse_by_policy(context, answer, kDeny, "read tools are disabled by policy");
+         refuse_by_policy(context, answer, kDeny, kReadsDisabled);
 }
 
 bool check_provider_switch(const Tool* tool, ToolContext& context, ToolAnswer& answer) {

@@ -70,7 +70,7 @@ RESPONSE_FAILED = _error(502, "Bad Gateway", "MCP response failed")
 CLOSED = response(204, "No Content")
 
 
-def answered(session: str, reply: bytes) -> bytes:
+def ok_response(session: str, reply: bytes) -> bytes:
     """The response that relays a reply line."""
     return response(200, "OK", reply.removesuffix(b"\n"), f"Mcp-Session-Id: {session}\r\n")
 
@@ -257,7 +257,9 @@ class HttpListeners:
 
     def close(self) -> None:
         for listener in self._started:
-            listener.server.kill()
+            listener.server.process.terminate()
+        for listener in self._started:
+            listener.server.kill_unless_ended()
         for listener in self._started:
             listener.server.expect_no_process()
             assert b"Sanitizer" not in listener.server.stderr, listener.server.stderr

@@ -69,7 +69,7 @@ std::string unescaped(std::string_view text) {
   return out;
 }
 
-class LineAnswerer {
+class LineResponder {
  public:
   /// False when the process is to end.
   bool take(const std::string& line) {
@@ -97,14 +97,14 @@ class LineAnswerer {
 };
 
 int answer_lines() {
-  LineAnswerer answerer;
+  LineResponder responder;
   std::string text;
   char block[65536];
   while (const std::size_t got = read_stdin(block, sizeof block)) {
     text.append(block, got);
     std::size_t begin = 0;
     for (std::size_t end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
-      if (!answerer.take(text.substr(begin, end - begin))) return 0;
+      if (!responder.take(text.substr(begin, end - begin))) return 0;
     }
     text.erase(0, begin);
   }

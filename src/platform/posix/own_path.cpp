@@ -5,11 +5,12 @@
 
 #include <string_view>
 
+#include "platform/posix/file_identity.h"
+
 namespace kova {
 
 namespace {
 
-constexpr const char* kRunningExecutable = "/proc/self/exe";
 constexpr std::size_t kLinkCapacity = 4096 + 16;
 /// What the kernel adds to the path of a file that was removed or replaced.
 constexpr std::string_view kRemoved = " (deleted)";
@@ -19,7 +20,7 @@ bool is_running_executable(const char* path) {
   struct stat running {};
   struct stat named {};
   return ::stat(kRunningExecutable, &running) == 0 && ::stat(path, &named) == 0 &&
-         running.st_dev == named.st_dev && running.st_ino == named.st_ino;
+         is_same_file(running, named);
 }
 
 }  // namespace

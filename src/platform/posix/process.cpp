@@ -17,6 +17,7 @@
 
 #include "platform/clock.h"
 #include "platform/own_path.h"
+#include "platform/posix/file_identity.h"
 
 namespace kova {
 
@@ -24,9 +25,6 @@ namespace {
 
 /// A POSIX exit code for "ended by a signal" is this plus the signal's number.
 constexpr int kSignalExitBase = 128;
-
-/// The file that this process runs, even after another one was installed at its path.
-constexpr const char* kRunningExecutable = "/proc/self/exe";
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/clock.h"
+#include "platform/posix/file_identity.h"
 #include "platform/thread.h"
 
 namespace kova {
@@ -28,13 +29,9 @@ auto uninterrupted(Call call) {
   }
 }
 
-bool is_same(const struct stat& one, const struct stat& other) {
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
 bool is_standard_output(const struct stat& file) {
   struct stat output {};
-  return ::fstat(STDOUT_FILENO, &output) == 0 && is_same(file, output);
+  return ::fstat(STDOUT_FILENO, &output) == 0 && is_same_file(file, output);
 }
 
 /// The file of the records, open for one of them.
@@ -67,7 +64,8 @@ class RecordFile {
   [[nodiscard]] bool has_path(const char* path) const {
     struct stat file {};
     struct stat named {};
-    return ::fstat(descriptor_, &file) == 0 && ::stat(path, &named) == 0 && is_same(file, named);
+    return ::fstat(descriptor_, &file) == 0 && ::stat(path, &named) == 0 &&
+           is_same_file(file, named);
   }
 
   // Polls, because a waiting flock() has no time limit. Gives up without the lock, also on a file

@@ -16,9 +16,6 @@ namespace kova {
 
 namespace {
 
-constexpr int kBacklog = 16;
-constexpr int kNoRoomWaitMs = 20;
-
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
 }

@@ -83,6 +83,8 @@ class AccountAccess {
   SECURITY_ATTRIBUTES attributes_{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE};
 };
 
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
 // Devices and pipes: opening one only to look at it could take it from its server.
 bool is_device(std::wstring_view path) {
   return path.starts_with(LR"(\\.\)");
@@ -92,7 +94,6 @@ bool is_device(std::wstring_view path) {
 /// case; returns its length, 0 when it cannot be had. The file itself is not opened: it may be
 /// renamed at any moment, and every writer must come to the same path.
 DWORD final_path(const wchar_t* path, wchar_t (&out)[kWideCapacity]) {
-  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
   wchar_t full[kWideCapacity];
   wchar_t found[kWideCapacity];
   wchar_t* name = nullptr;
@@ -203,7 +204,6 @@ void append_record(const char* path, std::string_view record, std::uint32_t wait
 }
 
 bool is_standard_output(const char* path) {
-  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
   wchar_t wide[kWideCapacity];
   if (!to_wide(path, wide) || is_device(wide)) return false;
   const Handle file = open_handle(wide, FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING);

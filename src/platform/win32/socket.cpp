@@ -9,16 +9,14 @@ namespace kova {
 
 namespace {
 
-constexpr std::size_t kLargestTransfer = 1 << 20;
-constexpr int kBacklog = 16;
-constexpr DWORD kNoRoomWaitMs = 20;
+constexpr std::size_t kTransferLimit = 1 << 20;
 
 SOCKET socket_of(std::intptr_t handle) {
   return static_cast<SOCKET>(handle);
 }
 
 int transfer_size(std::size_t size) {
-  return static_cast<int>(std::min(size, kLargestTransfer));
+  return static_cast<int>(std::min(size, kTransferLimit));
 }
 
 bool set_non_blocking(SOCKET socket, bool non_blocking) {

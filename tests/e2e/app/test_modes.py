@@ -6,7 +6,7 @@ import json
 
 import pytest
 
-from harness.http_client import CLOSED, answered
+from harness.http_client import CLOSED, ok_response
 from harness.messages import (BUSY, PARSE_ERROR, call, cancel, error_reply, not_initialized,
                               notification, ping, pong, request, result_reply, tool_error_reply)
 
@@ -35,7 +35,7 @@ def test_the_listener_lives_whatever_the_policy_says(http, policy):
     listener.server.send(ping(1))
     listener.server.close_input()
     session = listener.open_session()
-    assert listener.post_message(ping(1), session) == answered(session, pong(1))
+    assert listener.post_message(ping(1), session) == ok_response(session, pong(1))
     listener.server.expect_silence()
     assert listener.delete(session) == CLOSED
 

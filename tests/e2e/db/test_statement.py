@@ -183,7 +183,7 @@ def test_a_result_of_1048576_bytes(tools):
 
 
 @pytest.mark.parametrize("rows, fits", [(10, True), (11, False)])
-def test_the_ceiling_counts_after_escaping(tools, rows, fits):
+def test_the_limit_counts_after_escaping(tools, rows, fits):
     outcome = select(tools, columns=["A"], repeat=[(rows, [Repeat(CELL, b"\x1f")])])
     if fits:
         assert outcome.records[0]["bytes"] == len(result_json(["A"], [[""]] * rows)) + 60 * CELL
@@ -191,7 +191,7 @@ def test_the_ceiling_counts_after_escaping(tools, rows, fits):
     fails(outcome, BYTES_EXCEEDED)
 
 
-def test_names_alone_can_exceed_the_ceiling(tools):
+def test_names_alone_can_exceed_the_limit(tools):
     fails(select(tools, columns=[Repeat(CELL)] * 64), BYTES_EXCEEDED)
     assert "Next" not in tools.engine.operations()
 

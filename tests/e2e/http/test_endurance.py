@@ -24,7 +24,7 @@ import wine
 from harness.http_client import (CLOSED, HANGING_STATEMENT, INITIALIZE, RESPONSE_FAILED,
                                  SESSION_FAILED, SESSION_REQUIRED, SESSION_REUSED, SESSION_UNKNOWN,
                                  UNBOUNDED, UNKNOWN_ID, HttpListener, HttpListeners, accepted,
-                                 answered)
+                                 ok_response)
 from harness.messages import call, cancel, cancelled_reply, ping, pong
 from harness.scripted_library import Repeat, Script, ScriptedLibrary
 from harness.servers import Servers
@@ -122,7 +122,7 @@ def test_a_request_byte_by_byte(endpoint):
     with endpoint.connect() as client:
         for byte in endpoint.compose(ping(1)[:-1], session).data():
             client.send(bytes([byte]))
-        assert client.read_to_end() == answered(session, pong(1))
+        assert client.read_to_end() == ok_response(session, pong(1))
 
 
 def test_slow_clients_hold_nobody_up(endpoint):
@@ -136,7 +136,7 @@ def test_slow_clients_hold_nobody_up(endpoint):
                 client.send(bytes([byte]))
             if position % 10 == 0:
                 reply = endpoint.post_message(ping(position), session)
-                assert reply == answered(session, pong(position))
+                assert reply == ok_response(session, pong(position))
         assert [client.read_to_end() for client in slow] == [SESSION_UNKNOWN] * 30
     assert endpoint.delete(session) == CLOSED
 
@@ -161,9 +161,9 @@ def test_clients_that_do_not_read(endpoint, engine):
             message = call(f"call-{number}", "kova_list_tables")[:-1]
             client.send(endpoint.compose(message, session).data())
         engine.wait_for_statement(HANGING_STATEMENT, len(idle))
-        assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
+        assert endpoint.post_message(ping(1), session) == ok_response(session, pong(1))
         for client in idle:
-            assert client.read_to_end() == answered(session, b"x" * 262144)
+            assert client.read_to_end() == ok_response(session, b"x" * 262144)
 
 
 # clients that leave
@@ -190,7 +190,7 @@ def test_clients_that_leave_at_every_stage(endpoint, how):
             else:
                 client.end_sending()
                 client.socket.close()
-    assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
+    assert endpoint.post_message(ping(1), session) == ok_response(session, pong(1))
     assert endpoint.delete(session) == CLOSED
     expect_to_hold(endpoint, before)
 
@@ -238,7 +238,7 @@ def use_sessions(endpoint: HttpListener, rounds: int) -> None:
     """Sessions that end in each possible way."""
     for number in range(rounds):
         session = endpoint.open_session()
-        assert endpoint.post_message(ping(number), session) == answered(session, pong(number))
+        assert endpoint.post_message(ping(number), session) == ok_response(session, pong(number))
         if number % 4 == 1:
             endpoint.end_process(endpoint.session_processes()[0])
             assert endpoint.post_message(ping("x"), session) == SESSION_FAILED
@@ -306,7 +306,7 @@ def test_sessions_that_come_and_go_side_by_side(endpoint):
     def live(number: int) -> bool:
         session = endpoint.open_session()
         reply = endpoint.post_message(ping(number), session)
-        return (reply == answered(session, pong(number))) & (endpoint.delete(session) == CLOSED)
+        return (reply == ok_response(session, pong(number))) & (endpoint.delete(session) == CLOSED)
 
     with ThreadPoolExecutor(8) as pool:
         assert all(pool.map(live, range(120)))
@@ -326,7 +326,7 @@ def test_calls_that_are_broken_off_leave_nothing_behind(endpoint, engine):
                 client.reset()
             elif number % 3 == 1:
                 assert endpoint.post_message(cancel(number), session) == accepted(session)
-                reply = answered(session, cancelled_reply(str(number)))
+                reply = ok_response(session, cancelled_reply(str(number)))
                 assert client.read_to_end() == reply
             assert endpoint.delete(session) == CLOSED
             if number % 3 == 2:

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from harness.http_client import HttpListeners, answered
+from harness.http_client import HttpListeners, ok_response
 from harness.messages import call, ping, pong, tool_success_reply
 from harness.servers import Servers
 from harness.targets import Installation, Target
@@ -42,8 +42,8 @@ def test_a_session_and_its_calls(named, policy):
     try:
         endpoint = listeners(policy())
         session = endpoint.open_session()
-        assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
+        assert endpoint.post_message(ping(1), session) == ok_response(session, pong(1))
         reply = endpoint.post_message(call(2, "kova_list_tables"), session)
-        assert reply == answered(session, tool_success_reply("2", LISTED))
+        assert reply == ok_response(session, tool_success_reply("2", LISTED))
     finally:
         listeners.close()

@@ -60,7 +60,7 @@ std::string in_steps(EscapeStyle style, std::string_view text, std::size_t room)
         escape_json(style, p, end, target.data(), target.data() + target.size());
     const auto written = static_cast<std::size_t>(step.target - target.data());
     out.append(target.data(), written);
-    EXPECT_TRUE(step.source == end || room - written < kEscapeRoom) << "it stopped early";
+    EXPECT_TRUE(step.source == end || room - written < kEscapeSpaceMinimum) << "it stopped early";
     if (step.source == p) return out + " and no step was made";
     p = step.source;
   }
@@ -103,7 +103,7 @@ TEST(EscapeJson, RoomsOfEverySize) {
   text += "\x01\x02\x03\"\"\"\\\\\\";
   for (const EscapeStyle style : kStyles) {
     const std::string wanted = escaped(style, text);
-    for (std::size_t room = kEscapeRoom; room <= 3 * kEscapeRoom; ++room) {
+    for (std::size_t room = kEscapeSpaceMinimum; room <= 3 * kEscapeSpaceMinimum; ++room) {
       ASSERT_EQ(in_steps(style, text, room), wanted) << room;
     }
   }
@@ -111,7 +111,7 @@ TEST(EscapeJson, RoomsOfEverySize) {
 
 TEST(EscapeJson, WithoutRoomNothingIsTaken) {
   const GuardedText source("abc");
-  for (std::size_t room = 0; room < kEscapeRoom; ++room) {
+  for (std::size_t room = 0; room < kEscapeSpaceMinimum; ++room) {
     const GuardedBuffer target(room);
     const EscapeProgress step = escape_json(EscapeStyle::kShort, source.data(), source.data() + 3,
                                             target.data(), target.data() + room);
@@ -122,9 +122,9 @@ TEST(EscapeJson, WithoutRoomNothingIsTaken) {
 
 TEST(EscapeJson, AnEmptyText) {
   const GuardedText source("");
-  const GuardedBuffer target(kEscapeRoom);
+  const GuardedBuffer target(kEscapeSpaceMinimum);
   const EscapeProgress step = escape_json(EscapeStyle::kShort, source.data(), source.data(),
-                                          target.data(), target.data() + kEscapeRoom);
+                                          target.data(), target.data() + kEscapeSpaceMinimum);
   EXPECT_EQ(step.source, source.data());
   EXPECT_EQ(step.target, target.data());
 }

@@ -27,7 +27,7 @@ int length_of(unsigned char lead) {
 }
 
 bool is_utf8(std::string_view text) {
-  static constexpr std::uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+  static constexpr std::uint32_t kMinimum[] = {0, 0, 0x80, 0x800, 0x10000};
   for (std::size_t i = 0; i < text.size();) {
     const auto lead = static_cast<unsigned char>(text[i]);
     const auto length = static_cast<std::size_t>(length_of(lead));
@@ -38,7 +38,7 @@ bool is_utf8(std::string_view text) {
       if ((next & 0xC0) != 0x80) return false;
       code = code << 6 | (next & 0x3FU);
     }
-    if (code < kLeast[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
+    if (code < kMinimum[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
       return false;
     i += length;
   }

@@ -1,4 +1,4 @@
-// The growing text: growth, ceiling, missing memory, and escaping.
+// The growing text: growth, limit, missing memory, and escaping.
 #include "db/out_buf.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 namespace kova::testing {
 namespace {
 
-constexpr std::size_t kLargest = 1048575;
+constexpr std::size_t kTextLimit = 1048575;
 
 std::string_view view_of(const OutBuf& out) {
   return {out.text(), out.length()};
@@ -49,10 +49,10 @@ TEST(OutBuf, DoublesFrom4096) {
     std::size_t length;
     std::uint32_t capacity;
   };
-  constexpr Row kRows[] = {{0, 4096},          {1, 4096},          {4095, 4096},
-                           {4096, 8192},       {8191, 8192},       {8192, 16384},
-                           {20000, 32768},     {524287, 524288},   {524288, 1048576},
-                           {1000000, 1048576}, {kLargest, 1048576}};
+  constexpr Row kRows[] = {
+      {0, 4096},         {1, 4096},          {4095, 4096},         {4096, 8192},
+      {8191, 8192},      {8192, 16384},      {20000, 32768},       {524287, 524288},
+      {524288, 1048576}, {1000000, 1048576}, {kTextLimit, 1048576}};
   for (const Row& row : kRows) {
     OutBuf at_once;
     ASSERT_TRUE(at_once.append(std::string(row.length, 'x')));
@@ -68,24 +68,24 @@ TEST(OutBuf, DoublesFrom4096) {
 TEST(OutBuf, GrowsRarely) {
   OutBuf out;
   const unsigned long before = allocation_count();
-  for (std::size_t i = 0; i < kLargest; ++i) ASSERT_TRUE(out.append("x"));
+  for (std::size_t i = 0; i < kTextLimit; ++i) ASSERT_TRUE(out.append("x"));
   // 4,096 doubled eight times.
   EXPECT_EQ(allocation_count() - before, 9U);
 }
 
 TEST(OutBuf, HoldsAtMost1048575Bytes) {
   OutBuf out;
-  EXPECT_FALSE(out.append(std::string(kLargest + 1, 'x')));
+  EXPECT_FALSE(out.append(std::string(kTextLimit + 1, 'x')));
   EXPECT_EQ(out.length(), 0U);
-  ASSERT_TRUE(out.append(std::string(kLargest - 1, 'x')));
+  ASSERT_TRUE(out.append(std::string(kTextLimit - 1, 'x')));
   EXPECT_FALSE(out.append("yz"));
-  EXPECT_EQ(out.length(), kLargest - 1);
-  EXPECT_EQ(out.text()[kLargest - 1], '\0');
+  EXPECT_EQ(out.length(), kTextLimit - 1);
+  EXPECT_EQ(out.text()[kTextLimit - 1], '\0');
   EXPECT_TRUE(out.append("y"));
   EXPECT_FALSE(out.append("z"));
   EXPECT_TRUE(out.append(""));
-  EXPECT_EQ(out.length(), kLargest);
-  EXPECT_EQ(std::string_view(out.text()).size(), kLargest);
+  EXPECT_EQ(out.length(), kTextLimit);
+  EXPECT_EQ(std::string_view(out.text()).size(), kTextLimit);
 }
 
 TEST(OutBuf, KeepsItsTextWithoutMemory) {
@@ -132,9 +132,9 @@ TEST(OutBuf, FormatsAtMost127Characters) {
   EXPECT_EQ(view_of(out), "7-x" + longest);
 }
 
-TEST(OutBuf, FormattingHeedsTheCeiling) {
+TEST(OutBuf, FormattingHeedsTheLimit) {
   OutBuf out;
-  ASSERT_TRUE(out.append(std::string(kLargest - 2, 'x')));
+  ASSERT_TRUE(out.append(std::string(kTextLimit - 2, 'x')));
   EXPECT_FALSE(out.append_formatted("%d", 123));
   EXPECT_TRUE(out.append_formatted("%d", 12));
 }
@@ -191,21 +191,21 @@ TEST(OutBuf, EscapesTheFirst16384Bytes) {
             "\"" + std::string(16383, 'p') + "\xC3\"");
 }
 
-TEST(OutBuf, EscapingHeedsTheCeiling) {
+TEST(OutBuf, EscapingHeedsTheLimit) {
   const auto escapes_after = [](std::size_t length, std::string_view text) {
     OutBuf out;
     EXPECT_TRUE(out.append(std::string(length, 'x')));
     return out.append_escaped(text);
   };
-  EXPECT_TRUE(escapes_after(kLargest - 2, ""));
-  EXPECT_FALSE(escapes_after(kLargest - 1, ""));
-  EXPECT_FALSE(escapes_after(kLargest, ""));
-  EXPECT_TRUE(escapes_after(kLargest - 4, "ab"));
-  EXPECT_FALSE(escapes_after(kLargest - 3, "ab"));
-  EXPECT_TRUE(escapes_after(kLargest - 4, "\n"));
-  EXPECT_FALSE(escapes_after(kLargest - 3, "\n"));
-  EXPECT_TRUE(escapes_after(kLargest - 8, "\x02"));
-  EXPECT_FALSE(escapes_after(kLargest - 7, "\x02"));
+  EXPECT_TRUE(escapes_after(kTextLimit - 2, ""));
+  EXPECT_FALSE(escapes_after(kTextLimit - 1, ""));
+  EXPECT_FALSE(escapes_after(kTextLimit, ""));
+  EXPECT_TRUE(escapes_after(kTextLimit - 4, "ab"));
+  EXPECT_FALSE(escapes_after(kTextLimit - 3, "ab"));
+  EXPECT_TRUE(escapes_after(kTextLimit - 4, "\n"));
+  EXPECT_FALSE(escapes_after(kTextLimit - 3, "\n"));
+  EXPECT_TRUE(escapes_after(kTextLimit - 8, "\x02"));
+  EXPECT_FALSE(escapes_after(kTextLimit - 7, "\x02"));
 }
 
 TEST(OutBuf, EscapingFailsWithoutMemory) {

@@ -183,9 +183,9 @@ TEST_F(ResultJson, HasAtMost1048575Bytes) {
   EXPECT_EQ(failure(result_of_size(1048576)), kByteMessage);
 }
 
-TEST_F(ResultJson, TheCeilingCountsAfterEscaping) {
+TEST_F(ResultJson, TheLimitCountsAfterEscaping) {
   FakeResult result = {.columns = {"A"}};
-  // 6 bytes for each one: 11 such cells are over the ceiling, 10 are not.
+  // 6 bytes for each one: 11 such cells are over the limit, 10 are not.
   for (int row = 0; row < 10; ++row) result.rows.push_back({std::string(16384, '\x02')});
   EXPECT_EQ(failure(result), "");
   result.rows.push_back({std::string(16384, '\x02')});

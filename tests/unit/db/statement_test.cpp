@@ -234,7 +234,7 @@ TEST_F(StatementTest, FailsWithoutMemoryForTheResult) {
   EXPECT_TRUE(run("s"));
 }
 
-TEST_F(StatementTest, FailsAboveTheCeiling) {
+TEST_F(StatementTest, FailsAboveTheLimit) {
   FakeResult large = {.columns = {"C"}};
   for (int i = 0; i < 65; ++i) large.rows.push_back({std::string(16384, 'x')});
   library.answer("s", large);

@@ -72,14 +72,14 @@ class SessionTableTest : public ::testing::Test {
   std::string ask(const std::string& id, const std::string& message) {
     SessionTable::Hold hold = table->find(id);
     if (!hold) return "not found";
-    std::vector<char> answer(kAnswerLimit);
+    std::vector<char> answer(kReplyLineLimit);
     std::size_t length = 0;
     switch (table->ask(hold, message + "\n", answer.data(), length)) {
       case Exchange::kSessionGone:
         return "gone";
       case Exchange::kInputFailed:
         return "input failed";
-      case Exchange::kAnswerFailed:
+      case Exchange::kReplyFailed:
         return "answer failed";
       case Exchange::kDone:
         break;

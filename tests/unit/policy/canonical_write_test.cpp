@@ -31,7 +31,7 @@ constexpr const char* kTexts[] = {
 class Normaliser : public ::testing::Test {
  protected:
   /// The canonical text, or the words in angle brackets.
-  std::string normalise(std::string_view sql, std::size_t capacity = kCanonicalCapacity) {
+  std::string canonical(std::string_view sql, std::size_t capacity = kCanonicalCapacity) {
     const GuardedText text(sql);
     const GuardedBuffer room(capacity);
     char message[64];
@@ -46,7 +46,7 @@ class Normaliser : public ::testing::Test {
 };
 
 TEST_F(Normaliser, CollapsesOutsideLiteralsOnly) {
-  EXPECT_EQ(normalise("  insert   into   orders (id, note) values (1, 'a  B')  ;  "),
+  EXPECT_EQ(canonical("  insert   into   orders (id, note) values (1, 'a  B')  ;  "),
             "INSERT INTO ORDERS (ID, NOTE) VALUES (1, 'a  B');");
 }
 
@@ -71,18 +71,18 @@ TEST_F(Normaliser, OneSemicolonEndsEveryText) {
       {" 'x' ; ", "'x';"},
       {"';'", "';';"},
   };
-  for (const Row& row : kRows) EXPECT_EQ(normalise(row.sql), row.canonical) << row.sql;
+  for (const Row& row : kRows) EXPECT_EQ(canonical(row.sql), row.canonical) << row.sql;
 }
 
 TEST_F(Normaliser, ARunOfWhiteSpaceIsOneBlank) {
   for (const char* space : {" ", "\t", "\n", "\v", "\f", "\r", "  ", "\r\n", " \t\n\v\f\r ",
                             "                                "}) {
-    EXPECT_EQ(normalise("a" + std::string(space) + "b"), "A B;");
-    EXPECT_EQ(normalise("a" + std::string(space) + "'b'" + space + "c"), "A 'b' C;");
-    EXPECT_EQ(normalise(space + std::string("a") + space), "A;");
-    EXPECT_EQ(normalise(space + std::string("'a'") + space), "'a';");
+    EXPECT_EQ(canonical("a" + std::string(space) + "b"), "A B;");
+    EXPECT_EQ(canonical("a" + std::string(space) + "'b'" + space + "c"), "A 'b' C;");
+    EXPECT_EQ(canonical(space + std::string("a") + space), "A;");
+    EXPECT_EQ(canonical(space + std::string("'a'") + space), "'a';");
     // In a literal it stays.
-    EXPECT_EQ(normalise("'a" + std::string(space) + "b'"), "'a" + std::string(space) + "b';");
+    EXPECT_EQ(canonical("'a" + std::string(space) + "b'"), "'a" + std::string(space) + "b';");
   }
 }
 
@@ -91,20 +91,20 @@ TEST_F(Normaliser, OtherBytesAreNoWhiteSpace) {
   for (const char* other : {"\x1C", "\x1D", "\x1E", "\x1F", "\x01", "\x08", "\x0E", "\x7F", "\x85",
                             "\xA0", "\xC2\xA0", "\xC2\x85", "\xE2\x80\x83", "\xE3\x80\x80"}) {
     const std::string bytes(other);
-    EXPECT_EQ(normalise("a" + bytes + bytes + "b"), "A" + bytes + bytes + "B;");
-    EXPECT_EQ(normalise(bytes + " a " + bytes), bytes + " A " + bytes + ";");
+    EXPECT_EQ(canonical("a" + bytes + bytes + "b"), "A" + bytes + bytes + "B;");
+    EXPECT_EQ(canonical(bytes + " a " + bytes), bytes + " A " + bytes + ";");
     // Behind the semicolon it is a second statement.
-    EXPECT_EQ(normalise("a;" + bytes), words(kSecondStatement));
+    EXPECT_EQ(canonical("a;" + bytes), words(kSecondStatement));
   }
 }
 
 // No blank is made, and none that stands between two others is dropped.
 TEST_F(Normaliser, NoBlankIsAddedOrDropped) {
-  EXPECT_EQ(normalise("a=1"), "A=1;");
-  EXPECT_EQ(normalise("a = 1"), "A = 1;");
-  EXPECT_EQ(normalise("a =1"), "A =1;");
-  EXPECT_EQ(normalise("( 'a' , 'b' )"), "( 'a' , 'b' );");
-  EXPECT_EQ(normalise("('a','b')"), "('a','b');");
+  EXPECT_EQ(canonical("a=1"), "A=1;");
+  EXPECT_EQ(canonical("a = 1"), "A = 1;");
+  EXPECT_EQ(canonical("a =1"), "A =1;");
+  EXPECT_EQ(canonical("( 'a' , 'b' )"), "( 'a' , 'b' );");
+  EXPECT_EQ(canonical("('a','b')"), "('a','b');");
 }
 
 TEST_F(Normaliser, OnlyAsciiLettersAreUpperCased) {
@@ -116,10 +116,10 @@ TEST_F(Normaliser, OnlyAsciiLettersAreUpperCased) {
     all += c;
     expected += c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c;
   }
-  EXPECT_EQ(normalise(all), expected + ";");
-  EXPECT_EQ(normalise("'" + all + "'"), "'" + all + "';");
+  EXPECT_EQ(canonical(all), expected + ";");
+  EXPECT_EQ(canonical("'" + all + "'"), "'" + all + "';");
   // Letters of other alphabets and look-alikes keep their case.
-  EXPECT_EQ(normalise("\xC3\xA9\xC4\xB1\xC5\xBF\xE2\x84\xAA"),
+  EXPECT_EQ(canonical("\xC3\xA9\xC4\xB1\xC5\xBF\xE2\x84\xAA"),
             "\xC3\xA9\xC4\xB1\xC5\xBF\xE2\x84\xAA;");
 }
 
@@ -147,57 +147,57 @@ TEST_F(Normaliser, ALiteralStaysAsItIs) {
       {"[aB  c]", "[AB C];"},
       {"`aB`", "`AB`;"},
   };
-  for (const Row& row : kRows) EXPECT_EQ(normalise(row.sql), row.canonical) << row.sql;
+  for (const Row& row : kRows) EXPECT_EQ(canonical(row.sql), row.canonical) << row.sql;
 }
 
 // A quote inside double quotes opens a literal all the same.
 TEST_F(Normaliser, DoubleQuotesHoldNothingTogether) {
-  EXPECT_EQ(normalise("\"it's\" x 'a\""), "\"IT's\" x 'A\";");
-  EXPECT_EQ(normalise("\"it's\""), words(kOpenLiteral));
-  EXPECT_EQ(normalise("\"a;b\""), words(kSecondStatement));
-  EXPECT_EQ(normalise("\"a;\""), words(kSecondStatement));
-  EXPECT_EQ(normalise("\"a--b\""), words(kComment));
-  EXPECT_EQ(normalise("\"/*\""), words(kComment));
-  EXPECT_EQ(normalise("[a#b]"), words(kComment));
+  EXPECT_EQ(canonical("\"it's\" x 'a\""), "\"IT's\" x 'A\";");
+  EXPECT_EQ(canonical("\"it's\""), words(kOpenLiteral));
+  EXPECT_EQ(canonical("\"a;b\""), words(kSecondStatement));
+  EXPECT_EQ(canonical("\"a;\""), words(kSecondStatement));
+  EXPECT_EQ(canonical("\"a--b\""), words(kComment));
+  EXPECT_EQ(canonical("\"/*\""), words(kComment));
+  EXPECT_EQ(canonical("[a#b]"), words(kComment));
 }
 
 TEST_F(Normaliser, CommentsAreRefused) {
   for (const char* sql : {"--", "#", "/*", "a--", "a -- b", "a /* b */", "a#", "#a", "a---b",
                           "'a'--", "'a'#", "''/*", "/*/", "a/**/b", "a--\n", "--'", "#'"})
-    EXPECT_EQ(normalise(sql), words(kComment)) << sql;
+    EXPECT_EQ(canonical(sql), words(kComment)) << sql;
   for (const char* sql : {"a-b", "a- -b", "a-", "a/b", "a/", "a/ *b", "a*/b", "*", "a*-", "-'-'",
                           "'-'-", "/'*'", "'/'*"})
-    EXPECT_TRUE(normalise(sql).ends_with(";")) << sql;
+    EXPECT_TRUE(canonical(sql).ends_with(";")) << sql;
 }
 
 TEST_F(Normaliser, OnlyWhiteSpaceFollowsTheSemicolon) {
   for (const char* sql : {"a;b", "a; b", "a;;", "a; ;", ";;", ";a", "a;'", "a;''", "a;--", "a;#",
                           "a;/", "a;\x01", "a; \xC2\xA0"})
-    EXPECT_EQ(normalise(sql), words(kSecondStatement)) << sql;
+    EXPECT_EQ(canonical(sql), words(kSecondStatement)) << sql;
 }
 
 TEST_F(Normaliser, AnOpenLiteralIsRefused) {
   for (const char* sql :
        {"'", "a'", "'a", "'''", "'a''", "'a;", "'--", "'a''''", "a 'b' 'c", "'a''; x", "''''' "})
-    EXPECT_EQ(normalise(sql), words(kOpenLiteral)) << sql;
+    EXPECT_EQ(canonical(sql), words(kOpenLiteral)) << sql;
 }
 
 // The first fault from the left speaks.
 TEST_F(Normaliser, TheFirstFaultSpeaks) {
-  EXPECT_EQ(normalise("a -- ; '"), words(kComment));
-  EXPECT_EQ(normalise("a ; -- '"), words(kSecondStatement));
-  EXPECT_EQ(normalise("a ' -- ;"), words(kOpenLiteral));
-  EXPECT_EQ(normalise("a # b ; c"), words(kComment));
+  EXPECT_EQ(canonical("a -- ; '"), words(kComment));
+  EXPECT_EQ(canonical("a ; -- '"), words(kSecondStatement));
+  EXPECT_EQ(canonical("a ' -- ;"), words(kOpenLiteral));
+  EXPECT_EQ(canonical("a # b ; c"), words(kComment));
 }
 
 // The room counts the terminator; a text of so many bytes leaves two for ";" and itself.
 TEST_F(Normaliser, OutsideALiteralAFullTextHasWords) {
   for (std::size_t room = 3; room < 40; ++room) {
-    EXPECT_EQ(normalise(std::string(room - 2, 'x'), room), std::string(room - 2, 'X') + ";");
-    EXPECT_EQ(normalise(std::string(room - 1, 'x'), room), words(kFull)) << room;
-    EXPECT_EQ(normalise(std::string(room + 9, 'x'), room), words(kFull)) << room;
+    EXPECT_EQ(canonical(std::string(room - 2, 'x'), room), std::string(room - 2, 'X') + ";");
+    EXPECT_EQ(canonical(std::string(room - 1, 'x'), room), words(kFull)) << room;
+    EXPECT_EQ(canonical(std::string(room + 9, 'x'), room), words(kFull)) << room;
     // What is not copied needs no room.
-    EXPECT_EQ(normalise(" " + std::string(room - 2, 'x') + "  ;  ", room),
+    EXPECT_EQ(canonical(" " + std::string(room - 2, 'x') + "  ;  ", room),
               std::string(room - 2, 'X') + ";");
   }
 }
@@ -205,30 +205,30 @@ TEST_F(Normaliser, OutsideALiteralAFullTextHasWords) {
 TEST_F(Normaliser, InsideALiteralAFullTextHasNone) {
   for (std::size_t room = 4; room < 40; ++room) {
     const std::string inside(room - 4, 'x');
-    EXPECT_EQ(normalise("'" + inside + "'", room), "'" + inside + "';") << room;
-    EXPECT_EQ(normalise("'" + inside + "x'", room), words(kNoWords)) << room;
-    EXPECT_EQ(normalise("'" + inside + "xx'", room), words(kNoWords)) << room;
-    EXPECT_EQ(normalise("'" + inside + "xxxxxxxxxx", room), words(kNoWords)) << room;
+    EXPECT_EQ(canonical("'" + inside + "'", room), "'" + inside + "';") << room;
+    EXPECT_EQ(canonical("'" + inside + "x'", room), words(kNoWords)) << room;
+    EXPECT_EQ(canonical("'" + inside + "xx'", room), words(kNoWords)) << room;
+    EXPECT_EQ(canonical("'" + inside + "xxxxxxxxxx", room), words(kNoWords)) << room;
     // A pair of quotes that fits by half.
-    EXPECT_EQ(normalise("'" + inside + "'''", room), words(kNoWords)) << room;
+    EXPECT_EQ(canonical("'" + inside + "'''", room), words(kNoWords)) << room;
     // A literal that is open where the text ends, and fits.
-    EXPECT_EQ(normalise("'" + inside, room), words(kOpenLiteral)) << room;
-    EXPECT_EQ(normalise("'" + inside + "x", room), words(kOpenLiteral)) << room;
+    EXPECT_EQ(canonical("'" + inside, room), words(kOpenLiteral)) << room;
+    EXPECT_EQ(canonical("'" + inside + "x", room), words(kOpenLiteral)) << room;
   }
 }
 
 TEST_F(Normaliser, AFaultBeforeTheTextIsFullSpeaks) {
-  EXPECT_EQ(normalise("abc -- xxxxxxxxxxxxxxxx", 8), words(kComment));
-  EXPECT_EQ(normalise("abc;xxxxxxxxxxxxxxxxxxx", 8), words(kSecondStatement));
-  EXPECT_EQ(normalise("abcdefghijk -- x", 8), words(kFull));
-  EXPECT_EQ(normalise("abc'defghijk' -- x", 8), words(kNoWords));
+  EXPECT_EQ(canonical("abc -- xxxxxxxxxxxxxxxx", 8), words(kComment));
+  EXPECT_EQ(canonical("abc;xxxxxxxxxxxxxxxxxxx", 8), words(kSecondStatement));
+  EXPECT_EQ(canonical("abcdefghijk -- x", 8), words(kFull));
+  EXPECT_EQ(canonical("abc'defghijk' -- x", 8), words(kNoWords));
 }
 
 TEST_F(Normaliser, StaysWithinEveryRoom) {
   for (const char* sql : kTexts) {
-    const std::string whole = normalise(sql);
+    const std::string whole = canonical(sql);
     for (std::size_t room = 1; room < 70; ++room) {
-      const std::string text = normalise(sql, room);
+      const std::string text = canonical(sql, room);
       if (!text.starts_with('<')) {
         EXPECT_EQ(text, whole) << sql << room;
       }
@@ -240,7 +240,7 @@ TEST_F(Normaliser, ReadsNoByteAroundAText) {
   for (const char* sql : kTexts) {
     const std::string text(sql);
     for (std::size_t cut = 0; cut <= text.size(); ++cut) {
-      normalise(text.substr(0, cut));
+      canonical(text.substr(0, cut));
       const GuardedText tail(text.substr(cut), GuardSide::kBefore);
       char room[128];
       char message[64];
@@ -251,9 +251,9 @@ TEST_F(Normaliser, ReadsNoByteAroundAText) {
 
 TEST_F(Normaliser, TwiceIsOnce) {
   for (const char* sql : kTexts) {
-    const std::string once = normalise(sql);
+    const std::string once = canonical(sql);
     if (!once.starts_with('<')) {
-      EXPECT_EQ(normalise(once), once) << sql;
+      EXPECT_EQ(canonical(once), once) << sql;
     }
   }
 }

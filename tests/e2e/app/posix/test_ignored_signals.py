@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import signal
 
-from harness.http_client import CLOSED, answered
+from harness.http_client import CLOSED, ok_response
 from harness.messages import call, ping, pong, tool_success_reply
 from harness.scripted_library import Script
 from harness.tool_calls import result_json
@@ -36,7 +36,7 @@ def test_sessions_of_a_listener_that_was_started_to_ignore_ended_children(http):
     for pid in endpoint.session_processes():
         endpoint.end_process(pid)
     session = endpoint.open_session()
-    assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
+    assert endpoint.post_message(ping(1), session) == ok_response(session, pong(1))
     assert endpoint.delete(session) == CLOSED
     endpoint.wait_for_no_child()
     assert endpoint.server.zombies() == []

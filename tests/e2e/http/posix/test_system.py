@@ -15,7 +15,7 @@ from pathlib import Path
 
 import pytest
 
-from harness.http_client import CLOSED, SESSION_REQUIRED, UNAUTHORIZED, accepted, answered
+from harness.http_client import CLOSED, SESSION_REQUIRED, UNAUTHORIZED, accepted, ok_response
 from harness.messages import notification, ping, pong
 from harness.waiting import TIMEOUT, wait_until
 
@@ -56,7 +56,7 @@ def listening_socket(pid: int, port: int) -> socket.socket:
 
 def test_the_listener_ends_with_0_when_nothing_can_be_accepted_any_more(endpoint):
     session = endpoint.open_session()
-    assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
+    assert endpoint.post_message(ping(1), session) == ok_response(session, pong(1))
     with listening_socket(endpoint.server.process.pid, endpoint.port) as own:
         own.shutdown(socket.SHUT_RDWR)
     assert endpoint.server.wait() == 0
@@ -80,14 +80,14 @@ def test_a_lack_of_descriptors_passes(endpoint):
                 early.enter_context(endpoint.connect())
             wait_until(lambda: len(descriptors(process)) == held + room - 2, TIMEOUT, "clients")
             assert endpoint.post(b'"method":"initialize"') == SESSION_REQUIRED
-            assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
+            assert endpoint.post_message(ping(1), session) == ok_response(session, pong(1))
             for _ in range(2):
                 early.enter_context(endpoint.connect())
             wait_until(lambda: len(descriptors(process)) == held + room, TIMEOUT, "more clients")
             waiting = late.enter_context(endpoint.connect())
             waiting.send(endpoint.compose(ping(2)[:-1], session).data())
             assert select.select([waiting.socket], [], [], 0.5)[0] == []
-        assert waiting.read_to_end() == answered(session, pong(2))
+        assert waiting.read_to_end() == ok_response(session, pong(2))
     assert endpoint.delete(session) == CLOSED
     assert endpoint.delete(endpoint.open_session()) == CLOSED
 
@@ -151,7 +151,7 @@ def test_a_listener_that_was_stopped_goes_on(endpoint):
         os.kill(process, signal.SIGCONT)
         for number, client in enumerate(clients):
             if number % 3 != 0:
-                assert client.read_to_end() == answered(session, pong(number))
+                assert client.read_to_end() == ok_response(session, pong(number))
     assert endpoint.post_message(notification("nothing"), session) == accepted(session)
     assert endpoint.delete(session) == CLOSED
 
@@ -194,5 +194,5 @@ def test_sessions_that_cannot_be_started_leave_nothing_behind(http):
         assert endpoint.post(b'"method":"initialize"') == SESSION_REQUIRED
     assert endpoint.server.zombies() == []
     assert len(endpoint.children()) == 1
-    assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
+    assert endpoint.post_message(ping(1), session) == ok_response(session, pong(1))
     assert endpoint.delete(session) == CLOSED

@@ -13,7 +13,7 @@ from pathlib import Path
 
 import pytest
 
-from harness.http_client import HttpListeners, answered
+from harness.http_client import HttpListeners, ok_response
 from harness.messages import WORKER_FAILED, call, ping, pong, request, tool_success_reply
 from harness.scripted_library import Script
 from harness.servers import Server, Servers
@@ -67,7 +67,7 @@ def test_sessions_are_opened_while_the_executable_is_replaced(target, own, polic
         install_over(own.executable("scripted"), b"#!/bin/sh\necho replaced\n")
         for session in (old, endpoint.open_session()):
             reply = endpoint.post_message(call(2, "kova_list_tables"), session)
-            assert reply == answered(session, tool_success_reply("2", LISTED))
+            assert reply == ok_response(session, tool_success_reply("2", LISTED))
     finally:
         listeners.close()
         servers.close()
@@ -163,7 +163,7 @@ def test_a_session_ends_with_a_listener_that_has_a_capability(target):
         try:
             endpoint = listeners(prepare=as_nobody)
             session = endpoint.open_session()
-            assert endpoint.post_message(ping(1), session) == answered(session, pong(1))
+            assert endpoint.post_message(ping(1), session) == ok_response(session, pong(1))
             [process] = endpoint.session_processes()
             assert capabilities(process) == 1 << 10
             # Stopped, it does not see its input end.
