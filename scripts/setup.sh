@@ -11,6 +11,7 @@ readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytes
 readonly -a MODELS=(spin)
 readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)
+readonly -a MUTATION=(python3-clang)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
 readonly NODE_MINIMUM=18
@@ -30,6 +31,7 @@ it prints the one command that installs them, and ends with exit code 1.
   proxy    the TLS proxy of ./run http; none of the system's services is started
   test     what ./test needs beside these, Node.js (any from version $NODE_MINIMUM on) included, and
            the packages that tests/interop/package-lock.json pins
+  mutation what tests/mutation/run needs beside these
   models   the model checker of tests/models; test includes it
   coverage what writes the report of ./test --coverage
   index    Debian's package index, which the sample data is made from
@@ -125,6 +127,7 @@ main() {
       build) packages+=("${BUILD[@]}") ;;
       windows) packages+=("${WINDOWS[@]}") ;;
       proxy) packages+=("${PROXY[@]}") ;;
+      mutation) packages+=("${MUTATION[@]}") ;;
       test)
         packages+=("${TEST[@]}" "${PROXY[@]}" "${MODELS[@]}")
         test=1

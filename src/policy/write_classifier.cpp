@@ -27,7 +27,7 @@ class CanonicalWriter {
       : sql_(sql), out_(canonical), message_(message), trace_(trace) {}
 
   [[nodiscard]] bool run() {
-    if (!out_.copy({})) return false;
+    out_.copy_cut({});
     while (position_ < sql_.size()) {
       const char c = sql_[position_];
       if (c == ';') {
