@@ -9,6 +9,7 @@ readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytes
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
   curl jq haproxy locales systemd)
 readonly -a PROXY=(nginx openssl)
+readonly -a RELEASE=(scdoc groff man-db lintian zsh logrotate dpkg-dev)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
 readonly NODE_MINIMUM=18
@@ -28,6 +29,7 @@ it prints the one command that installs them, and ends with exit code 1.
   proxy    the TLS proxy of ./run http; none of the system's services is started
   test     what ./test needs beside these, Node.js (any from version $NODE_MINIMUM on) included, and
            the packages that tests/interop/package-lock.json pins
+  release  what packing a release and the ring of its packages need
   index    Debian's package index, which the sample data is made from
 EOF
 }
@@ -121,6 +123,7 @@ main() {
       build) packages+=("${BUILD[@]}") ;;
       windows) packages+=("${WINDOWS[@]}") ;;
       proxy) packages+=("${PROXY[@]}") ;;
+      release) packages+=("${RELEASE[@]}") ;;
       test)
         packages+=("${TEST[@]}" "${PROXY[@]}")
         test=1
