@@ -24,8 +24,8 @@ With --full, or by name:
   e2e-tsan           the tests of the servers' threads under it
   fuzz               every fuzzer for a bounded number of runs
 By name alone, as root; scripts/setup.sh release installs what they need:
-  release-linux      the archive and the Debian package, manual pages, completion, rotation
-  release-windows    the archive of the Windows executables
+  release-linux      archive, Debian package, client bundle, manual pages, completion, rotation
+  release-windows    archive and installer of the Windows executables
 
 A line says when a build or ring ends, how it went, its seconds and the processor's seconds. The
 logs are in build/test-logs/. The last line is 'N passed, N failed'; the exit code is 1 when
