@@ -9,7 +9,7 @@ readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytes
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
   curl jq haproxy locales systemd)
 readonly -a PROXY=(nginx openssl)
-readonly -a RELEASE=(scdoc groff man-db lintian zsh logrotate dpkg-dev wixl msitools minisign)
+readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
 readonly NODE_MINIMUM=18

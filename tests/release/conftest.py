@@ -3,7 +3,7 @@
     /usr/bin/python3 -m pytest tests/release --target linux --build-dir build/package-linux
     ... --target windows --build-dir build/package-windows
 
-The build folders are those of the presets package-linux and package-windows. Debian's scdoc, groff,
+The build folders are those of the presets package-linux and package-windows. Debian's scdoc, groff-base,
 lintian, zsh, logrotate and man-db have to be there, and some tests need to be root.
 """
 
