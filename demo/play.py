@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import sys
 
+from desk_act import DeskAct
 from engine import DATA, Engine
 from outcome import BAD_ARGUMENTS, SessionFailure, guarded
 from prepare import prepare
@@ -21,7 +22,8 @@ from writing_act import WritingAct
 
 
 def play(target: Target, view: View, processes: Processes) -> Tally:
-    """Plays the three acts, each with a server of its own; the scenes are numbered throughout."""
+    """Plays the four acts, the first three each with a server of its own; the scenes are numbered
+    throughout."""
     prepare(target, view, processes)
     engine = Engine(target.name, processes)
     tally = Tally()
@@ -31,8 +33,9 @@ def play(target: Target, view: View, processes: Processes) -> Tally:
     for profile, scenes in (
             (engine.profile(target), SCENES),
             (engine.profile_for_writes(target), WritingAct().scenes),
-            (engine.profile(target), SearchAct().scenes)):
-        stage = Stage.open(view, target, engine, processes, target.environment(profile), tally)
+            (engine.profile(target), SearchAct().scenes),
+            (None, DeskAct(target).scenes)):
+        stage = Stage.open(view, target, engine, processes, profile, tally)
         for number, scene in enumerate(scenes, first):
             view.heading(f"{number}. {scene.title}")
             scene.play(stage)

@@ -29,9 +29,10 @@ def prepare(target: Target, view: View, processes: Processes) -> None:
     STATE.mkdir(parents=True, exist_ok=True)
     with open(STATE / "prepare.lock", "w", encoding="ascii") as lock:
         _wait_for_lock(lock, view)
-        _build("linux", ["kova-mcp", "kova-sample-engine", "kovadll"], view, processes)
+        _build("linux", ["kova-mcp", "kova-admin", "kova-sample-engine", "kovadll"], view,
+               processes)
         if target.windows:
-            _build("windows", ["kova-mcp", "kovadll"], view, processes)
+            _build("windows", ["kova-mcp", "kova-admin", "kovadll"], view, processes)
             _prepare_wine(view, processes)
         _install(target)
         _load_data(view, processes)
@@ -109,7 +110,7 @@ def _prepare_wine(view: View, processes: Processes) -> None:
 def _install(target: Target) -> None:
     folder = target.executable.parent
     folder.mkdir(exist_ok=True)
-    for source in (target.built / target.executable_name,
+    for source in (target.built / target.executable_name, target.built / target.admin_name,
                    target.built / "sample" / target.library_name):
         installed = folder / source.name
         if not _same_file(source, installed):

@@ -11,7 +11,7 @@ import uuid
 from pathlib import Path
 from typing import Any, Iterator, Sequence
 
-from target import WINE_PREFIX, wine
+from target import WINE_PREFIX, scripted_terminal, wine
 
 MARKER = "KOVA_RUN_SESSION"
 """The environment variable that marks this session's processes; they inherit it. The caller may set
@@ -27,6 +27,7 @@ class Processes:
     def __init__(self) -> None:
         self.marker = os.environ.get(MARKER) or uuid.uuid4().hex
         self._started: list[subprocess.Popen[bytes]] = []
+        self._terminals: list[scripted_terminal.ScriptedTerminal] = []
         self.survivors: list[str] = []
         self._wine_env: dict[str, str] | None = None
 
@@ -34,13 +35,24 @@ class Processes:
               **options: Any) -> "subprocess.Popen[bytes]":
         """Starts a process. Its own process group keeps the terminal's Ctrl-C from it; the kernel
         ends it when this process dies."""
-        marked = {**(os.environ if env is None else env), MARKER: self.marker}
-        if env is not None and "WINEPREFIX" in env:
-            self._wine_env = marked
-        process = subprocess.Popen(["setpriv", "--pdeathsig", "TERM", "--", *command], env=marked,
+        process = subprocess.Popen(_ended_with_this(command), env=self._marked(env),
                                    start_new_session=True, **options)
         self._started.append(process)
         return process
+
+    def start_on_terminal(self, command: Sequence[str], env: "dict[str, str]",
+                          **options: Any) -> scripted_terminal.ScriptedTerminal:
+        """Starts a process on a terminal of its own, which is scripted."""
+        terminal = scripted_terminal.ScriptedTerminal(_ended_with_this(command), self._marked(env),
+                                                      **options)
+        self._terminals.append(terminal)
+        return terminal
+
+    def _marked(self, env: "dict[str, str] | None") -> dict[str, str]:
+        marked = {**(os.environ if env is None else env), MARKER: self.marker}
+        if env is not None and "WINEPREFIX" in env:
+            self._wine_env = marked
+        return marked
 
     def finish(self, process: "subprocess.Popen[bytes]") -> None:
         """Asks the process group to stop; kills it when it does not within the timeout."""
@@ -56,6 +68,9 @@ class Processes:
 
     def close(self) -> None:
         """Ends everything. What did not end by itself is killed and listed in `survivors`."""
+        for terminal in self._terminals:
+            terminal.close()
+        self._terminals.clear()
         for process in reversed(self._started):
             self.finish(process)
         self._started.clear()
@@ -92,6 +107,10 @@ class Processes:
         """This session's processes that still run, found by the marker that they inherit."""
         found = _processes_with(f"{MARKER}={self.marker}")
         return {pid: name for pid, name, _ in found if pid != os.getpid() and name not in tolerated}
+
+
+def _ended_with_this(command: Sequence[str]) -> list[str]:
+    return ["setpriv", "--pdeathsig", "TERM", "--", *command]
 
 
 def _processes_with(variable: str) -> Iterator[tuple[int, str, list[bytes]]]:

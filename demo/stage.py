@@ -2,9 +2,13 @@
 
 from __future__ import annotations
 
+import dataclasses
 import json
+import shlex
 import subprocess
+import textwrap
 from dataclasses import dataclass
+from pathlib import Path
 from typing import Any, Callable
 
 from client import Client, Exchange
@@ -34,13 +38,13 @@ class Tally:
 
 @dataclass
 class Stage:
-    """One server with a client, on the sample engine."""
+    """One server with a client, on the sample engine; before an act has started one, none."""
 
     view: View
     target: Target
     engine: Engine
     processes: Processes
-    client: Client
+    client: Client | None
     environment: dict[str, str]
     audit_start: int  # the audit file's size when the server started
     tally: Tally
@@ -48,14 +52,21 @@ class Stage:
 
     @classmethod
     def open(cls, view: View, target: Target, engine: Engine, processes: Processes,
-             environment: dict[str, str], tally: Tally) -> "Stage":
-        """Starts a server with the environment."""
+             profile: "dict[str, str] | None", tally: Tally) -> "Stage":
+        """Starts a server with the profile in its environment; without one, none."""
         start = engine.audit_file.stat().st_size if engine.audit_file.exists() else 0
-        server = processes.start(target.command(), environment, stdin=subprocess.PIPE,
-                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        return cls(view, target, engine, processes, Client(server), environment, start, tally)
+        environment = target.environment(profile or {})
+        server = _start_server(processes, target.command(), environment) if profile else None
+        return cls(view, target, engine, processes, server, environment, start, tally)
+
+    def another(self, command: "list[str]", environment: "dict[str, str]") -> "Stage":
+        """A server that is started by another command, with a client of its own."""
+        client = _start_server(self.processes, command, environment)
+        return dataclasses.replace(self, client=client, environment=environment, audited=0)
 
     def close(self) -> None:
+        if self.client is None:
+            return
         code = self.client.close()
         expect(code == 0, f"the server ends with exit code {code}")
 
@@ -124,6 +135,33 @@ class Stage:
         self.view.line(f"  exit code {process.returncode}", "dim")
         return output, process.returncode
 
+    def show_admin(self, *arguments: "str | Path") -> None:
+        """Shows a command of the operator's tool as it is typed."""
+        words = self.target.words(*arguments)
+        typed = subprocess.list2cmdline(words) if self.target.windows else shlex.join(words)
+        lines = textwrap.wrap(f"$ {self.target.admin_name} {typed}", self.view.width - 2,
+                              subsequent_indent="    ", break_long_words=False,
+                              break_on_hyphens=False)
+        for line in lines:
+            self.view.line(line, "cyan")
+
+    def run_admin(self, *arguments: "str | Path") -> tuple[str, int]:
+        """Runs a command of the operator's tool; returns its output and exit code."""
+        process = self.processes.start(self.target.admin_command(*arguments),
+                                       self.target.environment({}), stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        data, _ = process.communicate(timeout=COMMAND_TIMEOUT)
+        return data.decode(errors="replace").replace("\r", "").strip("\n"), process.returncode
+
+    def play_admin(self, *arguments: "str | Path") -> tuple[str, int]:
+        """The same, and shows the command, all output and the exit code."""
+        self.show_admin(*arguments)
+        output, code = self.run_admin(*arguments)
+        for line in output.splitlines():
+            self.view.line("  " + line, "green" if code == 0 else "red")
+        self.view.line(f"  exit code {code}", "dim")
+        return output, code
+
     def _show(self, exchange: Exchange) -> None:
         self.view.reply(_readable(exchange.reply), exchange.seconds)
         content = exchange.reply.get("result", {}).get("structuredContent", {})
@@ -137,6 +175,12 @@ class Scene:
 
     title: str
     play: Callable[[Stage], None]
+
+
+def _start_server(processes: Processes, command: "list[str]",
+                  environment: "dict[str, str]") -> Client:
+    return Client(processes.start(command, environment, stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE))
 
 
 def expect(condition: bool, otherwise: str) -> None:

@@ -46,7 +46,8 @@ class Option:
             return ""
         if self.completed in VALUES:
             return VALUES[self.completed]
-        return {"FILE": "FILE", "FOLDER": "FOLDER"}.get(self.value, "TEXT")
+        # "FILE ..." may be repeated.
+        return {"FILE": "FILE", "FOLDER": "FOLDER"}.get(self.value.partition(" ")[0], "TEXT")
 
 
 @dataclasses.dataclass

@@ -17,7 +17,7 @@ import subprocess
 import termios
 import time
 import tty
-from typing import Any, Mapping, Sequence
+from typing import Any, Callable, Mapping, Sequence
 
 TIMEOUT = 60.0
 """Seconds to wait for a prompt or for the end before it is a failure."""
@@ -63,9 +63,13 @@ class ScriptedTerminal:
         return plain.decode("utf-8", "replace").replace("\r", "")
 
     def wait_for(self, text: str) -> None:
+        self.wait_until(lambda shown: text in shown, text)
+
+    def wait_until(self, holds: Callable[[str], Any], what: str = "") -> None:
+        """Waits until something holds of the text on the terminal."""
         end = time.monotonic() + TIMEOUT
-        while text not in self.text:
-            assert time.monotonic() < end, f"waited for {text!r}: {self.text!r}"
+        while not holds(self.text):
+            assert time.monotonic() < end, f"waited for {what!r}: {self.text!r}"
             assert self._read(0.1) or self.process.poll() is None, self.text
 
     def type(self, line: str) -> None:

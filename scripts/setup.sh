@@ -8,6 +8,8 @@ readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
   curl jq haproxy locales systemd)
+readonly -a MODELS=(spin)
+readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)
 readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign)
 # Debian starts these as soon as they are installed, and with the system.
@@ -29,6 +31,8 @@ it prints the one command that installs them, and ends with exit code 1.
   proxy    the TLS proxy of ./run http; none of the system's services is started
   test     what ./test needs beside these, Node.js (any from version $NODE_MINIMUM on) included, and
            the packages that tests/interop/package-lock.json pins
+  models   the model checker of tests/models; test includes it
+  coverage what writes the report of ./test --coverage
   release  what ./release and the rings release-* need, the validators that
            tests/release/package-lock.json pins included
   index    Debian's package index, which the sample data is made from
@@ -130,9 +134,11 @@ main() {
         release=1
         ;;
       test)
-        packages+=("${TEST[@]}" "${PROXY[@]}")
+        packages+=("${TEST[@]}" "${PROXY[@]}" "${MODELS[@]}")
         test=1
         ;;
+      models) packages+=("${MODELS[@]}") ;;
+      coverage) packages+=("${COVERAGE[@]}") ;;
       index) index=1 ;;
       *) refuse "unknown group $group; try --help" ;;
     esac

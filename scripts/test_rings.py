@@ -5,6 +5,7 @@
     ./test --full          every ring
     ./test --quick         checks, unit tests and the short end-to-end tests of Linux
     ./test RING ...        these rings alone, and the builds that they need
+    ./test --coverage      the lines and branches of src/ that tests run, in build/coverage/report
 
   checks             layers, includes, platform conditions, formatting, no address in lock files
   unit-linux         unit tests, and what secrets leave on the stack
@@ -21,8 +22,9 @@ With --full, or by name:
   e2e-asan           end-to-end tests of that build
   endurance-asan     long runs of that build
   unit-tsan          unit tests under the thread sanitizer
-  e2e-tsan           the tests of the servers' threads under it
+  e2e-tsan           the tests of the servers' threads and of the operator's tool under it
   fuzz               every fuzzer for a bounded number of runs
+  models             models of the threads' protocols: every interleaving, and their mutations
 By name alone, as root; scripts/setup.sh release installs what they need:
   release-linux      archive, Debian package, client bundle, manual pages, completion, rotation
   release-windows    archive and installer of the Windows executables
@@ -183,10 +185,11 @@ def rings(quick: bool) -> list[Step]:
         python_ring("e2e", "asan", "tests/e2e", "not shipped_build and not endurance", *two),
         python_ring("endurance", "asan", "tests/e2e", "endurance and not shipped_build"),
         unit("tsan"),
-        python_ring("e2e", "tsan", "tests/e2e", "threads", *two),
+        python_ring("e2e", "tsan", "tests/e2e", "threads or desk", *two),
         Step("fuzz", [Command(["ctest", "--test-dir", "build/fuzz/tests/fuzz",
                                "--output-on-failure", "--output-junit", str(fuzz_results)],
                               fuzz_results)], ("build-fuzz",)),
+        Step("models", [Command(["tests/models/run"], name="models of the threads' protocols")]),
         Step("lint", [Command(["scripts/check_lint.sh", "build/linux"])], ("build-linux",),
              frozenset({"processors"})),
         release_ring("linux"),

@@ -3,7 +3,7 @@
 #include "admin/common/file_text.h"
 #include "admin/common/refusal.h"
 #include "platform/environment_change.h"
-#include "platform/file_access.h"
+#include "platform/file_rights.h"
 
 namespace kova::admin {
 
@@ -15,8 +15,7 @@ constexpr char kSecretVariable[] = "KOVA_MCP_APPROVAL_SECRET";
 /// The file's bytes without one line end.
 SecretText read_secret(const std::string& file) {
   SecretText secret = read_file(file, kSecretFileLimit);
-  if (secret.view().ends_with('\n')) secret.cut(secret.view().size() - 1);
-  if (secret.view().ends_with('\r')) secret.cut(secret.view().size() - 1);
+  cut_line_end(secret);
   if (secret.view().empty()) throw Refusal(file + ": the secret file is empty");
   if (secret.view().find('\0') != std::string_view::npos) {
     throw Refusal(file + ": the secret holds a NUL byte");
@@ -25,11 +24,11 @@ SecretText read_secret(const std::string& file) {
 }
 
 void check_access(const std::string& file) {
-  FileAccess access{};
-  if (!file_access(file.c_str(), access)) {
-    throw Refusal(file + ": who may read the secret file cannot be determined");
+  FileRights rights;
+  if (!read_file_rights(file.c_str(), rights)) {
+    throw Refusal(file + ": the secret file cannot be read");
   }
-  if (access.others_read || access.others_write) {
+  if (rights.others_read || rights.others_write) {
     throw Refusal(file + ": others than the owner and the group may use the secret file");
   }
 }

@@ -65,11 +65,12 @@ void check_issuing(const Review& review) {
   issue(review, unix_seconds(), token);
 }
 
-Decision decision_on(const Review& review, const Options& options, const std::string& reason) {
+Decision decision_on(const Review& review, const Options& options, const std::string& person,
+                     const std::string& reason) {
   Decision decision;
   decision.timestamp = time_text(now_ms());
   decision.decision = kDeclined;
-  decision.person = deciding_person();
+  decision.person = person;
   decision.host = deciding_host();
   decision.reason = reason;
   decision.policy = review.policy->name;
@@ -100,7 +101,7 @@ int approve(const Review& review, const std::string& journal, Decision decision,
 }
 
 /// Shows the page, asks, and does what the operator decides.
-int decide(const Options& options, const Review& review) {
+int decide(const Options& options, const Review& review, const std::string& person) {
   const std::string journal = journal_path(*options.journal);
   const ApprovalSecret secret(options.secret_file);
   check_issuing(review);
@@ -112,7 +113,7 @@ int decide(const Options& options, const Review& review) {
                              {.columns = terminal.columns(), .colour = colour_is_wanted()}));
   const std::string reason = ask_reason(terminal);
   const bool confirmed = ask_confirmation(terminal);
-  Decision decision = decision_on(review, options, reason);
+  Decision decision = decision_on(review, options, person, reason);
   if (confirmed) return approve(review, journal, std::move(decision), output);
   append_decision(journal, decision);
   // The decision stands, whether or not the terminal still shows it.
@@ -128,10 +129,12 @@ void check_digest(const Options& options, const Review& review) {
 
 int run(const Options& options) {
   if (options.json && !options.show) throw Refusal("--json needs --show");
+  // Before the variables of the file count: they are the server's, and say nothing of who decides.
+  const std::string person = options.show ? std::string() : deciding_person();
   use_deployment(*options.env);
   const Review review = review_statement(read_statement(options.statement));
   check_digest(options, review);
-  if (!options.show) return decide(options, review);
+  if (!options.show) return decide(options, review, person);
   if (options.json) {
     print_review_json(review);
   } else {
@@ -147,17 +150,21 @@ void add_options(CLI::App& parser, Options& options) {
       .add_option("STATEMENT", options.statement,
                   "The statement or the client's message; - reads it")
       ->type_name("FILE|-")
+      ->check(not_empty())
       ->required();
   parser
       .add_option("--secret-file", options.secret_file,
                   "The approval secret, instead of the deployment's")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(not_empty());
   parser.add_option("--digest", options.digest, "The digest that the statement must have")
-      ->type_name("HEX");
+      ->type_name("HEX")
+      ->check(not_empty());
   parser
       .add_option("--copy-to", options.copy_to,
                   "A new file for the token, instead of standard output")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(not_empty());
   parser.add_flag("--without-statement", options.without_statement,
                   "Keep the statement out of the journal");
   parser.add_flag("--show", options.show,

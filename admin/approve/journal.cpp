@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "admin/common/command_line.h"
 #include "admin/common/deployment.h"
 #include "admin/common/file_text.h"
 #include "admin/common/json_output.h"
@@ -89,7 +90,8 @@ Decision parse_line(std::string_view text) {
 std::shared_ptr<std::string> add_journal_option(CLI::App& parser) {
   auto path = std::make_shared<std::string>();
   parser.add_option("--journal", *path, "The journal of decisions; else KOVA_ADMIN_JOURNAL")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(not_empty());
   return path;
 }
 

@@ -67,6 +67,10 @@ Runner add_help(CLI::App& root) {
 
 }  // namespace
 
+CLI::Validator not_empty() {
+  return {[](const std::string& value) { return value.empty() ? "the value is empty" : ""; }, ""};
+}
+
 int run_command_line(std::span<const Command> commands, int count, char** arguments) {
   CLI::App root("Sets up, examines and approves for the MCP server.", kProgram);
   root.set_version_flag("--version", std::string("kova-admin ") + KOVA_VERSION);

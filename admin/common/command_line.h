@@ -22,6 +22,9 @@ struct Command {
   RunCommand (*add)(CLI::App& parser);
 };
 
+/// Refuses an option's empty value: what a script leaves empty must not count as left out.
+[[nodiscard]] CLI::Validator not_empty();
+
 /// Parses the line by the table and runs the command that it names; `help COMMAND` and `--help`
 /// print help. Throws Refusal for a line that is wrong.
 [[nodiscard]] int run_command_line(std::span<const Command> commands, int count, char** arguments);

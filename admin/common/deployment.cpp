@@ -1,7 +1,6 @@
 #include "admin/common/deployment.h"
 
-#include <vector>
-
+#include "admin/common/command_line.h"
 #include "admin/common/environment_file.h"
 #include "admin/common/refusal.h"
 #include "platform/environment.h"
@@ -14,7 +13,7 @@ namespace {
 
 constexpr std::string_view kServerPrefix = "KOVA_MCP_";
 
-void clear_server_variables() {
+std::vector<std::string> server_variables() {
   std::vector<std::string> names;
   visit_environment_names(
       [](void* context, std::string_view name) {
@@ -23,26 +22,65 @@ void clear_server_variables() {
         }
       },
       &names);
-  for (const std::string& name : names) clear_environment_variable(name.c_str());
+  return names;
 }
 
-}  // namespace
-
-std::shared_ptr<std::string> add_env_option(CLI::App& parser) {
-  auto path = std::make_shared<std::string>();
-  parser.add_option("--env", *path, "The environment file of the deployment")->type_name("FILE");
-  return path;
-}
-
-void use_deployment(const std::string& env_file) {
-  if (env_file.empty()) return;
-  const std::vector<EnvironmentEntry> entries = read_environment_file(env_file);
-  clear_server_variables();
+void set_variables(const std::string& env_file, const std::vector<EnvironmentEntry>& entries) {
+  for (const std::string& name : server_variables()) clear_environment_variable(name.c_str());
   for (const EnvironmentEntry& entry : entries) {
     if (!set_environment_variable(entry.name.c_str(), entry.value.c_str())) {
       throw Refusal(env_file + ": the variable " + entry.name + " cannot be set");
     }
   }
+}
+
+constexpr const char* kEnvOption = "--env";
+
+}  // namespace
+
+std::shared_ptr<std::string> add_env_option(CLI::App& parser) {
+  auto path = std::make_shared<std::string>();
+  parser.add_option(kEnvOption, *path, "The environment file of the deployment")
+      ->type_name("FILE")
+      ->check(not_empty());
+  return path;
+}
+
+std::shared_ptr<std::vector<std::string>> add_env_options(CLI::App& parser) {
+  auto paths = std::make_shared<std::vector<std::string>>();
+  parser.add_option(kEnvOption, *paths, "The environment file of a deployment; may be repeated")
+      ->type_name("FILE")
+      ->allow_extra_args(false)
+      ->check(not_empty());
+  return paths;
+}
+
+void use_deployment(const std::string& env_file) {
+  if (!env_file.empty()) set_variables(env_file, read_environment_file(env_file));
+}
+
+DeploymentInUse::DeploymentInUse(const std::string& env_file) {
+  if (env_file.empty()) return;
+  const std::vector<EnvironmentEntry> entries = read_environment_file(env_file);
+  for (const std::string& name : server_variables()) remember(name);
+  for (const EnvironmentEntry& entry : entries) remember(entry.name);
+  set_variables(env_file, entries);
+}
+
+DeploymentInUse::~DeploymentInUse() {
+  for (const Former& former : former_) {
+    clear_environment_variable(former.name.c_str());
+    if (former.value) {
+      static_cast<void>(set_environment_variable(former.name.c_str(), former.value->c_str()));
+    }
+  }
+}
+
+void DeploymentInUse::remember(const std::string& name) {
+  const EnvironmentValue value(name.c_str());
+  Former former{.name = name, .value = std::nullopt};
+  if (value.is_set()) former.value.emplace(value.view());
+  former_.push_back(std::move(former));
 }
 
 std::unique_ptr<McpPolicy> load_policy() {

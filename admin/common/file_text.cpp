@@ -22,6 +22,14 @@ SecretText read_file(const std::string& path, std::size_t limit) {
   return text;
 }
 
+void cut_line_end(SecretText& text) {
+  std::string_view kept = text.view();
+  if (!kept.ends_with('\n')) return;
+  kept.remove_suffix(1);
+  if (kept.ends_with('\r')) kept.remove_suffix(1);
+  text.cut(kept.size());
+}
+
 SecretText read_standard_input(std::size_t limit) {
   SecretText text(limit + 1);
   std::size_t size = 0;

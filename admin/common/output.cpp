@@ -23,7 +23,7 @@ bool colour_is_wanted() {
 }
 
 bool stdout_has_colour() {
-  return colour_is_wanted() && stdout_is_terminal();
+  return colour_is_wanted() && stdout_takes_colours();
 }
 
 std::string_view colour_code(Colour colour) {

@@ -92,7 +92,7 @@ std::string weakness_of(std::string_view secret) {
 }
 
 Check check_approval_secret(const McpPolicy& policy, const std::string& environment_file) {
-  Findings findings("approval.secret");
+  Findings findings(kApprovalSecretCheck);
   const EnvironmentValue secret("KOVA_MCP_APPROVAL_SECRET");
   const bool is_set = !secret.view().empty();
   if (!is_set && !needs_approvals(policy)) {

@@ -9,6 +9,8 @@
 
 namespace kova::admin {
 
+inline constexpr std::string_view kApprovalSecretCheck = "approval.secret";
+
 /// Judges the secret: that it is there where it is needed, its length and strength, and who may
 /// read the environment file that it stands in (none for the process's environment).
 [[nodiscard]] Check check_approval_secret(const McpPolicy& policy,

@@ -1,6 +1,7 @@
 #include "admin/doctor/check.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kova::admin {
 
@@ -30,6 +31,8 @@ std::string_view status_name(CheckStatus status) {
 Findings::Findings(std::string_view name) {
   check_.name = name;
 }
+
+Findings::Findings(Check check) : check_(std::move(check)) {}
 
 void Findings::note(std::string_view detail) {
   add(CheckStatus::kOk, detail, {});

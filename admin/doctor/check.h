@@ -23,6 +23,8 @@ struct Check {
 class Findings {
  public:
   explicit Findings(std::string_view name);
+  /// Goes on with what a check has found.
+  explicit Findings(Check check);
 
   /// Something worth telling that needs nothing to be done.
   void note(std::string_view detail);

@@ -6,11 +6,13 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <utility>
 
 #include "admin/common/deployment.h"
 #include "admin/common/json_output.h"
 #include "admin/common/output.h"
 #include "admin/common/printable.h"
+#include "admin/common/refusal.h"
 #include "admin/common/server_path.h"
 #include "admin/common/times.h"
 #include "admin/doctor/approval_check.h"
@@ -20,6 +22,7 @@
 #include "admin/doctor/policy_check.h"
 #include "admin/doctor/server_check.h"
 #include "admin/doctor/variables_check.h"
+#include "platform/environment.h"
 #include "policy/policy.h"
 
 namespace kova::admin {
@@ -27,7 +30,7 @@ namespace kova::admin {
 namespace {
 
 struct Options {
-  std::shared_ptr<std::string> environment_file;
+  std::shared_ptr<std::vector<std::string>> environment_files;
   std::string server;
   bool json = false;
 };
@@ -64,12 +67,29 @@ std::string absolute(const std::string& path) {
   return std::filesystem::absolute(path).lexically_normal().string();
 }
 
+/// The files by their absolute paths, each once; an empty one for the process's environment.
+std::vector<std::string> files_of(const Options& options) {
+  if (options.environment_files->empty()) return {std::string()};
+  std::vector<std::string> files;
+  for (const std::string& given : *options.environment_files) {
+    std::string file = absolute(given);
+    if (std::ranges::find(files, file) != files.end()) {
+      throw Refusal(fmt::format("--env: {} is named twice", file));
+    }
+    files.push_back(std::move(file));
+  }
+  return files;
+}
+
 int run(const Options& options) {
-  const std::string environment_file =
-      options.environment_file->empty() ? std::string() : absolute(*options.environment_file);
-  use_deployment(environment_file);
   const std::string server = options.server.empty() ? server_beside() : absolute(options.server);
-  const std::vector<Check> checks = examine(server, environment_file);
+  std::vector<ExaminedDeployment> deployments;
+  for (const std::string& file : files_of(options)) {
+    const DeploymentInUse in_use(file);
+    deployments.push_back(examine(server, file));
+  }
+  judge_shared_names(deployments);
+  const std::vector<Check> checks = all_checks(deployments);
   if (options.json) {
     print_as_json(checks);
   } else {
@@ -80,7 +100,7 @@ int run(const Options& options) {
 
 }  // namespace
 
-std::vector<Check> examine(const std::string& server, const std::string& environment_file) {
+ExaminedDeployment examine(const std::string& server, const std::string& environment_file) {
   std::vector<Check> checks;
   DeploymentFiles files{.server = server,
                         .client_library = {},
@@ -99,7 +119,10 @@ std::vector<Check> examine(const std::string& server, const std::string& environ
   checks.push_back(check_http());
   checks.push_back(check_clock(clock_state()));
   checks.push_back(check_limits(process_limits()));
-  return checks;
+  return {.environment_file = environment_file,
+          .policy = policy->name,
+          .secret = SecretText(EnvironmentValue("KOVA_MCP_APPROVAL_SECRET").view()),
+          .checks = std::move(checks)};
 }
 
 CheckStatus overall_status(const std::vector<Check>& checks) {
@@ -127,13 +150,15 @@ RunCommand add_doctor(CLI::App& parser) {
   const auto options = std::make_shared<Options>();
   parser.footer(
       "Examines a deployment and says what to do about what it finds. Changes nothing.\n"
-      "The deployment is that of the environment variables, or of --env FILE.\n"
+      "The deployment is that of the environment variables, or of --env FILE; of several files,\n"
+      "each detail begins with its file, and equal policy names with the same secret are told.\n"
       "Exit codes: 0 nothing or warnings alone, 1 a failure, 2 it could not look.");
-  options->environment_file = add_env_option(parser);
+  options->environment_files = add_env_options(parser);
   parser
       .add_option("--server", options->server,
                   "The server's executable; kova-mcp beside kova-admin without it")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(not_empty());
   parser.add_flag("--json", options->json,
                   R"(Print {"status","checks":[{"name","status","detail","advice"}]})");
   return [options] { return run(*options); };

@@ -6,15 +6,16 @@
 
 #include "admin/common/command_line.h"
 #include "admin/doctor/check.h"
+#include "admin/doctor/deployments.h"
 
 namespace kova::admin {
 
 /// A Command's `add`.
 [[nodiscard]] RunCommand add_doctor(CLI::App& parser);
 
-/// All checks of the deployment in the process's environment, in the order of the report.
+/// Examines the deployment in the process's environment; its checks are in the order of the report.
 /// `environment_file` is the file that it comes from, empty for none.
-[[nodiscard]] std::vector<Check> examine(const std::string& server,
+[[nodiscard]] ExaminedDeployment examine(const std::string& server,
                                          const std::string& environment_file);
 
 /// The worst status of all.

@@ -11,7 +11,6 @@
 #include "base/secret.h"
 #include "base/text.h"
 #include "platform/terminal.h"
-#include "platform/terminal_echo.h"
 
 namespace kova::admin {
 
@@ -21,11 +20,16 @@ constexpr std::size_t kAnswerCapacity = 8192;
 /// The longest password that the login takes, a line end, and one byte more to see that it is not.
 constexpr std::size_t kPasswordFileLimit = 4096;
 
+enum class Typing { kShown, kHidden };
+
 /// Reads one answer from the terminal, which is opened for it.
-SecretText ask_terminal(const char* option, const std::string& prompt) {
+SecretText ask_terminal(const char* option, const std::string& prompt, Typing typing) {
   Terminal terminal;
   if (!terminal.open()) {
     throw Refusal(fmt::format("{} is missing, and there is no terminal to ask on", option));
+  }
+  if (typing == Typing::kHidden && !terminal.hide_typed()) {
+    throw Refusal(fmt::format("{} is missing, and the terminal shows what is typed", option));
   }
   char answer[kAnswerCapacity];
   const WipeGuard guard(answer);
@@ -42,20 +46,16 @@ std::string value_of(const InitOptions& options, const char* option, const std::
   if (options.parser->count(option) > 0) return given;
   const std::string prompt = fallback.empty() ? fmt::format("{}: ", question)
                                               : fmt::format("{} [{}]: ", question, fallback);
-  const SecretText answer = ask_terminal(option, prompt);
+  const SecretText answer = ask_terminal(option, prompt, Typing::kShown);
   return std::string(answer.view().empty() ? fallback : answer.view());
 }
 
 SecretText password_of(const InitOptions& options) {
   if (options.parser->count("--password-file") == 0) {
-    const EchoOff hidden;
-    return ask_terminal("--password-file", "Password (not shown): ");
+    return ask_terminal("--password-file", "Password (not shown): ", Typing::kHidden);
   }
   SecretText password = read_file(options.password_file, kPasswordFileLimit);
-  std::string_view text = password.view();
-  if (text.ends_with('\n')) text.remove_suffix(1);
-  if (text.ends_with('\r')) text.remove_suffix(1);
-  password.cut(text.size());
+  cut_line_end(password);
   return password;
 }
 

@@ -9,6 +9,8 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Sequence
 
+from scripted_terminal import ScriptedTerminal
+
 from harness.servers import Result
 from harness.targets import Environment, Installation, Target
 
@@ -41,6 +43,15 @@ class Admin:
             stdin=subprocess.DEVNULL, capture_output=True, start_new_session=True,
             timeout=TIMEOUT, check=False)
         return Result(done.stdout, done.stderr, done.returncode)
+
+
+    def on_terminal(self, *arguments: "str | Path", env: Environment | None = None,
+                    **options: Any) -> ScriptedTerminal:
+        """Starts a command on a terminal; the caller closes it."""
+        words = [self.target.path(word) if isinstance(word, Path) else word for word in arguments]
+        return ScriptedTerminal(self.target.command(self.path, words),
+                                self.target.environment(env or {}), raw=self.target.windows,
+                                **options)
 
 
 def admin_beside(target: Target, installation: Installation, library: str | None) -> Admin:
@@ -80,7 +91,15 @@ STATUSES = ["ok", "warn", "fail"]
 
 
 def report_of(result: Result) -> Report:
-    """The report, whose shape is looked at each time."""
+    """The report on one deployment."""
+    checks = checks_of(result)
+    by_name = {check["name"]: check for check in checks}
+    assert len(by_name) == len(checks)
+    return Report(json.loads(result.stdout)["status"], by_name, result.code)
+
+
+def checks_of(result: Result) -> list[dict[str, str]]:
+    """The checks of a report, whose shape is looked at each time."""
     document: Any = json.loads(result.stdout)
     assert result.stderr == b"" and result.stdout.count(b"\n") == 1
     assert list(document) == ["status", "checks"]
@@ -89,12 +108,10 @@ def report_of(result: Result) -> Report:
         assert all(isinstance(text, str) for text in check.values())
         assert (check["advice"] == "") == (check["status"] == "ok"), check
         assert check["detail"] != ""
-    checks = {check["name"]: check for check in document["checks"]}
-    assert len(checks) == len(document["checks"])
     worst = max(STATUSES.index(check["status"]) for check in document["checks"])
     assert document["status"] == STATUSES[worst]
     assert result.code == (1 if document["status"] == "fail" else 0)
-    return Report(document["status"], checks, result.code)
+    return document["checks"]
 
 
 def tree(folder: Path) -> "dict[str, tuple[int, int]]":

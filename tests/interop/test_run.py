@@ -89,8 +89,8 @@ def test_the_session(played: Played, target: Target) -> None:
     assert played.left == []
     text = played.text
     assert text.splitlines()[-1] == (
-        f"Session complete on {target.name}: 35 requests answered, 12 calls refused as the policy"
-        " wants it, 1 cancelled, 1 approved and written; nothing is left running.")
+        f"Session complete on {target.name}: 39 requests answered, 14 calls refused as the policy"
+        " wants it, 1 cancelled, 2 approved and written; nothing is left running.")
     for method in ("initialize", "notifications/initialized", "tools/list", "tools/call",
                    "notifications/cancelled"):
         assert f'"method": "{method}"' in text
@@ -150,7 +150,7 @@ def test_the_second_act(played: Played, target: Target) -> None:
 def test_the_third_act(played: Played, target: Target) -> None:
     assert re.search(r"^AI collections of the sample data: sample\.PACKAGE_TEXTS: \d+ vectors ",
                      played.text, re.M)
-    text = played.text[played.text.index("\n16. "):]
+    text = played.text[played.text.index("\n16. "):played.text.index("\n24. ")]
     hit = r"^ +1 +0\.\d+ +\d+  "
     appear_in_order(text, [
         "kova_vector_search, kova_text_search, kova_hybrid_search, kova_ai_status$",
@@ -181,6 +181,32 @@ def test_the_third_act(played: Played, target: Target) -> None:
     log = (STATE / f"engine-{target.name}.log").read_text("utf-8", "replace")
     made = re.findall(r"INTO TEMP (mcp_hits_\d+_\d+); -> OK", log)
     assert made and f"DROP TABLE {made[-1]}; -> OK" in log
+
+
+def test_the_fourth_act(played: Played, target: Target) -> None:
+    text = played.text[played.text.index("\n24. "):]
+    tool = re.escape("kova-admin.exe" if target.windows else "kova-admin")
+    appear_in_order(text, [
+        rf"^\$ {tool} init --folder ", "--writes approval", "Wrote ", "Next: kova-admin doctor",
+        rf"^\$ {tool} doctor --env ",
+        'KOVA_MCP_CLIENT_ID is "desk-clent", the policy\'s client_id is "desk-client"',
+        r"^  and \d+ of 18 checks are ok$",
+        "# The name is mended.", rf"^\$ {tool} doctor --env ", r"^  and \d+ of 18 checks are ok$",
+        '"args": ["serve", "--env",',
+        '"text": "operator approval is required for this exact normalized operation"',
+        rf"^\$ {tool} approve --env ", "--digest ", "The canonical statement", "Reason: ",
+        "Type yes: yes", "^  exit code 0$", r"^  .*token: v1\.\d+\.[0-9a-f]{32}\.",
+        '"status": "1 row inserted"',
+        '"text": "approval token was already used or replay state is unavailable"',
+        rf"^\$ {tool} approvals list --env", r"^  used  .*  table NOTES  used 20.*  nonce "])
+    canonical = "".join(re.findall(r"^  \|  +\d+:\d+ +\| (.*)$",
+                                   text[text.index("The canonical statement"):], re.M))
+    digest = hashlib.sha256(canonical.encode()).hexdigest()
+    assert re.search(rf'^  \| digest +{digest}$', text, re.M) is not None
+    assert f'"operation_digest": "{digest}"' in text
+    secret = re.search(r"^KOVA_MCP_APPROVAL_SECRET='(.*)'$",
+                       (STATE / target.name / "desk" / "sample" / "kova-mcp.env").read_text(), re.M)
+    assert secret is not None and secret[1] not in played.text
 
 
 def appear_in_order(text: str, patterns: list[str]) -> None:
@@ -327,7 +353,8 @@ def test_help_fits_a_screen() -> None:
     assert len(lines) <= SCREEN[0] and max(map(len, lines)) <= SCREEN[1]
     for words in ("./run windows", "./run serve", "without root", "protocol only",
                   "A second run starts within seconds", "Nothing is left running",
-                  "the operator's approval", "kill switch", "approval-secret", "AI search"):
+                  "the operator's approval", "kill switch", "approval-secret", "AI search",
+                  "The operator's desk: kova-admin"):
         assert words in done.stdout
 
 

@@ -37,6 +37,9 @@ inline constexpr char kWorkerReplyThenFail[] = "reply-then-fail";
 /// Writes its line and waits until it is killed.
 inline constexpr char kWorkerReplyThenHang[] = "reply-then-hang";
 
+/// The variable that says how a child without arguments behaves.
+inline constexpr char kProgramMode[] = "KOVA_TEST_PROGRAM";
+
 using ChildMode = int (*)();
 
 /// The behaviour of an argument that names one, or null.

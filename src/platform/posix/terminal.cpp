@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 
 namespace kova {
 
@@ -18,8 +19,9 @@ constexpr std::size_t kTerminalLineLimit = 4096;
 
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
-/// The signals that were blocked before the terminal was opened.
+/// The signals that were blocked before the terminal was opened, and what the others did.
 sigset_t outer_mask;
+struct sigaction outer_actions[std::size(kEndingSignals)];
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
@@ -34,11 +36,26 @@ void hold_signals() {
   action.sa_handler = take_signal;
   sigset_t held;
   sigemptyset(&held);
-  for (const int number : kEndingSignals) {
-    sigaddset(&held, number);
-    ::sigaction(number, &action, nullptr);
+  for (std::size_t i = 0; i < std::size(kEndingSignals); ++i) {
+    sigaddset(&held, kEndingSignals[i]);
+    ::sigaction(kEndingSignals[i], &action, &outer_actions[i]);
   }
   ::sigprocmask(SIG_BLOCK, &held, &outer_mask);
+}
+
+// What has come meanwhile is dropped: the work that it was to interrupt is done.
+void release_signals() {
+  ::sigprocmask(SIG_SETMASK, &outer_mask, nullptr);
+  for (std::size_t i = 0; i < std::size(kEndingSignals); ++i) {
+    ::sigaction(kEndingSignals[i], &outer_actions[i], nullptr);
+  }
+}
+
+bool set_local_mode(int descriptor, tcflag_t mode) {
+  termios settings{};
+  if (::tcgetattr(descriptor, &settings) != 0) return false;
+  settings.c_lflag = mode;
+  return ::tcsetattr(descriptor, TCSAFLUSH, &settings) == 0;
 }
 
 bool write_all(int descriptor, std::string_view bytes) {
@@ -54,7 +71,12 @@ bool write_all(int descriptor, std::string_view bytes) {
 }  // namespace
 
 Terminal::~Terminal() {
-  if (input_ >= 0) ::close(descriptor_of(input_));
+  if (input_ < 0) return;
+  if (is_changed_) {
+    static_cast<void>(set_local_mode(descriptor_of(input_), former_input_mode_));
+  }
+  ::close(descriptor_of(input_));
+  release_signals();
 }
 
 bool Terminal::open() {
@@ -74,6 +96,16 @@ void Terminal::drop_typed() {
   ::tcflush(descriptor_of(input_), TCIFLUSH);
 }
 
+// The end of the line is still shown, so that the next prompt begins a line.
+bool Terminal::hide_typed() {
+  termios settings{};
+  if (::tcgetattr(descriptor_of(input_), &settings) != 0) return false;
+  former_input_mode_ = settings.c_lflag;
+  is_changed_ = true;
+  return set_local_mode(descriptor_of(input_),
+                        (settings.c_lflag & ~static_cast<tcflag_t>(ECHO)) | ECHONL);
+}
+
 bool Terminal::read_line(TextOut line) {
   pollfd entry{.fd = descriptor_of(input_), .events = POLLIN, .revents = 0};
   if (::ppoll(&entry, 1, nullptr, &outer_mask) != 1) return false;
@@ -88,7 +120,7 @@ unsigned Terminal::columns() const {
   return ::ioctl(descriptor_of(output_), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
-bool stdout_is_terminal() {
+bool stdout_takes_colours() {
   return ::isatty(STDOUT_FILENO) == 1;
 }
 

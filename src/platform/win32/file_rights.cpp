@@ -26,7 +26,8 @@ bool is_well_known(PSID sid, WELL_KNOWN_SID_TYPE type) {
 bool is_everybody(PSID sid) {
   return is_well_known(sid, WinWorldSid) || is_well_known(sid, WinAuthenticatedUserSid) ||
          is_well_known(sid, WinBuiltinUsersSid) || is_well_known(sid, WinInteractiveSid) ||
-         is_well_known(sid, WinBuiltinGuestsSid) || is_well_known(sid, WinAnonymousSid);
+         is_well_known(sid, WinNetworkSid) || is_well_known(sid, WinBuiltinGuestsSid) ||
+         is_well_known(sid, WinAnonymousSid);
 }
 
 // The account that installs the system's own updates has no well-known type.

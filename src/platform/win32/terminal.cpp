@@ -49,36 +49,15 @@ std::size_t whole_characters(std::string_view text, std::size_t limit) {
   return end > 0 ? end : limit;
 }
 
-}  // namespace
-
-Terminal::~Terminal() {
-  read_console = INVALID_HANDLE_VALUE;
-  if (input_ != -1) ::CloseHandle(handle_of(input_));
-  if (output_ != -1) ::CloseHandle(handle_of(output_));
-}
-
-bool Terminal::open() {
-  input_ = reinterpret_cast<std::intptr_t>(open_console(L"CONIN$"));
-  output_ = reinterpret_cast<std::intptr_t>(open_console(L"CONOUT$"));
-  if (input_ == -1 || output_ == -1) return false;
-  ::SetConsoleMode(handle_of(input_),
-                   ENABLE_LINE_INPUT | ENABLE_ECHO_INPUT | ENABLE_PROCESSED_INPUT);
-  ::SetConsoleMode(handle_of(output_), ENABLE_PROCESSED_OUTPUT | ENABLE_WRAP_AT_EOL_OUTPUT |
-                                           ENABLE_VIRTUAL_TERMINAL_PROCESSING);
-  read_console = handle_of(input_);
-  ::SetConsoleCtrlHandler(take_interrupt, TRUE);
-  return true;
-}
-
-bool Terminal::write(std::string_view text) {
+bool write_to_console(HANDLE console, std::string_view text) {
   while (!text.empty()) {
     const std::size_t size = whole_characters(text, kChunkUnits);
     wchar_t wide[kChunkUnits];
     const int units =
         ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(size), wide, kChunkUnits);
     DWORD written = 0;
-    if (units <= 0 || ::WriteConsoleW(handle_of(output_), wide, static_cast<DWORD>(units), &written,
-                                      nullptr) == 0) {
+    if (units <= 0 ||
+        ::WriteConsoleW(console, wide, static_cast<DWORD>(units), &written, nullptr) == 0) {
       return false;
     }
     text.remove_prefix(size);
@@ -86,8 +65,55 @@ bool Terminal::write(std::string_view text) {
   return true;
 }
 
+bool mode_of(HANDLE console, std::uint32_t& mode) {
+  DWORD found = 0;
+  if (::GetConsoleMode(console, &found) == 0) return false;
+  mode = found;
+  return true;
+}
+
+constexpr DWORD kReadingLines = ENABLE_LINE_INPUT | ENABLE_ECHO_INPUT | ENABLE_PROCESSED_INPUT;
+constexpr DWORD kTakingColours =
+    ENABLE_PROCESSED_OUTPUT | ENABLE_WRAP_AT_EOL_OUTPUT | ENABLE_VIRTUAL_TERMINAL_PROCESSING;
+
+}  // namespace
+
+Terminal::~Terminal() {
+  if (is_changed_) {
+    ::SetConsoleCtrlHandler(take_interrupt, FALSE);
+    read_console = INVALID_HANDLE_VALUE;
+    ::SetConsoleMode(handle_of(input_), former_input_mode_);
+    ::SetConsoleMode(handle_of(output_), former_output_mode_);
+  }
+  if (input_ != -1) ::CloseHandle(handle_of(input_));
+  if (output_ != -1) ::CloseHandle(handle_of(output_));
+}
+
+bool Terminal::open() {
+  input_ = reinterpret_cast<std::intptr_t>(open_console(L"CONIN$"));
+  output_ = reinterpret_cast<std::intptr_t>(open_console(L"CONOUT$"));
+  if (input_ == -1 || output_ == -1 || !mode_of(handle_of(input_), former_input_mode_) ||
+      !mode_of(handle_of(output_), former_output_mode_)) {
+    return false;
+  }
+  is_changed_ = true;
+  ::SetConsoleMode(handle_of(input_), kReadingLines);
+  ::SetConsoleMode(handle_of(output_), kTakingColours);
+  read_console = handle_of(input_);
+  ::SetConsoleCtrlHandler(take_interrupt, TRUE);
+  return true;
+}
+
+bool Terminal::write(std::string_view text) {
+  return write_to_console(handle_of(output_), text);
+}
+
 void Terminal::drop_typed() {
   ::FlushConsoleInputBuffer(handle_of(input_));
+}
+
+bool Terminal::hide_typed() {
+  return ::SetConsoleMode(handle_of(input_), kReadingLines & ~DWORD{ENABLE_ECHO_INPUT}) != 0;
 }
 
 bool Terminal::read_line(TextOut line) {
@@ -116,13 +142,17 @@ unsigned Terminal::columns() const {
   return static_cast<unsigned>(info.srWindow.Right - info.srWindow.Left + 1);
 }
 
-bool stdout_is_terminal() {
-  DWORD mode = 0;
-  return ::GetConsoleMode(::GetStdHandle(STD_OUTPUT_HANDLE), &mode) != 0;
+bool stdout_takes_colours() {
+  const HANDLE handle = ::GetStdHandle(STD_OUTPUT_HANDLE);
+  std::uint32_t mode = 0;
+  return mode_of(handle, mode) && ::SetConsoleMode(handle, mode | kTakingColours) != 0;
 }
 
+// A console takes bytes in a code page of its own, and text of any language only as UTF-16.
 bool write_all_to_stdout(std::string_view bytes) {
   const HANDLE handle = ::GetStdHandle(STD_OUTPUT_HANDLE);
+  std::uint32_t mode = 0;
+  if (mode_of(handle, mode)) return write_to_console(handle, bytes);
   while (!bytes.empty()) {
     DWORD written = 0;
     if (::WriteFile(handle, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) ==

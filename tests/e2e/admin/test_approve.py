@@ -278,8 +278,17 @@ def test_a_wrong_command_line(desk, arguments):
     error(result)
 
 
-@pytest.mark.parametrize("arguments", [["help", "approve"], ["approve", "--help"],
-                                       ["help", "approvals", "list"], ["help"], ["--help"]])
+@pytest.mark.parametrize("option", ["--digest", "--env", "--journal", "--secret-file",
+                                    "--copy-to"])
+def test_an_empty_value_is_not_an_option_left_out(desk, option):
+    """A script whose variable is empty must not sign without what it asked for."""
+    refused(desk, f"{option}: the value is empty", option, "", desk.file("s.sql", STATEMENT))
+
+
+@pytest.mark.parametrize("arguments", [
+    ["help", "approve"], ["approve", "--help"], ["help", "approvals", "list"],
+    ["help", "approvals", "clean"], ["help", "doctor"], ["help", "init"], ["help", "serve"], ["help"],
+    ["--help"]])
 def test_help(desk, arguments):
     result = desk.run(*arguments)
     assert (result.code, result.stderr) == (0, b"")

@@ -8,8 +8,8 @@ from typing import Any, Callable
 
 import pytest
 
-from harness.deployments import (SECRET, Report, admin_beside, environment_file, report_of,
-                                 tree)
+from harness.deployments import (SECRET, Report, admin_beside, checks_of, environment_file,
+                                 report_of, tree)
 from harness.listeners import refused_port
 from harness.policy_files import PolicyFiles
 from harness.scripted_library import Script, ScriptedLibrary
@@ -405,3 +405,89 @@ def test_with_a_file_the_processs_own_variables_do_not_count(
     report = report_of(admin.run("doctor", "--json", "--env", file, env={
         "KOVA_MCP_DISABLE_WRITES": "wrong", "KOVA_MCP_POLICY": "/nowhere"}))
     assert report["switches"]["status"] == report["policy"]["status"] == "ok"
+
+
+# several deployments
+
+
+@pytest.fixture
+def examine_both(target: Target, installation: Installation, deployment: dict[str, Any],
+                 for_writes: dict[str, Any], policy: PolicyFiles, folder: Path,
+                 tmp_path: Path) -> "Callable[..., tuple[list[dict[str, str]], list[Path]]]":
+    """`examine_both(name=..., secret=...)`: the checks of two hosts' deployments, the second with
+    another policy name or secret, and their environment files."""
+
+    def run(name: "str | None" = None,
+            secret: "str | None" = SECRET) -> "tuple[list[dict[str, str]], list[Path]]":
+        second_state = folder / "second"
+        second_state.mkdir(mode=0o700)
+        renamed = {} if name is None else {"name": name}
+        second = policy(writes_enabled=True, approval_required=True, write_tables=["ORDERS"],
+                        write_types=["INSERT"], approval_state_directory=second_state, **renamed)
+        files = [environment_file(target, tmp_path / "one.env", {**deployment, **for_writes}),
+                 environment_file(target, tmp_path / "two.env", {
+                     **deployment, **second, "KOVA_MCP_APPROVAL_SECRET": secret})]
+        admin = admin_beside(target, installation, "scripted")
+        return checks_of(admin.run("doctor", "--json", "--env", files[0], "--env", files[1])), files
+
+    return run
+
+
+def test_two_deployments_each_have_all_checks(target: Target, examine_both: Any) -> None:
+    checks, files = examine_both(name="another")
+    assert [check["name"] for check in checks] == ALL + ALL
+    for check, file in zip(checks, [files[0]] * len(ALL) + [files[1]] * len(ALL)):
+        assert check["detail"].startswith(f"{target.path(file)}: "), check
+    assert [check["status"] for check in checks if check["name"] == "approval.secret"] == [
+        "ok", "ok"]
+
+
+def test_equal_names_with_the_same_secret(target: Target, examine_both: Any) -> None:
+    checks, files = examine_both()
+    told = [check for check in checks if check["name"] == "approval.secret"]
+    for check, other in zip(told, reversed(files)):
+        assert check["status"] == "warn"
+        assert (f'{target.path(other)} has the policy name "sales_read" and the same secret'
+                in check["detail"])
+        assert "a name of its own" in check["advice"]
+    assert SECRET not in str(checks)
+
+
+@pytest.mark.parametrize("changes", [{"name": "SALES_READ"}, {"secret": SECRET[::-1]}])
+def test_deployments_whose_tokens_differ(examine_both: Any, changes: dict[str, str]) -> None:
+    checks, _ = examine_both(**changes)
+    assert {check["status"] for check in checks if check["name"] == "approval.secret"} == {"ok"}
+
+
+def test_no_secret_is_no_shared_secret(examine_both: Any) -> None:
+    checks, _ = examine_both(secret=None)
+    assert [check["status"] for check in checks if check["name"] == "approval.secret"] == [
+        "ok", "fail"]
+
+
+def test_variables_of_one_file_do_not_count_for_the_next(
+        target: Target, installation: Installation, tmp_path: Path,
+        deployment: dict[str, Any]) -> None:
+    admin = admin_beside(target, installation, "scripted")
+    files = [environment_file(target, tmp_path / "one.env",
+                              {**deployment, "KOVA_DISABLE_WRITES": "1",
+                               "KOVA_MCP_HTTP_BEARER_TOKEN": SECRET}),
+             environment_file(target, tmp_path / "two.env", deployment)]
+    checks = checks_of(admin.run("doctor", "--json", "--env", files[0], "--env", files[1]))
+    found = [(check["name"], check["status"]) for check in checks]
+    assert found.index(("switches", "warn")) < found.index(("switches", "ok"))
+    told = [check["detail"] for check in checks if check["name"] == "http"]
+    assert "32 characters" in told[0] and told[1].endswith("not set up: stdio alone")
+
+
+@pytest.mark.parametrize("second", ["one.env", "missing.env", ""])
+def test_a_second_file_that_is_wrong(target: Target, installation: Installation, tmp_path: Path,
+                                     deployment: dict[str, Any], second: str) -> None:
+    admin = admin_beside(target, installation, "scripted")
+    file = environment_file(target, tmp_path / "one.env", deployment)
+    result = admin.run("doctor", "--json", "--env", file, "--env",
+                       tmp_path / second if second else "")
+    assert (result.stdout, result.code) == (b"", 2)
+    said = {"one.env": b"is named twice", "missing.env": b"cannot be opened",
+            "": b"the value is empty"}[second]
+    assert said in result.stderr and result.stderr.count(b"\n") == 1

@@ -220,6 +220,20 @@ def test_a_password_file_that_is_missing(admin: Admin, options: Any, tmp_path: P
     assert not options["--folder"].exists()
 
 
+@pytest.mark.parametrize("end", ["", "\n", "\r\n"])
+def test_one_line_end_of_the_password_file_is_dropped(admin: Admin, options: Any, engine: Engine,
+                                                      end: str) -> None:
+    options["--password-file"].write_bytes((PASSWORD + end).encode())
+    assert init(admin, options).code == 0
+
+
+@pytest.mark.parametrize("end", ["\n\n", "\r", " \n"])
+def test_anything_more_belongs_to_the_password(admin: Admin, options: Any, end: str) -> None:
+    options["--password-file"].write_bytes((PASSWORD + end).encode())
+    assert init(admin, options).code == 2
+    assert not options["--folder"].exists()
+
+
 def test_without_a_terminal_nothing_is_asked(admin: Admin, options: Any) -> None:
     given = {name: value for name, value in options.items() if name != "--client-id"}
     refused(admin.run("init", *option_list(given)), "--client-id is missing")

@@ -2,9 +2,15 @@
 
 from __future__ import annotations
 
+import ast
 import importlib
+import itertools
 import json
 import random
+import re
+from types import FunctionType, ModuleType
+from typing import Any, Iterator
+from unittest import mock
 
 import pytest
 
@@ -12,30 +18,98 @@ from harness.operator_desk import Desk, desks
 from harness.write_calls import Writes
 from harness.write_generator import statement
 
-SEEDS = range(40)
+SEEDS = range(8)
 LONGEST = "N" * 63
 TABLES = ["T", "ORDERS", LONGEST]
+PARTS = 8
+
+TABLE_OF_WRITES = "e2e.policy.test_hostile_writes"
+"""Its tests send statements and look at the outcomes, and do nothing else: they can be played."""
+GENERATED = "e2e.approval.test_generated_writes"
+WRITTEN_OUT = ["e2e.tools.test_execute", "e2e.approval.test_tokens", "e2e.approval.test_single_use",
+               "e2e.approval.test_writes_on_sample_engine", "e2e.approval.test_issue", GENERATED,
+               TABLE_OF_WRITES]
+VERB = re.compile(r"\b(insert|update|delete)\b", re.IGNORECASE)
 
 
-def values_of(module_name: str) -> list[object]:
+class Sent:
+    """Stands for the write tool: takes down what is sent to it."""
+
+    def __init__(self) -> None:
+        self.texts: list[str] = []
+        self.calls = self
+
+    def __call__(self, sql: str, *_: Any) -> None:
+        self.texts.append(sql)
+
+    def raw(self, params: bytes, **_: Any) -> None:
+        self.texts.append(json.loads(params)["arguments"]["sql"])
+
+    def open(self, **_: Any) -> "Sent":
+        return self
+
+    guarded = open
+
+
+def rows_of(test: FunctionType) -> Iterator[dict[str, Any]]:
+    """The arguments of each run of a test, by its tables."""
+    tables = []
+    for mark in getattr(test, "pytestmark", []):
+        if mark.name == "parametrize":
+            names = [name.strip() for name in mark.args[0].split(",")]
+            tables.append([dict(zip(names, [row] if len(names) == 1 else row))
+                           for row in mark.args[1]])
+    for choice in itertools.product(*tables):
+        yield {name: value for row in choice for name, value in row.items()}
+
+
+def played(module: ModuleType) -> list[str]:
+    """Every statement that the module's tests send."""
+    sent = Sent()
+    checks = {name: mock.DEFAULT for name in ("ran", "refused")}
+    with mock.patch.multiple(module, **checks):
+        for name, test in list(vars(module).items()):
+            if name.startswith("test_") and name != "test_an_empty_refusal_is_still_one":
+                tool = next(one for one in ("writes", "served")
+                            if one in test.__code__.co_varnames[:test.__code__.co_argcount])
+                for row in rows_of(test):
+                    test(**{tool: sent}, **row)
+    return sent.texts
+
+
+def tabled(module: ModuleType) -> list[str]:
     """Every `sql` of the module's tables."""
+    tests = [test for name, test in vars(module).items() if name.startswith("test_")]
+    return [row["sql"] for test in tests for row in rows_of(test)
+            if isinstance(row.get("sql"), str)]
+
+
+def written_out(module: ModuleType) -> list[str]:
+    """Every text of the module's source that could be a write, and its beginnings of one."""
+    assert module.__file__ is not None
+    with open(module.__file__, encoding="utf-8") as file:
+        nodes = list(ast.walk(ast.parse(file.read())))
+    return [node.value for node in nodes
+            if isinstance(node, ast.Constant) and isinstance(node.value, str)
+            and VERB.search(node.value)]
+
+
+def generated() -> list[str]:
     found = []
-    for test in vars(importlib.import_module(module_name)).values():
-        for mark in getattr(test, "pytestmark", []):
-            names = [name.strip() for name in str(mark.args[0]).split(",")] if mark.args else []
-            if mark.name == "parametrize" and "sql" in names:
-                place = names.index("sql")
-                found += [row if len(names) == 1 else row[place] for row in mark.args[1]]
+    for seed in [*SEEDS, *(20260 + seed for seed in importlib.import_module(GENERATED).SEEDS)]:
+        source = random.Random(seed)
+        write = statement(source)
+        found += [write.spelled(source), write.altered(source).spelled(source)]
     return found
 
 
 def statements() -> list[str]:
-    found = [value for name in ("e2e.tools.test_execute", "e2e.policy.test_hostile_writes")
-             for value in values_of(name) if isinstance(value, str)]
-    assert len(found) > 100
-    for seed in SEEDS:
-        source = random.Random(seed)
-        found.append(statement(source).spelled(source))
+    modules = {name: importlib.import_module(name) for name in WRITTEN_OUT}
+    sent = played(modules[TABLE_OF_WRITES])
+    assert len(sent) > 250
+    found = sent + generated()
+    for module in modules.values():
+        found += tabled(module) + written_out(module)
     return list(dict.fromkeys(found))
 
 
@@ -69,8 +143,8 @@ def agree(desk: Desk, guarded: Writes, sql: str) -> None:
     assert said == f"kova-admin: {message or 'the server refuses the statement: it is too large'}\n"
 
 
-@pytest.mark.parametrize("part", range(8))
+@pytest.mark.parametrize("part", range(PARTS))
 def test_every_statement(module_desk, guarded, part):
     module_desk.policy(write_tables=TABLES)
-    for sql in statements()[part::8]:
+    for sql in statements()[part::PARTS]:
         agree(module_desk, guarded, sql)

@@ -71,6 +71,14 @@ def test_sudo_names_both_users(desk):
     assert line["operator"] == f"alice (as {whoami.strip()})"
 
 
+def test_the_environment_file_does_not_say_who_decides(desk):
+    env_file = desk.env_file(SUDO_USER="mallory")
+    desk.decide("why", "no", "--env", env_file, desk.file("s.sql", STATEMENT), env={})
+    [line] = desk.decisions()
+    whoami = subprocess.run(["id", "-un"], capture_output=True, text=True, check=True).stdout
+    assert line["operator"] == whoami.strip()
+
+
 def test_what_was_typed_before_the_page_counts_for_nothing(desk):
     terminal = desk.approve("-", stdin=subprocess.PIPE)
     terminal.press(b"typed ahead\ryes\r")
