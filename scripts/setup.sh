@@ -12,12 +12,13 @@ readonly -a MODELS=(spin)
 readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)
 readonly -a MUTATION=(python3-clang)
+readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
 readonly NODE_MINIMUM=18
 
-interop="$(dirname "$(readlink -f "$0")")/../tests/interop"
-readonly interop
+tests="$(dirname "$(readlink -f "$0")")/../tests"
+readonly tests
 
 usage() {
   cat <<EOF
@@ -34,6 +35,8 @@ it prints the one command that installs them, and ends with exit code 1.
   mutation what tests/mutation/run needs beside these
   models   the model checker of tests/models; test includes it
   coverage what writes the report of ./test --coverage
+  release  what ./release and the rings release-* need, the validators that
+           tests/release/package-lock.json pins included
   index    Debian's package index, which the sample data is made from
 EOF
 }
@@ -106,16 +109,17 @@ fetch_index() {
   run_as_root 'apt-get update'
 }
 
+# Those of one folder of tests/.
 install_node_packages() {
-  local pinned=$interop/package-lock.json
-  local installed=$interop/node_modules/.package-lock.json
+  local pinned=$tests/$1/package-lock.json
+  local installed=$tests/$1/node_modules/.package-lock.json
   [[ ! $installed -nt $pinned ]] || return 0
-  echo "Node.js packages to install in tests/interop: those that package-lock.json pins" >&2
-  (cd "$interop" && npm ci --no-audit --no-fund --loglevel=error) >&2
+  echo "Node.js packages to install in tests/$1: those that package-lock.json pins" >&2
+  (cd "$tests/$1" && npm ci --no-audit --no-fund --loglevel=error) >&2
 }
 
 main() {
-  local group index='' test=''
+  local group index='' test='' release=''
   local -a packages=()
   (($# > 0)) || refuse 'which group? try --help'
   for group in "$@"; do
@@ -128,6 +132,10 @@ main() {
       windows) packages+=("${WINDOWS[@]}") ;;
       proxy) packages+=("${PROXY[@]}") ;;
       mutation) packages+=("${MUTATION[@]}") ;;
+      release)
+        packages+=("${RELEASE[@]}")
+        release=1
+        ;;
       test)
         packages+=("${TEST[@]}" "${PROXY[@]}" "${MODELS[@]}")
         test=1
@@ -138,10 +146,11 @@ main() {
       *) refuse "unknown group $group; try --help" ;;
     esac
   done
-  [[ -z $test ]] || node_is_there || packages+=(nodejs npm)
+  [[ -z $test$release ]] || node_is_there || packages+=(nodejs npm)
   ((${#packages[@]} == 0)) || install_packages "${packages[@]}"
   [[ -z $index ]] || fetch_index
-  [[ -z $test ]] || install_node_packages
+  [[ -z $test ]] || install_node_packages interop
+  [[ -z $release ]] || install_node_packages release
 }
 
 main "$@"
