@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 int kova_mutant_chosen = 0;
 unsigned char* kova_mutant_reached = nullptr;
