@@ -8,7 +8,6 @@
 
 #include "base/ascii.h"
 #include "base/string_scan.h"
-#include "base/text.h"
 
 namespace kova::admin {
 
@@ -115,6 +114,70 @@ bool parse_number(std::string_view text, std::uint64_t& value) {
   return error == std::errc() && end == text.data() + text.size();
 }
 
+/// Writes a code point that is no surrogate in UTF-8 and returns the end.
+char* write_utf8(std::uint32_t code, char* out) {
+  const auto byte = [](std::uint32_t value) { return static_cast<char>(value); };
+  if (code < 0x80) {
+    *out++ = byte(code);
+  } else if (code < 0x800) {
+    *out++ = byte(0xC0U | (code >> 6U));
+    *out++ = byte(0x80U | (code & 0x3FU));
+  } else if (code < 0x10000) {
+    *out++ = byte(0xE0U | (code >> 12U));
+    *out++ = byte(0x80U | ((code >> 6U) & 0x3FU));
+    *out++ = byte(0x80U | (code & 0x3FU));
+  } else {
+    *out++ = byte(0xF0U | (code >> 18U));
+    *out++ = byte(0x80U | ((code >> 12U) & 0x3FU));
+    *out++ = byte(0x80U | ((code >> 6U) & 0x3FU));
+    *out++ = byte(0x80U | (code & 0x3FU));
+  }
+  return out;
+}
+
+/// Takes four digits, and the second half of a pair of surrogates. False for half a pair.
+bool take_code_point(std::string_view& digits, std::uint32_t& code) {
+  constexpr std::size_t kPair = 10;
+  if (!json_hex4(digits.data(), code)) return false;
+  if (code >= 0xD800 && code < 0xE000) {
+    std::uint32_t low = 0;
+    if (code >= 0xDC00 || digits.size() < kPair || digits.substr(4, 2) != "\\u" ||
+        !json_hex4(digits.data() + 6, low) || low < 0xDC00 || low > 0xDFFF) {
+      return false;
+    }
+    code = 0x10000U + ((code - 0xD800U) << 10U) + (low - 0xDC00U);
+    digits.remove_prefix(6);
+  }
+  digits.remove_prefix(4);
+  return true;
+}
+
+/// Decodes the source text of a string that was parsed; a NUL in it is a character like others,
+/// which json_get_string could not tell from the end. Moves `out` to the end of what it wrote.
+bool decode(std::string_view raw, char*& out) {
+  constexpr std::string_view kLetters = "bfnrt";
+  constexpr std::string_view kControls = "\b\f\n\r\t";
+  while (!raw.empty()) {
+    const char c = raw.front();
+    raw.remove_prefix(1);
+    if (c != '\\') {
+      *out++ = c;
+      continue;
+    }
+    const char letter = raw.front();
+    raw.remove_prefix(1);
+    if (letter == 'u') {
+      std::uint32_t code = 0;
+      if (!take_code_point(raw, code)) return false;
+      out = write_utf8(code, out);
+      continue;
+    }
+    const std::size_t control = kLetters.find(letter);
+    *out++ = control != kLetters.npos ? kControls[control] : letter;
+  }
+  return true;
+}
+
 /// The value of two digits, or -1.
 int two_digits(const char* p) {
   return is_digit(p[0]) && is_digit(p[1]) ? (p[0] - '0') * 10 + (p[1] - '0') : -1;
@@ -122,8 +185,7 @@ int two_digits(const char* p) {
 
 }  // namespace
 
-AuditRecordReader::AuditRecordReader()
-    : tokens_(kTokenCapacity), decoded_(kAuditLineLimit + std::size(kTextMembers)) {}
+AuditRecordReader::AuditRecordReader() : tokens_(kTokenCapacity), decoded_(kAuditLineLimit) {}
 
 bool AuditRecordReader::read(std::string_view line, AuditRecord& record) {
   if (line.ends_with('\r')) line.remove_suffix(1);
@@ -155,20 +217,19 @@ bool AuditRecordReader::read_document(std::string_view line, AuditRecord& record
   unsigned seen = 0;
   JsonMembers members(doc, 0);
   for (const JsonMember member : members) {
-    char decoded_name[32];
-    TextOut name(decoded_name);
-    // A name that does not fit is none of the record's.
-    if (!json_get_string(doc, member.key, name)) continue;
+    std::string_view name;
+    // A name that is no text of Unicode is none of the record's.
+    if (!read_text(doc, member.key, name)) continue;
     unsigned bit = 1;
     for (const TextMember& wanted : kTextMembers) {
-      if (name.view() == wanted.name) {
+      if (name == wanted.name) {
         if (!read_text(doc, member.value, record.*wanted.field)) return false;
         seen |= bit;
       }
       bit <<= 1U;
     }
     for (const NumberMember& wanted : kNumberMembers) {
-      if (name.view() == wanted.name) {
+      if (name == wanted.name) {
         if (!doc.is(member.value, JsonType::kPrimitive) ||
             !parse_number(doc.raw(member.value), record.*wanted.field)) {
           return false;
@@ -181,14 +242,16 @@ bool AuditRecordReader::read_document(std::string_view line, AuditRecord& record
   return members.well_formed() && seen == kAllMembers && read_time(record.timestamp, record);
 }
 
-// The room suffices: what is decoded is no longer than its source, and each text has quotation
-// marks for its terminator.
+// The room suffices: what is decoded is no longer than its source.
 bool AuditRecordReader::read_text(const JsonDoc& doc, int value, std::string_view& text) {
   if (!doc.is(value, JsonType::kString)) return false;
-  TextOut out(room(), decoded_.size() - decoded_size_);
-  if (!json_get_string(doc, value, out)) return false;
-  text = out.view();
-  decoded_size_ += text.size() + 1;
+  text = doc.raw(value);
+  if (text.find('\\') == text.npos) return true;
+  char* const begin = decoded_.data() + decoded_size_;
+  char* end = begin;
+  if (!decode(text, end)) return false;
+  text = {begin, static_cast<std::size_t>(end - begin)};
+  decoded_size_ += text.size();
   return true;
 }
 

@@ -52,10 +52,9 @@ class AuditRecordReader {
   [[nodiscard]] bool read_document(std::string_view line, AuditRecord& record);
   [[nodiscard]] bool read_text(const JsonDoc& doc, int value, std::string_view& text);
   [[nodiscard]] bool read_time(std::string_view text, AuditRecord& record);
-  /// Room for decoded text, which is never longer than its source.
-  [[nodiscard]] char* room() { return decoded_.data() + decoded_size_; }
 
   std::vector<JsonToken> tokens_;
+  /// Room for decoded text, which is never longer than its source.
   std::vector<char> decoded_;
   std::size_t decoded_size_ = 0;
   /// The day of the last timestamp, whose text most lines share.

@@ -97,6 +97,16 @@ TEST(AuditRecordReader, DecodesEveryEscape) {
   EXPECT_EQ(record.client, "\xC3\xA9");
 }
 
+TEST(AuditRecordReader, KeepsANulAndPairsOfSurrogates) {
+  AuditRecordReader reader;
+  AuditRecord record;
+  ASSERT_TRUE(reader.read(changed("desk", R"(a\u0000b\ud83d\ude00\b\f\r\t\/)"), record));
+  EXPECT_EQ(record.client, std::string("a\0b", 3) + "\xF0\x9F\x98\x80\b\f\r\t/");
+  for (const char* half : {"\\ud83d", "\\ude00", "\\ud83dx", "\\ud83d\\u0041", "\\ud83d\\ud83d"}) {
+    EXPECT_FALSE(readable(changed("desk", half))) << half;
+  }
+}
+
 TEST(AuditRecordReader, ReadsTheLargestNumbers) {
   AuditRecordReader reader;
   AuditRecord record;
