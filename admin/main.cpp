@@ -13,6 +13,12 @@
 #include "admin/common/output.h"
 #include "admin/doctor/doctor.h"
 #include "admin/init/init.h"
+#include "admin/policy/check.h"
+#include "admin/policy/diff.h"
+#include "admin/policy/explain.h"
+#include "admin/policy/lint.h"
+#include "admin/policy/schema.h"
+#include "admin/policy/test.h"
 #include "admin/serve/serve.h"
 #include "platform/console.h"
 
@@ -48,6 +54,24 @@ constexpr kova::admin::Command kCommands[] = {
     {.name = "init",
      .summary = "Write a new deployment into a folder",
      .add = kova::admin::add_init},
+    {.name = "policy check",
+     .summary = "Judge a policy file as the server's loader does",
+     .add = kova::admin::add_policy_check},
+    {.name = "policy diff",
+     .summary = "Show what a new policy widens and narrows",
+     .add = kova::admin::add_policy_diff},
+    {.name = "policy explain",
+     .summary = "Show what a policy means, or what it makes of a call",
+     .add = kova::admin::add_policy_explain},
+    {.name = "policy lint",
+     .summary = "Find mistakes that look harmless",
+     .add = kova::admin::add_policy_lint},
+    {.name = "policy schema",
+     .summary = "Print the JSON Schema of a policy file",
+     .add = kova::admin::add_policy_schema},
+    {.name = "policy test",
+     .summary = "Hold a policy against a table of cases",
+     .add = kova::admin::add_policy_test},
     {.name = "serve",
      .summary = "Start the server with the environment of a file",
      .add = kova::admin::add_serve},

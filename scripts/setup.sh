@@ -8,13 +8,17 @@ readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
   curl jq haproxy locales systemd chromium lnav minisign)
+readonly -a MODELS=(spin)
+readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)
+readonly -a MUTATION=(python3-clang)
+readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
 readonly NODE_MINIMUM=18
 
-interop="$(dirname "$(readlink -f "$0")")/../tests/interop"
-readonly interop
+tests="$(dirname "$(readlink -f "$0")")/../tests"
+readonly tests
 
 usage() {
   cat <<EOF
@@ -28,6 +32,11 @@ it prints the one command that installs them, and ends with exit code 1.
   proxy    the TLS proxy of ./run http; none of the system's services is started
   test     what ./test needs beside these, Node.js (any from version $NODE_MINIMUM on) included, and
            the packages that tests/interop/package-lock.json pins
+  mutation what tests/mutation/run needs beside these
+  models   the model checker of tests/models; test includes it
+  coverage what writes the report of ./test --coverage
+  release  what ./release and the rings release-* need, the validators that
+           tests/release/package-lock.json pins included
   index    Debian's package index, which the sample data is made from
 EOF
 }
@@ -100,16 +109,17 @@ fetch_index() {
   run_as_root 'apt-get update'
 }
 
+# Those of one folder of tests/.
 install_node_packages() {
-  local pinned=$interop/package-lock.json
-  local installed=$interop/node_modules/.package-lock.json
+  local pinned=$tests/$1/package-lock.json
+  local installed=$tests/$1/node_modules/.package-lock.json
   [[ ! $installed -nt $pinned ]] || return 0
-  echo "Node.js packages to install in tests/interop: those that package-lock.json pins" >&2
-  (cd "$interop" && npm ci --no-audit --no-fund --loglevel=error) >&2
+  echo "Node.js packages to install in tests/$1: those that package-lock.json pins" >&2
+  (cd "$tests/$1" && npm ci --no-audit --no-fund --loglevel=error) >&2
 }
 
 main() {
-  local group index='' test=''
+  local group index='' test='' release=''
   local -a packages=()
   (($# > 0)) || refuse 'which group? try --help'
   for group in "$@"; do
@@ -121,18 +131,26 @@ main() {
       build) packages+=("${BUILD[@]}") ;;
       windows) packages+=("${WINDOWS[@]}") ;;
       proxy) packages+=("${PROXY[@]}") ;;
+      mutation) packages+=("${MUTATION[@]}") ;;
+      release)
+        packages+=("${RELEASE[@]}")
+        release=1
+        ;;
       test)
-        packages+=("${TEST[@]}" "${PROXY[@]}")
+        packages+=("${TEST[@]}" "${PROXY[@]}" "${MODELS[@]}")
         test=1
         ;;
+      models) packages+=("${MODELS[@]}") ;;
+      coverage) packages+=("${COVERAGE[@]}") ;;
       index) index=1 ;;
       *) refuse "unknown group $group; try --help" ;;
     esac
   done
-  [[ -z $test ]] || node_is_there || packages+=(nodejs npm)
+  [[ -z $test$release ]] || node_is_there || packages+=(nodejs npm)
   ((${#packages[@]} == 0)) || install_packages "${packages[@]}"
   [[ -z $index ]] || fetch_index
-  [[ -z $test ]] || install_node_packages
+  [[ -z $test ]] || install_node_packages interop
+  [[ -z $release ]] || install_node_packages release
 }
 
 main "$@"

@@ -5,6 +5,7 @@
     ./test --full          every ring
     ./test --quick         checks, unit tests and the short end-to-end tests of Linux
     ./test RING ...        these rings alone, and the builds that they need
+    ./test --coverage      the lines and branches of src/ that tests run, in build/coverage/report
 
   checks             layers, includes, platform conditions, formatting, no address in lock files
   unit-linux         unit tests, and what secrets leave on the stack
@@ -23,6 +24,10 @@ With --full, or by name:
   unit-tsan          unit tests under the thread sanitizer
   e2e-tsan           the tests of the servers' threads and of the operator's tool under it
   fuzz               every fuzzer for a bounded number of runs
+  models             models of the threads' protocols: every interleaving, and their mutations
+By name alone, as root; scripts/setup.sh release installs what they need:
+  release-linux      archive, Debian package, client bundle, manual pages, completion, rotation
+  release-windows    archive and installer of the Windows executables
 
 A line says when a build or ring ends, how it went, its seconds and the processor's seconds. The
 logs are in build/test-logs/. The last line is 'N passed, N failed'; the exit code is 1 when
@@ -59,6 +64,7 @@ NEWS_INTERVAL = 30
 BY_DEFAULT = ("checks", "unit-linux", "unit-windows", "e2e-linux", "e2e-windows", "interop-linux",
               "interop-windows")
 QUICK = ("checks", "unit-linux", "e2e-linux")
+BY_NAME_ALONE = ("release-linux", "release-windows")
 
 
 @dataclasses.dataclass
@@ -107,7 +113,8 @@ def builds(full: bool) -> list[Step]:
     """In the order in which they are wanted. What no ring runs is built in the full run alone."""
     target = "all" if full else "kova-test-programs"
     return [build("linux", target), build("windows", target), build("asan", "kova-test-programs"),
-            build("tsan", "kova-test-programs"), build("fuzz", "all")]
+            build("tsan", "kova-test-programs"), build("fuzz", "all"),
+            build("package-linux", "all"), build("package-windows", "all")]
 
 
 def unit(preset: str) -> Step:
@@ -143,6 +150,16 @@ def python_ring(kind: str, preset: str, folder: str, chosen: str, *options: str,
     return Step(name, [Command(line, results)], needs, holds)
 
 
+def release_ring(target: str) -> Step:
+    name, folder = f"release-{target}", f"build/package-{target}"
+    results = LOGS / f"{name}.xml"
+    line = [PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--timeout=900",
+            f"--junitxml={results}", "tests/release", "--target", target, "--build-dir", folder]
+    if target == "windows":
+        line = [WINE, "hold", *line]
+    return Step(name, [Command(line, results)], (f"build-package-{target}",))
+
+
 def rings(quick: bool) -> list[Step]:
     """In the order in which they are wanted. A sanitizer build takes more memory, and keeps what
     was freed for a while: what judges the shipped executable is not for it."""
@@ -172,8 +189,11 @@ def rings(quick: bool) -> list[Step]:
         Step("fuzz", [Command(["ctest", "--test-dir", "build/fuzz/tests/fuzz",
                                "--output-on-failure", "--output-junit", str(fuzz_results)],
                               fuzz_results)], ("build-fuzz",)),
+        Step("models", [Command(["tests/models/run"], name="models of the threads' protocols")]),
         Step("lint", [Command(["scripts/check_lint.sh", "build/linux"])], ("build-linux",),
              frozenset({"processors"})),
+        release_ring("linux"),
+        release_ring("windows"),
     ]
 
 
@@ -385,7 +405,8 @@ def main(arguments: list[str]) -> int:
             print(f"./test: unknown ring '{name}' (see ./test --help)", file=sys.stderr)
             return 2
     if not names:
-        names = known if full else list(QUICK if quick else BY_DEFAULT)
+        by_default = list(QUICK if quick else BY_DEFAULT)
+        names = [name for name in known if name not in BY_NAME_ALONE] if full else by_default
     LOGS.mkdir(parents=True, exist_ok=True)
     os.environ.setdefault("WINEPREFIX", str(ROOT / "build" / "wineprefix"))
     steps = chosen_steps(names, full, quick)

@@ -11,7 +11,8 @@ namespace kova::admin {
 
 /// Counts durations by value. Up to kDenseLimit milliseconds (17 minutes) every value has a counter
 /// of its own, above it every value that occurs, so that percentiles are exact; only when more than
-/// kSparseLimit different values lie above, those are rounded up to ten significant bits (0.2 % at most).
+/// kSparseLimit different values lie above, those are rounded up to ten significant bits (0.2 % at
+/// most).
 class Durations {
  public:
   static constexpr std::uint64_t kDenseLimit = (std::uint64_t{1} << 20U) - 1;

@@ -1,5 +1,5 @@
-// The functions of fmt, compiled once for all files, as the library's own format.cc does: Debian has
-// the compiled library for one of the two targets only.
+// The functions of fmt, compiled once for all files, as the library's own format.cc does: Debian
+// has the compiled library for one of the two targets only.
 #include <fmt/format-inl.h>
 
 FMT_BEGIN_NAMESPACE

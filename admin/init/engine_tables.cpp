@@ -27,6 +27,14 @@ void set_variable(const char* name, const char* value) {
   if (!set_environment_variable(name, value)) throw Refusal(fmt::format("{} cannot be set", name));
 }
 
+[[noreturn]] void refuse_login() {
+  const std::vector<Check> steps = check_login(checked_client_library);
+  throw Refusal(fmt::format("{}: {} (--offline writes without asking the engine)",
+                            steps.back().name, steps.back().detail));
+}
+
+}  // namespace
+
 // The first column of a row is the table's name; what is no name that a policy can hold is left
 // out.
 Names names_in(std::string_view result) {
@@ -40,14 +48,6 @@ Names names_in(std::string_view result) {
   }
   return names;
 }
-
-[[noreturn]] void refuse_login() {
-  const std::vector<Check> steps = check_login(checked_client_library);
-  throw Refusal(fmt::format("{}: {} (--offline writes without asking the engine)",
-                            steps.back().name, steps.back().detail));
-}
-
-}  // namespace
 
 void use_login(const Setup& setup) {
   set_variable("KOVA_MCP_SERVER", setup.server.c_str());

@@ -14,13 +14,13 @@ constexpr std::size_t kSigningTextCapacity = 512;
 
 bool compose(const McpPolicy& policy, std::string_view expiry, std::string_view nonce,
              std::string_view digest, TextOut& out) {
-  if (!out.copy("v1")) return false;
+  bool fits = out.copy("v1");
   const std::string_view fields[] = {expiry,           nonce,          digest, policy.name,
                                      policy.client_id, policy.database};
   for (const std::string_view field : fields) {
-    if (!out.append('|') || !out.append(field)) return false;
+    fits = fits && out.append('|') && out.append(field);
   }
-  return true;
+  return fits;
 }
 
 }  // namespace

@@ -126,7 +126,10 @@ LoginSetting first_bad_login_setting() {
 }
 
 bool ensure_session(DbSession& session) {
-  if (session.closed_guard.load() != 0) return false;
+  if (session.closed_guard.load() != 0) {
+    session.withheld = true;
+    return false;
+  }
   if (session.statement_object != nullptr) return true;
   if (session.attempted) return false;
   session.attempted = true;

@@ -57,6 +57,8 @@ struct DbSession {
   /// Refuses every session while it is not 0. Nothing raises it; it is there for whoever must keep
   /// sessions from being made while the process ends.
   std::atomic<std::uint32_t> closed_guard{0};
+  /// Whether the guard has refused a session.
+  bool withheld = false;
   Loader* load_library = load_client_library;
   std::uint32_t probe_timeout_ms = kProbeTimeoutMs;
   /// Set with the instance.

@@ -55,8 +55,10 @@ struct JsonDoc {
 
 /// Parses one complete text into `tokens`, at most `capacity` of them, and sets `doc` to it. False
 /// on malformed JSON or UTF-8, on more tokens or a deeper nesting than allowed, and on an empty
-/// text; `doc` is then not to be used.
-[[nodiscard]] bool json_parse(std::string_view text, JsonToken* tokens, int capacity, JsonDoc& doc);
+/// text; `doc` is then not to be used, and `stopped` is the index of the byte at which the parser
+/// gave up.
+[[nodiscard]] bool json_parse(std::string_view text, JsonToken* tokens, int capacity, JsonDoc& doc,
+                              std::size_t* stopped = nullptr);
 
 /// The value of an object's first member whose key's source text equals `key` (escapes are not
 /// decoded, so an escaped spelling is never found), or -1.

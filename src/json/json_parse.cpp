@@ -39,6 +39,7 @@ class Parser {
   }
 
   [[nodiscard]] int count() const { return count_; }
+  [[nodiscard]] std::size_t position() const { return static_cast<std::size_t>(p_ - begin_); }
 
  private:
   void skip_space() {
@@ -150,8 +151,10 @@ class Parser {
   // byte beyond ASCII passes anyway. A control byte is refused, as no character begins with one.
   [[nodiscard, gnu::noinline]] bool special() {
     if (*p_ == '\\') return escape();
-    p_ = skip_utf8(p_, end_);
-    return p_ != nullptr;
+    const char* const next = skip_utf8(p_, end_);
+    if (next == nullptr) return false;
+    p_ = next;
+    return true;
   }
 
   [[nodiscard]] bool escape() {
@@ -205,10 +208,15 @@ class Parser {
 
 }  // namespace
 
-bool json_parse(std::string_view text, JsonToken* tokens, int capacity, JsonDoc& doc) {
+bool json_parse(std::string_view text, JsonToken* tokens, int capacity, JsonDoc& doc,
+                std::size_t* stopped) {
+  if (stopped != nullptr) *stopped = 0;
   if (text.empty() || text.size() > INT32_MAX || tokens == nullptr || capacity <= 0) return false;
   Parser parser(text, tokens, capacity);
-  if (!parser.document()) return false;
+  if (!parser.document()) {
+    if (stopped != nullptr) *stopped = parser.position();
+    return false;
+  }
   doc = {.text = text, .tokens = tokens, .count = parser.count()};
   return true;
 }

@@ -1,9 +1,5 @@
 #include "mcp/dispatcher.h"
 
-#include "base/heap_array.h"
-#include "base/text.h"
-#include "json/json.h"
-#include "json/reply.h"
 #include "mcp/duplicate_keys.h"
 #include "mcp/tool_list.h"
 #include "tools/tool_call.h"
@@ -32,28 +28,25 @@ struct Request {
 };
 
 // A number is compared by its source text, so 2.0 without quotation marks passes.
-bool check_version(const Request& request, RpcError& error) {
+bool check_version(const JsonDoc& doc, RpcError& error) {
   char version[kVersionCapacity];
-  const int token = json_find(request.doc, 0, "jsonrpc");
-  return (json_get_scalar_text(request.doc, token, version) &&
-          std::string_view(version) == "2.0") ||
+  const int token = json_find(doc, 0, "jsonrpc");
+  return (json_get_scalar_text(doc, token, version) && std::string_view(version) == "2.0") ||
          refuse(error, kInvalidRequest, "jsonrpc must be 2.0");
 }
 
-bool check_method(const Request& request, TextOut method, RpcError& error) {
-  return json_get_string(request.doc, json_find(request.doc, 0, "method"), method) ||
+bool check_method(const JsonDoc& doc, TextOut method, RpcError& error) {
+  return json_get_string(doc, json_find(doc, 0, "method"), method) ||
          refuse(error, kInvalidRequest, "method is required");
 }
 
 /// Uses the id up, before the method is looked at.
-bool check_id(const Request& request, RpcError& error) {
-  if (!request.has_id()) return true;
-  const JsonDoc& doc = request.doc;
-  const bool is_scalar =
-      doc.is(request.id, JsonType::kString) || doc.is(request.id, JsonType::kPrimitive);
+bool check_id(const JsonDoc& doc, int token, RequestIdRegistry& ids, RpcError& error) {
+  if (token < 0) return true;
+  const bool is_scalar = doc.is(token, JsonType::kString) || doc.is(token, JsonType::kPrimitive);
   char id[kIdCapacity];
-  return (is_scalar && json_get_scalar_text(doc, request.id, id) &&
-          std::string_view(id) != "null" && request.state.request_ids.add(id)) ||
+  return (is_scalar && json_get_scalar_text(doc, token, id) && std::string_view(id) != "null" &&
+          ids.add(id)) ||
          refuse(error, kInvalidRequest, "request id is invalid or already used");
 }
 
@@ -113,26 +106,32 @@ bool route(const Request& request, std::string_view method, RpcError& error) {
 
 bool serve(const Request& request, RpcError& error) {
   char method[kMethodCapacity];
-  return check_version(request, error) && check_method(request, method, error) &&
-         check_id(request, error) && route(request, method, error);
+  return check_message(request.doc, request.id, request.state, method, error) &&
+         route(request, method, error);
 }
 
-bool parse(std::string_view message, const HeapArray<JsonToken>& tokens, JsonDoc& doc,
-           RpcError& error) {
+}  // namespace
+
+bool parse_message(std::string_view message, const HeapArray<JsonToken>& tokens, JsonDoc& doc,
+                   RpcError& error) {
   if (!tokens) return refuse(error, kInternalError, kServerMemoryLimit);
   return (json_parse(message, tokens.data(), kMessageTokenCapacity, doc) &&
           doc.is(0, JsonType::kObject) && !has_duplicate_keys(doc)) ||
          refuse(error, kParseError, "invalid, duplicate, deep, or oversized JSON message");
 }
 
-}  // namespace
+bool check_message(const JsonDoc& doc, int id, ProtocolState& state, TextOut method,
+                   RpcError& error) {
+  return check_version(doc, error) && check_method(doc, method, error) &&
+         check_id(doc, id, state.request_ids, error);
+}
 
 void dispatch(std::string_view message, ProtocolState& state, ToolContext& tools) {
   const HeapArray<JsonToken> tokens(kMessageTokenCapacity);
   JsonDoc doc;
   RequestId id;
   RpcError error;
-  bool served = parse(message, tokens, doc, error);
+  bool served = parse_message(message, tokens, doc, error);
   if (served) {
     const Request request{.doc = doc,
                           .state = state,

@@ -4,6 +4,10 @@
 #include <cstddef>
 #include <string_view>
 
+#include "base/heap_array.h"
+#include "base/text.h"
+#include "json/json.h"
+#include "json/reply.h"
 #include "mcp/request_ids.h"
 #include "tools/tool.h"
 
@@ -17,6 +21,15 @@ struct ProtocolState {
   bool Initialized = false;
   RequestIdRegistry request_ids;
 };
+
+/// Parses one message. False leaves the error of its reply.
+[[nodiscard]] bool parse_message(std::string_view message, const HeapArray<JsonToken>& tokens,
+                                 JsonDoc& doc, RpcError& error);
+
+/// The checks of every message, in their order: version, method, id. `id` is the index of the id,
+/// -1 when the message has none; it is used up. False leaves the error of the reply.
+[[nodiscard]] bool check_message(const JsonDoc& doc, int id, ProtocolState& state, TextOut method,
+                                 RpcError& error);
 
 /// Serves one message (a line without its line end) and writes its reply; a notification has none.
 void dispatch(std::string_view message, ProtocolState& state, ToolContext& tools);

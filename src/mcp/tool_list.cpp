@@ -3,7 +3,6 @@
 #include <string_view>
 
 #include "policy/predicates.h"
-#include "tools/tool.h"
 #include "tools/tool_table.h"
 
 namespace kova {
@@ -18,18 +17,6 @@ constexpr std::string_view kWriteAnnotations =
     R"(,"annotations":{"readOnlyHint":false,"destructiveHint":true,"idempotentHint":false,)"
     R"("openWorldHint":false},"execution":{"taskSupport":"forbidden"}})";
 
-bool is_listed(const Tool& tool, const McpPolicy& policy) {
-  switch (tool.access) {
-    case ToolAccess::kRead:
-      return policy_reads_allowed(policy);
-    case ToolAccess::kProviderRead:
-      return policy_reads_allowed(policy) && policy_provider_reads_allowed(policy);
-    case ToolAccess::kWrite:
-      return policy_writes_allowed(policy);
-  }
-  return false;
-}
-
 void write_tool(ReplyLine& reply, const Tool& tool) {
   reply.raw(R"({"name":)")
       .string(tool.name)
@@ -41,6 +28,18 @@ void write_tool(ReplyLine& reply, const Tool& tool) {
 }
 
 }  // namespace
+
+bool is_listed(const Tool& tool, const McpPolicy& policy) {
+  switch (tool.access) {
+    case ToolAccess::kRead:
+      return policy_reads_allowed(policy);
+    case ToolAccess::kProviderRead:
+      return policy_reads_allowed(policy) && policy_provider_reads_allowed(policy);
+    case ToolAccess::kWrite:
+      return policy_writes_allowed(policy);
+  }
+  return false;
+}
 
 void write_tool_list(RequestId id, const McpPolicy& policy) {
   ReplyLine reply(id);

@@ -41,14 +41,18 @@ constexpr std::string_view kKeys[] = {"version",
                                       "approval_ttl_seconds",
                                       "approval_state_directory"};
 
-/// The size of an open file that may be a policy, in bytes.
-bool policy_size(const InputFile& file, std::size_t& size, TextOut error) {
-  const std::uint64_t bytes = file.size();
-  if (bytes == 0 || bytes > kPolicyFileLimit) {
-    return refuse(error, "MCP policy file size is invalid");
-  }
-  size = static_cast<std::size_t>(bytes);
-  return true;
+bool check_size(std::uint64_t bytes, TextOut error) {
+  return (bytes > 0 && bytes <= kPolicyFileLimit) ||
+         refuse(error, "MCP policy file size is invalid");
+}
+
+/// Sets the place of the byte at `offset`.
+void set_place(std::string_view text, std::size_t offset, PolicyReading& reading) {
+  const std::string_view before = slice(text, 0, offset);
+  const std::size_t line_feed = before.rfind('\n');
+  const std::size_t line_begin = line_feed == before.npos ? 0 : line_feed + 1;
+  reading.line = 1 + static_cast<std::uint32_t>(std::count(before.begin(), before.end(), '\n'));
+  reading.column = 1 + static_cast<std::uint32_t>(offset - line_begin);
 }
 
 /// Reads the members of one parsed policy file.
@@ -61,6 +65,7 @@ class PolicyReader {
     bool seen[std::size(kKeys)] = {};
     JsonMembers members(doc_, 0);
     for (const JsonMember member : members) {
+      key_ = member.key;
       char key[kSafeNameCapacity];
       if (!json_get_string(doc_, member.key, key)) return false;
       const auto* const known = std::find(std::begin(kKeys), std::end(kKeys), key);
@@ -70,6 +75,10 @@ class PolicyReader {
     return members.well_formed();
   }
 
+  /// The token of the key that was looked at last, negative when it is missing: after a refusal the
+  /// one that is to blame.
+  [[nodiscard]] int key() const { return key_; }
+
   [[nodiscard]] bool identity_and_version() {
     std::uint32_t version = 0;
     return json_get_unsigned(doc_, find("version"), version) && version == kVersion &&
@@ -77,6 +86,16 @@ class PolicyReader {
            text("client_id", policy_.client_id) && is_identity(policy_.client_id) &&
            text("database", policy_.database) && policy_safe_name(policy_.database) &&
            text("database_user", policy_.database_user) && is_identity(policy_.database_user);
+  }
+
+  /// Whether this process was launched with the policy's identity.
+  [[nodiscard]] bool launch_identity() const {
+    const EnvironmentValue client("KOVA_MCP_CLIENT_ID");
+    const EnvironmentValue database("KOVA_MCP_DATABASE");
+    const EnvironmentValue user("KOVA_MCP_USER");
+    return is_launched("client_id", client, policy_.client_id) &&
+           is_launched("database", database, policy_.database) &&
+           is_launched("database_user", user, policy_.database_user);
   }
 
   [[nodiscard]] bool flags_and_lists() {
@@ -125,7 +144,18 @@ class PolicyReader {
     return 0;
   }
 
-  [[nodiscard]] int find(std::string_view key) const { return json_find(doc_, 0, key); }
+  [[nodiscard]] int find(std::string_view key) const {
+    const int value = json_find(doc_, 0, key);
+    key_ = value - 1;
+    return value;
+  }
+
+  [[nodiscard]] bool is_launched(std::string_view key, const EnvironmentValue& value,
+                                 std::string_view wanted) const {
+    if (equal_ignoring_case(value.view(), wanted)) return true;
+    static_cast<void>(find(key));
+    return false;
+  }
 
   [[nodiscard]] bool text(std::string_view key, TextOut out) const {
     return json_get_string(doc_, find(key), out);
@@ -156,14 +186,8 @@ class PolicyReader {
 
   const JsonDoc& doc_;
   McpPolicy& policy_;
+  mutable int key_ = -1;
 };
-
-bool identity_matches(const McpPolicy& policy, const EnvironmentValue& client,
-                      const EnvironmentValue& database, const EnvironmentValue& user) {
-  return equal_ignoring_case(client.view(), policy.client_id) &&
-         equal_ignoring_case(database.view(), policy.database) &&
-         equal_ignoring_case(user.view(), policy.database_user);
-}
 
 bool check_state_directory(const McpPolicy& policy, TextOut error) {
   if (!policy.writes_enabled || !policy.approval_required) return true;
@@ -174,19 +198,11 @@ bool check_state_directory(const McpPolicy& policy, TextOut error) {
          refuse(error, "approval state directory does not exist");
 }
 
-bool load_text(std::string_view text, McpPolicy& policy, TextOut error) {
-  JsonToken tokens[kPolicyTokenCapacity];
-  JsonDoc doc;
-  if (!json_parse(text, tokens, kPolicyTokenCapacity, doc) || !doc.is(0, JsonType::kObject)) {
-    return refuse(error, kSchemaMessage);
-  }
-  PolicyReader reader(doc, policy);
+bool read_members(PolicyReader& reader, const PolicyReading& reading, McpPolicy& policy,
+                  TextOut error) {
   if (!reader.keys_are_known()) return refuse(error, kSchemaMessage);
   if (!reader.identity_and_version()) return refuse(error, kIdentityMessage);
-  const EnvironmentValue client("KOVA_MCP_CLIENT_ID");
-  const EnvironmentValue database("KOVA_MCP_DATABASE");
-  const EnvironmentValue user("KOVA_MCP_USER");
-  if (!identity_matches(policy, client, database, user)) {
+  if (!reading.any_launch && !reader.launch_identity()) {
     return refuse(error, "MCP launch identity does not match named policy");
   }
   if (!reader.flags_and_lists()) {
@@ -197,7 +213,28 @@ bool load_text(std::string_view text, McpPolicy& policy, TextOut error) {
   if (!reader.approval_state_directory()) {
     return refuse(error, "approval state directory is required");
   }
-  return check_state_directory(policy, error);
+  return reading.any_machine || check_state_directory(policy, error);
+}
+
+bool load_text(std::string_view bytes, McpPolicy& policy, PolicyReading& reading, TextOut error) {
+  std::string_view text = bytes;
+  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+  const std::size_t skipped = bytes.size() - text.size();
+  JsonToken tokens[kPolicyTokenCapacity];
+  JsonDoc doc;
+  std::size_t stopped = 0;
+  if (!json_parse(text, tokens, kPolicyTokenCapacity, doc, &stopped) ||
+      !doc.is(0, JsonType::kObject)) {
+    set_place(bytes, skipped + stopped, reading);
+    return refuse(error, kSchemaMessage);
+  }
+  PolicyReader reader(doc, policy);
+  if (read_members(reader, reading, policy, error)) return true;
+  if (reader.key() >= 0) {
+    // A string's offset lies after its quotation mark.
+    set_place(bytes, skipped + static_cast<std::size_t>(doc[reader.key()].start) - 1, reading);
+  }
+  return false;
 }
 
 bool load_file(const char* path, McpPolicy& policy, TextOut error) {
@@ -206,26 +243,39 @@ bool load_file(const char* path, McpPolicy& policy, TextOut error) {
   }
   InputFile file;
   if (!file.open(path)) return refuse(error, "MCP policy file cannot be opened");
-  std::size_t size = 0;
-  if (!policy_size(file, size, error)) return false;
+  const std::uint64_t file_size = file.size();
+  if (!check_size(file_size, error)) return false;
+  const auto size = static_cast<std::size_t>(file_size);
   const HeapArray<char> bytes(size);
   if (!bytes) return refuse(error, "MCP policy memory limit");
   if (!file.read(bytes.data(), size)) return refuse(error, "MCP policy read failed");
-  std::string_view text(bytes.data(), size);
-  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
-  return load_text(text, policy, error);
+  PolicyReading reading;
+  return load_text({bytes.data(), size}, policy, reading, error);
+}
+
+/// What holds where a file says nothing.
+void set_defaults(McpPolicy& policy) {
+  policy = {};
+  policy.reads_enabled = true;
+  policy.provider_reads_enabled = true;
+  policy.approval_ttl_seconds = kDefaultTtlSeconds;
 }
 
 }  // namespace
 
 bool policy_load(McpPolicy& policy) {
-  policy = {};
-  policy.reads_enabled = true;
-  policy.provider_reads_enabled = true;
-  policy.approval_ttl_seconds = kDefaultTtlSeconds;
+  set_defaults(policy);
   const EnvironmentValue path("KOVA_MCP_POLICY");
   policy.configured = !path.view().empty();
   policy.valid = !policy.configured || load_file(path.c_str(), policy, policy.error);
+  return policy.valid;
+}
+
+bool policy_read(std::string_view bytes, McpPolicy& policy, PolicyReading& reading) {
+  set_defaults(policy);
+  policy.configured = true;
+  policy.valid =
+      check_size(bytes.size(), policy.error) && load_text(bytes, policy, reading, policy.error);
   return policy.valid;
 }
 

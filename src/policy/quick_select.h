@@ -3,10 +3,12 @@
 
 #include <string_view>
 
+#include "policy/sql_words.h"
+
 namespace kova {
 
 /// One statement of at most kSqlLimit bytes that begins with SELECT, without a comment, an open
 /// literal or a forbidden word. Text between double quotes is no literal here: its words count.
-[[nodiscard]] bool quick_select_check(std::string_view sql);
+[[nodiscard]] bool quick_select_check(std::string_view sql, CheckTrace* trace = nullptr);
 
 }  // namespace kova

@@ -15,29 +15,42 @@ namespace {
 constexpr std::string_view kOpenAtEnd = "unterminated SQL literal or parentheses";
 
 /// Comments, parentheses and open literals.
-bool check_lexical(std::string_view sql, TextOut message) {
+bool check_lexical(std::string_view sql, TextOut message, CheckTrace* trace) {
   std::size_t depth = 0;
+  std::size_t outermost = 0;
   for (std::size_t i = 0; i < sql.size();) {
     if (sql[i] == '\'') {
+      const std::size_t open = i;
       i = skip_literal(sql, i);
-      if (i == sql.npos) return refuse(message, kOpenAtEnd);
-      continue;
+      if (i != sql.npos) continue;
+      trace_check(trace, "select-open-literal", open);
+      return refuse(message, kOpenAtEnd);
     }
-    if (begins_comment(sql, i)) return refuse(message, "comments are not allowed in policy SQL");
-    if (sql[i] == '(') ++depth;
-    if (sql[i] == ')' && depth-- == 0) return refuse(message, "unbalanced SQL parentheses");
+    if (begins_comment(sql, i)) {
+      trace_check(trace, "select-comment", i);
+      return refuse(message, "comments are not allowed in policy SQL");
+    }
+    if (sql[i] == '(' && depth++ == 0) outermost = i;
+    if (sql[i] == ')' && depth-- == 0) {
+      trace_check(trace, "select-parentheses", i);
+      return refuse(message, "unbalanced SQL parentheses");
+    }
     ++i;
   }
-  return depth == 0 || refuse(message, kOpenAtEnd);
+  if (depth == 0) return true;
+  trace_check(trace, "select-parentheses", outermost);
+  return refuse(message, kOpenAtEnd);
 }
 
 /// Every word counts, whatever its role: an alias or a table of a denied column's name is refused
 /// too.
-bool check_denied_words(const McpPolicy& policy, std::string_view sql, TextOut message) {
+bool check_denied_words(const McpPolicy& policy, std::string_view sql, TextOut message,
+                        CheckTrace* trace) {
   char text[kWordCapacity];
   TextOut word(text);
-  while (policy_next_word(sql, word)) {
+  for (std::string_view rest = sql; policy_next_word(rest, word);) {
     if (!policy_column_allowed(policy, word.view())) {
+      trace_check(trace, "denied_columns", taken_word_begin(sql, rest));
       return refuse(message, "column is denied by MCP policy");
     }
   }
@@ -51,28 +64,37 @@ bool comma_follows(std::string_view rest) {
 
 /// One SELECT, and every name in a table's place allowed. Only a comma after a word that is no
 /// table (an alias, say) puts the next word into a table's place.
-bool check_structure(const McpPolicy& policy, std::string_view sql, TextOut message) {
+bool check_structure(const McpPolicy& policy, std::string_view sql, TextOut message,
+                     CheckTrace* trace) {
+  const auto refuse_at = [&](std::string_view rest, std::string_view check, std::string_view text) {
+    trace_check(trace, check, taken_word_begin(sql, rest));
+    return refuse(message, text);
+  };
   char text[kWordCapacity];
   TextOut word(text);
   bool in_table_list = false;
   bool expect_table = false;
-  for (bool first_word = true; policy_next_word(sql, word); first_word = false) {
+  std::string_view rest = sql;
+  for (bool first_word = true; policy_next_word(rest, word); first_word = false) {
     const std::string_view name = word.view();
     if (first_word) {
-      if (name != "SELECT") return refuse(message, "policy accepts SELECT only");
+      if (name != "SELECT") {
+        return refuse_at(rest, "select-only", "policy accepts SELECT only");
+      }
     } else if (name == "SELECT" || name == "UNION") {
-      return refuse(message, "subqueries and UNION are not enabled by this policy version");
+      return refuse_at(rest, "select-one",
+                       "subqueries and UNION are not enabled by this policy version");
     } else if (name == "FROM" || name == "JOIN") {
       in_table_list = expect_table = true;
     } else if (name == "WHERE" || name == "GROUP" || name == "ORDER" || name == "HAVING") {
       in_table_list = expect_table = false;
     } else if (expect_table) {
       if (!policy_table_allowed(policy, name, TableUse::kRead)) {
-        return refuse(message, "table is not allowed by MCP policy");
+        return refuse_at(rest, "allowed_tables", "table is not allowed by MCP policy");
       }
       expect_table = false;
     } else if (in_table_list) {
-      expect_table = comma_follows(sql);
+      expect_table = comma_follows(rest);
     }
   }
   return true;
@@ -86,7 +108,7 @@ bool ends_select_list(std::string_view rest) {
 }
 
 /// No "*" before the FROM, not even as a product.
-bool check_wildcards(std::string_view sql, TextOut message) {
+bool check_wildcards(std::string_view sql, TextOut message, CheckTrace* trace) {
   for (std::size_t i = 0; i < sql.size();) {
     if (sql[i] == '\'') {
       i = std::min(skip_literal(sql, i), sql.size());
@@ -94,6 +116,7 @@ bool check_wildcards(std::string_view sql, TextOut message) {
     }
     if (ends_select_list(slice(sql, i))) return true;
     if (sql[i] == '*') {
+      trace_check(trace, "select-wildcard", i);
       return refuse(message, "wildcard projection is denied when columns are restricted");
     }
     ++i;
@@ -103,13 +126,14 @@ bool check_wildcards(std::string_view sql, TextOut message) {
 
 }  // namespace
 
-bool policy_validate_select(const McpPolicy& policy, std::string_view sql, TextOut message) {
+bool policy_validate_select(const McpPolicy& policy, std::string_view sql, TextOut message,
+                            CheckTrace* trace) {
   if (!policy.valid) return refuse(message, kPolicyInvalid);
   if (!policy.configured) return true;
   if (!policy_reads_allowed(policy)) return refuse(message, kReadsDisabled);
-  return check_lexical(sql, message) && check_denied_words(policy, sql, message) &&
-         check_structure(policy, sql, message) &&
-         (policy.denied_columns.count == 0 || check_wildcards(sql, message));
+  return check_lexical(sql, message, trace) && check_denied_words(policy, sql, message, trace) &&
+         check_structure(policy, sql, message, trace) &&
+         (policy.denied_columns.count == 0 || check_wildcards(sql, message, trace));
 }
 
 }  // namespace kova

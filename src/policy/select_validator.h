@@ -6,12 +6,13 @@
 
 #include "base/text.h"
 #include "policy/policy.h"
+#include "policy/sql_words.h"
 
 namespace kova {
 
 /// Whether the statement is a plain SELECT on allowed tables that names no denied column. False
 /// writes the message of the first check that failed. Without a policy file every text passes.
 [[nodiscard]] bool policy_validate_select(const McpPolicy& policy, std::string_view sql,
-                                          TextOut message);
+                                          TextOut message, CheckTrace* trace = nullptr);
 
 }  // namespace kova

@@ -25,6 +25,13 @@ bool take_word(std::string_view& sql, std::size_t begin, TextOut& word) {
 
 }  // namespace
 
+std::size_t taken_word_begin(std::string_view sql, std::string_view rest) {
+  std::size_t begin = sql.size() - rest.size();
+  while (begin > 0 && is_word_byte(sql[begin - 1])) --begin;
+  while (begin < sql.size() && !begins_word(sql[begin])) ++begin;
+  return begin;
+}
+
 std::size_t skip_literal(std::string_view sql, std::size_t open) {
   std::size_t quote = sql.find('\'', open + 1);
   while (quote != sql.npos && slice(sql, quote + 1).starts_with('\'')) {

@@ -34,6 +34,7 @@ struct ClassifiedWrite {
 /// Accepts one INSERT, UPDATE or DELETE on a table that the policy lets be written. False writes
 /// the message of the first check that failed, if that has one.
 [[nodiscard]] bool write_classify(const McpPolicy& policy, std::string_view sql,
-                                  ClassifiedWrite& write, TextOut message);
+                                  ClassifiedWrite& write, TextOut message,
+                                  CheckTrace* trace = nullptr);
 
 }  // namespace kova

@@ -16,6 +16,7 @@ constexpr std::size_t kTextLimit = 8192;
 
 bool check_collection(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   char collection[kSafeNameCapacity];
+  trace_argument(context, "allowed_collections", call, "collection");
   if (get_string_member(call.doc, call.arguments, "collection", collection) &&
       policy_collection_allowed(context.policy, collection)) {
     return true;

@@ -76,8 +76,9 @@ bool compose(std::string_view collection, std::string_view provider, const State
 
 bool check_ai_status(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   if (!check_collection(call, context, answer)) return false;
-  return json_find(call.doc, call.arguments, "provider") < 0 ||
-         policy_provider_reads_allowed(context.policy) ||
+  const int provider = json_find(call.doc, call.arguments, "provider");
+  trace_call(context, "provider_reads_enabled", provider);
+  return provider < 0 || policy_provider_reads_allowed(context.policy) ||
          refuse_by_policy(context, answer, kKillSwitch,
                           "provider status is disabled by policy or kill switch");
 }

@@ -42,8 +42,9 @@ bool check_token(const ToolCall& call, const McpPolicy& policy, const Classified
 
 bool check_approval(const ToolCall& call, ToolContext& context, const ClassifiedWrite& write,
                     ToolAnswer& answer) {
+  trace_call(context, "approval_required");
   if (!context.policy.approval_required) return true;
-  if (json_find(call.doc, call.arguments, "approval_token") < 0) {
+  if (context.trace != nullptr || json_find(call.doc, call.arguments, "approval_token") < 0) {
     return ask_for_approval(write, context, answer);
   }
   const bool approved = check_token(call, context.policy, write, answer.message);
@@ -65,7 +66,9 @@ bool execute_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer
   }
   ClassifiedWrite write;
   const WipeGuard guard(write.canonical);
-  if (!write_classify(context.policy, sql, write, answer.message)) return false;
+  if (!write_classify(context.policy, sql, write, answer.message, check_trace(context))) {
+    return false;
+  }
   set_objects(context, write.table);
   return check_approval(call, context, write, answer) &&
          respond_with_statement(context, write.canonical, kWriteRows, answer);

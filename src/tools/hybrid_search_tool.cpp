@@ -20,19 +20,25 @@ constexpr std::size_t kTemporaryNameCapacity = 64;
 constexpr std::size_t kDropCapacity = kTemporaryNameCapacity + sizeof "DROP TABLE ;";
 /// Room that the list of columns keeps free for what follows it.
 constexpr std::size_t kTailReserve = 256;
+constexpr std::string_view kSourceDenied = "hybrid source table or key is denied by MCP policy";
 constexpr std::string_view kProjectionTooLarge = "hybrid projection is too large";
 
 std::atomic<std::uint32_t> hybrid_calls{0};
 
 // Leaves the audit decision at "allow": these refusals are recorded as errors in the arguments.
-bool check_source(const ToolCall& call, const McpPolicy& policy, TextOut message) {
+bool check_source(const ToolCall& call, ToolContext& context, TextOut message) {
+  const McpPolicy& policy = context.policy;
   char source_table[kSafeNameCapacity];
   char key_field[kSafeNameCapacity];
+  trace_argument(context, "allowed_tables", call, "source_table");
   if (!get_string_member(call.doc, call.arguments, "source_table", source_table) ||
-      !policy_table_allowed(policy, source_table, TableUse::kRead) ||
-      !get_string_member(call.doc, call.arguments, "key_field", key_field) ||
+      !policy_table_allowed(policy, source_table, TableUse::kRead)) {
+    return refuse(message, kSourceDenied);
+  }
+  trace_argument(context, "denied_columns", call, "key_field");
+  if (!get_string_member(call.doc, call.arguments, "key_field", key_field) ||
       !policy_column_allowed(policy, key_field)) {
-    return refuse(message, "hybrid source table or key is denied by MCP policy");
+    return refuse(message, kSourceDenied);
   }
   const int columns = json_find(call.doc, call.arguments, "columns");
   if (!call.doc.is(columns, JsonType::kArray)) {
@@ -40,6 +46,7 @@ bool check_source(const ToolCall& call, const McpPolicy& policy, TextOut message
   }
   for (const int element : JsonElements(call.doc, columns)) {
     char column[kSafeNameCapacity];
+    trace_call(context, "denied_columns", element);
     if (!json_get_string(call.doc, element, column) || !policy_column_allowed(policy, column)) {
       return refuse(message, "hybrid column is denied by MCP policy");
     }
@@ -96,8 +103,7 @@ bool compose(const ToolCall& call, const HybridArguments& arguments, int columns
 }  // namespace
 
 bool check_hybrid_search(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
-  return check_collection(call, context, answer) &&
-         check_source(call, context.policy, answer.message);
+  return check_collection(call, context, answer) && check_source(call, context, answer.message);
 }
 
 bool compose_hybrid_select(const JsonDoc& doc, int columns, const HybridJoin& join, TextOut sql,

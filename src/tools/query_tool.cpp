@@ -44,14 +44,20 @@ bool terminate_statement(char* sql) {
 bool query_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   char sql[kSqlCapacity];
   std::uint32_t max_rows = 0;
-  if (!read_arguments(call, sql, max_rows) || !quick_select_check(sql)) {
+  if (!read_arguments(call, sql, max_rows) || !quick_select_check(sql, check_trace(context))) {
     return refuse(answer.message,
                   "sql must be one bounded read-only SELECT; unknown fields are rejected; max_rows "
                   "must be 1..256");
   }
-  if (!policy_validate_select(context.policy, sql, answer.message)) return false;
+  trace_call(context, "select");
+  if (!policy_validate_select(context.policy, sql, answer.message, check_trace(context))) {
+    return false;
+  }
   set_objects(context, "policy-select");
-  if (!terminate_statement(sql)) return refuse(answer.message, "sql size limit exceeded");
+  if (!terminate_statement(sql)) {
+    trace_call(context, "select-size");
+    return refuse(answer.message, "sql size limit exceeded");
+  }
   return respond_with_statement(context, sql, max_rows, answer);
 }
 

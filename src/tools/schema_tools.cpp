@@ -80,12 +80,14 @@ bool list_tables_tool(const ToolCall& call, ToolContext& context, ToolAnswer& an
 
 bool describe_table_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   char table[kSafeNameCapacity];
+  trace_argument(context, "allowed_tables", call, "table");
   if (!check_allowed_members(call.doc, call.arguments, {"table", "_meta"}) ||
       !get_identifier_member(call.doc, call.arguments, "table", table) ||
       !policy_table_allowed(context.policy, table, TableUse::kRead)) {
     return refuse_by_policy(context, answer, kDeny,
                             "table is invalid or not allowed by MCP policy");
   }
+  trace_call(context, "denied_columns");
   // A description would list the denied columns too.
   if (context.policy.configured && context.policy.denied_columns.count != 0) {
     return refuse_by_policy(context, answer, kDeny,

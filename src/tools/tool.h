@@ -12,15 +12,9 @@
 #include "db/statement.h"
 #include "json/json.h"
 #include "policy/policy.h"
+#include "policy/sql_words.h"
 
 namespace kova {
-
-/// The process-wide records that tools work on.
-struct ToolContext {
-  const McpPolicy& policy;
-  AuditContext& audit;
-  DbSession& session;
-};
 
 /// One tools/call that has passed the protocol's checks. `arguments` is an index into `doc`, -1
 /// when the member is absent.
@@ -28,6 +22,40 @@ struct ToolCall {
   const JsonDoc& doc;
   int arguments;
 };
+
+/// What is learnt of a call that is judged and not served.
+struct CallTrace {
+  CheckTrace check;
+  int token = -1;  ///< the value that decided, when it is no statement
+};
+
+/// The process-wide records that tools work on.
+struct ToolContext {
+  const McpPolicy& policy;
+  AuditContext& audit;
+  DbSession& session;
+  /// Not null when the call is only judged: no approval is used up. Whoever judges also closes the
+  /// session's guard, so that no statement is sent.
+  CallTrace* trace = nullptr;
+};
+
+/// Where the trace of the context's statement is to be set, or null.
+[[nodiscard]] inline CheckTrace* check_trace(ToolContext& context) {
+  return context.trace != nullptr ? &context.trace->check : nullptr;
+}
+
+/// Sets the check that the call has come to and the value that is to blame if it refuses it.
+inline void trace_call(ToolContext& context, std::string_view check, int token = -1) {
+  if (context.trace != nullptr) *context.trace = {.check = {.check = check}, .token = token};
+}
+
+/// The same with a member of the tool's arguments as the value.
+inline void trace_argument(ToolContext& context, std::string_view check, const ToolCall& call,
+                           std::string_view key) {
+  if (context.trace != nullptr) {
+    trace_call(context, check, json_find(call.doc, call.arguments, key));
+  }
+}
 
 /// What a tool's check and handler leave: a result after a success, a message after a failure.
 struct ToolAnswer {

@@ -33,6 +33,7 @@ void open_audit_context(AuditContext& audit, const JsonDoc& doc, int id, std::st
 }
 
 bool check_policy_valid(ToolContext& context, ToolAnswer& answer) {
+  trace_call(context, "policy");
   if (context.policy.valid) return true;
   return refuse_by_policy(context, answer, kDeny, or_else(context.policy.error, kPolicyInvalid));
 }
@@ -40,12 +41,14 @@ bool check_policy_valid(ToolContext& context, ToolAnswer& answer) {
 /// Everything but the write tool counts as a read, an unknown tool (null) included.
 bool check_read_switch(const Tool* tool, ToolContext& context, ToolAnswer& answer) {
   if (tool != nullptr && tool->access == ToolAccess::kWrite) return true;
+  trace_call(context, "reads_enabled");
   return policy_reads_allowed(context.policy) ||
          refuse_by_policy(context, answer, kDeny, kReadsDisabled);
 }
 
 bool check_provider_switch(const Tool* tool, ToolContext& context, ToolAnswer& answer) {
   if (tool == nullptr || tool->access != ToolAccess::kProviderRead) return true;
+  trace_call(context, "provider_reads_enabled");
   return policy_provider_reads_allowed(context.policy) ||
          refuse_by_policy(context, answer, kKillSwitch,
                           "provider-backed MCP reads are disabled by policy or kill switch");
@@ -57,8 +60,15 @@ bool exists(const Tool* tool, const McpPolicy& policy) {
 }
 
 bool serve(const Tool& tool, const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
-  return (tool.check == nullptr || tool.check(call, context, answer)) &&
-         tool.handler(call, context, answer);
+  if (tool.check != nullptr && !tool.check(call, context, answer)) return false;
+  trace_call(context, "arguments");
+  return tool.handler(call, context, answer);
+}
+
+void trace_missing_tool(const Tool* tool, const JsonDoc& doc, int params, ToolContext& context) {
+  if (context.trace == nullptr) return;
+  if (tool != nullptr) return trace_call(context, "writes_enabled");
+  trace_call(context, "tool", json_find(doc, params, "name"));
 }
 
 /// Writes the reply first, so that the audit file holds up no reply.
@@ -76,23 +86,32 @@ void finish(RequestId request, const ToolContext& context, const ToolAnswer& ans
 
 }  // namespace
 
-bool handle_tools_call(const JsonDoc& doc, int id, int params, ToolContext& context,
-                       RpcError& error) {
+bool run_tools_call(const JsonDoc& doc, int id, int params, ToolContext& context,
+                    ToolOutcome& outcome, RpcError& error) {
   char name[kToolNameCapacity];
+  trace_call(context, "message");
   if (!read_params(doc, params, name, error)) return false;
   open_audit_context(context.audit, doc, id, name);
   const Tool* const tool = find_tool(name);
   const ToolCall call{.doc = doc, .arguments = json_find(doc, params, "arguments")};
-  ToolAnswer answer;
-  bool success = check_policy_valid(context, answer) && check_read_switch(tool, context, answer) &&
-                 check_provider_switch(tool, context, answer);
-  if (success) {
-    if (!exists(tool, context.policy)) {
-      return refuse(error, kInvalidParams, "unknown Vantreo tool");
-    }
-    success = serve(*tool, call, context, answer);
+  ToolAnswer& answer = outcome.answer;
+  outcome.success = check_policy_valid(context, answer) &&
+                    check_read_switch(tool, context, answer) &&
+                    check_provider_switch(tool, context, answer);
+  if (!outcome.success) return true;
+  if (!exists(tool, context.policy)) {
+    trace_missing_tool(tool, doc, params, context);
+    return refuse(error, kInvalidParams, "unknown Vantreo tool");
   }
-  finish({.doc = &doc, .token = id}, context, answer, success);
+  outcome.success = serve(*tool, call, context, answer);
+  return true;
+}
+
+bool handle_tools_call(const JsonDoc& doc, int id, int params, ToolContext& context,
+                       RpcError& error) {
+  ToolOutcome outcome;
+  if (!run_tools_call(doc, id, params, context, outcome, error)) return false;
+  finish({.doc = &doc, .token = id}, context, outcome.answer, outcome.success);
   return true;
 }
 

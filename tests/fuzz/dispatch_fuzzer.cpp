@@ -1,44 +1,53 @@
-// A message through the pre-scan and the dispatcher, under several policies: whatever comes in, at
-// most one line comes out, and it is a JSON-RPC reply.
-#include <sys/mman.h>
-#include <unistd.h>
-
+// A message through the pre-scan and the dispatcher, under one of several policies: whatever comes
+// in, at most one line comes out, and it is a JSON-RPC reply. Standard output is in memory here.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "app/prescan.h"
+#include "fuzz/json_mutator.h"
 #include "fuzz/require.h"
 #include "json/json.h"
 #include "mcp/dispatcher.h"
+#include "platform/console.h"
+
+namespace {
+
+std::string output;
+
+std::string take_output() {
+  return std::exchange(output, {});
+}
+
+}  // namespace
+
+// Stands in for platform/posix/console.cpp.
+namespace kova {
+
+void prepare_standard_streams() {}
+
+std::size_t read_stdin(char* /*data*/, std::size_t /*size*/) {
+  return 0;
+}
+
+void write_stdout(std::string_view bytes) {
+  output += bytes;
+}
+
+void write_stderr(std::string_view /*text*/) {}
+
+}  // namespace kova
 
 namespace {
 
 using kova::JsonDoc;
 using kova::JsonToken;
 using kova::fuzz::require;
-
-/// Standard output in memory.
-class Output {
- public:
-  Output() : file_(memfd_create("replies", 0)) {
-    if (file_ < 0 || dup2(file_, STDOUT_FILENO) < 0) std::abort();
-  }
-
-  std::string take() {
-    const off_t size = lseek(STDOUT_FILENO, 0, SEEK_CUR);
-    std::string text(static_cast<std::size_t>(size), '\0');
-    if (size > 0 && pread(file_, text.data(), text.size(), 0) != size) std::abort();
-    if (lseek(STDOUT_FILENO, 0, SEEK_SET) != 0) std::abort();
-    return text;
-  }
-
- private:
-  int file_;
-};
 
 kova::McpPolicy open_policy() {
   kova::McpPolicy policy{};
@@ -91,39 +100,86 @@ void check_prescan(std::string_view message) {
           "an id is echoed as JSON");
 }
 
-void dispatch_under(const kova::McpPolicy& policy, bool initialized, std::string_view message,
-                    Output& output) {
+void dispatch_under(const kova::McpPolicy& policy, bool initialized, std::string_view message) {
   kova::AuditContext audit{};
   kova::DbSession session;
   kova::ToolContext tools{.policy = policy, .audit = audit, .session = session};
   kova::ProtocolState state;
   state.Initialized = initialized;
   kova::dispatch(message, state, tools);
-  check_reply(output.take());
+  check_reply(take_output());
   require(state.request_ids.count() <= 1, "a message uses one id up at most");
   // The same id again is refused, so a second time nothing is done.
   const bool used = state.request_ids.count() == 1;
   kova::dispatch(message, state, tools);
-  const std::string second = output.take();
+  const std::string second = take_output();
   check_reply(second);
   require(!used || second.find("request id is invalid or already used") != std::string::npos,
           "an id is used up");
 }
 
+constexpr std::string_view kKeys[] = {
+    "\"jsonrpc\"",        "\"id\"",           "\"method\"",    "\"params\"",
+    "\"name\"",           "\"arguments\"",    "\"_meta\"",     "\"sql\"",
+    "\"max_rows\"",       "\"table\"",        "\"requestId\"", "\"collection\"",
+    "\"query\"",          "\"vector\"",       "\"top\"",       "\"text\"",
+    "\"approval_token\"", "\"m\\u0065thod\"", "\"provider\"",  "\"columns\"",
+    "\"source_table\"",   "\"key_field\""};
+constexpr std::string_view kValues[] = {"\"2.0\"",
+                                        "2.0",
+                                        "\"initialize\"",
+                                        "\"ping\"",
+                                        "\"tools/list\"",
+                                        "\"tools/call\"",
+                                        "\"notifications/initialized\"",
+                                        "\"notifications/cancelled\"",
+                                        "\"kova_query\"",
+                                        "\"kova_execute\"",
+                                        "\"kova_list_databases\"",
+                                        "\"kova_list_tables\"",
+                                        "\"kova_describe_table\"",
+                                        "\"kova_ai_status\"",
+                                        "\"kova_vector_search\"",
+                                        "\"kova_hybrid_search\"",
+                                        "\"kova_text_search\"",
+                                        "\"PACKAGES\"",
+                                        "\"notes\"",
+                                        "\"SELECT a FROM PACKAGES\"",
+                                        "\"INSERT INTO PACKAGES VALUES (1)\"",
+                                        "[0.5,-1,1e3]",
+                                        "1",
+                                        "\"1\"",
+                                        "null",
+                                        "100"};
+
 }  // namespace
+
+constexpr kova::fuzz::JsonVocabulary kova::fuzz::kJsonVocabulary = {.keys = kKeys,
+                                                                    .values = kValues};
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static Output output;
   static const kova::McpPolicy open = open_policy();
   static const kova::McpPolicy restricted = restricted_policy();
   static const kova::McpPolicy invalid{};
-  const std::string_view message(reinterpret_cast<const char*>(data), size);
+  std::string_view message(reinterpret_cast<const char*>(data), size);
+  // A message is a line.
+  message = message.substr(0, message.find('\n'));
   check_prescan(message);
-  dispatch_under(open, false, message, output);
-  dispatch_under(open, true, message, output);
-  dispatch_under(restricted, true, message, output);
-  dispatch_under(invalid, true, message, output);
+  // Chosen by the input, so that an input that is found again does the same again.
+  switch (std::accumulate(data, data + size, 0u) % 4) {
+    case 0:
+      dispatch_under(open, false, message);
+      break;
+    case 1:
+      dispatch_under(open, true, message);
+      break;
+    case 2:
+      dispatch_under(restricted, true, message);
+      break;
+    default:
+      dispatch_under(invalid, true, message);
+  }
   return 0;
 }

@@ -1,14 +1,19 @@
-// The JSON parser and its accessors: what parses is a well-formed tree of tokens, and the accessors
-// agree with each other about it.
+// The JSON parser and its accessors: what RapidJSON parses within our limits parses, and nothing
+// else; the tokens, texts and numbers are the same, and the accessors agree with each other.
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
+#include "fuzz/json_mutator.h"
+#include "fuzz/plain_json.h"
 #include "fuzz/require.h"
 #include "json/json.h"
 #include "mcp/duplicate_keys.h"
@@ -20,7 +25,10 @@ using kova::JsonStringReader;
 using kova::JsonToken;
 using kova::JsonType;
 using kova::TextOut;
+using kova::fuzz::PlainToken;
+using kova::fuzz::PlainTokens;
 using kova::fuzz::require;
+using kova::fuzz::Verdict;
 
 // Some rules cost the square of the number of tokens; they are checked on small documents.
 constexpr int kSmall = 64;
@@ -158,7 +166,58 @@ bool has_equal_keys(const JsonDoc& doc) {
   return false;
 }
 
+/// A real number by std::from_chars. At the ends of a double's and a float's range only what is
+/// accepted is compared.
+void check_real(const JsonDoc& doc, int index, const PlainToken& plain) {
+  const std::string_view raw = doc.raw(index);
+  float real = 0;
+  const bool is_real = kova::json_get_float(doc, index, real);
+  if (!plain.number || raw.size() > 63) {
+    require(!is_real, "only numbers of at most 63 characters are real");
+    return;
+  }
+  double expected = 0;
+  const auto [end, error] = std::from_chars(raw.data(), raw.data() + raw.size(), expected);
+  const double size = std::fabs(expected);
+  const bool inside = error == std::errc() && size > 1e-300 && size < 3.4028234e38;
+  require(is_real || !inside, "a number within the range is real");
+  require(!is_real || real == static_cast<float>(expected), "a real number has one value");
+}
+
+/// A token as RapidJSON has it.
+void check_same(const JsonDoc& doc, int index, const PlainToken& plain, bool texts) {
+  const JsonToken& token = doc[index];
+  require(token.type == plain.type && token.size == plain.size, "a token has one type and size");
+  std::uint32_t number = 0;
+  const bool is_number = kova::json_get_unsigned(doc, index, number);
+  require(is_number == (plain.whole && doc.raw(index).size() <= 31), "the same numbers are whole");
+  require(!is_number || number == *plain.whole, "a whole number has one value");
+  check_real(doc, index, plain);
+  if (token.type != JsonType::kString || !texts) return;
+  std::vector<char> out(plain.text.size() + 1);
+  require(kova::json_get_string(doc, index, TextOut(out.data(), out.size())) &&
+              std::memcmp(out.data(), plain.text.c_str(), out.size()) == 0,
+          "a string has one decoded text");
+}
+
+/// The verdicts, the tokens and, where no surrogate takes part, the texts.
+void check_against_plain(std::string_view text, bool parsed, const JsonDoc& doc) {
+  bool surrogates = false;
+  const std::string plain_text = kova::fuzz::without_surrogates(text, surrogates);
+  PlainTokens plain(kova::kMessageTokenCapacity);
+  const Verdict verdict = plain.read(plain_text);
+  if (verdict == Verdict::kUnknown) return;
+  require(parsed == (verdict == Verdict::kGood), "one text is JSON for both");
+  if (!parsed) return;
+  require(doc.count == static_cast<int>(plain.tokens().size()), "a text has as many tokens");
+  for (int index = 0; index < doc.count; ++index) {
+    check_same(doc, index, plain.tokens()[static_cast<std::size_t>(index)], !surrogates);
+  }
+}
+
 }  // namespace
+
+constexpr kova::fuzz::JsonVocabulary kova::fuzz::kJsonVocabulary = {};
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
@@ -166,7 +225,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static JsonToken tokens[kova::kMessageTokenCapacity];
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   JsonDoc doc;
-  if (!kova::json_parse(text, tokens, kova::kMessageTokenCapacity, doc)) return 0;
+  const bool parsed = kova::json_parse(text, tokens, kova::kMessageTokenCapacity, doc);
+  check_against_plain(text, parsed, doc);
+  if (!parsed) return 0;
   const bool small = doc.count <= kSmall;
   for (int index = 0; index < doc.count; ++index) {
     check_token(doc, index);

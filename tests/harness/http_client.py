@@ -257,7 +257,9 @@ class HttpListeners:
 
     def close(self) -> None:
         for listener in self._started:
-            listener.server.kill()
+            listener.server.process.terminate()
+        for listener in self._started:
+            listener.server.kill_unless_ended()
         for listener in self._started:
             listener.server.expect_no_process()
             assert b"Sanitizer" not in listener.server.stderr, listener.server.stderr

@@ -177,6 +177,12 @@ class Server:
         self.process.kill()
         wait_for_end(self.process)
 
+    def kill_unless_ended(self) -> None:
+        """Gives the process END_TIMEOUT to end of what it was told before."""
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            wait_for_end(self.process, END_TIMEOUT)
+        self.kill()
+
     def processes(self) -> list[int]:
         """The processes of this executable that this server is or has started.
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import re
 import shlex
 import subprocess
 from pathlib import Path
@@ -21,7 +22,8 @@ ENVIRONMENT = DEPLOY / "kova-mcp.env"
 POLICY_FOR_WRITES = DEPLOY / "policy-writes.json"
 ENVIRONMENT_FOR_WRITES = DEPLOY / "kova-mcp-writes.env"
 ENVIRONMENT_FOR_HTTP = DEPLOY / "kova-mcp-http.env"
-UNIT = DEPLOY / "kova-mcp-http.service"
+UNIT = DEPLOY / "kova-mcp-http@.service"
+INSTANCE = "sales"
 EXPOSURE_LIMIT = 12  # tenths of systemd's points; 100 is no protection at all
 
 CHECKED = (b"MCP_CONFIG_OK policy=sales_read_only configured=yes reads=yes provider_reads=no"
@@ -190,33 +192,83 @@ def test_the_listeners_environment_goes_with_the_policy(check_policy: Check) -> 
 
 
 def unit_settings() -> dict[str, str]:
-    """The settings that the unit has once."""
+    """The settings that the unit has once, of the instance."""
     lines = [line for line in UNIT.read_text("utf-8").splitlines() if not line.startswith("#")]
-    return dict(line.split("=", 1) for line in lines if "=" in line)
+    settings = [line.replace("%i", INSTANCE).split("=", 1) for line in lines if "=" in line]
+    names = [name for name, _ in settings]
+    return {name: value for name, value in settings if names.count(name) == 1}
 
 
 def test_the_unit_goes_with_the_listeners_environment() -> None:
     settings, variables = unit_settings(), environment_file(ENVIRONMENT_FOR_HTTP)
-    assert Path(settings["EnvironmentFile"]).name == ENVIRONMENT_FOR_HTTP.name
+    assert settings["EnvironmentFile"] == f"/etc/kova-mcp/{INSTANCE}.env"
+    assert settings["EnvironmentFile"] in ENVIRONMENT_FOR_HTTP.read_text("utf-8")
     assert Path(variables["KOVA_MCP_AUDIT"]).parent == Path("/var/log", settings["LogsDirectory"])
-    state = json.loads(POLICY_FOR_WRITES.read_text("utf-8"))["approval_state_directory"]
-    assert Path(state).parent == Path("/var/lib", settings["StateDirectory"])
+    assert settings["StateDirectory"].split() == ["kova-mcp/sales", "kova-mcp/sales/approvals"]
     assert settings["Restart"] == "always"  # the listener's own end has exit code 0
+    assert settings["ExecStartPre"] == "/usr/bin/kova-mcp --check-policy"
+    assert settings["ExecStart"] == "/usr/bin/kova-mcp --http ${LISTEN_PORT}"
+    assert settings["Environment"] == "LISTEN_PORT=" + variables["LISTEN_PORT"]
 
 
-def test_the_unit_is_valid_and_confines_the_listener(tmp_path: Path) -> None:
-    """As it stands, with an executable that is there."""
+def test_two_classes_of_clients_share_no_folder() -> None:
     text = UNIT.read_text("utf-8")
-    assert text.count("=/opt/kova-mcp/kova-mcp ") == 2
+    for name in ("EnvironmentFile", "StateDirectory", "LogsDirectory"):
+        [value] = re.findall(rf"^{name}=(.*)$", text, re.MULTILINE)
+        assert all("%i" in folder for folder in value.split())
+
+
+@pytest.mark.parametrize("program", ["/usr/bin/kova-mcp", "/opt/kova-mcp/kova-mcp"])
+def test_the_unit_is_valid_and_confines_the_listener(tmp_path: Path, program: str) -> None:
+    """As it stands and as README.md changes it, with an executable that is there."""
+    text = UNIT.read_text("utf-8")
+    change = "s,/usr/bin/,/opt/kova-mcp/,"
+    assert f"sed '{change}' {UNIT.name}" in (DEPLOY / "README.md").read_text("utf-8")
+    if program.startswith("/opt"):
+        text = subprocess.run(["sed", change], input=text, capture_output=True, text=True,
+                              timeout=TIMEOUT, check=True).stdout
+    assert text.count(f"={program} ") == 2
     made = tmp_path / UNIT.name
-    made.write_text(text.replace("/opt/kova-mcp/kova-mcp", "/bin/true"), encoding="utf-8")
-    for arguments in (["verify", "--recursive-errors=no", str(made)],
+    made.write_text(text.replace(program, "/bin/true"), encoding="utf-8")
+    instance = tmp_path / UNIT.name.replace("@", f"@{INSTANCE}")
+    instance.symlink_to(made.name)
+    for arguments in (["verify", "--recursive-errors=no", "--man=no", str(instance)],
                       ["security", "--offline=yes", f"--threshold={EXPOSURE_LIMIT}", str(made)]):
         done = subprocess.run(["systemd-analyze", *arguments], capture_output=True, text=True,
                               timeout=TIMEOUT, check=False)
         # A machine's own units may have their warnings, too.
-        said = [line for line in done.stderr.splitlines() if UNIT.name in line]
+        said = [line for line in done.stderr.splitlines() if "kova-mcp-http@" in line]
         assert (done.returncode, said) == (0, []), done.stdout + done.stderr
+
+
+def test_the_account_and_its_folders_are_those_of_the_unit(tmp_path: Path) -> None:
+    """Made in an empty root by systemd's own programs."""
+    settings = unit_settings()
+    (tmp_path / "etc").mkdir()
+    done = subprocess.run(["systemd-sysusers", f"--root={tmp_path}", "-"], capture_output=True,
+                          input=(DEPLOY / "kova-mcp.sysusers").read_bytes(), timeout=TIMEOUT,
+                          check=False)
+    assert done.returncode == 0, done.stderr
+    [account] = (tmp_path / "etc" / "passwd").read_text("utf-8").splitlines()
+    assert account.startswith(settings["User"] + ":") and account.endswith("nologin")
+    folders = [line.split() for line in
+               (DEPLOY / "kova-mcp.tmpfiles").read_text("utf-8").splitlines()
+               if line.startswith("d ")]
+    assert {folder[1] for folder in folders} == {
+        str(Path(settings["EnvironmentFile"]).parent),
+        str(Path("/var/lib", settings["StateDirectory"].split()[0]).parent),
+        str(Path("/var/log", settings["LogsDirectory"]).parent)}
+    assert all(folder[2] == "0750" and folder[4] == settings["Group"] for folder in folders)
+
+
+def test_the_rotation_renames_the_audit_file_of_each_listener() -> None:
+    settings, text = unit_settings(), (DEPLOY / "kova-mcp.logrotate").read_text("utf-8")
+    lines = [line.strip() for line in text.splitlines() if not line.startswith("#")]
+    audit = Path(environment_file(ENVIRONMENT_FOR_HTTP)["KOVA_MCP_AUDIT"])
+    assert audit.match(lines[0].removesuffix(" {"))
+    assert f"su {settings['User']} {settings['Group']}" in lines
+    assert {"nocreate", "delaycompress", "compress"} <= set(lines)
+    assert not {"copytruncate", "copy", "postrotate"} & set(lines)
 
 
 def test_the_sample_entry_names_what_run_takes() -> None:

@@ -32,7 +32,19 @@ def documents(target: Target, installed: Path) -> Path:
 
 
 def files_of(folder: str) -> set[str]:
-    return {str(path.relative_to(ROOT)) for path in (ROOT / folder).rglob("*") if path.is_file()}
+    """All but the sources of the manual pages, which only a package has, made."""
+    return {str(path.relative_to(ROOT)) for path in (ROOT / folder).rglob("*")
+            if path.is_file() and not path.is_relative_to(ROOT / "docs" / "man")}
+
+
+def completions(target: Target, installed: Path, documents: Path) -> set[Path]:
+    names = ("kova-mcp", "kova-admin")
+    found = {documents / "completions" / f"{name}.ps1" for name in names}
+    if not target.windows:
+        share = installed / "share"
+        found |= {share / "bash-completion" / "completions" / name for name in names}
+        found |= {share / "zsh" / "site-functions" / f"_{name}" for name in names}
+    return found
 
 
 def test_what_is_installed(target: Target, installed: Path, documents: Path) -> None:
@@ -41,7 +53,8 @@ def test_what_is_installed(target: Target, installed: Path, documents: Path) -> 
     found = {path for path in installed.rglob("*") if path.is_file()}
     expected = {"README.md", "CHANGELOG.md", *files_of("docs"), *files_of("deploy"),
                 *(name for name in OPTIONAL if (ROOT / name).exists())}
-    assert found == programs | {documents / name for name in expected}
+    assert found == (programs | completions(target, installed, documents)
+                     | {documents / name for name in expected})
     scripts = {path for path in found if path.suffix == ".sh"}
     runnable = {path for path in found if path.stat().st_mode & 0o111}
     assert runnable == scripts | programs

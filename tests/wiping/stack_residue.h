@@ -24,7 +24,7 @@ __attribute__((noinline)) inline void clear_stack() {
 /// lies where the function's frame was.
 template <typename Function>
 __attribute__((noinline)) void run_deeper(Function function) {
-  char distance[4096];
+  __attribute__((uninitialized)) char distance[4096];
   __asm__ volatile("" : : "r"(&distance[0]) : "memory");
   function();
   __asm__ volatile("" : : "r"(&distance[0]) : "memory");
@@ -32,7 +32,8 @@ __attribute__((noinline)) void run_deeper(Function function) {
 
 /// Whether the text stands anywhere on the stack below the caller.
 __attribute__((noinline)) inline bool stack_holds(std::string_view text) {
-  char area[kScannedStack];
+  // Exempt from the zeroing of variables, which would hide what is looked for.
+  __attribute__((uninitialized)) char area[kScannedStack];
   char* bytes = area;
   // The area is an output of this empty statement: its bytes are taken as they are.
   __asm__ volatile("" : "+r"(bytes) : : "memory");

@@ -8,6 +8,7 @@ from typing import Iterator
 import pytest
 
 from harness.operator_desk import Desk, desks
+from harness.policy_desk import PolicyDesk
 from harness.targets import Target
 
 HERE = Path(__file__).resolve().parent
@@ -16,6 +17,12 @@ HERE = Path(__file__).resolve().parent
 @pytest.fixture
 def desk(target: Target, tmp_path: Path) -> Iterator[Desk]:
     yield from desks(target, tmp_path)
+
+
+@pytest.fixture
+def authors(target: Target, tmp_path: Path) -> PolicyDesk:
+    """What one who writes policies has."""
+    return PolicyDesk(target, tmp_path)
 
 
 @pytest.hookimpl(tryfirst=True)

@@ -1,7 +1,8 @@
-"""The executable as a file: what it needs of the system and how it is hardened."""
+"""The executables as files: what they need of the system and how they are hardened."""
 
 from __future__ import annotations
 
+import json
 import re
 import subprocess
 from pathlib import Path
@@ -24,6 +25,8 @@ HARDENING = {
         "of the whole address space": r"HIGH_ENTROPY_VA",
         "with the relocations that this takes": r"\.reloc",
         "no execution of data": r"NX_COMPAT",
+        "guarded stack frames": r"__stack_chk_guard",
+        "checked use of the standard library": r"__glibcxx_assert_fail",
     },
     "linux": {
         "loaded at any address": r"Type:\s+DYN \(Position-Independent Executable file\)",
@@ -32,8 +35,18 @@ HARDENING = {
         "because they are bound at the start": r"BIND_NOW",
         "guarded stack frames": r"__stack_chk_fail",
         "checked library calls": r"__vsnprintf_chk",
+        "checked use of the standard library": r"__glibcxx_assert_fail",
     },
 }
+
+
+OPTIONS = {
+    "windows": ["-fstack-protector-strong", "-ftrivial-auto-var-init=zero",
+                "-D_GLIBCXX_ASSERTIONS"],
+    "linux": ["-fstack-protector-strong", "-ftrivial-auto-var-init=zero", "-D_GLIBCXX_ASSERTIONS",
+              "-D_FORTIFY_SOURCE=3", "-fcf-protection=full", "-fstack-clash-protection"],
+}
+"""What leaves no sign in the headers, or none of its level."""
 
 
 def output_of(*command: "str | Path") -> str:
@@ -41,11 +54,16 @@ def output_of(*command: "str | Path") -> str:
                           stdout=subprocess.PIPE).stdout
 
 
+@pytest.fixture(scope="module", params=["kova-mcp", "kova-admin"])
+def executable(request, target: Target) -> Path:
+    return target.build / (request.param + (".exe" if target.windows else ""))
+
+
 @pytest.fixture(scope="module")
-def headers(target: Target) -> str:
+def headers(target: Target, executable: Path) -> str:
     if target.windows:
-        return output_of("x86_64-w64-mingw32-objdump", "-p", "-h", target.executable)
-    return output_of("readelf", "-hldsW", target.executable)
+        return output_of("x86_64-w64-mingw32-objdump", "-p", "-h", "-t", executable)
+    return output_of("readelf", "-hlSdsW", executable)
 
 
 def test_it_needs_nothing_but_the_system_s_libraries(target, headers):
@@ -59,9 +77,39 @@ def test_it_is_hardened(target, headers):
     assert missing == []
 
 
-def test_its_resources(target):
-    """The Windows executable has a version and a manifest with UTF-8 as active code page."""
-    data = target.executable.read_bytes()
+def test_every_source_is_compiled_with_the_options(target):
+    commands = json.loads((target.build / "compile_commands.json").read_text())
+    own = {entry["file"]: set(entry["command"].split()) for entry in commands
+           if re.search(r" -o (src|admin)/CMakeFiles/\S+\.cpp\.", entry["command"])}
+    assert len(own) > 90
+    missing = {(file, option) for file, given in own.items() for option in OPTIONS[target.name]
+               if option not in given}
+    assert missing == set()
+
+
+def test_nothing_is_writable_and_executable(target, headers):
+    if target.windows:
+        # A section's name and size, and its properties in the next line.
+        sections = re.findall(r"^ +\d+ (\S+) .*\n +(.*)$", headers, re.MULTILINE)
+        executable = {name: what for name, what in sections if "CODE" in what}
+        assert ".text" in executable
+        bad = [name for name, what in executable.items() if "READONLY" not in what]
+    else:
+        sections = re.findall(r"^ +\[ *\d+\] (\S+) .* ([0-9a-f]{2}) +([A-Z]*) +\d+ +\d+ +\d+$",
+                              headers, re.MULTILINE)
+        flags = {name: flags for name, _, flags in sections}
+        assert flags[".text"] == "AX" and flags[".data"] == "WA"
+        bad = [name for name, what in flags.items() if "W" in what and "X" in what]
+        segments = re.findall(r"^ +(\w+) +(?:0x[0-9a-f]+ +){5}([R ][W ][E ]) ", headers,
+                              re.MULTILINE)
+        assert ("LOAD", "R E") in segments
+        bad += [name for name, what in segments if "W" in what and "E" in what]
+    assert bad == []
+
+
+def test_its_resources(target, executable):
+    """A Windows executable has a version and a manifest with UTF-8 as active code page."""
+    data = executable.read_bytes()
     version = "VS_VERSION_INFO".encode("utf-16-le") in data
     manifest = re.search(rb"<activeCodePage[^>]*>UTF-8</activeCodePage>", data) is not None
     assert (version, manifest) == (target.windows, target.windows)

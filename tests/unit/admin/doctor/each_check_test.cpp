@@ -43,9 +43,7 @@ class EachCheck : public PolicyLoading {
   }
   PolicyDocument for_writes() {
     const std::string state = folder.file("state");
-    if (!path_exists(state.c_str())) {
-      EXPECT_TRUE(make_private_folder(state.c_str()));
-    }
+    EXPECT_TRUE(path_exists(state.c_str()) || make_private_folder(state.c_str()));
     return PolicyDocument().with_approved_writes(state);
   }
 

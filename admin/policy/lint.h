@@ -1,0 +1,10 @@
+// `kova-admin policy lint`: mistakes that look harmless.
+#pragma once
+
+#include "admin/common/command_line.h"
+
+namespace kova::admin {
+
+[[nodiscard]] RunCommand add_policy_lint(CLI::App& parser);
+
+}  // namespace kova::admin

@@ -1,0 +1,10 @@
+// `kova-admin policy test`: a policy held against a table of cases.
+#pragma once
+
+#include "admin/common/command_line.h"
+
+namespace kova::admin {
+
+[[nodiscard]] RunCommand add_policy_test(CLI::App& parser);
+
+}  // namespace kova::admin

@@ -1,0 +1,91 @@
+# Completion for kova-admin. Written by scripts/make_command_files.py.
+_kova_admin() {
+  local -A commands=(
+    ["kova-admin"]="approve approvals doctor init serve help"
+    ["kova-admin approvals"]="list clean"
+  )
+  local -A options=(
+    ["kova-admin"]="--help --version"
+    ["kova-admin approve"]="--help --env --journal --secret-file --digest --copy-to --without-statement --show --json"
+    ["kova-admin approvals"]="--help"
+    ["kova-admin approvals list"]="--help --env --journal --json"
+    ["kova-admin approvals clean"]="--help --env --journal --dry-run"
+    ["kova-admin doctor"]="--help --env --server --json"
+    ["kova-admin init"]="--help --folder --server --port --database --user --password-file --client-id --name --tables --denied-columns --collections --write-tables --writes --transport --http-port --offline --json"
+    ["kova-admin serve"]="--help --env --http"
+  )
+  local -A values=(
+    ["kova-admin approve --env"]="FILE"
+    ["kova-admin approve --journal"]="FILE"
+    ["kova-admin approve --secret-file"]="FILE"
+    ["kova-admin approve --digest"]="TEXT"
+    ["kova-admin approve --copy-to"]="FILE"
+    ["kova-admin approve <"]="FILE"
+    ["kova-admin approvals list --env"]="FILE"
+    ["kova-admin approvals list --journal"]="FILE"
+    ["kova-admin approvals clean --env"]="FILE"
+    ["kova-admin approvals clean --journal"]="FILE"
+    ["kova-admin doctor --env"]="FILE"
+    ["kova-admin doctor --server"]="FILE"
+    ["kova-admin init --folder"]="FOLDER"
+    ["kova-admin init --server"]="TEXT"
+    ["kova-admin init --port"]="TEXT"
+    ["kova-admin init --database"]="TEXT"
+    ["kova-admin init --user"]="TEXT"
+    ["kova-admin init --password-file"]="FILE"
+    ["kova-admin init --client-id"]="TEXT"
+    ["kova-admin init --name"]="TEXT"
+    ["kova-admin init --tables"]="TEXT"
+    ["kova-admin init --denied-columns"]="TEXT"
+    ["kova-admin init --collections"]="TEXT"
+    ["kova-admin init --write-tables"]="TEXT"
+    ["kova-admin init --writes"]="none approval"
+    ["kova-admin init --transport"]="stdio http"
+    ["kova-admin init --http-port"]="TEXT"
+    ["kova-admin serve --env"]="FILE"
+    ["kova-admin serve --http"]="TEXT"
+  )
+  local current=${COMP_WORDS[COMP_CWORD]} path=kova-admin before='' help='' word kind i
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    word=${COMP_WORDS[i]}
+    kind=''
+    if [[ $before == -* ]]; then
+      kind=${values["$path $before"]-}
+    fi
+    before=$word
+    if [[ -n $kind ]]; then
+      before=''
+    elif [[ $path == kova-admin && $word == help ]]; then
+      help=1
+    elif [[ " ${commands[$path]-} " == *" $word "* ]]; then
+      path+=" $word"
+    fi
+  done
+  COMPREPLY=()
+  kind=''
+  if [[ $before == -* ]]; then
+    kind=${values["$path $before"]-}
+  fi
+  if [[ -n $help ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "${commands[$path]-}" -- "$current")
+  elif [[ $kind == FILE ]]; then
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -f -- "$current")
+  elif [[ $kind == FOLDER ]]; then
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -d -- "$current")
+  elif [[ $kind == TEXT ]]; then
+    return 0
+  elif [[ -n $kind ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$kind" -- "$current")
+  elif [[ $current == -* || -z ${commands[$path]-} ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "${options[$path]-}" -- "$current")
+    if [[ $current != -* && -n ${values["$path <"]-} ]]; then
+      compopt -o filenames 2>/dev/null
+      mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$current")
+    fi
+  else
+    mapfile -t COMPREPLY < <(compgen -W "${commands[$path]}" -- "$current")
+  fi
+}
+complete -F _kova_admin kova-admin

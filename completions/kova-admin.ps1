@@ -1,0 +1,144 @@
+# Completion for kova-admin. Written by scripts/make_command_files.py.
+# Load it in your profile: . PATH\kova-admin.ps1
+Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -ScriptBlock {
+    param($wordToComplete, $commandAst, $cursorPosition)
+    $table = ConvertFrom-Json @'
+{
+  "commands": {
+    "kova-admin": [
+      "approve",
+      "approvals",
+      "doctor",
+      "init",
+      "serve",
+      "help"
+    ],
+    "kova-admin approvals": [
+      "list",
+      "clean"
+    ]
+  },
+  "options": {
+    "kova-admin": [
+      "--help",
+      "--version"
+    ],
+    "kova-admin approve": [
+      "--help",
+      "--env",
+      "--journal",
+      "--secret-file",
+      "--digest",
+      "--copy-to",
+      "--without-statement",
+      "--show",
+      "--json"
+    ],
+    "kova-admin approvals": [
+      "--help"
+    ],
+    "kova-admin approvals list": [
+      "--help",
+      "--env",
+      "--journal",
+      "--json"
+    ],
+    "kova-admin approvals clean": [
+      "--help",
+      "--env",
+      "--journal",
+      "--dry-run"
+    ],
+    "kova-admin doctor": [
+      "--help",
+      "--env",
+      "--server",
+      "--json"
+    ],
+    "kova-admin init": [
+      "--help",
+      "--folder",
+      "--server",
+      "--port",
+      "--database",
+      "--user",
+      "--password-file",
+      "--client-id",
+      "--name",
+      "--tables",
+      "--denied-columns",
+      "--collections",
+      "--write-tables",
+      "--writes",
+      "--transport",
+      "--http-port",
+      "--offline",
+      "--json"
+    ],
+    "kova-admin serve": [
+      "--help",
+      "--env",
+      "--http"
+    ]
+  },
+  "values": {
+    "kova-admin approve --env": "FILE",
+    "kova-admin approve --journal": "FILE",
+    "kova-admin approve --secret-file": "FILE",
+    "kova-admin approve --digest": "TEXT",
+    "kova-admin approve --copy-to": "FILE",
+    "kova-admin approve <": "FILE",
+    "kova-admin approvals list --env": "FILE",
+    "kova-admin approvals list --journal": "FILE",
+    "kova-admin approvals clean --env": "FILE",
+    "kova-admin approvals clean --journal": "FILE",
+    "kova-admin doctor --env": "FILE",
+    "kova-admin doctor --server": "FILE",
+    "kova-admin init --folder": "FOLDER",
+    "kova-admin init --server": "TEXT",
+    "kova-admin init --port": "TEXT",
+    "kova-admin init --database": "TEXT",
+    "kova-admin init --user": "TEXT",
+    "kova-admin init --password-file": "FILE",
+    "kova-admin init --client-id": "TEXT",
+    "kova-admin init --name": "TEXT",
+    "kova-admin init --tables": "TEXT",
+    "kova-admin init --denied-columns": "TEXT",
+    "kova-admin init --collections": "TEXT",
+    "kova-admin init --write-tables": "TEXT",
+    "kova-admin init --writes": "none approval",
+    "kova-admin init --transport": "stdio http",
+    "kova-admin init --http-port": "TEXT",
+    "kova-admin serve --env": "FILE",
+    "kova-admin serve --http": "TEXT"
+  }
+}
+'@
+    $path = 'kova-admin'
+    $before = ''
+    $help = $false
+    $words = @($commandAst.CommandElements | Select-Object -Skip 1 |
+        Where-Object { $_.Extent.EndOffset -lt $cursorPosition } |
+        ForEach-Object { $_.Extent.Text })
+    foreach ($word in $words) {
+        $kind = if ($before.StartsWith('-')) { $table.values."$path $before" }
+        $before = $word
+        if ($kind) {
+            $before = ''
+        } elseif ($path -eq 'kova-admin' -and $word -eq 'help') {
+            $help = $true
+        } elseif ($table.commands.$path -contains $word) {
+            $path = "$path $word"
+        }
+    }
+    $kind = if ($before.StartsWith('-')) { $table.values."$path $before" }
+    # Nothing returned: PowerShell completes file names by itself.
+    if (-not $help -and ($kind -eq 'FILE' -or $kind -eq 'FOLDER' -or $kind -eq 'TEXT')) { return }
+    $found = if ($help) { $table.commands.$path }
+        elseif ($kind) { $kind.Split(' ') }
+        elseif ($wordToComplete.StartsWith('-') -or -not $table.commands.$path) { $table.options.$path }
+        else { $table.commands.$path }
+    $found | Where-Object { $_.StartsWith($wordToComplete) } | ForEach-Object {
+        [System.Management.Automation.CompletionResult]::new($_, $_, 'ParameterValue', $_)
+    }
+}

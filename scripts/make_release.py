@@ -1,0 +1,239 @@
+"""Builds every artefact of a release into dist/ from the commit that is checked out.
+
+    ./release                 builds; says each step
+    ./release --sign KEY      also signs SHA256SUMS with a minisign key
+    ./release --check         also builds in a second folder and compares, and validates what is there
+    ./release --only linux    the archive, the package and their bills of materials alone; or windows
+
+Nothing is published. The tree has to be as committed. Times are those of the commit, so that the same
+commit, built with the same packages of the system, gives the same bytes; the MSI has identifiers of
+its own and is compared by its contents. scripts/setup.sh build windows release installs what is needed.
+
+Exit codes: 0 done, 1 a check has found a difference or a fault, 2 it could not be done.
+"""
+
+from __future__ import annotations
+
+import argparse
+import hashlib
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+import bill_of_materials
+import client_bundle
+import windows_installer
+
+ROOT = Path(__file__).resolve().parents[1]
+DIST = ROOT / "dist"
+TARGETS = ("kova-mcp", "kova-admin")
+SUMS = "SHA256SUMS"
+NOT_CHOSEN = (
+    ("LICENSE", "the project's licence (a file LICENSE)"),
+    (None, "the names under which it is published (KOVA_MAINTAINER, the registry)"),
+    (None, "an Authenticode certificate: the executables and the MSI are not signed"))
+
+
+class Refused(Exception):
+    """It cannot be done. The text is one line."""
+
+
+def say(text: str) -> None:
+    print(f"release: {text}", flush=True)
+
+
+def run(*command: "str | Path", cwd: Path = ROOT, log: "Path | None" = None) -> None:
+    words = [str(word) for word in command]
+    if log is None:
+        failed = subprocess.run(words, cwd=cwd, check=False).returncode
+    else:
+        with open(log, "ab") as out:
+            failed = subprocess.run(words, cwd=cwd, stdout=out, stderr=out, check=False).returncode
+    if failed:
+        raise Refused(f"{' '.join(words)} has failed" + (f"; see {log}" if log else ""))
+
+
+def git(*arguments: str) -> str:
+    return subprocess.run(["git", *arguments], cwd=ROOT, capture_output=True, text=True,
+                          check=True).stdout.strip()
+
+
+def version() -> str:
+    text = (ROOT / "CMakeLists.txt").read_text("utf-8")
+    return text.partition("project(kova-mcp VERSION ")[2].split()[0]
+
+
+def build(system: str, work: Path) -> tuple[Path, list[Path]]:
+    """Builds and packs; returns the build folder and the packages."""
+    folder, packed, log = work / system, work / f"packed-{system}", work / f"{system}.log"
+    say(f"build the {system} executables ({log})")
+    run("cmake", "--preset", f"package-{system}", "-B", folder, log=log)
+    run("cmake", "--build", folder, log=log)
+    say("pack them")
+    shutil.rmtree(packed, ignore_errors=True)
+    run("cpack", "-B", packed, cwd=folder, log=log)
+    return folder, sorted(path for path in packed.iterdir() if path.is_file())
+
+
+def unpack(archive: Path, work: Path) -> Path:
+    folder = work / f"unpacked-{archive.stem}"
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir(parents=True)
+    run("cmake", "-E", "tar", "xf", archive, cwd=folder)
+    [top] = folder.iterdir()
+    return top
+
+
+def make(systems: list[str], epoch: int) -> None:
+    work = ROOT / "build" / "release"
+    work.mkdir(parents=True, exist_ok=True)
+    shutil.rmtree(DIST, ignore_errors=True)
+    DIST.mkdir()
+    number = version()
+    packages: dict[str, list[str]] = {}
+    programs: dict[str, Path] = {}
+    contents: dict[str, list[str]] = {}
+    for system in systems:
+        folder, packed = build(system, work)
+        packages[system] = bill_of_materials.packages_of_build(
+            folder, [name + (".exe" if system == "windows" else "") for name in TARGETS])
+        for path in packed:
+            shutil.copy2(path, DIST)
+            contents[path.name] = packages[system]
+        [archive] = [path for path in packed if path.suffix in (".gz", ".zip")]
+        programs[system] = unpack(archive, work)
+    if "windows" in systems:
+        installer = f"kova-mcp-{number}-x64.msi"
+        say("make the Windows installer")
+        windows_installer.write_installer(DIST / installer, programs["windows"], number, work)
+        contents[installer] = packages["windows"]
+    if len(systems) == 2:
+        bundle = f"kova-mcp-{number}.mcpb"
+        say("make the client bundle")
+        client_bundle.write_bundle(DIST / bundle, number, programs["linux"] / "bin" / "kova-mcp",
+                                   programs["windows"] / "kova-mcp.exe",
+                                   ROOT / "THIRD-PARTY-NOTICES", epoch)
+        contents[bundle] = sorted({*packages["linux"], *packages["windows"]})
+    say("write the bills of materials and the sums")
+    for name, found in contents.items():
+        text = bill_of_materials.bill(DIST / name, number, found, epoch)
+        (DIST / f"{name}.cdx.json").write_text(text, encoding="utf-8")
+    write_sums()
+
+
+def write_sums() -> None:
+    lines = [f"{hashlib.sha256(path.read_bytes()).hexdigest()}  {path.name}\n"
+             for path in sorted(DIST.iterdir())]
+    (DIST / SUMS).write_text("".join(lines), encoding="ascii")
+
+
+def sign(key: Path) -> None:
+    say(f"sign {SUMS}")
+    comment = f"kova-mcp {version()} {git('rev-parse', 'HEAD')}"
+    run("minisign", "-S", "-s", key, "-t", comment, "-m", DIST / SUMS)
+
+
+# Checks
+
+
+def contents_of_installer(path: Path, folder: Path) -> dict[str, str]:
+    run("msiextract", "-C", folder, path, log=folder.parent / "msiextract.log")
+    return {str(one.relative_to(folder)): hashlib.sha256(one.read_bytes()).hexdigest()
+            for one in sorted(folder.rglob("*")) if one.is_file()}
+
+
+def differences(one: Path, other: Path, work: Path) -> list[str]:
+    names = {path.name for path in one.iterdir()}, {path.name for path in other.iterdir()}
+    found = [f"{name} is in one build alone" for name in sorted(names[0] ^ names[1])]
+    for name in sorted(names[0] & names[1]):
+        # The sums, and the bill of the MSI, hold the hash of the MSI.
+        if name.startswith(SUMS) or name.endswith(".msi.cdx.json"):
+            continue
+        if name.endswith(".msi"):
+            read = []
+            for number, folder in enumerate((one, other)):
+                place = work / f"msi-{number}"
+                place.mkdir()
+                read.append(contents_of_installer(folder / name, place))
+            same = read[0] == read[1] and bool(read[0])
+        else:
+            same = (one / name).read_bytes() == (other / name).read_bytes()
+        if not same:
+            found.append(f"{name} differs between two builds")
+    return found
+
+
+def build_again(arguments: list[str], work: Path) -> Path:
+    """In a clone of its own, with the same commit."""
+    say(f"build again in {work}")
+    clone = work / "another-folder" / "clone"
+    run("git", "clone", "--quiet", "--local", ROOT, clone)
+    run("git", "checkout", "--quiet", git("rev-parse", "HEAD"), cwd=clone)
+    # A cache of compiled files would compare the first build with itself.
+    os.environ["CCACHE_DISABLE"] = "1"
+    run("./release", *arguments, cwd=clone)
+    return clone / "dist"
+
+
+def faults() -> list[str]:
+    """What the validators find."""
+    found = []
+    for package in sorted(DIST.glob("*.deb")):
+        say(f"lintian {package.name}")
+        done = subprocess.run(["lintian", "--allow-root", "--fail-on", "error,warning",
+                               str(package)], check=False)
+        if done.returncode:
+            found.append(f"lintian objects to {package.name}")
+    validator = ROOT / "tests" / "release" / "validate.mjs"
+    if not (validator.parent / "node_modules").exists():
+        raise Refused("the validators are not installed; run npm ci in tests/release")
+    for path in sorted([*DIST.glob("*.cdx.json"), *DIST.glob("*.mcpb")]):
+        say(f"validate {path.name}")
+        if subprocess.run(["node", str(validator), str(path)], check=False).returncode:
+            found.append(f"{path.name} is not valid")
+    return found
+
+
+def check(only: list[str]) -> list[str]:
+    with tempfile.TemporaryDirectory(prefix="kova-release-") as folder:
+        found = differences(DIST, build_again(only, Path(folder)), Path(folder))
+    return found + faults()
+
+
+def main(arguments: list[str]) -> int:
+    parser = argparse.ArgumentParser(prog="./release", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--check", action="store_true", help="build twice, compare and validate")
+    parser.add_argument("--sign", type=Path, metavar="KEY", help="a minisign secret key")
+    parser.add_argument("--only", choices=("linux", "windows"), help="one system's artefacts")
+    chosen = parser.parse_args(arguments)
+    try:
+        if git("status", "--porcelain"):
+            raise Refused("the tree is not as committed")
+        epoch = int(git("log", "-1", "--format=%ct"))
+        os.environ |= {"SOURCE_DATE_EPOCH": str(epoch), "TZ": "UTC", "LC_ALL": "C.UTF-8"}
+        systems = [chosen.only] if chosen.only else ["linux", "windows"]
+        make(systems, epoch)
+        found = check(["--only", chosen.only] if chosen.only else []) if chosen.check else []
+        if chosen.sign:
+            sign(chosen.sign)
+    except (Refused, subprocess.CalledProcessError, OSError) as error:
+        print(f"release: {error}", file=sys.stderr)
+        return 2
+    for fault in found:
+        print(f"release: {fault}", file=sys.stderr)
+    for file, text in NOT_CHOSEN:
+        if file is None or not (ROOT / file).exists():
+            say(f"missing, the owner's to choose: {text}")
+    if not chosen.sign:
+        say("missing, the owner's to choose: the signing key (--sign)")
+    for path in sorted(DIST.iterdir()):
+        say(f"dist/{path.name}")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,57 @@
+"""`policy lint`: each mistake that looks harmless, and none in a good policy."""
+
+from __future__ import annotations
+
+import pytest
+
+MEMBERS = ["file", "rule", "key", "why", "instead"]
+
+
+def lint(authors, *paths, code=1, env=None):
+    findings = authors.json("lint", *paths, code=code, env=env)["findings"]
+    assert all(list(each) == MEMBERS and each["why"] and each["instead"] for each in findings)
+    return [(each["rule"], each["key"]) for each in findings]
+
+
+def test_nothing(authors):
+    assert lint(authors, authors.policy(), code=0) == []
+    assert lint(authors, authors.writes(allowed_tables=["ORDERS", "T"]), code=0) == []
+    result = authors.run("lint", authors.policy())
+    assert (result.code, result.stdout.strip()) == (0, b"Nothing found.")
+
+
+@pytest.mark.parametrize("overrides, rules", [
+    ({"writes_enabled": True, "write_types": ["INSERT"], "write_tables": ["ORDERS"]},
+     [("writes-without-approval", "approval_required")]),
+    ({"approval_ttl_seconds": 301}, [("long-ttl", "approval_ttl_seconds")]),
+    ({"write_tables": ["orders", "LOG"]}, [("write-table-not-readable", "write_tables")]),
+    ({"allowed_tables": ["ORDERS", "customers"]}, [("no-denied-columns", "denied_columns")]),
+    ({"allowed_tables": ["CUSTOMERS"], "denied_columns": ["EMAIL"]}, []),
+    ({"approval_ttl_seconds": 900, "allowed_tables": ["EMPLOYEE"]},
+     [("long-ttl", "approval_ttl_seconds"), ("no-denied-columns", "denied_columns")]),
+])
+def test_rules_of_the_policy(authors, overrides, rules):
+    assert lint(authors, authors.policy(**overrides), code=1 if rules else 0) == rules
+
+
+def test_one_name_on_several_hosts(authors):
+    first, second = authors.policy("a.json"), authors.policy("b.json")
+    third = authors.policy("c.json", name="other")
+    found = authors.json("lint", first, second, third, code=1)["findings"]
+    assert [(each["file"], each["rule"], each["key"]) for each in found] == [
+        (authors.target.path(second), "shared-name", "name")]
+    assert authors.target.path(first) in found[0]["why"]
+    assert lint(authors, first, first, code=0) == []
+
+
+def test_identities_are_not_judged(authors):
+    assert lint(authors, authors.policy(), code=0, env={"KOVA_MCP_CLIENT_ID": "other"}) == []
+
+
+def test_the_text_for_people(authors):
+    path = authors.policy(approval_ttl_seconds=900)
+    result = authors.run("lint", path)
+    assert result.code == 1
+    first, second = result.stdout.decode().replace("\r", "").splitlines()
+    assert first.startswith(f"{authors.target.path(path)}: long-ttl (approval_ttl_seconds): ")
+    assert second.startswith("  -> ")

@@ -1,0 +1,149 @@
+"""The Debian package: what it holds, what its installation does, what removal and purge leave.
+
+It is installed in a copy of this system that is gone with the test: an overlay in a mount namespace
+of its own, for which the test needs to be root.
+"""
+
+from __future__ import annotations
+
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from harness.waiting import TIMEOUT
+
+ROOT = Path(__file__).resolve().parents[3]
+
+COPY = r"""
+set -eu
+copy=$1 package=$2 script=$3
+mount -t tmpfs none "$copy"
+mkdir "$copy/upper" "$copy/work" "$copy/root"
+mount -t overlay overlay -o "lowerdir=/,upperdir=$copy/upper,workdir=$copy/work" "$copy/root"
+mount -t proc none "$copy/root/proc"
+mount --rbind /dev "$copy/root/dev"
+# Nothing of this system's service manager.
+mount -t tmpfs none "$copy/root/run"
+cp "$package" "$copy/root/kova-mcp.deb"
+exec chroot "$copy/root" sh -euc "$script"
+"""
+
+
+@pytest.fixture
+def in_a_copy(tmp_path: Path, debian_package: Path):
+    """`in_a_copy(script)` runs a script as root of a copy of this system and returns what it says;
+    /kova-mcp.deb is there."""
+    def run(script: str) -> str:
+        copy = tmp_path / "copy"
+        copy.mkdir()
+        done = subprocess.run(
+            ["unshare", "--mount", "--pid", "--fork", "sh", "-c", COPY, "sh", str(copy),
+             str(debian_package), script],
+            capture_output=True, text=True, timeout=4 * TIMEOUT, check=False,
+            env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8",
+                 "DEBIAN_FRONTEND": "noninteractive"})
+        assert done.returncode == 0, done.stdout + done.stderr
+        return done.stdout
+
+    return run
+
+
+def test_what_an_administrator_finds(in_a_copy) -> None:
+    said = in_a_copy("""
+        dpkg -i /kova-mcp.deb >/dev/null 2>&1
+        dpkg --verify kova-mcp
+        stat -c '%n %A %U %G' /etc/kova-mcp /var/lib/kova-mcp /var/log/kova-mcp
+        getent passwd kova-mcp | cut -d: -f1,6,7
+        for page in kova-mcp kova-admin kova-mcp-policy; do man -w $page >/dev/null; done
+        zsh -fc 'autoload -U compinit; compinit -u -D; print $_comps[kova-admin] $_comps[kova-mcp]'
+        kova-admin --version
+        kova-mcp --check-policy | cut -d' ' -f1-3
+        """).splitlines()
+    assert said == ["/etc/kova-mcp drwxr-x--- root kova-mcp",
+                    "/var/lib/kova-mcp drwxr-x--- kova-mcp kova-mcp",
+                    "/var/log/kova-mcp drwxr-x--- kova-mcp kova-mcp",
+                    "kova-mcp:/var/lib/kova-mcp:/usr/sbin/nologin",
+                    "_kova-admin _kova-mcp", said[5],
+                    "MCP_CONFIG_OK policy=default configured=no"]
+    assert said[5].startswith("kova-admin ")
+
+
+def test_it_starts_nothing(in_a_copy) -> None:
+    """Nothing runs, nothing is enabled, no policy of the system was asked for a start."""
+    said = in_a_copy("""
+        printf '#!/bin/sh\\necho "$@" >> /asked\\n' > /usr/sbin/policy-rc.d
+        chmod 755 /usr/sbin/policy-rc.d
+        dpkg -i /kova-mcp.deb >/dev/null 2>&1
+        for process in /proc/[0-9]*; do
+            case $(readlink $process/exe) in */kova-*) echo runs $process ;; esac
+        done
+        find /etc/systemd /run -name '*kova*'
+        [ ! -e /asked ] || cat /asked
+        """)
+    assert said == ""
+
+
+MADE_BY_THE_ADMINISTRATOR = """
+    dpkg -i /kova-mcp.deb >/dev/null 2>&1
+    echo secret > /etc/kova-mcp/sales.env
+    echo policy > /etc/kova-mcp/policy.json
+    mkdir -p /var/log/kova-mcp/sales /var/lib/kova-mcp/sales/approvals
+    echo record > /var/log/kova-mcp/sales/audit.jsonl
+    echo marker > /var/lib/kova-mcp/sales/approvals/marker
+    echo '# mine' >> /etc/logrotate.d/kova-mcp
+    mkdir -p /etc/systemd/system/kova-mcp-http@sales.service.d
+    echo mine > /etc/systemd/system/kova-mcp-http@sales.service.d/override.conf
+    mkdir -p /etc/systemd/system/multi-user.target.wants
+    ln -s /lib/systemd/system/kova-mcp-http@.service \
+        /etc/systemd/system/multi-user.target.wants/kova-mcp-http@sales.service
+    """
+LEFT = """
+    find /etc/kova-mcp /var/log/kova-mcp /var/lib/kova-mcp /etc/logrotate.d/kova-mcp \
+        /etc/systemd/system/kova-mcp* /etc/systemd/system/*.wants/kova-mcp* \
+        /usr/bin/kova-* /usr/lib/*/kova-mcp* /usr/share/doc/kova-mcp ! -type d 2>/dev/null || true
+    """
+WRITTEN = {"/etc/kova-mcp/sales.env", "/etc/kova-mcp/policy.json", "/etc/logrotate.d/kova-mcp",
+           "/var/log/kova-mcp/sales/audit.jsonl", "/var/lib/kova-mcp/sales/approvals/marker",
+           "/etc/systemd/system/kova-mcp-http@sales.service.d/override.conf",
+           "/etc/systemd/system/multi-user.target.wants/kova-mcp-http@sales.service"}
+
+
+def test_removal_keeps_what_was_written(in_a_copy) -> None:
+    said = in_a_copy(MADE_BY_THE_ADMINISTRATOR + "dpkg -r kova-mcp >/dev/null 2>&1" + LEFT)
+    assert set(said.split()) == WRITTEN
+
+
+def test_purge_removes_what_was_written(in_a_copy) -> None:
+    said = in_a_copy(MADE_BY_THE_ADMINISTRATOR + "dpkg -r kova-mcp >/dev/null 2>&1\n"
+                     "dpkg -P kova-mcp >/dev/null 2>&1" + LEFT)
+    assert said == ""
+
+
+def test_an_upgrade_keeps_what_was_written(in_a_copy) -> None:
+    said = in_a_copy(MADE_BY_THE_ADMINISTRATOR + """
+        dpkg -i /kova-mcp.deb >/dev/null 2>&1
+        cat /etc/kova-mcp/sales.env; tail -1 /etc/logrotate.d/kova-mcp
+        """ + LEFT).splitlines()
+    assert said[:2] == ["secret", "# mine"]
+    assert WRITTEN <= set(said)
+
+
+def test_lintian_has_nothing_to_say(debian_package: Path) -> None:
+    done = subprocess.run(["lintian", "--tag-display-limit", "0", "--pedantic", "--allow-root",
+                           "--fail-on", "error,warning", str(debian_package)],
+                          capture_output=True, text=True, timeout=4 * TIMEOUT, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+def test_the_files_are_those_of_the_tree(debian_package: Path, tmp_path: Path) -> None:
+    subprocess.run(["dpkg-deb", "-x", str(debian_package), str(tmp_path)], check=True,
+                   timeout=TIMEOUT)
+    for source, place in {
+            "deploy/kova-mcp-http@.service": "usr/lib/systemd/system/kova-mcp-http@.service",
+            "deploy/kova-mcp.sysusers": "usr/lib/sysusers.d/kova-mcp.conf",
+            "deploy/kova-mcp.tmpfiles": "usr/lib/tmpfiles.d/kova-mcp.conf",
+            "deploy/kova-mcp.logrotate": "etc/logrotate.d/kova-mcp",
+            "completions/kova-admin.bash": "usr/share/bash-completion/completions/kova-admin",
+            "completions/_kova-admin": "usr/share/zsh/vendor-completions/_kova-admin"}.items():
+        assert (tmp_path / place).read_bytes() == (ROOT / source).read_bytes()
