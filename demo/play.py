@@ -14,6 +14,7 @@ from outcome import BAD_ARGUMENTS, SessionFailure, guarded
 from prepare import prepare
 from processes import Processes, all_processes
 from reading_act import SCENES
+from review_act import ReviewAct, now_text
 from search_act import SearchAct
 from stage import Stage, Tally
 from target import Target
@@ -22,11 +23,13 @@ from writing_act import WritingAct
 
 
 def play(target: Target, view: View, processes: Processes) -> Tally:
-    """Plays the four acts, the first three each with a server of its own; the scenes are numbered
+    """Plays the five acts, the first three each with a server of its own; the scenes are numbered
     throughout."""
     prepare(target, view, processes)
     engine = Engine(target.name, processes)
     tally = Tally()
+    began = now_text()
+    desk = DeskAct(target)
     view.line(f"Server: {target.executable}", "dim")
     view.line(f"Sample engine: 127.0.0.1:{engine.port}, databases in {DATA}", "dim")
     first = 1
@@ -34,7 +37,8 @@ def play(target: Target, view: View, processes: Processes) -> Tally:
             (engine.profile(target), SCENES),
             (engine.profile_for_writes(target), WritingAct().scenes),
             (engine.profile(target), SearchAct().scenes),
-            (None, DeskAct(target).scenes)):
+            (None, desk.scenes),
+            (None, ReviewAct(target, desk, began).scenes)):
         stage = Stage.open(view, target, engine, processes, profile, tally)
         for number, scene in enumerate(scenes, first):
             view.heading(f"{number}. {scene.title}")

@@ -5,7 +5,8 @@ Everything that ./run makes lies in build/run/:
     data/           the sample engine's databases
     linux/ windows/ the server with the client library beside it, as an operator installs them,
                     kova-admin, its policy for writes, approvals/ with the markers of used tokens,
-                    and desk/, the deployment that the last session has set up with kova-admin
+                    desk/, the deployment that the last session has set up with kova-admin, and
+                    review/, its report
     users           the engine's one user, with a password made for this machine
     approval-secret the key of the operator's approvals, made for this machine
     audit-*.jsonl   the audit files, one per kind of session

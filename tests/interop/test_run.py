@@ -184,7 +184,7 @@ def test_the_third_act(played: Played, target: Target) -> None:
 
 
 def test_the_fourth_act(played: Played, target: Target) -> None:
-    text = played.text[played.text.index("\n24. "):]
+    text = played.text[played.text.index("\n24. "):played.text.index("\n30. ")]
     tool = re.escape("kova-admin.exe" if target.windows else "kova-admin")
     appear_in_order(text, [
         rf"^\$ {tool} init --folder ", "--writes approval", "Wrote ", "Next: kova-admin doctor",
@@ -207,6 +207,25 @@ def test_the_fourth_act(played: Played, target: Target) -> None:
     secret = re.search(r"^KOVA_MCP_APPROVAL_SECRET='(.*)'$",
                        (STATE / target.name / "desk" / "sample" / "kova-mcp.env").read_text(), re.M)
     assert secret is not None and secret[1] not in played.text
+
+
+def test_the_fifth_act(played: Played, target: Target) -> None:
+    text = played.text[played.text.index("\n30. "):]
+    tool = re.escape("kova-admin.exe" if target.windows else "kova-admin")
+    appear_in_order(text, [
+        rf"^\$ {tool} policy explain ", "^  exit code 0$", rf"^\$ {tool} policy explain ",
+        "column is denied by MCP policy", "^  exit code 1$",
+        rf"^\$ {tool} policy test ", "^  1..3$", "^  ok 3 - no writes$", "^  exit code 0$",
+        rf"^\$ {tool} policy diff ", "MAINTAINER", "^  exit code 1$",
+        rf"^\$ {tool} audit report ", "^  exit code 0$"])
+    place = re.search(r"^The report of this session: (.*)$", text, re.M)
+    assert place is not None
+    page = Path(place[1]).read_text("utf-8")
+    # The calls of all acts, and who approved the one at the desk.
+    for words in ("kova_text_search", "desk-client", "sample-client", "approval_accepted",
+                  "the package&#39;s maintainer asked for it"):
+        assert words in page
+    assert STATE in Path(place[1]).parents
 
 
 def appear_in_order(text: str, patterns: list[str]) -> None:
@@ -354,7 +373,8 @@ def test_help_fits_a_screen() -> None:
     for words in ("./run windows", "./run serve", "without root", "protocol only",
                   "A second run starts within seconds", "Nothing is left running",
                   "the operator's approval", "kill switch", "approval-secret", "AI search",
-                  "The operator's desk: kova-admin"):
+                  "The operator's desk: kova-admin",
+                  "the report of the session"):
         assert words in done.stdout
 
 
