@@ -185,7 +185,7 @@ def rings(quick: bool) -> list[Step]:
         python_ring("e2e", "asan", "tests/e2e", "not shipped_build and not endurance", *two),
         python_ring("endurance", "asan", "tests/e2e", "endurance and not shipped_build"),
         unit("tsan"),
-        python_ring("e2e", "tsan", "tests/e2e", "threads or desk", *two),
+        python_ring("e2e", "tsan", "tests/e2e", "threads", *two),
         Step("fuzz", [Command(["ctest", "--test-dir", "build/fuzz/tests/fuzz",
                                "--output-on-failure", "--output-junit", str(fuzz_results)],
                               fuzz_results)], ("build-fuzz",)),

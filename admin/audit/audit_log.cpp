@@ -10,7 +10,7 @@ namespace kova::admin {
 
 namespace {
 
-constexpr UnixMs kGapMs = 24 * 3600 * 1000;
+constexpr UnixMs kGapMs = 86400000;
 constexpr UnixMs kStepMs = 2000;
 
 }  // namespace

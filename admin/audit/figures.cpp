@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::string_view kWriteTool = "kova_execute";
 constexpr std::string_view kQueryTool = "kova_query";
-constexpr UnixMs kHourMs = 3600 * 1000;
+constexpr UnixMs kHourMs = 3600000;
 /// Bits of a number of a TextTable.
 constexpr unsigned kIdBits = 13;
 constexpr std::uint64_t kIdMask = (1U << kIdBits) - 1;

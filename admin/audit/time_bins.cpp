@@ -6,7 +6,7 @@ namespace kova::admin {
 
 namespace {
 
-constexpr UnixMs kMinute = 60 * 1000;
+constexpr UnixMs kMinute = 60000;
 constexpr UnixMs kHour = 60 * kMinute;
 constexpr UnixMs kDay = 24 * kHour;
 /// Each is a multiple of the one before.

@@ -1,5 +1,6 @@
 #include "admin/doctor/audit_check.h"
 
+#include <filesystem>
 #include <string>
 
 #include <fmt/format.h>
@@ -143,7 +144,7 @@ Check check_audit(UnixMs now) {
                     "off",
                     path.size(), kPathCapacity),
         "choose a shorter path");
-  } else if (!is_canonical_path(path.c_str())) {
+  } else if (!std::filesystem::path(path).is_absolute()) {
     findings.warn(fmt::format("{} is no absolute path: it depends on the current folder", path),
                   "give the absolute path");
   } else {

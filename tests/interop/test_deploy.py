@@ -281,5 +281,6 @@ def test_the_sample_entry_names_what_run_takes() -> None:
 
 def test_the_readme_names_every_file() -> None:
     text = (DEPLOY / "README.md").read_text("utf-8")
-    others = [path.name for path in DEPLOY.iterdir() if path.name != "README.md"]
+    others = [path.name + "/" * path.is_dir() for path in DEPLOY.iterdir()
+              if path.name != "README.md"]
     assert len(others) >= 13 and all(f"`{name}`" in text for name in others)

@@ -194,7 +194,7 @@ def test_the_fourth_act(played: Played, target: Target) -> None:
         "# The name is mended.", rf"^\$ {tool} doctor --env ", r"^  and \d+ of 18 checks are ok$",
         '"args": ["serve", "--env",',
         '"text": "operator approval is required for this exact normalized operation"',
-        rf"^\$ {tool} approve --env ", "--digest ", "The canonical statement", "Reason: ",
+        rf"^\$ {tool} approve --env ", "--digest", "The canonical statement", "Reason: ",
         "Type yes: yes", "^  exit code 0$", r"^  .*token: v1\.\d+\.[0-9a-f]{32}\.",
         '"status": "1 row inserted"',
         '"text": "approval token was already used or replay state is unavailable"',

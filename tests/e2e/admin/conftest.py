@@ -11,8 +11,6 @@ from harness.operator_desk import Desk, desks
 from harness.policy_desk import PolicyDesk
 from harness.targets import Target
 
-HERE = Path(__file__).resolve().parent
-
 
 @pytest.fixture
 def desk(target: Target, tmp_path: Path) -> Iterator[Desk]:
@@ -23,11 +21,3 @@ def desk(target: Target, tmp_path: Path) -> Iterator[Desk]:
 def authors(target: Target, tmp_path: Path) -> PolicyDesk:
     """What one who writes policies has."""
     return PolicyDesk(target, tmp_path)
-
-
-@pytest.hookimpl(tryfirst=True)
-def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """Marks the tests of this folder, before others are left out by their marks."""
-    for item in items:
-        if HERE in item.path.parents:
-            item.add_marker("desk")
