@@ -8,14 +8,31 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin": [
       "approve",
       "approvals",
+      "audit",
       "doctor",
       "init",
+      "policy",
       "serve",
       "help"
     ],
     "kova-admin approvals": [
       "list",
       "clean"
+    ],
+    "kova-admin audit": [
+      "report",
+      "tail",
+      "export",
+      "seal",
+      "verify"
+    ],
+    "kova-admin policy": [
+      "check",
+      "diff",
+      "explain",
+      "lint",
+      "schema",
+      "test"
     ]
   },
   "options": {
@@ -49,6 +66,40 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "--journal",
       "--dry-run"
     ],
+    "kova-admin audit": [
+      "--help"
+    ],
+    "kova-admin audit report": [
+      "--help",
+      "--format",
+      "--output",
+      "--journal",
+      "--since",
+      "--until",
+      "--client",
+      "--tool"
+    ],
+    "kova-admin audit tail": [
+      "--help",
+      "--lines"
+    ],
+    "kova-admin audit export": [
+      "--help",
+      "--to",
+      "--output",
+      "--since",
+      "--until",
+      "--client",
+      "--tool"
+    ],
+    "kova-admin audit seal": [
+      "--help",
+      "--to"
+    ],
+    "kova-admin audit verify": [
+      "--help",
+      "--kept"
+    ],
     "kova-admin doctor": [
       "--help",
       "--env",
@@ -75,6 +126,45 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "--offline",
       "--json"
     ],
+    "kova-admin policy": [
+      "--help"
+    ],
+    "kova-admin policy check": [
+      "--help",
+      "--env",
+      "--other-host",
+      "--json"
+    ],
+    "kova-admin policy diff": [
+      "--help",
+      "--env",
+      "--other-host",
+      "--json",
+      "--fail-on-widening"
+    ],
+    "kova-admin policy explain": [
+      "--help",
+      "--env",
+      "--other-host",
+      "--markdown",
+      "--json"
+    ],
+    "kova-admin policy lint": [
+      "--help",
+      "--env",
+      "--other-host",
+      "--json"
+    ],
+    "kova-admin policy schema": [
+      "--help"
+    ],
+    "kova-admin policy test": [
+      "--help",
+      "--env",
+      "--other-host",
+      "--junit",
+      "--fail-on-empty"
+    ],
     "kova-admin serve": [
       "--help",
       "--env",
@@ -92,6 +182,22 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin approvals list --journal": "FILE",
     "kova-admin approvals clean --env": "FILE",
     "kova-admin approvals clean --journal": "FILE",
+    "kova-admin audit report --format": "TEXT",
+    "kova-admin audit report --output": "FILE",
+    "kova-admin audit report --journal": "FILE",
+    "kova-admin audit report --since": "TEXT",
+    "kova-admin audit report --until": "TEXT",
+    "kova-admin audit report --client": "TEXT",
+    "kova-admin audit report --tool": "TEXT",
+    "kova-admin audit tail --lines": "TEXT",
+    "kova-admin audit export --to": "TEXT",
+    "kova-admin audit export --output": "FILE",
+    "kova-admin audit export --since": "TEXT",
+    "kova-admin audit export --until": "TEXT",
+    "kova-admin audit export --client": "TEXT",
+    "kova-admin audit export --tool": "TEXT",
+    "kova-admin audit seal --to": "TEXT",
+    "kova-admin audit verify --kept": "TEXT",
     "kova-admin doctor --env": "FILE",
     "kova-admin doctor --server": "FILE",
     "kova-admin init --folder": "FOLDER",
@@ -109,6 +215,17 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin init --writes": "none approval",
     "kova-admin init --transport": "stdio http",
     "kova-admin init --http-port": "TEXT",
+    "kova-admin policy check --env": "FILE",
+    "kova-admin policy check <": "FILE",
+    "kova-admin policy diff --env": "FILE",
+    "kova-admin policy diff <": "FILE",
+    "kova-admin policy explain --env": "FILE",
+    "kova-admin policy explain <": "FILE",
+    "kova-admin policy lint --env": "FILE",
+    "kova-admin policy lint <": "FILE",
+    "kova-admin policy test --env": "FILE",
+    "kova-admin policy test --junit": "FILE",
+    "kova-admin policy test <": "FILE",
     "kova-admin serve --env": "FILE",
     "kova-admin serve --http": "TEXT"
   }
