@@ -91,11 +91,13 @@ def test_no_record_goes_into_the_protocol(target, policy, tmp_path, name):
     (tmp_path / "link").symlink_to(output)
     os.link(output, tmp_path / "hard")
     audit = name if name.startswith("/") else tmp_path / name
-    first, first_id = in_worker(1)
-    second, second_id = in_server(2)
-    got = replies_of(target, executable, {**policy(), "KOVA_MCP_AUDIT": audit},
-                     request("initialize", "init", {}) + first + second, output)
-    assert got.partition(b"\n")[2] == tool_success_reply(first_id, LISTED) + tool_success_reply(second_id, LISTED)
+    env = {**policy(), "KOVA_MCP_AUDIT": audit}
+    # One call a server: a second one that comes while the first runs is refused as busy.
+    for message, raw_id in (in_worker(1), in_server(2)):
+        output.write_bytes(b"")
+        got = replies_of(target, executable, env, request("initialize", "init", {}) + message,
+                         output)
+        assert got.partition(b"\n")[2] == tool_success_reply(raw_id, LISTED)
 
 
 def test_no_record_goes_into_a_protocol_pipe(start, policy):
