@@ -7,6 +7,7 @@
 
 #include "admin/audit/html.h"
 #include "admin/audit/report_formats.h"
+#include "admin/common/markup.h"
 
 namespace kova::admin {
 
@@ -32,7 +33,7 @@ std::string opening(const ChartTitle& title, double height) {
   return fmt::format(
       "<svg class=\"chart\" viewBox=\"0 0 {:g} {:g}\" role=\"img\" aria-labelledby=\"{}-t {}-d\">"
       "<title id=\"{}-t\">{}</title><desc id=\"{}-d\">{}</desc>",
-      kWidth, height, title.id, title.id, title.id, html_escape(title.title), title.id,
+      kWidth, height, title.id, title.id, title.id, escape_markup(title.title), title.id,
       html_text(title.description));
 }
 
@@ -114,8 +115,8 @@ std::string bar_chart(const ChartTitle& title, const std::vector<BarRow>& rows, 
   for (const BarRow& row : rows) {
     svg +=
         fmt::format("<g><title>{}: {}</title><text class=\"end\" x=\"{:g}\" y=\"{:g}\">{}</text>",
-                    html_text(row.label), html_escape(row.value), kLabelWidth - 6,
-                    y + kBarHeight - 2, html_escape(bar_label(row.label)));
+                    html_text(row.label), escape_markup(row.value), kLabelWidth - 6,
+                    y + kBarHeight - 2, escape_markup(bar_label(row.label)));
     double x = kLabelWidth;
     const std::uint64_t sum = std::max<std::uint64_t>(sum_of(row.parts), 1);
     const double length = kBarWidth * scaled(sum_of(row.parts), scale) / scaled(largest, scale);
@@ -126,7 +127,7 @@ std::string bar_chart(const ChartTitle& title, const std::vector<BarRow>& rows, 
       x += width;
     }
     svg += fmt::format("<text x=\"{:.2f}\" y=\"{:g}\">{}</text></g>", kLabelWidth + length + 5,
-                       y + kBarHeight - 2, html_escape(row.value));
+                       y + kBarHeight - 2, escape_markup(row.value));
     y += kRowHeight;
   }
   return svg + "</svg>\n";
@@ -157,7 +158,7 @@ std::string column_chart(const ChartTitle& title, const std::vector<Column>& col
       const bool at_right = x > kPlotLeft + kPlotWidth * 0.75;
       svg += fmt::format("<text class=\"{}\" x=\"{:.2f}\" y=\"{:g}\">{}</text>",
                          at_right ? "end" : "start", at_right ? x + width : x,
-                         kPlotTop + kPlotHeight + 16, html_escape(column.label));
+                         kPlotTop + kPlotHeight + 16, escape_markup(column.label));
     }
     x += step;
   }

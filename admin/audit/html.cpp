@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "admin/audit/report_formats.h"
+#include "admin/common/markup.h"
 #include "admin/common/refusal.h"
 #include "platform/crypto.h"
 
@@ -30,34 +31,8 @@ std::string base64(const std::uint8_t* bytes, std::size_t size) {
 
 }  // namespace
 
-std::string html_escape(std::string_view text) {
-  std::string escaped;
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      case '\'':
-        escaped += "&#39;";
-        break;
-      default:
-        escaped += c;
-    }
-  }
-  return escaped;
-}
-
 std::string html_text(std::string_view text) {
-  return html_escape(shown(text));
+  return escape_markup(shown(text));
 }
 
 std::string content_hash(std::string_view text) {

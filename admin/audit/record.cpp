@@ -114,70 +114,6 @@ bool parse_number(std::string_view text, std::uint64_t& value) {
   return error == std::errc() && end == text.data() + text.size();
 }
 
-/// Writes a code point that is no surrogate in UTF-8 and returns the end.
-char* write_utf8(std::uint32_t code, char* out) {
-  const auto byte = [](std::uint32_t value) { return static_cast<char>(value); };
-  if (code < 0x80) {
-    *out++ = byte(code);
-  } else if (code < 0x800) {
-    *out++ = byte(0xC0U | (code >> 6U));
-    *out++ = byte(0x80U | (code & 0x3FU));
-  } else if (code < 0x10000) {
-    *out++ = byte(0xE0U | (code >> 12U));
-    *out++ = byte(0x80U | ((code >> 6U) & 0x3FU));
-    *out++ = byte(0x80U | (code & 0x3FU));
-  } else {
-    *out++ = byte(0xF0U | (code >> 18U));
-    *out++ = byte(0x80U | ((code >> 12U) & 0x3FU));
-    *out++ = byte(0x80U | ((code >> 6U) & 0x3FU));
-    *out++ = byte(0x80U | (code & 0x3FU));
-  }
-  return out;
-}
-
-/// Takes four digits, and the second half of a pair of surrogates. False for half a pair.
-bool take_code_point(std::string_view& digits, std::uint32_t& code) {
-  constexpr std::size_t kPair = 10;
-  if (!json_hex4(digits.data(), code)) return false;
-  if (code >= 0xD800 && code < 0xE000) {
-    std::uint32_t low = 0;
-    if (code >= 0xDC00 || digits.size() < kPair || digits.substr(4, 2) != "\\u" ||
-        !json_hex4(digits.data() + 6, low) || low < 0xDC00 || low > 0xDFFF) {
-      return false;
-    }
-    code = 0x10000U + ((code - 0xD800U) << 10U) + (low - 0xDC00U);
-    digits.remove_prefix(6);
-  }
-  digits.remove_prefix(4);
-  return true;
-}
-
-/// Decodes the source text of a string that was parsed; a NUL in it is a character like others,
-/// which json_get_string could not tell from the end. Moves `out` to the end of what it wrote.
-bool decode(std::string_view raw, char*& out) {
-  constexpr std::string_view kLetters = "bfnrt";
-  constexpr std::string_view kControls = "\b\f\n\r\t";
-  while (!raw.empty()) {
-    const char c = raw.front();
-    raw.remove_prefix(1);
-    if (c != '\\') {
-      *out++ = c;
-      continue;
-    }
-    const char letter = raw.front();
-    raw.remove_prefix(1);
-    if (letter == 'u') {
-      std::uint32_t code = 0;
-      if (!take_code_point(raw, code)) return false;
-      out = write_utf8(code, out);
-      continue;
-    }
-    const std::size_t control = kLetters.find(letter);
-    *out++ = control != kLetters.npos ? kControls[control] : letter;
-  }
-  return true;
-}
-
 /// The value of two digits, or -1.
 int two_digits(const char* p) {
   return is_digit(p[0]) && is_digit(p[1]) ? (p[0] - '0') * 10 + (p[1] - '0') : -1;
@@ -249,7 +185,7 @@ bool AuditRecordReader::read_text(const JsonDoc& doc, int value, std::string_vie
   if (text.find('\\') == text.npos) return true;
   char* const begin = decoded_.data() + decoded_size_;
   char* end = begin;
-  if (!decode(text, end)) return false;
+  if (!json_decode(text, end, decoded_.data() + decoded_.size())) return false;
   text = {begin, static_cast<std::size_t>(end - begin)};
   decoded_size_ += text.size();
   return true;

@@ -13,6 +13,7 @@
 #include "admin/audit/report_formats.h"
 #include "admin/audit/report_style.h"
 #include "admin/common/json_output.h"
+#include "admin/common/markup.h"
 
 namespace kova::admin {
 
@@ -89,7 +90,7 @@ class HtmlReport {
     out_.write("</style>\n</head>\n<body>\n<header><h1>Audit report</h1>\n<p>" + span_text() +
                "</p>\n");
     for (const std::string& sentence : filter_sentences(frame_.filter)) {
-      out_.write("<p>" + html_escape(sentence) + "</p>\n");
+      out_.write("<p>" + escape_markup(sentence) + "</p>\n");
     }
     out_.write("</header>\n<nav aria-label=\"Sections\"><ul>");
     constexpr const char* kSections[][2] = {
@@ -174,7 +175,7 @@ class HtmlReport {
 
   void figure(const char* title, const std::string& chart, const std::string& note) {
     out_.write(fmt::format("<figure><h3>{}</h3>\n{}<figcaption>{}</figcaption></figure>\n", title,
-                           chart, html_escape(note)));
+                           chart, escape_markup(note)));
   }
 
   static std::string tip(const std::string& when, const Bin& bin) {
@@ -291,7 +292,7 @@ class HtmlReport {
     out_.write(
         fmt::format("<div class=\"scroll\" role=\"region\" tabindex=\"0\" "
                     "aria-label=\"{}\"><table><caption>{}</caption><thead><tr>",
-                    html_escape(caption), html_escape(caption)));
+                    escape_markup(caption), escape_markup(caption)));
     for (const Heading& heading : headings) {
       out_.write(fmt::format("<th scope=\"col\"{}>{}</th>",
                              heading.is_number ? " class=\"number\"" : "", heading.text));
@@ -416,7 +417,7 @@ class HtmlReport {
     section("missing", "What the audit cannot contain");
     out_.write("<ul>");
     for (const std::string_view sentence : what_is_missing()) {
-      out_.write("<li>" + html_escape(sentence) + "</li>\n");
+      out_.write("<li>" + escape_markup(sentence) + "</li>\n");
     }
     out_.write("</ul>\n");
     end_section();

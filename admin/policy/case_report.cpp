@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "admin/common/json_output.h"
+#include "admin/common/markup.h"
 #include "admin/common/printable.h"
 #include "admin/common/utf8.h"
 
@@ -70,26 +71,7 @@ std::string yaml_block(const CaseOutcome& outcome) {
 }
 
 std::string xml_text(std::string_view text) {
-  std::string escaped;
-  for (const char c : printable(text)) {
-    switch (c) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      default:
-        escaped += c;
-    }
-  }
-  return escaped;
+  return escape_markup(printable(text));
 }
 
 std::string failure_text(const CaseOutcome& outcome) {

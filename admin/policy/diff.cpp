@@ -129,8 +129,8 @@ RunCommand add_policy_diff(CLI::App& parser) {
       ->type_name("FILE")
       ->check(not_empty());
   parser.add_flag("--json", options->json,
-                  R"(Print {"widened":[{"key","value"}],"narrowed":[...],)"
-                  R"("changed":[{"key","old","new"}],"flips":[{"case","old","new"}]})");
+                  R"(Print {"widened": [{"key", "value"}], "narrowed": [...], )"
+                  R"("changed": [{"key", "old", "new"}], "flips": [{"case", "old", "new"}]})");
   parser.add_flag("--fail-on-widening", options->fail_on_widening,
                   "End with 1 only when something widened");
   parser.footer(

@@ -141,6 +141,11 @@ class JsonElements {
 /// sees the text end there.
 [[nodiscard]] bool json_get_string(const JsonDoc& doc, int index, TextOut out);
 
+/// Unescapes the source text of a string token to [target, target_end) and moves `target` behind
+/// it; an escaped NUL is a byte like others. False for a text that does not fit and a malformed
+/// escape.
+[[nodiscard]] bool json_decode(std::string_view raw, char*& target, const char* target_end);
+
 /// A string as json_get_string gives it, any other token's source text.
 [[nodiscard]] bool json_get_scalar_text(const JsonDoc& doc, int index, TextOut out);
 

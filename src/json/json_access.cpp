@@ -93,22 +93,6 @@ int decode_escape(std::string_view raw, std::size_t& position, unsigned char (&o
   return encode_utf8(code, out);
 }
 
-/// Decodes a string's source text to [target, target_end) and moves `target` behind it. False for a
-/// malformed escape and for a text that does not fit.
-bool decode_string(std::string_view raw, char*& target, const char* target_end) {
-  for (std::size_t position = 0;;) {
-    const std::string_view run = slice(raw, position, raw.find('\\', position) - position);
-    if (static_cast<std::ptrdiff_t>(run.size()) > target_end - target) return false;
-    target = std::copy(run.begin(), run.end(), target);
-    position += run.size();
-    if (position == raw.size()) return true;
-    unsigned char bytes[4];
-    const int count = decode_escape(raw, position, bytes);
-    if (count == 0 || count > target_end - target) return false;
-    for (int i = 0; i < count; ++i) *target++ = static_cast<char>(bytes[i]);
-  }
-}
-
 /// Reads a decimal without exponent, of at most 15 significant digits and 22 fractional ones; false
 /// leaves `number`. Both the digits and the power of ten are exact, so the one division rounds
 /// correctly (Clinger, "How to read floating point numbers accurately", 1990).
@@ -189,11 +173,25 @@ int json_find(const JsonDoc& doc, int object, std::string_view key) {
   return -1;
 }
 
+bool json_decode(std::string_view raw, char*& target, const char* target_end) {
+  for (std::size_t position = 0;;) {
+    const std::string_view run = slice(raw, position, raw.find('\\', position) - position);
+    if (static_cast<std::ptrdiff_t>(run.size()) > target_end - target) return false;
+    target = std::copy(run.begin(), run.end(), target);
+    position += run.size();
+    if (position == raw.size()) return true;
+    unsigned char bytes[4];
+    const int count = decode_escape(raw, position, bytes);
+    if (count == 0 || count > target_end - target) return false;
+    for (int i = 0; i < count; ++i) *target++ = static_cast<char>(bytes[i]);
+  }
+}
+
 bool json_get_string(const JsonDoc& doc, int index, TextOut out) {
   if (!doc.is(index, JsonType::kString)) return false;
   const std::string_view raw = doc.raw(index);
   char* target = out.data();
-  const bool decoded = decode_string(raw, target, target + out.capacity() - 1);
+  const bool decoded = json_decode(raw, target, target + out.capacity() - 1);
   *target = '\0';
   return decoded;
 }
