@@ -210,8 +210,8 @@ bool AuditRecordReader::read_time(std::string_view text, AuditRecord& record) {
       !is_digit(p[22])) {
     return false;
   }
-  record.time = day_ + std::int64_t{1000} * ((hour * 60 + minute) * 60 + second) + hundredths * 10 +
-                (p[22] - '0');
+  record.time = day_ + std::int64_t{1000} * ((hour * 60 + minute) * 60 + second) +
+                std::int64_t{10} * hundredths + (p[22] - '0');
   return true;
 }
 
