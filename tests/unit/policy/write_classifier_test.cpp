@@ -9,6 +9,7 @@
 #include "support/digest_failure.h"
 #include "support/reference_digest.h"
 #include "unit/policy/classified.h"
+#include "unit/policy/letters.h"
 
 namespace kova::testing {
 namespace {
@@ -17,13 +18,6 @@ constexpr const char* kProhibitedWords[] = {
     "CREATE",      "DROP", "ALTER",    "GRANT", "REVOKE", "COMMIT", "ROLLBACK",
     "TRANSACTION", "EXEC", "EXECUTE",  "CALL",  "RUN",    "LOAD",   "IMPORT",
     "EXPORT",      "SYNC", "PROVIDER", "LOGIN", "LOGOUT", "USE"};
-
-std::string lower(std::string text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return text;
-}
 
 TEST_F(WriteClassifier, FillsEveryText) {
   EXPECT_TRUE(classify("  insert   into   orders (id, note) values (1, 'a  B')  ;  "));
