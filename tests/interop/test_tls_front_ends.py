@@ -103,7 +103,7 @@ def session_of(answer: Answer) -> dict[str, str]:
 
 
 def answers(caller: Caller, session: dict[str, str]) -> bool:
-    """Whether a ping, whose id must be fresh, is answered in the session; 404 if not."""
+    """Whether a ping, whose id must be fresh, gets its reply in the session; 404 if not."""
     name = uuid.uuid4().hex
     got = caller.ask(request("ping", name).rstrip(), headers=session)
     if got.status == 404:

@@ -280,7 +280,7 @@ TEST_F(StdioServer, ACancelWhileIdleIsIgnored) {
 }
 
 // --- tool calls -------------------------------------------------------------------------------
-// The child of these tests answers with the line it was given, unless kWorkerMode says otherwise.
+// The child of these tests replies with the line it was given, unless kWorkerMode says otherwise.
 
 TEST_F(StdioServer, ACallGoesToAChild) {
   state_.Initialized = false;

@@ -81,9 +81,9 @@ TEST_F(WriteProperties, LiteralsAreKept) {
   }
 }
 
-// Bytes at random: one answer, the same one twice, and never a text that is not its own normal
+// Random bytes: the same verdict twice, and never a canonical text that is not its own canonical
 // form.
-TEST_F(WriteProperties, AnyBytesGetOneAnswer) {
+TEST_F(WriteProperties, AnyBytesGetOneVerdict) {
   static constexpr const char* kParts[] = {
       "'",      "''",   ";", "--",   "/*", "#",    " ", "\n", "update", "t", "insert", "into",
       "delete", "from", "(", "drop", "\"", "\x80", "9", "_",  "-",      "/", "*"};

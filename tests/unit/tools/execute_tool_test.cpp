@@ -225,7 +225,7 @@ TEST_F(Approved, TheAnswerIsOneExactLine) {
             "\"policy\":\"Demo_1\",\"maximum_ttl_seconds\":30},\"isError\":true}}\n");
 }
 
-// The answer depends neither on the secret nor on the state directory.
+// The result depends neither on the secret nor on the state directory.
 TEST_F(Approved, AsksWithoutASecret) {
   secret_variable.unset();
   TextOut(policy->approval_state_directory).copy_cut(state.file("gone"));
@@ -369,7 +369,7 @@ TEST_F(Approved, ThePolicyStandsBeforeTheToken) {
   EXPECT_EQ(marker_count(), 0U);
 }
 
-// What is approved is what runs: the digest in the answer is that of the bytes which the token lets
+// What is approved is what runs: the digest in the reply is that of the bytes which the token lets
 // through.
 TEST_F(Approved, TheExecutedBytesAreTheApprovedOnes) {
   fill(policy->write_tables, {"T", "ORDERS", "LOG"});
