@@ -7,7 +7,6 @@ import json
 import math
 import sqlite3
 import subprocess
-import time
 from contextlib import closing
 from pathlib import Path
 from typing import Iterator
@@ -353,7 +352,7 @@ def test_temporary_tables_end_with_a_client_that_is_killed(docs: Session, engine
     process = client.start(engine.port, "SEARCH AI DOCS TEXT 'red car' TOP 2 INTO TEMP HITS;",
                            f"SELECT COUNT(*) FROM HITS, {ENDLESS};", database="docs")
     wait_until(lambda: status(docs, "DOCS")["TEMPORARY_TABLES"] == "1")
-    time.sleep(0.1)
+    engine.wait_until_busy(engine.cpu_seconds())
     assert process.poll() is None
     process.kill()
     process.communicate(timeout=TIMEOUT)

@@ -115,8 +115,9 @@ def test_a_signal_stops_it_in_the_middle_of_everything(start_engine: Callable[..
     half.sendall(b"\0\0")
     Session(greeted).greet()
     session = Session(busy).greet().login()
+    before = engine.cpu_seconds()
     session.start(f"SELECT COUNT(*) FROM {ENDLESS};")
-    time.sleep(0.1)
+    engine.wait_until_busy(before)
     started = time.monotonic()
     assert engine.stop(how) == 0
     assert time.monotonic() - started < 5
@@ -165,7 +166,7 @@ def test_a_busy_database_is_waited_for(engine: Engine) -> None:
             assert session.run("list table;").success
             other.execute("BEGIN IMMEDIATE")
             session.start("DELETE FROM ITEMS;")
-            time.sleep(0.3)
+            wait_until(lambda: engine.has_read(session.socket))
             with engine.session() as reader:
                 assert reader.all_rows("SELECT COUNT(*) FROM ITEMS;") == [["3"]]
             other.execute("COMMIT")

@@ -113,7 +113,7 @@ def test_requests_may_arrive_byte_by_byte_and_all_at_once(engine: Engine) -> Non
         session = Session(connection)
         for byte in hello():
             session.send(bytes([byte]))
-            time.sleep(0.002)
+            wait_until(lambda: engine.has_read(connection))
         assert session.receive()[0] == WELCOME
         session.login()
         session.send(b"".join(frame(EXEC, struct.pack(">I", 1) + text(f"SELECT {number};"))
@@ -160,7 +160,7 @@ def test_who_does_not_log_in_in_time_is_dropped(start_engine: Callable[..., Engi
         assert idle.at_end(), "but has to finish a message"
 
 
-def test_who_does_not_take_an_answer_in_time_is_dropped(
+def test_who_does_not_take_a_reply_in_time_is_dropped(
         start_engine: Callable[..., Engine]) -> None:
     engine = start_engine("--timeout", "1")
     with engine.session() as lazy:

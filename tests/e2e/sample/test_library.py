@@ -138,7 +138,7 @@ def test_an_engine_that_dies_fails_the_statement(engine: Engine, client: Client,
                                                  how: int) -> None:
     process = client.start(engine.port, f"SELECT COUNT(*) FROM {ENDLESS};", "SELECT 1;")
     wait_until(lambda: engine.logged("LOGIN -> OK"))
-    time.sleep(0.3)
+    engine.wait_until_busy(engine.cpu_seconds())
     engine.stop(how)
     result = client.finish(process)
     assert result.code == 1 and result.lines[-1:] == LOST
