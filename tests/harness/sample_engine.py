@@ -164,7 +164,7 @@ class Reply:
     names: list[str] = field(default_factory=list)
     rows: list[list[str | None]] = field(default_factory=list)
     end: int = END
-    words: str = ""
+    message: str = ""
 
 
 class Payload:
@@ -241,9 +241,9 @@ class Session:
         """Reads a refusal and the end of the connection; returns the message."""
         kind, payload = self.receive()
         assert kind == REFUSED
-        words = payload.text()
+        message = payload.text()
         assert self.at_end()
-        return words
+        return message
 
     def greet(self) -> "Session":
         self.send(hello())
@@ -285,14 +285,14 @@ class Session:
         while reply.end == MORE:
             reply = self.fetch()
             rows += reply.rows
-        assert reply.end == END, reply.words
+        assert reply.end == END, reply.message
         return rows
 
     def _rows(self, reply: Reply, payload: Payload, number: int) -> Reply:
         for _ in range(payload.number(2)):
             reply.rows.append([payload.text() for _ in range(self.columns[number])])
         reply.end = payload.number(1)
-        reply.words = payload.text()
+        reply.message = payload.text()
         assert payload.data == b""
         return reply
 

@@ -117,7 +117,7 @@ SHOW_FORM = "expected: show ai status NAME; show ai jobs for NAME; or show ai pr
 ZEROS = ",".join(["0"] * DIMENSION)
 
 
-@pytest.mark.parametrize("statement, words", [
+@pytest.mark.parametrize("statement, message", [
     ("SEARCH", SEARCH_FORM),
     ("SEARCH DOCS TEXT 'x' TOP 1", SEARCH_FORM),
     ("SEARCH AI DOCS TEXT x TOP 1", SEARCH_FORM),
@@ -155,9 +155,9 @@ ZEROS = ",".join(["0"] * DIMENSION)
     ("SHOW AI JOBS FOR NOTHING", "no such collection: NOTHING"),
     ("SHOW AI PROVIDER ELSEWHERE", "no such provider: ELSEWHERE"),
 ])
-def test_what_is_refused_has_words(docs: Session, statement: str, words: str) -> None:
+def test_what_is_refused_has_a_message(docs: Session, statement: str, message: str) -> None:
     reply = docs.run(statement + ";")
-    assert (reply.success, reply.status) == (False, words)
+    assert (reply.success, reply.status) == (False, message)
 
 
 def test_a_database_without_collections_has_none(engine: Engine) -> None:

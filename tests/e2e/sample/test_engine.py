@@ -46,7 +46,7 @@ def test_help_is_one_screen(executable: Path) -> None:
         assert any(line.strip().startswith(option) for line in lines), option
 
 
-@pytest.mark.parametrize("arguments, words", [
+@pytest.mark.parametrize("arguments, message", [
     (["--nonsense"], "unknown option --nonsense"),
     (["--port"], "missing value after --port"),
     (["--port", "65536"], "--port takes a number from 0 to 65535"),
@@ -61,12 +61,12 @@ def test_help_is_one_screen(executable: Path) -> None:
     (["stray"], "unexpected argument stray"),
 ])
 def test_bad_arguments_are_one_line(executable: Path, tmp_path: Path, arguments: list[str],
-                                    words: str) -> None:
+                                    message: str) -> None:
     users = tmp_path / "users"
     users.write_text("a:b\n")
     result = run_engine(executable, "--data", str(tmp_path), "--users", str(users), *arguments)
     assert result.returncode == 2
-    assert result.stderr == f"kova-sample-engine: {words}; try --help\n"
+    assert result.stderr == f"kova-sample-engine: {message}; try --help\n"
     assert result.stdout == ""
 
 

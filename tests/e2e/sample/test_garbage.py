@@ -50,7 +50,7 @@ def test_another_version_is_refused(engine: Engine) -> None:
         assert session.refusal() == "the version is not known"
 
 
-@pytest.mark.parametrize("request_frame, words", [
+@pytest.mark.parametrize("request_frame, message", [
     (frame(0, b""), "the frame is not known"),
     (frame(99, b""), "the frame is not known"),
     (frame(OUTCOME, b""), "the frame is not known"),
@@ -71,10 +71,10 @@ def test_another_version_is_refused(engine: Engine) -> None:
 ], ids=["type 0", "type 99", "reply type", "second hello", "no object", "no statement",
         "unterminated", "trailing", "text end", "null", "longest text", "fetch short",
         "fetch long", "fetch unknown", "release short", "over the limit", "largest"])
-def test_a_malformed_request_is_refused(engine: Engine, request_frame: bytes, words: str) -> None:
+def test_a_malformed_request_is_refused(engine: Engine, request_frame: bytes, message: str) -> None:
     with engine.session() as other, engine.session() as session:
         session.send(request_frame)
-        assert session.refusal() == words
+        assert session.refusal() == message
         assert other.all_rows("SELECT 1;") == [["1"]]
 
 

@@ -132,7 +132,7 @@ TEST_F(ToolCalls, WithoutAPolicyListsComeFromTheEngine) {
   }
 }
 
-TEST_F(ToolCalls, EnginesListsFailInTheEnginesWords) {
+TEST_F(ToolCalls, EnginesListsFailWithTheEnginesMessage) {
   use_no_policy();
   library.answer("list table;", {.code = 0, .status = "catalog \"gone\""});
   EXPECT_EQ(call("kova_list_tables"), tool_error("catalog \"gone\""));
