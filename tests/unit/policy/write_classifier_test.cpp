@@ -253,7 +253,7 @@ TEST_F(WriteClassifier, AProhibitedTableIsFirstATable) {
   expect_write("UPDATE 'load' SET A = 1", "UPDATE", "LOAD");
 }
 
-// --- policy: the gate -------------------------------------------------------------------------
+// --- policy: whether writes are allowed -------------------------------------------------------
 
 TEST_F(WriteClassifier, WritesMustBeOn) {
   static constexpr char kSql[] = "UPDATE T SET A = 1";

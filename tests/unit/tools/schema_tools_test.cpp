@@ -143,7 +143,7 @@ TEST_F(ToolCalls, EnginesListsFailWithTheEnginesMessage) {
             tool_error("authenticated Vantreo profile is unavailable"));
 }
 
-// The frame's gate stands before it; called alone, the tool has its own.
+// The frame asks before it; called alone, the tool asks itself.
 TEST_F(ToolCalls, AListAloneHeedsDisabledReads) {
   policy->reads_enabled = false;
   JsonToken tokens[8];
