@@ -104,8 +104,8 @@ def test_writes_say_how_many_rows_and_last(engine: Engine, client: Client) -> No
     ("SELECTED;", "unknown statement: SELECTED"),
     (" ; ", "the statement is empty"),
 ])
-def test_what_is_refused_has_words(engine: Engine, client: Client, statement: str,
-                                   message: str) -> None:
+def test_what_is_refused_has_a_message(engine: Engine, client: Client, statement: str,
+                                       message: str) -> None:
     result = client.run(engine.port, statement)
     assert (result.code, result.lines) == (1, ["error: " + message])
     assert read_database(engine.data / "shop.db", "SELECT COUNT(*) FROM ITEMS") == [(3,)]

@@ -249,7 +249,7 @@ def test_members_that_stand_twice(tools):
 
 
 @pytest.mark.parametrize("byte", sorted(set(range(1, 32)) - {9, 10, 13}))
-def test_a_control_byte_has_words_of_its_own(tools, byte):
+def test_a_control_byte_has_a_message_of_its_own(tools, byte):
     hybrid(tools, text=f"a{chr(byte)}b").is_error(HYBRID_TEXT)
 
 
