@@ -256,7 +256,7 @@ TEST_F(HybridSearch, TheChecksStandInOrder) {
 }
 
 // The frame looks at the columns' names before the tool looks at anything.
-TEST_F(HybridSearch, AnUnsafeColumnIsRefusedByTheGate) {
+TEST_F(HybridSearch, AnUnsafeColumnIsRefusedByThePolicyCheck) {
   EXPECT_EQ(search("5", "[\"A-B\"]", "0"), tool_error("hybrid column is denied by MCP policy"));
   expect_audit("allow", "");
 }

@@ -326,7 +326,7 @@ TEST_F(ToolCalls, AHybridSearchNamesAllowedColumns) {
   EXPECT_EQ(columns("[\"ssn\"]"), kBadHybrid);
 }
 
-TEST_F(ToolCalls, OnlyAHybridSearchHasAHybridGate) {
+TEST_F(ToolCalls, OnlyAHybridSearchHasAHybridCheck) {
   for (const OwnRefusal& own : kPlainCollectionTools)
     EXPECT_EQ(call(own.tool, R"({"collection":"DOCS","source_table":"OTHER"})"), own.reply);
 }
