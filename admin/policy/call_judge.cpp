@@ -39,7 +39,7 @@ std::string place_text(std::string_view text, std::size_t index) {
   return fmt::format("line {}, column {}", place.line, place.column);
 }
 
-/// The protocol carries neither.
+/// The protocol carries neither a NUL nor malformed UTF-8.
 void check_sendable(std::string_view text) {
   const std::size_t nul = text.find('\0');
   if (nul != text.npos) throw Refusal("a NUL byte at " + place_text(text, nul));

@@ -72,7 +72,7 @@ std::vector<Piece> read_all(Reader& reader) {
   return pieces;
 }
 
-// What a reader of the whole text would cut off, by the rule's own words.
+// What a reader of the whole text would cut off, as the rule spells it out.
 std::vector<Piece> wanted_pieces(std::string_view text, std::size_t limit = kPiece) {
   std::vector<Piece> pieces;
   while (!text.empty()) {

@@ -53,7 +53,7 @@ class HybridSearch : public ToolCalls {
     const std::string name = temporary_of(library.statements().at(0));
     return std::stoul(name.substr(name.rfind('_') + 1));
   }
-  /// Makes every statement that begins so answer this, whatever the temporary table is called.
+  /// Sets the result of every statement that begins so, whatever the temporary table is called.
   void answer_beginning(const std::string& beginning, const FakeResult& result) {
     library.on_exec = [this, beginning, result](const char* statement) {
       if (std::string_view(statement).starts_with(beginning)) library.answer(statement, result);
@@ -257,7 +257,7 @@ TEST_F(HybridSearch, TheChecksStandInOrder) {
 }
 
 // The frame looks at the columns' names before the tool looks at anything.
-TEST_F(HybridSearch, AnUnsafeColumnIsRefusedByTheGate) {
+TEST_F(HybridSearch, AnUnsafeColumnIsRefusedByThePolicyCheck) {
   EXPECT_EQ(search("5", "[\"A-B\"]", "0"), tool_error("hybrid column is denied by MCP policy"));
   expect_audit("allow", "");
 }

@@ -157,9 +157,9 @@ TEST_F(AiStatus, AFailureIsInTheStatementsWordsAndEndsTheCall) {
   const Calls all = {kStatus, kJobs, kProvider};
   for (std::size_t failing = 0; failing < all.size(); ++failing) {
     library.forget_calls();
-    const std::string words = "statement " + std::to_string(failing) + " \"failed\"";
-    library.answer(all[failing], {.code = 0, .status = words});
-    EXPECT_EQ(status(kWithProvider), tool_error(words));
+    const std::string failure = "statement " + std::to_string(failing) + " \"failed\"";
+    library.answer(all[failing], {.code = 0, .status = failure});
+    EXPECT_EQ(status(kWithProvider), tool_error(failure));
     expect_audit("allow", "DOCS,LOCAL");
     EXPECT_EQ(library.statements(),
               Calls(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(failing) + 1));

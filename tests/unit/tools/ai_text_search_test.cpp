@@ -201,7 +201,7 @@ TEST_F(TextSearch, TopIs1To256) {
             (Calls{"SEARCH AI DOCS TEXT 'x' TOP 1;", "SEARCH AI DOCS TEXT 'x' TOP 256;"}));
 }
 
-TEST_F(TextSearch, AFailureIsInTheEnginesWords) {
+TEST_F(TextSearch, AFailureHasTheEnginesMessage) {
   constexpr char kStatement[] = "SEARCH AI DOCS TEXT 'x' TOP 5;";
   library.answer(kStatement, {.code = 0, .status = "collection DOCS is empty"});
   EXPECT_EQ(search("\"x\""), tool_error("collection DOCS is empty"));

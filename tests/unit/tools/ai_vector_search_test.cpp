@@ -278,7 +278,7 @@ TEST_F(VectorSearch, TopBoundsTheRows) {
                          R"("rowCount":2,"truncated":true})"));
 }
 
-TEST_F(VectorSearch, AFailureIsInTheEnginesWords) {
+TEST_F(VectorSearch, AFailureHasTheEnginesMessage) {
   library.answer("SEARCH AI DOCS QUERY [1,2,3] TOP 5;",
                  {.code = 0, .status = "vector has 3 dimensions, DOCS has 8"});
   EXPECT_EQ(search("[1,2,3]"), tool_error("vector has 3 dimensions, DOCS has 8"));

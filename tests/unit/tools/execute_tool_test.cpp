@@ -90,7 +90,7 @@ TEST_F(ExecuteTool, ATextHasUpTo32768Bytes) {
   EXPECT_EQ(execute(text + "1;"), kBadExecute);
   EXPECT_EQ(execute(text + "  "), kBadExecute);
   EXPECT_EQ(execute(std::string(500000, ' ') + "DELETE FROM LOG"), kBadExecute);
-  // A text that is full inside a literal is refused without words.
+  // A text that is full inside a literal is refused without a message.
   EXPECT_EQ(execute("DELETE FROM LOG WHERE A='" + std::string(32768 - 25, 'x')), tool_error(""));
   expect_audit("allow", "");
   EXPECT_EQ(library.calls(), Calls{});
@@ -98,7 +98,7 @@ TEST_F(ExecuteTool, ATextHasUpTo32768Bytes) {
 
 // --- classification ---------------------------------------------------------------------------
 
-TEST_F(ExecuteTool, TheClassifierSpeaksInItsOwnWords) {
+TEST_F(ExecuteTool, TheClassifierHasItsOwnMessages) {
   struct Row {
     const char* sql;
     const char* message;
@@ -173,7 +173,7 @@ TEST_F(ExecuteTool, ATokenThatNobodyAskedForIsNotRead) {
   EXPECT_EQ(marker_count(), 0U);
 }
 
-TEST_F(ExecuteTool, AFailureIsInTheEnginesWords) {
+TEST_F(ExecuteTool, AFailureHasTheEnginesMessage) {
   library.answer("DELETE FROM LOG;", {.code = 0, .status = "UNIQUE constraint failed"});
   EXPECT_EQ(execute("DELETE FROM LOG"), tool_error("UNIQUE constraint failed"));
   expect_audit("allow", "LOG");
@@ -189,8 +189,8 @@ TEST_F(ExecuteTool, AFailureIsInTheEnginesWords) {
 class Approved : public ExecuteTool {
  protected:
   Approved() { policy->approval_required = true; }
-  void expect_denied(std::string_view sql, std::string_view token, std::string_view words) {
-    EXPECT_EQ(execute_with(sql, token), tool_error(words)) << token;
+  void expect_denied(std::string_view sql, std::string_view token, std::string_view message) {
+    EXPECT_EQ(execute_with(sql, token), tool_error(message)) << token;
     expect_audit("deny", "LOG");
   }
 };
@@ -225,7 +225,7 @@ TEST_F(Approved, TheAnswerIsOneExactLine) {
             "\"policy\":\"Demo_1\",\"maximum_ttl_seconds\":30},\"isError\":true}}\n");
 }
 
-// The answer depends neither on the secret nor on the state directory.
+// The result depends neither on the secret nor on the state directory.
 TEST_F(Approved, AsksWithoutASecret) {
   secret_variable.unset();
   TextOut(policy->approval_state_directory).copy_cut(state.file("gone"));
@@ -308,7 +308,7 @@ TEST_F(Approved, TheTokensTextIsDecoded) {
   EXPECT_EQ(execute_with("DELETE FROM LOG", token), kWriteDone);
 }
 
-TEST_F(Approved, TheVerifierSpeaksInItsOwnWords) {
+TEST_F(Approved, TheVerifierHasItsOwnMessages) {
   const std::string token = token_for("DELETE FROM LOG;");
   expect_denied("DELETE FROM LOG", "\"v1.x\"", kFieldsInvalid);
   std::string forged = token;
@@ -369,7 +369,7 @@ TEST_F(Approved, ThePolicyStandsBeforeTheToken) {
   EXPECT_EQ(marker_count(), 0U);
 }
 
-// What is approved is what runs: the digest in the answer is that of the bytes which the token lets
+// What is approved is what runs: the digest in the reply is that of the bytes which the token lets
 // through.
 TEST_F(Approved, TheExecutedBytesAreTheApprovedOnes) {
   fill(policy->write_tables, {"T", "ORDERS", "LOG"});
@@ -386,8 +386,8 @@ TEST_F(Approved, TheExecutedBytesAreTheApprovedOnes) {
     ASSERT_NE(asked.find(marker), std::string::npos) << asked;
     const std::string digest = asked.substr(asked.find(marker) + marker.size(), 64);
     char token[kTokenCapacity];
-    char words[kApprovalMessageCapacity];
-    ASSERT_TRUE(approval_issue(*policy, digest, unix_seconds(), token, words)) << words;
+    char error[kApprovalMessageCapacity];
+    ASSERT_TRUE(approval_issue(*policy, digest, unix_seconds(), token, error)) << error;
     ASSERT_EQ(library.statements(), Calls{});
     ASSERT_EQ(execute_with(sql, json_literal(token)), kWriteDone) << sql;
     ASSERT_EQ(library.statements().size(), 1U);
