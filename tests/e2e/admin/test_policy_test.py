@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import json
-import time
+import resource
 import xml.etree.ElementTree as ElementTree
 
 import pytest
@@ -134,6 +134,13 @@ def test_a_junit_file_that_cannot_be_written(authors):
     assert "x.xml" in message
 
 
+def processor_seconds() -> float:
+    """What the ended children of this process have used."""
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return used.ru_utime + used.ru_stime
+
+
+@pytest.mark.shipped_build
 def test_ten_thousand_cases(authors):
     cases = [{"name": f"case {n}", "expect": expect, "sql": sql}
              for n in range(2500) for expect, sql in (
@@ -143,8 +150,9 @@ def test_ten_thousand_cases(authors):
     path, table = authors.writes(), authors.cases(cases)
     spent = []
     for _ in range(3):
-        begin = time.monotonic()
+        begin = processor_seconds()
         result = authors.run("test", path, table)
-        spent.append(time.monotonic() - begin)
+        spent.append(processor_seconds() - begin)
         assert result.code == 0 and result.stdout.count(b"\nok ") == 10000
-    print(f"10,000 cases: {min(spent):.3f} s")
+    # The processor's time: other processes on the machine do not lengthen it.
+    assert 0 < min(spent) < 1, spent
