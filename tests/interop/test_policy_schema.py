@@ -1,5 +1,6 @@
-"""The schema of a policy file against every policy of the loader's tests: it refuses nothing that
-the server accepts, and lets pass only what docs/policy.md says that a schema cannot express."""
+"""The schema of a policy file against every policy of the loader's tests and of its fuzzer's corpus:
+it refuses nothing that the server accepts, and lets pass only what docs/policy.md says that a schema
+cannot express."""
 
 from __future__ import annotations
 
@@ -12,6 +13,7 @@ from typing import Any, Iterator
 
 import pytest
 
+from e2e.admin.test_policy_check import BAD
 from harness.policy_desk import PolicyDesk
 from harness.policy_files import DEFAULT
 from harness.targets import ROOT, Target
@@ -60,11 +62,13 @@ def documents(state: str) -> list[str]:
     texts += [module.with_raw(key, value) for key, value in (
         ("name", '"a\\u0000\\u00e9"'), ("client_id", '"a-b\\u0000 "'),
         ("allowed_tables", '["A\\u0000-", "B"]'), ("write_types", '["insert\\u0000!"]'))]
+    texts += [json.dumps({**DEFAULT, key: value}) for key, (value, _) in BAD.items()]
     for path in (*(ROOT / "deploy").glob("policy-*.json"),
                  *(ROOT / "deploy").glob("policy-repository/policies/*.json"),
-                 *(ROOT / "sample" / "data").glob("policy*.json")):
-        texts.append(path.read_text("utf-8"))
-    assert len(texts) > 150
+                 *(ROOT / "sample" / "data").glob("policy*.json"),
+                 *(ROOT / "tests" / "fuzz" / "corpus" / "policy_file").iterdir()):
+        texts.append(path.read_bytes().decode("utf-8", "surrogateescape"))
+    assert len(texts) > 300
     return list(dict.fromkeys(texts))
 
 
