@@ -48,6 +48,12 @@ def test_identities_are_not_judged(authors):
     assert lint(authors, authors.policy(), code=0, env={"KOVA_MCP_CLIENT_ID": "other"}) == []
 
 
+def test_the_limit_of_a_long_lifetime(authors):
+    assert lint(authors, authors.policy(approval_ttl_seconds=300), code=0) == []
+    assert lint(authors, authors.policy(approval_ttl_seconds=301)) == [
+        ("long-ttl", "approval_ttl_seconds")]
+
+
 def test_the_text_for_people(authors):
     path = authors.policy(approval_ttl_seconds=900)
     result = authors.run("lint", path)
