@@ -61,7 +61,9 @@ def documents(state: str) -> list[str]:
               for value in ("", "x", "/no/such", "C:\\no", "\\\\host\\share\\x", state)]
     texts += [module.with_raw(key, value) for key, value in (
         ("name", '"a\\u0000\\u00e9"'), ("client_id", '"a-b\\u0000 "'),
-        ("allowed_tables", '["A\\u0000-", "B"]'), ("write_types", '["insert\\u0000!"]'))]
+        ("allowed_tables", '["A\\u0000-", "B"]'), ("write_types", '["insert\\u0000!"]'),
+        ("approval_state_directory", '"\\ud800"'), ("approval_state_directory", '"\\udc00x"'),
+        ("approval_state_directory", '"\\ud83d\\ude00"'))]
     texts += [json.dumps({**DEFAULT, key: value}) for key, (value, _) in BAD.items()]
     for path in (*(ROOT / "deploy").glob("policy-*.json"),
                  *(ROOT / "deploy").glob("policy-repository/policies/*.json"),
@@ -90,6 +92,7 @@ def cannot_be_said(text: str) -> bool:
             or is_whole(document["version"]) or is_whole(document["approval_ttl_seconds"])
             or any(len({str(entry).split("\0")[0].lower() for entry in names}) < len(names)
                    for names in lists)
+            or any("\ud800" <= c <= "\udfff" for c in document["approval_state_directory"])
             or len(document["approval_state_directory"].encode()) > 511
             or (document["writes_enabled"] and document["approval_required"]
                 and re.match(r"/|[A-Za-z]:\\|\\\\", document["approval_state_directory"])
