@@ -200,6 +200,7 @@ def test_refused_arguments_name_no_place(authors, tool, arguments):
     ('{"jsonrpc":"2.0","method":"tools/call"}',
      "the message has no id: the server does not serve it"),
     ("SELECT '\x00'", "a NUL byte at line 1, column 9"),
+    ("SELECT\n'\u00e9\x00'", "a NUL byte at line 2, column 4"),
 ])
 def test_what_no_client_sends(authors, text, message):
     result = authors.run("explain", authors.policy(), "-",
@@ -270,8 +271,8 @@ def hostile_page(authors, *form):
 def test_a_hostile_policy_is_escaped(authors):
     assert r"lie in /x\x1B[2J\u{202E} <img src=x> [y](z)" in hostile_page(authors)
     page = hostile_page(authors, "--markdown")
-    assert (r"lie in /x\\x1B\[2J\\u{202E} \<img src=x\> \[y\](z) \`c\` \_d\_ \*e\* \~f\~ \|g\| "
-            r"\&amp; \\ \\n\# h.") in page
+    assert (r"lie in /x\\x1B\[2J\\u{202E} \<img src=x\> \[y\](z) \`c\` \_d\_ \*e\* \~f\~ |g| \&amp; "
+            r"\\ \\n# h.") in page
     path = authors.folder / "policy.json"
     sections = authors.json("explain", "--other-host", path, code=0)["sections"]
     assert any(HOSTILE in sentence for section in sections for sentence in section["sentences"])
