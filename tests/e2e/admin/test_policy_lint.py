@@ -41,6 +41,12 @@ def test_one_name_on_several_hosts(authors):
     assert [(each["file"], each["rule"], each["key"]) for each in found] == [
         (authors.target.path(second), "shared-name", "name")]
     assert authors.target.path(first) in found[0]["why"]
+    assert "a token for one host is accepted by the other" in found[0]["why"]
+    # An approval for the one is none for the other; its name still says too little.
+    for binding in ({"client_id": "other"}, {"database": "OTHER"}):
+        other = authors.policy("d.json", **binding)
+        [finding] = authors.json("lint", first, other, code=1)["findings"]
+        assert finding["rule"] == "shared-name" and "token" not in finding["why"]
     assert lint(authors, first, first, code=0) == []
 
 
