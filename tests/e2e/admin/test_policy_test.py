@@ -63,6 +63,11 @@ def test_cases_have_names(authors):
         "TAP version 13\n1..3\nok 1 - case 1\nok 2 - read\nok 3 - case 3\n")
 
 
+def test_an_empty_tool_is_a_tool(authors):
+    case = {**READ, "tool": "", "expect": "deny", "reason": UNKNOWN}
+    tap(authors, authors.policy(), [case], 0)
+
+
 def test_an_escaped_nul_ends_no_text_of_a_case(authors):
     case = {"name": "a\0b", "sql": "SELECT SSN FROM ORDERS", "expect": "deny"}
     path = authors.policy(denied_columns=["SSN"])
