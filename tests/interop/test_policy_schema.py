@@ -1,6 +1,6 @@
-"""The schema of a policy file against every policy of the loader's tests and of its fuzzer's corpus:
-it refuses nothing that the server accepts, and lets pass only what docs/policy.md says that a schema
-cannot express."""
+"""The schema of a policy file against every policy of the loader's tests and of its fuzzer's
+corpus: it refuses nothing that the server accepts, and lets pass only what docs/policy.md says that
+a schema cannot express."""
 
 from __future__ import annotations
 

@@ -271,8 +271,8 @@ def hostile_page(authors, *form):
 def test_a_hostile_policy_is_escaped(authors):
     assert r"lie in /x\x1B[2J\u{202E} <img src=x> [y](z)" in hostile_page(authors)
     page = hostile_page(authors, "--markdown")
-    assert (r"lie in /x\\x1B\[2J\\u{202E} \<img src=x\> \[y\](z) \`c\` \_d\_ \*e\* \~f\~ |g| \&amp; "
-            r"\\ \\n# h.") in page
+    assert (r"lie in /x\\x1B\[2J\\u{202E} \<img src=x\> \[y\](z) \`c\` \_d\_ \*e\* \~f\~ "
+            r"|g| \&amp; \\ \\n# h.") in page
     path = authors.folder / "policy.json"
     sections = authors.json("explain", "--other-host", path, code=0)["sections"]
     assert any(HOSTILE in sentence for section in sections for sentence in section["sentences"])
