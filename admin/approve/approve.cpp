@@ -103,6 +103,7 @@ int approve(const Review& review, const std::string& journal, Decision decision,
 /// Shows the page, asks, and does what the operator decides.
 int decide(const Options& options, const Review& review, const std::string& person) {
   const std::string journal = journal_path(*options.journal);
+  check_last_line(journal);
   const ApprovalSecret secret(options.secret_file);
   check_issuing(review);
   TokenOutput output(options.copy_to);

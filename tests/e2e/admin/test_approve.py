@@ -146,6 +146,18 @@ def test_a_journal_that_cannot_be_written(desk):
     assert not place.exists() and "v1." not in terminal.text
 
 
+def test_a_journal_whose_last_line_has_no_end(desk):
+    """A further line would be joined to it, and both were lost."""
+    desk.token(STATEMENT)
+    cut = desk.journal.read_bytes()[:-1]
+    desk.journal.write_bytes(cut)
+    terminal = desk.approve(desk.file("s.sql", STATEMENT))
+    assert terminal.finish() == 2
+    shown = terminal.text.replace("\n", "")
+    assert "the last line of the journal has no end" in shown and REASON not in shown
+    assert desk.journal.read_bytes() == cut
+
+
 def test_no_journal_is_named(desk):
     refused(desk, "no journal is named: --journal FILE or KOVA_ADMIN_JOURNAL",
             desk.file("s.sql", STATEMENT), env={**desk.env, "KOVA_ADMIN_JOURNAL": None})
