@@ -357,6 +357,16 @@ def test_clean_removes_what_expired_long_ago(desk):
 
 
 @pytest.mark.parametrize("command", ["list", "clean"])
+@pytest.mark.parametrize("policy", [True, False])
+def test_a_policy_without_approvals(desk, command, policy):
+    desk.policy(approval_required=False, approval_state_directory="")
+    env = {**desk.env} if policy else {"KOVA_ADMIN_JOURNAL": desk.journal}
+    result = desk.run("approvals", command, env=env)
+    assert (result.code, result.stdout) == (2, b"")
+    assert error(result) == "the policy names no approval_state_directory"
+
+
+@pytest.mark.parametrize("command", ["list", "clean"])
 def test_a_journal_that_is_none(desk, command):
     desk.journal.write_text("{}\n")
     result = desk.run("approvals", command)
