@@ -132,7 +132,7 @@ int run(const Options& options) {
   if (options.json && !options.show) throw Refusal("--json needs --show");
   // Before the variables of the file count: they are the server's, and say nothing of who decides.
   const std::string person = options.show ? std::string() : deciding_person();
-  use_deployment(*options.env);
+  const DeploymentInUse in_use(*options.env);
   const Review review = review_statement(read_statement(options.statement));
   check_digest(options, review);
   if (!options.show) return decide(options, review, person);
