@@ -56,7 +56,7 @@ bool library_is_usable = false;
 bool open_library(const std::string& server, Library& library) {
   const std::string folder = folder_of(server);
   return (!folder.empty() && library.open_in(folder, kClientLibraryName)) ||
-         library.open(kClientLibraryName);
+         library.open_in_search_path(kClientLibraryName);
 }
 
 std::string missing_library(const std::string& server) {
