@@ -415,7 +415,8 @@ def test_with_a_file_the_processs_own_variables_do_not_count(
     admin = admin_beside(target, installation, "scripted")
     file = environment_file(target, tmp_path / "e.env", deployment)
     report = report_of(admin.run("doctor", "--json", "--env", file, env={
-        "KOVA_MCP_DISABLE_WRITES": "wrong", "KOVA_MCP_POLICY": "/nowhere"}))
+        "KOVA_MCP_DISABLE_WRITES": "wrong", "kova_mcp_disable_providers": "wrong",
+        "KOVA_MCP_POLICY": "/nowhere"}))
     assert report["switches"]["status"] == report["policy"]["status"] == "ok"
 
 
