@@ -242,7 +242,8 @@ class Reader {
     const int depth = tokens_[begin].depth;
     for (std::size_t i = begin + 1; i < tokens_.size() && tokens_[i].depth >= depth; ++i) {
       if (tokens_[i].depth != depth) continue;
-      if (is_one_of(kClauseWords, tokens_[i])) return;
+      // After another word for tables their list is a list of its own.
+      if (is_one_of(kClauseWords, tokens_[i]) || is_one_of(kTableWords, tokens_[i])) return;
       const std::size_t name = tokens_[i].is_sign(',') ? table_after(i) : tokens_.size();
       if (name != tokens_.size()) places.add(tokens_[name].begin);
     }

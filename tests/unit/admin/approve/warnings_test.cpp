@@ -64,6 +64,7 @@ TEST_F(Warnings, OfEachStatement) {
       // Other tables.
       {"insert into t select a from u where b = 1", {"insert-select 1:15", "second-table 1:29"}},
       {"delete from t using u where t.a = 1", {"second-table 1:21"}},
+      {"delete from t using u, v join w on 1 = 1 where a = 1", {"second-table 1:21 x3"}},
       {"delete from t, u where a = 1", {"second-table 1:16"}},
       {"update t, u set a = 1 where b = 2", {"second-table 1:11"}},
       {"update t set a = 1 from t as x, \"U\" where b = 2",
