@@ -403,6 +403,14 @@ def test_clean_removes_what_expired_long_ago(desk):
     assert [path.name for path in desk.state.iterdir()] == ["0" * 32 + ".used"]
 
 
+def test_a_folder_in_the_place_of_the_audit_file(desk):
+    """Nothing can be said of uses then, not that there is none."""
+    desk.audit.mkdir()
+    result = desk.run("approvals", "list")
+    assert (result.code, result.stdout) == (2, b"")
+    assert error(result) == f"{desk.target.path(desk.audit)}: the audit file is no regular file"
+
+
 @pytest.mark.parametrize("command", ["list", "clean"])
 @pytest.mark.parametrize("policy", [True, False])
 def test_a_policy_without_approvals(desk, command, policy):
