@@ -122,6 +122,7 @@ Check check_permissions(const DeploymentFiles& files) {
     if (!path.empty() && path_exists(path.c_str())) judge_writers(findings, what, path, use);
   };
   judge("the server", files.server, FolderUse::kNobodyAdds);
+  judge("kova-admin", files.admin, FolderUse::kNobodyAdds);
   judge("the client library", files.client_library, FolderUse::kNobodyAdds);
   judge("the policy", files.policy, FolderUse::kNobodyReplaces);
   judge("the environment file", files.environment, FolderUse::kNobodyReplaces);
