@@ -81,6 +81,15 @@ void print_lines(const std::string& text) {
   print(safe);
 }
 
+void tell(const InitOptions& options, const Setup& setup, const std::vector<std::string>& files,
+          const Names& unknown) {
+  if (options.json) {
+    print_json({{"folder", setup.folder}, {"files", files}, {"unknown_tables", unknown}});
+  } else {
+    print_lines(summary(setup, unknown));
+  }
+}
+
 int run(const InitOptions& options) {
   Setup setup;
   ask_for_login(options, setup);
@@ -90,11 +99,11 @@ int run(const InitOptions& options) {
   check_port("--http-port", setup.http_port);
   check_values(setup);
   const std::vector<std::string> files = write_deployment(setup);
-  const Names unknown = options.offline ? Names() : unknown_tables(setup, offered);
-  if (options.json) {
-    print_json({{"folder", setup.folder}, {"files", files}, {"unknown_tables", unknown}});
-  } else {
-    print_lines(summary(setup, unknown));
+  try {
+    tell(options, setup, files, options.offline ? Names() : unknown_tables(setup, offered));
+  } catch (const Refusal& refusal) {
+    // The other exit codes say that nothing is there.
+    print_error(fmt::format("{} is written, and {}", setup.folder, refusal.what()));
   }
   return kExitFine;
 }
