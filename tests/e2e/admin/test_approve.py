@@ -342,7 +342,7 @@ def test_the_shape_of_the_list(desk):
     desk.decide("why", "no", desk.file("s.sql", STATEMENT))
     marker = desk.state / f"{nonce}.used"
     marker.touch()
-    os.utime(marker, (0, 1_700_000_000.25))
+    os.utime(marker, (0, 1_700_000_000))
     (desk.state / ("0" * 32 + ".used")).touch()
     result = desk.run("approvals", "list", "--json",
                       env={**desk.env, "KOVA_MCP_APPROVAL_SECRET": None})
@@ -357,7 +357,7 @@ def test_the_shape_of_the_list(desk):
         assert {name: entry[name] for name in ENTRY[1:6]} == {name: line[name]
                                                              for name in ENTRY[1:6]}
         assert entry["expires_at"] == line["expires_at"]
-    assert (used["state"], used["used_at"]) == ("used", "2023-11-14T22:13:20.250Z")
+    assert (used["state"], used["used_at"]) == ("used", "2023-11-14T22:13:20.000Z")
     assert (declined["state"], declined["used_at"]) == ("declined", None)
     assert (unjournaled["state"], unjournaled["nonce"]) == ("unjournaled", "0" * 32)
     assert [unjournaled[name] for name in ENTRY[2:8]] == [None] * 6
