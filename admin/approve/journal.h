@@ -42,6 +42,10 @@ struct Decision {
 /// The line of a decision, with its LF; everything but printable ASCII is escaped.
 [[nodiscard]] std::string journal_line(const Decision& decision);
 
+/// Throws Refusal for a journal whose last line has no end: the next one would be joined to it, and
+/// neither could be read.
+void check_last_line(const std::string& path);
+
 /// Appends a decision and stores it for good. Throws Refusal.
 void append_decision(const std::string& path, const Decision& decision);
 
