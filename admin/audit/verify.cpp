@@ -25,6 +25,8 @@ struct Options {
 /// The file of a sealed name, or the same with ".gz" after it: where the name says, then in the
 /// folder of the seals. Empty when there is none.
 std::string find_file(const std::string& name, const std::string& seals) {
+  // No file has such a name; the system would look for the one up to the NUL.
+  if (name.find('\0') != name.npos) return {};
   const auto beside = path_of(seals).parent_path();
   const auto sealed = path_of(name);
   for (const auto& place : {sealed, beside / sealed, beside / sealed.filename()}) {
