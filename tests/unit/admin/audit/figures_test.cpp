@@ -14,6 +14,7 @@
 #include "admin/audit/lines.h"
 #include "admin/audit/progress.h"
 #include "admin/audit/report_formats.h"
+#include "admin/common/json_output.h"
 
 namespace kova::admin {
 namespace {
@@ -203,6 +204,18 @@ TEST(Figures, TellRefusalsFromFailures) {
   EXPECT_EQ(figures.approvals.refused, 1U);
   EXPECT_EQ(figures.writes.size(), 3U);
   EXPECT_EQ(figures.kill_switch_uses().size(), 1U);
+}
+
+TEST(JsonText, IsThatOfTheLibrary) {
+  for (int byte = 0; byte < 256; ++byte) {
+    for (const std::string& text :
+         {std::string(1, static_cast<char>(byte)),
+          "twenty plain bytes, " + std::string(1, static_cast<char>(byte)) + "z"}) {
+      std::string line = "{";
+      append_json_text(line, text);
+      EXPECT_EQ(line, "{" + json_line(Json(text))) << byte;
+    }
+  }
 }
 
 TEST(Spool, GivesEverythingInOrderFromMemoryAndFromTheFile) {
