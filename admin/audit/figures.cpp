@@ -101,7 +101,8 @@ void Figures::add_write(const AuditRecord& record) {
   append_member(write_, ",\"decision\":", record.decision);
   append_member(write_, ",\"status\":", record.status);
   if (record.decision == "approval_required") ++approvals.required;
-  if (record.decision == "deny") ++approvals.refused;
+  // An invalid policy refuses before the table is known, and no token with it.
+  if (record.decision == "deny" && !record.objects.empty()) ++approvals.refused;
   if (record.decision == "approval_accepted") {
     ++approvals.accepted;
     if (const JournalEntry* const entry = journal_ != nullptr ? journal_->take(record) : nullptr) {

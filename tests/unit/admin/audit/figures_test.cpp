@@ -179,6 +179,7 @@ TEST(Figures, TellRefusalsFromFailures) {
                                   {"kova_execute", "approval_required", "T", "error"},
                                   {"kova_execute", "approval_accepted", "T", "error"},
                                   {"kova_execute", "deny", "T", "error"},
+                                  {"kova_execute", "deny", "", "error"},
                                   {"kova_list_tables", "allow", "", "error"}};
   for (const auto& [tool, decision, objects, status] : cases) {
     AuditRecord record = record_of("a");
@@ -197,12 +198,12 @@ TEST(Figures, TellRefusalsFromFailures) {
             "approval_required kova_execute\nquery checks kova_query\nfailed kova_execute\n"
             "failed kova_list_tables\nfailed kova_query\n");
   EXPECT_EQ(figures.hours[0].calls[0], 1U);
-  EXPECT_EQ(figures.hours[0].calls[1], 5U);
+  EXPECT_EQ(figures.hours[0].calls[1], 6U);
   EXPECT_EQ(figures.hours[0].calls[2], 3U);
   EXPECT_EQ(figures.approvals.required, 1U);
   EXPECT_EQ(figures.approvals.accepted, 1U);
   EXPECT_EQ(figures.approvals.refused, 1U);
-  EXPECT_EQ(figures.writes.size(), 3U);
+  EXPECT_EQ(figures.writes.size(), 4U);
   EXPECT_EQ(figures.kill_switch_uses().size(), 1U);
 }
 
