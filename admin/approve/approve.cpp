@@ -129,7 +129,8 @@ void check_digest(const Options& options, const Review& review) {
 
 int run(const Options& options) {
   if (options.json && !options.show) throw Refusal("--json needs --show");
-  // Before the variables of the file count: they are the server's, and say nothing of who decides.
+  // Read before the environment file is applied: its variables are the server's and do not say who
+  // decides.
   const std::string person = options.show ? std::string() : deciding_person();
   use_deployment(*options.env);
   const Review review = review_statement(read_statement(options.statement));

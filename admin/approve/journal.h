@@ -45,10 +45,10 @@ struct Decision {
 /// Appends a decision and stores it for good. Throws Refusal.
 void append_decision(const std::string& path, const Decision& decision);
 
-/// Reads one line without its end. Throws Refusal for one that is none.
+/// Reads one line without its end. Throws Refusal for a malformed one.
 [[nodiscard]] Decision parse_decision(std::string_view line);
 
-/// Reads the lines of a journal. Throws Refusal, with the line, for one that is none.
+/// Reads the lines of a journal. Throws Refusal, with the line, for a malformed one.
 [[nodiscard]] std::vector<Decision> parse_journal(std::string_view text);
 
 /// The same for a file; none that does not exist yet is empty.
