@@ -20,6 +20,9 @@
 
 namespace kova::admin {
 
+/// Blocks of a sealed file: 200 million lines.
+inline constexpr std::size_t kSealBlockLimit = 200000;
+
 struct Seal {
   std::string file;  ///< the name under which it was sealed
   std::string sha256;
