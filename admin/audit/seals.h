@@ -8,6 +8,7 @@
 // the first line. A change of any line therefore shows in the one after it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
