@@ -27,8 +27,8 @@ def codename() -> str:
 
 
 class DebianRoot:
-    """A root folder with the packages that a Debian cannot be without. It has this machine's network
-    and nothing of its service manager or processes."""
+    """A root folder with the packages that a Debian cannot be without. It has this machine's
+    network and nothing of its service manager or processes."""
 
     def __init__(self, folder: Path) -> None:
         self.folder = folder

@@ -1,4 +1,4 @@
-"""What a person does with a new installation: the commands of docs/install.md, and a first session."""
+"""What somebody does with a new installation: the commands of docs/install.md, a first session."""
 
 from __future__ import annotations
 

@@ -3,9 +3,9 @@
     /usr/bin/python3 -m pytest tests/release --target linux --build-dir build/package-linux
     ... --target windows --build-dir build/package-windows
 
-The build folders are those of the presets package-linux and package-windows; sample engine and client library
-are those of the presets linux and windows. Debian's scdoc, groff-base, lintian, zsh, logrotate, man-db, minisign
-and mmdebstrap have to be there, and some tests need to be root.
+The build folders are those of the presets package-linux and package-windows; sample engine and client
+library are those of the presets linux and windows. What scripts/setup.sh release installs has to be
+there, and some tests need to be root.
 """
 
 from __future__ import annotations

@@ -1,4 +1,4 @@
-"""Somebody who has never seen it installs a release on an empty Debian, by docs/install.md alone."""
+"""Somebody who has never seen it installs a release on an empty Debian by docs/install.md."""
 
 from __future__ import annotations
 
@@ -76,7 +76,8 @@ def assert_session(root: DebianRoot, server: Server) -> None:
     newcomer.play_session(server)
     ended = server.finish()
     assert (ended.code, ended.stderr) == (0, b"")
-    assert newcomer.last_calls(root.path(HOME) / "kova-sales" / "audit.jsonl", 2) == ["count", "card"]
+    audit = root.path(HOME) / "kova-sales" / "audit.jsonl"
+    assert newcomer.last_calls(audit, 2) == ["count", "card"]
 
 
 def assert_healthy(printed: str) -> None:

@@ -1,7 +1,7 @@
-"""Somebody who has never seen it installs a release on a new Windows, by docs/install.md alone.
+"""Somebody who has never seen it installs a release on a new Windows by docs/install.md.
 
-The Windows is a Wine prefix of the test's own. PowerShell is in no Debian package: what its blocks do
-is done here, with the folders that they name.
+The Windows is a Wine prefix of the test's own. PowerShell is in no Debian package: what its blocks
+do is done here, with the folders that they name.
 """
 
 from __future__ import annotations
