@@ -51,7 +51,7 @@ std::vector<Marker> removable_markers(std::span<const Decision> decisions,
   return removable;
 }
 
-RunCommand add_approvals_clean(CLI::App& parser) {
+RunCommand add_approvals_clean(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   options->env = add_env_option(parser);
   options->journal = add_journal_option(parser);

@@ -16,6 +16,6 @@ namespace kova::admin {
                                                     std::span<const Marker> markers, UnixMs now);
 
 /// Adds the command's options and returns what runs it.
-[[nodiscard]] RunCommand add_approvals_clean(CLI::App& parser);
+[[nodiscard]] RunCommand add_approvals_clean(CommandParser& parser);
 
 }  // namespace kova::admin

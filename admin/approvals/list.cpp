@@ -88,7 +88,7 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_approvals_list(CLI::App& parser) {
+RunCommand add_approvals_list(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   options->env = add_env_option(parser);
   options->journal = add_journal_option(parser);

@@ -7,6 +7,6 @@ namespace kova::admin {
 
 /// Adds the command's options and returns what runs it: kExitFound when a token was used that the
 /// journal does not know.
-[[nodiscard]] RunCommand add_approvals_list(CLI::App& parser);
+[[nodiscard]] RunCommand add_approvals_list(CommandParser& parser);
 
 }  // namespace kova::admin

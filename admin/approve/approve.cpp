@@ -143,28 +143,28 @@ int run(const Options& options) {
   return kExitFine;
 }
 
-void add_options(CLI::App& parser, Options& options) {
+void add_options(CommandParser& parser, Options& options) {
   options.env = add_env_option(parser);
   options.journal = add_journal_option(parser);
   parser
       .add_option("STATEMENT", options.statement,
                   "The statement or the client's message; - reads it")
-      ->type_name("FILE|-")
-      ->check(not_empty())
-      ->required();
+      .type_name("FILE|-")
+      .not_empty()
+      .required();
   parser
       .add_option("--secret-file", options.secret_file,
                   "The approval secret, instead of the deployment's")
-      ->type_name("FILE")
-      ->check(not_empty());
+      .type_name("FILE")
+      .not_empty();
   parser.add_option("--digest", options.digest, "The digest that the statement must have")
-      ->type_name("HEX")
-      ->check(not_empty());
+      .type_name("HEX")
+      .not_empty();
   parser
       .add_option("--copy-to", options.copy_to,
                   "A new file for the token, instead of standard output")
-      ->type_name("FILE")
-      ->check(not_empty());
+      .type_name("FILE")
+      .not_empty();
   parser.add_flag("--without-statement", options.without_statement,
                   "Keep the statement out of the journal");
   parser.add_flag("--show", options.show,
@@ -174,7 +174,7 @@ void add_options(CLI::App& parser, Options& options) {
 
 }  // namespace
 
-RunCommand add_approve(CLI::App& parser) {
+RunCommand add_approve(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   add_options(parser, *options);
   parser.footer(

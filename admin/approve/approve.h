@@ -7,6 +7,6 @@ namespace kova::admin {
 
 /// Adds the command's options and returns what runs it. A refusal before the decision leaves
 /// nothing behind.
-[[nodiscard]] RunCommand add_approve(CLI::App& parser);
+[[nodiscard]] RunCommand add_approve(CommandParser& parser);
 
 }  // namespace kova::admin

@@ -68,11 +68,11 @@ void check_decision(const Decision& decision) {
 
 }  // namespace
 
-std::shared_ptr<std::string> add_journal_option(CLI::App& parser) {
+std::shared_ptr<std::string> add_journal_option(CommandParser& parser) {
   auto path = std::make_shared<std::string>();
   parser.add_option("--journal", *path, "The journal of decisions; else KOVA_ADMIN_JOURNAL")
-      ->type_name("FILE")
-      ->check(not_empty());
+      .type_name("FILE")
+      .not_empty();
   return path;
 }
 

@@ -1,12 +1,13 @@
 // The journal: one line of JSON for every decision of an operator.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "admin/common/command_parser.h"
 
 namespace kova::admin {
 
@@ -32,7 +33,7 @@ struct Decision {
 };
 
 /// Adds `--journal FILE` to a command and returns where its value will stand.
-[[nodiscard]] std::shared_ptr<std::string> add_journal_option(CLI::App& parser);
+[[nodiscard]] std::shared_ptr<std::string> add_journal_option(CommandParser& parser);
 
 /// The journal's path: the option's value, else that of KOVA_ADMIN_JOURNAL. Throws Refusal when
 /// both are empty.

@@ -76,18 +76,18 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_audit_export(CLI::App& parser) {
+RunCommand add_audit_export(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   parser.add_option("--to", options->model, "ecs or ocsf")
-      ->check(CLI::IsMember({"ecs", "ocsf"}))
-      ->required()
-      ->type_name("MODEL");
+      .one_of({"ecs", "ocsf"})
+      .required()
+      .type_name("MODEL");
   parser.add_option("--output", options->output, "Where to write; without it standard output")
-      ->check(not_empty())
-      ->type_name("FILE");
+      .not_empty()
+      .type_name("FILE");
   add_filter_options(parser, options->filter);
   parser.add_option("FILE", options->files, "Audit files in their order, .gz too; - for one")
-      ->required();
+      .required();
   parser.footer(
       "Writes each record as one line of JSON in a field model that other systems read: the\n"
       "Elastic Common Schema 9.3, or the Open Cybersecurity Schema Framework 1.6 (class 6005).\n"

@@ -27,13 +27,13 @@ RecordFilter FilterOptions::filter() const {
           .tool = tool};
 }
 
-void add_filter_options(CLI::App& parser, FilterOptions& options) {
+void add_filter_options(CommandParser& parser, FilterOptions& options) {
   parser.add_option("--since", options.since, "Records from this time on, as in the file")
-      ->type_name("TIME");
-  parser.add_option("--until", options.until, "Records before this time")->type_name("TIME");
+      .type_name("TIME");
+  parser.add_option("--until", options.until, "Records before this time").type_name("TIME");
   parser.add_option("--client", options.client, "Records of this client_identity")
-      ->type_name("NAME");
-  parser.add_option("--tool", options.tool, "Records of this tool")->type_name("NAME");
+      .type_name("NAME");
+  parser.add_option("--tool", options.tool, "Records of this tool").type_name("NAME");
 }
 
 }  // namespace kova::admin

@@ -1,12 +1,12 @@
 // Which records a command looks at.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "admin/audit/record.h"
+#include "admin/common/command_parser.h"
 
 namespace kova::admin {
 
@@ -34,6 +34,6 @@ struct FilterOptions {
 };
 
 /// Adds `--since`, `--until`, `--client` and `--tool` to a command.
-void add_filter_options(CLI::App& parser, FilterOptions& options);
+void add_filter_options(CommandParser& parser, FilterOptions& options);
 
 }  // namespace kova::admin

@@ -66,20 +66,20 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_audit_report(CLI::App& parser) {
+RunCommand add_audit_report(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   parser.add_option("--format", options->format, "html (without it), text, json or csv")
-      ->check(CLI::IsMember({"html", "text", "json", "csv"}))
-      ->type_name("FORMAT");
+      .one_of({"html", "text", "json", "csv"})
+      .type_name("FORMAT");
   parser.add_option("--output", options->output, "Where to write; without it standard output")
-      ->check(not_empty())
-      ->type_name("FILE");
+      .not_empty()
+      .type_name("FILE");
   parser.add_option("--journal", options->journal, "The operator's journal: who approved, and why")
-      ->check(not_empty())
-      ->type_name("FILE");
+      .not_empty()
+      .type_name("FILE");
   add_filter_options(parser, options->filter);
   parser.add_option("FILE", options->files, "Audit files in their order, .gz too; - for one")
-      ->required();
+      .required();
   parser.footer(
       "Reads audit files once and says what happened, as one page that needs nothing else, or as\n"
       "figures for machines. The same input gives the same bytes. With --output the file appears\n"

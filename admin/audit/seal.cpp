@@ -84,14 +84,14 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_audit_seal(CLI::App& parser) {
+RunCommand add_audit_seal(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   parser.add_option("--to", options->seals, "The file of seals; made when it is missing")
-      ->check(not_empty())
-      ->required()
-      ->type_name("SEALS");
+      .not_empty()
+      .required()
+      .type_name("SEALS");
   parser.add_option("FILE", options->files, "Rotated audit files in their order, .gz too")
-      ->required();
+      .required();
   parser.footer(
       "Appends one line a file to SEALS: digests of the file and of every 1,000 lines, its number\n"
       "of lines, its times, and the digest of the line before. Prints one line to keep where the\n"

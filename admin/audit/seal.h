@@ -1,12 +1,10 @@
 // The command `audit seal`.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include "admin/common/command_line.h"
 
 namespace kova::admin {
 
-[[nodiscard]] RunCommand add_audit_seal(CLI::App& parser);
+[[nodiscard]] RunCommand add_audit_seal(CommandParser& parser);
 
 }  // namespace kova::admin

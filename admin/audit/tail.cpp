@@ -18,13 +18,13 @@ constexpr std::uint32_t kPauseMs = 200;
 
 struct Options {
   std::string file;
-  unsigned lines = 10;
+  int lines = 10;
 };
 
 /// Shows lines at once, but at first only the last ones of those that were there.
 class Screen {
  public:
-  explicit Screen(unsigned lines) : lines_(lines) {}
+  explicit Screen(int lines) : lines_(static_cast<std::size_t>(lines)) {}
 
   void take(std::string_view line) {
     AuditRecord record;
@@ -46,7 +46,7 @@ class Screen {
   }
 
  private:
-  unsigned lines_;
+  std::size_t lines_;
   bool is_live_ = false;
   bool colour_ = stdout_has_colour();
   AuditRecordReader reader_;
@@ -67,13 +67,13 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_audit_tail(CLI::App& parser) {
+RunCommand add_audit_tail(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
-  constexpr unsigned kLinesLimit = 10000;
+  constexpr int kLinesLimit = 10000;
   parser.add_option("--lines", options->lines, "Records to begin with; 10 without it")
-      ->check(CLI::Range(0U, kLinesLimit))
-      ->type_name("NUMBER");
-  parser.add_option("FILE", options->file, "The audit file")->required();
+      .between(0, kLinesLimit)
+      .type_name("NUMBER");
+  parser.add_option("FILE", options->file, "The audit file").required();
   parser.footer(
       "Shows the last records of an audit file and then each new one, on one line, also when the\n"
       "file is rotated. Ends with the interrupt key.");

@@ -1,12 +1,10 @@
 // The command `audit tail`.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include "admin/common/command_line.h"
 
 namespace kova::admin {
 
-[[nodiscard]] RunCommand add_audit_tail(CLI::App& parser);
+[[nodiscard]] RunCommand add_audit_tail(CommandParser& parser);
 
 }  // namespace kova::admin

@@ -109,12 +109,12 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_audit_verify(CLI::App& parser) {
+RunCommand add_audit_verify(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
-  parser.add_option("SEALS", options->seals, "The file of seals")->required();
+  parser.add_option("SEALS", options->seals, "The file of seals").required();
   parser.add_option("--kept", options->kept, "A line that audit seal printed, kept elsewhere")
-      ->check(not_empty())
-      ->type_name("LINE");
+      .not_empty()
+      .type_name("LINE");
   parser.footer(
       "Compares the sealed files with their seals, and the seals with one another. A file is\n"
       "looked for by its sealed name, then with .gz after it; then beside SEALS.\n"

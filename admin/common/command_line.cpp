@@ -1,5 +1,6 @@
 #include "admin/common/command_line.h"
 
+#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 #include <utility>
@@ -67,10 +68,6 @@ Runner add_help(CLI::App& root) {
 
 }  // namespace
 
-CLI::Validator not_empty() {
-  return {[](const std::string& value) { return value.empty() ? "the value is empty" : ""; }, ""};
-}
-
 int run_command_line(std::span<const Command> commands, int count, char** arguments) {
   CLI::App root("Sets up, examines and approves for the MCP server.", kProgram);
   root.set_version_flag("--version", std::string("kova-admin ") + KOVA_VERSION);
@@ -78,7 +75,8 @@ int run_command_line(std::span<const Command> commands, int count, char** argume
   std::vector<Runner> runners;
   for (const Command& command : commands) {
     CLI::App* const parser = parser_of(root, command);
-    runners.push_back({.parser = parser, .run = command.add(*parser)});
+    CommandParser options(*parser);
+    runners.push_back({.parser = parser, .run = command.add(options)});
   }
   runners.push_back(add_help(root));
   try {

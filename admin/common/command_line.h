@@ -1,9 +1,10 @@
 // The command line: a table of commands, their help and their exit codes.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <span>
+
+#include "admin/common/command_parser.h"
 
 namespace kova::admin {
 
@@ -19,11 +20,8 @@ using RunCommand = std::function<int()>;
 struct Command {
   const char* name;  ///< one word, or two separated by a blank
   const char* summary;
-  RunCommand (*add)(CLI::App& parser);
+  RunCommand (*add)(CommandParser& parser);
 };
-
-/// Refuses an option's empty value: what a script leaves empty must not count as left out.
-[[nodiscard]] CLI::Validator not_empty();
 
 /// Parses the line by the table and runs the command that it names; `help COMMAND` and `--help`
 /// print help. Throws Refusal for a line that is wrong.

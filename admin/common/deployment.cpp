@@ -38,20 +38,20 @@ constexpr const char* kEnvOption = "--env";
 
 }  // namespace
 
-std::shared_ptr<std::string> add_env_option(CLI::App& parser) {
+std::shared_ptr<std::string> add_env_option(CommandParser& parser) {
   auto path = std::make_shared<std::string>();
   parser.add_option(kEnvOption, *path, "The environment file of the deployment")
-      ->type_name("FILE")
-      ->check(not_empty());
+      .type_name("FILE")
+      .not_empty();
   return path;
 }
 
-std::shared_ptr<std::vector<std::string>> add_env_options(CLI::App& parser) {
+std::shared_ptr<std::vector<std::string>> add_env_options(CommandParser& parser) {
   auto paths = std::make_shared<std::vector<std::string>>();
   parser.add_option(kEnvOption, *paths, "The environment file of a deployment; may be repeated")
-      ->type_name("FILE")
-      ->allow_extra_args(false)
-      ->check(not_empty());
+      .type_name("FILE")
+      .one_value_each()
+      .not_empty();
   return paths;
 }
 

@@ -1,22 +1,22 @@
 // The deployment that a command works on.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "admin/common/command_parser.h"
 #include "admin/common/secret_text.h"
 #include "policy/policy.h"
 
 namespace kova::admin {
 
 /// Adds `--env FILE` to a command and returns where its value will stand, empty without it.
-[[nodiscard]] std::shared_ptr<std::string> add_env_option(CLI::App& parser);
+[[nodiscard]] std::shared_ptr<std::string> add_env_option(CommandParser& parser);
 
 /// The same for a command that takes it several times.
-[[nodiscard]] std::shared_ptr<std::vector<std::string>> add_env_options(CLI::App& parser);
+[[nodiscard]] std::shared_ptr<std::vector<std::string>> add_env_options(CommandParser& parser);
 
 /// Makes the deployment that of an environment file: the process's own KOVA_MCP_* variables are
 /// cleared and those of the file set, so that the server's own code reads them. With an empty path

@@ -146,7 +146,7 @@ std::string report_text(const std::vector<Check>& checks, bool has_colour) {
   return text;
 }
 
-RunCommand add_doctor(CLI::App& parser) {
+RunCommand add_doctor(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   parser.footer(
       "Examines a deployment and says what to do about what it finds. Changes nothing.\n"
@@ -157,8 +157,8 @@ RunCommand add_doctor(CLI::App& parser) {
   parser
       .add_option("--server", options->server,
                   "The server's executable; kova-mcp beside kova-admin without it")
-      ->type_name("FILE")
-      ->check(not_empty());
+      .type_name("FILE")
+      .not_empty();
   parser.add_flag("--json", options->json,
                   R"(Print {"status","checks":[{"name","status","detail","advice"}]})");
   return [options] { return run(*options); };

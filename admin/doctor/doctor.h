@@ -11,7 +11,7 @@
 namespace kova::admin {
 
 /// A Command's `add`.
-[[nodiscard]] RunCommand add_doctor(CLI::App& parser);
+[[nodiscard]] RunCommand add_doctor(CommandParser& parser);
 
 /// Examines the deployment in the process's environment; its checks are in the order of the report.
 /// `environment_file` is the file that it comes from, empty for none.

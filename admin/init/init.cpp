@@ -95,7 +95,7 @@ int run(const InitOptions& options) {
 
 }  // namespace
 
-RunCommand add_init(CLI::App& parser) {
+RunCommand add_init(CommandParser& parser) {
   const auto options = std::make_shared<InitOptions>();
   parser.footer(
       "Writes a new deployment into one folder: the policy, the environment file with its "

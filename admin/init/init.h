@@ -6,6 +6,6 @@
 namespace kova::admin {
 
 /// A Command's `add`.
-[[nodiscard]] RunCommand add_init(CLI::App& parser);
+[[nodiscard]] RunCommand add_init(CommandParser& parser);
 
 }  // namespace kova::admin

@@ -41,9 +41,9 @@ SecretText ask_terminal(const char* option, const std::string& prompt, Typing ty
 }
 
 /// One value: an option's, or an answer; an empty answer is the default.
-std::string value_of(const InitOptions& options, const char* option, const std::string& given,
+std::string value_of(const char* option, const std::optional<std::string>& given,
                      std::string_view question, std::string_view fallback) {
-  if (options.parser->count(option) > 0) return given;
+  if (given) return *given;
   const std::string prompt = fallback.empty() ? fmt::format("{}: ", question)
                                               : fmt::format("{} [{}]: ", question, fallback);
   const SecretText answer = ask_terminal(option, prompt, Typing::kShown);
@@ -51,10 +51,10 @@ std::string value_of(const InitOptions& options, const char* option, const std::
 }
 
 SecretText password_of(const InitOptions& options) {
-  if (options.parser->count("--password-file") == 0) {
+  if (!options.password_file) {
     return ask_terminal("--password-file", "Password (not shown): ", Typing::kHidden);
   }
-  SecretText password = read_file(options.password_file, kPasswordFileLimit);
+  SecretText password = read_file(*options.password_file, kPasswordFileLimit);
   cut_line_end(password);
   return password;
 }
@@ -64,19 +64,18 @@ std::string offer_of(const Names& offered) {
   return printable(fmt::format(" (the engine has {})", fmt::join(offered, ", ")));
 }
 
-bool choice_of(const InitOptions& options, const char* option, const std::string& given,
+bool choice_of(const char* option, const std::optional<std::string>& given,
                std::string_view question, std::string_view no, std::string_view yes) {
-  const std::string value = value_of(options, option, given, question, no);
+  const std::string value = value_of(option, given, question, no);
   if (value != no && value != yes) {
     throw Refusal(fmt::format("{}: {} is neither {} nor {}", option, value, no, yes));
   }
   return value == yes;
 }
 
-void add_texts(CLI::App& parser, InitOptions& options) {
-  const auto add = [&](const char* name, std::string& value, const char* text, const char* type) {
-    parser.add_option(name, value, text)->type_name(type);
-  };
+void add_texts(CommandParser& parser, InitOptions& options) {
+  const auto add = [&](const char* name, std::optional<std::string>& value, const char* text,
+                       const char* type) { parser.add_option(name, value, text).type_name(type); };
   add("--folder", options.folder, "The folder to write into", "FOLDER");
   add("--server", options.server, "The engine's host", "HOST");
   add("--port", options.port, "The engine's port", "PORT");
@@ -100,8 +99,7 @@ void add_texts(CLI::App& parser, InitOptions& options) {
 
 }  // namespace
 
-void add_init_options(CLI::App& parser, InitOptions& options) {
-  options.parser = &parser;
+void add_init_options(CommandParser& parser, InitOptions& options) {
   add_texts(parser, options);
   parser.add_flag("--offline", options.offline, "Write without asking the engine");
   parser.add_flag("--json", options.json, R"(Print {"folder","files":[],"unknown_tables":[]})");
@@ -109,37 +107,33 @@ void add_init_options(CLI::App& parser, InitOptions& options) {
 
 void ask_for_login(const InitOptions& options, Setup& setup) {
   const std::string folder =
-      value_of(options, "--folder", options.folder, "Folder to write into", "kova-mcp-deployment");
+      value_of("--folder", options.folder, "Folder to write into", "kova-mcp-deployment");
   if (folder.empty()) throw Refusal("--folder is empty");
   const std::filesystem::path absolute = std::filesystem::absolute(folder).lexically_normal();
   // A separator at the end leaves an empty last part.
   setup.folder = (absolute.has_filename() ? absolute : absolute.parent_path()).string();
-  setup.server =
-      value_of(options, "--server", options.server, "Where the engine is: host", "127.0.0.1");
-  setup.port = value_of(options, "--port", options.port, "Its port", "");
-  setup.database = value_of(options, "--database", options.database, "Database", "");
-  setup.user = value_of(options, "--user", options.user, "Login: user", "");
+  setup.server = value_of("--server", options.server, "Where the engine is: host", "127.0.0.1");
+  setup.port = value_of("--port", options.port, "Its port", "");
+  setup.database = value_of("--database", options.database, "Database", "");
+  setup.user = value_of("--user", options.user, "Login: user", "");
   setup.password = password_of(options);
 }
 
 void ask_for_policy(const InitOptions& options, const Names& offered, Setup& setup) {
-  setup.client_id =
-      value_of(options, "--client-id", options.client_id, "The client's name", "desktop");
-  setup.name = value_of(options, "--name", options.name, "The policy's name", setup.database);
-  setup.tables = split_names(value_of(options, "--tables", options.tables,
-                                      "Tables that may be read" + offer_of(offered), ""));
-  setup.denied_columns = split_names(value_of(options, "--denied-columns", options.denied_columns,
+  setup.client_id = value_of("--client-id", options.client_id, "The client's name", "desktop");
+  setup.name = value_of("--name", options.name, "The policy's name", setup.database);
+  setup.tables = split_names(
+      value_of("--tables", options.tables, "Tables that may be read" + offer_of(offered), ""));
+  setup.denied_columns = split_names(value_of("--denied-columns", options.denied_columns,
                                               "Columns that may never be read (none)", ""));
-  setup.collections = split_names(value_of(options, "--collections", options.collections,
+  setup.collections = split_names(value_of("--collections", options.collections,
                                            "AI collections that may be searched (none)", ""));
-  setup.writes = choice_of(options, "--writes", options.writes,
-                           "Writes: none, or approval for each one", "none", "approval");
-  setup.http = choice_of(options, "--transport", options.transport, "Transport: stdio or http",
-                         "stdio", "http");
-  setup.write_tables = options.parser->count("--write-tables") > 0
-                           ? split_names(options.write_tables)
-                           : setup.tables;
-  setup.http_port = options.http_port;
+  setup.writes = choice_of("--writes", options.writes, "Writes: none, or approval for each one",
+                           "none", "approval");
+  setup.http =
+      choice_of("--transport", options.transport, "Transport: stdio or http", "stdio", "http");
+  setup.write_tables = options.write_tables ? split_names(*options.write_tables) : setup.tables;
+  setup.http_port = options.http_port.value_or("8080");
 }
 
 }  // namespace kova::admin

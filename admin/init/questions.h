@@ -1,6 +1,7 @@
 // What `init` is told by options, and asks for otherwise.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "admin/common/command_line.h"
@@ -10,14 +11,13 @@ namespace kova::admin {
 
 /// The options as they were given.
 struct InitOptions {
-  std::string folder, server, port, database, user, password_file, client_id, name, tables,
-      denied_columns, collections, write_tables, writes, transport, http_port = "8080";
+  std::optional<std::string> folder, server, port, database, user, password_file, client_id, name,
+      tables, denied_columns, collections, write_tables, writes, transport, http_port;
   bool offline = false;
   bool json = false;
-  CLI::App* parser = nullptr;
 };
 
-void add_init_options(CLI::App& parser, InitOptions& options);
+void add_init_options(CommandParser& parser, InitOptions& options);
 
 /// Fills what the engine must be asked with. Throws Refusal for a question without a terminal.
 void ask_for_login(const InitOptions& options, Setup& setup);

@@ -52,11 +52,11 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_policy_check(CLI::App& parser) {
+RunCommand add_policy_check(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
-  parser.add_option("FILE", options->file, "The policy file")->required()->type_name("FILE");
+  parser.add_option("FILE", options->file, "The policy file").required().type_name("FILE");
   parser.add_flag("--json", options->json, R"(Print {"valid","message","line","column"})");
   parser.footer(
       "Judges the file as the server's loader does. The launch identity is compared when the\n"

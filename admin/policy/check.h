@@ -5,6 +5,6 @@
 
 namespace kova::admin {
 
-[[nodiscard]] RunCommand add_policy_check(CLI::App& parser);
+[[nodiscard]] RunCommand add_policy_check(CommandParser& parser);
 
 }  // namespace kova::admin

@@ -117,17 +117,15 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_policy_diff(CLI::App& parser) {
+RunCommand add_policy_diff(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
-  parser.add_option("OLD", options->before, "The policy file before")
-      ->required()
-      ->type_name("FILE");
-  parser.add_option("NEW", options->after, "The policy file after")->required()->type_name("FILE");
+  parser.add_option("OLD", options->before, "The policy file before").required().type_name("FILE");
+  parser.add_option("NEW", options->after, "The policy file after").required().type_name("FILE");
   parser.add_option("CASES", options->cases, "A table of cases: which of them flip")
-      ->type_name("FILE")
-      ->check(not_empty());
+      .type_name("FILE")
+      .not_empty();
   parser.add_flag("--json", options->json,
                   R"(Print {"widened": [{"key", "value"}], "narrowed": [...], )"
                   R"("changed": [{"key", "old", "new"}], "flips": [{"case", "old", "new"}]})");

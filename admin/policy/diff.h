@@ -5,6 +5,6 @@
 
 namespace kova::admin {
 
-[[nodiscard]] RunCommand add_policy_diff(CLI::App& parser);
+[[nodiscard]] RunCommand add_policy_diff(CommandParser& parser);
 
 }  // namespace kova::admin

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -32,8 +33,7 @@ struct Options {
   std::shared_ptr<std::string> env;
   std::shared_ptr<bool> other_host;
   std::string file;
-  std::string call;
-  CLI::Option* has_call = nullptr;
+  std::optional<std::string> call;
   bool json = false;
   bool markdown = false;
 };
@@ -94,7 +94,7 @@ int exit_code(Verdict verdict) {
 
 int explain_call(const Options& options, const McpPolicy& policy) {
   const std::string text =
-      options.call == "-" ? std::string(read_standard_input(kCallLimit).view()) : options.call;
+      options.call == "-" ? std::string(read_standard_input(kCallLimit).view()) : *options.call;
   CallJudge judge(policy);
   const CallVerdict verdict = text.starts_with('{') ? judge.message(text) : judge.statement(text);
   if (options.json) {
@@ -106,7 +106,7 @@ int explain_call(const Options& options, const McpPolicy& policy) {
 }
 
 int run(const Options& options) {
-  const bool has_call = options.has_call->count() > 0;
+  const bool has_call = options.call.has_value();
   if (options.markdown && (has_call || options.json)) {
     throw Refusal("--markdown goes with neither SQL nor --json");
   }
@@ -117,16 +117,15 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_policy_explain(CLI::App& parser) {
+RunCommand add_policy_explain(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
-  parser.add_option("FILE", options->file, "The policy file")->required()->type_name("FILE");
-  options->has_call =
-      parser
-          .add_option("SQL", options->call,
-                      "A statement, or a whole tools/call line; - reads it; -- ends the options")
-          ->type_name("SQL|-");
+  parser.add_option("FILE", options->file, "The policy file").required().type_name("FILE");
+  parser
+      .add_option("SQL", options->call,
+                  "A statement, or a whole tools/call line; - reads it; -- ends the options")
+      .type_name("SQL|-");
   parser.add_flag("--markdown", options->markdown, "Without SQL: as Markdown, for a review");
   parser.add_flag("--json", options->json,
                   R"(With SQL: {"verdict","tool","message","check","offset","type","table",)"

@@ -5,6 +5,6 @@
 
 namespace kova::admin {
 
-[[nodiscard]] RunCommand add_policy_explain(CLI::App& parser);
+[[nodiscard]] RunCommand add_policy_explain(CommandParser& parser);
 
 }  // namespace kova::admin

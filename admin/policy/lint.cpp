@@ -95,11 +95,11 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_policy_lint(CLI::App& parser) {
+RunCommand add_policy_lint(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
-  parser.add_option("FILE", options->files, "The policy files")->required()->type_name("FILE");
+  parser.add_option("FILE", options->files, "The policy files").required().type_name("FILE");
   parser.add_flag("--json", options->json,
                   R"(Print {"findings":[{"file","rule","key","why","instead"}]})");
   parser.footer(

@@ -5,6 +5,6 @@
 
 namespace kova::admin {
 
-[[nodiscard]] RunCommand add_policy_lint(CLI::App& parser);
+[[nodiscard]] RunCommand add_policy_lint(CommandParser& parser);
 
 }  // namespace kova::admin

@@ -37,7 +37,7 @@ bool names_a_launch() {
 
 }  // namespace
 
-std::shared_ptr<bool> add_other_host_option(CLI::App& parser) {
+std::shared_ptr<bool> add_other_host_option(CommandParser& parser) {
   auto other_host = std::make_shared<bool>(false);
   parser.add_flag("--other-host", *other_host,
                   "The policy is for another machine: do not judge the launch identity and the "

@@ -1,11 +1,11 @@
 // Policy files as the commands of `kova-admin policy` read them.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <memory>
 #include <string>
 
+#include "admin/common/command_parser.h"
 #include "policy/policy.h"
 
 namespace kova::admin {
@@ -24,7 +24,7 @@ struct PolicyVerdict {
 };
 
 /// Adds `--other-host` to a command and returns where its value will stand.
-[[nodiscard]] std::shared_ptr<bool> add_other_host_option(CLI::App& parser);
+[[nodiscard]] std::shared_ptr<bool> add_other_host_option(CommandParser& parser);
 
 /// Judges a file by the server's loader. With `other_host` the launch identity and the state
 /// directory's path are left out. Throws Refusal when the file cannot be read.

@@ -4,7 +4,7 @@
 
 namespace kova::admin {
 
-RunCommand add_policy_schema(CLI::App& parser) {
+RunCommand add_policy_schema(CommandParser& parser) {
   parser.footer(
       "Prints the schema, which is valid as draft 2020-12 and as draft-07. What it cannot say,\n"
       "and how an editor is told of it, is in docs/policy.md.");

@@ -10,6 +10,6 @@ namespace kova::admin {
 /// The bytes of policy.schema.json. Generated at build time.
 extern const std::string_view kPolicySchema;
 
-[[nodiscard]] RunCommand add_policy_schema(CLI::App& parser);
+[[nodiscard]] RunCommand add_policy_schema(CommandParser& parser);
 
 }  // namespace kova::admin

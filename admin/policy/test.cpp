@@ -44,17 +44,17 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_policy_test(CLI::App& parser) {
+RunCommand add_policy_test(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
-  parser.add_option("FILE", options->file, "The policy file")->required()->type_name("FILE");
+  parser.add_option("FILE", options->file, "The policy file").required().type_name("FILE");
   parser.add_option("CASES", options->cases, "The table of cases, a JSON array; - reads it")
-      ->required()
-      ->type_name("FILE|-");
+      .required()
+      .type_name("FILE|-");
   parser.add_option("--junit", options->junit, "Write the outcomes in JUnit's form too")
-      ->type_name("FILE")
-      ->check(not_empty());
+      .type_name("FILE")
+      .not_empty();
   parser.add_flag("--fail-on-empty", options->fail_on_empty, "A table without a case fails");
   parser.footer(
       R"(A case: {"name", "tool", "sql" or "arguments", "expect": "allow"|"deny"|"approval",)"

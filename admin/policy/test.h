@@ -5,6 +5,6 @@
 
 namespace kova::admin {
 
-[[nodiscard]] RunCommand add_policy_test(CLI::App& parser);
+[[nodiscard]] RunCommand add_policy_test(CommandParser& parser);
 
 }  // namespace kova::admin

@@ -29,17 +29,17 @@ int run(const Options& options) {
 
 }  // namespace
 
-RunCommand add_serve(CLI::App& parser) {
+RunCommand add_serve(CommandParser& parser) {
   const auto options = std::make_shared<Options>();
   parser.footer(
       "Starts the server with the environment of a file, on standard input and output or, with\n"
       "--http, on a port of this machine. The server is kova-mcp beside kova-admin.\n"
       "Exit codes: the server's, or 2 when it cannot be started.");
   options->environment_file = add_env_option(parser);
-  parser.get_option("--env")->required();
+  parser.get_option("--env").required();
   parser.add_option("--http", options->port, "The port to listen on, behind a TLS proxy")
-      ->type_name("PORT")
-      ->check(CLI::Range(1, 65535));
+      .type_name("PORT")
+      .between(1, 65535);
   return [options] { return run(*options); };
 }
 

@@ -7,6 +7,6 @@
 namespace kova::admin {
 
 /// A Command's `add`.
-[[nodiscard]] RunCommand add_serve(CLI::App& parser);
+[[nodiscard]] RunCommand add_serve(CommandParser& parser);
 
 }  // namespace kova::admin
