@@ -13,7 +13,7 @@ readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)
 readonly -a MUTATION=(python3-clang)
 readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign
-  mmdebstrap)
+  mmdebstrap buildah podman runc catatonit)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
 readonly NODE_MINIMUM=18

@@ -26,17 +26,23 @@ def codename() -> str:
     return name
 
 
-class DebianRoot:
-    """A root folder with the packages that a Debian cannot be without. It has this machine's
-    network and nothing of its service manager or processes."""
+def make_archive(path: Path) -> None:
+    """Writes a root folder with the packages that a Debian cannot be without, as a tar archive."""
+    done = subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", codename(), str(path)],
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=MAKE_LIMIT, check=False)
+    assert done.returncode == 0, done.stderr
 
-    def __init__(self, folder: Path) -> None:
+
+class DebianRoot:
+    """Such an archive, unpacked: it has this machine's network and nothing of its service manager
+    or processes."""
+
+    def __init__(self, archive: Path, folder: Path) -> None:
         self.folder = folder
-        done = subprocess.run(
-            ["mmdebstrap", "--quiet", "--variant=minbase", "--format=directory", codename(),
-             str(folder)], stdin=subprocess.DEVNULL, capture_output=True, text=True,
-            timeout=MAKE_LIMIT, check=False)
-        assert done.returncode == 0, done.stderr
+        folder.mkdir()
+        subprocess.run(["tar", "-xf", str(archive), "-C", str(folder)], check=True,
+                       timeout=RUN_LIMIT)
         self.run("apt-get update --quiet=2")
 
     def path(self, inside: str) -> Path:

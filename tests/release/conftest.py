@@ -3,9 +3,9 @@
     /usr/bin/python3 -m pytest tests/release --target linux --build-dir build/package-linux
     ... --target windows --build-dir build/package-windows
 
-The build folders are those of the presets package-linux and package-windows; sample engine and client
-library are those of the presets linux and windows. What scripts/setup.sh release installs has to be
-there, and some tests need to be root.
+The build folders are those of the presets package-linux and package-windows; sample engine and
+client library are those of the presets linux and windows. What scripts/setup.sh release installs has
+to be there, and some tests need to be root.
 """
 
 from __future__ import annotations
@@ -15,6 +15,7 @@ from typing import Iterator
 
 import pytest
 
+from harness import debian_root
 from harness.packages import pack
 from harness.sales_engine import SALES
 from harness.sample_engine import Engine, make_database
@@ -71,3 +72,12 @@ def engine(engine_executable: Path, tmp_path_factory: pytest.TempPathFactory) ->
     made = Engine(engine_executable, folder)
     yield made
     assert made.stop() == 0
+
+
+@pytest.fixture(scope="session")
+def empty_debian(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Path]:
+    """A tar archive of the root folder."""
+    made = tmp_path_factory.mktemp("empty-debian") / "debian.tar"
+    debian_root.make_archive(made)
+    yield made
+    made.unlink()

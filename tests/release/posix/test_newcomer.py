@@ -6,6 +6,7 @@ import re
 import shutil
 import subprocess
 from pathlib import Path
+from typing import Iterator
 
 import pytest
 
@@ -31,10 +32,11 @@ find /etc/systemd -name '*kova*'
 
 
 @pytest.fixture(scope="module")
-def root(tmp_path_factory: pytest.TempPathFactory) -> DebianRoot:
-    made = DebianRoot(tmp_path_factory.mktemp("debian") / "root")
+def root(empty_debian: Path, tmp_path_factory: pytest.TempPathFactory) -> Iterator[DebianRoot]:
+    made = DebianRoot(empty_debian, tmp_path_factory.mktemp("debian") / "root")
     made.run(f"useradd --create-home {ACCOUNT}")
-    return made
+    yield made
+    shutil.rmtree(made.folder)
 
 
 def newer(package: Path, version: str, folder: Path) -> Path:
