@@ -20,6 +20,9 @@
 
 namespace kova::admin {
 
+/// Blocks of a sealed file: 200 million lines.
+inline constexpr std::size_t kSealBlockLimit = 200000;
+
 struct Seal {
   std::string file;  ///< the name under which it was sealed
   std::string sha256;
@@ -36,7 +39,7 @@ struct Seal {
 /// The line of a seal without its LF.
 [[nodiscard]] std::string seal_line(const Seal& seal);
 
-/// Nothing for a line that is none.
+/// Nothing for a line that is no seal.
 [[nodiscard]] std::optional<Seal> parse_seal(std::string_view line);
 
 /// The SHA-256 of a line as lower-case hexadecimal text. Throws Refusal when there is no digest.
@@ -49,7 +52,7 @@ struct KeptLine {
   std::string digest;
 };
 [[nodiscard]] std::string kept_text(const KeptLine& kept);
-/// Blanks around it do not count. Nothing for a text that is none.
+/// Blanks around it do not count. Nothing for a malformed text.
 [[nodiscard]] std::optional<KeptLine> parse_kept(std::string_view text);
 
 /// One line of a file of seals, as it lies.
