@@ -9,6 +9,7 @@
 #include "admin/audit/seal.h"
 #include "admin/audit/tail.h"
 #include "admin/audit/verify.h"
+#include "admin/bundle/bundle.h"
 #include "admin/common/command_line.h"
 #include "admin/common/output.h"
 #include "admin/doctor/doctor.h"
@@ -48,6 +49,9 @@ constexpr kova::admin::Command kCommands[] = {
     {.name = "audit verify",
      .summary = "Compare sealed audit files with their seals",
      .add = kova::admin::add_audit_verify},
+    {.name = "bundle",
+     .summary = "Make a bundle for the clients of a deployment that only reads",
+     .add = kova::admin::add_bundle},
     {.name = "doctor",
      .summary = "Find what is wrong with a deployment",
      .add = kova::admin::add_doctor},

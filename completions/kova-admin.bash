@@ -1,7 +1,7 @@
 # Completion for kova-admin. Written by scripts/make_command_files.py.
 _kova_admin() {
   local -A commands=(
-    ["kova-admin"]="approve approvals audit doctor init policy serve help"
+    ["kova-admin"]="approve approvals audit bundle doctor init policy serve help"
     ["kova-admin approvals"]="list clean"
     ["kova-admin audit"]="report tail export seal verify"
     ["kova-admin policy"]="check diff explain lint schema test"
@@ -18,6 +18,7 @@ _kova_admin() {
     ["kova-admin audit export"]="--help --to --output --since --until --client --tool"
     ["kova-admin audit seal"]="--help --to"
     ["kova-admin audit verify"]="--help --kept"
+    ["kova-admin bundle"]="--help --env --output --server --library --audit"
     ["kova-admin doctor"]="--help --env --server --json"
     ["kova-admin init"]="--help --folder --server --port --database --user --password-file --client-id --name --tables --denied-columns --collections --write-tables --writes --transport --http-port --offline --json"
     ["kova-admin policy"]="--help"
@@ -56,6 +57,11 @@ _kova_admin() {
     ["kova-admin audit export --tool"]="TEXT"
     ["kova-admin audit seal --to"]="TEXT"
     ["kova-admin audit verify --kept"]="TEXT"
+    ["kova-admin bundle --env"]="FILE"
+    ["kova-admin bundle --output"]="FILE"
+    ["kova-admin bundle --server"]="FILE"
+    ["kova-admin bundle --library"]="FILE"
+    ["kova-admin bundle --audit"]="TEXT"
     ["kova-admin doctor --env"]="FILE"
     ["kova-admin doctor --server"]="FILE"
     ["kova-admin init --folder"]="FOLDER"

@@ -9,6 +9,7 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "approve",
       "approvals",
       "audit",
+      "bundle",
       "doctor",
       "init",
       "policy",
@@ -99,6 +100,14 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin audit verify": [
       "--help",
       "--kept"
+    ],
+    "kova-admin bundle": [
+      "--help",
+      "--env",
+      "--output",
+      "--server",
+      "--library",
+      "--audit"
     ],
     "kova-admin doctor": [
       "--help",
@@ -198,6 +207,11 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin audit export --tool": "TEXT",
     "kova-admin audit seal --to": "TEXT",
     "kova-admin audit verify --kept": "TEXT",
+    "kova-admin bundle --env": "FILE",
+    "kova-admin bundle --output": "FILE",
+    "kova-admin bundle --server": "FILE",
+    "kova-admin bundle --library": "FILE",
+    "kova-admin bundle --audit": "TEXT",
     "kova-admin doctor --env": "FILE",
     "kova-admin doctor --server": "FILE",
     "kova-admin init --folder": "FOLDER",
