@@ -21,6 +21,7 @@
 #include "admin/policy/schema.h"
 #include "admin/policy/test.h"
 #include "admin/serve/serve.h"
+#include "admin/service/service.h"
 #include "platform/console.h"
 
 namespace {
@@ -79,6 +80,21 @@ constexpr kova::admin::Command kCommands[] = {
     {.name = "serve",
      .summary = "Start the server with the environment of a file",
      .add = kova::admin::add_serve},
+    {.name = "service install",
+     .summary = "Install the HTTP listener as a service of Windows",
+     .add = kova::admin::add_service_install},
+    {.name = "service start",
+     .summary = "Start the service",
+     .add = kova::admin::add_service_start},
+    {.name = "service stop",
+     .summary = "Stop the service and all of its processes",
+     .add = kova::admin::add_service_stop},
+    {.name = "service remove",
+     .summary = "Remove the service",
+     .add = kova::admin::add_service_remove},
+    {.name = "service run",
+     .summary = "Be the service's process",
+     .add = kova::admin::add_service_run},
 };
 
 }  // namespace

@@ -14,6 +14,7 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "init",
       "policy",
       "serve",
+      "service",
       "help"
     ],
     "kova-admin approvals": [
@@ -34,6 +35,13 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "lint",
       "schema",
       "test"
+    ],
+    "kova-admin service": [
+      "install",
+      "start",
+      "stop",
+      "remove",
+      "run"
     ]
   },
   "options": {
@@ -178,6 +186,28 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "--help",
       "--env",
       "--http"
+    ],
+    "kova-admin service": [
+      "--help"
+    ],
+    "kova-admin service install": [
+      "--help",
+      "--env",
+      "--http"
+    ],
+    "kova-admin service start": [
+      "--help"
+    ],
+    "kova-admin service stop": [
+      "--help"
+    ],
+    "kova-admin service remove": [
+      "--help"
+    ],
+    "kova-admin service run": [
+      "--help",
+      "--env",
+      "--http"
     ]
   },
   "values": {
@@ -241,7 +271,11 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin policy test --junit": "FILE",
     "kova-admin policy test <": "FILE",
     "kova-admin serve --env": "FILE",
-    "kova-admin serve --http": "TEXT"
+    "kova-admin serve --http": "TEXT",
+    "kova-admin service install --env": "FILE",
+    "kova-admin service install --http": "TEXT",
+    "kova-admin service run --env": "FILE",
+    "kova-admin service run --http": "TEXT"
   }
 }
 '@
