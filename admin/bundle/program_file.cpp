@@ -66,11 +66,9 @@ bool names_loader(std::string_view bytes) {
 }
 
 std::optional<ProgramFile> read_elf(std::string_view bytes) {
-  const auto type = number_at(bytes, kElfTypePlace, 2);
-  if (number_at(bytes, kElfMachinePlace, 2) != kElfMachineX64 ||
-      (type != kElfShared && type != kElfExecutable)) {
-    return std::nullopt;
-  }
+  const std::uint64_t type = number_at(bytes, kElfTypePlace, 2).value_or(0);
+  const bool is_code = type == kElfShared || type == kElfExecutable;
+  if (!is_code || number_at(bytes, kElfMachinePlace, 2) != kElfMachineX64) return std::nullopt;
   return ProgramFile{.system = System::kLinux,
                      .is_library = type == kElfShared && !names_loader(bytes)};
 }

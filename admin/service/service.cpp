@@ -39,8 +39,8 @@ void need_services() {
   }
 }
 
-std::string said_of(ServiceOutcome outcome) {
-  switch (outcome) {
+std::string said_of(const ServiceResult& result) {
+  switch (result.outcome) {
     case ServiceOutcome::kDone:
       return {};
     case ServiceOutcome::kDenied:
@@ -62,11 +62,11 @@ std::string said_of(ServiceOutcome outcome) {
     case ServiceOutcome::kFailed:
       break;
   }
-  return "the service manager failed";
+  return fmt::format("the service manager failed with the error {} of Windows", result.error);
 }
 
-int finish(ServiceOutcome outcome, const char* done) {
-  if (outcome != ServiceOutcome::kDone) throw Refusal(said_of(outcome));
+int finish(const ServiceResult& result, const char* done) {
+  if (result.outcome != ServiceOutcome::kDone) throw Refusal(said_of(result));
   print(done);
   return kExitFine;
 }
@@ -101,17 +101,17 @@ int install(const Options& options) {
   if (!path_exists(server.c_str())) throw Refusal(server + ": the server is not there");
   const std::string command_line =
       fmt::format(R"("{}" service run --env "{}" --http {})", own_executable(), file, options.port);
-  const ServiceOutcome outcome =
+  const ServiceResult result =
       install_service({.name = kName,
                        .title = "kova-mcp HTTP listener",
                        .description = "Policy-controlled access of AI clients to an SQL database.",
                        .command_line = command_line.c_str(),
                        .restart_ms = {1000, 5000, 60000}});
-  if (outcome == ServiceOutcome::kDone && !give_file_to_service(file.c_str(), kName)) {
+  if (result.outcome == ServiceOutcome::kDone && !give_file_to_service(file.c_str(), kName)) {
     static_cast<void>(remove_service(kName));
     throw Refusal(file + ": its rights cannot be set; nothing is installed");
   }
-  return finish(outcome, "Installed kova-mcp; kova-admin service start starts it.\n");
+  return finish(result, "Installed kova-mcp; kova-admin service start starts it.\n");
 }
 
 /// What the service manager starts. Its streams lead nowhere: a failure goes to the event log.

@@ -23,6 +23,11 @@ enum class ServiceOutcome {
   kFailed,
 };
 
+struct ServiceResult {
+  ServiceOutcome outcome;
+  std::uint32_t error = 0;  ///< the system's number of what kFailed stands for; 0 without one
+};
+
 struct ServiceDefinition {
   const char* name;
   const char* title;
@@ -35,16 +40,16 @@ struct ServiceDefinition {
 
 /// Installs a service that starts with the system, under the account "NT SERVICE\<name>", and makes
 /// its name a source of the event log. After a failure nothing is left of it.
-[[nodiscard]] ServiceOutcome install_service(const ServiceDefinition& definition);
+[[nodiscard]] ServiceResult install_service(const ServiceDefinition& definition);
 
 /// Starts it and waits until it runs.
-[[nodiscard]] ServiceOutcome start_service(const char* name, std::uint32_t timeout_ms);
+[[nodiscard]] ServiceResult start_service(const char* name, std::uint32_t timeout_ms);
 
 /// Stops it and waits until it has stopped.
-[[nodiscard]] ServiceOutcome stop_service(const char* name, std::uint32_t timeout_ms);
+[[nodiscard]] ServiceResult stop_service(const char* name, std::uint32_t timeout_ms);
 
 /// Removes a service that does not run, and its name from the event log.
-[[nodiscard]] ServiceOutcome remove_service(const char* name);
+[[nodiscard]] ServiceResult remove_service(const char* name);
 
 /// Writes the identifier of a service's account: S-1-5-80 and the SHA-1 of the name in capitals, as
 /// `sc showsid` prints it, whether or not the service is there.

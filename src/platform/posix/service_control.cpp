@@ -5,20 +5,20 @@ namespace kova {
 // The system's services are units, which its own tools install and start.
 const bool kHasServices = false;
 
-ServiceOutcome install_service(const ServiceDefinition&) {
-  return ServiceOutcome::kFailed;
+ServiceResult install_service(const ServiceDefinition&) {
+  return {ServiceOutcome::kFailed};
 }
 
-ServiceOutcome start_service(const char*, std::uint32_t) {
-  return ServiceOutcome::kFailed;
+ServiceResult start_service(const char*, std::uint32_t) {
+  return {ServiceOutcome::kFailed};
 }
 
-ServiceOutcome stop_service(const char*, std::uint32_t) {
-  return ServiceOutcome::kFailed;
+ServiceResult stop_service(const char*, std::uint32_t) {
+  return {ServiceOutcome::kFailed};
 }
 
-ServiceOutcome remove_service(const char*) {
-  return ServiceOutcome::kFailed;
+ServiceResult remove_service(const char*) {
+  return {ServiceOutcome::kFailed};
 }
 
 bool service_identifier(const char*, TextOut) {

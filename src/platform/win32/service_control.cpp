@@ -63,8 +63,9 @@ ServiceOutcome outcome_of(DWORD error) {
   }
 }
 
-ServiceOutcome last_outcome() {
-  return outcome_of(::GetLastError());
+ServiceResult last_result() {
+  const DWORD error = ::GetLastError();
+  return {.outcome = outcome_of(error), .error = error};
 }
 
 bool restart_after_failures(SC_HANDLE service, const ServiceDefinition& definition) {
@@ -157,7 +158,7 @@ bool sha1(const wchar_t* text, BYTE (&digest)[kSha1Size]) {
 
 }  // namespace
 
-ServiceOutcome install_service(const ServiceDefinition& definition) {
+ServiceResult install_service(const ServiceDefinition& definition) {
   wchar_t name[kWideCapacity];
   wchar_t title[kWideCapacity];
   wchar_t command_line[kWideCapacity];
@@ -167,81 +168,81 @@ ServiceOutcome install_service(const ServiceDefinition& definition) {
   if (!account_out.format("NT SERVICE\\%s", definition.name) || !to_wide(account_text, account) ||
       !to_wide(definition.name, name) || !to_wide(definition.title, title) ||
       !to_wide(definition.command_line, command_line)) {
-    return ServiceOutcome::kFailed;
+    return {ServiceOutcome::kFailed};
   }
   const ServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
-  if (manager.get() == nullptr) return last_outcome();
+  if (manager.get() == nullptr) return last_result();
   const ServiceHandle service(
       ::CreateServiceW(manager.get(), name, title, SERVICE_CHANGE_CONFIG | SERVICE_START | DELETE,
                        SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
                        command_line, nullptr, nullptr, L"Tcpip\0", account, nullptr));
-  if (service.get() == nullptr) return last_outcome();
+  if (service.get() == nullptr) return last_result();
   if (describe(service.get(), definition.description) &&
       restart_after_failures(service.get(), definition) && add_event_source(definition.name)) {
-    return ServiceOutcome::kDone;
+    return {ServiceOutcome::kDone};
   }
-  const ServiceOutcome outcome = last_outcome();
+  const ServiceResult result = last_result();
   ::DeleteService(service.get());
   remove_event_source(definition.name);
-  return outcome;
+  return result;
 }
 
-ServiceOutcome start_service(const char* name, std::uint32_t timeout_ms) {
+ServiceResult start_service(const char* name, std::uint32_t timeout_ms) {
   wchar_t wide[kWideCapacity];
-  if (!to_wide(name, wide)) return ServiceOutcome::kFailed;
+  if (!to_wide(name, wide)) return {ServiceOutcome::kFailed};
   const ServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  if (manager.get() == nullptr) return last_outcome();
+  if (manager.get() == nullptr) return last_result();
   const ServiceHandle service(
       ::OpenServiceW(manager.get(), wide, SERVICE_START | SERVICE_QUERY_STATUS));
   if (service.get() == nullptr || ::StartServiceW(service.get(), 0, nullptr) == 0) {
-    return last_outcome();
+    return last_result();
   }
   switch (settled_state(service.get(), SERVICE_START_PENDING, timeout_ms)) {
     case SERVICE_RUNNING:
-      return ServiceOutcome::kDone;
+      return {ServiceOutcome::kDone};
     case SERVICE_START_PENDING:
-      return ServiceOutcome::kTimedOut;
+      return {ServiceOutcome::kTimedOut};
     default:
-      return ServiceOutcome::kRefused;
+      return {ServiceOutcome::kRefused};
   }
 }
 
-ServiceOutcome stop_service(const char* name, std::uint32_t timeout_ms) {
+ServiceResult stop_service(const char* name, std::uint32_t timeout_ms) {
   wchar_t wide[kWideCapacity];
-  if (!to_wide(name, wide)) return ServiceOutcome::kFailed;
+  if (!to_wide(name, wide)) return {ServiceOutcome::kFailed};
   const ServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  if (manager.get() == nullptr) return last_outcome();
+  if (manager.get() == nullptr) return last_result();
   const ServiceHandle service(
       ::OpenServiceW(manager.get(), wide, SERVICE_STOP | SERVICE_QUERY_STATUS));
   SERVICE_STATUS status{};
   if (service.get() == nullptr ||
       ::ControlService(service.get(), SERVICE_CONTROL_STOP, &status) == 0) {
-    return last_outcome();
+    return last_result();
   }
   switch (settled_state(service.get(), SERVICE_STOP_PENDING, timeout_ms)) {
     case SERVICE_STOPPED:
-      return ServiceOutcome::kDone;
+      return {ServiceOutcome::kDone};
     case SERVICE_STOP_PENDING:
-      return ServiceOutcome::kTimedOut;
+      return {ServiceOutcome::kTimedOut};
     default:
-      return ServiceOutcome::kFailed;
+      return {ServiceOutcome::kFailed};
   }
 }
 
-ServiceOutcome remove_service(const char* name) {
+ServiceResult remove_service(const char* name) {
   wchar_t wide[kWideCapacity];
-  if (!to_wide(name, wide)) return ServiceOutcome::kFailed;
+  if (!to_wide(name, wide)) return {ServiceOutcome::kFailed};
   const ServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  if (manager.get() == nullptr) return last_outcome();
+  if (manager.get() == nullptr) return last_result();
   const ServiceHandle service(::OpenServiceW(manager.get(), wide, DELETE | SERVICE_QUERY_STATUS));
   SERVICE_STATUS status{};
   if (service.get() == nullptr || ::QueryServiceStatus(service.get(), &status) == 0) {
-    return last_outcome();
+    return last_result();
   }
-  if (status.dwCurrentState != SERVICE_STOPPED) return ServiceOutcome::kRunning;
-  if (::DeleteService(service.get()) == 0) return last_outcome();
+  if (status.dwCurrentState != SERVICE_STOPPED) return {ServiceOutcome::kRunning};
+  if (::DeleteService(service.get()) == 0) return last_result();
   remove_event_source(name);
-  return ServiceOutcome::kDone;
+  return {ServiceOutcome::kDone};
 }
 
 bool service_identifier(const char* name, TextOut out) {
