@@ -35,7 +35,7 @@ export class HttpClient {
     this.#socket = null;
   }
 
-  /** Resolves with the answer to a request; anything but a good result is an error. */
+  /** Resolves with the response to a request; anything but a good result is an error. */
   async ask(method, params) {
     this.#lastId += 1;
     const message = { jsonrpc: '2.0', id: this.#lastId, method, params };

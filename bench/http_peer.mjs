@@ -1,5 +1,5 @@
 // What the HTTP listener is measured against: the Streamable HTTP server that a user would write
-// with the official SDK, with one tool that answers from memory. Prints its port.
+// with the official SDK, with one tool that returns text from memory. Prints its port.
 import { randomUUID } from 'node:crypto';
 import { createServer } from 'node:http';
 

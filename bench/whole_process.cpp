@@ -17,7 +17,7 @@ constexpr std::string_view kInitialize =
     R"({"jsonrpc":"2.0","id":"hello","method":"initialize","params":{"protocolVersion":)"
     R"("2025-11-25","capabilities":{},"clientInfo":{"name":"bench","version":"1"}}})"
     "\n";
-// Ids of calls that a worker answers may come again.
+// Ids of calls that run in a worker may come again.
 constexpr std::string_view kListTables =
     R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"kova_list_tables",)"
     R"("arguments":{}}})"
@@ -116,7 +116,7 @@ bool run(const Options& options) {
   std::printf("\n");
   return measure(
       {{"floor: spawn to first line", [&] { return spawn_to_first_line(options.floor); }},
-       {"server: spawn to initialize's answer",
+       {"server: spawn to initialize's reply",
         [&] { return spawn_to_first_line(options.server); }}},
       options.rounds);
 }

@@ -39,9 +39,13 @@ std::vector<AuditUse> read_audit_uses(const std::string& path) {
   std::vector<AuditUse> uses;
   std::error_code error;
   if (path.empty() || (!std::filesystem::exists(path_of(path), error) && !error)) return uses;
+  // A pipe or a device gives no records back, or waits for them.
+  if (!std::filesystem::is_regular_file(path_of(path), error)) {
+    throw Refusal(path + ": the audit file is no regular file");
+  }
   std::ifstream file(path_of(path), std::ios::binary);
-  if (!file) throw Refusal(path + ": the audit file cannot be read");
   for (std::string line; std::getline(file, line);) add_audit_use(line, uses);
+  if (!file.eof()) throw Refusal(path + ": the audit file cannot be read");
   return uses;
 }
 

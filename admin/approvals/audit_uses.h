@@ -21,7 +21,8 @@ struct AuditUse {
 /// included: the log belongs to the server, which drops records that it cannot write whole.
 void add_audit_use(std::string_view line, std::vector<AuditUse>& uses);
 
-/// Those of a file, of any size; none without one. Throws Refusal when it cannot be read.
+/// Those of a file, of any size; none without one. Throws Refusal for one that cannot be read, or
+/// that is no regular file.
 [[nodiscard]] std::vector<AuditUse> read_audit_uses(const std::string& path);
 
 }  // namespace kova::admin

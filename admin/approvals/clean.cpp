@@ -21,7 +21,7 @@ struct Options {
 };
 
 int run(const Options& options) {
-  use_deployment(*options.env);
+  const DeploymentInUse in_use(*options.env);
   const auto policy = load_policy();
   const std::string directory = policy->approval_state_directory;
   const auto decisions = read_journal(journal_path(*options.journal));

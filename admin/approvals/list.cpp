@@ -69,7 +69,7 @@ void print_list(const std::vector<Approval>& approvals) {
 }
 
 int run(const Options& options) {
-  use_deployment(*options.env);
+  const DeploymentInUse in_use(*options.env);
   const auto policy = load_policy();
   const auto decisions = read_journal(journal_path(*options.journal));
   const auto markers = read_markers(policy->approval_state_directory);

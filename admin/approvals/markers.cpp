@@ -36,6 +36,7 @@ std::string lower_case(std::string_view text) {
 }
 
 std::vector<Marker> read_markers(const std::string& directory) {
+  if (directory.empty()) throw Refusal("the policy names no approval_state_directory");
   std::vector<Marker> markers;
   try {
     for (const auto& entry : std::filesystem::directory_iterator(path_of(directory))) {

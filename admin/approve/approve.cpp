@@ -103,6 +103,7 @@ int approve(const Review& review, const std::string& journal, Decision decision,
 /// Shows the page, asks, and does what the operator decides.
 int decide(const Options& options, const Review& review, const std::string& person) {
   const std::string journal = journal_path(*options.journal);
+  check_last_line(journal);
   const ApprovalSecret secret(options.secret_file);
   check_issuing(review);
   TokenOutput output(options.copy_to);
@@ -129,9 +130,10 @@ void check_digest(const Options& options, const Review& review) {
 
 int run(const Options& options) {
   if (options.json && !options.show) throw Refusal("--json needs --show");
-  // Before the variables of the file count: they are the server's, and say nothing of who decides.
+  // Read before the environment file is applied: its variables are the server's and do not say who
+  // decides.
   const std::string person = options.show ? std::string() : deciding_person();
-  use_deployment(*options.env);
+  const DeploymentInUse in_use(*options.env);
   const Review review = review_statement(read_statement(options.statement));
   check_digest(options, review);
   if (!options.show) return decide(options, review, person);

@@ -14,6 +14,7 @@
 #include "admin/common/refusal.h"
 #include "admin/common/times.h"
 #include "platform/durable_file.h"
+#include "platform/file_probe.h"
 
 namespace kova::admin {
 
@@ -117,6 +118,14 @@ Decision parse_decision(std::string_view text) {
   }
   check_decision(decision);
   return decision;
+}
+
+void check_last_line(const std::string& path) {
+  char last = '\n';
+  std::size_t length = 0;
+  if (read_file_end(path.c_str(), &last, 1, length) && length == 1 && last != '\n') {
+    throw Refusal(path + ": the last line of the journal has no end");
+  }
 }
 
 void append_decision(const std::string& path, const Decision& decision) {

@@ -42,13 +42,17 @@ struct Decision {
 /// The line of a decision, with its LF; everything but printable ASCII is escaped.
 [[nodiscard]] std::string journal_line(const Decision& decision);
 
+/// Throws Refusal for a journal whose last line has no end: the next one would be joined to it, and
+/// neither could be read.
+void check_last_line(const std::string& path);
+
 /// Appends a decision and stores it for good. Throws Refusal.
 void append_decision(const std::string& path, const Decision& decision);
 
-/// Reads one line without its end. Throws Refusal for one that is none.
+/// Reads one line without its end. Throws Refusal for a malformed one.
 [[nodiscard]] Decision parse_decision(std::string_view line);
 
-/// Reads the lines of a journal. Throws Refusal, with the line, for one that is none.
+/// Reads the lines of a journal. Throws Refusal, with the line, for a malformed one.
 [[nodiscard]] std::vector<Decision> parse_journal(std::string_view text);
 
 /// The same for a file; none that does not exist yet is empty.

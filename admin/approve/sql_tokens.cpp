@@ -22,7 +22,7 @@ std::size_t number_end(std::string_view text, std::size_t begin) {
   return has_fraction ? end_of(text, end + 1, is_digit) : end;
 }
 
-/// The index after the text in double quotes, or `npos` when it is none.
+/// The index after the text in double quotes, or `npos` when an apostrophe or no quote ends it.
 std::size_t quoted_end(std::string_view text, std::size_t begin) {
   const std::size_t end = text.find_first_of("\"'", begin + 1);
   return end != text.npos && text[end] == '"' ? end + 1 : text.npos;

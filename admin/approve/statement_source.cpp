@@ -22,6 +22,8 @@ namespace {
 constexpr std::size_t kSourceLimit = 1048576;
 
 constexpr std::size_t kToolCapacity = 129;
+constexpr std::size_t kMethodCapacity = 64;
+constexpr std::string_view kCallMethod = "tools/call";
 constexpr std::string_view kWriteTool = "kova_execute";
 
 std::string shown_place(std::string_view text, std::size_t index) {
@@ -36,16 +38,30 @@ void refuse_escaped_nul(std::string_view source) {
   }
 }
 
+/// Whether the message is the server's reply to a proposal, or a part of it.
+bool is_reply(const JsonDoc& doc) {
+  return json_find(doc, 0, "result") >= 0 || json_find(doc, 0, "structuredContent") >= 0 ||
+         json_find(doc, 0, "operation_digest") >= 0;
+}
+
+/// Whether a request without its method, or one of this method, may call a tool.
+bool may_call_tool(const JsonDoc& doc) {
+  const int method = json_find(doc, 0, "method");
+  char text[kMethodCapacity] = {};
+  return method < 0 || (json_get_string(doc, method, text) && text == kCallMethod);
+}
+
 /// The index of the object that holds the statement.
 int arguments_of(const JsonDoc& doc) {
   if (json_find(doc, 0, "sql") >= 0) return 0;
-  if (json_find(doc, 0, "result") >= 0 || json_find(doc, 0, "structuredContent") >= 0) {
+  if (is_reply(doc)) {
     throw Refusal("the server's answer holds no statement: its digest goes into --digest");
   }
   const int params = json_find(doc, 0, "params");
   if (!doc.is(params, JsonType::kObject)) throw Refusal("the message holds no statement");
   char tool[kToolCapacity] = {};
-  if (!json_get_string(doc, json_find(doc, params, "name"), tool) || tool != kWriteTool) {
+  if (!may_call_tool(doc) || !json_get_string(doc, json_find(doc, params, "name"), tool) ||
+      tool != kWriteTool) {
     throw Refusal(fmt::format("the message does not call {}", kWriteTool));
   }
   return json_find(doc, params, "arguments");

@@ -10,7 +10,7 @@
 namespace kova::admin {
 
 /// The place of one token. Its space is reserved before the decision is journalled, so that a full
-/// disk is found out while nothing was decided.
+/// disk is noticed before anything is decided.
 class TokenOutput {
  public:
   /// With an empty path the token goes to standard output. Throws Refusal when the file exists.

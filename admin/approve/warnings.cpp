@@ -22,6 +22,9 @@ constexpr std::string_view kNoFunctions[] = {
 /// Words after which a table's name stands.
 constexpr std::string_view kTableWords[] = {"FROM", "INTO", "JOIN", "TABLE", "USING"};
 
+/// Words that begin a query in parentheses: tables are named later in it.
+constexpr std::string_view kQueryWords[] = {"SELECT", "TABLE", "VALUES", "WITH"};
+
 /// Words that end a list of tables or a condition.
 constexpr std::string_view kClauseWords[] = {"CONNECT", "FETCH",  "GROUP",     "HAVING", "LIMIT",
                                              "ON",      "ORDER",  "RETURNING", "SELECT", "SET",
@@ -96,8 +99,9 @@ class Reader {
     add_list(target_, places);
     for (std::size_t i = target_ + 1; i + 1 < tokens_.size(); ++i) {
       if (!is_one_of(kTableWords, tokens_[i])) continue;
-      if (is_table(i + 1) && (tokens_[i].is_word("JOIN") || !is_target(i + 1))) {
-        places.add(tokens_[i + 1].begin);
+      const std::size_t name = table_after(i);
+      if (name != tokens_.size() && (tokens_[i].is_word("JOIN") || !is_target(name))) {
+        places.add(tokens_[name].begin);
       }
       add_list(i + 1, places);
     }
@@ -146,8 +150,9 @@ class Reader {
     Places places;
     for (std::size_t i = 0; i + 1 < tokens_.size(); ++i) {
       const SqlToken& token = tokens_[i];
-      const bool named = token.kind == TokenKind::kWord || token.kind == TokenKind::kQuoted;
-      if (named && i != target_ && tokens_[i + 1].is_sign('(') && !is_one_of(kNoFunctions, token)) {
+      const bool named = is_table(i) || token.is_sign('`') || token.is_sign(']');
+      const bool of_target = i == target_ || (opens_name(target_) && i == target_ + 2);
+      if (named && !of_target && tokens_[i + 1].is_sign('(') && !is_one_of(kNoFunctions, token)) {
         places.add(token.begin);
       }
     }
@@ -195,6 +200,20 @@ class Reader {
            (tokens_[index].kind == TokenKind::kWord || tokens_[index].kind == TokenKind::kQuoted);
   }
 
+  /// Whether a name may begin with this sign: engines differ on which signs quote one.
+  [[nodiscard]] bool opens_name(std::size_t index) const {
+    return index < tokens_.size() && (tokens_[index].is_sign('`') || tokens_[index].is_sign('['));
+  }
+
+  /// The index of the table's name after the token at `index`, behind parentheses and signs that
+  /// quote it, or how many tokens there are.
+  [[nodiscard]] std::size_t table_after(std::size_t index) const {
+    std::size_t name = index + 1;
+    while (name < tokens_.size() && (tokens_[name].is_sign('(') || opens_name(name))) ++name;
+    const bool is_query = name < tokens_.size() && is_one_of(kQueryWords, tokens_[name]);
+    return is_table(name) && !is_query ? name : tokens_.size();
+  }
+
   /// Whether the name is the one that the policy has judged, in double quotes or without.
   [[nodiscard]] bool is_target(std::size_t index) const {
     const SqlToken& token = tokens_[index];
@@ -223,8 +242,10 @@ class Reader {
     const int depth = tokens_[begin].depth;
     for (std::size_t i = begin + 1; i < tokens_.size() && tokens_[i].depth >= depth; ++i) {
       if (tokens_[i].depth != depth) continue;
-      if (is_one_of(kClauseWords, tokens_[i])) return;
-      if (tokens_[i].is_sign(',') && is_table(i + 1)) places.add(tokens_[i + 1].begin);
+      // After another word for tables their list is a list of its own.
+      if (is_one_of(kClauseWords, tokens_[i]) || is_one_of(kTableWords, tokens_[i])) return;
+      const std::size_t name = tokens_[i].is_sign(',') ? table_after(i) : tokens_.size();
+      if (name != tokens_.size()) places.add(tokens_[name].begin);
     }
   }
 

@@ -28,8 +28,8 @@ class JournalJoin {
   /// Bytes.
   static constexpr std::size_t kMemoryLimit = std::size_t{64} * 1024 * 1024;
 
-  /// Reads a journal. Throws Refusal, with the line, for one that is none or whose approvals need
-  /// more than kMemoryLimit.
+  /// Reads a journal. Throws Refusal, with the line, for a malformed one or one whose approvals
+  /// need more than kMemoryLimit.
   explicit JournalJoin(const std::string& path);
 
   /// Takes the approval that a write with an accepted token used. Records come in their order.

@@ -29,7 +29,7 @@ struct FilterOptions {
   std::optional<std::string> client;
   std::optional<std::string> tool;
 
-  /// Throws Refusal for a time that is none.
+  /// Throws Refusal for a malformed time.
   [[nodiscard]] RecordFilter filter() const;
 };
 

@@ -36,7 +36,7 @@ struct Seal {
 /// The line of a seal without its LF.
 [[nodiscard]] std::string seal_line(const Seal& seal);
 
-/// Nothing for a line that is none.
+/// Nothing for a line that is no seal.
 [[nodiscard]] std::optional<Seal> parse_seal(std::string_view line);
 
 /// The SHA-256 of a line as lower-case hexadecimal text. Throws Refusal when there is no digest.
@@ -49,7 +49,7 @@ struct KeptLine {
   std::string digest;
 };
 [[nodiscard]] std::string kept_text(const KeptLine& kept);
-/// Blanks around it do not count. Nothing for a text that is none.
+/// Blanks around it do not count. Nothing for a malformed text.
 [[nodiscard]] std::optional<KeptLine> parse_kept(std::string_view text);
 
 /// One line of a file of seals, as it lies.

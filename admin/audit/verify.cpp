@@ -62,7 +62,7 @@ class Verifier {
   [[nodiscard]] int finish() {
     if (count_ == 0 && lines_ > 0) throw Refusal(seals_ + ": line 1: the line is no seal");
     if (count_ == 0 && !kept_) throw Refusal(seals_ + ": there is no seal in it");
-    // What was kept is of a line that is gone.
+    // The kept digest is of a line that the file no longer has.
     if (kept_ && kept_->number > lines_) break_at(lines_ + 1);
     print(findings_);
     if (!findings_.empty()) return kExitFound;

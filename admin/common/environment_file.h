@@ -21,7 +21,7 @@ struct EnvironmentEntry {
 /// comments. Blanks around a name and an unquoted value are dropped. Quotes, single or double,
 /// stand around a value; in double quotes a backslash escapes `"`, `\`, "`" and "$" and stays
 /// before anything else; outside quotes it keeps the next character as it is. Throws Refusal, with
-/// the line, for a value over several lines, a quote left open, a name that is none, a line
+/// the line, for a value over several lines, a quote left open, an invalid name, a line
 /// without "=", a NUL, and what is no UTF-8.
 [[nodiscard]] std::vector<EnvironmentEntry> parse_environment(std::string_view text);
 

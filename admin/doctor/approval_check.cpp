@@ -81,6 +81,15 @@ bool judge_place(Findings& findings, const std::string& folder) {
   return false;
 }
 
+/// Of a policy that is not known to ask for approvals: the loader stops at its first refusal.
+void judge_need(Findings& findings, const McpPolicy& policy) {
+  if (policy.valid) {
+    findings.note("not needed: the policy asks for no approvals");
+  } else {
+    findings.warn("not judged: the policy is refused", "mend the policy first");
+  }
+}
+
 }  // namespace
 
 std::string weakness_of(std::string_view secret) {
@@ -96,7 +105,7 @@ Check check_approval_secret(const McpPolicy& policy, const std::string& environm
   const EnvironmentValue secret("KOVA_MCP_APPROVAL_SECRET");
   const bool is_set = !secret.view().empty();
   if (!is_set && !needs_approvals(policy)) {
-    findings.note("not needed: the policy asks for no approvals");
+    judge_need(findings, policy);
     return findings.finish();
   }
   if (!is_set) {
@@ -121,12 +130,7 @@ Check check_approval_secret(const McpPolicy& policy, const std::string& environm
 Check check_approval_directory(const McpPolicy& policy) {
   Findings findings("approval.directory");
   if (!needs_approvals(policy)) {
-    const bool is_known = policy.valid || policy.database_user[0] != '\0';
-    if (is_known) {
-      findings.note("not needed: the policy asks for no approvals");
-    } else {
-      findings.warn("not judged: the policy could not be read", "mend the policy first");
-    }
+    judge_need(findings, policy);
     return findings.finish();
   }
   const std::string folder(policy.approval_state_directory);

@@ -103,6 +103,7 @@ int run(const Options& options) {
 ExaminedDeployment examine(const std::string& server, const std::string& environment_file) {
   std::vector<Check> checks;
   DeploymentFiles files{.server = server,
+                        .admin = own_executable(),
                         .client_library = {},
                         .policy = deployment_value("KOVA_MCP_POLICY"),
                         .environment = environment_file};

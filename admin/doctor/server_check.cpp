@@ -56,7 +56,7 @@ bool library_is_usable = false;
 bool open_library(const std::string& server, Library& library) {
   const std::string folder = folder_of(server);
   return (!folder.empty() && library.open_in(folder, kClientLibraryName)) ||
-         library.open(kClientLibraryName);
+         library.open_in_search_path(kClientLibraryName);
 }
 
 std::string missing_library(const std::string& server) {
@@ -122,6 +122,7 @@ Check check_permissions(const DeploymentFiles& files) {
     if (!path.empty() && path_exists(path.c_str())) judge_writers(findings, what, path, use);
   };
   judge("the server", files.server, FolderUse::kNobodyAdds);
+  judge("kova-admin", files.admin, FolderUse::kNobodyAdds);
   judge("the client library", files.client_library, FolderUse::kNobodyAdds);
   judge("the policy", files.policy, FolderUse::kNobodyReplaces);
   judge("the environment file", files.environment, FolderUse::kNobodyReplaces);

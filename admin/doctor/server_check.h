@@ -11,6 +11,7 @@ namespace kova::admin {
 /// The files that a deployment is made of. Empty where there is none.
 struct DeploymentFiles {
   std::string server;
+  std::string admin;  ///< this program: clients start it, and it reads the secrets
   std::string client_library;
   std::string policy;
   std::string environment;
@@ -27,7 +28,7 @@ struct DeploymentFiles {
 /// DbSession::Loader.
 [[nodiscard]] const ClientLibrary* checked_client_library();
 
-/// Who may change the server, the library, the policy and the environment file, and read the last.
+/// Who may change the files, and read the environment file.
 [[nodiscard]] Check check_permissions(const DeploymentFiles& files);
 
 }  // namespace kova::admin

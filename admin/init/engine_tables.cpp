@@ -23,12 +23,63 @@ namespace {
 
 using nlohmann::json;
 
-void set_variable(const char* name, const char* value) {
-  if (!set_environment_variable(name, value)) throw Refusal(fmt::format("{} cannot be set", name));
+/// The login's values: the variable, the option that gives it, and the setting of the session.
+struct LoginValue {
+  LoginSetting setting;
+  const char* variable;
+  const char* option;
+};
+
+constexpr LoginValue kLoginValues[] = {
+    {.setting = LoginSetting::kServer, .variable = "KOVA_MCP_SERVER", .option = "--server"},
+    {.setting = LoginSetting::kPort, .variable = "KOVA_MCP_PORT", .option = "--port"},
+    {.setting = LoginSetting::kDatabase, .variable = "KOVA_MCP_DATABASE", .option = "--database"},
+    {.setting = LoginSetting::kUser, .variable = "KOVA_MCP_USER", .option = "--user"},
+    {.setting = LoginSetting::kPassword,
+     .variable = "KOVA_MCP_PASSWORD",
+     .option = "--password-file"},
+};
+
+const char* value_in(const Setup& setup, LoginSetting setting) {
+  switch (setting) {
+    case LoginSetting::kServer:
+      return setup.server.c_str();
+    case LoginSetting::kPort:
+      return setup.port.c_str();
+    case LoginSetting::kDatabase:
+      return setup.database.c_str();
+    case LoginSetting::kUser:
+      return setup.user.c_str();
+    case LoginSetting::kPassword:
+    case LoginSetting::kNone:
+      break;
+  }
+  return setup.password.c_str();
+}
+
+void clear_login() {
+  for (const LoginValue& value : kLoginValues) clear_environment_variable(value.variable);
+}
+
+void set_login(const Setup& setup) {
+  for (const LoginValue& value : kLoginValues) {
+    if (!set_environment_variable(value.variable, value_in(setup, value.setting))) {
+      throw Refusal(fmt::format("{}: the value cannot be used", value.option));
+    }
+  }
+  const LoginSetting bad = first_bad_login_setting();
+  for (const LoginValue& value : kLoginValues) {
+    if (value.setting == bad) {
+      throw Refusal(fmt::format("{}: {}", value.option, setting_fault(bad)));
+    }
+  }
 }
 
 [[noreturn]] void refuse_login() {
   const std::vector<Check> steps = check_login(checked_client_library);
+  if (steps.back().status != CheckStatus::kFail) {
+    throw Refusal("the engine does not list its tables (--offline writes without asking it)");
+  }
   throw Refusal(fmt::format("{}: {} (--offline writes without asking the engine)",
                             steps.back().name, steps.back().detail));
 }
@@ -49,18 +100,20 @@ Names names_in(std::string_view result) {
   return names;
 }
 
-void use_login(const Setup& setup) {
-  set_variable("KOVA_MCP_SERVER", setup.server.c_str());
-  set_variable("KOVA_MCP_PORT", setup.port.c_str());
-  set_variable("KOVA_MCP_DATABASE", setup.database.c_str());
-  set_variable("KOVA_MCP_USER", setup.user.c_str());
-  set_variable("KOVA_MCP_PASSWORD", setup.password.c_str());
-  const LoginSetting bad = first_bad_login_setting();
-  if (bad != LoginSetting::kNone) throw Refusal(setting_fault(bad));
+LoginInUse::LoginInUse(const Setup& setup) {
+  try {
+    set_login(setup);
+  } catch (const Refusal&) {
+    clear_login();
+    throw;
+  }
 }
 
-Names engine_tables(const Setup& setup) {
-  use_login(setup);
+LoginInUse::~LoginInUse() {
+  clear_login();
+}
+
+Names engine_tables() {
   std::string library;
   const Check found = check_client_library(server_beside(), library);
   if (found.status == CheckStatus::kFail) {

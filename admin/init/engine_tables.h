@@ -7,15 +7,21 @@
 
 namespace kova::admin {
 
-/// Logs in with the values of a setup, which it puts into this process's environment, and asks for
-/// the tables. Throws Refusal, which names the step, when the engine does not let it in.
-[[nodiscard]] Names engine_tables(const Setup& setup);
+/// The login's values in this process's environment until destruction, which wipes them.
+class LoginInUse {
+ public:
+  /// Throws Refusal, with the option, for a value outside its limits.
+  explicit LoginInUse(const Setup& setup);
+  ~LoginInUse();
+  LoginInUse(const LoginInUse&) = delete;
+  LoginInUse& operator=(const LoginInUse&) = delete;
+};
+
+/// Logs in with the values of this process's environment and asks for the tables. Throws Refusal,
+/// which names the step, when the engine does not let it in.
+[[nodiscard]] Names engine_tables();
 
 /// The first column of a statement's result, without what is no safe name.
 [[nodiscard]] Names names_in(std::string_view result);
-
-/// Puts the login's values into this process's environment. Throws Refusal, with the option, for
-/// one outside its limits.
-void use_login(const Setup& setup);
 
 }  // namespace kova::admin

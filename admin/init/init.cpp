@@ -25,11 +25,18 @@ namespace {
 
 constexpr std::uint64_t kPortLimit = 65535;
 
-void check_http_port(const Setup& setup) {
-  const std::uint64_t port = whole_decimal(setup.http_port).value_or(0);
+void check_port(const char* option, const std::string& text) {
+  const std::uint64_t port = whole_decimal(text).value_or(0);
   if (port < 1 || port > kPortLimit) {
-    throw Refusal(fmt::format("--http-port: {} is no port", setup.http_port));
+    throw Refusal(fmt::format("{}: {} is no port", option, text));
   }
+}
+
+/// The engine's tables; none when it is not to be asked.
+Names offered_tables(const InitOptions& options, const Setup& setup) {
+  const LoginInUse login(setup);
+  check_port("--port", setup.port);
+  return options.offline ? Names() : engine_tables();
 }
 
 /// The tables of the setup that the engine does not have.
@@ -74,21 +81,29 @@ void print_lines(const std::string& text) {
   print(safe);
 }
 
-int run(const InitOptions& options) {
-  Setup setup;
-  ask_for_login(options, setup);
-  check_folder(setup);
-  use_login(setup);
-  const Names offered = options.offline ? Names() : engine_tables(setup);
-  ask_for_policy(options, offered, setup);
-  check_http_port(setup);
-  check_values(setup);
-  const std::vector<std::string> files = write_deployment(setup);
-  const Names unknown = options.offline ? Names() : unknown_tables(setup, offered);
+void tell(const InitOptions& options, const Setup& setup, const std::vector<std::string>& files,
+          const Names& unknown) {
   if (options.json) {
     print_json({{"folder", setup.folder}, {"files", files}, {"unknown_tables", unknown}});
   } else {
     print_lines(summary(setup, unknown));
+  }
+}
+
+int run(const InitOptions& options) {
+  Setup setup;
+  ask_for_login(options, setup);
+  check_folder(setup);
+  const Names offered = offered_tables(options, setup);
+  ask_for_policy(options, offered, setup);
+  check_port("--http-port", setup.http_port);
+  check_values(setup);
+  const std::vector<std::string> files = write_deployment(setup);
+  try {
+    tell(options, setup, files, options.offline ? Names() : unknown_tables(setup, offered));
+  } catch (const Refusal& refusal) {
+    // The other exit codes say that nothing is there.
+    print_error(fmt::format("{} is written, and {}", setup.folder, refusal.what()));
   }
   return kExitFine;
 }

@@ -8,6 +8,7 @@
 #include "admin/common/file_text.h"
 #include "admin/common/printable.h"
 #include "admin/common/refusal.h"
+#include "admin/common/utf8.h"
 #include "base/secret.h"
 #include "base/text.h"
 #include "platform/terminal.h"
@@ -40,22 +41,37 @@ SecretText ask_terminal(const char* option, const std::string& prompt, Typing ty
   return SecretText(answer);
 }
 
+/// No file of a deployment can hold such a value.
+void check_text(const char* option, std::string_view value) {
+  if (find_malformed(value) != std::string_view::npos) {
+    throw Refusal(fmt::format("{}: the value is not UTF-8", option));
+  }
+  if (value.find_first_of(std::string_view("\n\r\0", 3)) != std::string_view::npos) {
+    throw Refusal(fmt::format("{}: the value holds a line end or a NUL", option));
+  }
+}
+
 /// One value: an option's, or an answer; an empty answer is the default.
 std::string value_of(const char* option, const std::optional<std::string>& given,
                      std::string_view question, std::string_view fallback) {
-  if (given) return *given;
+  if (given) {
+    check_text(option, *given);
+    return *given;
+  }
   const std::string prompt = fallback.empty() ? fmt::format("{}: ", question)
                                               : fmt::format("{} [{}]: ", question, fallback);
   const SecretText answer = ask_terminal(option, prompt, Typing::kShown);
+  check_text(option, answer.view());
   return std::string(answer.view().empty() ? fallback : answer.view());
 }
 
 SecretText password_of(const InitOptions& options) {
-  if (!options.password_file) {
-    return ask_terminal("--password-file", "Password (not shown): ", Typing::kHidden);
-  }
-  SecretText password = read_file(*options.password_file, kPasswordFileLimit);
-  cut_line_end(password);
+  constexpr const char* kOption = "--password-file";
+  SecretText password = options.password_file
+                            ? read_file(*options.password_file, kPasswordFileLimit)
+                            : ask_terminal(kOption, "Password (not shown): ", Typing::kHidden);
+  if (options.password_file) cut_line_end(password);
+  check_text(kOption, password.view());
   return password;
 }
 
@@ -132,7 +148,9 @@ void ask_for_policy(const InitOptions& options, const Names& offered, Setup& set
                            "none", "approval");
   setup.http =
       choice_of("--transport", options.transport, "Transport: stdio or http", "stdio", "http");
-  setup.write_tables = options.write_tables ? split_names(*options.write_tables) : setup.tables;
+  setup.write_tables = options.write_tables
+                           ? split_names(value_of("--write-tables", options.write_tables, "", ""))
+                           : setup.tables;
   setup.http_port = options.http_port.value_or("8080");
 }
 

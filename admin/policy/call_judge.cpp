@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "admin/approve/statement_rows.h"
 #include "admin/common/refusal.h"
 #include "admin/common/utf8.h"
 #include "admin/policy/json_places.h"
@@ -34,18 +33,13 @@ constexpr VerdictName kVerdictNames[] = {{.verdict = Verdict::kAllow, .name = "a
                                          {.verdict = Verdict::kDeny, .name = "deny"},
                                          {.verdict = Verdict::kApproval, .name = "approval"}};
 
-std::string place_text(std::string_view text, std::size_t index) {
-  const Place place = place_of(text, index);
-  return fmt::format("line {}, column {}", place.line, place.column);
-}
-
-/// The protocol carries neither.
+/// The protocol carries neither a NUL nor malformed UTF-8.
 void check_sendable(std::string_view text) {
   const std::size_t nul = text.find('\0');
-  if (nul != text.npos) throw Refusal("a NUL byte at " + place_text(text, nul));
+  if (nul != text.npos) throw Refusal("a NUL byte at " + byte_place(text, nul));
   const std::size_t malformed = find_malformed(text);
   if (malformed != text.npos) {
-    throw Refusal("the text is not UTF-8 at " + place_text(text, malformed));
+    throw Refusal("the text is not UTF-8 at " + byte_place(text, malformed));
   }
 }
 

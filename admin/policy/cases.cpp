@@ -66,7 +66,8 @@ class CasesReader {
     if (!json_get_string(doc_, token, TextOut(text.data(), text.size()))) {
       refuse_at(begin_of(token), fmt::format("\"{}\" is no valid text", key));
     }
-    text.resize(text.find('\0'));
+    // The whole of it: the text may hold an escaped NUL.
+    text.resize(decoded_offset(doc_.raw(token), doc_.raw(token).size()));
     return text;
   }
 
@@ -112,14 +113,16 @@ class CasesReader {
       refuse_at(begin_of(std::max(sql, arguments) - 1),
                 R"(the case has both "sql" and "arguments")");
     }
-    made.tool = optional_text(object, "tool").value_or("");
+    const std::optional<std::string> tool = optional_text(object, "tool");
     if (sql >= 0) {
+      // For the server the statement ends at an escaped NUL.
       const std::string statement = text_of(sql, "sql");
-      if (made.tool.empty()) made.tool = tool_of(statement);
+      made.tool = tool ? *tool : tool_of(statement.c_str());
       made.arguments = fmt::format(R"({{"sql":"{}"}})", doc_.raw(sql));
       return;
     }
-    if (made.tool.empty()) refuse_at(begin_of(object), R"("arguments" needs a "tool")");
+    if (!tool) refuse_at(begin_of(object), R"("arguments" needs a "tool")");
+    made.tool = *tool;
     if (doc_.is(arguments, JsonType::kString)) {
       refuse_at(begin_of(arguments), R"("arguments" must be an object)");
     }

@@ -123,8 +123,8 @@ RunCommand add_policy_diff(CommandParser& parser) {
   options->other_host = add_other_host_option(parser);
   parser.add_option("OLD", options->before, "The policy file before").required().type_name("FILE");
   parser.add_option("NEW", options->after, "The policy file after").required().type_name("FILE");
-  parser.add_option("CASES", options->cases, "A table of cases: which of them flip")
-      .type_name("FILE")
+  parser.add_option("CASES", options->cases, "A table of cases: which of them flip; - reads it")
+      .type_name("FILE|-")
       .not_empty();
   parser.add_flag("--json", options->json,
                   R"(Print {"widened": [{"key", "value"}], "narrowed": [...], )"

@@ -77,7 +77,10 @@ int run(const Options& options) {
   std::vector<LintSubject> subjects;
   for (const std::string& file : options.files) {
     policies.push_back(need_policy(file, Launch::kAny, *options.other_host));
-    subjects.push_back({.file = file, .policy = policies.back().get(), .columns = std::nullopt});
+    subjects.push_back({.file = file,
+                        .policy = policies.back().get(),
+                        .columns = std::nullopt,
+                        .other_host = *options.other_host});
   }
   add_columns(subjects);
   std::vector<LintFinding> findings;

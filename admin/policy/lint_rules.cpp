@@ -77,6 +77,7 @@ class PolicyLint {
   }
 
   void open_state_directory() {
+    if (subject_.other_host) return;
     FileRights rights;
     const char* const directory = policy_.approval_state_directory;
     if (directory[0] == '\0' || !read_file_rights(directory, rights) || !rights.others_write) {
@@ -163,6 +164,16 @@ class PolicyLint {
   std::vector<LintFinding> findings_;
 };
 
+/// Why two policies of one name are a mistake. An approval is bound to name, client and database.
+std::string shared_name_reason(const LintSubject& earlier, const McpPolicy& policy) {
+  const bool same_binding = std::string_view(earlier.policy->client_id) == policy.client_id &&
+                            std::string_view(earlier.policy->database) == policy.database;
+  return fmt::format("{} has the name {} too: {}", earlier.file, policy.name,
+                     same_binding ? "with one secret, a token for one host is accepted by the "
+                                    "other as well"
+                                  : "an audit record does not say which of them it speaks of");
+}
+
 }  // namespace
 
 std::vector<LintFinding> lint_policy(const LintSubject& subject) {
@@ -181,9 +192,7 @@ std::vector<LintFinding> lint_names(const std::vector<LintSubject>& subjects) {
         {.file = subject->file,
          .rule = "shared-name",
          .key = "name",
-         .why = fmt::format("{} has the name {} too: with one secret, a token for one host is "
-                            "accepted by the other as well",
-                            earlier->file, name),
+         .why = shared_name_reason(*earlier, *subject->policy),
          .instead = "give the policy of each host its own name, or each host its own secret"});
   }
   return findings;

@@ -29,6 +29,7 @@ struct LintSubject {
   const McpPolicy* policy;
   /// The columns of the engine's tables; nothing when it was not asked or did not tell all.
   std::optional<std::vector<TableColumns>> columns;
+  bool other_host = false;  ///< the state directory is not on this machine
 };
 
 /// Examines one policy and its file.

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "admin/common/printable.h"
 #include "base/ascii.h"
 #include "mcp/tool_list.h"
 #include "policy/names.h"
@@ -88,12 +89,14 @@ Sentences reading(const McpPolicy& policy) {
     return {"It can read nothing: reads_enabled is false, so every tool that reads is refused."};
   }
   Sentences found;
-  found.push_back(policy.allowed_tables.count == 0
-                      ? "It can read no table; a SELECT without FROM still runs."
-                      : fmt::format("It can read the tables {}.", joined(policy.allowed_tables)));
-  found.emplace_back(policy.denied_columns.count == 0
-                         ? "It can see what their columns are called, and select * from them."
-                         : "It cannot describe a table, and cannot select *.");
+  if (policy.allowed_tables.count == 0) {
+    found.emplace_back("It can read no table; a SELECT without FROM still runs.");
+  } else {
+    found.push_back(fmt::format("It can read the tables {}.", joined(policy.allowed_tables)));
+    found.emplace_back(policy.denied_columns.count == 0
+                           ? "It can see what their columns are called, and select * from them."
+                           : "It cannot describe a table, and cannot select *.");
+  }
   add_collections(policy, found);
   return found;
 }
@@ -152,14 +155,16 @@ Sentences not_stopped(const McpPolicy& policy) {
   return found;
 }
 
-/// Inside a word "_" is no mark of emphasis, at its ends it is one.
-std::string markdown_text(std::string_view sentence) {
+/// A line without the marks of Markdown or HTML. Inside a word "_" is no mark of emphasis, at its
+/// ends it is one.
+std::string markdown_text(std::string_view line) {
+  constexpr std::string_view kMarks = "\\`*[]<>~&";
   std::string text;
-  for (std::size_t i = 0; i < sentence.size(); ++i) {
+  for (std::size_t i = 0; i < line.size(); ++i) {
     const bool inside =
-        i > 0 && i + 1 < sentence.size() && is_alnum(sentence[i - 1]) && is_alnum(sentence[i + 1]);
-    if (sentence[i] == '*' || (sentence[i] == '_' && !inside)) text += '\\';
-    text += sentence[i];
+        i > 0 && i + 1 < line.size() && is_alnum(line[i - 1]) && is_alnum(line[i + 1]);
+    if (kMarks.find(line[i]) != kMarks.npos || (line[i] == '_' && !inside)) text += '\\';
+    text += line[i];
   }
   return text;
 }
@@ -169,7 +174,7 @@ std::string markdown(const McpPolicy& policy, const std::vector<SummarySection>&
   for (const SummarySection& section : sections) {
     text += fmt::format("\n## {}\n\n", section.title);
     for (const std::string& sentence : section.sentences) {
-      text += "- " + markdown_text(sentence) + '\n';
+      text += "- " + markdown_text(printable(sentence)) + '\n';
     }
   }
   return text + fmt::format("\nMore: [security model]({}{}).\n", kSecurityModel, kSurprises);
@@ -192,7 +197,7 @@ std::string summary_text(const McpPolicy& policy, SummaryForm form) {
   std::string text;
   for (const SummarySection& section : sections) {
     text += section.title + "\n";
-    for (const std::string& sentence : section.sentences) text += "  " + sentence + '\n';
+    for (const std::string& sentence : section.sentences) text += "  " + printable(sentence) + '\n';
     text += '\n';
   }
   return text + fmt::format("More: {}{}\n", kSecurityModel, kSurprises);

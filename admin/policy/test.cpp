@@ -2,15 +2,16 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "admin/audit/output_target.h"
 #include "admin/common/deployment.h"
 #include "admin/common/output.h"
 #include "admin/policy/case_report.h"
 #include "admin/policy/cases.h"
 #include "admin/policy/policy_source.h"
-#include "admin/policy/whole_file.h"
 
 namespace kova::admin {
 
@@ -25,6 +26,13 @@ struct Options {
   bool fail_on_empty = false;
 };
 
+/// The file of the JUnit report, when one is asked for.
+std::optional<OutputTarget> report_file(const Options& options) {
+  if (options.junit.empty()) return std::nullopt;
+  const std::string inputs[] = {options.file, options.cases};
+  return std::optional<OutputTarget>(std::in_place, options.junit, inputs);
+}
+
 int run(const Options& options) {
   use_deployment(*options.env);
   const auto policy = need_policy(options.file, Launch::kEnvironment, *options.other_host);
@@ -33,8 +41,9 @@ int run(const Options& options) {
   std::vector<CaseOutcome> outcomes;
   outcomes.reserve(cases.size());
   for (const PolicyCase& expected : cases) outcomes.push_back(judge_case(judge, expected));
-  if (!options.junit.empty()) {
-    write_whole_file(options.junit, junit_report(policy->name, outcomes));
+  if (std::optional<OutputTarget> report = report_file(options)) {
+    report->write(junit_report(policy->name, outcomes));
+    report->finish();
   }
   print(tap_report(outcomes));
   const bool all =

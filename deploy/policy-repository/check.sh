@@ -1,7 +1,7 @@
 #!/bin/sh
 # The check of this repository, for its gate: every policy is valid, without a known mistake and as
 # its cases want it, and nothing has widened since the folder BASE (say, a checkout of the main
-# branch) unless WIDENING=accepted.
+# branch), nor has a policy come that BASE does not have, unless WIDENING=accepted.
 #
 #   ./check.sh [BASE]
 #
@@ -23,13 +23,17 @@ for policy in policies/*.kova-policy.json; do
   set -- --other-host --fail-on-empty
   [ -z "${REPORTS-}" ] || set -- "$@" --junit "$REPORTS/$name.xml"
   "$admin" policy test "$@" "$policy" "cases/$name.json" || failed=1
-  if [ -n "$base" ] && [ -f "$base/$policy" ]; then
+  [ -n "$base" ] || continue
+  if [ -f "$base/$policy" ]; then
     "$admin" policy diff --other-host --fail-on-widening "$base/$policy" "$policy" \
       "cases/$name.json"
     found=$?
-    if [ "$found" -ne 0 ] && { [ "$found" -ne 1 ] || [ "${WIDENING-}" != accepted ]; }; then
-      failed=1
-    fi
+  else
+    echo "$policy is not in $base: all that it allows is new"
+    found=1
+  fi
+  if [ "$found" -ne 0 ] && { [ "$found" -ne 1 ] || [ "${WIDENING-}" != accepted ]; }; then
+    failed=1
   fi
 done
 

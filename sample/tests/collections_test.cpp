@@ -241,10 +241,10 @@ TEST_F(CollectionsTest, OldFinishedJobsAreNotKept) {
 
 struct Wrong {
   const char* definition;
-  const char* words;
+  const char* message;
 };
 
-TEST_F(CollectionsTest, WrongDefinitionsBecomeFailedBuildsWithWords) {
+TEST_F(CollectionsTest, WrongDefinitionsBecomeFailedBuildsWithAMessage) {
   const Wrong wrongs[] = {
       {"'NOWHERE', 'ID', 'BODY', 'LOCAL'", "no such table: main.NOWHERE"},
       {"'ARTICLES', 'NO', 'BODY', 'LOCAL'", "no such column: S.NO"},
@@ -266,9 +266,9 @@ TEST_F(CollectionsTest, WrongDefinitionsBecomeFailedBuildsWithWords) {
     administer(define.c_str());
     run();
     EXPECT_EQ(rows("SELECT KIND, STATE, ERROR FROM AI_JOBS WHERE COLLECTION = 'BAD'"),
-              Rows{std::string("BUILD FAILED ") + wrong.words});
+              Rows{std::string("BUILD FAILED ") + wrong.message});
     const std::string found = search("x", "bad").at(0);
-    EXPECT_NE(found.find(wrong.words), std::string::npos) << found;
+    EXPECT_NE(found.find(wrong.message), std::string::npos) << found;
     administer("DELETE FROM AI_COLLECTIONS WHERE NAME = 'BAD'");
     administer("DELETE FROM AI_JOBS WHERE COLLECTION = 'BAD'");
   }

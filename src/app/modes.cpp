@@ -116,7 +116,7 @@ int issue_approval_mode(const Startup& startup) {
 }
 
 int http_mode(const Startup& startup) {
-  // The sessions read their input in processes of their own.
+  // The listener reads no lines itself: each session is a process with its own buffer.
   startup.line_buffer.reset();
   return run_http_listener(startup.operand);
 }

@@ -5,6 +5,7 @@
 
 #include "app/line_reader.h"
 #include "app/trace.h"
+#include "base/drain.h"
 #include "base/heap_array.h"
 #include "base/text.h"
 #include "json/output_lock.h"
@@ -17,7 +18,6 @@ namespace {
 
 /// Bytes of a child's output that are passed on; the rest is dropped.
 constexpr std::size_t kReplyLimit = kMessageLimit + 1;
-constexpr std::size_t kDrainSize = 4096;
 /// The exit code that stands for a child which never ran.
 constexpr std::uint32_t kNeverRan = 1;
 
@@ -48,9 +48,7 @@ void read_reply(ChildProcess& child, Reply& reply) {
     if (got == 0) return;
     reply.length += got;
   }
-  char rest[kDrainSize];
-  while (child.read_output(rest, sizeof rest) > 0) {
-  }
+  drain([&](char* rest, std::size_t size) { return child.read_output(rest, size); });
 }
 
 /// Runs the call in a child process and returns its exit code.

@@ -30,7 +30,7 @@ bool fields_are_valid(const TokenPieces& pieces, std::string_view digest) {
          equal_ignoring_case(pieces.digest, digest);
 }
 
-/// The number that the text begins with; the largest one when it is larger.
+/// The number that the text begins with; the largest value when it does not fit.
 std::uint64_t leading_number(std::string_view text) {
   constexpr std::uint64_t kLimit = std::numeric_limits<std::uint64_t>::max();
   std::uint64_t number = 0;

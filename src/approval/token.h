@@ -11,7 +11,7 @@
 
 namespace kova {
 
-/// The message for a token that is none.
+/// The message for a text that is no token.
 inline constexpr std::string_view kTokenInvalid = "approval token is invalid";
 inline constexpr std::size_t kTokenCapacity = 256;
 inline constexpr std::size_t kApprovalMessageCapacity = 256;

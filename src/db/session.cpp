@@ -52,8 +52,8 @@ LoginSetting first_bad_setting(const Profile& profile) {
   return LoginSetting::kNone;
 }
 
-/// Whether some address accepts a connection. Asked before the library is, whose own connect may
-/// never return.
+/// Whether some address accepts a connection. Tried before the library connects, because its own
+/// connect has no time limit.
 bool can_connect(const AddressList& addresses, std::uint32_t timeout_ms) {
   for (const void* address = addresses.first(); address != nullptr;
        address = AddressList::next(address)) {
@@ -63,7 +63,7 @@ bool can_connect(const AddressList& addresses, std::uint32_t timeout_ms) {
   return false;
 }
 
-/// The step at which the engine turns out not to be reachable.
+/// Resolves the host and tries its addresses; returns the step that failed, or kNone.
 LoginStep reach(const Profile& profile, std::uint32_t timeout_ms) {
   const SocketLayer layer;
   AddressList addresses;
@@ -134,7 +134,7 @@ bool ensure_session(DbSession& session) {
   if (session.attempted) return false;
   session.attempted = true;
   session.failed_step = attempt(session);
-  // The engine has refused: a later call makes a new attempt. What failed before stays failed.
+  // After a refusal by the engine a later call tries again; every other failure is final.
   if (session.failed_step == LoginStep::kUse || session.failed_step == LoginStep::kLogin) {
     disconnect(session);
   }

@@ -40,9 +40,9 @@ bool execute_statement(DbSession& session, const char* sql, std::uint32_t max_ro
   const ClientLibrary& library = *session.library;
   if (library.exec(session.statement_object, sql) <= 0) {
     const char* const status = library.status(session.statement_object);
-    const bool has_words = status != nullptr && *status != '\0';
-    return refuse(result.error, has_words ? cut_text(status, kStatementErrorCapacity - 1)
-                                          : "database statement failed");
+    const bool has_message = status != nullptr && *status != '\0';
+    return refuse(result.error, has_message ? cut_text(status, kStatementErrorCapacity - 1)
+                                            : "database statement failed");
   }
   OutBuf out;
   if (!compose_result_json(library, session.statement_object, max_rows, out, result.rowCount,

@@ -81,7 +81,7 @@ std::optional<std::string_view> HttpRequest::header(std::string_view name,
 }
 
 bool HttpRequest::receive_more(Socket& socket) {
-  // Asked for nothing, the system would wait for more all the same.
+  // The buffer is full: receiving 0 bytes would still wait for the client.
   if (received_ == kRequestLimit) return false;
   const std::size_t got = socket.receive(buffer_ + received_, kRequestLimit - received_);
   received_ += got;
@@ -102,8 +102,8 @@ bool HttpRequest::receive_header_block(Socket& socket) {
 
 bool HttpRequest::receive(Socket& socket) {
   if (!receive_header_block(socket)) return false;
-  // What comes later changes nothing: the first such line wins, and without one the request is
-  // whole now.
+  // Only the bytes received so far are searched: the first Content-Length wins, and without one
+  // the request is complete.
   const auto text = header("Content-Length", kContentLengthCapacity);
   const auto length = text ? content_length(*text) : 0;
   if (!length) return false;

@@ -22,9 +22,9 @@ class HttpRequest {
  public:
   explicit HttpRequest(char* buffer) : buffer_(buffer) {}
 
-  /// Reads from the socket until the request is whole. False when it cannot be: the client has
-  /// stopped before, or a bound of above does not hold. Content-Length frames the body; without
-  /// it, or with a value of 32 characters and more, there is none.
+  /// Reads from the socket until the request is complete. False when the client stops sending
+  /// before that, and when a limit above is exceeded. Content-Length frames the body; without it,
+  /// or with a value of 32 characters and more, there is no body.
   [[nodiscard]] bool receive(Socket& socket);
 
   /// Whether there is a buffer to receive into.

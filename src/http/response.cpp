@@ -1,5 +1,6 @@
 #include "http/response.h"
 
+#include "base/drain.h"
 #include "base/text.h"
 
 namespace kova {
@@ -7,12 +8,11 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kHeadCapacity = 1024;
-constexpr std::size_t kDrainSize = 4096;
 
-void drain(Socket& socket) {
-  char dropped[kDrainSize];
-  while (socket.has_waiting_bytes() && socket.receive(dropped, sizeof dropped) > 0) {
-  }
+void drain_waiting_bytes(Socket& socket) {
+  drain([&](char* dropped, std::size_t size) {
+    return socket.has_waiting_bytes() ? socket.receive(dropped, size) : 0;
+  });
 }
 
 }  // namespace
@@ -30,7 +30,7 @@ void write_response(Socket& socket, const HttpResponse& response) {
                    response.header)) {
     return;
   }
-  if (response.status == kTooManyRequests) drain(socket);
+  if (response.status == kTooManyRequests) drain_waiting_bytes(socket);
   if (!socket.send_all(head.view().data(), head.length()) || response.body.empty()) return;
   static_cast<void>(socket.send_all(response.body.data(), response.body.size()));
 }

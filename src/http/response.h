@@ -16,9 +16,9 @@ struct HttpResponse {
   std::string_view body = {};  ///< JSON, or empty
 };
 
-/// Composes the head and sends it, then the body. Before a kTooManyRequests it takes in what the
-/// client has sent, so that closing the connection does not destroy the response on its way. A
-/// client that has gone changes nothing.
+/// Composes the head and sends it, then the body. Before a kTooManyRequests it reads and drops what
+/// the client has sent: closing a socket with unread bytes resets the connection, and the response
+/// could be lost. A client that has closed the connection is no error.
 void write_response(Socket& socket, const HttpResponse& response);
 
 }  // namespace kova

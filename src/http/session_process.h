@@ -24,7 +24,7 @@ class SessionProcess {
   [[nodiscard]] bool start(ChildStarter& starter);
   [[nodiscard]] const char* id() const { return id_; }
 
-  /// Writes a whole message, never mixed with another one; false when the child has gone.
+  /// Writes a whole message, never mixed with another one; false when the child has ended.
   [[nodiscard]] bool write(std::string_view message);
   /// Reads one line without its line feed and carriage returns into a buffer of kReplyLineLimit
   /// bytes; what follows it stays for the next call. False for an empty line, a longer one, and at
@@ -32,13 +32,13 @@ class SessionProcess {
   [[nodiscard]] bool read_line(char* line, std::size_t& length);
 
   [[nodiscard]] bool has_ended();
-  /// Ends the child at once; reads and writes under way come back.
+  /// Ends the child at once; reads and writes under way return.
   void terminate();
   /// Collects a terminated child, waiting at most 2,000 ms, and forgets everything.
   void finish();
 
  private:
-  /// A pipe's worth.
+  /// The capacity of a pipe.
   static constexpr std::size_t kBlockSize = 65536;
 
   [[nodiscard]] bool draw_id();

@@ -12,7 +12,8 @@ namespace kova {
 /// Removes a variable; where the system lets the process reach the value, it is overwritten first.
 void clear_environment_variable(const char* name);
 
-/// Calls `visit` with the name of each variable. The environment must not change meanwhile.
+/// Calls `visit` with the name of each variable, in upper case where the system compares names
+/// without regard to case. The environment must not change meanwhile.
 void visit_environment_names(void (*visit)(void* context, std::string_view name), void* context);
 
 }  // namespace kova

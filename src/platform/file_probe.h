@@ -1,4 +1,4 @@
-// Trying what a server will need of files and folders, so that nothing is changed or left behind.
+// Tries what a server will need of files and folders, and changes and leaves nothing.
 #pragma once
 
 #include <cstddef>

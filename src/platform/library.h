@@ -13,6 +13,8 @@ class Library {
   /// Loads `file_name` from the executable's own folder, then from the absolute entries of the
   /// system's search path, never from the current directory.
   [[nodiscard]] bool open(const char* file_name);
+  /// The same without the executable's own folder: for another executable's library.
+  [[nodiscard]] bool open_in_search_path(const char* file_name);
   /// Loads `file_name` from one folder and looks nowhere else.
   [[nodiscard]] bool open_in(std::string_view folder, const char* file_name);
   /// The address of an exported function, or null.

@@ -1,4 +1,4 @@
-// What the machine grants this process, and whether its clock can be trusted.
+// The limits of this process, and whether the machine's clock is synchronised.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Other executables: one that is asked something, and one that takes this process's place.
+// Running other executables: with input and captured output, or in place of this process.
 #pragma once
 
 #include <cstdint>

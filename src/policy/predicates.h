@@ -1,5 +1,5 @@
 // Yes-or-no questions to the policy, and the kill switches. Kill switches are read at each call;
-// everything else is pure. The answer for an invalid policy is always no.
+// everything else is pure. All return false for an invalid policy.
 #pragma once
 
 #include <string_view>

@@ -62,14 +62,20 @@ bool comma_follows(std::string_view rest) {
   return next != rest.end() && *next == ',';
 }
 
+/// A text without a word passes.
+bool check_first_word(std::string_view sql, TextOut message, CheckTrace* trace) {
+  char text[kWordCapacity];
+  TextOut word(text);
+  std::string_view rest = sql;
+  if (!policy_next_word(rest, word) || word.view() == "SELECT") return true;
+  trace_check(trace, "select-only", taken_word_begin(sql, rest));
+  return refuse(message, "policy accepts SELECT only");
+}
+
 /// One SELECT, and every name in a table's place allowed. Only a comma after a word that is no
 /// table (an alias, say) puts the next word into a table's place.
 bool check_structure(const McpPolicy& policy, std::string_view sql, TextOut message,
                      CheckTrace* trace) {
-  const auto refuse_at = [&](std::string_view rest, std::string_view check, std::string_view text) {
-    trace_check(trace, check, taken_word_begin(sql, rest));
-    return refuse(message, text);
-  };
   char text[kWordCapacity];
   TextOut word(text);
   bool in_table_list = false;
@@ -77,24 +83,20 @@ bool check_structure(const McpPolicy& policy, std::string_view sql, TextOut mess
   std::string_view rest = sql;
   for (bool first_word = true; policy_next_word(rest, word); first_word = false) {
     const std::string_view name = word.view();
-    if (first_word) {
-      if (name != "SELECT") {
-        return refuse_at(rest, "select-only", "policy accepts SELECT only");
-      }
-    } else if (name == "SELECT" || name == "UNION") {
-      return refuse_at(rest, "select-one",
-                       "subqueries and UNION are not enabled by this policy version");
-    } else if (name == "FROM" || name == "JOIN") {
+    if (first_word) continue;
+    if (name == "SELECT" || name == "UNION") {
+      trace_check(trace, "select-one", taken_word_begin(sql, rest));
+      return refuse(message, "subqueries and UNION are not enabled by this policy version");
+    }
+    if (name == "FROM" || name == "JOIN") {
       in_table_list = expect_table = true;
     } else if (name == "WHERE" || name == "GROUP" || name == "ORDER" || name == "HAVING") {
       in_table_list = expect_table = false;
-    } else if (expect_table) {
-      if (!policy_table_allowed(policy, name, TableUse::kRead)) {
-        return refuse_at(rest, "allowed_tables", "table is not allowed by MCP policy");
-      }
-      expect_table = false;
-    } else if (in_table_list) {
-      expect_table = comma_follows(rest);
+    } else if (expect_table && !policy_table_allowed(policy, name, TableUse::kRead)) {
+      trace_check(trace, "allowed_tables", taken_word_begin(sql, rest));
+      return refuse(message, "table is not allowed by MCP policy");
+    } else {
+      expect_table = in_table_list && !expect_table && comma_follows(rest);
     }
   }
   return true;
@@ -132,7 +134,7 @@ bool policy_validate_select(const McpPolicy& policy, std::string_view sql, TextO
   if (!policy.configured) return true;
   if (!policy_reads_allowed(policy)) return refuse(message, kReadsDisabled);
   return check_lexical(sql, message, trace) && check_denied_words(policy, sql, message, trace) &&
-         check_structure(policy, sql, message, trace) &&
+         check_first_word(sql, message, trace) && check_structure(policy, sql, message, trace) &&
          (policy.denied_columns.count == 0 || check_wildcards(sql, message, trace));
 }
 

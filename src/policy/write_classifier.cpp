@@ -152,6 +152,14 @@ bool find_prohibited_word(std::string_view canonical, std::size_t& index) {
   return false;
 }
 
+bool check_prohibited_words(std::string_view canonical, std::string_view sql, TextOut message,
+                            CheckTrace* trace) {
+  std::size_t index = 0;
+  if (!find_prohibited_word(canonical, index)) return true;
+  trace_check(trace, "write-prohibited-word", word_place(sql, index, policy_next_word));
+  return refuse(message, "write contains a prohibited operation");
+}
+
 /// The type or the target that the policy does not list.
 void trace_target(const McpPolicy& policy, std::string_view sql, std::uint32_t bit,
                   CheckTrace* trace) {
@@ -189,11 +197,7 @@ bool write_classify(const McpPolicy& policy, std::string_view sql, ClassifiedWri
     trace_target(policy, sql, bit, trace);
     return refuse(message, "write type or target table is not allowed by MCP policy");
   }
-  std::size_t index = 0;
-  if (find_prohibited_word(canonical, index)) {
-    trace_check(trace, "write-prohibited-word", word_place(sql, index, policy_next_word));
-    return refuse(message, "write contains a prohibited operation");
-  }
+  if (!check_prohibited_words(canonical, sql, message, trace)) return false;
   std::uint8_t digest[kSha256Size];
   if (!sha256_digest(canonical, digest)) return refuse(message, "operation digest failed");
   write_hex(digest, write.digest);

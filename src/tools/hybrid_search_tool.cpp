@@ -40,6 +40,7 @@ bool check_source(const ToolCall& call, ToolContext& context, TextOut message) {
       !policy_column_allowed(policy, key_field)) {
     return refuse(message, kSourceDenied);
   }
+  trace_call(context, "arguments");
   const int columns = json_find(call.doc, call.arguments, "columns");
   if (!call.doc.is(columns, JsonType::kArray)) {
     return refuse(message, "hybrid columns are invalid");

@@ -13,7 +13,7 @@ namespace kova {
 
 namespace {
 
-// A statement that the checks let pass is one that the engine's bounds let pass.
+// The checks and the execution of a statement have the same size limit.
 static_assert(kSqlLimit == kStatementLimit);
 
 /// A statement of the largest size, its ";" included, and the terminator.

@@ -55,6 +55,15 @@ bool check_list(const ToolCall& call, ToolContext& context, ToolAnswer& answer) 
          refuse_by_policy(context, answer, kDeny, kReadsDisabled);
 }
 
+/// Reads the table that a call names; false when the policy does not let it be read.
+bool read_table(const ToolCall& call, ToolContext& context, TextOut table) {
+  trace_call(context, "arguments");
+  if (!check_allowed_members(call.doc, call.arguments, {"table", "_meta"})) return false;
+  trace_argument(context, "allowed_tables", call, "table");
+  return get_identifier_member(call.doc, call.arguments, "table", table) &&
+         policy_table_allowed(context.policy, table.data(), TableUse::kRead);
+}
+
 }  // namespace
 
 bool list_databases_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
@@ -80,10 +89,7 @@ bool list_tables_tool(const ToolCall& call, ToolContext& context, ToolAnswer& an
 
 bool describe_table_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   char table[kSafeNameCapacity];
-  trace_argument(context, "allowed_tables", call, "table");
-  if (!check_allowed_members(call.doc, call.arguments, {"table", "_meta"}) ||
-      !get_identifier_member(call.doc, call.arguments, "table", table) ||
-      !policy_table_allowed(context.policy, table, TableUse::kRead)) {
+  if (!read_table(call, context, table)) {
     return refuse_by_policy(context, answer, kDeny,
                             "table is invalid or not allowed by MCP policy");
   }

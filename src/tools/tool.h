@@ -1,5 +1,5 @@
-// What a tool is: a row of the table, the call that it serves, the records that it works on and the
-// answer that it leaves. The frame (tool_call.h) writes the reply.
+// What a tool is: a row of the table, the call that it serves, the records that it works on, and
+// the result or message that it leaves. The frame (tool_call.h) writes the reply.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +23,7 @@ struct ToolCall {
   int arguments;
 };
 
-/// What is learnt of a call that is judged and not served.
+/// Where a call was decided; kept when a call is only judged.
 struct CallTrace {
   CheckTrace check;
   int token = -1;  ///< the value that decided, when it is no statement
@@ -98,7 +98,7 @@ void set_objects(ToolContext& context, std::string_view objects);
 bool refuse_by_policy(ToolContext& context, ToolAnswer& answer, std::string_view decision,
                       std::string_view message);
 
-/// Runs one statement, which is the whole answer. `sql` is NUL-terminated, `max_rows` 1 to 256.
+/// Runs one statement, whose result is the tool's. `sql` is NUL-terminated, `max_rows` 1 to 256.
 [[nodiscard]] bool respond_with_statement(ToolContext& context, const char* sql,
                                           std::uint32_t max_rows, ToolAnswer& answer);
 

@@ -19,8 +19,8 @@ say; then every fault is lifted, the clients come to their end, and everything i
 * each request got exactly one reply, or its connection was closed;
 * each reply carries the id and the mark of its own request, so none reached another client;
 * standard output held nothing but messages;
-* every answered call has exactly one audit record, and no record is of a call that nobody made.
-  Calls that were answered while the audit file could not be written are left out;
+* every call with a reply has exactly one audit record, and no record is of a call that nobody made.
+  Calls whose reply came while the audit file could not be written are left out;
 * a write ran at most once, only with an approval, and never without its replay marker; a write that
   was reported as done is in the database;
 * no process, descriptor, handle or thread is left.

@@ -206,7 +206,7 @@ class _Session:
         what()
 
     def end(self) -> None:
-        """By DELETE, also under a call, or without a word."""
+        """By DELETE, also during a call, or by leaving without one."""
         if self.id is None:
             return
         how = self.rng.choices(["idle", "busy", "silent"], [5, 3, 2])[0]

@@ -143,7 +143,7 @@ void check_scalars(const JsonDoc& doc, int index) {
           "everything but a string is copied as it stands");
 }
 
-/// The rule of the duplicate keys by its own words: every pair of keys of every object.
+/// The rule of the duplicate keys spelled out: every pair of keys of every object.
 bool has_equal_keys(const JsonDoc& doc) {
   for (int a = 1; a < doc.count; ++a) {
     for (int b = a + 1; b < doc.count; ++b) {

@@ -7,7 +7,7 @@
 | messages | the messages that a client sends and the replies, byte for byte |
 | http_client | starts HTTP listeners; requests and responses as exact bytes |
 | front_ends | nginx and HAProxy before a listener, and an HTTPS client |
-| scripted_library | the client library that answers by a script and logs what it is asked |
+| scripted_library | the client library that follows a script and logs what it is asked |
 | sample_engine | the sample engine as a process, its wire format, its client program |
 | sales_engine | a small database for the sample engine |
 | policy_files | policy files and the environment that goes with them |
@@ -33,7 +33,7 @@ How a test is written
   executable: "scripted" (default), "sample", "incomplete" (one operation is missing), "broken" (a
   text file of the library's name) or None.
 * `engine` is a scripted client library with a listener for the reachability probe: `engine.env` is
-  the profile to pass on, `engine.script(Script()...)` says what the library answers from the next
+  the profile to pass on, `engine.script(Script()...)` says what the library returns from the next
   process on, `engine.calls()`, `engine.statements()` and `engine.wait_for_statement(text)` say what
   it was asked.
 * `policy(**overrides)` writes a policy file and returns the environment that goes with it.

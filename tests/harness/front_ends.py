@@ -12,7 +12,7 @@ import subprocess
 import threading
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Iterable, Mapping, Sequence
+from typing import Iterable, Mapping, Protocol, Sequence
 
 from harness.http_client import TOKEN
 from harness.listeners import LOOPBACK
@@ -26,8 +26,8 @@ from tls_front_end import (filled, free_port, haproxy_command, haproxy_configura
 class Recorder:
     """Takes a listener's place: keeps each request and sends the same response after a delay."""
 
-    ANSWER = (b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
-              b"Connection: close\r\n\r\n{}")
+    RESPONSE = (b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
+                b"Connection: close\r\n\r\n{}")
 
     def __init__(self, delay: float = 0.0) -> None:
         self.connections = 0
@@ -51,7 +51,7 @@ class Recorder:
                 with contextlib.suppress(OSError):
                     self.requests.append(self._read(connection))
                     self._delay.wait(self._seconds)
-                    connection.sendall(self.ANSWER)
+                    connection.sendall(self.RESPONSE)
 
     @staticmethod
     def _read(connection: socket.socket) -> bytes:
@@ -137,13 +137,13 @@ class FrontEnd:
 
 
 @dataclass(frozen=True)
-class Answer:
+class Response:
     status: int
     headers: dict[str, str]
     body: bytes
 
     @classmethod
-    def of(cls, got: http.client.HTTPResponse) -> "Answer":
+    def of(cls, got: http.client.HTTPResponse) -> "Response":
         fields = {name.lower(): value for name, value in got.getheaders()}
         return cls(got.status, fields, got.read())
 
@@ -151,10 +151,17 @@ class Answer:
         return self.headers.get(name.lower())
 
 
+class Served(Protocol):
+    """What serves HTTPS on a port of this machine."""
+
+    port: int
+    certificate: Path
+
+
 class Caller:
     """Sends single requests to a front end."""
 
-    def __init__(self, front: FrontEnd) -> None:
+    def __init__(self, front: Served) -> None:
         self._port = front.port
         self._context = ssl.create_default_context(cafile=str(front.certificate))
 
@@ -164,7 +171,7 @@ class Caller:
 
     def ask(self, body: "bytes | Iterable[bytes] | None" = None, method: str = "POST",
             path: str = "/mcp", token: str = TOKEN,
-            headers: "Mapping[str, str] | None" = None) -> Answer:
+            headers: "Mapping[str, str] | None" = None) -> Response:
         """An iterable body goes out in chunks."""
         connection = http.client.HTTPSConnection(LOOPBACK, self._port, context=self._context,
                                                  timeout=TIMEOUT)
@@ -174,7 +181,7 @@ class Caller:
         with contextlib.closing(connection):
             with contextlib.suppress(BrokenPipeError, ConnectionResetError, ssl.SSLEOFError):
                 connection.request(method, path, body, sent)
-            return Answer.of(connection.getresponse())
+            return Response.of(connection.getresponse())
 
 
 def clean_environment(certificate: Path) -> dict[str, str]:

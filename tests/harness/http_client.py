@@ -16,6 +16,7 @@ import time
 from dataclasses import dataclass, replace
 from typing import Iterable, Iterator, Mapping
 
+from harness import processes
 from harness.listeners import LOOPBACK
 from harness.messages import call, request
 from harness.servers import Server, Servers
@@ -208,13 +209,7 @@ class HttpListener:
     def end_process(self, pid: int) -> None:
         """Kills a session's process and waits until the listener can see its end."""
         os.kill(pid, signal.SIGKILL)
-        if self.server.target.windows:
-            wait_until(lambda: pid not in self.server.processes(), TIMEOUT, "the end of a session")
-            time.sleep(0.3)  # wineserver notices the end later than the kernel
-        else:
-            # The kernel closes its pipes only after it has freed its memory.
-            wait_until(lambda: pid in self.server.zombies() or not os.path.exists(f"/proc/{pid}"),
-                       TIMEOUT, "the end of a session")
+        wait_until(lambda: processes.has_closed_everything(pid), TIMEOUT, "the end of a session")
 
     def stop(self) -> None:
         """Asks the listener to end; its sessions end with it."""

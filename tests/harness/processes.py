@@ -38,6 +38,13 @@ def zombies(parent: int) -> list[int]:
     return found
 
 
+def has_closed_everything(pid: int) -> bool:
+    """Whether the last thread of the process has ended. Its command line disappears before that,
+    with its memory; its pipes and sockets are closed with its last thread."""
+    fields = _read(pid, "stat").rpartition(b")")[2].split()
+    return not fields or (fields[0] in (b"Z", b"X") and int(fields[17]) <= 1)
+
+
 def command_line(pid: int) -> bytes:
     """The arguments, each with a NUL byte behind it; empty when the process has ended."""
     return _read(pid, "cmdline")

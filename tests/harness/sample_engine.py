@@ -20,7 +20,7 @@ import pytest
 
 from harness.listeners import LOOPBACK
 from harness.targets import ROOT, Target
-from harness.waiting import TIMEOUT
+from harness.waiting import TIMEOUT, wait_until
 
 USER = "app"
 PASSWORD = "s3cret, \"pass: word'"
@@ -124,6 +124,19 @@ class Engine:
         fields = Path(f"/proc/{self.process.pid}/stat").read_text().rpartition(")")[2].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
+    def wait_until_busy(self, before: float) -> None:
+        """Waits until the engine has worked for 0.1 s since cpu_seconds() was `before`."""
+        wait_until(lambda: self.cpu_seconds() > before + 0.1, TIMEOUT, "work at the engine")
+
+    def has_read(self, connection: socket.socket) -> bool:
+        """Whether the engine has received everything that was sent over the connection."""
+        here, there = (f"0100007F:{port:04X}" for port in (connection.getsockname()[1], self.port))
+        waiting = {}
+        for line in Path("/proc/net/tcp").read_text().splitlines()[1:]:
+            fields = line.split()
+            waiting[fields[1], fields[2]] = [int(size, 16) for size in fields[4].split(":")]
+        return waiting[here, there][0] == 0 and waiting[there, here][1] == 0
+
     def serves_nobody(self) -> bool:
         """Whether the thread of every client has ended."""
         names = []
@@ -151,7 +164,7 @@ class Reply:
     names: list[str] = field(default_factory=list)
     rows: list[list[str | None]] = field(default_factory=list)
     end: int = END
-    words: str = ""
+    message: str = ""
 
 
 class Payload:
@@ -228,9 +241,9 @@ class Session:
         """Reads a refusal and the end of the connection; returns the message."""
         kind, payload = self.receive()
         assert kind == REFUSED
-        words = payload.text()
+        message = payload.text()
         assert self.at_end()
-        return words
+        return message
 
     def greet(self) -> "Session":
         self.send(hello())
@@ -272,14 +285,14 @@ class Session:
         while reply.end == MORE:
             reply = self.fetch()
             rows += reply.rows
-        assert reply.end == END, reply.words
+        assert reply.end == END, reply.message
         return rows
 
     def _rows(self, reply: Reply, payload: Payload, number: int) -> Reply:
         for _ in range(payload.number(2)):
             reply.rows.append([payload.text() for _ in range(self.columns[number])])
         reply.end = payload.number(1)
-        reply.words = payload.text()
+        reply.message = payload.text()
         assert payload.data == b""
         return reply
 

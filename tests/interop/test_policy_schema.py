@@ -1,5 +1,6 @@
-"""The schema of a policy file against every policy of the loader's tests: it refuses nothing that
-the server accepts, and lets pass only what docs/policy.md says that a schema cannot express."""
+"""The schema of a policy file against every policy of the loader's tests and of its fuzzer's
+corpus: it refuses nothing that the server accepts, and lets pass only what docs/policy.md says that
+a schema cannot express."""
 
 from __future__ import annotations
 
@@ -12,6 +13,7 @@ from typing import Any, Iterator
 
 import pytest
 
+from e2e.admin.test_policy_check import BAD
 from harness.policy_desk import PolicyDesk
 from harness.policy_files import DEFAULT
 from harness.targets import ROOT, Target
@@ -59,12 +61,16 @@ def documents(state: str) -> list[str]:
               for value in ("", "x", "/no/such", "C:\\no", "\\\\host\\share\\x", state)]
     texts += [module.with_raw(key, value) for key, value in (
         ("name", '"a\\u0000\\u00e9"'), ("client_id", '"a-b\\u0000 "'),
-        ("allowed_tables", '["A\\u0000-", "B"]'), ("write_types", '["insert\\u0000!"]'))]
+        ("allowed_tables", '["A\\u0000-", "B"]'), ("write_types", '["insert\\u0000!"]'),
+        ("approval_state_directory", '"\\ud800"'), ("approval_state_directory", '"\\udc00x"'),
+        ("approval_state_directory", '"\\ud83d\\ude00"'))]
+    texts += [json.dumps({**DEFAULT, key: value}) for key, (value, _) in BAD.items()]
     for path in (*(ROOT / "deploy").glob("policy-*.json"),
                  *(ROOT / "deploy").glob("policy-repository/policies/*.json"),
-                 *(ROOT / "sample" / "data").glob("policy*.json")):
-        texts.append(path.read_text("utf-8"))
-    assert len(texts) > 150
+                 *(ROOT / "sample" / "data").glob("policy*.json"),
+                 *(ROOT / "tests" / "fuzz" / "corpus" / "policy_file").iterdir()):
+        texts.append(path.read_bytes().decode("utf-8", "surrogateescape"))
+    assert len(texts) > 300
     return list(dict.fromkeys(texts))
 
 
@@ -86,6 +92,7 @@ def cannot_be_said(text: str) -> bool:
             or is_whole(document["version"]) or is_whole(document["approval_ttl_seconds"])
             or any(len({str(entry).split("\0")[0].lower() for entry in names}) < len(names)
                    for names in lists)
+            or any("\ud800" <= c <= "\udfff" for c in document["approval_state_directory"])
             or len(document["approval_state_directory"].encode()) > 511
             or (document["writes_enabled"] and document["approval_required"]
                 and re.match(r"/|[A-Za-z]:\\|\\\\", document["approval_state_directory"])

@@ -378,14 +378,14 @@ def test_help_fits_a_screen() -> None:
         assert words in done.stdout
 
 
-@pytest.mark.parametrize("arguments, words", [
+@pytest.mark.parametrize("arguments, message", [
     (["linux"], "unknown argument linux"), (["--Help"], "unknown argument --Help"),
     ([""], "unknown argument "), (["serve", "x"], "unexpected argument x"),
     (["windows", "serve", "x"], "unexpected argument serve")])
-def test_bad_arguments_get_one_line(arguments: list[str], words: str) -> None:
+def test_bad_arguments_get_one_line(arguments: list[str], message: str) -> None:
     done = run(*arguments)
     assert (done.returncode, done.stdout) == (2, "")
-    assert done.stderr == f"run: {words}; try --help\n"
+    assert done.stderr == f"run: {message}; try --help\n"
 
 
 # scripts/setup.sh, with stand-ins for the system's package tools
@@ -497,8 +497,8 @@ def test_setup_leaves_a_proxy_that_is_there_alone(folder: Path) -> None:
     assert machine.calls() == []
 
 
-@pytest.mark.parametrize("arguments, words", [
+@pytest.mark.parametrize("arguments, message", [
     ([], "which group? try --help"), (["all"], "unknown group all; try --help")])
-def test_setup_refuses_bad_arguments(folder: Path, arguments: list[str], words: str) -> None:
+def test_setup_refuses_bad_arguments(folder: Path, arguments: list[str], message: str) -> None:
     done = Machine(folder, []).setup(*arguments, root=False)
-    assert (done.returncode, done.stdout, done.stderr) == (2, "", f"setup.sh: {words}\n")
+    assert (done.returncode, done.stdout, done.stderr) == (2, "", f"setup.sh: {message}\n")

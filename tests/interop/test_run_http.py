@@ -2,12 +2,10 @@
 
 from __future__ import annotations
 
-import http.client
 import json
 import os
 import re
 import signal
-import ssl
 import subprocess
 import uuid
 from pathlib import Path
@@ -16,6 +14,7 @@ from typing import Any, Iterator
 import pytest
 
 from harness import processes
+from harness.front_ends import Caller, Response
 from harness.messages import request
 from harness.targets import Target
 from harness.waiting import TIMEOUT, wait_until
@@ -40,6 +39,7 @@ class Served:
         entry = self.text[self.text.index('{\n  "mcpServers"'):]
         self.entry, _ = json.JSONDecoder().raw_decode(entry)
         self.certificate = Path(self.printed("Certificate"))
+        self.port = int(self.printed("URL").split(":")[2].partition("/")[0])
         self.folder = self.certificate.parent
 
     def _read_what_it_prints(self) -> str:
@@ -56,16 +56,9 @@ class Served:
         assert match is not None, self.text
         return match[1]
 
-    def connect(self) -> http.client.HTTPSConnection:
-        port = int(self.printed("URL").split(":")[2].partition("/")[0])
-        context = ssl.create_default_context(cafile=str(self.certificate))
-        return http.client.HTTPSConnection("127.0.0.1", port, context=context, timeout=TIMEOUT)
-
-    def ask(self, message: bytes, **headers: str) -> http.client.HTTPResponse:
-        connection = self.connect()
+    def ask(self, message: bytes, **headers: str) -> Response:
         [server] = self.entry["mcpServers"].values()
-        connection.request("POST", "/mcp", message, {**server["headers"], **headers})
-        return connection.getresponse()
+        return Caller(self).ask(message, headers={**server["headers"], **headers})
 
     def processes(self) -> dict[int, str]:
         """By the inherited marker; nginx overwrites its environment, so by its command line."""
@@ -91,9 +84,9 @@ def served(prepared: list[str], target: Target) -> Iterator[Served]:
     wait_until(lambda: not made.processes(), TIMEOUT, "the end of everything that was started")
 
 
-def result_of(answer: http.client.HTTPResponse) -> Any:
-    assert answer.status == 200, answer.read()
-    return json.loads(answer.read())["result"]
+def result_of(response: Response) -> Any:
+    assert response.status == 200, response
+    return json.loads(response.body)["result"]
 
 
 def test_what_it_prints_serves_a_client(served: Served, target: Target) -> None:
@@ -104,7 +97,7 @@ def test_what_it_prints_serves_a_client(served: Served, target: Target) -> None:
     assert served.entry == {"mcpServers": {"vantreo-sample": {
         "type": "http", "url": url, "headers": {"Authorization": f"Bearer {token}"}}}}
     first = served.ask(request("initialize", 1, {}))
-    session = {"Mcp-Session-Id": first.headers["Mcp-Session-Id"]}
+    session = {"Mcp-Session-Id": first.header("Mcp-Session-Id")}
     assert result_of(first)["serverInfo"]["name"] == "Vantreo MCP"
     query = request("tools/call", 2, {"name": "kova_query", "arguments": {
         "sql": "SELECT COUNT(NAME) AS N FROM PACKAGES"}})

@@ -11,7 +11,7 @@ from typing import Any, Callable, Iterator, Mapping
 
 import pytest
 
-from harness.front_ends import Answer, Caller, FrontEnd, Recorder, clean_environment
+from harness.front_ends import Caller, FrontEnd, Recorder, Response, clean_environment
 from harness.http_client import TOKEN, HttpListener, HttpListeners
 from harness.messages import call, cancel, request
 from harness.policy_files import PolicyFiles
@@ -26,8 +26,10 @@ SESSION_TIMEOUT = 120.0
 KINDS = ["nginx", "haproxy"]
 SESSIONS_OF_A_LISTENER = 16
 BODY_LIMIT = 262144
-UNUSED_SECONDS = 3.0
-"""Longer than the default interval of a front end's health checks."""
+UNUSED_SECONDS = 0.5
+"""Several times the interval that health checks would have with SHORT_INTERVAL."""
+SHORT_INTERVAL = {"nginx": {}, "haproxy": {
+    "    option redispatch 1\n": "    option redispatch 1\n    default-server inter 50ms\n"}}
 
 SECONDS_TO_HAND_OVER = 12.0
 """A HAProxy that has run for less does not hand its table over to the next one."""
@@ -94,16 +96,16 @@ def front(certificate: Path, tmp_path: Path) -> Iterator[Front]:
         end.stop()
 
 
-def session_of(answer: Answer) -> dict[str, str]:
+def session_of(response: Response) -> dict[str, str]:
     """The header by which a client names its session."""
-    assert answer.status == 200, answer
-    name = answer.header("Mcp-Session-Id")
+    assert response.status == 200, response
+    name = response.header("Mcp-Session-Id")
     assert name is not None and len(name) == 64
     return {"Mcp-Session-Id": name}
 
 
-def answers(caller: Caller, session: dict[str, str]) -> bool:
-    """Whether a ping, whose id must be fresh, is answered in the session; 404 if not."""
+def serves(caller: Caller, session: dict[str, str]) -> bool:
+    """Whether a ping, whose id must be fresh, gets its reply in the session; 404 if not."""
     name = uuid.uuid4().hex
     got = caller.ask(request("ping", name).rstrip(), headers=session)
     if got.status == 404:
@@ -171,7 +173,8 @@ def abandoned(request: pytest.FixtureRequest, listen: Listen, front: Front,
     with caller.connect() as connection:
         connection.sendall(head.encode() + body)
         wait_until(server.server.workers, TIMEOUT, "the call's worker")
-    time.sleep(0.5)
+    # Served after the close was seen, by the front end and by the listener.
+    assert caller.ask(PING).status == 400
     assert server.server.workers()
     return server, caller, session
 
@@ -180,7 +183,7 @@ def test_an_abandoned_call_can_be_cancelled(
         abandoned: "tuple[HttpListener, Caller, dict[str, str]]") -> None:
     server, caller, session = abandoned
     assert caller.ask(cancel(7).rstrip(), headers=session).status == 202
-    assert answers(caller, session)
+    assert serves(caller, session)
     wait_until(lambda: not server.server.workers(), TIMEOUT, "the end of the worker")
 
 
@@ -232,7 +235,7 @@ def test_what_the_front_end_refuses_costs_no_rate(listen: Listen, front: Front, 
 def test_an_unused_front_end_does_not_connect_to_the_listener(
         record: Callable[..., Recorder], front: Front, kind: str) -> None:
     recorder = record()
-    front(kind, recorder)
+    front(kind, recorder, changes=SHORT_INTERVAL[kind])
     time.sleep(UNUSED_SECONDS)
     assert recorder.connections == 0
 
@@ -303,16 +306,19 @@ def test_a_delete_passes(record: Callable[..., Recorder], front: Front, kind: st
 @pytest.mark.parametrize("kind", KINDS)
 def test_the_listener_is_asked_when_the_request_is_whole(record: Callable[..., Recorder],
                                                          front: Front, kind: str) -> None:
+    """A later request of another client is served meanwhile: the recorder takes one after the
+    other, so it would wait for the first one's last byte if it had been given that one before."""
     recorder = record()
+    caller = Caller(front(kind, recorder))
     body = b"x" * 100_000
-    with Caller(front(kind, recorder)).connect() as connection:
+    with caller.connect() as connection:
         connection.sendall(b"POST /mcp HTTP/1.1\r\nHost: localhost\r\n"
                            b"Content-Length: 100000\r\n\r\n" + body[:99_999])
-        time.sleep(0.5)
-        assert recorder.connections == 0
+        assert caller.ask(PING).status == 200
+        assert recorder.connections == 1
         connection.sendall(body[99_999:])
         assert connection.recv(64).startswith(b"HTTP/1.1 200 ")
-    assert recorder.requests[0].endswith(b"\r\n\r\n" + body)
+    assert recorder.requests[1].endswith(b"\r\n\r\n" + body)
 
 
 @pytest.mark.parametrize("kind, changes", [
@@ -328,8 +334,8 @@ def test_no_limit_on_the_client_cuts_a_long_call(record: Callable[..., Recorder]
 # CORS
 
 
-def cors_headers(answer: Answer) -> dict[str, str]:
-    return {name: value for name, value in answer.headers.items()
+def cors_headers(response: Response) -> dict[str, str]:
+    return {name: value for name, value in response.headers.items()
             if name.startswith("access-control-") or name == "vary"}
 
 
@@ -401,7 +407,7 @@ def test_haproxy_keeps_more_than_sixteen_sessions_each_at_its_listener(
     assert len({session["Mcp-Session-Id"] for session in sessions}) == len(sessions)
     for _ in range(3):
         for session in sessions:
-            assert answers(caller, session)
+            assert serves(caller, session)
     held = [len(server.children()) for server in servers]
     assert held == [len(sessions) // 2] * 2
     for session in sessions:
@@ -422,7 +428,7 @@ def test_haproxy_finds_the_sessions_again_after_a_reload(
     end.reload()
     # These are all at the same listener: a front end that takes turns does not find them.
     for session in sessions[::2]:
-        assert answers(caller, session)
+        assert serves(caller, session)
 
 
 def test_haproxy_does_without_a_listener_that_has_ended(
@@ -432,13 +438,13 @@ def test_haproxy_does_without_a_listener_that_has_ended(
     sessions = open_sessions(caller, 4)
     servers[0].stop()
     got = [caller.ask(PING, headers=session) for session in sessions]
-    assert sorted(answer.status for answer in got) == [200, 200, 404, 404]
-    assert {answer.body for answer in got if answer.status == 404} == {NO_SESSION}
+    assert sorted(response.status for response in got) == [200, 200, 404, 404]
+    assert {response.body for response in got if response.status == 404} == {NO_SESSION}
     for session in open_sessions(caller, 4):
-        assert answers(caller, session)
+        assert serves(caller, session)
 
 
-def test_haproxy_learns_where_a_session_is_from_answers_alone(
+def test_haproxy_learns_where_a_session_is_from_responses_alone(
         pair: tuple[FrontEnd, list[HttpListener]]) -> None:
     """An unknown id goes to the listeners in turn, until one accepts it."""
     end, servers = pair
@@ -446,12 +452,12 @@ def test_haproxy_learns_where_a_session_is_from_answers_alone(
     sessions = [opened_directly(server) for server in servers for _ in range(3)]
     missed = 0
     for session in sessions:
-        while not answers(caller, session):
+        while not serves(caller, session):
             missed += 1
             assert missed < len(sessions)
     assert missed > 0
     for session in sessions:
-        assert answers(caller, session)
+        assert serves(caller, session)
 
 
 @pytest.mark.parametrize("kind", KINDS)

@@ -36,7 +36,8 @@ bool is_file_stored(int descriptor) {
   return ::fsync(descriptor) == 0;
 }
 
-// A file system that cannot sync folders has no more to offer: its names are stored in its own way.
+// Some file systems cannot sync folders (EINVAL, ENOTSUP) and store names in their own way; that
+// counts as stored.
 bool is_folder_stored(int descriptor) {
   return ::fsync(descriptor) == 0 || errno == EINVAL || errno == ENOTSUP;
 }

@@ -34,6 +34,10 @@ void* load_from_own_folder(const char* file_name) {
 
 bool Library::open(const char* file_name) {
   handle_ = load_from_own_folder(file_name);
+  return handle_ != nullptr || open_in_search_path(file_name);
+}
+
+bool Library::open_in_search_path(const char* file_name) {
   const EnvironmentValue search_path("LD_LIBRARY_PATH");
   bool all_absolute = true;
   std::string_view rest = search_path.view();

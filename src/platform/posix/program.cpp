@@ -87,7 +87,7 @@ bool Program::start(const char* path) {
 }
 
 void Program::feed(std::string_view input) {
-  // It is shorter than a pipe is deep, so that nothing waits here.
+  // The input fits an empty pipe, so this write does not block.
   static_cast<void>(::write(input_.number(), input.data(), input.size()) > 0);
   input_.close();
 }
@@ -111,7 +111,7 @@ bool Program::read_all(TextOut output, std::uint64_t deadline) {
   }
 }
 
-// The output has ended, so that the end itself is near.
+// Called once the output has ended: the process ends soon.
 bool Program::ended_well(std::uint64_t deadline) {
   for (;;) {
     int status = 0;

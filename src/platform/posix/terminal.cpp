@@ -19,7 +19,7 @@ constexpr std::size_t kTerminalLineLimit = 4096;
 
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
-/// The signals that were blocked before the terminal was opened, and what the others did.
+/// The signal mask and the signal actions from before the terminal was opened.
 sigset_t outer_mask;
 struct sigaction outer_actions[std::size(kEndingSignals)];
 
@@ -43,7 +43,8 @@ void hold_signals() {
   ::sigprocmask(SIG_BLOCK, &held, &outer_mask);
 }
 
-// What has come meanwhile is dropped: the work that it was to interrupt is done.
+// The mask comes first: a signal that is pending then runs take_signal, and does not end the
+// process after its work is done.
 void release_signals() {
   ::sigprocmask(SIG_SETMASK, &outer_mask, nullptr);
   for (std::size_t i = 0; i < std::size(kEndingSignals); ++i) {

@@ -2,9 +2,11 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cwchar>
 
+#include "base/ascii.h"
 #include "base/secret.h"
 #include "platform/win32/wide.h"
 
@@ -61,7 +63,10 @@ void visit_environment_names(void (*visit)(void* context, std::string_view name)
     if (*entry == L'=' || end == nullptr) continue;
     const int size = ::WideCharToMultiByte(CP_UTF8, 0, entry, static_cast<int>(end - entry), name,
                                            sizeof name, nullptr, nullptr);
-    if (size > 0) visit(context, {name, static_cast<std::size_t>(size)});
+    if (size <= 0) continue;
+    // The system compares names without regard to case.
+    std::transform(name, name + size, name, to_upper);
+    visit(context, {name, static_cast<std::size_t>(size)});
   }
   ::FreeEnvironmentStringsW(block);
 }

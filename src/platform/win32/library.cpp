@@ -67,8 +67,12 @@ HMODULE load_from_search_path(const char* file_name) {
 }  // namespace
 
 bool Library::open(const char* file_name) {
-  HMODULE module = load_from_own_folder(file_name);
-  if (module == nullptr) module = load_from_system_folder(file_name);
+  handle_ = load_from_own_folder(file_name);
+  return handle_ != nullptr || open_in_search_path(file_name);
+}
+
+bool Library::open_in_search_path(const char* file_name) {
+  HMODULE module = load_from_system_folder(file_name);
   if (module == nullptr) module = load_from_search_path(file_name);
   handle_ = module;
   return module != nullptr;

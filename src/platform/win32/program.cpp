@@ -187,7 +187,7 @@ int become_program(const char* path, const char* first, const char* second) {
              process, job)) {
     return -1;
   }
-  // Whoever waits for the end of the input waits for the program's, not for this process's.
+  // The program alone holds the input now, so its writer sees the program close it.
   ::CloseHandle(::GetStdHandle(STD_INPUT_HANDLE));
   ::WaitForSingleObject(process.get(), INFINITE);
   return ::GetExitCodeProcess(process.get(), &code) != 0 ? static_cast<int>(code) : 1;

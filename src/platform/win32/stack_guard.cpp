@@ -26,7 +26,7 @@ bool has_random_instruction() {
 
 __attribute__((target("rdrnd"))) std::uint64_t random_word() {
   unsigned long long word = 0;
-  // It may have nothing for a moment.
+  // RDRAND fails while the generator has no number ready; ten tries are what Intel recommends.
   for (int tries = 0; tries < 10; ++tries) {
     if (_rdrand64_step(&word) != 0) return word;
   }

@@ -3,7 +3,9 @@
 from __future__ import annotations
 
 import json
+import os
 import signal
+from datetime import datetime
 
 import pytest
 
@@ -48,7 +50,11 @@ def test_the_journal_has_the_decision(desk):
     assert (line["policy"], line["client_id"], line["database"]) == (
         "sales_read", "desk-client", "SALES")
     assert line["operator"] and line["host"]
-    assert line["expires_at"].endswith(".000Z") and line["expires_at"] > line["timestamp"]
+    decided, expires = (datetime.fromisoformat(line[name].replace("Z", "+00:00"))
+                        for name in ("timestamp", "expires_at"))
+    # The time counts from the decision, in whole seconds.
+    assert expires.timestamp() == int(expiry)
+    assert 299 < expires.timestamp() - decided.timestamp() <= 301
     assert SECRET not in desk.journal.read_text() and token not in desk.journal.read_text()
 
 
@@ -144,6 +150,18 @@ def test_a_journal_that_cannot_be_written(desk):
     assert terminal.process.returncode == 2
     assert "the journal cannot be written" in terminal.text.replace("\n", "")
     assert not place.exists() and "v1." not in terminal.text
+
+
+def test_a_journal_whose_last_line_has_no_end(desk):
+    """A further line would be joined to it, and both were lost."""
+    desk.token(STATEMENT)
+    cut = desk.journal.read_bytes()[:-1]
+    desk.journal.write_bytes(cut)
+    terminal = desk.approve(desk.file("s.sql", STATEMENT))
+    assert terminal.finish() == 2
+    shown = terminal.text.replace("\n", "")
+    assert "the last line of the journal has no end" in shown and REASON not in shown
+    assert desk.journal.read_bytes() == cut
 
 
 def test_no_journal_is_named(desk):
@@ -314,6 +332,47 @@ def test_list_follows_an_approval(desk, served: Writes):
     assert listed() == [("used", nonce), ("declined", None)]
 
 
+ENTRY = ["state", "nonce", "digest", "table", "type", "operator", "decided_at", "expires_at",
+         "used_at"]
+
+
+def test_the_shape_of_the_list(desk):
+    """What does not apply is null; the use is the marker's time; no secret is needed."""
+    nonce = desk.token(STATEMENT).split(".")[2]
+    desk.decide("why", "no", desk.file("s.sql", STATEMENT))
+    marker = desk.state / f"{nonce}.used"
+    marker.touch()
+    os.utime(marker, (0, 1_700_000_000))
+    (desk.state / ("0" * 32 + ".used")).touch()
+    result = desk.run("approvals", "list", "--json",
+                      env={**desk.env, "KOVA_MCP_APPROVAL_SECRET": None})
+    assert (result.code, result.stderr, result.stdout.count(b"\n")) == (1, b"", 1)
+    document = json.loads(result.stdout)
+    assert list(document) == ["approvals"]
+    used, declined, unjournaled = document["approvals"]
+    assert list(used) == list(declined) == list(unjournaled) == ENTRY
+    lines = desk.decisions()
+    for entry, line in ((used, lines[0]), (declined, lines[1])):
+        assert entry["decided_at"] == line["timestamp"]
+        assert {name: entry[name] for name in ENTRY[1:6]} == {name: line[name]
+                                                             for name in ENTRY[1:6]}
+        assert entry["expires_at"] == line["expires_at"]
+    assert (used["state"], used["used_at"]) == ("used", "2023-11-14T22:13:20.000Z")
+    assert (declined["state"], declined["used_at"]) == ("declined", None)
+    assert (unjournaled["state"], unjournaled["nonce"]) == ("unjournaled", "0" * 32)
+    assert [unjournaled[name] for name in ENTRY[2:8]] == [None] * 6
+
+
+def test_a_token_that_was_not_used_expires(desk):
+    desk.token(STATEMENT)
+    [line] = desk.decisions()
+    text = desk.journal.read_text()
+    desk.journal.write_bytes(
+        text.replace(line["expires_at"], "2020-01-01T00:00:00.000Z").encode())
+    [one] = json.loads(desk.run("approvals", "list", "--json").stdout)["approvals"]
+    assert (one["state"], one["used_at"]) == ("expired", None)
+
+
 def test_a_use_without_a_journal_line_is_an_alarm(desk, served: Writes):
     served.guarded()
     desk.policy(approval_state_directory=served.state)
@@ -342,6 +401,24 @@ def test_clean_removes_what_expired_long_ago(desk):
         assert len(list(desk.state.iterdir())) == left
     assert desk.run("approvals", "clean").stdout == b""
     assert [path.name for path in desk.state.iterdir()] == ["0" * 32 + ".used"]
+
+
+def test_a_folder_in_the_place_of_the_audit_file(desk):
+    """Nothing can be said of uses then, not that there is none."""
+    desk.audit.mkdir()
+    result = desk.run("approvals", "list")
+    assert (result.code, result.stdout) == (2, b"")
+    assert error(result) == f"{desk.target.path(desk.audit)}: the audit file is no regular file"
+
+
+@pytest.mark.parametrize("command", ["list", "clean"])
+@pytest.mark.parametrize("policy", [True, False])
+def test_a_policy_without_approvals(desk, command, policy):
+    desk.policy(approval_required=False, approval_state_directory="")
+    env = {**desk.env} if policy else {"KOVA_ADMIN_JOURNAL": desk.journal}
+    result = desk.run("approvals", command, env=env)
+    assert (result.code, result.stdout) == (2, b"")
+    assert error(result) == "the policy names no approval_state_directory"
 
 
 @pytest.mark.parametrize("command", ["list", "clean"])

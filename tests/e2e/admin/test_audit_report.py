@@ -17,6 +17,8 @@ import pytest
 from harness.audit_logs import content, line, record, time_text, write
 from harness.operator_desk import Desk
 
+pytestmark = pytest.mark.threads
+
 DAY = 24 * 3600
 LINE_LIMIT = 65536
 

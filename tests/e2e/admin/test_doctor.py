@@ -149,6 +149,18 @@ def test_the_library_beside_the_named_server_is_looked_at(
     assert target.path(server.parent) in fails(report, "client-library")
 
 
+def test_the_library_beside_kova_admin_is_not_that_of_another_server(
+        target: Target, installation: Installation, tmp_path: Path,
+        deployment: dict[str, Any]) -> None:
+    admin = admin_beside(target, installation, "scripted")
+    server = installation.executable(None)
+    assert server.parent != admin.path.parent
+    file = environment_file(target, tmp_path / "e.env", deployment)
+    report = report_of(admin.run("doctor", "--json", "--env", file, "--server", server))
+    assert "neither beside the server" in fails(report, "client-library")
+    assert report["server"]["status"] == "ok"
+
+
 def test_a_missing_library(examine: Examine) -> None:
     report = examine(library=None)
     assert "beside the server" in fails(report, "client-library")
@@ -403,7 +415,8 @@ def test_with_a_file_the_processs_own_variables_do_not_count(
     admin = admin_beside(target, installation, "scripted")
     file = environment_file(target, tmp_path / "e.env", deployment)
     report = report_of(admin.run("doctor", "--json", "--env", file, env={
-        "KOVA_MCP_DISABLE_WRITES": "wrong", "KOVA_MCP_POLICY": "/nowhere"}))
+        "KOVA_MCP_DISABLE_WRITES": "wrong", "kova_mcp_disable_providers": "wrong",
+        "KOVA_MCP_POLICY": "/nowhere"}))
     assert report["switches"]["status"] == report["policy"]["status"] == "ok"
 
 

@@ -190,9 +190,13 @@ def test_nothing_is_overwritten(admin: Admin, options: Any, name: str) -> None:
     ({"collections": "C" * 64}, "--collections"),
     ({"writes": "some"}, "--writes"),
     ({"transport": "carrier"}, "--transport"),
-    ({"user": "a,b"}, "KOVA_MCP_USER"),
-    ({"server": ""}, "KOVA_MCP_SERVER"),
-    ({"port": "123456"}, "KOVA_MCP_PORT"),
+    ({"folder": "a\nb"}, "--folder: the value holds a line end or a NUL"),
+    ({"user": "a,b"}, '--user: KOVA_MCP_USER holds one of ",'),
+    ({"server": ""}, "--server: KOVA_MCP_SERVER is not set"),
+    ({"port": "123456"}, "--port: KOVA_MCP_PORT has 6 bytes"),
+    ({"port": "65536"}, "--port: 65536 is no port"),
+    ({"port": "abc"}, "--port: abc is no port"),
+    ({"http_port": "0"}, "--http-port: 0 is no port"),
     ({"database": "nowhere"}, "login.use"),
     ({"user": "nobody"}, "login.login"),
 ])
@@ -231,6 +235,20 @@ def test_one_line_end_of_the_password_file_is_dropped(admin: Admin, options: Any
 def test_anything_more_belongs_to_the_password(admin: Admin, options: Any, end: str) -> None:
     options["--password-file"].write_bytes((PASSWORD + end).encode())
     assert init(admin, options).code == 2
+    assert not options["--folder"].exists()
+
+
+@pytest.mark.parametrize("password, said", [
+    (b"", "KOVA_MCP_PASSWORD is not set"),
+    (b"\xff\xfe", "the value is not UTF-8"),
+    (b"first\nsecond\n", "the value holds a line end or a NUL"),
+    (b"cut\0here", "the value holds a line end or a NUL"),
+])
+def test_a_password_that_no_environment_file_holds(admin: Admin, options: Any, engine: Engine,
+                                                   password: bytes, said: str) -> None:
+    engine.stop()
+    options["--password-file"].write_bytes(password)
+    refused(init(admin, options, "--offline"), f"--password-file: {said}")
     assert not options["--folder"].exists()
 
 

@@ -127,6 +127,21 @@ def test_launch_identities(authors, name):
              env={name: env[name]})
 
 
+OTHER_LAUNCH = {"KOVA_MCP_CLIENT_ID": "desk-client", "KOVA_MCP_DATABASE": "SALES",
+                "KOVA_MCP_USER": "other"}
+
+
+def test_where_a_policy_is_needed_its_launch_identity_is_judged(authors):
+    path, table = authors.policy(), authors.cases([])
+    for command in (["explain", path], ["explain", path, "SELECT 1"], ["test", path, table]):
+        assert authors.refusal(*command, env=OTHER_LAUNCH).endswith(LAUNCH)
+        for fine in ([*command, "--other-host"], command):
+            env = OTHER_LAUNCH if fine is not command else {}
+            assert authors.run(*fine, env=env).code == 0
+    # The files of several launches are compared with each other.
+    assert authors.run("diff", path, path, env=OTHER_LAUNCH).code == 0
+
+
 def test_the_environment_file_replaces_the_environment(authors):
     path = authors.policy()
     other = authors.file("other.env", "KOVA_MCP_USER=other\n")

@@ -71,6 +71,13 @@ def test_flips(authors):
     assert authors.json("diff", old, old, cases, code=0)["flips"] == []
 
 
+def test_cases_on_standard_input(authors):
+    old, new = authors.policy("old.json"), authors.policy("new.json", allowed_tables=["ITEMS"])
+    cases = b'[{"name": "x", "sql": "SELECT A FROM ORDERS", "expect": "allow"}]'
+    assert authors.json("diff", old, new, "-", code=1, stdin=cases)["flips"] == [
+        {"case": "x", "old": "allow", "new": "deny"}]
+
+
 def test_sentences(authors):
     result = authors.run("diff", authors.policy("old.json", denied_columns=["SSN"]),
                          authors.policy("new.json", allowed_tables=["ORDERS"], name="b"))

@@ -176,11 +176,31 @@ def test_places_in_whole_lines(authors, text, blamed):
     assert found["offset"] == text.encode().index(blamed.encode())
 
 
+HYBRID = {"collection": "MANUALS", "text": "x", "top": 3, "source_table": "ORDERS",
+          "key_field": "ID", "columns": ["A"]}
+
+
+@pytest.mark.parametrize("tool, arguments", [
+    ("kova_query", {"sql": "SELECT SSN FROM ORDERS", "max_rows": 0}),
+    ("kova_list_tables", {"x": 1}),
+    ("kova_describe_table", {"table": "HIDDEN", "x": 1}),
+    ("kova_hybrid_search", {**HYBRID, "columns": "SSN"}),
+    ("kova_hybrid_search", {**HYBRID, "columns": []}),
+    ("kova_hybrid_search", {key: HYBRID[key] for key in HYBRID if key != "columns"}),
+    ("kova_vector_search", {"collection": "MANUALS", "vector": ["x"], "top": 3}),
+    ("kova_execute", {"sql": 7}),
+])
+def test_refused_arguments_name_no_place(authors, tool, arguments):
+    found = explain(authors, authors.writes(denied_columns=["SSN"]), line(tool, arguments), 1)
+    assert (found["tool"], found["check"], "offset" in found) == (tool, "arguments", False)
+
+
 @pytest.mark.parametrize("text, message", [
     ('{"jsonrpc":"2.0","id":1,"method":"ping"}', "the message calls ping, not tools/call"),
     ('{"jsonrpc":"2.0","method":"tools/call"}',
      "the message has no id: the server does not serve it"),
     ("SELECT '\x00'", "a NUL byte at line 1, column 9"),
+    ("SELECT\n'\u00e9\x00'", "a NUL byte at line 2, column 4"),
 ])
 def test_what_no_client_sends(authors, text, message):
     result = authors.run("explain", authors.policy(), "-",
@@ -228,6 +248,34 @@ def test_writes_in_sentences(authors):
     assert "With an operator's approval of the exact statement it can run INSERT on ORDERS, T." in text
     text = authors.run("explain", authors.writes(approval_required=False)).stdout.decode()
     assert "Without an operator it can run INSERT, UPDATE, DELETE on ORDERS, T" in text
+
+
+def test_without_a_table_nothing_is_said_of_columns(authors):
+    text = authors.run("explain", authors.policy(allowed_tables=[])).stdout.decode()
+    assert "It can read no table" in text and "columns are called" not in text
+
+
+HOSTILE = "/x\x1b[2J\u202e <img src=x> [y](z) `c` _d_ *e* ~f~ |g| &amp; \\ \n# h"
+
+
+def hostile_page(authors, *form):
+    path = authors.policy(writes_enabled=True, approval_required=True, write_tables=["T"],
+                          write_types=["INSERT"], approval_state_directory=HOSTILE)
+    result = authors.run("explain", "--other-host", *form, path)
+    assert (result.code, result.stderr) == (0, b"")
+    text = result.stdout.decode().replace("\r", "")
+    assert "\x1b" not in text and "\u202e" not in text and "\n# h" not in text
+    return text
+
+
+def test_a_hostile_policy_is_escaped(authors):
+    assert r"lie in /x\x1B[2J\u{202E} <img src=x> [y](z)" in hostile_page(authors)
+    page = hostile_page(authors, "--markdown")
+    assert (r"lie in /x\\x1B\[2J\\u{202E} \<img src=x\> \[y\](z) \`c\` \_d\_ \*e\* \~f\~ "
+            r"|g| \&amp; \\ \\n# h.") in page
+    path = authors.folder / "policy.json"
+    sections = authors.json("explain", "--other-host", path, code=0)["sections"]
+    assert any(HOSTILE in sentence for section in sections for sentence in section["sentences"])
 
 
 def test_sections_as_json(authors):

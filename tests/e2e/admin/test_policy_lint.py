@@ -41,11 +41,23 @@ def test_one_name_on_several_hosts(authors):
     assert [(each["file"], each["rule"], each["key"]) for each in found] == [
         (authors.target.path(second), "shared-name", "name")]
     assert authors.target.path(first) in found[0]["why"]
+    assert "a token for one host is accepted by the other" in found[0]["why"]
+    # An approval for the one is none for the other; its name still says too little.
+    for binding in ({"client_id": "other"}, {"database": "OTHER"}):
+        other = authors.policy("d.json", **binding)
+        [finding] = authors.json("lint", first, other, code=1)["findings"]
+        assert finding["rule"] == "shared-name" and "token" not in finding["why"]
     assert lint(authors, first, first, code=0) == []
 
 
 def test_identities_are_not_judged(authors):
     assert lint(authors, authors.policy(), code=0, env={"KOVA_MCP_CLIENT_ID": "other"}) == []
+
+
+def test_the_limit_of_a_long_lifetime(authors):
+    assert lint(authors, authors.policy(approval_ttl_seconds=300), code=0) == []
+    assert lint(authors, authors.policy(approval_ttl_seconds=301)) == [
+        ("long-ttl", "approval_ttl_seconds")]
 
 
 def test_the_text_for_people(authors):

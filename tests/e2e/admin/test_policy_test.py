@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import json
-import time
+import resource
 import xml.etree.ElementTree as ElementTree
 
 import pytest
@@ -34,6 +34,50 @@ def test_all_as_expected(authors):
     assert tap(authors, authors.writes(denied_columns=["SSN"]), cases, 0) == (
         "TAP version 13\n1..7\nok 1 - read\nok 2 - delete\nok 3 - other\nok 4 - why\n"
         "ok 5 - what\nok 6 - read by the other tool\nok 7 - target\n")
+
+
+def test_the_table_on_standard_input(authors):
+    table = json.dumps([READ, {**READ, "name": "no", "expect": "deny"}]).encode()
+    result = authors.run("test", authors.policy(), "-", stdin=table)
+    assert result.code == 1 and b"\n# unexpected allow: no" in result.stdout
+    result = authors.run("test", authors.policy(), "-", stdin=b"[7]")
+    assert (result.code, result.stdout) == (2, b"")
+    assert result.stderr.startswith(b"kova-admin: -: line 1, column 2: ")
+
+
+def test_kill_switches_count(authors):
+    path, table = authors.writes(), authors.cases([DELETE])
+    env = {"KOVA_MCP_DISABLE_WRITES": "1"}
+    assert authors.run("test", path, table).code == 0
+    result = authors.run("test", path, table, env=env)
+    assert result.code == 1 and b"  got: deny\n" in result.stdout.replace(b"\r", b"")
+    free = authors.writes("free.json", approval_required=False)
+    assert [flip["case"] for flip in authors.json("diff", path, free, table, code=1)["flips"]] == [
+        "delete"]
+    assert authors.json("diff", path, free, table, code=1, env=env)["flips"] == []
+
+
+def test_cases_have_names(authors):
+    unnamed = {"sql": "SELECT A FROM ORDERS", "expect": "allow"}
+    assert tap(authors, authors.policy(), [unnamed, READ, unnamed], 0) == (
+        "TAP version 13\n1..3\nok 1 - case 1\nok 2 - read\nok 3 - case 3\n")
+
+
+def test_an_empty_tool_is_a_tool(authors):
+    case = {**READ, "tool": "", "expect": "deny", "reason": UNKNOWN}
+    tap(authors, authors.policy(), [case], 0)
+
+
+def test_an_escaped_nul_ends_no_text_of_a_case(authors):
+    case = {"name": "a\0b", "sql": "SELECT SSN FROM ORDERS", "expect": "deny"}
+    path = authors.policy(denied_columns=["SSN"])
+    assert "ok 1 - a\\x00b\n" in tap(authors, path, [case], 0)
+    tap(authors, path, [{**case, "reason": DENIED + "\0"}], 1)
+    tap(authors, path, [{**case, "table": "\0"}], 1)
+    # The server's text ends there.
+    tap(authors, path, [{**case, "sql": "SELECT A FROM ORDERS\0, SSN", "expect": "allow"}], 0)
+    write = {"sql": "\0DELETE FROM T", "expect": "deny", "reason": SCREEN}
+    tap(authors, authors.writes(), [write], 0)
 
 
 def test_unexpected_allows_come_first(authors):
@@ -134,6 +178,27 @@ def test_a_junit_file_that_cannot_be_written(authors):
     assert "x.xml" in message
 
 
+def test_junit_overwrites_no_input(authors):
+    path, table = authors.policy(), authors.cases([READ])
+    before = path.read_bytes(), table.read_bytes()
+    for name in (path, table):
+        message = authors.refusal("test", "--junit", name, path, table)
+        assert message == f"{authors.target.path(name)}: the output is one of the inputs"
+    assert (path.read_bytes(), table.read_bytes()) == before
+    message = authors.refusal("test", "--junit", authors.folder, path, table)
+    assert message == f"{authors.target.path(authors.folder)}: it is no regular file"
+    report = authors.file("report.xml", "old")
+    tap(authors, path, [READ], 0, "--junit", report)
+    assert report.read_bytes().startswith(b"<?xml")
+
+
+def processor_seconds() -> float:
+    """What the ended children of this process have used."""
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return used.ru_utime + used.ru_stime
+
+
+@pytest.mark.shipped_build
 def test_ten_thousand_cases(authors):
     cases = [{"name": f"case {n}", "expect": expect, "sql": sql}
              for n in range(2500) for expect, sql in (
@@ -143,8 +208,9 @@ def test_ten_thousand_cases(authors):
     path, table = authors.writes(), authors.cases(cases)
     spent = []
     for _ in range(3):
-        begin = time.monotonic()
+        begin = processor_seconds()
         result = authors.run("test", path, table)
-        spent.append(time.monotonic() - begin)
+        spent.append(processor_seconds() - begin)
         assert result.code == 0 and result.stdout.count(b"\nok ") == 10000
-    print(f"10,000 cases: {min(spent):.3f} s")
+    # The processor's time: other processes on the machine do not lengthen it.
+    assert 0 < min(spent) < 1, spent

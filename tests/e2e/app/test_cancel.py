@@ -25,8 +25,8 @@ def hanging_engine(module_engine: ScriptedLibrary) -> ScriptedLibrary:
 
 
 class SharedServer:
-    """A server whose calls of kova_list_tables hang. Each test ends its own; a test that does not
-    costs the server, and not the tests behind it."""
+    """A server whose calls of kova_list_tables hang. Each test ends its own call; where one is left
+    running, the server is killed and the next test gets a new one."""
 
     def __init__(self, servers: Servers, engine: ScriptedLibrary) -> None:
         self._servers = servers

@@ -36,8 +36,8 @@ class Shop:
         expected = tool_success_reply(str(self.number + 1), result_json(status=status))
         assert self.approved(sql, canonical) == expected
 
-    def fails(self, sql: str, canonical: str, words: str) -> None:
-        expected = tool_error_reply(str(self.number + 1), words)
+    def fails(self, sql: str, canonical: str, message: str) -> None:
+        expected = tool_error_reply(str(self.number + 1), message)
         assert self.approved(sql, canonical) == expected
 
     def rows(self, sql: str) -> list[tuple]:
@@ -84,7 +84,7 @@ def test_nothing_happens_without_an_approval(shop):
     assert shop.rows("SELECT * FROM PARTS") == [(1, "a")]
 
 
-@pytest.mark.parametrize("canonical, words", [
+@pytest.mark.parametrize("canonical, message", [
     ("INSERT INTO PARTS VALUES (9, 'x');", "FOREIGN KEY constraint failed"),
     ("INSERT INTO ITEMS (ID, NAME) VALUES (8, 'x'), (1, 'y');",
      "UNIQUE constraint failed: ITEMS.ID"),
@@ -92,9 +92,9 @@ def test_nothing_happens_without_an_approval(shop):
     ("UPDATE ITEMS SET NAME = NULL WHERE ID > 1;", "NOT NULL constraint failed: ITEMS.NAME"),
     ("UPDATE ITEMS SET NOWHERE = 1;", "no such column: NOWHERE"),
 ], ids=lambda text: text[:40])
-def test_a_constraint_is_told_in_clear_words(shop, canonical, words):
+def test_a_constraint_is_told_in_a_clear_message(shop, canonical, message):
     before = shop.rows("SELECT * FROM ITEMS")
-    shop.fails(canonical.rstrip(";"), canonical, words)
+    shop.fails(canonical.rstrip(";"), canonical, message)
     assert shop.rows("SELECT * FROM ITEMS") == before
     assert shop.rows("SELECT * FROM PARTS") == []
     shop.does("DELETE FROM PARTS", "DELETE FROM PARTS;", "0 rows deleted")

@@ -1,4 +1,4 @@
-"""The audit file under load: every answered call has its record, whole, whoever else writes.
+"""The audit file under load: every call with a reply has its record, whole, whoever else writes.
 
 A call of most ids runs in a worker process; one whose id is spelled in escapes runs in the server
 itself. The latter start no process, so that their writers meet in the file far more often.
@@ -35,13 +35,13 @@ def call_in_server(request_id: str) -> bytes:
 
 
 def until_idle(ask: Ask) -> None:
-    """A call that runs in the server is answered before its record is written; a later message is
-    read after it."""
+    """The reply to a call that runs in the server comes before its record is written; a later
+    message is read after it."""
     assert json.loads(ask(ping("idle")))["result"] == {}
 
 
 class Load:
-    """Sessions that list tables; the policy answers, so that no engine slows them down."""
+    """Sessions that list tables; the policy holds the result, so that no engine slows them down."""
 
     def __init__(self, windows: bool) -> None:
         self.every = WORKER_CALL_EVERY["windows" if windows else "linux"]

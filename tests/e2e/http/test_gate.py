@@ -1,7 +1,7 @@
 """The gates that an HTTP request passes, in their order: exact requests, exact responses.
 
 Most requests here need no session. A request that passes every gate is told by the gate behind them
-all: without a session id it is answered SESSION_REQUIRED.
+all: without a session id it gets SESSION_REQUIRED.
 """
 
 from __future__ import annotations

@@ -289,7 +289,7 @@ def test_a_delete_with_a_body(endpoint):
     endpoint.wait_for_no_child()
 
 
-# what the session answers
+# what the session replies
 
 
 def answer_of(http: HttpListeners, engine: ScriptedLibrary, output: "bytes | Repeat",

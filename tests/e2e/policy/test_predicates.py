@@ -30,7 +30,7 @@ def test_the_write_switch(run, policy, value):
 @pytest.mark.parametrize("value, refused", [
     ("1", PROVIDERS_OFF), ("On", PROVIDERS_OFF), ("true ", COLLECTION), ("01", COLLECTION)])
 def test_the_provider_switch_at_a_call(run, value, refused):
-    """The message shows whether the gate of the providers or the next one has refused."""
+    """The message shows whether the check of the provider switch or the next one has refused."""
     result = run("--tool-worker", stdin=call(1, "kova_text_search"),
                  env={"KOVA_MCP_DISABLE_PROVIDERS": value})
     assert result.stdout == tool_error_reply("1", refused)

@@ -5,7 +5,6 @@ from __future__ import annotations
 import socket
 import sqlite3
 import struct
-import time
 from contextlib import closing
 from typing import Callable
 
@@ -29,7 +28,7 @@ INTERRUPTIBLE = {
 def test_a_statement_ends_with_its_client(engine: Engine, client: Client, statement: str) -> None:
     process = client.start(engine.port, statement)
     wait_until(lambda: engine.logged("LOGIN -> OK"))
-    time.sleep(0.3)
+    engine.wait_until_busy(engine.cpu_seconds())
     assert not engine.logged("FROM C") and process.poll() is None
     process.kill()
     assert wait_until(lambda: engine.logged("FROM C", "-> interrupted")) < 1
@@ -47,8 +46,9 @@ def test_a_statement_ends_with_its_client(engine: Engine, client: Client, statem
 def test_a_statement_ends_when_its_socket_closes(engine: Engine,
                                                  leave: Callable[[socket.socket], None]) -> None:
     with engine.session() as session:
+        before = engine.cpu_seconds()
         session.start(f"SELECT COUNT(*) FROM {ENDLESS};")
-        time.sleep(0.2)
+        engine.wait_until_busy(before)
         leave(session.socket)
         assert wait_until(lambda: engine.logged("COUNT(*)", "-> interrupted")) < 1
 
@@ -57,8 +57,9 @@ def test_a_fetch_ends_with_its_client(engine: Engine) -> None:
     with engine.session() as session:
         reply = session.run(f"SELECT N FROM {ENDLESS} WHERE N < 200 OR N < 0;")
         assert reply.end == MORE
+        before = engine.cpu_seconds()
         session.send(frame(FETCH, struct.pack(">I", 1)))
-        time.sleep(0.2)
+        engine.wait_until_busy(before)
     assert wait_until(lambda: engine.logged("(fetch) -> interrupted")) < 1
 
 
@@ -68,7 +69,7 @@ def test_a_wait_for_a_busy_database_ends_with_its_client(engine: Engine) -> None
             assert session.run("list table;").success
             other.execute("BEGIN IMMEDIATE")
             session.start("DELETE FROM ITEMS;")
-            time.sleep(0.2)
+            wait_until(lambda: engine.has_read(session.socket))
         assert wait_until(lambda: engine.logged("DELETE", "-> interrupted")) < 1
         other.execute("ROLLBACK")
     assert read_database(engine.data / "shop.db", "SELECT COUNT(*) FROM ITEMS") == [(3,)]

@@ -7,7 +7,6 @@ import json
 import math
 import sqlite3
 import subprocess
-import time
 from contextlib import closing
 from pathlib import Path
 from typing import Iterator
@@ -118,7 +117,7 @@ SHOW_FORM = "expected: show ai status NAME; show ai jobs for NAME; or show ai pr
 ZEROS = ",".join(["0"] * DIMENSION)
 
 
-@pytest.mark.parametrize("statement, words", [
+@pytest.mark.parametrize("statement, message", [
     ("SEARCH", SEARCH_FORM),
     ("SEARCH DOCS TEXT 'x' TOP 1", SEARCH_FORM),
     ("SEARCH AI DOCS TEXT x TOP 1", SEARCH_FORM),
@@ -156,9 +155,9 @@ ZEROS = ",".join(["0"] * DIMENSION)
     ("SHOW AI JOBS FOR NOTHING", "no such collection: NOTHING"),
     ("SHOW AI PROVIDER ELSEWHERE", "no such provider: ELSEWHERE"),
 ])
-def test_what_is_refused_has_words(docs: Session, statement: str, words: str) -> None:
+def test_what_is_refused_has_a_message(docs: Session, statement: str, message: str) -> None:
     reply = docs.run(statement + ";")
-    assert (reply.success, reply.status) == (False, words)
+    assert (reply.success, reply.status) == (False, message)
 
 
 def test_a_database_without_collections_has_none(engine: Engine) -> None:
@@ -353,7 +352,7 @@ def test_temporary_tables_end_with_a_client_that_is_killed(docs: Session, engine
     process = client.start(engine.port, "SEARCH AI DOCS TEXT 'red car' TOP 2 INTO TEMP HITS;",
                            f"SELECT COUNT(*) FROM HITS, {ENDLESS};", database="docs")
     wait_until(lambda: status(docs, "DOCS")["TEMPORARY_TABLES"] == "1")
-    time.sleep(0.1)
+    engine.wait_until_busy(engine.cpu_seconds())
     assert process.poll() is None
     process.kill()
     process.communicate(timeout=TIMEOUT)

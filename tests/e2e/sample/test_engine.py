@@ -46,7 +46,7 @@ def test_help_is_one_screen(executable: Path) -> None:
         assert any(line.strip().startswith(option) for line in lines), option
 
 
-@pytest.mark.parametrize("arguments, words", [
+@pytest.mark.parametrize("arguments, message", [
     (["--nonsense"], "unknown option --nonsense"),
     (["--port"], "missing value after --port"),
     (["--port", "65536"], "--port takes a number from 0 to 65535"),
@@ -61,12 +61,12 @@ def test_help_is_one_screen(executable: Path) -> None:
     (["stray"], "unexpected argument stray"),
 ])
 def test_bad_arguments_are_one_line(executable: Path, tmp_path: Path, arguments: list[str],
-                                    words: str) -> None:
+                                    message: str) -> None:
     users = tmp_path / "users"
     users.write_text("a:b\n")
     result = run_engine(executable, "--data", str(tmp_path), "--users", str(users), *arguments)
     assert result.returncode == 2
-    assert result.stderr == f"kova-sample-engine: {words}; try --help\n"
+    assert result.stderr == f"kova-sample-engine: {message}; try --help\n"
     assert result.stdout == ""
 
 
@@ -115,8 +115,9 @@ def test_a_signal_stops_it_in_the_middle_of_everything(start_engine: Callable[..
     half.sendall(b"\0\0")
     Session(greeted).greet()
     session = Session(busy).greet().login()
+    before = engine.cpu_seconds()
     session.start(f"SELECT COUNT(*) FROM {ENDLESS};")
-    time.sleep(0.1)
+    engine.wait_until_busy(before)
     started = time.monotonic()
     assert engine.stop(how) == 0
     assert time.monotonic() - started < 5
@@ -165,7 +166,7 @@ def test_a_busy_database_is_waited_for(engine: Engine) -> None:
             assert session.run("list table;").success
             other.execute("BEGIN IMMEDIATE")
             session.start("DELETE FROM ITEMS;")
-            time.sleep(0.3)
+            wait_until(lambda: engine.has_read(session.socket))
             with engine.session() as reader:
                 assert reader.all_rows("SELECT COUNT(*) FROM ITEMS;") == [["3"]]
             other.execute("COMMIT")

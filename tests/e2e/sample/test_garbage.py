@@ -50,7 +50,7 @@ def test_another_version_is_refused(engine: Engine) -> None:
         assert session.refusal() == "the version is not known"
 
 
-@pytest.mark.parametrize("request_frame, words", [
+@pytest.mark.parametrize("request_frame, message", [
     (frame(0, b""), "the frame is not known"),
     (frame(99, b""), "the frame is not known"),
     (frame(OUTCOME, b""), "the frame is not known"),
@@ -71,10 +71,10 @@ def test_another_version_is_refused(engine: Engine) -> None:
 ], ids=["type 0", "type 99", "reply type", "second hello", "no object", "no statement",
         "unterminated", "trailing", "text end", "null", "longest text", "fetch short",
         "fetch long", "fetch unknown", "release short", "over the limit", "largest"])
-def test_a_malformed_request_is_refused(engine: Engine, request_frame: bytes, words: str) -> None:
+def test_a_malformed_request_is_refused(engine: Engine, request_frame: bytes, message: str) -> None:
     with engine.session() as other, engine.session() as session:
         session.send(request_frame)
-        assert session.refusal() == words
+        assert session.refusal() == message
         assert other.all_rows("SELECT 1;") == [["1"]]
 
 
@@ -113,7 +113,7 @@ def test_requests_may_arrive_byte_by_byte_and_all_at_once(engine: Engine) -> Non
         session = Session(connection)
         for byte in hello():
             session.send(bytes([byte]))
-            time.sleep(0.002)
+            wait_until(lambda: engine.has_read(connection))
         assert session.receive()[0] == WELCOME
         session.login()
         session.send(b"".join(frame(EXEC, struct.pack(">I", 1) + text(f"SELECT {number};"))
@@ -160,7 +160,7 @@ def test_who_does_not_log_in_in_time_is_dropped(start_engine: Callable[..., Engi
         assert idle.at_end(), "but has to finish a message"
 
 
-def test_who_does_not_take_an_answer_in_time_is_dropped(
+def test_who_does_not_take_a_reply_in_time_is_dropped(
         start_engine: Callable[..., Engine]) -> None:
     engine = start_engine("--timeout", "1")
     with engine.session() as lazy:

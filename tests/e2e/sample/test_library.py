@@ -52,8 +52,9 @@ class FakeEngine:
         self._thread.join(TIMEOUT)
 
 
-def rows_block(*cells: bytes, count: int = 0, end: bytes = b"\1", words: bytes = text("")) -> bytes:
-    return struct.pack(">H", count) + b"".join(cells) + end + words
+def rows_block(*cells: bytes, count: int = 0, end: bytes = b"\1",
+               message: bytes = text("")) -> bytes:
+    return struct.pack(">H", count) + b"".join(cells) + end + message
 
 
 def outcome(rows: bytes = rows_block(), names: tuple[str, ...] = (), success: bytes = b"\1",
@@ -105,13 +106,13 @@ def test_no_engine_gives_no_connection(client: Client) -> None:
     (outcome(status=b"\xff\xff\xff\xff"), MALFORMED),
     (outcome(status=b"\xff\xff\xff\xfeOK\0"), MALFORMED),
     (outcome(rows_block(end=b"\3")), MALFORMED),
-    (outcome(rows_block(words=b"")), MALFORMED),
+    (outcome(rows_block(message=b"")), MALFORMED),
     (outcome(rows_block() + b"x"), MALFORMED),
     (frame(OUTCOME, b"\1" + text("OK") + b"\xff\xff"), MALFORMED),
     (outcome(b""), MALFORMED),
 ], ids=["closed", "cut header", "cut payload", "other type", "oversized", "refused",
         "bad refusal", "empty", "success", "unterminated status", "status end", "null status",
-        "long status", "rows end", "no words", "trailing", "names", "no rows"])
+        "long status", "rows end", "no message", "trailing", "names", "no rows"])
 def test_a_bad_outcome_fails_the_statement(client: Client, answer: bytes,
                                            lines: list[str]) -> None:
     with FakeEngine(OK, OK, answer) as fake:
@@ -138,7 +139,7 @@ def test_an_engine_that_dies_fails_the_statement(engine: Engine, client: Client,
                                                  how: int) -> None:
     process = client.start(engine.port, f"SELECT COUNT(*) FROM {ENDLESS};", "SELECT 1;")
     wait_until(lambda: engine.logged("LOGIN -> OK"))
-    time.sleep(0.3)
+    engine.wait_until_busy(engine.cpu_seconds())
     engine.stop(how)
     result = client.finish(process)
     assert result.code == 1 and result.lines[-1:] == LOST

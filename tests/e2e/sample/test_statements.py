@@ -65,7 +65,7 @@ def test_writes_say_how_many_rows_and_last(engine: Engine, client: Client) -> No
     assert read_database(engine.data / "shop.db", "SELECT COUNT(*) FROM PARTS") == [(3,)]
 
 
-@pytest.mark.parametrize("statement, words", [
+@pytest.mark.parametrize("statement, message", [
     ("SELECT X FROM ITEMS;", "no such column: X"),
     ("SELECT NAME FROM NOWHERE;", "no such table: NOWHERE"),
     ("SELECT FROM ITEMS;", 'near "FROM": syntax error'),
@@ -104,14 +104,14 @@ def test_writes_say_how_many_rows_and_last(engine: Engine, client: Client) -> No
     ("SELECTED;", "unknown statement: SELECTED"),
     (" ; ", "the statement is empty"),
 ])
-def test_what_is_refused_has_words(engine: Engine, client: Client, statement: str,
-                                   words: str) -> None:
+def test_what_is_refused_has_a_message(engine: Engine, client: Client, statement: str,
+                                       message: str) -> None:
     result = client.run(engine.port, statement)
-    assert (result.code, result.lines) == (1, ["error: " + words])
+    assert (result.code, result.lines) == (1, ["error: " + message])
     assert read_database(engine.data / "shop.db", "SELECT COUNT(*) FROM ITEMS") == [(3,)]
 
 
-@pytest.mark.parametrize("login, words", [
+@pytest.mark.parametrize("login, message", [
     ({"password": "wrong"}, "wrong user or password"),
     ({"password": PASSWORD + " "}, "wrong user or password"),
     ({"password": PASSWORD[:-1]}, "wrong user or password"),
@@ -121,8 +121,8 @@ def test_what_is_refused_has_words(engine: Engine, client: Client, statement: st
     ({"database": "d" * 64}, "no such database: " + "d" * 64),
 ])
 def test_a_wrong_login_is_refused(engine: Engine, client: Client, login: dict[str, str],
-                                  words: str) -> None:
-    assert client.run(engine.port, "list table;", **login).lines == ["error: " + words]
+                                  message: str) -> None:
+    assert client.run(engine.port, "list table;", **login).lines == ["error: " + message]
 
 
 @pytest.mark.parametrize("password", ["x", "p" * 255, " lead and trail ", "a,b", "a:b", "a'b\"c",
@@ -253,7 +253,7 @@ def test_a_failure_behind_some_rows_is_told_there(shop: Session) -> None:
     while reply.end == MORE:
         reply = shop.fetch()
         rows += reply.rows
-    assert reply.end == FAILED and reply.words == "integer overflow"
+    assert reply.end == FAILED and reply.message == "integer overflow"
     assert rows == [[str(number)] for number in range(1, 300)]
     assert shop.fetch().end == END
     assert shop.all_rows("SELECT 1;") == [["1"]]

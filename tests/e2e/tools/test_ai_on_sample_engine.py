@@ -67,8 +67,8 @@ def result_of(server: Server, tool: str, **arguments: Any) -> dict[str, Any]:
     return result["structuredContent"]
 
 
-def fails(server: Server, tool: str, words: str, **arguments: Any) -> None:
-    assert server.ask(call(1, tool, arguments)) == tool_error_reply("1", words)
+def fails(server: Server, tool: str, message: str, **arguments: Any) -> None:
+    assert server.ask(call(1, tool, arguments)) == tool_error_reply("1", message)
 
 
 def hybrid(text: str, **changes: Any) -> dict[str, Any]:
@@ -124,7 +124,7 @@ def test_the_status_of_collection_jobs_and_provider(server: Server) -> None:
     assert alone["provider"] is None and alone["collection"]["rows"] == shown["collection"]["rows"]
 
 
-@pytest.mark.parametrize("tool, arguments, words", [
+@pytest.mark.parametrize("tool, arguments, message", [
     (TEXT_SEARCH, {"collection": "NOTHING", "text": "x", "top": 1}, "no such collection: NOTHING"),
     (TEXT_SEARCH, {"collection": "BARE", "text": "x", "top": 1}, "collection BARE is empty"),
     (TEXT_SEARCH, {"collection": "LOST", "text": "x", "top": 1},
@@ -140,16 +140,16 @@ def test_the_status_of_collection_jobs_and_provider(server: Server) -> None:
     (AI_STATUS, {"collection": "DOCS", "provider": "NOBODY"}, "no such provider: NOBODY"),
 ])
 def test_the_engines_words_reach_the_client(server: Server, watcher: Session, tool: str,
-                                            arguments: dict[str, Any], words: str) -> None:
-    fails(server, tool, words, **arguments)
+                                            arguments: dict[str, Any], message: str) -> None:
+    fails(server, tool, message, **arguments)
     wait_until(lambda: no_table_is_left(watcher))
 
 
 def test_with_the_kill_switch_only_vectors_are_searched(start_server: Start) -> None:
     server = start_server(KOVA_MCP_DISABLE_PROVIDERS="1")
-    words = "provider-backed MCP reads are disabled by policy or kill switch"
-    fails(server, TEXT_SEARCH, words, collection="DOCS", text="x", top=1)
-    fails(server, HYBRID_SEARCH, words, **hybrid("x"))
+    message = "provider-backed MCP reads are disabled by policy or kill switch"
+    fails(server, TEXT_SEARCH, message, collection="DOCS", text="x", top=1)
+    fails(server, HYBRID_SEARCH, message, **hybrid("x"))
     fails(server, AI_STATUS, "provider status is disabled by policy or kill switch",
           collection="DOCS", provider="LOCAL")
     assert result_of(server, AI_STATUS, collection="DOCS")["provider"] is None

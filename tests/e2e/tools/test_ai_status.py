@@ -169,7 +169,7 @@ def test_the_longest_names(tools):
 
 
 def test_an_escaped_provider_is_none(tools, switched_off):
-    """It is an allowed member that neither the tool nor the gate finds."""
+    """It is an allowed member that neither the tool nor its policy check finds."""
     members = '{"collection":"MANUALS","pr\\u006fvider":"LOCAL"}'
     for calls in (tools, switched_off):
         answered(status_raw(calls, members), [STATUS, JOBS], objects="MANUALS")
@@ -181,7 +181,7 @@ def test_members_that_stand_twice(tools):
     assert (outcome.statements, outcome.records) == ([], [])
 
 
-# --- the gates ------------------------------------------------------------------------------------
+# --- the policy -----------------------------------------------------------------------------------
 
 def test_the_gates_refuse_good_arguments(tools):
     tools.policy(reads_enabled=False)

@@ -1,4 +1,4 @@
-"""tools/call: its params, its tool names and the gates in front of the tools, in their order."""
+"""tools/call: its params, its tool names and the checks before the tools, in their order."""
 
 from __future__ import annotations
 
@@ -183,7 +183,7 @@ def test_the_collection_gate_of_every_tool(tools, tool, members):
 
 @pytest.mark.parametrize("collection", ["MANUALS", "manuals", "MaNuAlS", "MANUALS\x00;"])
 def test_collections_that_are_allowed(tools, collection):
-    """The next gate refuses."""
+    """The next check refuses."""
     tools("kova_hybrid_search", {"collection": collection}).is_error(HYBRID_SOURCE)
 
 

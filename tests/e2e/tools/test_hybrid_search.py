@@ -249,18 +249,18 @@ def test_members_that_stand_twice(tools):
 
 
 @pytest.mark.parametrize("byte", sorted(set(range(1, 32)) - {9, 10, 13}))
-def test_a_control_byte_has_words_of_its_own(tools, byte):
+def test_a_control_byte_has_a_message_of_its_own(tools, byte):
     hybrid(tools, text=f"a{chr(byte)}b").is_error(HYBRID_TEXT)
 
 
 @pytest.mark.parametrize("changes, message, decision", [
-    # After the gates: the arguments, the number of columns, the control bytes.
+    # After the policy: the arguments, the number of columns, the control bytes.
     ({"text": "\x01", "columns": []}, HYBRID_COUNT, "allow"),
     ({"text": "\x01", "columns": ["F"] * 17}, HYBRID_COUNT, "allow"),
     ({"text": "\x01", "columns": [], "top": 0}, HYBRID_ARGUMENTS, "allow"),
     ({"columns": [], "x": 1}, HYBRID_ARGUMENTS, "allow"),
     ({"columns": ["F"] * 17, "text": ""}, HYBRID_ARGUMENTS, "allow"),
-    # The gates check the names of the columns before their number, and the rest first.
+    # The policy check reads the names of the columns before their number, and the rest first.
     ({"columns": ["A-B"]}, COLUMN, "allow"),
     ({"columns": ["F"] * 17 + ["A-B"], "top": 0}, COLUMN, "allow"),
     ({"columns": ["SSN"], "text": "\x01", "x": 1}, COLUMN, "allow"),
@@ -274,7 +274,7 @@ def test_the_order_of_the_checks(tools, changes, message, decision):
     hybrid(tools, **changes).is_error(message, decision=decision)
 
 
-# --- the gates ------------------------------------------------------------------------------------
+# --- the policy -----------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("overrides, message, decision", [
     ({"reads_enabled": False}, READS_OFF, "deny"),

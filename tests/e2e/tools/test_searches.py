@@ -1,4 +1,4 @@
-"""What kova_text_search and kova_vector_search share: top, collection, gates, failures."""
+"""What kova_text_search and kova_vector_search share: top, collection, policy, failures."""
 
 from __future__ import annotations
 
@@ -136,7 +136,7 @@ def test_the_gates_refuse_good_arguments(tools, tool):
     ask(tools, tool).is_error(READS_OFF, decision="deny")
     tools.policy(allowed_collections=["OTHER"])
     ask(tools, tool).is_error(COLLECTION, decision="deny")
-    # The gates are checked before the arguments.
+    # The policy is asked before the arguments are checked.
     ask(tools, tool, top=0, x=1).is_error(COLLECTION, decision="deny")
 
 

@@ -1,5 +1,5 @@
 // Prints how many handles the processes of one executable's name hold together. Tries each place of
-// their tables: Wine answers no GetProcessHandleCount, its list of processes has the tables' room
+// their tables: Wine has no GetProcessHandleCount, its list of processes has the tables' room
 // instead, and its server may crash over the list of all handles while a process starts.
 #include <windows.h>
 

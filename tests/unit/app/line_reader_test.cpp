@@ -26,19 +26,20 @@ struct Input {
   std::vector<std::size_t> blocks;
   std::size_t next_block = 0;
   std::size_t reads_after_end = 0;
-} input;
+} scripted_input;
 
 std::size_t read_input(char* data, std::size_t size) {
   EXPECT_GT(size, 0U);
-  if (input.rest.empty()) {
-    ++input.reads_after_end;
+  if (scripted_input.rest.empty()) {
+    ++scripted_input.reads_after_end;
     return 0;
   }
-  const std::size_t block = input.blocks[std::min(input.next_block, input.blocks.size() - 1)];
-  ++input.next_block;
-  const std::size_t got = std::min({size, block, input.rest.size()});
-  std::memcpy(data, input.rest.data(), got);
-  input.rest.remove_prefix(got);
+  const std::size_t block =
+      scripted_input.blocks[std::min(scripted_input.next_block, scripted_input.blocks.size() - 1)];
+  ++scripted_input.next_block;
+  const std::size_t got = std::min({size, block, scripted_input.rest.size()});
+  std::memcpy(data, scripted_input.rest.data(), got);
+  scripted_input.rest.remove_prefix(got);
   return got;
 }
 
@@ -47,7 +48,7 @@ class Reader {
  public:
   Reader(std::string_view text, std::vector<std::size_t> blocks, std::size_t limit = kPiece)
       : buffer_(kLineBufferCapacity), lines_(buffer_.data(), read_input, limit) {
-    input = {text, std::move(blocks)};
+    scripted_input = {text, std::move(blocks)};
   }
 
   LineReader& lines() { return lines_; }
@@ -71,7 +72,7 @@ std::vector<Piece> read_all(Reader& reader) {
   return pieces;
 }
 
-// What a reader of the whole text would cut off, by the rule's own words.
+// What a reader of the whole text would cut off, as the rule spells it out.
 std::vector<Piece> wanted_pieces(std::string_view text, std::size_t limit = kPiece) {
   std::vector<Piece> pieces;
   while (!text.empty()) {
@@ -166,15 +167,15 @@ TEST(LineReader, AFullPieceIsNotWaitedBeyond) {
     ASSERT_TRUE(reader.lines().next(line));
     EXPECT_EQ(line.text.size(), kLimit);
     EXPECT_FALSE(line.at_end_of_input);
-    EXPECT_EQ(input.next_block, 1U);
-    EXPECT_EQ(input.reads_after_end, 0U);
+    EXPECT_EQ(scripted_input.next_block, 1U);
+    EXPECT_EQ(scripted_input.reads_after_end, 0U);
   }
   const std::string text(kLimit - 1, 'x');
   Reader reader(text, {kLimit - 1}, kLimit);
   Line line;
   ASSERT_TRUE(reader.lines().next(line));
   EXPECT_TRUE(line.at_end_of_input);
-  EXPECT_EQ(input.reads_after_end, 1U);
+  EXPECT_EQ(scripted_input.reads_after_end, 1U);
 }
 
 TEST(LineReader, TheEndOfInputIsWhatAReadMet) {
@@ -213,7 +214,7 @@ TEST(LineReader, DoesNotWaitForMoreThanALine) {
   Line line;
   ASSERT_TRUE(reader.lines().next(line));
   EXPECT_EQ(line.text, "first\n");
-  EXPECT_EQ(input.next_block, 1U);
+  EXPECT_EQ(scripted_input.next_block, 1U);
 }
 
 TEST(LineReader, DiscardsToTheNextLineFeed) {

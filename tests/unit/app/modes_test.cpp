@@ -46,7 +46,7 @@ class CheckModes : public ::testing::Test {
   ProtocolState protocol_;
 };
 
-TEST_F(CheckModes, AnInvalidPolicyWithoutWords) {
+TEST_F(CheckModes, AnInvalidPolicyWithoutAMessage) {
   for (const auto mode : {check_policy_mode, check_config_mode}) {
     expect(mode, kExitFailure, "", "MCP_CONFIG_INVALID: policy validation failed\n");
   }

@@ -32,11 +32,11 @@ void check(const Row& row) {
   }
 }
 
-std::string call(std::string_view id) {
+std::string call_message(std::string_view id) {
   return R"({"jsonrpc":"2.0","id":)" + std::string(id) + R"(,"method":"tools/call"})";
 }
 
-std::string cancel(std::string_view request_id) {
+std::string cancel_message(std::string_view request_id) {
   return R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":)" +
          std::string(request_id) + "}}";
 }
@@ -92,7 +92,7 @@ TEST(Prescan, IdsAreKeptAsReceived) {
   for (const std::string_view id :
        {"7", "-1.50e+3", "true", "false", "null", "\"\"", "\"7\"", R"("a\u0041\n")", R"("null")",
         "[ 1, {\"a\":2} ]", "{ }", R"("\ud800")"}) {
-    check({call(id), true, false, std::string(id), ""});
+    check({call_message(id), true, false, std::string(id), ""});
   }
 }
 
@@ -101,17 +101,17 @@ TEST(Prescan, IdsOfNinetyNineCharacters) {
     SCOPED_TRACE(length);
     const bool fits = length <= 99;
     const std::string number(length, '1');
-    check({call(number), fits, false, fits ? number : "", ""});
+    check({call_message(number), fits, false, fits ? number : "", ""});
     const std::string text = "\"" + std::string(length - 2, 'x') + "\"";
-    check({call(text), fits, false, fits ? text : "", ""});
+    check({call_message(text), fits, false, fits ? text : "", ""});
     const std::string array = "[" + std::string(length - 2, ' ') + "]";
-    check({call(array), fits, false, fits ? array : "", ""});
+    check({call_message(array), fits, false, fits ? array : "", ""});
   }
   // Heavily escaped: 15 bytes when decoded, but 92 or 104 characters as received.
   std::string escaped;
   for (int i = 0; i < 15; ++i) escaped += "\\u0041";
-  check({call("\"" + escaped + "\""), true, false, "\"" + escaped + "\"", ""});
-  check({call("\"" + escaped + "\\u0041\\u0041\""), false, false, "", ""});
+  check({call_message("\"" + escaped + "\""), true, false, "\"" + escaped + "\"", ""});
+  check({call_message("\"" + escaped + "\\u0041\\u0041\""), false, false, "", ""});
 }
 
 TEST(Prescan, AnOverlongIdClearsACancelToo) {
@@ -123,17 +123,17 @@ TEST(Prescan, AnOverlongIdClearsACancelToo) {
 TEST(Prescan, Cancels) {
   const std::string n95(95, '9');
   const std::string x95(95, 'x');
-  check({cancel("7"), false, true, "", "7"});
-  check({cancel("\"7\""), false, true, "", "7"});
-  check({cancel("-1.50e+3"), false, true, "", "-1.50e+3"});
-  check({cancel("true"), false, true, "", "true"});
-  check({cancel("null"), false, true, "", "null"});
-  check({cancel(R"("abc")"), false, true, "", "abc"});
-  check({cancel(R"("\u0061bc")"), false, true, "", "abc"});
-  check({cancel("[1]"), false, true, "", "[1]"});
-  check({cancel("{}"), false, true, "", "{}"});
-  check({cancel(n95), false, true, "", n95});
-  check({cancel("\"" + x95 + "\""), false, true, "", x95});
+  check({cancel_message("7"), false, true, "", "7"});
+  check({cancel_message("\"7\""), false, true, "", "7"});
+  check({cancel_message("-1.50e+3"), false, true, "", "-1.50e+3"});
+  check({cancel_message("true"), false, true, "", "true"});
+  check({cancel_message("null"), false, true, "", "null"});
+  check({cancel_message(R"("abc")"), false, true, "", "abc"});
+  check({cancel_message(R"("\u0061bc")"), false, true, "", "abc"});
+  check({cancel_message("[1]"), false, true, "", "[1]"});
+  check({cancel_message("{}"), false, true, "", "{}"});
+  check({cancel_message(n95), false, true, "", n95});
+  check({cancel_message("\"" + x95 + "\""), false, true, "", x95});
   check({R"({"id":"own","method":"notifications/cancelled","params":{"requestId":7}})", false, true,
          "\"own\"", "7"});
   check({R"({"method":"notifications\/cancelled","params":{"requestId":7,"reason":"x"}})", false,
@@ -163,7 +163,7 @@ TEST(Prescan, ARequestIdThatCannotBeReadMatchesNothing) {
   for (const std::string& id :
        {std::string(96, '9'), "\"" + std::string(96, 'x') + "\"", std::string(R"("\ud800")")}) {
     SCOPED_TRACE(id);
-    const GuardedText text(cancel(id));
+    const GuardedText text(cancel_message(id));
     const Prescan found = prescan(text.view());
     // No call is known by an empty id, so an empty text is as good as no cancel.
     EXPECT_TRUE(!found.is_cancel || found.cancelled_id[0] == '\0');

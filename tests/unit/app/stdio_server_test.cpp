@@ -280,7 +280,7 @@ TEST_F(StdioServer, ACancelWhileIdleIsIgnored) {
 }
 
 // --- tool calls -------------------------------------------------------------------------------
-// The child of these tests answers with the line it was given, unless kWorkerMode says otherwise.
+// The child of these tests replies with the line it was given, unless kWorkerMode says otherwise.
 
 TEST_F(StdioServer, ACallGoesToAChild) {
   state_.Initialized = false;
@@ -337,7 +337,7 @@ TEST_F(StdioServer, WhileACallRunsEverythingElseIsRefused) {
       R"({"jsonrpc":"2.0","id":[1, 2],"method":"initialize"})" + "\n" +
       R"({"jsonrpc":"2.0","id":null,"method":"tools/list"})" + "\n" +
       R"({"id":3,"id":4,"method":"x"})" + "\n" +
-      // without a word:
+      // refused without a reply:
       R"({"jsonrpc":"2.0","method":"notifications/initialized"})" + "\n" +
       R"({"jsonrpc":"2.0","method":"tools/call"})" + "\n" + "no JSON\n" +
       R"({"jsonrpc":"2.0","id":5})" + "\n" + R"({"jsonrpc":"2.0","id":5,"method":7})" + "\n" +

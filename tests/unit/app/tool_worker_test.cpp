@@ -110,7 +110,7 @@ TEST_F(RunToolJob, AReplyBeyondTheLimitIsCut) {
 }
 
 TEST_F(RunToolJob, TheLongestReplies) {
-  // The child answers with its message and a line feed, so the sum is at the limit and around it.
+  // The child replies with its message and a line feed, so the sum is at the limit and around it.
   for (const std::size_t length : {1048575U, 1048576U, 1048577U}) {
     const std::string message(length, 'm');
     EXPECT_TRUE(run(message, "1") == message + "\n") << length;
@@ -147,10 +147,10 @@ TEST_F(RunToolJob, ACancelWhileTheChildStarts) {
   mode_.set(testing::kChildHang);
   for (int round = 0; round < 10; ++round) {
     state_.CancelRequested = 0;
-    std::atomic<bool> answered{false};
-    std::thread reader([this, &answered] {
+    std::atomic<bool> replied{false};
+    std::thread reader([this, &replied] {
       state_.CancelRequested = 1;
-      for (bool ended = false; !ended && !answered;) {
+      for (bool ended = false; !ended && !replied;) {
         yield_thread();
         const SpinGuard guard(state_.worker_process_lock);
         ended = state_.WorkerProcess != nullptr;
@@ -158,7 +158,7 @@ TEST_F(RunToolJob, ACancelWhileTheChildStarts) {
       }
     });
     EXPECT_EQ(run("a message", "1"), cancelled("1"));
-    answered = true;
+    replied = true;
     reader.join();
   }
 }

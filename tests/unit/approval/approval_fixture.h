@@ -94,10 +94,10 @@ class Approvals : public ::testing::Test {
     EXPECT_TRUE(verify(token, digest, now)) << token;
     EXPECT_STREQ(message, kUntouched) << token;
   }
-  void expect_refused(std::string_view token, std::string_view words,
+  void expect_refused(std::string_view token, std::string_view expected,
                       std::string_view digest = kDigest, std::uint64_t now = kNow) {
     EXPECT_FALSE(verify(token, digest, now)) << token;
-    EXPECT_EQ(std::string_view(message), words) << token;
+    EXPECT_EQ(std::string_view(message), expected) << token;
   }
   [[nodiscard]] std::vector<std::string> markers() const { return names_in(folder.path()); }
   /// Makes every nonce new again.

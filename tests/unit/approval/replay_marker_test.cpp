@@ -70,7 +70,7 @@ TEST_F(ReplayMarker, ADirectoryThatComesBackWorksAgain) {
 }
 
 // The path has 767 bytes at most, which no policy and no nonce reach.
-TEST_F(ReplayMarker, APathThatDoesNotFitHasWordsOfItsOwn) {
+TEST_F(ReplayMarker, APathThatDoesNotFitHasItsOwnMessage) {
   TextOut(policy->approval_state_directory).copy_cut(folder.path() + std::string(600, 'd'));
   const std::size_t room =
       767 - std::string(policy->approval_state_directory).size() - 1 - std::string(".used").size();

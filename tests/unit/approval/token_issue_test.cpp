@@ -20,7 +20,7 @@ struct Pieces {
 
 class Issuing : public Approvals {
  protected:
-  /// The token, or an empty text with the words in `message`.
+  /// The token, or an empty text with the message in `message`.
   std::string issue(std::string_view digest = kDigest, std::uint64_t now = kNow) {
     TextOut(message).copy_cut(kUntouched);
     char token[kTokenCapacity] = {};
@@ -28,9 +28,9 @@ class Issuing : public Approvals {
     EXPECT_STREQ(message, kUntouched);
     return token;
   }
-  void expect_none(std::string_view words, std::string_view digest = kDigest) {
+  void expect_none(std::string_view expected, std::string_view digest = kDigest) {
     EXPECT_EQ(issue(digest), "") << digest;
-    EXPECT_EQ(std::string_view(message), words) << digest;
+    EXPECT_EQ(std::string_view(message), expected) << digest;
   }
   static Pieces split(const std::string& token) {
     std::vector<std::string> pieces(1);
@@ -186,7 +186,7 @@ TEST_F(Issuing, NeedsNoStateDirectory) {
   EXPECT_NE(issue(), "");
 }
 
-TEST_F(Issuing, ATokenThatDoesNotFitLeavesNoWords) {
+TEST_F(Issuing, ATokenThatDoesNotFitLeavesNoMessage) {
   for (std::size_t capacity = 1; capacity <= 180; ++capacity) {
     const GuardedBuffer buffer(capacity);
     std::memset(buffer.data(), 'x', capacity);

@@ -386,12 +386,12 @@ TEST_F(Verifying, OneOfManyAtOnceIsAccepted) {
     verifiers.reserve(kVerifiers);
     for (int i = 0; i < kVerifiers; ++i) {
       verifiers.emplace_back([&] {
-        char words[kApprovalMessageCapacity] = {};
+        char refusal[kApprovalMessageCapacity] = {};
         ++waiting;
         while (waiting.load() < kVerifiers) std::this_thread::yield();
-        if (approval_verify(*policy, kDigest, token, kNow, words)) {
+        if (approval_verify(*policy, kDigest, token, kNow, refusal)) {
           ++accepted;
-        } else if (words == kUsed) {
+        } else if (refusal == kUsed) {
           ++used;
         }
       });

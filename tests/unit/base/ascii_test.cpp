@@ -7,7 +7,7 @@
 namespace kova {
 namespace {
 
-constexpr std::string_view kDigits = "0123456789";
+constexpr std::string_view kDecimalDigits = "0123456789";
 constexpr std::string_view kUpper = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
 constexpr std::string_view kLower = "abcdefghijklmnopqrstuvwxyz";
 constexpr std::string_view kSpaces = " \t\n\v\f\r";
@@ -21,12 +21,12 @@ TEST(Ascii, ClassesOfEveryByte) {
     SCOPED_TRACE(value);
     const char c = static_cast<char>(value);
     const bool alpha = holds(kUpper, c) || holds(kLower, c);
-    EXPECT_EQ(is_digit(c), holds(kDigits, c));
+    EXPECT_EQ(is_digit(c), holds(kDecimalDigits, c));
     EXPECT_EQ(is_upper(c), holds(kUpper, c));
     EXPECT_EQ(is_lower(c), holds(kLower, c));
     EXPECT_EQ(is_alpha(c), alpha);
-    EXPECT_EQ(is_alnum(c), alpha || holds(kDigits, c));
-    EXPECT_EQ(is_word_byte(c), alpha || holds(kDigits, c) || c == '_');
+    EXPECT_EQ(is_alnum(c), alpha || holds(kDecimalDigits, c));
+    EXPECT_EQ(is_word_byte(c), alpha || holds(kDecimalDigits, c) || c == '_');
     EXPECT_EQ(is_space(c), holds(kSpaces, c));
   }
 }

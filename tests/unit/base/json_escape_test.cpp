@@ -15,7 +15,7 @@ using testing::GuardedBuffer;
 using testing::GuardedText;
 using testing::GuardSide;
 
-// The rule's own words, one byte at a time.
+// The rule spelled out, one byte at a time.
 std::string escape_of(EscapeStyle style, char c) {
   const auto byte = static_cast<unsigned char>(c);
   const bool is_short = style == EscapeStyle::kShort;

@@ -131,7 +131,7 @@ TEST_F(StatementTest, SucceedsWithEveryResultAbove0) {
   }
 }
 
-TEST_F(StatementTest, FailsInTheLibrarysWords) {
+TEST_F(StatementTest, FailsWithTheLibrarysMessage) {
   library.answer("s", {.code = 0, .status = "no such table: \"T\"\n"});
   EXPECT_FALSE(run("s"));
   expect_failure("no such table: \"T\"\n");

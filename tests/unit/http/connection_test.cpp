@@ -36,7 +36,7 @@ const std::string kRateExceeded =
 class HttpConnection : public ::testing::Test {
  protected:
   /// What a client that has sent kRequest gets while the first allocation fails.
-  std::string answer_without_memory(ConnectedSockets& sockets) {
+  std::string response_without_memory(ConnectedSockets& sockets) {
     sockets.send(kRequest);
     while (!sockets.server.has_waiting_bytes()) std::this_thread::yield();
     {
@@ -64,7 +64,7 @@ class HttpConnection : public ::testing::Test {
 
 TEST_F(HttpConnection, WithoutMemoryForTheRequestNothingIsRead) {
   ConnectedSockets sockets;
-  EXPECT_EQ(answer_without_memory(sockets), kMemoryLimit);
+  EXPECT_EQ(response_without_memory(sockets), kMemoryLimit);
   EXPECT_EQ(unread, kRequest);
 }
 
@@ -72,8 +72,8 @@ TEST_F(HttpConnection, TheRateStandsBeforeTheMemoryAndCountsEveryRequest) {
   const ScopedEnvironment one("KOVA_MCP_HTTP_RATE_PER_MINUTE", "1");
   ConnectedSockets first;
   ConnectedSockets second;
-  EXPECT_EQ(answer_without_memory(first), kMemoryLimit);
-  EXPECT_EQ(answer_without_memory(second), kRateExceeded);
+  EXPECT_EQ(response_without_memory(first), kMemoryLimit);
+  EXPECT_EQ(response_without_memory(second), kRateExceeded);
 }
 
 }  // namespace

@@ -20,10 +20,10 @@ using testing::ScopedEnvironment;
 const std::string kToken = "0123456789abcdefABCDEF0123456789";
 
 const std::string kPassed = "passed";
-const std::string kRateExceeded =
+const std::string kRateExceededReply =
     "429 Too Many Requests|Retry-After: 60\r\n|"
     R"({"error":"rate limit exceeded"})";
-const std::string kMemoryLimit =
+const std::string kMemoryLimitReply =
     "503 Unavailable||"
     R"({"error":"memory limit"})";
 const std::string kUnbounded =
@@ -122,9 +122,9 @@ TEST_F(Gate, OfSeveralFaultsTheFirstOneIsAnswered) {
   headers["Content-Length"] = "-1";
   EXPECT_EQ(judge(), kUnbounded);
   has_memory = false;
-  EXPECT_EQ(judge(), kMemoryLimit);
+  EXPECT_EQ(judge(), kMemoryLimitReply);
   limit.set("1");
-  EXPECT_EQ(judge(), kRateExceeded);
+  EXPECT_EQ(judge(), kRateExceededReply);
 }
 
 class GateRate : public Gate, public ::testing::WithParamInterface<const char*> {};
@@ -133,8 +133,8 @@ TEST_P(GateRate, WithoutAPositiveNumberThereAre120AMinute) {
   if (*GetParam() != '\0') limit.set(GetParam());
   // Refused requests count too; these need neither memory nor bytes.
   has_memory = false;
-  for (int i = 0; i < 120; ++i) ASSERT_EQ(judge(), kMemoryLimit) << i;
-  EXPECT_EQ(judge(), kRateExceeded);
+  for (int i = 0; i < 120; ++i) ASSERT_EQ(judge(), kMemoryLimitReply) << i;
+  EXPECT_EQ(judge(), kRateExceededReply);
 }
 
 INSTANTIATE_TEST_SUITE_P(Settings, GateRate, ::testing::Values("", "0", "-5", "x", "120"));
@@ -142,13 +142,13 @@ INSTANTIATE_TEST_SUITE_P(Settings, GateRate, ::testing::Values("", "0", "-5", "x
 TEST_F(Gate, TheRateThatIsSetHolds) {
   has_memory = false;
   limit.set("2");
-  EXPECT_EQ(judge(), kMemoryLimit);
-  EXPECT_EQ(judge(), kMemoryLimit);
-  EXPECT_EQ(judge(), kRateExceeded);
+  EXPECT_EQ(judge(), kMemoryLimitReply);
+  EXPECT_EQ(judge(), kMemoryLimitReply);
+  EXPECT_EQ(judge(), kRateExceededReply);
   // Beyond 32 bits, as many as can be counted; not the lowest 32 bits of the number.
   for (const char* const large : {"4294967295", "4294967297", "18446744073709551615"}) {
     limit.set(large);
-    EXPECT_EQ(judge(), kMemoryLimit) << large;
+    EXPECT_EQ(judge(), kMemoryLimitReply) << large;
   }
 }
 

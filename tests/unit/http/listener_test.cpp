@@ -44,7 +44,7 @@ class RunningListener {
   [[nodiscard]] std::uintptr_t thread() const { return thread_; }
 
   /// What a client gets that sends so much and then reads to the end, or gives up.
-  [[nodiscard]] std::string answer_to(std::string_view request) {
+  [[nodiscard]] std::string response_to(std::string_view request) {
     AddressList addresses;
     Socket client;
     if (!addresses.resolve("127.0.0.1", port_.c_str()) ||
@@ -52,14 +52,14 @@ class RunningListener {
         !client.send_all(request.data(), request.size())) {
       return "no connection";
     }
-    std::future<std::string> answer = std::async(std::launch::async, read_to_end, &client);
-    if (answer.wait_for(kPatience) == std::future_status::ready) return answer.get();
+    std::future<std::string> response = std::async(std::launch::async, read_to_end, &client);
+    if (response.wait_for(kPatience) == std::future_status::ready) return response.get();
     client.shut_down();
-    return answer.get() + " and no end";
+    return response.get() + " and no end";
   }
-  /// Once a client has its answer, the accepting thread allocates nothing for it any more.
+  /// Once a client has its response, the accepting thread allocates nothing for it any more.
   [[nodiscard]] bool is_served() {
-    return answer_to("GET / HTTP/1.1\r\n\r\n").starts_with("HTTP/1.1 404 ");
+    return response_to("GET / HTTP/1.1\r\n\r\n").starts_with("HTTP/1.1 404 ");
   }
 
  private:
@@ -98,8 +98,8 @@ TEST(HttpListener, AConnectionWithoutMemoryIsAnsweredThatThereIsALimit) {
   RunningListener& running = listener();
   {
     const testing::AllocationFailure failure(1, running.thread());
-    // Bytes that nobody reads would take the answer with them.
-    EXPECT_EQ(running.answer_to(""), kConnectionLimit);
+    // Bytes that nobody reads would take the response with them.
+    EXPECT_EQ(running.response_to(""), kConnectionLimit);
     EXPECT_TRUE(testing::AllocationFailure::happened());
   }
   EXPECT_TRUE(running.is_served());
@@ -109,7 +109,7 @@ TEST(HttpListener, AConnectionWithoutAThreadIsClosedWithoutAnAnswer) {
   RunningListener& running = listener();
   {
     const testing::ThreadFailure failure;
-    EXPECT_EQ(running.answer_to(""), "");
+    EXPECT_EQ(running.response_to(""), "");
   }
   EXPECT_TRUE(running.is_served());
 }

@@ -68,35 +68,35 @@ class SessionTableTest : public ::testing::Test {
     return hold ? table->tell(hold, message + "\n") : Exchange::kSessionGone;
   }
 
-  /// The answer, or what failed.
+  /// The reply, or what failed.
   std::string ask(const std::string& id, const std::string& message) {
     SessionTable::Hold hold = table->find(id);
     if (!hold) return "not found";
-    std::vector<char> answer(kReplyLineLimit);
+    std::vector<char> reply(kReplyLineLimit);
     std::size_t length = 0;
-    switch (table->ask(hold, message + "\n", answer.data(), length)) {
+    switch (table->ask(hold, message + "\n", reply.data(), length)) {
       case Exchange::kSessionGone:
         return "gone";
       case Exchange::kInputFailed:
         return "input failed";
       case Exchange::kReplyFailed:
-        return "answer failed";
+        return "reply failed";
       case Exchange::kDone:
         break;
     }
-    return {answer.data(), length};
+    return {reply.data(), length};
   }
 
   /// Lets the session's child end by itself.
   void let_end(const std::string& id) {
-    // No answer comes from an ended child.
+    // No reply comes from an ended child.
     SessionTable::Hold hold = table->find(id);
     ASSERT_TRUE(hold);
     ASSERT_EQ(table->tell(hold, "exit\n"), Exchange::kDone);
   }
 
   static bool is_failure(const std::string& outcome) {
-    return outcome == "answer failed" || outcome == "input failed" || outcome == "gone" ||
+    return outcome == "reply failed" || outcome == "input failed" || outcome == "gone" ||
            outcome == "not found";
   }
 
@@ -190,7 +190,7 @@ TEST_F(SessionTableTest, TheChildOfAClosedSessionEndsWith0) {
   EXPECT_EQ(testing::last_exit_code(), 0U);
 }
 
-TEST_F(SessionTableTest, AnswersCarryTheirOwnLines) {
+TEST_F(SessionTableTest, RepliesCarryTheirOwnLines) {
   const std::string one = create();
   const std::string two = create();
   EXPECT_EQ(ask(one, "first"), "first");
@@ -216,7 +216,7 @@ TEST_F(SessionTableTest, WhatFollowsALineStaysForTheNextExchange) {
 TEST_F(SessionTableTest, AnEmptyLineEndsTheSession) {
   for (const char* const line : {"raw %n", "raw %r%n"}) {
     const std::string id = create();
-    EXPECT_EQ(ask(id, line), "answer failed");
+    EXPECT_EQ(ask(id, line), "reply failed");
     EXPECT_FALSE(is_there(id));
   }
 }
@@ -225,7 +225,7 @@ TEST_F(SessionTableTest, TheLongestAnswer) {
   const std::string id = create();
   EXPECT_TRUE(ask(id, "long 262144") == std::string(262144, 'x'));
   EXPECT_EQ(ask(id, "more"), "more");
-  EXPECT_EQ(ask(id, "long 262145"), "answer failed");
+  EXPECT_EQ(ask(id, "long 262145"), "reply failed");
   EXPECT_FALSE(is_there(id));
 }
 
@@ -393,13 +393,13 @@ TEST_F(SessionTableTest, SeveralThreadsMayCloseOneSession) {
   EXPECT_EQ(create_all().back().size(), 64U);
 }
 
-// Clients that create, use and close sessions as they like: nobody sees another one's answer, and
+// Clients that create, use and close sessions as they like: nobody sees another one's reply, and
 // in the end every slot can be used.
 TEST_F(SessionTableTest, ManyClients) {
   constexpr int kClients = 8;
   constexpr int kRounds = 12;
   std::vector<std::thread> clients;
-  std::atomic<int> answered{0};
+  std::atomic<int> replied{0};
   for (int client = 0; client < kClients; ++client) {
     clients.emplace_back([&, client] {
       for (int round = 0; round < kRounds; ++round) {
@@ -407,9 +407,9 @@ TEST_F(SessionTableTest, ManyClients) {
         ASSERT_NE(id, "");
         const std::string text = std::to_string(client) + "." + std::to_string(round);
         std::thread second([&] {
-          if (ask(id, "b" + text) == "b" + text) ++answered;
+          if (ask(id, "b" + text) == "b" + text) ++replied;
         });
-        if (ask(id, "a" + text) == "a" + text) ++answered;
+        if (ask(id, "a" + text) == "a" + text) ++replied;
         EXPECT_EQ(tell(id, round % 3 == 0 ? "exit" : "silent"), Exchange::kDone);
         if (round % 2 == 0) close(id);
         second.join();
@@ -418,7 +418,7 @@ TEST_F(SessionTableTest, ManyClients) {
     });
   }
   for (std::thread& client : clients) client.join();
-  EXPECT_GE(answered.load(), kClients * kRounds);
+  EXPECT_GE(replied.load(), kClients * kRounds);
   EXPECT_EQ(create_all().back().size(), 64U);
 }
 

@@ -9,20 +9,20 @@
 
 #include "json/json.h"
 #include "unit/json/parsed_text.h"
+#include "unit/json/short_types.h"
 
 namespace kova {
 namespace {
 
 using testing::GuardedBuffer;
 using testing::GuardedText;
+using testing::kA;
+using testing::kO;
+using testing::kP;
+using testing::kS;
 using testing::ParsedText;
 using namespace std::string_literals;
 using namespace std::string_view_literals;
-
-constexpr JsonType kO = JsonType::kObject;
-constexpr JsonType kA = JsonType::kArray;
-constexpr JsonType kS = JsonType::kString;
-constexpr JsonType kP = JsonType::kPrimitive;
 
 // --- look-up ----------------------------------------------------------------------------------
 

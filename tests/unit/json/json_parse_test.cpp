@@ -7,12 +7,17 @@
 
 #include "json/json.h"
 #include "unit/json/parsed_text.h"
+#include "unit/json/short_types.h"
 
 namespace kova {
 namespace {
 
 using testing::GuardedText;
 using testing::GuardSide;
+using testing::kA;
+using testing::kO;
+using testing::kP;
+using testing::kS;
 using testing::ParsedText;
 using namespace std::string_view_literals;
 
@@ -143,11 +148,6 @@ struct TokenRow {
   std::string_view text;
   std::vector<JsonToken> tokens;
 };
-
-constexpr JsonType kO = JsonType::kObject;
-constexpr JsonType kA = JsonType::kArray;
-constexpr JsonType kS = JsonType::kString;
-constexpr JsonType kP = JsonType::kPrimitive;
 
 TEST(JsonParse, EveryFieldOfEveryToken) {
   const TokenRow rows[] = {

@@ -25,7 +25,7 @@ using testing::ParsedText;
 using namespace std::string_literals;
 using namespace std::string_view_literals;
 
-// The literal of a text by the rule's own words, one byte at a time.
+// The literal of a text as the rule spells it out, one byte at a time.
 std::string literal(std::string_view text) {
   std::string out = "\"";
   for (const char c : text) {

@@ -1,4 +1,4 @@
-// The system's digests against the published vectors, and against the standards' own words.
+// The system's digests against the published vectors, and against the standards written down.
 #include "platform/crypto.h"
 
 #include <gtest/gtest.h>

@@ -11,11 +11,11 @@ namespace {
 
 using testing::ScopedEnvironment;
 
-constexpr char kName[] = "KOVA_TEST_ENVIRONMENT";
+constexpr char kTestVariable[] = "KOVA_TEST_ENVIRONMENT";
 
 TEST(EnvironmentValue, Unset) {
-  const ScopedEnvironment none(kName);
-  const EnvironmentValue value(kName);
+  const ScopedEnvironment none(kTestVariable);
+  const EnvironmentValue value(kTestVariable);
   EXPECT_FALSE(value.is_set());
   EXPECT_STREQ(value.c_str(), "");
   EXPECT_EQ(value.view(), "");
@@ -27,8 +27,8 @@ TEST(EnvironmentValue, ValuesInUtf8) {
         std::string("\xc3\xa9\xe2\x82\xac"), std::string("\xf0\x9f\x98\x80 smile"),
         std::string("line\nfeed"), std::string(259, 'x'), std::string(30000, 'y')}) {
     SCOPED_TRACE(text.substr(0, 40));
-    const ScopedEnvironment set(kName, text);
-    const EnvironmentValue value(kName);
+    const ScopedEnvironment set(kTestVariable, text);
+    const EnvironmentValue value(kTestVariable);
     EXPECT_TRUE(value.is_set());
     EXPECT_EQ(value.view(), text);
     EXPECT_EQ(std::string(value.c_str()), text);
@@ -41,8 +41,8 @@ TEST(EnvironmentValue, ValuesOfEveryLengthAroundABuffer) {
     for (std::size_t count = 165; count <= 520; ++count) {
       std::string text;
       for (std::size_t i = 0; i < count; ++i) text += character;
-      const ScopedEnvironment set(kName, text);
-      const EnvironmentValue value(kName);
+      const ScopedEnvironment set(kTestVariable, text);
+      const EnvironmentValue value(kTestVariable);
       ASSERT_TRUE(value.is_set());
       ASSERT_EQ(value.view(), text) << count << " of " << character;
     }
@@ -50,12 +50,12 @@ TEST(EnvironmentValue, ValuesOfEveryLengthAroundABuffer) {
 }
 
 TEST(EnvironmentValue, IsReadAtConstruction) {
-  ScopedEnvironment variable(kName, "first");
-  EXPECT_EQ(EnvironmentValue(kName).view(), "first");
+  ScopedEnvironment variable(kTestVariable, "first");
+  EXPECT_EQ(EnvironmentValue(kTestVariable).view(), "first");
   variable.set("second");
-  EXPECT_EQ(EnvironmentValue(kName).view(), "second");
+  EXPECT_EQ(EnvironmentValue(kTestVariable).view(), "second");
   variable.unset();
-  EXPECT_FALSE(EnvironmentValue(kName).is_set());
+  EXPECT_FALSE(EnvironmentValue(kTestVariable).is_set());
 }
 
 }  // namespace

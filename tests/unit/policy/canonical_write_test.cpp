@@ -30,19 +30,19 @@ constexpr const char* kTexts[] = {
 
 class Normaliser : public ::testing::Test {
  protected:
-  /// The canonical text, or the words in angle brackets.
+  /// The canonical text, or the message in angle brackets.
   std::string canonical(std::string_view sql, std::size_t capacity = kCanonicalCapacity) {
     const GuardedText text(sql);
     const GuardedBuffer room(capacity);
     char message[64];
-    TextOut(message).copy_cut(kNoWords);
+    TextOut(message).copy_cut(kNoMessage);
     if (write_canonical(text.view(), {room.data(), capacity}, message)) {
-      EXPECT_STREQ(message, kNoWords);
+      EXPECT_STREQ(message, kNoMessage);
       return room.data();
     }
     return "<" + std::string(message) + ">";
   }
-  static std::string words(std::string_view text) { return "<" + std::string(text) + ">"; }
+  static std::string refusal(std::string_view text) { return "<" + std::string(text) + ">"; }
 };
 
 TEST_F(Normaliser, CollapsesOutsideLiteralsOnly) {
@@ -94,7 +94,7 @@ TEST_F(Normaliser, OtherBytesAreNoWhiteSpace) {
     EXPECT_EQ(canonical("a" + bytes + bytes + "b"), "A" + bytes + bytes + "B;");
     EXPECT_EQ(canonical(bytes + " a " + bytes), bytes + " A " + bytes + ";");
     // Behind the semicolon it is a second statement.
-    EXPECT_EQ(canonical("a;" + bytes), words(kSecondStatement));
+    EXPECT_EQ(canonical("a;" + bytes), refusal(kSecondStatement));
   }
 }
 
@@ -153,18 +153,18 @@ TEST_F(Normaliser, ALiteralStaysAsItIs) {
 // A quote inside double quotes opens a literal all the same.
 TEST_F(Normaliser, DoubleQuotesHoldNothingTogether) {
   EXPECT_EQ(canonical("\"it's\" x 'a\""), "\"IT's\" x 'A\";");
-  EXPECT_EQ(canonical("\"it's\""), words(kOpenLiteral));
-  EXPECT_EQ(canonical("\"a;b\""), words(kSecondStatement));
-  EXPECT_EQ(canonical("\"a;\""), words(kSecondStatement));
-  EXPECT_EQ(canonical("\"a--b\""), words(kComment));
-  EXPECT_EQ(canonical("\"/*\""), words(kComment));
-  EXPECT_EQ(canonical("[a#b]"), words(kComment));
+  EXPECT_EQ(canonical("\"it's\""), refusal(kOpenLiteral));
+  EXPECT_EQ(canonical("\"a;b\""), refusal(kSecondStatement));
+  EXPECT_EQ(canonical("\"a;\""), refusal(kSecondStatement));
+  EXPECT_EQ(canonical("\"a--b\""), refusal(kComment));
+  EXPECT_EQ(canonical("\"/*\""), refusal(kComment));
+  EXPECT_EQ(canonical("[a#b]"), refusal(kComment));
 }
 
 TEST_F(Normaliser, CommentsAreRefused) {
   for (const char* sql : {"--", "#", "/*", "a--", "a -- b", "a /* b */", "a#", "#a", "a---b",
                           "'a'--", "'a'#", "''/*", "/*/", "a/**/b", "a--\n", "--'", "#'"})
-    EXPECT_EQ(canonical(sql), words(kComment)) << sql;
+    EXPECT_EQ(canonical(sql), refusal(kComment)) << sql;
   for (const char* sql : {"a-b", "a- -b", "a-", "a/b", "a/", "a/ *b", "a*/b", "*", "a*-", "-'-'",
                           "'-'-", "/'*'", "'/'*"})
     EXPECT_TRUE(canonical(sql).ends_with(";")) << sql;
@@ -173,29 +173,29 @@ TEST_F(Normaliser, CommentsAreRefused) {
 TEST_F(Normaliser, OnlyWhiteSpaceFollowsTheSemicolon) {
   for (const char* sql : {"a;b", "a; b", "a;;", "a; ;", ";;", ";a", "a;'", "a;''", "a;--", "a;#",
                           "a;/", "a;\x01", "a; \xC2\xA0"})
-    EXPECT_EQ(canonical(sql), words(kSecondStatement)) << sql;
+    EXPECT_EQ(canonical(sql), refusal(kSecondStatement)) << sql;
 }
 
 TEST_F(Normaliser, AnOpenLiteralIsRefused) {
   for (const char* sql :
        {"'", "a'", "'a", "'''", "'a''", "'a;", "'--", "'a''''", "a 'b' 'c", "'a''; x", "''''' "})
-    EXPECT_EQ(canonical(sql), words(kOpenLiteral)) << sql;
+    EXPECT_EQ(canonical(sql), refusal(kOpenLiteral)) << sql;
 }
 
 // The first fault from the left speaks.
 TEST_F(Normaliser, TheFirstFaultSpeaks) {
-  EXPECT_EQ(canonical("a -- ; '"), words(kComment));
-  EXPECT_EQ(canonical("a ; -- '"), words(kSecondStatement));
-  EXPECT_EQ(canonical("a ' -- ;"), words(kOpenLiteral));
-  EXPECT_EQ(canonical("a # b ; c"), words(kComment));
+  EXPECT_EQ(canonical("a -- ; '"), refusal(kComment));
+  EXPECT_EQ(canonical("a ; -- '"), refusal(kSecondStatement));
+  EXPECT_EQ(canonical("a ' -- ;"), refusal(kOpenLiteral));
+  EXPECT_EQ(canonical("a # b ; c"), refusal(kComment));
 }
 
 // The room counts the terminator; a text of so many bytes leaves two for ";" and itself.
-TEST_F(Normaliser, OutsideALiteralAFullTextHasWords) {
+TEST_F(Normaliser, OutsideALiteralAFullTextHasAMessage) {
   for (std::size_t room = 3; room < 40; ++room) {
     EXPECT_EQ(canonical(std::string(room - 2, 'x'), room), std::string(room - 2, 'X') + ";");
-    EXPECT_EQ(canonical(std::string(room - 1, 'x'), room), words(kFull)) << room;
-    EXPECT_EQ(canonical(std::string(room + 9, 'x'), room), words(kFull)) << room;
+    EXPECT_EQ(canonical(std::string(room - 1, 'x'), room), refusal(kFull)) << room;
+    EXPECT_EQ(canonical(std::string(room + 9, 'x'), room), refusal(kFull)) << room;
     // What is not copied needs no room.
     EXPECT_EQ(canonical(" " + std::string(room - 2, 'x') + "  ;  ", room),
               std::string(room - 2, 'X') + ";");
@@ -206,22 +206,22 @@ TEST_F(Normaliser, InsideALiteralAFullTextHasNone) {
   for (std::size_t room = 4; room < 40; ++room) {
     const std::string inside(room - 4, 'x');
     EXPECT_EQ(canonical("'" + inside + "'", room), "'" + inside + "';") << room;
-    EXPECT_EQ(canonical("'" + inside + "x'", room), words(kNoWords)) << room;
-    EXPECT_EQ(canonical("'" + inside + "xx'", room), words(kNoWords)) << room;
-    EXPECT_EQ(canonical("'" + inside + "xxxxxxxxxx", room), words(kNoWords)) << room;
+    EXPECT_EQ(canonical("'" + inside + "x'", room), refusal(kNoMessage)) << room;
+    EXPECT_EQ(canonical("'" + inside + "xx'", room), refusal(kNoMessage)) << room;
+    EXPECT_EQ(canonical("'" + inside + "xxxxxxxxxx", room), refusal(kNoMessage)) << room;
     // A pair of quotes that fits by half.
-    EXPECT_EQ(canonical("'" + inside + "'''", room), words(kNoWords)) << room;
+    EXPECT_EQ(canonical("'" + inside + "'''", room), refusal(kNoMessage)) << room;
     // A literal that is open where the text ends, and fits.
-    EXPECT_EQ(canonical("'" + inside, room), words(kOpenLiteral)) << room;
-    EXPECT_EQ(canonical("'" + inside + "x", room), words(kOpenLiteral)) << room;
+    EXPECT_EQ(canonical("'" + inside, room), refusal(kOpenLiteral)) << room;
+    EXPECT_EQ(canonical("'" + inside + "x", room), refusal(kOpenLiteral)) << room;
   }
 }
 
 TEST_F(Normaliser, AFaultBeforeTheTextIsFullSpeaks) {
-  EXPECT_EQ(canonical("abc -- xxxxxxxxxxxxxxxx", 8), words(kComment));
-  EXPECT_EQ(canonical("abc;xxxxxxxxxxxxxxxxxxx", 8), words(kSecondStatement));
-  EXPECT_EQ(canonical("abcdefghijk -- x", 8), words(kFull));
-  EXPECT_EQ(canonical("abc'defghijk' -- x", 8), words(kNoWords));
+  EXPECT_EQ(canonical("abc -- xxxxxxxxxxxxxxxx", 8), refusal(kComment));
+  EXPECT_EQ(canonical("abc;xxxxxxxxxxxxxxxxxxx", 8), refusal(kSecondStatement));
+  EXPECT_EQ(canonical("abcdefghijk -- x", 8), refusal(kFull));
+  EXPECT_EQ(canonical("abc'defghijk' -- x", 8), refusal(kNoMessage));
 }
 
 TEST_F(Normaliser, StaysWithinEveryRoom) {

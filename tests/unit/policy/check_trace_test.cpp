@@ -15,7 +15,7 @@ namespace kova::testing {
 namespace {
 
 /// "^" stands before the byte that is to blame; without one there is no place.
-struct Row {
+struct TracedRow {
   std::string_view marked;
   std::string_view check;
 };
@@ -28,7 +28,7 @@ struct Marked {
   std::size_t offset;
 };
 
-constexpr Row kScreen[] = {
+constexpr TracedRow kScreen[] = {
     {"", "screen-size"},
     {"SELECT 'a''' ^'b", "screen-open-literal"},
     {"SELECT 1^; x", "screen-one-statement"},
@@ -42,7 +42,7 @@ constexpr Row kScreen[] = {
 };
 
 TEST(CheckTrace, TheScreen) {
-  for (const Row& row : kScreen) {
+  for (const TracedRow& row : kScreen) {
     const Marked marked(row.marked);
     CheckTrace trace;
     EXPECT_FALSE(quick_select_check(marked.sql, &trace)) << row.marked;
@@ -51,7 +51,7 @@ TEST(CheckTrace, TheScreen) {
   }
 }
 
-constexpr Row kSelects[] = {
+constexpr TracedRow kSelects[] = {
     {"SELECT ^--", "select-comment"},
     {"SELECT (1)^)", "select-parentheses"},
     {"SELECT (1), ^((2)", "select-parentheses"},
@@ -68,7 +68,7 @@ TEST(CheckTrace, TheSelectCheck) {
   const auto policy = loaded_policy();
   fill(policy->allowed_tables, {"T"});
   fill(policy->denied_columns, {"SSN"});
-  for (const Row& row : kSelects) {
+  for (const TracedRow& row : kSelects) {
     const Marked marked(row.marked);
     char message[256] = "";
     CheckTrace trace;
@@ -79,7 +79,7 @@ TEST(CheckTrace, TheSelectCheck) {
   }
 }
 
-constexpr Row kWrites[] = {
+constexpr TracedRow kWrites[] = {
     {"", "write-size"},
     {"UPDATE t SET a = 1 ^# x", "write-comment"},
     {"UPDATE t^; x", "write-one-statement"},
@@ -100,7 +100,7 @@ TEST(CheckTrace, TheWriteCheck) {
   policy->write_type_mask = kInsert | kUpdate;
   fill(policy->write_tables, {"T"});
   const auto write = std::make_unique<ClassifiedWrite>();
-  for (const Row& row : kWrites) {
+  for (const TracedRow& row : kWrites) {
     const Marked marked(row.marked);
     char message[256] = "";
     CheckTrace trace;

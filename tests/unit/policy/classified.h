@@ -1,4 +1,4 @@
-// Classifying one statement: what the classifier accepted, or its words.
+// Classifying one statement: what the classifier accepted, or its message.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 
 namespace kova::testing {
 
-inline constexpr char kNoWords[] = "untouched";
+inline constexpr char kNoMessage[] = "untouched";
 
 inline constexpr std::string_view kWritesOff = "MCP writes are disabled by policy or kill switch";
 inline constexpr std::string_view kWriteSize = "write SQL size is invalid";
@@ -39,18 +39,18 @@ class WriteClassifier : public ::testing::Test {
   }
 
   bool classify(std::string_view sql, GuardSide side = GuardSide::kAfter) {
-    TextOut(message).copy_cut(kNoWords);
+    TextOut(message).copy_cut(kNoMessage);
     const GuardedText text(sql, side);
     return write_classify(*policy, text.view(), *write, message);
   }
-  void expect_refused(std::string_view sql, std::string_view words) {
+  void expect_refused(std::string_view sql, std::string_view expected) {
     EXPECT_FALSE(classify(sql)) << sql.substr(0, 200);
-    EXPECT_EQ(std::string_view(message), words) << sql.substr(0, 200);
+    EXPECT_EQ(std::string_view(message), expected) << sql.substr(0, 200);
   }
   /// Accepted, and brought to this text.
   void expect_canonical(std::string_view sql, std::string_view canonical) {
     EXPECT_TRUE(classify(sql)) << sql.substr(0, 200) << " " << message;
-    EXPECT_STREQ(message, kNoWords);
+    EXPECT_STREQ(message, kNoMessage);
     EXPECT_EQ(std::string_view(write->canonical), canonical);
   }
   void expect_write(std::string_view sql, std::string_view type, std::string_view table) {

@@ -8,6 +8,7 @@
 #include "policy/quick_select.h"
 #include "support/guard_page.h"
 #include "tools/query_tool.h"
+#include "unit/policy/letters.h"
 
 namespace kova::testing {
 namespace {
@@ -24,13 +25,6 @@ bool passes(std::string_view sql) {
   const bool accepted = quick_select_check(after.view());
   EXPECT_EQ(quick_select_check(before.view()), accepted) << sql;
   return accepted;
-}
-
-std::string lower(std::string text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return text;
 }
 
 TEST(QuickSelectCheck, AcceptsOneSelect) {

@@ -16,7 +16,7 @@ namespace {
 constexpr std::string_view kAccepted = "";
 constexpr std::string_view kInvalid = "MCP policy is invalid";
 constexpr std::string_view kReadsOff = "read tools are disabled by policy";
-constexpr std::string_view kComment = "comments are not allowed in policy SQL";
+constexpr std::string_view kSelectComment = "comments are not allowed in policy SQL";
 constexpr std::string_view kUnbalanced = "unbalanced SQL parentheses";
 constexpr std::string_view kUnterminated = "unterminated SQL literal or parentheses";
 constexpr std::string_view kDenied = "column is denied by MCP policy";
@@ -47,14 +47,14 @@ std::string verdict(const McpPolicy& policy, std::string_view sql) {
   return message;
 }
 
-struct Row {
+struct SelectRow {
   std::string_view sql;
   std::string_view message;
 };
 
 template <std::size_t N>
-void expect_verdicts(const McpPolicy& policy, const Row (&rows)[N]) {
-  for (const Row& row : rows) EXPECT_EQ(verdict(policy, row.sql), row.message) << row.sql;
+void expect_verdicts(const McpPolicy& policy, const SelectRow (&rows)[N]) {
+  for (const SelectRow& row : rows) EXPECT_EQ(verdict(policy, row.sql), row.message) << row.sql;
 }
 
 TEST(SelectValidator, AnInvalidPolicyRefusesEverything) {
@@ -105,17 +105,17 @@ TEST(SelectValidator, PlainSelectsPass) {
 TEST(SelectValidator, CommentsAreRefused) {
   const auto policy = policy_denying({});
   expect_verdicts(*policy, {
-                               {"SELECT a FROM t -- note", kComment},
-                               {"SELECT a FROM t --", kComment},
-                               {"SELECT a /* x */ FROM t", kComment},
-                               {"SELECT a FROM t /*", kComment},
-                               {"SELECT a /*!50000 x */ FROM t", kComment},
-                               {"SELECT a#b FROM t", kComment},
-                               {"#", kComment},
-                               {"--", kComment},
-                               {"SELECT \"a--b\" FROM t", kComment},
-                               {"SELECT \"a#b\" FROM t", kComment},
-                               {"SELECT 1--1", kComment},
+                               {"SELECT a FROM t -- note", kSelectComment},
+                               {"SELECT a FROM t --", kSelectComment},
+                               {"SELECT a /* x */ FROM t", kSelectComment},
+                               {"SELECT a FROM t /*", kSelectComment},
+                               {"SELECT a /*!50000 x */ FROM t", kSelectComment},
+                               {"SELECT a#b FROM t", kSelectComment},
+                               {"#", kSelectComment},
+                               {"--", kSelectComment},
+                               {"SELECT \"a--b\" FROM t", kSelectComment},
+                               {"SELECT \"a#b\" FROM t", kSelectComment},
+                               {"SELECT 1--1", kSelectComment},
                                {"SELECT 1 - -1", kAccepted},
                                {"SELECT 1 / * 2", kAccepted},
                                {"SELECT 'a -- b' FROM t", kAccepted},
@@ -346,8 +346,8 @@ TEST(SelectValidator, ThePassesStandInOrder) {
                                {"DROP * UNION FROM x ssn", kDenied},
                                {"DROP * UNION FROM x ssn (", kUnterminated},
                                {"DROP * UNION FROM x ssn )", kUnbalanced},
-                               {"DROP * UNION FROM x ssn ( #", kComment},
-                               {"DROP * # )", kComment},
+                               {"DROP * UNION FROM x ssn ( #", kSelectComment},
+                               {"DROP * # )", kSelectComment},
                                {"DROP * ) #", kUnbalanced},
                                {"SELECT '*", kUnterminated},
                                {"ssn 'x", kUnterminated},

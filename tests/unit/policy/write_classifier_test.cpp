@@ -1,4 +1,4 @@
-// Which writes are accepted, in which words the others are refused, and in which order.
+// Which writes are accepted, with which message the others are refused, and in which order.
 #include "policy/write_classifier.h"
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include "support/digest_failure.h"
 #include "support/reference_digest.h"
 #include "unit/policy/classified.h"
+#include "unit/policy/letters.h"
 
 namespace kova::testing {
 namespace {
@@ -18,16 +19,9 @@ constexpr const char* kProhibitedWords[] = {
     "TRANSACTION", "EXEC", "EXECUTE",  "CALL",  "RUN",    "LOAD",   "IMPORT",
     "EXPORT",      "SYNC", "PROVIDER", "LOGIN", "LOGOUT", "USE"};
 
-std::string lower(std::string text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return text;
-}
-
 TEST_F(WriteClassifier, FillsEveryText) {
   EXPECT_TRUE(classify("  insert   into   orders (id, note) values (1, 'a  B')  ;  "));
-  EXPECT_STREQ(message, kNoWords);
+  EXPECT_STREQ(message, kNoMessage);
   EXPECT_STREQ(write->canonical, "INSERT INTO ORDERS (ID, NOTE) VALUES (1, 'a  B');");
   EXPECT_STREQ(write->type, "INSERT");
   EXPECT_STREQ(write->table, "ORDERS");
@@ -253,7 +247,7 @@ TEST_F(WriteClassifier, AProhibitedTableIsFirstATable) {
   expect_write("UPDATE 'load' SET A = 1", "UPDATE", "LOAD");
 }
 
-// --- policy: the gate -------------------------------------------------------------------------
+// --- policy: whether writes are allowed -------------------------------------------------------
 
 TEST_F(WriteClassifier, WritesMustBeOn) {
   static constexpr char kSql[] = "UPDATE T SET A = 1";
@@ -337,19 +331,19 @@ TEST_F(WriteSizes, InsideALiteral) {
   expect_canonical(open_literal(32766) + "'", open_literal(32766) + "';");
   expect_canonical(open_literal(32766) + "';", open_literal(32766) + "';");
   // The closing quote does not fit.
-  expect_refused(open_literal(32767) + "'", kNoWords);
+  expect_refused(open_literal(32767) + "'", kNoMessage);
   // Open, and within the room or not.
   expect_refused(open_literal(32766), kOpenLiteral);
   expect_refused(open_literal(32767), kOpenLiteral);
-  expect_refused(open_literal(32768), kNoWords);
+  expect_refused(open_literal(32768), kNoMessage);
   // A pair of quotes across the end of the room.
   expect_refused(open_literal(32765) + "''", kOpenLiteral);
-  expect_refused(open_literal(32766) + "''", kNoWords);
-  expect_refused(open_literal(32765) + "'''", kNoWords);
+  expect_refused(open_literal(32766) + "''", kNoMessage);
+  expect_refused(open_literal(32765) + "'''", kNoMessage);
   expect_canonical(open_literal(32764) + "'''", open_literal(32764) + "''';");
   // A literal that opens where the room ends.
   expect_refused(plain(32767) + "'", kOpenLiteral);
-  expect_refused(plain(32766) + "''", kNoWords);
+  expect_refused(plain(32766) + "''", kNoMessage);
   expect_canonical(plain(32765) + "''", plain(32765) + "'';");
   expect_refused(open_literal(32769), kWriteSize);
 }
@@ -381,7 +375,7 @@ TEST_F(WriteClassifier, AFailedDigestIsARefusal) {
 TEST_F(WriteClassifier, TheChecksStandInOrder) {
   struct Row {
     std::string sql;
-    std::string_view words;
+    std::string_view message;
   };
   const Row rows[] = {
       {"-- " + std::string(32768, 'x'), kWriteSize},
@@ -395,7 +389,7 @@ TEST_F(WriteClassifier, TheChecksStandInOrder) {
       {"UPDATE SECRET; DROP TABLE T", kSecondStatement},
       {"DELETE FROM T WHERE DROP = 1", kProhibited},
   };
-  for (const Row& row : rows) expect_refused(row.sql, row.words);
+  for (const Row& row : rows) expect_refused(row.sql, row.message);
   policy->write_type_mask = kInsert;
   expect_refused("DELETE FROM T WHERE DROP = 1", kDeniedWrite);
   writes_switch.set("1");

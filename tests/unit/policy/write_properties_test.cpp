@@ -81,9 +81,9 @@ TEST_F(WriteProperties, LiteralsAreKept) {
   }
 }
 
-// Bytes at random: one answer, the same one twice, and never a text that is not its own normal
+// Random bytes: the same verdict twice, and never a canonical text that is not its own canonical
 // form.
-TEST_F(WriteProperties, AnyBytesGetOneAnswer) {
+TEST_F(WriteProperties, AnyBytesGetOneVerdict) {
   static constexpr const char* kParts[] = {
       "'",      "''",   ";", "--",   "/*", "#",    " ", "\n", "update", "t", "insert", "into",
       "delete", "from", "(", "drop", "\"", "\x80", "9", "_",  "-",      "/", "*"};
@@ -92,10 +92,10 @@ TEST_F(WriteProperties, AnyBytesGetOneAnswer) {
     std::string sql = below(2) == 0 ? "update t " : "";
     for (std::size_t length = below(12); length > 0; --length) sql += one_of(kParts);
     const bool first = classify(sql);
-    const std::string words = message;
-    ASSERT_EQ(words == kNoWords, first) << sql;
+    const std::string refusal = message;
+    ASSERT_EQ(refusal == kNoMessage, first) << sql;
     ASSERT_EQ(classify(sql, GuardSide::kBefore), first) << sql;
-    ASSERT_EQ(std::string_view(message), words) << sql;
+    ASSERT_EQ(std::string_view(message), refusal) << sql;
     if (!first) continue;
     ++accepted;
     const std::string canonical = write->canonical;

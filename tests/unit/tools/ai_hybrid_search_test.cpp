@@ -13,10 +13,10 @@
 namespace kova::testing {
 namespace {
 
-const std::string kBadArguments =
+const std::string kBadHybridArguments =
     tool_error("invalid hybrid collection, source mapping, text, top, or unknown argument");
-const std::string kBadColumns = tool_error("columns must contain 1..16 safe field names");
-const std::string kBadText = tool_error("hybrid text exceeds SQL limit");
+const std::string kBadColumnList = tool_error("columns must contain 1..16 safe field names");
+const std::string kTextTooLong = tool_error("hybrid text exceeds SQL limit");
 const std::string kEmpty =
     R"({"status":"OK","columns":[],"rows":[],"rowCount":0,"truncated":false})";
 
@@ -53,7 +53,7 @@ class HybridSearch : public ToolCalls {
     const std::string name = temporary_of(library.statements().at(0));
     return std::stoul(name.substr(name.rfind('_') + 1));
   }
-  /// Makes every statement that begins so answer this, whatever the temporary table is called.
+  /// Sets the result of every statement that begins so, whatever the temporary table is called.
   void answer_beginning(const std::string& beginning, const FakeResult& result) {
     library.on_exec = [this, beginning, result](const char* statement) {
       if (std::string_view(statement).starts_with(beginning)) library.answer(statement, result);
@@ -86,8 +86,8 @@ TEST_F(HybridSearch, EverySearchHasATableOfItsOwn) {
   EXPECT_EQ(next_counter(), first + 1);
   EXPECT_EQ(next_counter(), first + 2);
   // Refused before the name is made, and after.
-  EXPECT_EQ(search("\"x\"", "[]"), kBadColumns);
-  EXPECT_EQ(search("\"\\u0001\""), kBadText);
+  EXPECT_EQ(search("\"x\"", "[]"), kBadColumnList);
+  EXPECT_EQ(search("\"\\u0001\""), kTextTooLong);
   EXPECT_EQ(next_counter(), first + 4);
 }
 
@@ -202,12 +202,13 @@ TEST_F(HybridSearch, ArgumentsAreKnownAndComplete) {
        {"", R"(,"text":"x")", R"(,"top":5)", R"(,"text":"x","top":5,"a":1)",
         R"(,"text":"x","top":5,"vector":[1])", R"(,"text":"x","top":5,"max_rows":5)",
         R"(,"Text":"x","top":5)", R"(,"te\u0078t":"x","top":5)", R"(,"text":"x","t\u006fp":5)"}) {
-    EXPECT_EQ(call("kova_hybrid_search", "{" + names_part + rest + "}"), kBadArguments) << rest;
+    EXPECT_EQ(call("kova_hybrid_search", "{" + names_part + rest + "}"), kBadHybridArguments)
+        << rest;
     expect_audit("allow", "");
   }
   for (const char* top :
        {"0", "257", "-1", "\"5\"", "5.0", "1e2", "null", "true", "[5]", "{}", "4294967297"})
-    EXPECT_EQ(search("\"x\"", "[\"A\"]", top), kBadArguments) << top;
+    EXPECT_EQ(search("\"x\"", "[\"A\"]", top), kBadHybridArguments) << top;
   EXPECT_EQ(library.calls(), Calls{});
 }
 
@@ -217,7 +218,7 @@ TEST_F(HybridSearch, TheTextHas1To8192Bytes) {
        {std::string("null"), std::string("5"), std::string("[\"x\"]"), std::string("\"\""),
         std::string("\"\\u0000x\""), std::string("\"\\ud800\""), literal(8193), literal(16400),
         literal(16401), literal(500000)})
-    EXPECT_EQ(search(text), kBadArguments) << text.substr(0, 80);
+    EXPECT_EQ(search(text), kBadHybridArguments) << text.substr(0, 80);
   EXPECT_EQ(library.calls(), Calls{});
   EXPECT_EQ(search(literal(8192)), tool_success(kEmpty));
   library.forget_calls();
@@ -230,13 +231,13 @@ TEST_F(HybridSearch, TheTextHas1To8192Bytes) {
 TEST_F(HybridSearch, TheTextIsDecodedInto16400Bytes) {
   EXPECT_EQ(search("\"x\\u0000" + std::string(16398, 'y') + "\""), tool_success(kEmpty));
   EXPECT_TRUE(library.statements().at(0).starts_with("SEARCH AI DOCS TEXT 'x' TOP 5 INTO "));
-  EXPECT_EQ(search("\"x\\u0000" + std::string(16399, 'y') + "\""), kBadArguments);
+  EXPECT_EQ(search("\"x\\u0000" + std::string(16399, 'y') + "\""), kBadHybridArguments);
 }
 
 TEST_F(HybridSearch, ThereAre1To16Columns) {
-  EXPECT_EQ(search("\"x\"", "[]"), kBadColumns);
-  EXPECT_EQ(search("\"x\"", names(17)), kBadColumns);
-  EXPECT_EQ(search("\"x\"", names(1000)), kBadColumns);
+  EXPECT_EQ(search("\"x\"", "[]"), kBadColumnList);
+  EXPECT_EQ(search("\"x\"", names(17)), kBadColumnList);
+  EXPECT_EQ(search("\"x\"", names(1000)), kBadColumnList);
   expect_audit("allow", "");
   EXPECT_EQ(library.calls(), Calls{});
   EXPECT_EQ(search("\"x\"", names(1)), tool_success(kEmpty));
@@ -245,18 +246,18 @@ TEST_F(HybridSearch, ThereAre1To16Columns) {
 
 // In this tool a control byte in the text has a message of its own, behind the columns' count.
 TEST_F(HybridSearch, TheChecksStandInOrder) {
-  EXPECT_EQ(search("\"\\u0001\"", "[]", "0"), kBadArguments);
-  EXPECT_EQ(search("\"\\u0001\"", "[]"), kBadColumns);
-  EXPECT_EQ(search("\"\\u0001\"", names(17)), kBadColumns);
+  EXPECT_EQ(search("\"\\u0001\"", "[]", "0"), kBadHybridArguments);
+  EXPECT_EQ(search("\"\\u0001\"", "[]"), kBadColumnList);
+  EXPECT_EQ(search("\"\\u0001\"", names(17)), kBadColumnList);
   for (const char* text : {"\"\\u0001\"", "\"a\\u001f\"", "\"\\b\"", "\"\\f\"", "\"\\u000b\""})
-    EXPECT_EQ(search(text, "[\"A\"]"), kBadText) << text;
+    EXPECT_EQ(search(text, "[\"A\"]"), kTextTooLong) << text;
   expect_audit("allow", "");
   EXPECT_EQ(library.calls(), Calls{});
   EXPECT_EQ(search("\"a\\t\\n\\r\"", "[\"A\"]"), tool_success(kEmpty));
 }
 
 // The frame looks at the columns' names before the tool looks at anything.
-TEST_F(HybridSearch, AnUnsafeColumnIsRefusedByTheGate) {
+TEST_F(HybridSearch, AnUnsafeColumnIsRefusedByThePolicyCheck) {
   EXPECT_EQ(search("5", "[\"A-B\"]", "0"), tool_error("hybrid column is denied by MCP policy"));
   expect_audit("allow", "");
 }

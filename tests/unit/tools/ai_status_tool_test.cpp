@@ -11,10 +11,11 @@
 namespace kova::testing {
 namespace {
 
-const std::string kBadArguments =
+const std::string kBadStatusArguments =
     tool_error("collection must be a safe Vantreo identifier and unknown fields are not allowed");
-const std::string kBadProvider = tool_error("provider must be a safe Vantreo identifier");
-const std::string kStatusOff = tool_error("provider status is disabled by policy or kill switch");
+const std::string kUnsafeProvider = tool_error("provider must be a safe Vantreo identifier");
+const std::string kProviderStatusOff =
+    tool_error("provider status is disabled by policy or kill switch");
 const std::string kMemory = tool_error("AI status memory limit");
 
 constexpr char kStatus[] = "SHOW AI STATUS DOCS;";
@@ -102,7 +103,7 @@ TEST_F(AiStatus, ArgumentsAreKnown) {
        {R"({"collection":"DOCS","x":1})", R"({"collection":"DOCS","top":1})",
         R"({"collection":"DOCS","provider":"LOCAL","text":"x"})",
         R"({"collection":"DOCS","Provider":"LOCAL"})", R"({"x":{},"collection":"DOCS"})"}) {
-    EXPECT_EQ(status(arguments), kBadArguments) << arguments;
+    EXPECT_EQ(status(arguments), kBadStatusArguments) << arguments;
     expect_audit("allow", "");
   }
   EXPECT_EQ(library.calls(), Calls{});
@@ -114,7 +115,7 @@ TEST_F(AiStatus, TheProviderIsASafeName) {
         std::string("{}"), std::string("\"\""), std::string("\"a-b\""), std::string("\"a b\""),
         std::string("\"LOCAL;\""), std::string("\"\\u0000\""), std::string("\"\\ud800\""),
         "\"" + std::string(64, 'p') + "\"", "\"" + std::string(5000, 'p') + "\""}) {
-    EXPECT_EQ(status("{\"collection\":\"DOCS\",\"provider\":" + provider + "}"), kBadProvider)
+    EXPECT_EQ(status("{\"collection\":\"DOCS\",\"provider\":" + provider + "}"), kUnsafeProvider)
         << provider;
     // The names are noted after they were found good.
     expect_audit("allow", "");
@@ -132,8 +133,8 @@ TEST_F(AiStatus, AnEscapedProviderIsNotThere) {
 
 // Unknown members are looked for before the provider.
 TEST_F(AiStatus, TheChecksStandInOrder) {
-  EXPECT_EQ(status(R"({"collection":"DOCS","provider":5,"x":1})"), kBadArguments);
-  EXPECT_EQ(status(R"({"collection":"DOCS","provider":5})"), kBadProvider);
+  EXPECT_EQ(status(R"({"collection":"DOCS","provider":5,"x":1})"), kBadStatusArguments);
+  EXPECT_EQ(status(R"({"collection":"DOCS","provider":5})"), kUnsafeProvider);
 }
 
 TEST_F(AiStatus, AProviderOfAnyTypeNeedsProviders) {
@@ -141,7 +142,7 @@ TEST_F(AiStatus, AProviderOfAnyTypeNeedsProviders) {
   for (const char* arguments : {kWithProvider, R"({"collection":"DOCS","provider":null})",
                                 R"({"collection":"DOCS","provider":5,"x":1})",
                                 R"({"x":1,"provider":[],"collection":"DOCS"})"}) {
-    EXPECT_EQ(status(arguments), kStatusOff) << arguments;
+    EXPECT_EQ(status(arguments), kProviderStatusOff) << arguments;
     expect_audit("kill_switch", "");
   }
   // The collection comes first, and without a provider the switch does not count.
@@ -156,9 +157,9 @@ TEST_F(AiStatus, AFailureIsInTheStatementsWordsAndEndsTheCall) {
   const Calls all = {kStatus, kJobs, kProvider};
   for (std::size_t failing = 0; failing < all.size(); ++failing) {
     library.forget_calls();
-    const std::string words = "statement " + std::to_string(failing) + " \"failed\"";
-    library.answer(all[failing], {.code = 0, .status = words});
-    EXPECT_EQ(status(kWithProvider), tool_error(words));
+    const std::string failure = "statement " + std::to_string(failing) + " \"failed\"";
+    library.answer(all[failing], {.code = 0, .status = failure});
+    EXPECT_EQ(status(kWithProvider), tool_error(failure));
     expect_audit("allow", "DOCS,LOCAL");
     EXPECT_EQ(library.statements(),
               Calls(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(failing) + 1));

@@ -13,9 +13,9 @@
 namespace kova::testing {
 namespace {
 
-const std::string kBadArguments =
+const std::string kBadTextArguments =
     tool_error("invalid collection, text, top limit, or unknown argument");
-const std::string kDone =
+const std::string kTextSearchDone =
     tool_success(R"({"status":"OK","columns":[],"rows":[],"rowCount":0,"truncated":false})");
 
 // --- the literal ------------------------------------------------------------------------------
@@ -122,13 +122,14 @@ TEST_F(TextSearch, TheTextIsDecodedAndQuoted) {
   };
   for (const Row& row : kRows) {
     library.forget_calls();
-    EXPECT_EQ(search(row.text), kDone) << row.text;
+    EXPECT_EQ(search(row.text), kTextSearchDone) << row.text;
     EXPECT_EQ(library.statements(), (Calls{row.statement}));
   }
 }
 
 TEST_F(TextSearch, TheCollectionIsSpelledAsTheClientDoes) {
-  EXPECT_EQ(call("kova_text_search", R"({"top":1,"text":"x","collection":"d\u006fCs"})"), kDone);
+  EXPECT_EQ(call("kova_text_search", R"({"top":1,"text":"x","collection":"d\u006fCs"})"),
+            kTextSearchDone);
   EXPECT_EQ(library.statements(), (Calls{"SEARCH AI doCs TEXT 'x' TOP 1;"}));
   expect_audit("allow", "doCs");
 }
@@ -143,12 +144,12 @@ TEST_F(TextSearch, ArgumentsAreKnownAndComplete) {
         R"({"collection":"DOCS","text":"x","TOP":5})",
         R"({"collection":"DOCS","te\u0078t":"x","top":5})",
         R"({"collection":"DOCS","text":"x","t\u006fp":5})"}) {
-    EXPECT_EQ(call("kova_text_search", arguments), kBadArguments) << arguments;
+    EXPECT_EQ(call("kova_text_search", arguments), kBadTextArguments) << arguments;
     expect_audit("allow", "");
   }
   EXPECT_EQ(library.calls(), Calls{});
   EXPECT_EQ(call("kova_text_search", R"({"collection":"DOCS","text":"x","top":5,"_meta":[1]})"),
-            kDone);
+            kTextSearchDone);
 }
 
 TEST_F(TextSearch, TheTextHas1To8192Bytes) {
@@ -159,35 +160,35 @@ TEST_F(TextSearch, TheTextHas1To8192Bytes) {
         std::string("\"\\u0001\""), std::string("\"a\\u001f\""), std::string("\"\\b\""),
         std::string("\"\\f\""), std::string("\"\\ud800\""), literal(8193), literal(16400),
         literal(16401), literal(500000)}) {
-    EXPECT_EQ(search(text), kBadArguments) << text.substr(0, 80);
+    EXPECT_EQ(search(text), kBadTextArguments) << text.substr(0, 80);
     expect_audit("allow", "");
   }
   EXPECT_EQ(library.calls(), Calls{});
-  EXPECT_EQ(search(literal(8192)), kDone);
-  EXPECT_EQ(search(literal(1)), kDone);
+  EXPECT_EQ(search(literal(8192)), kTextSearchDone);
+  EXPECT_EQ(search(literal(1)), kTextSearchDone);
   // Every byte doubled.
   library.forget_calls();
-  EXPECT_EQ(search("\"" + std::string(8192, '\'') + "\""), kDone);
+  EXPECT_EQ(search("\"" + std::string(8192, '\'') + "\""), kTextSearchDone);
   EXPECT_EQ(library.statements(),
             (Calls{"SEARCH AI DOCS TEXT '" + std::string(16384, '\'') + "' TOP 5;"}));
   // Bytes are counted, not letters.
   std::string accents;
   for (int i = 0; i < 4096; ++i) accents += "\\u00e9";
-  EXPECT_EQ(search("\"" + accents + "\""), kDone);
-  EXPECT_EQ(search("\"" + accents + "x\""), kBadArguments);
+  EXPECT_EQ(search("\"" + accents + "\""), kTextSearchDone);
+  EXPECT_EQ(search("\"" + accents + "x\""), kBadTextArguments);
 }
 
 // Which shows when the text itself ends early.
 TEST_F(TextSearch, TheTextIsDecodedInto16400Bytes) {
-  EXPECT_EQ(search("\"x\\u0000" + std::string(16398, 'y') + "\""), kDone);
+  EXPECT_EQ(search("\"x\\u0000" + std::string(16398, 'y') + "\""), kTextSearchDone);
   EXPECT_EQ(library.statements(), (Calls{"SEARCH AI DOCS TEXT 'x' TOP 5;"}));
-  EXPECT_EQ(search("\"x\\u0000" + std::string(16399, 'y') + "\""), kBadArguments);
+  EXPECT_EQ(search("\"x\\u0000" + std::string(16399, 'y') + "\""), kBadTextArguments);
 }
 
 TEST_F(TextSearch, TopIs1To256) {
   for (const char* top : {"0", "257", "-1", "\"5\"", "5.0", "1e2", "null", "true", "[5]", "{}",
                           "4294967297", "18446744073709551617"}) {
-    EXPECT_EQ(search("\"x\"", top), kBadArguments) << top;
+    EXPECT_EQ(search("\"x\"", top), kBadTextArguments) << top;
     expect_audit("allow", "");
   }
   EXPECT_EQ(library.calls(), Calls{});
@@ -200,7 +201,7 @@ TEST_F(TextSearch, TopIs1To256) {
             (Calls{"SEARCH AI DOCS TEXT 'x' TOP 1;", "SEARCH AI DOCS TEXT 'x' TOP 256;"}));
 }
 
-TEST_F(TextSearch, AFailureIsInTheEnginesWords) {
+TEST_F(TextSearch, AFailureHasTheEnginesMessage) {
   constexpr char kStatement[] = "SEARCH AI DOCS TEXT 'x' TOP 5;";
   library.answer(kStatement, {.code = 0, .status = "collection DOCS is empty"});
   EXPECT_EQ(search("\"x\""), tool_error("collection DOCS is empty"));
@@ -221,7 +222,7 @@ TEST_F(TextSearch, WithoutAPolicyEverySafeCollectionIsSearched) {
   use_no_policy();
   const std::string name(63, 'c');
   EXPECT_EQ(call("kova_text_search", "{\"collection\":\"" + name + "\",\"text\":\"x\",\"top\":1}"),
-            kDone);
+            kTextSearchDone);
   EXPECT_EQ(library.statements(), (Calls{"SEARCH AI " + name + " TEXT 'x' TOP 1;"}));
   expect_audit("allow", name);
 }

@@ -12,11 +12,12 @@
 namespace kova::testing {
 namespace {
 
-const std::string kBadArguments = tool_error("invalid collection, top limit, or unknown argument");
-const std::string kBadVector = tool_error("vector must contain 1..4096 finite numbers");
+const std::string kBadVectorArguments =
+    tool_error("invalid collection, top limit, or unknown argument");
+const std::string kBadNumbers = tool_error("vector must contain 1..4096 finite numbers");
 const std::string kBadNumber = tool_error("vector contains an invalid number");
 const std::string kTooLong = tool_error("vector SQL limit exceeded");
-const std::string kDone =
+const std::string kVectorSearchDone =
     tool_success(R"({"status":"OK","columns":[],"rows":[],"rowCount":0,"truncated":false})");
 
 std::string repeated(std::string_view element, std::size_t count) {
@@ -61,7 +62,7 @@ class VectorSearch : public ToolCalls {
 };
 
 TEST_F(VectorSearch, SendsOneStatement) {
-  EXPECT_EQ(search("[1, 2.5, -3]"), kDone);
+  EXPECT_EQ(search("[1, 2.5, -3]"), kVectorSearchDone);
   EXPECT_EQ(library.statements(), (Calls{"SEARCH AI DOCS QUERY [1,2.5,-3] TOP 5;"}));
   expect_audit("allow", "DOCS");
   EXPECT_EQ(audit_records(), 1);
@@ -138,18 +139,18 @@ TEST_F(VectorSearch, ElementsAreNumbers) {
 
 TEST_F(VectorSearch, AVectorIsAnArrayOf1To4096) {
   for (const char* vector : {"null", "5", "\"[1]\"", "{}", "{\"a\":1}", "[]", "true"}) {
-    EXPECT_EQ(search(vector), kBadVector) << vector;
+    EXPECT_EQ(search(vector), kBadNumbers) << vector;
     expect_audit("allow", "DOCS");
   }
-  EXPECT_EQ(call("kova_vector_search", R"({"collection":"DOCS","top":5})"), kBadVector);
+  EXPECT_EQ(call("kova_vector_search", R"({"collection":"DOCS","top":5})"), kBadNumbers);
   expect_audit("allow", "DOCS");
   EXPECT_EQ(call("kova_vector_search", R"({"collection":"DOCS","top":5,"v\u0065ctor":[1]})"),
-            kBadVector);
-  EXPECT_EQ(search_long(repeated("1", 4097)), kBadVector);
+            kBadNumbers);
+  EXPECT_EQ(search_long(repeated("1", 4097)), kBadNumbers);
   // The number of elements is looked at before any of them.
-  EXPECT_EQ(search_long(repeated("null", 4097)), kBadVector);
+  EXPECT_EQ(search_long(repeated("null", 4097)), kBadNumbers);
   EXPECT_EQ(library.calls(), Calls{});
-  EXPECT_EQ(search_long(repeated("1", 4096)), kDone);
+  EXPECT_EQ(search_long(repeated("1", 4096)), kVectorSearchDone);
   std::string list = repeated("1", 4096);
   EXPECT_EQ(library.statements(), (Calls{"SEARCH AI DOCS QUERY " + list + " TOP 5;"}));
   EXPECT_EQ(search_long(repeated("null", 4096)), kBadNumber);
@@ -157,7 +158,7 @@ TEST_F(VectorSearch, AVectorIsAnArrayOf1To4096) {
 
 // A message has 4,096 tokens, of which the call itself takes nineteen.
 TEST_F(VectorSearch, AMessageHolds4077Elements) {
-  EXPECT_EQ(search(repeated("0", 4077)), kDone);
+  EXPECT_EQ(search(repeated("0", 4077)), kVectorSearchDone);
   const std::string request =
       R"({"jsonrpc":"2.0","id":7,"method":"tools/call","params":{"name":"kova_vector_search",)"
       R"("arguments":{"collection":"DOCS","top":5,"vector":)" +
@@ -174,8 +175,8 @@ TEST_F(VectorSearch, AStatementOfOver32768BytesIsRefusedByTheExecutor) {
   // their commas 32,735, and the last comma one more.
   const std::string head = repeated("-1.23456789e-30", 2046);
   const std::string open = head.substr(0, head.size() - 1) + ",";
-  EXPECT_EQ(search(open + "1]"), kDone);
-  EXPECT_EQ(search(open + "10]"), kDone);
+  EXPECT_EQ(search(open + "1]"), kVectorSearchDone);
+  EXPECT_EQ(search(open + "10]"), kVectorSearchDone);
   EXPECT_EQ(library.statements().at(1).size(), 32768U);
   library.forget_calls();
   EXPECT_EQ(search(open + "100]"), bounds);
@@ -240,26 +241,26 @@ TEST_F(VectorSearch, ArgumentsAreKnownAndComplete) {
                                 R"({"collection":"DOCS","vector":[1],"top":5,"text":"x"})",
                                 R"({"collection":"DOCS","Vector":[1],"top":5})",
                                 R"({"collection":"DOCS","vector":[1],"t\u006fp":5})"}) {
-    EXPECT_EQ(call("kova_vector_search", arguments), kBadArguments) << arguments;
+    EXPECT_EQ(call("kova_vector_search", arguments), kBadVectorArguments) << arguments;
     expect_audit("allow", "");
   }
   for (const char* top :
        {"0", "257", "-1", "\"5\"", "5.0", "1e2", "null", "true", "[5]", "{}", "4294967297"}) {
-    EXPECT_EQ(search("[1]", top), kBadArguments) << top;
+    EXPECT_EQ(search("[1]", top), kBadVectorArguments) << top;
     expect_audit("allow", "");
   }
   EXPECT_EQ(library.calls(), Calls{});
   EXPECT_EQ(call("kova_vector_search",
                  R"({"_meta":{"vector":"x"},"collection":"docs","vector":[1],"top":256})"),
-            kDone);
+            kVectorSearchDone);
   EXPECT_EQ(library.statements(), (Calls{"SEARCH AI docs QUERY [1] TOP 256;"}));
 }
 
 // The arguments are looked at before the vector, and the vector before its elements.
 TEST_F(VectorSearch, TheChecksStandInOrder) {
-  EXPECT_EQ(search("[]", "0"), kBadArguments);
-  EXPECT_EQ(search("[null]", "257"), kBadArguments);
-  EXPECT_EQ(search("[]"), kBadVector);
+  EXPECT_EQ(search("[]", "0"), kBadVectorArguments);
+  EXPECT_EQ(search("[null]", "257"), kBadVectorArguments);
+  EXPECT_EQ(search("[]"), kBadNumbers);
   EXPECT_EQ(search("[null]"), kBadNumber);
 }
 
@@ -267,7 +268,7 @@ TEST_F(VectorSearch, TheChecksStandInOrder) {
 TEST_F(VectorSearch, NeedsNoProviders) {
   providers_switch.set("1");
   policy->provider_reads_enabled = false;
-  EXPECT_EQ(search("[1]"), kDone);
+  EXPECT_EQ(search("[1]"), kVectorSearchDone);
 }
 
 TEST_F(VectorSearch, TopBoundsTheRows) {
@@ -277,7 +278,7 @@ TEST_F(VectorSearch, TopBoundsTheRows) {
                          R"("rowCount":2,"truncated":true})"));
 }
 
-TEST_F(VectorSearch, AFailureIsInTheEnginesWords) {
+TEST_F(VectorSearch, AFailureHasTheEnginesMessage) {
   library.answer("SEARCH AI DOCS QUERY [1,2,3] TOP 5;",
                  {.code = 0, .status = "vector has 3 dimensions, DOCS has 8"});
   EXPECT_EQ(search("[1,2,3]"), tool_error("vector has 3 dimensions, DOCS has 8"));

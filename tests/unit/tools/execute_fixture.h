@@ -49,10 +49,10 @@ class ExecuteTool : public ToolCalls {
   /// A token for a canonical text, made anew, as JSON.
   std::string token_for(std::string_view canonical) {
     char token[kTokenCapacity];
-    char words[kApprovalMessageCapacity];
+    char error[kApprovalMessageCapacity];
     EXPECT_TRUE(
-        approval_issue(*policy, to_hex(reference_sha256(canonical)), unix_seconds(), token, words))
-        << words;
+        approval_issue(*policy, to_hex(reference_sha256(canonical)), unix_seconds(), token, error))
+        << error;
     return json_literal(token);
   }
   static std::string approval_required(std::string_view type, std::string_view table,

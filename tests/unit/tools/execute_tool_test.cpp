@@ -13,7 +13,7 @@
 namespace kova::testing {
 namespace {
 
-const std::string kDone =
+const std::string kWriteDone =
     tool_success(R"({"status":"OK","columns":[],"rows":[],"rowCount":0,"truncated":false})");
 
 // --- writes off -------------------------------------------------------------------------------
@@ -54,7 +54,7 @@ TEST_F(ExecuteTool, AnInvalidPolicyAnswersFirst) {
 
 TEST_F(ExecuteTool, WorksWithReadsOff) {
   policy->reads_enabled = false;
-  EXPECT_EQ(execute("DELETE FROM LOG"), kDone);
+  EXPECT_EQ(execute("DELETE FROM LOG"), kWriteDone);
 }
 
 // --- arguments --------------------------------------------------------------------------------
@@ -76,21 +76,21 @@ TEST_F(ExecuteTool, ArgumentsAreAnObjectOfKnownMembers) {
 }
 
 TEST_F(ExecuteTool, MetaIsTolerated) {
-  EXPECT_EQ(call("kova_execute", R"({"_meta":{"a":[1]},"sql":"DELETE FROM LOG"})"), kDone);
+  EXPECT_EQ(call("kova_execute", R"({"_meta":{"a":[1]},"sql":"DELETE FROM LOG"})"), kWriteDone);
 }
 
 TEST_F(ExecuteTool, ATextHasUpTo32768Bytes) {
   const std::string head = "DELETE FROM LOG WHERE A=";
   const std::string text = head + std::string(32767 - head.size(), '1');
-  EXPECT_EQ(execute(text), kDone);
-  EXPECT_EQ(execute(text + ";"), kDone);
+  EXPECT_EQ(execute(text), kWriteDone);
+  EXPECT_EQ(execute(text + ";"), kWriteDone);
   EXPECT_EQ(library.statements(), (Calls{text + ";", text + ";"}));
   library.forget_calls();
   EXPECT_EQ(execute(text + "1"), tool_error("normalized write is too large"));
   EXPECT_EQ(execute(text + "1;"), kBadExecute);
   EXPECT_EQ(execute(text + "  "), kBadExecute);
   EXPECT_EQ(execute(std::string(500000, ' ') + "DELETE FROM LOG"), kBadExecute);
-  // A text that is full inside a literal is refused without words.
+  // A text that is full inside a literal is refused without a message.
   EXPECT_EQ(execute("DELETE FROM LOG WHERE A='" + std::string(32768 - 25, 'x')), tool_error(""));
   expect_audit("allow", "");
   EXPECT_EQ(library.calls(), Calls{});
@@ -98,7 +98,7 @@ TEST_F(ExecuteTool, ATextHasUpTo32768Bytes) {
 
 // --- classification ---------------------------------------------------------------------------
 
-TEST_F(ExecuteTool, TheClassifierSpeaksInItsOwnWords) {
+TEST_F(ExecuteTool, TheClassifierHasItsOwnMessages) {
   struct Row {
     const char* sql;
     const char* message;
@@ -129,14 +129,14 @@ TEST_F(ExecuteTool, TheClassifierSpeaksInItsOwnWords) {
 
 // A decoded text ends at an escaped NUL; what follows is neither classified nor run.
 TEST_F(ExecuteTool, ATextEndsAtAnEscapedNul) {
-  EXPECT_EQ(call("kova_execute", R"({"sql":"DELETE FROM LOG\u0000; DROP TABLE LOG"})"), kDone);
+  EXPECT_EQ(call("kova_execute", R"({"sql":"DELETE FROM LOG\u0000; DROP TABLE LOG"})"), kWriteDone);
   EXPECT_EQ(library.statements(), (Calls{"DELETE FROM LOG;"}));
 }
 
 // --- no approval asked ------------------------------------------------------------------------
 
 TEST_F(ExecuteTool, RunsTheCanonicalText) {
-  EXPECT_EQ(execute("  insert   into log (note)\tvalues\n('a  B; -- it''s')  ;  "), kDone);
+  EXPECT_EQ(execute("  insert   into log (note)\tvalues\n('a  B; -- it''s')  ;  "), kWriteDone);
   EXPECT_EQ(library.statements(), (Calls{"INSERT INTO LOG (NOTE) VALUES ('a  B; -- it''s');"}));
   expect_audit("allow", "LOG");
   const std::string log = audit_log();
@@ -152,7 +152,7 @@ TEST_F(ExecuteTool, RunsTheCanonicalText) {
 TEST_F(ExecuteTool, DecodesTheText) {
   EXPECT_EQ(call("kova_execute",
                  R"({"sql":"update\nlog\u0020set a = \u0027caf\u00e9\t\"x\"\u0027\r\n;"})"),
-            kDone);
+            kWriteDone);
   EXPECT_EQ(library.statements(), (Calls{"UPDATE LOG SET A = 'caf\xC3\xA9\t\"x\"';"}));
 }
 
@@ -166,14 +166,14 @@ TEST_F(ExecuteTool, AWriteAnswersAtMostOneRow) {
 
 TEST_F(ExecuteTool, ATokenThatNobodyAskedForIsNotRead) {
   for (const char* token : {"null", "5", "\"\"", "\"x\"", "[]", "\"\\ud800\""}) {
-    EXPECT_EQ(execute_with("DELETE FROM LOG", token), kDone) << token;
+    EXPECT_EQ(execute_with("DELETE FROM LOG", token), kWriteDone) << token;
     expect_audit("allow", "LOG");
   }
-  EXPECT_EQ(execute_with("DELETE FROM LOG", "\"" + std::string(5000, 'x') + "\""), kDone);
+  EXPECT_EQ(execute_with("DELETE FROM LOG", "\"" + std::string(5000, 'x') + "\""), kWriteDone);
   EXPECT_EQ(marker_count(), 0U);
 }
 
-TEST_F(ExecuteTool, AFailureIsInTheEnginesWords) {
+TEST_F(ExecuteTool, AFailureHasTheEnginesMessage) {
   library.answer("DELETE FROM LOG;", {.code = 0, .status = "UNIQUE constraint failed"});
   EXPECT_EQ(execute("DELETE FROM LOG"), tool_error("UNIQUE constraint failed"));
   expect_audit("allow", "LOG");
@@ -189,8 +189,8 @@ TEST_F(ExecuteTool, AFailureIsInTheEnginesWords) {
 class Approved : public ExecuteTool {
  protected:
   Approved() { policy->approval_required = true; }
-  void expect_denied(std::string_view sql, std::string_view token, std::string_view words) {
-    EXPECT_EQ(execute_with(sql, token), tool_error(words)) << token;
+  void expect_denied(std::string_view sql, std::string_view token, std::string_view message) {
+    EXPECT_EQ(execute_with(sql, token), tool_error(message)) << token;
     expect_audit("deny", "LOG");
   }
 };
@@ -225,7 +225,7 @@ TEST_F(Approved, TheAnswerIsOneExactLine) {
             "\"policy\":\"Demo_1\",\"maximum_ttl_seconds\":30},\"isError\":true}}\n");
 }
 
-// The answer depends neither on the secret nor on the state directory.
+// The result depends neither on the secret nor on the state directory.
 TEST_F(Approved, AsksWithoutASecret) {
   secret_variable.unset();
   TextOut(policy->approval_state_directory).copy_cut(state.file("gone"));
@@ -236,7 +236,7 @@ TEST_F(Approved, AsksWithoutASecret) {
 
 TEST_F(Approved, ATokenRunsItsStatementOnce) {
   const std::string token = token_for("UPDATE LOG SET A = 'x  Y';");
-  EXPECT_EQ(execute_with("update   log set a = 'x  Y'", token), kDone);
+  EXPECT_EQ(execute_with("update   log set a = 'x  Y'", token), kWriteDone);
   expect_audit("approval_accepted", "LOG");
   EXPECT_EQ(library.statements(), (Calls{"UPDATE LOG SET A = 'x  Y';"}));
   EXPECT_EQ(marker_count(), 1U);
@@ -257,7 +257,7 @@ TEST_F(Approved, AnotherSpellingOfTheStatementIsTheSameOne) {
   const std::string canonical = "UPDATE LOG SET A = 'x';";
   for (const char* sql :
        {"UPDATE LOG SET A = 'x'", " update\tlog\nset  a\r= 'x' ; ", "uPDATE lOG sET a = 'x';"})
-    EXPECT_EQ(execute_with(sql, token_for(canonical)), kDone) << sql;
+    EXPECT_EQ(execute_with(sql, token_for(canonical)), kWriteDone) << sql;
   EXPECT_EQ(library.statements(), (Calls{canonical, canonical, canonical}));
 }
 
@@ -269,7 +269,7 @@ TEST_F(Approved, AnotherStatementNeedsAnotherToken) {
     expect_denied(sql, token, kFieldsInvalid);
   EXPECT_EQ(library.calls(), Calls{});
   EXPECT_EQ(marker_count(), 0U);
-  EXPECT_EQ(execute_with("UPDATE LOG SET A = 'x' WHERE B=1", token), kDone);
+  EXPECT_EQ(execute_with("UPDATE LOG SET A = 'x' WHERE B=1", token), kWriteDone);
 }
 
 TEST_F(Approved, ATokenIsATextOfUpTo255Bytes) {
@@ -284,7 +284,7 @@ TEST_F(Approved, ATokenIsATextOfUpTo255Bytes) {
     expect_denied("DELETE FROM LOG", bad, kTokenInvalid);
   EXPECT_EQ(marker_count(), 0U);
   EXPECT_EQ(library.calls(), Calls{});
-  EXPECT_EQ(execute_with("DELETE FROM LOG", padded(255)), kDone);
+  EXPECT_EQ(execute_with("DELETE FROM LOG", padded(255)), kWriteDone);
   EXPECT_EQ(audit_records(), 10);
 }
 
@@ -302,13 +302,13 @@ TEST_F(Approved, AnEscapedSpellingIsNoToken) {
 TEST_F(Approved, TheTokensTextIsDecoded) {
   std::string token = token_for("DELETE FROM LOG;");
   ASSERT_EQ(token.substr(0, 2), "\"v");
-  EXPECT_EQ(execute_with("DELETE FROM LOG", "\"\\u0076" + token.substr(2)), kDone);
+  EXPECT_EQ(execute_with("DELETE FROM LOG", "\"\\u0076" + token.substr(2)), kWriteDone);
   token = token_for("DELETE FROM LOG;");
   token.insert(token.size() - 1, "\\u0000.x");
-  EXPECT_EQ(execute_with("DELETE FROM LOG", token), kDone);
+  EXPECT_EQ(execute_with("DELETE FROM LOG", token), kWriteDone);
 }
 
-TEST_F(Approved, TheVerifierSpeaksInItsOwnWords) {
+TEST_F(Approved, TheVerifierHasItsOwnMessages) {
   const std::string token = token_for("DELETE FROM LOG;");
   expect_denied("DELETE FROM LOG", "\"v1.x\"", kFieldsInvalid);
   std::string forged = token;
@@ -325,7 +325,7 @@ TEST_F(Approved, TheVerifierSpeaksInItsOwnWords) {
   EXPECT_EQ(library.calls(), Calls{});
   EXPECT_EQ(marker_count(), 0U);
   TextOut(policy->approval_state_directory).copy_cut(state.path());
-  EXPECT_EQ(execute_with("DELETE FROM LOG", token), kDone);
+  EXPECT_EQ(execute_with("DELETE FROM LOG", token), kWriteDone);
 }
 
 // Once accepted, a token is spent whatever becomes of the write.
@@ -345,7 +345,7 @@ TEST_F(Approved, TheMarkerPrecedesTheStatement) {
   library.on_exec = [&](const char* statement) {
     if (std::string_view(statement) == "DELETE FROM LOG;") markers_before = marker_count();
   };
-  EXPECT_EQ(execute_with("DELETE FROM LOG", token_for("DELETE FROM LOG;")), kDone);
+  EXPECT_EQ(execute_with("DELETE FROM LOG", token_for("DELETE FROM LOG;")), kWriteDone);
   EXPECT_EQ(markers_before, 1U);
 }
 
@@ -356,7 +356,7 @@ TEST_F(Approved, TheKillSwitchStandsBeforeTheToken) {
   EXPECT_EQ(marker_count(), 0U);
   EXPECT_EQ(audit_records(), 0);
   writes_switch.unset();
-  EXPECT_EQ(execute_with("DELETE FROM LOG", token), kDone);
+  EXPECT_EQ(execute_with("DELETE FROM LOG", token), kWriteDone);
 }
 
 // A policy that no longer allows the write refuses it before its token is looked at.
@@ -369,7 +369,7 @@ TEST_F(Approved, ThePolicyStandsBeforeTheToken) {
   EXPECT_EQ(marker_count(), 0U);
 }
 
-// What is approved is what runs: the digest in the answer is that of the bytes which the token lets
+// What is approved is what runs: the digest in the reply is that of the bytes which the token lets
 // through.
 TEST_F(Approved, TheExecutedBytesAreTheApprovedOnes) {
   fill(policy->write_tables, {"T", "ORDERS", "LOG"});
@@ -386,10 +386,10 @@ TEST_F(Approved, TheExecutedBytesAreTheApprovedOnes) {
     ASSERT_NE(asked.find(marker), std::string::npos) << asked;
     const std::string digest = asked.substr(asked.find(marker) + marker.size(), 64);
     char token[kTokenCapacity];
-    char words[kApprovalMessageCapacity];
-    ASSERT_TRUE(approval_issue(*policy, digest, unix_seconds(), token, words)) << words;
+    char error[kApprovalMessageCapacity];
+    ASSERT_TRUE(approval_issue(*policy, digest, unix_seconds(), token, error)) << error;
     ASSERT_EQ(library.statements(), Calls{});
-    ASSERT_EQ(execute_with(sql, json_literal(token)), kDone) << sql;
+    ASSERT_EQ(execute_with(sql, json_literal(token)), kWriteDone) << sql;
     ASSERT_EQ(library.statements().size(), 1U);
     ASSERT_EQ(to_hex(reference_sha256(library.statements()[0])), digest) << sql;
   }

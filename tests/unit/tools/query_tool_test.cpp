@@ -99,7 +99,7 @@ TEST_F(QueryTool, TheScreenStandsBeforeThePolicy) {
   EXPECT_EQ(library.calls(), Calls{});
 }
 
-TEST_F(QueryTool, ThePolicySpeaksInItsOwnWords) {
+TEST_F(QueryTool, ThePolicyHasItsOwnMessages) {
   struct Row {
     const char* sql;
     const char* message;
@@ -171,7 +171,7 @@ TEST_F(QueryTool, ThePolicyStandsBeforeTheSize) {
   EXPECT_EQ(query(text), tool_error("sql size limit exceeded"));
 }
 
-TEST_F(QueryTool, AFailureIsInTheEnginesWords) {
+TEST_F(QueryTool, AFailureHasTheEnginesMessage) {
   library.answer("SELECT 1;", {.code = 0, .status = "no such column: \"N\""});
   EXPECT_EQ(query("SELECT 1"), tool_error("no such column: \"N\""));
   expect_audit("allow", "policy-select");

@@ -132,7 +132,7 @@ TEST_F(ToolCalls, WithoutAPolicyListsComeFromTheEngine) {
   }
 }
 
-TEST_F(ToolCalls, EnginesListsFailInTheEnginesWords) {
+TEST_F(ToolCalls, EnginesListsFailWithTheEnginesMessage) {
   use_no_policy();
   library.answer("list table;", {.code = 0, .status = "catalog \"gone\""});
   EXPECT_EQ(call("kova_list_tables"), tool_error("catalog \"gone\""));
@@ -143,7 +143,7 @@ TEST_F(ToolCalls, EnginesListsFailInTheEnginesWords) {
             tool_error("authenticated Vantreo profile is unavailable"));
 }
 
-// The frame's gate stands before it; called alone, the tool has its own.
+// The frame asks before it; called alone, the tool asks itself.
 TEST_F(ToolCalls, AListAloneHeedsDisabledReads) {
   policy->reads_enabled = false;
   JsonToken tokens[8];

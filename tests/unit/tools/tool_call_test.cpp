@@ -1,4 +1,4 @@
-// The frame of tools/call: its params, the audit context, and the gates in their order.
+// The frame of tools/call: its params, the audit context, and the checks in their order.
 #include "tools/tool_call.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ const std::string kBadSource = tool_error("hybrid source table or key is denied 
 const std::string kBadColumns = tool_error("hybrid columns are invalid");
 const std::string kDeniedColumn = tool_error("hybrid column is denied by MCP policy");
 
-// What the tools themselves say of bad arguments, once every gate is passed.
+// What the tools themselves say of bad arguments, once every check before them is passed.
 const std::string kBadVector = tool_error("invalid collection, top limit, or unknown argument");
 const std::string kBadText = tool_error("invalid collection, text, top limit, or unknown argument");
 const std::string kBadHybrid =
@@ -52,7 +52,7 @@ constexpr const char* kAllTools[] = {
 };
 constexpr const char* kCollectionTools[] = {"kova_vector_search", "kova_text_search",
                                             "kova_hybrid_search", "kova_ai_status"};
-// Hybrid arguments that pass every gate.
+// Hybrid arguments that pass every check.
 constexpr const char kHybrid[] =
     R"({"collection":"DOCS","source_table":"ORDERS","key_field":"ID","columns":["A","B"]})";
 
@@ -227,7 +227,7 @@ TEST_F(ToolCalls, CollectionsMustBeAllowed) {
     expect_audit("deny", "");
   }
   for (const OwnRefusal& own : kPlainCollectionTools) {
-    // The tool's own members are no business of the gate.
+    // The tool's own members are not the policy check's to judge.
     EXPECT_EQ(call(own.tool, R"({"collection":"docs","other":1})"), own.reply);
     EXPECT_EQ(call(own.tool, R"({"collection":"D\u004fCS","other":1})"), own.reply);
     expect_audit("allow", "");
@@ -326,7 +326,7 @@ TEST_F(ToolCalls, AHybridSearchNamesAllowedColumns) {
   EXPECT_EQ(columns("[\"ssn\"]"), kBadHybrid);
 }
 
-TEST_F(ToolCalls, OnlyAHybridSearchHasAHybridGate) {
+TEST_F(ToolCalls, OnlyAHybridSearchHasAHybridCheck) {
   for (const OwnRefusal& own : kPlainCollectionTools)
     EXPECT_EQ(call(own.tool, R"({"collection":"DOCS","source_table":"OTHER"})"), own.reply);
 }

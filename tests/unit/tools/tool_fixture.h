@@ -34,7 +34,7 @@ inline std::string tool_error(std::string_view message, std::string_view id = "7
                     id);
 }
 
-/// The reply line of a tool that answers with this JSON.
+/// The reply line of a tool that returns this JSON.
 inline std::string tool_success(std::string_view json, std::string_view id = "7") {
   return reply_with("\"result\":{\"content\":[{\"type\":\"text\",\"text\":" + json_literal(json) +
                         "}],\"structuredContent\":" + std::string(json) + ",\"isError\":false}",

@@ -1,4 +1,4 @@
-// What every tool does with its record and its answer.
+// What every tool does with its audit record and its result or message.
 #include "tools/tool.h"
 
 #include <gtest/gtest.h>

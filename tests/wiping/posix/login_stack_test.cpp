@@ -34,10 +34,10 @@ TEST_F(EngineSession, LeavesNoPasswordOnTheStack) {
   };
   pthread_t thread;
   ASSERT_EQ(pthread_create(&thread, &attributes, open_session, &session), 0);
-  void* answer = nullptr;
-  ASSERT_EQ(pthread_join(thread, &answer), 0);
+  void* result = nullptr;
+  ASSERT_EQ(pthread_join(thread, &result), 0);
   pthread_attr_destroy(&attributes);
-  EXPECT_NE(answer, nullptr);
+  EXPECT_NE(result, nullptr);
   EXPECT_TRUE(was_there);
   const std::string_view bytes(static_cast<const char*>(stack), kStackSize);
   EXPECT_EQ(bytes.find(password.substr(0, 12)), std::string_view::npos);

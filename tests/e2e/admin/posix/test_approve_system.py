@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import resource
 import stat
 import subprocess
@@ -61,6 +62,14 @@ def test_nobody_reads_the_token(desk):
     assert terminal.process.returncode == 2
     assert "it is journalled as approved and was not shown" in terminal.text.replace("\n", "")
     assert [line["decision"] for line in desk.decisions()] == ["approved"]
+
+
+def test_an_audit_file_that_is_a_pipe(desk):
+    """It is refused, not waited for."""
+    os.mkfifo(desk.audit)
+    result = desk.run("approvals", "list")
+    assert (result.code, result.stdout) == (2, b"")
+    assert b"the audit file is no regular file" in result.stderr
 
 
 def test_sudo_names_both_users(desk):

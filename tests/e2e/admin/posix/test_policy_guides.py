@@ -120,6 +120,20 @@ def test_the_gate_refuses_a_widening(shell: Shell) -> None:
     shell.run("deploy/policy-repository/check.sh")
 
 
+def test_the_gate_refuses_a_policy_that_the_base_has_not(shell: Shell) -> None:
+    shutil.copytree(repository(shell), shell.folder / "base")
+    for folder, ending in (("policies", ".kova-policy.json"), ("cases", ".json")):
+        old = repository(shell) / folder / f"reporting{ending}"
+        old.rename(old.with_name(f"renamed{ending}"))
+    command = 'deploy/policy-repository/check.sh "$PWD/base"'
+    text = shell.run(command, code=1)
+    assert "policies/renamed.kova-policy.json is not in " in text
+    assert text.count(" is not in ") == 1
+    shell.run("WIDENING=accepted " + command)
+    # A folder that is misspelled has none of them.
+    assert shell.run("deploy/policy-repository/check.sh nowhere", code=1).count(" is not in ") == 2
+
+
 def test_an_empty_table_of_cases_is_refused(shell: Shell) -> None:
     (repository(shell) / "cases" / "reporting.json").write_text("[]", "utf-8")
     assert "1..0" in shell.run("deploy/policy-repository/check.sh", code=1)

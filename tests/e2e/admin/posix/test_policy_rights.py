@@ -14,6 +14,8 @@ def test_a_state_directory_that_others_write(authors: PolicyDesk) -> None:
     assert lint(authors, path, code=0) == []
     authors.state.chmod(0o777)
     assert lint(authors, path) == [("open-state-directory", "approval_state_directory")]
+    # The folder of that name on this machine is not the one of the policy's machine.
+    assert lint(authors, "--other-host", path, code=0) == []
 
 
 def test_a_policy_that_others_write(authors: PolicyDesk) -> None:

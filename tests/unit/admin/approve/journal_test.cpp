@@ -108,6 +108,18 @@ TEST(Journal, AppendsToTheFileAndReadsItBack) {
   EXPECT_THROW(append_decision(folder.file("no/journal"), approved()), Refusal);
 }
 
+TEST(Journal, EndsInALineEndOrTakesNoMore) {
+  const testing::TemporaryDirectory folder;
+  const std::string path = folder.file("journal");
+  check_last_line(path);
+  testing::write_file(path, "");
+  check_last_line(path);
+  testing::write_file(path, journal_line(approved()));
+  check_last_line(path);
+  testing::write_file(path, journal_line(approved()) + "{");
+  EXPECT_THROW(check_last_line(path), Refusal);
+}
+
 TEST(Journal, IsNamedByTheOptionOrTheEnvironment) {
   EXPECT_EQ(journal_path("a"), "a");
   EXPECT_THROW(static_cast<void>(journal_path("")), Refusal);

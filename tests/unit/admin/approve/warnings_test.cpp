@@ -64,6 +64,7 @@ TEST_F(Warnings, OfEachStatement) {
       // Other tables.
       {"insert into t select a from u where b = 1", {"insert-select 1:15", "second-table 1:29"}},
       {"delete from t using u where t.a = 1", {"second-table 1:21"}},
+      {"delete from t using u, v join w on 1 = 1 where a = 1", {"second-table 1:21 x3"}},
       {"delete from t, u where a = 1", {"second-table 1:16"}},
       {"update t, u set a = 1 where b = 2", {"second-table 1:11"}},
       {"update t set a = 1 from t as x, \"U\" where b = 2",
@@ -72,6 +73,14 @@ TEST_F(Warnings, OfEachStatement) {
       {"insert into t table u", {"second-table 1:21"}},
       {"delete from t where id in (select a from t, u where b = 1)",
        {"subselect 1:28", "second-table 1:45"}},
+      {"delete from t where id in (select a from (u) where b = 1)",
+       {"subselect 1:28", "second-table 1:43"}},
+      {"delete from t where id in (select a from (select b from u) where c = 1)",
+       {"subselect 1:28 x2", "second-table 1:57"}},
+      {"update t set a = 1 from `u` where b = 2", {"second-table 1:26"}},
+      {"delete from t using [u], `t` where a = 1", {"second-table 1:22 x2"}},
+      {"delete from t using `t` where a = 1", {}},
+      {"update t, `u` set a = 1 where b = 2", {"second-table 1:12"}},
       // The policy judged another word than the engine may take for the table.
       {"update t.secret set a = 1 where b = 2", {"qualified-target 1:8"}},
       {"delete from t . secret where b = 2", {"qualified-target 1:13"}},
@@ -94,6 +103,8 @@ TEST_F(Warnings, OfEachStatement) {
       {"update t set a = now () where c = f(1)", {"function-call 1:18 x2"}},
       {"delete from t where \"F\"(1) = 2", {"double-quoted 1:21", "function-call 1:21"}},
       {"insert into t(a) values(f)", {}},
+      {"delete from t where `f`(1) = [g] (2)", {"function-call 1:23 x2"}},
+      {"insert into `t`(a) values (1)", {"qualified-target 1:13"}},
       // Names.
       {"update t set " + name63 + " = 1 where b = 2", {}},
       {"update t set " + name63 + "x = 1 where b = 2", {"long-name 1:14"}},

@@ -78,6 +78,8 @@ TEST_F(EachCheck, ApprovalSecret) {
   const auto check = [&] { return admin::check_approval_secret(*policy, ""); };
   static_cast<void>(policy_check(PolicyDocument()));
   expect(check(), "approval.secret", CheckStatus::kOk, "not needed");
+  static_cast<void>(policy_check(for_writes().set("database", R"("OTHER")")));
+  expect(check(), "approval.secret", CheckStatus::kWarn, "not judged: the policy is refused");
   static_cast<void>(policy_check(for_writes()));
   expect(check(), "approval.secret", CheckStatus::kFail, "is not set");
   secret.set(kSecret.substr(1));
@@ -93,6 +95,8 @@ TEST_F(EachCheck, ApprovalDirectory) {
   const auto check = [&] { return admin::check_approval_directory(*policy); };
   static_cast<void>(policy_check(PolicyDocument()));
   expect(check(), "approval.directory", CheckStatus::kOk, "not needed");
+  static_cast<void>(policy_check(for_writes().set("database", R"("OTHER")")));
+  expect(check(), "approval.directory", CheckStatus::kWarn, "not judged: the policy is refused");
   const std::string none = folder.file("none");
   expect(policy_check(PolicyDocument().with_approved_writes(none)), "policy", CheckStatus::kFail,
          kDirectoryMissingMessage);

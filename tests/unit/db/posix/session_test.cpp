@@ -16,7 +16,7 @@
 namespace kova::testing {
 namespace {
 
-// A listening socket that answers no further connection: its queue is full.
+// A listening socket that accepts no further connection: its queue is full.
 class FullListener {
  public:
   FullListener() : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

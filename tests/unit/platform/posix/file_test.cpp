@@ -7,12 +7,14 @@
 #include <cerrno>
 #include <string>
 
+#include "support/posix/file_mode.h"
 #include "support/posix/sync_failure.h"
 #include "support/temporary_directory.h"
 
 namespace kova {
 namespace {
 
+using testing::mode_of;
 using testing::Synced;
 using testing::SyncFailure;
 using testing::TemporaryDirectory;
@@ -74,12 +76,6 @@ TEST(InputFilePosix, OnlyRegularFiles) {
   EXPECT_FALSE(file.open(path.c_str()));
   InputFile device;
   EXPECT_FALSE(device.open("/dev/null"));
-}
-
-mode_t mode_of(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0);
-  return status.st_mode & 07777;
 }
 
 TEST(CreateMarkerFilePosix, IsItsOwnersAloneAndFollowsNoLink) {

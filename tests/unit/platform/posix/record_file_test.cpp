@@ -18,6 +18,7 @@
 
 #include "platform/clock.h"
 #include "platform/console.h"
+#include "support/posix/file_mode.h"
 #include "support/posix/flush_watch.h"
 #include "support/posix/system_call_failure.h"
 #include "support/temporary_directory.h"
@@ -26,6 +27,7 @@ namespace kova {
 namespace {
 
 using testing::FlushWatch;
+using testing::mode_of;
 using testing::read_file;
 using testing::SystemCall;
 using testing::SystemCallFailure;
@@ -52,12 +54,6 @@ int open_descriptors_of(const std::string& path) {
     found += std::filesystem::read_symlink(entry.path(), error) == path ? 1 : 0;
   }
   return found;
-}
-
-mode_t mode_of(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0);
-  return status.st_mode & 07777;
 }
 
 TEST(AppendRecordPosix, ANewFileIsItsOwnersAlone) {
