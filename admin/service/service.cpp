@@ -95,8 +95,9 @@ int install(const Options& options) {
   check_environment_path(file);
   use_deployment(file);
   static_cast<void>(load_policy());
-  if (deployment_value(kToken).empty())
+  if (deployment_value(kToken).empty()) {
     throw Refusal(fmt::format("{}: {} is not set", file, kToken));
+  }
   const std::string server = server_beside();
   if (!path_exists(server.c_str())) throw Refusal(server + ": the server is not there");
   const std::string command_line =
@@ -139,7 +140,7 @@ int run_process(const Options& options) {
 }
 
 std::shared_ptr<Options> add_options(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  auto options = std::make_shared<Options>();
   options->environment_file = add_env_option(parser);
   parser.get_option("--env").required();
   parser.add_option("--http", options->port, "The port to listen on, behind a TLS proxy")

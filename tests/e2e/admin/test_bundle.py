@@ -128,6 +128,13 @@ def test_it_is_the_same_each_time(made: Any, tmp_path: Path, target: Target, adm
     assert platforms == ["win32", "linux"]
 
 
+def test_without_a_file_the_environment_is_the_deployment(made: Any, admin: Admin, variables: Any,
+                                                          tmp_path: Path) -> None:
+    fine(made())
+    fine(admin.run("bundle", "--output", tmp_path / "other.mcpb", env=variables))
+    assert (tmp_path / "other.mcpb").read_bytes() == (tmp_path / "site.mcpb").read_bytes()
+
+
 def test_a_bundle_for_the_other_system_alone(made: Any, tmp_path: Path, target: Target) -> None:
     server, _ = other_system(target, tmp_path)
     text = fine(made("--server", server))
