@@ -94,6 +94,8 @@ part of it.")
     COMPONENT debian EXCLUDE_FROM_ALL)
   install(FILES cmake/debian/copyright DESTINATION ${KOVA_INSTALL_DOCUMENTS}
     COMPONENT debian EXCLUDE_FROM_ALL)
+  install(FILES cmake/debian/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+    RENAME kova-mcp COMPONENT debian EXCLUDE_FROM_ALL)
   install(FILES completions/_kova-mcp completions/_kova-admin
     DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT debian EXCLUDE_FROM_ALL)
   install(FILES deploy/kova-mcp-http@.service DESTINATION lib/systemd/system

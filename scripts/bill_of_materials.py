@@ -12,6 +12,7 @@ import json
 import re
 import shlex
 import subprocess
+import tempfile
 import urllib.parse
 import uuid
 from pathlib import Path
@@ -31,8 +32,10 @@ def linked_files(build: Path, target: str) -> set[Path]:
     command = output_of(["ninja", "-t", "commands", target], build).splitlines()[-1]
     command = command.removeprefix(": && ").removesuffix(" && :")
     words = shlex.split(command)
-    words[words.index("-o") + 1] = "/dev/null"
-    traced = output_of([*words, "-Wl,--trace"], build)
+    # A file: the linker for Windows reads what it has written, for the checksum in it.
+    with tempfile.NamedTemporaryFile() as result:
+        words[words.index("-o") + 1] = result.name
+        traced = output_of([*words, "-Wl,--trace"], build)
     # A member of an archive stands in parentheses or before its archive.
     names = re.findall(r"/[^\s()]+", traced)
     return {Path(name) for name in names if name.startswith("/usr") or name.startswith("/lib")}

@@ -4,6 +4,8 @@
     ./release --sign KEY      also signs SHA256SUMS with a minisign key
     ./release --check         also builds in a second folder and compares, and validates what is there
     ./release --only linux    the archive, the package and their bills of materials alone; or windows
+    ./release --registry-name NAME --registry-repository ADDRESS --registry-source SOURCE
+              --registry-downloads ADDRESS      what dist/server.json says of the publisher
 
 Nothing is published. The tree has to be as committed. Times are those of the commit, so that the same
 commit, built with the same packages of the system, gives the same bytes; the MSI has identifiers of
@@ -16,6 +18,7 @@ from __future__ import annotations
 
 import argparse
 import hashlib
+import json
 import os
 import shutil
 import subprocess
@@ -25,15 +28,17 @@ from pathlib import Path
 
 import bill_of_materials
 import client_bundle
+import registry_file
 import windows_installer
 
 ROOT = Path(__file__).resolve().parents[1]
 DIST = ROOT / "dist"
 TARGETS = ("kova-mcp", "kova-admin")
 SUMS = "SHA256SUMS"
+REGISTRY = "server.json"
 NOT_CHOSEN = (
     ("LICENSE", "the project's licence (a file LICENSE)"),
-    (None, "the names under which it is published (KOVA_MAINTAINER, the registry)"),
+    (None, "the maintainer's name (KOVA_MAINTAINER)"),
     (None, "an Authenticode certificate: the executables and the MSI are not signed"))
 
 
@@ -87,7 +92,7 @@ def unpack(archive: Path, work: Path) -> Path:
     return top
 
 
-def make(systems: list[str], epoch: int) -> None:
+def make(systems: list[str], epoch: int, publisher: registry_file.Publisher) -> None:
     work = ROOT / "build" / "release"
     work.mkdir(parents=True, exist_ok=True)
     shutil.rmtree(DIST, ignore_errors=True)
@@ -117,6 +122,8 @@ def make(systems: list[str], epoch: int) -> None:
                                    programs["windows"] / "kova-mcp.exe",
                                    ROOT / "THIRD-PARTY-NOTICES", epoch)
         contents[bundle] = sorted({*packages["linux"], *packages["windows"]})
+        text = registry_file.filled(DIST / bundle, number, publisher)
+        (DIST / REGISTRY).write_text(text, encoding="utf-8")
     say("write the bills of materials and the sums")
     for name, found in contents.items():
         text = bill_of_materials.bill(DIST / name, number, found, epoch)
@@ -194,12 +201,16 @@ def faults() -> list[str]:
         say(f"validate {path.name}")
         if subprocess.run(["node", str(validator), str(path)], check=False).returncode:
             found.append(f"{path.name} is not valid")
+    for path in DIST.glob(REGISTRY):
+        say(f"validate {path.name}")
+        found += [f"{path.name}: {fault}"
+                  for fault in registry_file.faults(json.loads(path.read_text("utf-8")))]
     return found
 
 
-def check(only: list[str]) -> list[str]:
+def check(options: list[str]) -> list[str]:
     with tempfile.TemporaryDirectory(prefix="kova-release-") as folder:
-        found = differences(DIST, build_again(only, Path(folder)), Path(folder))
+        found = differences(DIST, build_again(options, Path(folder)), Path(folder))
     return found + faults()
 
 
@@ -209,15 +220,21 @@ def main(arguments: list[str]) -> int:
     parser.add_argument("--check", action="store_true", help="build twice, compare and validate")
     parser.add_argument("--sign", type=Path, metavar="KEY", help="a minisign secret key")
     parser.add_argument("--only", choices=("linux", "windows"), help="one system's artefacts")
+    registry_file.add_options(parser)
     chosen = parser.parse_args(arguments)
+    publisher = registry_file.publisher_of(chosen)
     try:
         if git("status", "--porcelain"):
             raise Refused("the tree is not as committed")
+        if f"\n## {version()}\n" not in (ROOT / "CHANGELOG.md").read_text("utf-8"):
+            raise Refused(f"CHANGELOG.md has no heading for {version()}")
         epoch = int(git("log", "-1", "--format=%ct"))
         os.environ |= {"SOURCE_DATE_EPOCH": str(epoch), "TZ": "UTC", "LC_ALL": "C.UTF-8"}
         systems = [chosen.only] if chosen.only else ["linux", "windows"]
-        make(systems, epoch)
-        found = check(["--only", chosen.only] if chosen.only else []) if chosen.check else []
+        make(systems, epoch, publisher)
+        again = [*(["--only", chosen.only] if chosen.only else []),
+                 *registry_file.options_of(publisher)]
+        found = check(again) if chosen.check else []
         if chosen.sign:
             sign(chosen.sign)
     except (Refused, subprocess.CalledProcessError, OSError) as error:
@@ -228,6 +245,8 @@ def main(arguments: list[str]) -> int:
     for file, text in NOT_CHOSEN:
         if file is None or not (ROOT / file).exists():
             say(f"missing, the owner's to choose: {text}")
+    if not publisher.is_chosen:
+        say("missing, the owner's to choose: the names in the registry (--registry-...)")
     if not chosen.sign:
         say("missing, the owner's to choose: the signing key (--sign)")
     for path in sorted(DIST.iterdir()):

@@ -12,7 +12,8 @@ readonly -a MODELS=(spin)
 readonly -a COVERAGE=(gcovr)
 readonly -a PROXY=(nginx openssl)
 readonly -a MUTATION=(python3-clang)
-readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign)
+readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign
+  mmdebstrap buildah podman runc catatonit)
 # Debian starts these as soon as they are installed, and with the system.
 readonly -a SERVICES=(nginx haproxy)
 readonly NODE_MINIMUM=18

@@ -13,6 +13,7 @@
 #include "admin/audit/record_filter.h"
 #include "admin/common/output.h"
 #include "base/text.h"
+#include "platform/terminal.h"
 
 namespace kova::admin {
 
@@ -44,6 +45,7 @@ class Exporter {
         file, [&](std::string_view bytes) { splitter_.add(bytes, take); }, progress));
     splitter_.finish(take);
     if (unreadable > 0) {
+      progress.clear();
       print_error(fmt::format("{}: {} of {} lines could not be read", file, unreadable, number));
     }
   }
@@ -68,7 +70,8 @@ class Exporter {
 int run(const Options& options) {
   OutputTarget out(options.output, options.files);
   Exporter exporter(options, out);
-  Progress progress(options.files);
+  // On a terminal that shows the events it would stand among them.
+  Progress progress(options.files, !options.output.empty() || !stdout_takes_colours());
   for (const std::string& file : options.files) exporter.read(file, progress);
   out.finish();
   return kExitFine;

@@ -34,6 +34,12 @@ std::size_t hour_of(UnixMs time) {
                                                                   : (hour + kHours) % kHours);
 }
 
+// `start` is everything before the value.
+void append_member(std::string& line, std::string_view start, std::string_view value) {
+  line += start;
+  append_json_text(line, value);
+}
+
 }  // namespace
 
 std::string_view reason_text(Reason reason) {
@@ -88,21 +94,24 @@ void Figures::add(const AuditRecord& record) {
 }
 
 void Figures::add_write(const AuditRecord& record) {
-  Json line = {{"timestamp", record.timestamp},
-               {"client", record.client},
-               {"table", record.objects},
-               {"decision", record.decision},
-               {"status", record.status}};
+  write_.clear();
+  append_member(write_, "{\"timestamp\":", record.timestamp);
+  append_member(write_, ",\"client\":", record.client);
+  append_member(write_, ",\"table\":", record.objects);
+  append_member(write_, ",\"decision\":", record.decision);
+  append_member(write_, ",\"status\":", record.status);
   if (record.decision == "approval_required") ++approvals.required;
-  if (record.decision == "deny") ++approvals.refused;
+  // An invalid policy refuses before the table is known, and no token with it.
+  if (record.decision == "deny" && !record.objects.empty()) ++approvals.refused;
   if (record.decision == "approval_accepted") {
     ++approvals.accepted;
     if (const JournalEntry* const entry = journal_ != nullptr ? journal_->take(record) : nullptr) {
-      line["operator"] = entry->person;
-      line["reason"] = entry->reason;
+      append_member(write_, ",\"operator\":", entry->person);
+      append_member(write_, ",\"reason\":", entry->reason);
     }
   }
-  writes.add(json_line(line));
+  write_ += '}';
+  writes.add(write_);
 }
 
 std::vector<RefusalRow> Figures::refusals() const {

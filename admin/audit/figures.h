@@ -116,6 +116,8 @@ class Figures {
   void add_write(const AuditRecord& record);
 
   JournalJoin* journal_;
+  /// The line of a write while it is made.
+  std::string write_;
   TextTable objects_;
   Combinations first_seen_;
   Combinations kill_switch_;

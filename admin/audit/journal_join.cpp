@@ -7,6 +7,7 @@
 
 #include "admin/approve/journal.h"
 #include "admin/common/refusal.h"
+#include "base/string_scan.h"
 #include "platform/shared_input.h"
 
 namespace kova::admin {
@@ -18,9 +19,11 @@ constexpr UnixMs kSlackMs = 2000;
 /// A statement of 32 KB whose every byte is escaped, and the rest.
 constexpr std::size_t kLineLimit = std::size_t{512} * 1024;
 constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
-constexpr std::size_t kReasonLimit = 1024;
-/// What an entry takes beside its texts.
-constexpr std::size_t kEntryCost = 1024;
+/// Bytes of a person and of a reason that are kept.
+constexpr std::size_t kTextLimit = 1024;
+/// What an entry and a key take beside their texts, with what the allocator adds.
+constexpr std::size_t kEntryCost = sizeof(JournalEntry) + 64;
+constexpr std::size_t kKeyCost = 1024;
 
 /// A text as the audit file has it, which knows printable ASCII alone.
 std::string cleaned(std::string_view text) {
@@ -81,21 +84,24 @@ JournalJoin::JournalJoin(const std::string& path) {
 }
 
 void JournalJoin::add_line(std::string_view line) {
-  Decision decision = parse_decision(line);
+  const Decision decision = parse_decision(line);
   if (decision.decision != kApproved) {
     ++declined_;
     return;
   }
   ++approved_;
-  if (decision.reason.size() > kReasonLimit) decision.reason.resize(kReasonLimit);
-  std::string key = key_of(cleaned(decision.policy), cleaned(decision.client_id),
-                           cleaned(decision.database), cleaned(decision.table));
-  kept_ += kEntryCost + key.size() + decision.person.size() + decision.reason.size();
+  // Copies: what was read may hold far more room than its text.
+  JournalEntry entry{.decided = *parse_time(decision.timestamp),
+                     .expires = *parse_time(*decision.expires_at),
+                     .person = std::string(cut_text(decision.person, kTextLimit)),
+                     .reason = std::string(cut_text(decision.reason, kTextLimit))};
+  const auto [place, is_new] =
+      waiting_.try_emplace(key_of(cleaned(decision.policy), cleaned(decision.client_id),
+                                  cleaned(decision.database), cleaned(decision.table)));
+  kept_ += kEntryCost + entry.person.size() + entry.reason.size() +
+           (is_new ? kKeyCost + place->first.size() : 0);
   if (kept_ > kMemoryLimit) throw Refusal("the journal is too large");
-  waiting_[std::move(key)].push_back({.decided = *parse_time(decision.timestamp),
-                                      .expires = *parse_time(*decision.expires_at),
-                                      .person = std::move(decision.person),
-                                      .reason = std::move(decision.reason)});
+  place->second.push_back(std::move(entry));
 }
 
 const JournalEntry* JournalJoin::take(const AuditRecord& record) {

@@ -41,14 +41,19 @@ std::string progress_line(std::uint64_t done, std::uint64_t total, double second
   return fmt::format("{:3.0f} %, {}", share < 1 ? 100 * share : 100, rate);
 }
 
-Progress::Progress(std::span<const std::string> files)
-    : is_shown_(stderr_is_terminal() && EnvironmentValue("TERM").view() != "dumb"),
+Progress::Progress(std::span<const std::string> files, bool is_wanted)
+    : is_shown_(is_wanted && stderr_is_terminal() && EnvironmentValue("TERM").view() != "dumb"),
       next_(start_ + kFirstAfter) {
   if (is_shown_) total_ = size_of_all(files);
 }
 
 Progress::~Progress() {
+  clear();
+}
+
+void Progress::clear() {
   if (has_line_) write_stderr(kLineStart);
+  has_line_ = false;
 }
 
 void Progress::show() {

@@ -12,12 +12,14 @@ namespace kova::admin {
 /// silent for what takes less than half a second. The line is removed at destruction.
 class Progress {
  public:
-  /// Of files whose sizes are unknown only the bytes are shown.
-  explicit Progress(std::span<const std::string> files);
+  /// Of files whose sizes are unknown only the bytes are shown, nothing if it is not wanted.
+  explicit Progress(std::span<const std::string> files, bool is_wanted = true);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
+  /// Removes the line; it comes again with the next bytes.
+  void clear();
   /// Bytes that were read since the last call.
   void add(std::uint64_t bytes) {
     done_ += bytes;

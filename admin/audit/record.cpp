@@ -44,7 +44,12 @@ constexpr NumberMember kNumberMembers[] = {
     {"rows", &AuditRecord::rows},
     {"bytes", &AuditRecord::bytes},
 };
-constexpr unsigned kAllMembers = (1U << (std::size(kTextMembers) + std::size(kNumberMembers))) - 1U;
+constexpr std::size_t kTexts = std::size(kTextMembers);
+constexpr std::size_t kMembers = kTexts + std::size(kNumberMembers);
+constexpr unsigned kAllMembers = (1U << kMembers) - 1U;
+
+/// The index of the member that follows in the server's own form: the numbers come after `objects`.
+constexpr std::size_t kFollowing[kMembers] = {1, 2, 3, 4, 5, 6, 7, 10, 9, 0, 11, 12, 8};
 
 /// Walks a line in the server's own form. Each function is false when the line goes on otherwise.
 class OwnForm {
@@ -83,6 +88,17 @@ class OwnForm {
     return digits > 0 && digits <= kDigitLimit && (digits == 1 || *start != '0');
   }
 
+  /// One sign, with the blanks of JSON before it.
+  [[nodiscard]] bool sign(char wanted) {
+    skip_blanks();
+    if (p_ == end_ || *p_ != wanted) return false;
+    ++p_;
+    return true;
+  }
+  void skip_blanks() {
+    while (p_ != end_ && (*p_ == ' ' || *p_ == '\t' || *p_ == '\r')) ++p_;
+  }
+
   [[nodiscard]] bool at_end() const { return p_ == end_; }
 
  private:
@@ -109,6 +125,18 @@ class OwnForm {
   char* decoded_;
 };
 
+/// The index of a member's name among all, texts first, or kMembers. `expected` is tried first.
+std::size_t member_of(std::string_view name, std::size_t expected) {
+  const auto is_at = [&](std::size_t index) {
+    return name ==
+           (index < kTexts ? kTextMembers[index].name : kNumberMembers[index - kTexts].name);
+  };
+  if (is_at(expected)) return expected;
+  std::size_t index = 0;
+  while (index < kMembers && !is_at(index)) ++index;
+  return index;
+}
+
 bool parse_number(std::string_view text, std::uint64_t& value) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   return error == std::errc() && end == text.data() + text.size();
@@ -126,7 +154,7 @@ AuditRecordReader::AuditRecordReader() : tokens_(kTokenCapacity), decoded_(kAudi
 bool AuditRecordReader::read(std::string_view line, AuditRecord& record) {
   if (line.ends_with('\r')) line.remove_suffix(1);
   if (line.size() > kAuditLineLimit) return false;
-  return read_own_form(line, record) || read_document(line, record);
+  return read_own_form(line, record) || read_flat_form(line, record) || read_document(line, record);
 }
 
 bool AuditRecordReader::read_own_form(std::string_view line, AuditRecord& record) {
@@ -144,6 +172,34 @@ bool AuditRecordReader::read_own_form(std::string_view line, AuditRecord& record
          form.number(record.bytes) && form.literal(",\"status\":\"") && form.text(record.status) &&
          form.literal("\",\"error_class\":\"") && form.text(record.error_class) &&
          form.literal("\"}") && form.at_end() && read_time(record.timestamp, record);
+}
+
+// As other programs write the same members. What has further members, other escapes or a character
+// beyond ASCII is left to the document.
+bool AuditRecordReader::read_flat_form(std::string_view line, AuditRecord& record) {
+  OwnForm form(line, decoded_.data());
+  if (!form.sign('{')) return false;
+  unsigned seen = 0;
+  std::size_t member = 0;
+  do {
+    std::string_view name;
+    if (!form.sign('"') || !form.text(name) || !form.sign('"') || !form.sign(':')) return false;
+    member = member_of(name, member);
+    if (member == kMembers) return false;
+    seen |= 1U << member;
+    if (member < kTexts) {
+      if (!form.sign('"') || !form.text(record.*kTextMembers[member].field) || !form.sign('"')) {
+        return false;
+      }
+    } else {
+      form.skip_blanks();
+      if (!form.number(record.*kNumberMembers[member - kTexts].field)) return false;
+    }
+    member = kFollowing[member];
+  } while (form.sign(','));
+  if (!form.sign('}')) return false;
+  form.skip_blanks();
+  return form.at_end() && seen == kAllMembers && read_time(record.timestamp, record);
 }
 
 bool AuditRecordReader::read_document(std::string_view line, AuditRecord& record) {

@@ -34,8 +34,9 @@ struct AuditRecord {
   [[nodiscard]] bool ok() const { return status == "ok"; }
 };
 
-/// Reads lines. A line in the server's own form is read in one pass without a token; every other
-/// one by the JSON document of the core, which decides what is JSON.
+/// Reads lines. A line in the server's own form is read in one pass without a token, and so is one
+/// whose members have another order or blanks between them; every other one by the JSON document of
+/// the core, which decides what is JSON.
 class AuditRecordReader {
  public:
   AuditRecordReader();
@@ -49,6 +50,7 @@ class AuditRecordReader {
 
  private:
   [[nodiscard]] bool read_own_form(std::string_view line, AuditRecord& record);
+  [[nodiscard]] bool read_flat_form(std::string_view line, AuditRecord& record);
   [[nodiscard]] bool read_document(std::string_view line, AuditRecord& record);
   [[nodiscard]] bool read_text(const JsonDoc& doc, int value, std::string_view& text);
   [[nodiscard]] bool read_time(std::string_view text, AuditRecord& record);

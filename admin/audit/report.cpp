@@ -34,7 +34,7 @@ void write_report(const Options& options, AuditLog& log, const ReportFrame& fram
   if (options.format == "json") {
     write_json_report(log, out);
   } else if (options.format == "csv") {
-    write_csv_report(log, out);
+    write_csv_report(log, frame, out);
   } else if (options.format == "text") {
     write_text_report(log, frame, out);
   } else {

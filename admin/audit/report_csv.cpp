@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <initializer_list>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "admin/audit/report_formats.h"
 #include "admin/common/json_output.h"
+#include "admin/common/printable.h"
 
 namespace kova::admin {
 
@@ -15,7 +17,7 @@ namespace {
 
 constexpr const char* kHeader =
     "table,name,client,tool,objects,timestamp,decision,status,calls,ok,errors,rows,bytes,"
-    "duration_ms,first,last,lines,unreadable,sha256\r\n";
+    "duration_ms,first,last,lines,unreadable,sha256,reason\r\n";
 
 /// The columns after `table`; those that do not apply stay empty.
 struct CsvRow {
@@ -38,16 +40,17 @@ struct CsvRow {
   std::string lines = {};
   std::string unreadable = {};
   std::string_view sha256 = {};
+  std::string_view reason = {};
 };
 
-/// Quoted where RFC 4180 wants it. A text that a spreadsheet would take for a formula gets an
-/// apostrophe in front.
+/// Quoted where RFC 4180 wants it, unusual characters escaped. A text that a spreadsheet would take
+/// for a formula gets an apostrophe in front.
 std::string field(std::string_view text) {
-  std::string value(text);
-  if (!value.empty() && std::string_view("=+-@\t\r").find(value[0]) != std::string_view::npos) {
+  std::string value = printable(text);
+  if (!value.empty() && std::string_view("=+-@").find(value[0]) != std::string_view::npos) {
     value.insert(0, 1, '\'');
   }
-  if (value.find_first_of(",\"\r\n") == value.npos) return value;
+  if (value.find_first_of(",\"") == value.npos) return value;
   std::string quoted = "\"";
   for (const char c : value) {
     if (c == '"') quoted += c;
@@ -60,9 +63,10 @@ void write_row(const CsvRow& row, OutputTarget& out) {
   std::string line;
   const char* separator = "";
   for (const std::string_view value : std::initializer_list<std::string_view>{
-           row.table, row.name, row.client, row.tool, row.objects, row.timestamp, row.decision,
-           row.status, row.calls, row.ok, row.errors, row.rows, row.bytes, row.duration, row.first,
-           row.last, row.lines, row.unreadable, row.sha256}) {
+           row.table,     row.name,     row.client,     row.tool,     row.objects,
+           row.timestamp, row.decision, row.status,     row.calls,    row.ok,
+           row.errors,    row.rows,     row.bytes,      row.duration, row.first,
+           row.last,      row.lines,    row.unreadable, row.sha256,   row.reason}) {
     line += separator + field(value);
     separator = ",";
   }
@@ -127,6 +131,20 @@ void write_times(Figures& figures, OutputTarget& out) {
   }
 }
 
+void write_number(std::string_view table, std::string_view name, std::uint64_t number,
+                  OutputTarget& out) {
+  write_row({.table = table, .name = name, .calls = std::to_string(number)}, out);
+}
+
+void write_approvals(const ApprovalCounts& approvals, const ReportFrame& frame, OutputTarget& out) {
+  write_number("approval", "required", approvals.required, out);
+  write_number("approval", "accepted", approvals.accepted, out);
+  write_number("approval", "refused", approvals.refused, out);
+  if (!frame.has_journal) return;
+  write_number("journal", "approved", frame.journal_approved, out);
+  write_number("journal", "declined", frame.journal_declined, out);
+}
+
 void write_combinations(std::string_view table, const std::vector<CombinationRow>& rows,
                         OutputTarget& out) {
   for (const CombinationRow& row : rows) {
@@ -166,7 +184,8 @@ void write_spools(AuditLog& log, OutputTarget& out) {
                .objects = text("table"),
                .timestamp = text("timestamp"),
                .decision = text("decision"),
-               .status = text("status")},
+               .status = text("status"),
+               .reason = text("reason")},
               out);
   });
   log.gaps.for_each([&](const std::string& line) {
@@ -183,7 +202,7 @@ void write_spools(AuditLog& log, OutputTarget& out) {
 
 }  // namespace
 
-void write_csv_report(AuditLog& log, OutputTarget& out) {
+void write_csv_report(AuditLog& log, const ReportFrame& frame, OutputTarget& out) {
   Figures& figures = log.figures;
   out.write(kHeader);
   write_files(log, out);
@@ -201,6 +220,7 @@ void write_csv_report(AuditLog& log, OutputTarget& out) {
                .last = time_text(row.span.last)},
               out);
   }
+  write_approvals(figures.approvals, frame, out);
   write_combinations("kill_switch", figures.kill_switch_uses(), out);
   write_combinations("first_seen", figures.first_seen(), out);
   write_top("slowest", figures.slowest, out);

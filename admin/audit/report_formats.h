@@ -24,7 +24,7 @@ void write_json_report(AuditLog& log, OutputTarget& out);
 /// A page for a terminal of 80 columns.
 void write_text_report(AuditLog& log, const ReportFrame& frame, OutputTarget& out);
 /// RFC 4180 with a header; the first column names the table that a row is of.
-void write_csv_report(AuditLog& log, OutputTarget& out);
+void write_csv_report(AuditLog& log, const ReportFrame& frame, OutputTarget& out);
 /// One HTML file that needs nothing else.
 void write_html_report(AuditLog& log, const ReportFrame& frame, OutputTarget& out);
 

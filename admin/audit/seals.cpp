@@ -4,26 +4,27 @@
 
 #include <algorithm>
 #include <charconv>
-#include <filesystem>
-#include <fstream>
 
 #include "admin/audit/audit_input.h"
 #include "admin/audit/content_digests.h"
 #include "admin/audit/lines.h"
 #include "admin/audit/record.h"
 #include "admin/common/json_output.h"
-#include "admin/common/paths.h"
 #include "admin/common/refusal.h"
 #include "base/ascii.h"
 #include "base/hex.h"
 #include "base/text.h"
 #include "platform/crypto.h"
+#include "platform/shared_input.h"
 
 namespace kova::admin {
 
 namespace {
 
 constexpr std::size_t kDigestDigits = 2 * kSha256Size;
+constexpr std::size_t kReadSize = std::size_t{64} * 1024;
+/// Bytes; room for kSealBlockLimit digests, their punctuation and a name.
+constexpr std::size_t kSealLineLimit = std::size_t{16} * 1024 * 1024;
 constexpr std::string_view kKeptWord = "kova-seal";
 
 /// The earliest and the latest time of the records in a content.
@@ -74,10 +75,14 @@ bool is_seal(const Json& line) {
     if (!line.contains(name)) return false;
   }
   const Json& blocks = line["blocks"];
+  const auto is_number_of_blocks = [&](std::uint64_t lines) {
+    return blocks.size() == lines / kSealBlockLines + (lines % kSealBlockLines != 0 ? 1 : 0);
+  };
   return line["file"].is_string() && is_digest(line["sha256"]) &&
          line["lines"].is_number_unsigned() && is_time_or_null(line["first"]) &&
          is_time_or_null(line["last"]) && is_digest_or_null(line["previous"]) &&
-         blocks.is_array() && std::all_of(blocks.begin(), blocks.end(), is_digest);
+         blocks.is_array() && std::all_of(blocks.begin(), blocks.end(), is_digest) &&
+         is_number_of_blocks(line["lines"].get<std::uint64_t>());
 }
 
 Json text_or_null(const std::optional<std::string>& text) {
@@ -103,6 +108,9 @@ Seal seal_file(const std::string& name, Progress& progress) {
       name,
       [&](std::string_view bytes) {
         digests.add(bytes);
+        if (digests.blocks().size() > kSealBlockLimit) {
+          throw Refusal(name + ": the file has too many lines to be sealed");
+        }
         times.add(bytes);
       },
       progress));
@@ -165,18 +173,30 @@ std::optional<KeptLine> parse_kept(std::string_view text) {
 
 std::uint64_t read_seals(const std::string& path,
                          const std::function<void(const SealsLine&)>& take) {
-  std::ifstream file(path_of(path), std::ios::binary);
-  if (!file || std::filesystem::is_directory(path_of(path))) {
+  SharedInput file;
+  if (path.find('\0') != std::string::npos || !file.open(path.c_str())) {
     throw Refusal(path + ": the file cannot be read");
   }
+  std::vector<char> block(kReadSize);
+  std::string line;
   std::uint64_t size = 0;
-  std::uint64_t number = 0;
-  for (std::string line; std::getline(file, line);) {
-    const bool has_end = !file.eof();
-    size += line.size() + (has_end ? 1 : 0);
-    take({.number = ++number, .text = line, .has_end = has_end});
+  std::uint64_t number = 1;
+  for (std::size_t got = 1; got > 0; size += got) {
+    if (!file.read(block.data(), block.size(), got)) {
+      throw Refusal(path + ": the file cannot be read");
+    }
+    std::string_view left(block.data(), got);
+    for (std::size_t end = 0; (end = left.find('\n')) != left.npos; left.remove_prefix(end + 1)) {
+      line += left.substr(0, end);
+      take({.number = number++, .text = line, .has_end = true});
+      line.clear();
+    }
+    line += left;
+    if (line.size() > kSealLineLimit) {
+      throw Refusal(fmt::format("{}: line {}: the line is too long", path, number));
+    }
   }
-  if (file.bad()) throw Refusal(path + ": the file cannot be read");
+  if (!line.empty()) take({.number = number, .text = line, .has_end = false});
   return size;
 }
 

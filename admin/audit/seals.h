@@ -8,6 +8,7 @@
 // the first line. A change of any line therefore shows in the one after it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -19,6 +20,9 @@
 #include "admin/audit/progress.h"
 
 namespace kova::admin {
+
+/// Blocks of a sealed file: 200 million lines.
+inline constexpr std::size_t kSealBlockLimit = 200000;
 
 struct Seal {
   std::string file;  ///< the name under which it was sealed

@@ -27,25 +27,28 @@ class Screen {
   explicit Screen(int lines) : lines_(static_cast<std::size_t>(lines)) {}
 
   void take(std::string_view line) {
-    AuditRecord record;
-    std::string text =
-        reader_.read(line, record) ? record_line(record, colour_) : unreadable_line(line);
-    text += '\n';
     if (is_live_) {
-      print(text);
+      show(line);
       return;
     }
-    waiting_.push_back(std::move(text));
+    // Read as records when it is known which are shown: the file may be long.
+    waiting_.emplace_back(line);
     if (waiting_.size() > lines_) waiting_.pop_front();
   }
 
   void go_live() {
     is_live_ = true;
-    for (const std::string& text : waiting_) print(text);
+    for (const std::string& line : waiting_) show(line);
     waiting_.clear();
   }
 
  private:
+  void show(std::string_view line) {
+    AuditRecord record;
+    print((reader_.read(line, record) ? record_line(record, colour_) : unreadable_line(line)) +
+          '\n');
+  }
+
   std::size_t lines_;
   bool is_live_ = false;
   bool colour_ = stdout_has_colour();

@@ -10,6 +10,7 @@
 | scripted_library | the client library that follows a script and logs what it is asked |
 | sample_engine | the sample engine as a process, its wire format, its client program |
 | sales_engine | a small database for the sample engine |
+| newcomer, debian_root, containers | the commands of docs/install.md; what to run them in |
 | policy_files | policy files and the environment that goes with them |
 | audit_files | reads audit files |
 | tool_calls, write_calls, ai_calls | one tool call with its reply, its statements, its records |

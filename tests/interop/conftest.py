@@ -12,13 +12,18 @@ import json
 import signal
 import subprocess
 from pathlib import Path
-from typing import Any, Callable, Iterator
+from typing import Any, Callable, Iterator, Mapping
 
 import pytest
 
-from harness.sales_engine import SALES
+from harness.front_ends import FrontEnd, Recorder
+from harness.http_client import HttpListener, HttpListeners
+from harness.policy_files import PolicyFiles
+from harness.sales_engine import SALES, profile
 from harness.sample_engine import Engine, make_database
+from harness.servers import Servers
 from harness.targets import ROOT, Target
+from tls_front_end import NAMES, make_certificate
 
 HERE = Path(__file__).resolve().parent
 SESSION_TIMEOUT = 80.0
@@ -55,14 +60,18 @@ def prepared(target: Target) -> list[str]:
 
 
 @pytest.fixture(scope="session")
-def sdk_session() -> Callable[..., Any]:
-    """`sdk_session(scenario, server, **wishes)` returns what session.mjs has found."""
+def pinned_packages() -> None:
+    """The Node.js packages are there, in the versions that package.json pins."""
     pinned = json.loads((HERE / "package.json").read_text("utf-8"))["dependencies"]
     for name, version in pinned.items():
         manifest = HERE / "node_modules" / name / "package.json"
         assert manifest.exists(), f"{name} is not installed; run scripts/setup.sh test"
         assert json.loads(manifest.read_text("utf-8"))["version"] == version
 
+
+@pytest.fixture(scope="session")
+def sdk_session(pinned_packages: None) -> Callable[..., Any]:
+    """`sdk_session(scenario, server, **wishes)` returns what session.mjs has found."""
     def play(scenario: str, server: dict[str, Any], **wishes: Any) -> Any:
         done = subprocess.run(["node", str(HERE / "session.mjs"), scenario], capture_output=True,
                               input=json.dumps({"server": server, **wishes}).encode(),
@@ -71,3 +80,36 @@ def sdk_session() -> Callable[..., Any]:
         return json.loads(done.stdout)
 
     return play
+
+
+@pytest.fixture(scope="session")
+def certificate(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    return make_certificate(tmp_path_factory.mktemp("tls"))
+
+
+@pytest.fixture
+def listen(servers: Servers, engine: Engine,
+           policy: PolicyFiles) -> Iterator[Callable[..., HttpListener]]:
+    """`listen(**variables)` starts a listener on the sample engine."""
+    listeners = HttpListeners(servers)
+    names = {"KOVA_MCP_HTTP_ALLOWED_HOSTS": NAMES.replace(" ", ",")}
+    yield lambda **variables: listeners({**profile(policy, engine), **names, **variables},
+                                        library="sample")
+    listeners.close()
+
+
+@pytest.fixture
+def front(certificate: Path, tmp_path: Path) -> Iterator[Callable[..., FrontEnd]]:
+    """`front(kind, *servers, changes={})` starts a front end before the servers."""
+    started: list[FrontEnd] = []
+
+    def start(kind: str, *servers: "HttpListener | Recorder",
+              changes: "Mapping[str, str] | None" = None) -> FrontEnd:
+        folder = tmp_path / f"{kind}-{len(started)}"
+        started.append(FrontEnd(kind, folder, certificate, [server.port for server in servers],
+                                changes or {}))
+        return started[-1]
+
+    yield start
+    for end in started:
+        end.stop()

@@ -4,6 +4,7 @@ entry exactly as it was written."""
 from __future__ import annotations
 
 import json
+import re
 from pathlib import Path
 from typing import Any, Callable
 
@@ -12,7 +13,7 @@ import pytest
 from harness.deployments import Admin
 from harness.sales_engine import COUNT_ORDERS, ORDERS
 from harness.sample_engine import LOOPBACK, PASSWORD, USER, Engine
-from harness.targets import Installation, Target
+from harness.targets import ROOT, Installation, Target
 
 CLIENTS = ["claude-desktop.json", "claude-code.json", "vscode.json", "cursor.json"]
 
@@ -50,3 +51,19 @@ def test_the_official_client_by_its_entry(sdk_session: Callable[..., Any], targe
     records = [json.loads(line) for line in
                (deployment / "audit.jsonl").read_text("utf-8").splitlines()]
     assert records[-1]["client_identity"] == "desk" and records[-1]["policy"] == "sales"
+
+
+@pytest.mark.parametrize("client", CLIENTS)
+def test_the_documented_entry(deployment: Path, client: str) -> None:
+    """docs/protocol.md shows each entry as it is written, with the paths of a Debian machine."""
+    text = (ROOT / "docs" / "protocol.md").read_text("utf-8")
+    name = {"claude-desktop.json": "Claude Desktop", "claude-code.json": "Claude Code",
+            "vscode.json": "VS Code", "cursor.json": "Cursor"}[client]
+    [shown] = re.findall(rf"^\*\*{name}\*\*, in .*?^```json\n(.*?)^```$", text,
+                         re.MULTILINE | re.DOTALL)
+    document = json.loads((deployment / "clients" / client).read_text("utf-8"))
+    [servers] = document.values()
+    [entry] = servers.values()
+    entry["command"] = "/usr/bin/kova-admin"
+    entry["args"][-1] = "/home/analyst/kova-sales/kova-mcp.env"
+    assert json.loads(shown) == document

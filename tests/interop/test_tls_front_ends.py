@@ -7,19 +7,16 @@ import subprocess
 import time
 import uuid
 from pathlib import Path
-from typing import Any, Callable, Iterator, Mapping
+from typing import Any, Callable, Iterator
 
 import pytest
 
 from harness.front_ends import Caller, FrontEnd, Recorder, Response, clean_environment
-from harness.http_client import TOKEN, HttpListener, HttpListeners
+from harness.http_client import TOKEN, HttpListener
 from harness.messages import call, cancel, request
-from harness.policy_files import PolicyFiles
-from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, profile, result
+from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, result
 from harness.sample_engine import Engine
-from harness.servers import Servers
 from harness.waiting import TIMEOUT, wait_until
-from tls_front_end import NAMES, make_certificate
 
 HERE = Path(__file__).resolve().parent
 SESSION_TIMEOUT = 120.0
@@ -51,21 +48,6 @@ Listen = Callable[..., HttpListener]
 Front = Callable[..., FrontEnd]
 
 
-@pytest.fixture(scope="session")
-def certificate(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    return make_certificate(tmp_path_factory.mktemp("tls"))
-
-
-@pytest.fixture
-def listen(servers: Servers, engine: Engine, policy: PolicyFiles) -> Iterator[Listen]:
-    """`listen(**variables)` starts a listener on the sample engine."""
-    listeners = HttpListeners(servers)
-    names = {"KOVA_MCP_HTTP_ALLOWED_HOSTS": NAMES.replace(" ", ",")}
-    yield lambda **variables: listeners({**profile(policy, engine), **names, **variables},
-                                        library="sample")
-    listeners.close()
-
-
 @pytest.fixture
 def record() -> Iterator[Callable[..., Recorder]]:
     started: list[Recorder] = []
@@ -77,23 +59,6 @@ def record() -> Iterator[Callable[..., Recorder]]:
     yield start
     for recorder in started:
         recorder.stop()
-
-
-@pytest.fixture
-def front(certificate: Path, tmp_path: Path) -> Iterator[Front]:
-    """`front(kind, *servers, changes={})` starts a front end before the servers."""
-    started: list[FrontEnd] = []
-
-    def start(kind: str, *servers: "HttpListener | Recorder",
-              changes: "Mapping[str, str] | None" = None) -> FrontEnd:
-        folder = tmp_path / f"{kind}-{len(started)}"
-        started.append(FrontEnd(kind, folder, certificate, [server.port for server in servers],
-                                changes or {}))
-        return started[-1]
-
-    yield start
-    for end in started:
-        end.stop()
 
 
 def session_of(response: Response) -> dict[str, str]:

@@ -3,17 +3,22 @@
     /usr/bin/python3 -m pytest tests/release --target linux --build-dir build/package-linux
     ... --target windows --build-dir build/package-windows
 
-The build folders are those of the presets package-linux and package-windows. Debian's scdoc, groff-base,
-lintian, zsh, logrotate and man-db have to be there, and some tests need to be root.
+The build folders are those of the presets package-linux and package-windows; sample engine and
+client library are those of the presets linux and windows. What scripts/setup.sh release installs has
+to be there, and some tests need to be root.
 """
 
 from __future__ import annotations
 
 from pathlib import Path
+from typing import Iterator
 
 import pytest
 
+from harness import debian_root
 from harness.packages import pack
+from harness.sales_engine import SALES
+from harness.sample_engine import Engine, make_database
 from harness.targets import ROOT, Target
 
 
@@ -38,3 +43,41 @@ def debian_package(packed: list[Path]) -> Path:
 def version() -> str:
     text = (ROOT / "CMakeLists.txt").read_text("utf-8")
     return text.partition("project(kova-mcp VERSION ")[2].split()[0]
+
+
+@pytest.fixture(scope="session")
+def engine_executable() -> Path:
+    """The sample engine is in no package: it is that of the preset linux."""
+    return built_sample("linux") / "kova-sample-engine"
+
+
+@pytest.fixture(scope="session")
+def client_library(target: Target) -> Path:
+    """The sample's, of the target's own preset."""
+    return built_sample(target.name) / target.library_name
+
+
+def built_sample(preset: str) -> Path:
+    folder = ROOT / "build" / preset / "sample"
+    assert folder.exists(), f"{folder} is not built"
+    return folder
+
+
+@pytest.fixture(scope="module")
+def engine(engine_executable: Path, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Engine]:
+    """The sample engine with the database of orders."""
+    folder = tmp_path_factory.mktemp("engine")
+    (folder / "data").mkdir()
+    make_database(folder / "data" / "SALES.db", SALES)
+    made = Engine(engine_executable, folder)
+    yield made
+    assert made.stop() == 0
+
+
+@pytest.fixture(scope="session")
+def empty_debian(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Path]:
+    """A tar archive of the root folder."""
+    made = tmp_path_factory.mktemp("empty-debian") / "debian.tar"
+    debian_root.make_archive(made)
+    yield made
+    made.unlink()

@@ -61,20 +61,22 @@ def test_ocsf(desk: Desk, file) -> None:
         stamp = made["timestamp"]
         seconds = calendar.timegm(time.strptime(stamp[:19], "%Y-%m-%dT%H:%M:%S"))
         activity = activities.get(made["tool"], 1)
-        assert event["time"] == seconds * 1000 + int(stamp[20:23])
-        assert (event["class_uid"], event["category_uid"], event["activity_id"],
-                event["type_uid"]) == (6005, 6, activity, 600500 + activity)
-        assert event["severity_id"] == (3 if made["policy_decision"] == "deny" else 1)
-        assert event["metadata"]["version"] == "1.6.0"
-        assert event["metadata"]["original_time"] == stamp
-        assert event["metadata"]["correlation_uid"] == made["correlation_id"]
-        assert event["actor"] == {"app_name": made["client_identity"]}
-        assert event["database"]["name"] == made["database_identity"]
-        assert event["status_id"] == (1 if made["status"] == "ok" else 2)
-        assert event["status_detail"] == made["policy_decision"]
-        assert event["duration"] == made["duration_ms"]
-        assert event["unmapped"] == {"objects": made["objects"], "rows": made["rows"],
-                                     "bytes": made["bytes"]}
+        ok = made["status"] == "ok"
+        assert event == {
+            "class_uid": 6005, "category_uid": 6, "activity_id": activity,
+            "type_uid": 600500 + activity,
+            "severity_id": 3 if made["policy_decision"] == "deny" else 1,
+            "time": seconds * 1000 + int(stamp[20:23]),
+            "metadata": {"version": "1.6.0", "product": {"name": "kova-mcp"},
+                         "correlation_uid": made["correlation_id"], "original_time": stamp,
+                         "event_code": made["tool"]},
+            "actor": {"app_name": made["client_identity"]},
+            "database": {"name": made["database_identity"], "type_id": 1}, "type_id": 1,
+            "status_id": 1 if ok else 2, "status_code": made["error_class"],
+            "status_detail": made["policy_decision"], "duration": made["duration_ms"], "count": 1,
+            "policy": {"name": made["policy"]},
+            "unmapped": {"objects": made["objects"], "rows": made["rows"],
+                         "bytes": made["bytes"]}}
 
 
 def test_files_filters_and_output(desk: Desk, file) -> None:

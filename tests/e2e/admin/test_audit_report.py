@@ -219,9 +219,29 @@ def test_the_journal_says_who_and_why(desk: Desk) -> None:
     assert b"journal: 3 approved, 1 declined" in text.stdout
     page = desk.run("audit", "report", "--journal", journal, file).stdout
     assert b"<td>bob</td><td>&lt;b&gt;</td>" in page and b"<b>" not in page.split(b"</ul>", 3)[3]
+    output = desk.run("audit", "report", "--format", "csv", "--journal", journal, file).stdout
+    rows = list(csv.DictReader(io.StringIO(output.decode(), newline="")))
+    assert [(row["name"], row["reason"]) for row in rows if row["table"] == "write"] == [
+        ("", ""), ("alice", "ticket 7"), ("bob", "<b>"), ("", ""), ("", ""), ("", "")]
+    assert [(row["table"], row["name"], row["calls"]) for row in rows
+            if row["table"] in ("approval", "journal")] == [
+        ("approval", "required", "1"), ("approval", "accepted", "5"), ("approval", "refused", "0"),
+        ("journal", "approved", "3"), ("journal", "declined", "1")]
     broken = desk.file("broken.jsonl", decision(0) + b"{}\n")
     assert "broken.jsonl: line 2: the member timestamp is missing" in refused(
         desk, "--journal", broken, file)
+
+
+def test_a_journal_of_many_approvals_of_one_client(desk: Desk) -> None:
+    made = {"timestamp": time_text(0), "decision": "approved", "operator": "alice", "host": "h",
+            "reason": "ticket", "policy": "sales_read", "client_id": "desk", "database": "SALES",
+            "type": "UPDATE", "table": "T", "statement": None, "digest": "d" * 64,
+            "nonce": "n" * 32, "expires_at": time_text(300)}
+    journal = desk.file("j.jsonl", (json.dumps(made) + "\n") * 70000)
+    file = write(desk.folder / "audit.jsonl", [
+        record(1, tool="kova_execute", objects="T", decision="approval_accepted")])
+    [row] = report(desk, "--journal", journal, file)["writes"]
+    assert row["operator"] == "alice"
 
 
 def test_csv_has_every_table(desk: Desk) -> None:
@@ -231,8 +251,8 @@ def test_csv_has_every_table(desk: Desk) -> None:
     rows = list(csv.DictReader(io.StringIO(output, newline="")))
     tables = {row["table"] for row in rows}
     assert tables == {"file", "total", "tool", "client", "decision", "over_time", "hour",
-                      "duration", "refusal", "kill_switch", "first_seen", "slowest", "largest",
-                      "write"}
+                      "duration", "refusal", "approval", "kill_switch", "first_seen", "slowest",
+                      "largest", "write"}
     assert {row["name"] for row in rows if row["table"] == "client"} == {
         "a", 'b"\\', "c d", "'=1+1", 'a,"b"'}
     assert sum(int(row["calls"]) for row in rows if row["table"] == "hour") == 52
@@ -252,7 +272,8 @@ def test_hostile_values_stay_text(desk: Desk) -> None:
     for markup in ("<script", "<img", "onerror=alert(1)>"):
         assert markup not in page
     text = desk.run("audit", "report", "--format", "text", file).stdout.decode()
-    for printed in (page, text):
+    table_text = desk.run("audit", "report", "--format", "csv", file).stdout.decode()
+    for printed in (page, text, table_text):
         assert not set(printed) & set("\x1b\x07\x00\u202e\u200b")
         assert "\\x1B[2J" in printed and "\\u{202E}evil" in printed
     found = report(desk, file)

@@ -213,3 +213,33 @@ def test_seals_that_cannot_be_read(vault: Vault) -> None:
     vault.seals.unlink()
     vault.seal("a")
     assert "--kept" in refused(vault, "verify", vault.seals, "--kept", "kova-seal 1 xyz")
+
+
+def test_seals_that_ask_for_too_much(vault: Vault) -> None:
+    seal = {"file": "a", "sha256": "a" * 64, "lines": 1 << 40, "first": None, "last": None,
+            "blocks": [], "previous": None}
+    for lines, blocks in ((1 << 40, 0), (2 ** 64 - 1, 1), (1000, 2), (1001, 1), (0, 1)):
+        made = {**seal, "lines": lines, "blocks": ["b" * 64] * blocks}
+        vault.seals.write_bytes(json.dumps(made).encode() + b"\n")
+        assert "SEALS: line 1: the line is no seal" in refused(vault, "verify", vault.seals)
+    vault.seals.write_bytes(b"x" * (17 << 20))
+    assert "SEALS: line 1: the line is too long" in refused(vault, "verify", vault.seals)
+    vault.rotate("a", 1)
+    assert "the line is too long" in refused(vault, "seal", "--to", vault.seals, vault.path("a"))
+
+
+def test_what_is_no_file_is_missing(vault: Vault) -> None:
+    file = vault.rotate("a", 2)
+    vault.seal("a")
+    file.unlink()
+    file.mkdir()
+    vault.broken(f"{vault.name('a')}: missing")
+
+
+def test_a_name_with_a_nul_is_missing(vault: Vault) -> None:
+    vault.rotate("a", 2)
+    vault.seal("a")
+    [made] = map(json.loads, vault.seal_lines())
+    vault.seals.write_text(json.dumps({**made, "file": vault.name("a") + "\0x"}) + "\n",
+                           newline="\n")
+    vault.broken(vault.name("a") + "\\x00x: missing")

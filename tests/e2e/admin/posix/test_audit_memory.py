@@ -2,16 +2,18 @@
 
 from __future__ import annotations
 
+import json
 import os
 import subprocess
 import time
+import zlib
 from pathlib import Path
 from typing import Callable, Iterator
 
 import pytest
 
 from harness.audit_logs import line, record
-from harness.operator_desk import Desk
+from harness.operator_desk import MEMBERS, Desk
 
 MEMORY_LIMIT_KB = 160 * 1024
 CHUNK = 1 << 20
@@ -48,8 +50,23 @@ def wild_clocks() -> Iterator[bytes]:
             1 + number * 7919 % 9999, 1 + number % 12))
 
 
+def many_tokens() -> Iterator[bytes]:
+    """Lines as long as one may be, of as much JSON as fits."""
+    for _ in range(300):
+        yield b"[" + b"0," * 32766 + b"0]\n" + b"[" * 65535 + b"\n" + b'{"a":' * 13107 + b"\n"
+
+
+def bomb() -> Iterator[bytes]:
+    """256 MiB in a quarter of one."""
+    pack = zlib.compressobj(9, zlib.DEFLATED, 31)
+    for _ in range(256):
+        yield pack.compress(bytes(CHUNK))
+    yield pack.flush()
+
+
 @pytest.mark.shipped_build
-@pytest.mark.parametrize("content", [endless_line, distinct_everything, long_writes, wild_clocks])
+@pytest.mark.parametrize("content", [endless_line, distinct_everything, long_writes, wild_clocks,
+                                     many_tokens, bomb])
 @pytest.mark.parametrize("form", ["json", "html"])
 def test_memory_is_bounded(desk: Desk, content: Callable[[], Iterator[bytes]], form: str) -> None:
     output = desk.folder / "report"
@@ -67,6 +84,29 @@ def test_memory_is_bounded(desk: Desk, content: Callable[[], Iterator[bytes]], f
     assert output.stat().st_size > 0
 
 
+@pytest.mark.shipped_build
+def test_memory_is_bounded_with_a_journal(desk: Desk) -> None:
+    """Approvals of as many policies, each with a long reason, as a journal may have."""
+    process = subprocess.Popen(
+        desk.command("audit", "report", "--journal", "/dev/stdin",
+                     desk.file("audit.jsonl", line(record()))),
+        env=desk.environment(), stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE)
+    assert process.stdin is not None and process.stderr is not None
+    made = {name: "x" for name in MEMBERS} | {
+        "timestamp": record()["timestamp"], "decision": "approved", "statement": None,
+        "reason": "r" * 16000, "expires_at": record()["timestamp"]}
+    for number in range(12000):
+        process.stdin.write(json.dumps({**made, "policy": f"p{number}"}).encode() + b"\n")
+    process.stdin.close()
+    error = process.stderr.read()
+    process.stderr.close()
+    _, status, used = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    assert (error, process.returncode) == (b"", 0)
+    assert used.ru_maxrss < MEMORY_LIMIT_KB
+
+
 def best_of_three(command: list[str], environment: dict[str, str]) -> float:
     seconds = []
     for _ in range(3):
@@ -78,11 +118,13 @@ def best_of_three(command: list[str], environment: dict[str, str]) -> float:
 
 @pytest.mark.shipped_build
 @pytest.mark.endurance
-def test_the_rate_is_ten_times_that_of_jq(desk: Desk, tmp_path: Path) -> None:
+@pytest.mark.parametrize("tool", ["kova_query", "kova_execute"])
+def test_the_rate_is_ten_times_that_of_jq(desk: Desk, tmp_path: Path, tool: str) -> None:
     file = tmp_path / "audit.jsonl"
     with open(file, "wb") as out:
         for number in range(150000):
-            out.write(line(record(number, correlation_id=str(number), duration=number % 997)))
+            out.write(line(record(number, correlation_id=str(number), duration=number % 997,
+                                  tool=tool)))
     assert file.stat().st_size >= 40_000_000
     environment = desk.environment()
     ours = best_of_three(desk.command("audit", "report", "--format", "json", file), environment)

@@ -14,6 +14,7 @@
 #include "admin/audit/lines.h"
 #include "admin/audit/progress.h"
 #include "admin/audit/report_formats.h"
+#include "admin/common/json_output.h"
 
 namespace kova::admin {
 namespace {
@@ -178,6 +179,7 @@ TEST(Figures, TellRefusalsFromFailures) {
                                   {"kova_execute", "approval_required", "T", "error"},
                                   {"kova_execute", "approval_accepted", "T", "error"},
                                   {"kova_execute", "deny", "T", "error"},
+                                  {"kova_execute", "deny", "", "error"},
                                   {"kova_list_tables", "allow", "", "error"}};
   for (const auto& [tool, decision, objects, status] : cases) {
     AuditRecord record = record_of("a");
@@ -196,13 +198,25 @@ TEST(Figures, TellRefusalsFromFailures) {
             "approval_required kova_execute\nquery checks kova_query\nfailed kova_execute\n"
             "failed kova_list_tables\nfailed kova_query\n");
   EXPECT_EQ(figures.hours[0].calls[0], 1U);
-  EXPECT_EQ(figures.hours[0].calls[1], 5U);
+  EXPECT_EQ(figures.hours[0].calls[1], 6U);
   EXPECT_EQ(figures.hours[0].calls[2], 3U);
   EXPECT_EQ(figures.approvals.required, 1U);
   EXPECT_EQ(figures.approvals.accepted, 1U);
   EXPECT_EQ(figures.approvals.refused, 1U);
-  EXPECT_EQ(figures.writes.size(), 3U);
+  EXPECT_EQ(figures.writes.size(), 4U);
   EXPECT_EQ(figures.kill_switch_uses().size(), 1U);
+}
+
+TEST(JsonText, IsThatOfTheLibrary) {
+  for (int byte = 0; byte < 256; ++byte) {
+    for (const std::string& text :
+         {std::string(1, static_cast<char>(byte)),
+          "twenty plain bytes, " + std::string(1, static_cast<char>(byte)) + "z"}) {
+      std::string line = "{";
+      append_json_text(line, text);
+      EXPECT_EQ(line, "{" + json_line(Json(text))) << byte;
+    }
+  }
 }
 
 TEST(Spool, GivesEverythingInOrderFromMemoryAndFromTheFile) {

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "audit/audit.h"
 #include "support/guard_page.h"
@@ -140,7 +142,43 @@ TEST(AuditRecordReader, RefusesMembersOfAnotherType) {
       {":51.", ":60."},       {".158Z", ".15Z"},    {".158Z", ".158z"},  {".158Z", ".1x8Z"},
       {"desk", "a\x01z"},     {"desk", "\xFF"},     {"desk", "\\ud800"}, {"desk", "\\x"},
   };
-  for (const auto& [from, to] : cases) EXPECT_FALSE(readable(changed(from, to))) << to;
+  for (const auto& [from, to] : cases) {
+    const std::string line = changed(from, to);
+    EXPECT_FALSE(readable(line)) << to;
+    // Blanks lead to the other walk, a further member to the document.
+    EXPECT_FALSE(readable("{ " + line.substr(1))) << to;
+    EXPECT_FALSE(readable("{\"a\":1," + line.substr(1))) << to;
+  }
+}
+
+std::vector<std::string> members_of(const std::string& line) {
+  std::vector<std::string> members;
+  std::size_t begin = 1;
+  for (std::size_t end = 0; (end = line.find(",\"", begin)) != line.npos; begin = end + 1) {
+    members.push_back(line.substr(begin, end - begin));
+  }
+  members.push_back(line.substr(begin, line.size() - begin - 1));
+  return members;
+}
+
+TEST(AuditRecordReader, ReadsTheMembersInEveryOrder) {
+  std::vector<std::string> members = members_of(kLine);
+  ASSERT_EQ(members.size(), 13U);
+  for (std::size_t turn = 0; turn < 2 * members.size(); ++turn) {
+    std::rotate(members.begin(), members.begin() + 1, members.end());
+    if (turn == members.size()) std::reverse(members.begin(), members.end());
+    std::string line = "{";
+    for (const std::string& member : members) line += (line.size() > 1 ? ", " : " ") + member;
+    expect_the_record(line + "}");
+    expect_the_record(line + "\t} ");
+    EXPECT_FALSE(readable(line + ",}"));
+    EXPECT_FALSE(readable(line));
+    EXPECT_FALSE(readable(line + "}}"));
+    // Without the first member, and with the first one twice.
+    const std::string without = "{" + line.substr(line.find(',') + 1) + "}";
+    EXPECT_FALSE(readable(without)) << without;
+    expect_the_record(line + "," + members.front() + "}");
+  }
 }
 
 TEST(AuditRecordReader, LimitsTheLine) {
@@ -160,6 +198,11 @@ TEST(AuditRecordReader, ReadsNothingBeyondTheLine) {
   for (std::size_t size = 0; size <= kLine.size(); ++size) {
     const testing::GuardedText text(std::string_view(kLine).substr(0, size));
     EXPECT_EQ(reader.read(text.view(), record), size == kLine.size()) << size;
+  }
+  const std::string blanks = "{ " + kLine.substr(1);
+  for (std::size_t size = 0; size <= blanks.size(); ++size) {
+    const testing::GuardedText text(std::string_view(blanks).substr(0, size));
+    EXPECT_EQ(reader.read(text.view(), record), size == blanks.size()) << size;
   }
 }
 

@@ -85,7 +85,9 @@ TEST(Seals, OfAnotherFormAreNone) {
                            R"(","lines":0,"first":null,"last":null,"blocks":[],"previous":null})";
   EXPECT_TRUE(parse_seal(good));
   for (const auto& [from, to] :
-       {std::pair("\"lines\":0", "\"lines\":-1"), std::pair("\"blocks\":[]", "\"blocks\":[\"x\"]"),
+       {std::pair("\"lines\":0", "\"lines\":-1"), std::pair("\"lines\":0", "\"lines\":1"),
+        std::pair("\"lines\":0", "\"lines\":18446744073709551615"),
+        std::pair("\"blocks\":[]", "\"blocks\":[\"x\"]"),
         std::pair("\"previous\":null", "\"previous\":\"x\""),
         std::pair("\"file\":\"f\"", "\"file\":1"), std::pair("\"aaaa", "\"aaaax")}) {
     std::string bad = good;
