@@ -9,6 +9,7 @@
 #include "admin/audit/seal.h"
 #include "admin/audit/tail.h"
 #include "admin/audit/verify.h"
+#include "admin/bundle/bundle.h"
 #include "admin/common/command_line.h"
 #include "admin/common/output.h"
 #include "admin/doctor/doctor.h"
@@ -20,6 +21,7 @@
 #include "admin/policy/schema.h"
 #include "admin/policy/test.h"
 #include "admin/serve/serve.h"
+#include "admin/service/service.h"
 #include "platform/console.h"
 
 namespace {
@@ -48,6 +50,9 @@ constexpr kova::admin::Command kCommands[] = {
     {.name = "audit verify",
      .summary = "Compare sealed audit files with their seals",
      .add = kova::admin::add_audit_verify},
+    {.name = "bundle",
+     .summary = "Make a bundle for the clients of a deployment that only reads",
+     .add = kova::admin::add_bundle},
     {.name = "doctor",
      .summary = "Find what is wrong with a deployment",
      .add = kova::admin::add_doctor},
@@ -75,6 +80,21 @@ constexpr kova::admin::Command kCommands[] = {
     {.name = "serve",
      .summary = "Start the server with the environment of a file",
      .add = kova::admin::add_serve},
+    {.name = "service install",
+     .summary = "Install the HTTP listener as a service of Windows",
+     .add = kova::admin::add_service_install},
+    {.name = "service start",
+     .summary = "Start the service",
+     .add = kova::admin::add_service_start},
+    {.name = "service stop",
+     .summary = "Stop the service and all of its processes",
+     .add = kova::admin::add_service_stop},
+    {.name = "service remove",
+     .summary = "Remove the service",
+     .add = kova::admin::add_service_remove},
+    {.name = "service run",
+     .summary = "Be the service's process",
+     .add = kova::admin::add_service_run},
 };
 
 }  // namespace

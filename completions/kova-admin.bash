@@ -1,10 +1,11 @@
 # Completion for kova-admin. Written by scripts/make_command_files.py.
 _kova_admin() {
   local -A commands=(
-    ["kova-admin"]="approve approvals audit doctor init policy serve help"
+    ["kova-admin"]="approve approvals audit bundle doctor init policy serve service help"
     ["kova-admin approvals"]="list clean"
     ["kova-admin audit"]="report tail export seal verify"
     ["kova-admin policy"]="check diff explain lint schema test"
+    ["kova-admin service"]="install start stop remove run"
   )
   local -A options=(
     ["kova-admin"]="--help --version"
@@ -18,6 +19,7 @@ _kova_admin() {
     ["kova-admin audit export"]="--help --to --output --since --until --client --tool"
     ["kova-admin audit seal"]="--help --to"
     ["kova-admin audit verify"]="--help --kept"
+    ["kova-admin bundle"]="--help --env --output --server --library --audit"
     ["kova-admin doctor"]="--help --env --server --json"
     ["kova-admin init"]="--help --folder --server --port --database --user --password-file --client-id --name --tables --denied-columns --collections --write-tables --writes --transport --http-port --offline --json"
     ["kova-admin policy"]="--help"
@@ -28,6 +30,12 @@ _kova_admin() {
     ["kova-admin policy schema"]="--help"
     ["kova-admin policy test"]="--help --env --other-host --junit --fail-on-empty"
     ["kova-admin serve"]="--help --env --http"
+    ["kova-admin service"]="--help"
+    ["kova-admin service install"]="--help --env --http"
+    ["kova-admin service start"]="--help"
+    ["kova-admin service stop"]="--help"
+    ["kova-admin service remove"]="--help"
+    ["kova-admin service run"]="--help --env --http"
   )
   local -A values=(
     ["kova-admin approve --env"]="FILE"
@@ -56,6 +64,11 @@ _kova_admin() {
     ["kova-admin audit export --tool"]="TEXT"
     ["kova-admin audit seal --to"]="TEXT"
     ["kova-admin audit verify --kept"]="TEXT"
+    ["kova-admin bundle --env"]="FILE"
+    ["kova-admin bundle --output"]="FILE"
+    ["kova-admin bundle --server"]="FILE"
+    ["kova-admin bundle --library"]="FILE"
+    ["kova-admin bundle --audit"]="TEXT"
     ["kova-admin doctor --env"]="FILE"
     ["kova-admin doctor --server"]="FILE"
     ["kova-admin init --folder"]="FOLDER"
@@ -86,6 +99,10 @@ _kova_admin() {
     ["kova-admin policy test <"]="FILE"
     ["kova-admin serve --env"]="FILE"
     ["kova-admin serve --http"]="TEXT"
+    ["kova-admin service install --env"]="FILE"
+    ["kova-admin service install --http"]="TEXT"
+    ["kova-admin service run --env"]="FILE"
+    ["kova-admin service run --http"]="TEXT"
   )
   local current=${COMP_WORDS[COMP_CWORD]} path=kova-admin before='' help='' word kind i
   for ((i = 1; i < COMP_CWORD; i++)); do

@@ -9,10 +9,12 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "approve",
       "approvals",
       "audit",
+      "bundle",
       "doctor",
       "init",
       "policy",
       "serve",
+      "service",
       "help"
     ],
     "kova-admin approvals": [
@@ -33,6 +35,13 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "lint",
       "schema",
       "test"
+    ],
+    "kova-admin service": [
+      "install",
+      "start",
+      "stop",
+      "remove",
+      "run"
     ]
   },
   "options": {
@@ -99,6 +108,14 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin audit verify": [
       "--help",
       "--kept"
+    ],
+    "kova-admin bundle": [
+      "--help",
+      "--env",
+      "--output",
+      "--server",
+      "--library",
+      "--audit"
     ],
     "kova-admin doctor": [
       "--help",
@@ -169,6 +186,28 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
       "--help",
       "--env",
       "--http"
+    ],
+    "kova-admin service": [
+      "--help"
+    ],
+    "kova-admin service install": [
+      "--help",
+      "--env",
+      "--http"
+    ],
+    "kova-admin service start": [
+      "--help"
+    ],
+    "kova-admin service stop": [
+      "--help"
+    ],
+    "kova-admin service remove": [
+      "--help"
+    ],
+    "kova-admin service run": [
+      "--help",
+      "--env",
+      "--http"
     ]
   },
   "values": {
@@ -198,6 +237,11 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin audit export --tool": "TEXT",
     "kova-admin audit seal --to": "TEXT",
     "kova-admin audit verify --kept": "TEXT",
+    "kova-admin bundle --env": "FILE",
+    "kova-admin bundle --output": "FILE",
+    "kova-admin bundle --server": "FILE",
+    "kova-admin bundle --library": "FILE",
+    "kova-admin bundle --audit": "TEXT",
     "kova-admin doctor --env": "FILE",
     "kova-admin doctor --server": "FILE",
     "kova-admin init --folder": "FOLDER",
@@ -227,7 +271,11 @@ Register-ArgumentCompleter -Native -CommandName kova-admin, kova-admin.exe -Scri
     "kova-admin policy test --junit": "FILE",
     "kova-admin policy test <": "FILE",
     "kova-admin serve --env": "FILE",
-    "kova-admin serve --http": "TEXT"
+    "kova-admin serve --http": "TEXT",
+    "kova-admin service install --env": "FILE",
+    "kova-admin service install --http": "TEXT",
+    "kova-admin service run --env": "FILE",
+    "kova-admin service run --http": "TEXT"
   }
 }
 '@

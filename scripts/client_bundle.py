@@ -10,6 +10,9 @@ from typing import Any
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 import sort_archive  # noqa: E402
 
+MANIFEST = Path(__file__).resolve().parents[1] / "admin" / "bundle" / "manifest.json"
+"""What every bundle says of the server; `kova-admin bundle` uses it too."""
+
 ASKED = (
     # (name, variable, type, title, description, required, secret)
     ("policy", "KOVA_MCP_POLICY", "file", "Policy", "The policy file of this client", True, False),
@@ -39,27 +42,13 @@ def manifest(version: str) -> dict[str, Any]:
         if not required:
             # Without it the client hands on the name in the place of a value.
             asked[name]["default"] = ""
-    return {
-        "manifest_version": "0.3", "name": "kova-mcp", "display_name": "kova-mcp",
-        "version": version,
-        "description": "Policy-controlled access of an AI client to an SQL database.",
-        "author": {"name": "kova-mcp maintainers"},
-        "server": {
-            "type": "binary", "entry_point": "server/kova-mcp",
-            "mcp_config": {
-                "command": "${__dirname}/server/kova-mcp", "args": [], "env": environment,
-                "platform_overrides": {
-                    "win32": {"command": "${__dirname}/server/kova-mcp.exe",
-                              "env": {**environment, "PATH": "${user_config.library}"}},
-                    # Some clients lose the execute bit.
-                    "linux": {"command": "/bin/sh",
-                              "args": ["-c", 'chmod u+x "$0" 2>/dev/null; exec "$0"',
-                                       "${__dirname}/server/kova-mcp"],
-                              "env": {**environment,
-                                      "LD_LIBRARY_PATH": "${user_config.library}"}}}}},
-        "tools_generated": True,
-        "compatibility": {"platforms": ["win32", "linux"]},
-        "user_config": asked}
+    made = json.loads(MANIFEST.read_text("utf-8"))
+    config = made["server"]["mcp_config"]
+    config["env"] = environment
+    for platform, searched in (("win32", "PATH"), ("linux", "LD_LIBRARY_PATH")):
+        config["platform_overrides"][platform]["env"] = {
+            **environment, searched: "${user_config.library}"}
+    return {**made, "version": version, "user_config": asked}
 
 
 def write_bundle(path: Path, version: str, linux: Path, windows: Path, notices: Path,
