@@ -34,7 +34,7 @@ std::uint64_t size_of_all(std::span<const std::string> files) {
 
 std::string progress_line(std::uint64_t done, std::uint64_t total, double seconds) {
   const double megabytes = static_cast<double>(done) / kMegabyte;
-  const std::string rate = fmt::format("{:.0f} MB, {:.0f} MB/s", megabytes, megabytes / seconds);
+  std::string rate = fmt::format("{:.0f} MB, {:.0f} MB/s", megabytes, megabytes / seconds);
   if (total == 0) return rate;
   // A file may grow while it is read.
   const double share = static_cast<double>(done) / static_cast<double>(total);
