@@ -164,7 +164,9 @@ def rings(quick: bool) -> list[Step]:
     """In the order in which they are wanted. A sanitizer build takes more memory, and keeps what
     was freed for a while: what judges the shipped executable is not for it."""
     short = "not endurance and not sample_engine" if quick else "not endurance"
-    two = ("-n", "2")
+    # Tests of one group run in the same process.
+    grouped = ("--dist", "loadgroup")
+    two = ("-n", "2", *grouped)
     played = frozenset({"./run"})
     fuzz_results = LOGS / "fuzz.xml"
     return [
@@ -176,7 +178,7 @@ def rings(quick: bool) -> list[Step]:
         python_ring("interop", "linux", "tests/interop", "", holds=played),
         python_ring("e2e", "linux", "tests/e2e", short, *two),
         # Much of it waits until Wine has started a process.
-        python_ring("e2e", "windows", "tests/e2e", "not endurance", "-n", "3"),
+        python_ring("e2e", "windows", "tests/e2e", "not endurance", "-n", "3", *grouped),
         python_ring("interop", "windows", "tests/interop", "", holds=played),
         unit("windows"),
         python_ring("endurance", "linux", "tests/e2e", "endurance"),

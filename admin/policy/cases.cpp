@@ -37,12 +37,14 @@ class CasesReader {
                     &stopped)) {
       refuse_at(stopped, "this is not JSON");
     }
-    if (!doc_.is(0, JsonType::kArray))
+    if (!doc_.is(0, JsonType::kArray)) {
       refuse_at(begin_of(0), "the table of cases must be an array");
+    }
     std::vector<PolicyCase> cases;
     cases.reserve(static_cast<std::size_t>(doc_[0].size));
-    for (const int element : JsonElements(doc_, 0))
+    for (const int element : JsonElements(doc_, 0)) {
       cases.push_back(read_case(element, cases.size()));
+    }
     return cases;
   }
 

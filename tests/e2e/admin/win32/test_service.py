@@ -19,6 +19,9 @@ from harness.servers import Result
 from harness.targets import Installation, Target
 from harness.waiting import TIMEOUT, wait_until
 
+# One machine has one service of this name: one process runs all of these.
+pytestmark = pytest.mark.xdist_group("service")
+
 
 def remove(admin: Admin) -> None:
     admin.run("service", "stop")
