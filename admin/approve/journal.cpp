@@ -51,20 +51,61 @@ Json text_or_null(const std::optional<std::string>& text) {
   return text ? Json(*text) : Json(nullptr);
 }
 
-const Json& member(const Json& line, const char* name) {
-  const auto found = line.find(name);
-  if (found == line.end()) throw Refusal(fmt::format("the member {} is missing", name));
+[[noreturn]] void refuse_at(std::size_t column, const std::string& why) {
+  throw Refusal(fmt::format("column {}: {}", column, why));
+}
+
+/// A line that is parsed: the text with its members.
+struct ParsedLine {
+  std::string_view text;
+  Json members;
+};
+
+ParsedLine parse_line(std::string_view text) {
+  ParsedLine line{.text = text, .members = {}};
+  try {
+    line.members = Json::parse(text);
+  } catch (const Json::parse_error& error) {
+    refuse_at(std::max<std::size_t>(error.byte, 1), "the line is no JSON object");
+  }
+  if (!line.members.is_object()) refuse_at(1, "the line is no JSON object");
+  return line;
+}
+
+const Json& member(const ParsedLine& line, const char* name) {
+  const auto found = line.members.find(name);
+  if (found == line.members.end()) refuse_at(1, fmt::format("the member {} is missing", name));
   return *found;
 }
 
-void check_decision(const Decision& decision) {
-  const bool approved = decision.decision == kApproved;
-  if (!approved && decision.decision != kDeclined) throw Refusal("the decision is unknown");
-  if (!parse_time(decision.timestamp)) throw Refusal("the timestamp is invalid");
-  if (decision.nonce.has_value() != approved || decision.expires_at.has_value() != approved) {
-    throw Refusal("the nonce and the expiry do not fit the decision");
+/// The column of a member's name, or 1 where it is spelled in another way than the journal's own.
+std::size_t column_of(const ParsedLine& line, const char* name) {
+  const std::size_t index = line.text.find(fmt::format("\"{}\":", name));
+  return index == line.text.npos ? 1 : index + 1;
+}
+
+std::string text_of(const ParsedLine& line, const char* name) {
+  const Json& value = member(line, name);
+  if (!value.is_string()) {
+    refuse_at(column_of(line, name), fmt::format("the member {} is no text", name));
   }
-  if (approved && !parse_time(*decision.expires_at)) throw Refusal("the expiry is invalid");
+  return value.get<std::string>();
+}
+
+void check_decision(const ParsedLine& line, const Decision& decision) {
+  const bool approved = decision.decision == kApproved;
+  if (!approved && decision.decision != kDeclined) {
+    refuse_at(column_of(line, "decision"), "the decision is unknown");
+  }
+  if (!parse_time(decision.timestamp)) {
+    refuse_at(column_of(line, "timestamp"), "the timestamp is invalid");
+  }
+  if (decision.nonce.has_value() != approved || decision.expires_at.has_value() != approved) {
+    refuse_at(column_of(line, "nonce"), "the nonce and the expiry do not fit the decision");
+  }
+  if (approved && !parse_time(*decision.expires_at)) {
+    refuse_at(column_of(line, "expires_at"), "the expiry is invalid");
+  }
 }
 
 }  // namespace
@@ -102,21 +143,13 @@ std::string journal_line(const Decision& decision) {
 }
 
 Decision parse_decision(std::string_view text) {
-  const Json line = Json::parse(text, nullptr, false);
-  if (!line.is_object()) throw Refusal("the line is no JSON object");
+  const ParsedLine line = parse_line(text);
   Decision decision;
-  for (const TextMember& entry : kTextMembers) {
-    const Json& value = member(line, entry.name);
-    if (!value.is_string()) throw Refusal(fmt::format("the member {} is no text", entry.name));
-    decision.*entry.field = value.get<std::string>();
-  }
+  for (const TextMember& entry : kTextMembers) decision.*entry.field = text_of(line, entry.name);
   for (const OptionalMember& entry : kOptionalMembers) {
-    const Json& value = member(line, entry.name);
-    if (value.is_null()) continue;
-    if (!value.is_string()) throw Refusal(fmt::format("the member {} is no text", entry.name));
-    decision.*entry.field = value.get<std::string>();
+    if (!member(line, entry.name).is_null()) decision.*entry.field = text_of(line, entry.name);
   }
-  check_decision(decision);
+  check_decision(line, decision);
   return decision;
 }
 
@@ -139,10 +172,10 @@ std::vector<Decision> parse_journal(std::string_view text) {
   for (std::size_t number = 1; !text.empty(); ++number) {
     const std::size_t end = text.find('\n');
     try {
-      if (end == text.npos) throw Refusal("the line has no end");
+      if (end == text.npos) refuse_at(text.size() + 1, "the line has no end");
       decisions.push_back(parse_decision(text.substr(0, end)));
     } catch (const Refusal& refusal) {
-      throw Refusal(fmt::format("line {}: {}", number, refusal.what()));
+      throw Refusal(fmt::format("line {}, {}", number, refusal.what()));
     }
     text.remove_prefix(end + 1);
   }

@@ -49,10 +49,11 @@ void check_last_line(const std::string& path);
 /// Appends a decision and stores it for good. Throws Refusal.
 void append_decision(const std::string& path, const Decision& decision);
 
-/// Reads one line without its end. Throws Refusal for a malformed one.
+/// Reads one line without its end. Throws Refusal with the column, in bytes from 1, for a malformed
+/// one.
 [[nodiscard]] Decision parse_decision(std::string_view line);
 
-/// Reads the lines of a journal. Throws Refusal, with the line, for a malformed one.
+/// Reads the lines of a journal. Throws Refusal with line and column for a malformed one.
 [[nodiscard]] std::vector<Decision> parse_journal(std::string_view text);
 
 /// The same for a file; none that does not exist yet is empty.

@@ -43,7 +43,9 @@ std::string key_of(std::string_view policy, std::string_view client, std::string
 void check_rest(const std::string& text, std::uint64_t& number) {
   if (text.empty()) return;
   ++number;
-  throw Refusal(text.size() > kLineLimit ? "the line is too long" : "the line has no end");
+  throw Refusal(
+      fmt::format("column {}: {}", std::min(text.size(), kLineLimit) + 1,
+                  text.size() > kLineLimit ? "the line is too long" : "the line has no end"));
 }
 
 }  // namespace
@@ -73,7 +75,7 @@ JournalJoin::JournalJoin(const std::string& path) {
       text.erase(0, begin);
       if (at_end || text.size() > kLineLimit) check_rest(text, number);
     } catch (const Refusal& refusal) {
-      throw Refusal(fmt::format("{}: line {}: {}", path, number, refusal.what()));
+      throw Refusal(fmt::format("{}: line {}, {}", path, number, refusal.what()));
     }
   }
   for (auto& [key, entries] : waiting_) {

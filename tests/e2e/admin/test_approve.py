@@ -426,5 +426,5 @@ def test_a_journal_that_is_none(desk, command):
     desk.journal.write_text("{}\n")
     result = desk.run("approvals", command)
     assert (result.code, result.stdout) == (2, b"")
-    assert error(result) == (f"{desk.target.path(desk.journal)}: line 1: the member timestamp is "
-                             "missing")
+    assert error(result) == (f"{desk.target.path(desk.journal)}: line 1, column 1: the member "
+                             "timestamp is missing")

@@ -228,7 +228,7 @@ def test_the_journal_says_who_and_why(desk: Desk) -> None:
         ("approval", "required", "1"), ("approval", "accepted", "5"), ("approval", "refused", "0"),
         ("journal", "approved", "3"), ("journal", "declined", "1")]
     broken = desk.file("broken.jsonl", decision(0) + b"{}\n")
-    assert "broken.jsonl: line 2: the member timestamp is missing" in refused(
+    assert "broken.jsonl: line 2, column 1: the member timestamp is missing" in refused(
         desk, "--journal", broken, file)
 
 

@@ -78,22 +78,31 @@ TEST(Journal, RefusesALineThatIsNone) {
     std::string line = good;
     return good + line.replace(line.find(from), from.size(), to);
   };
+  const auto at = [&](const char* name, const char* why) {
+    return "line 2, column " + std::to_string(good.find('"' + std::string(name) + "\":") + 1) +
+           ": " + why;
+  };
   EXPECT_EQ(refusal_of(good + good), "accepted");
   EXPECT_EQ(refusal_of(""), "accepted");
-  EXPECT_EQ(refusal_of(good + "{}"), "line 2: the line has no end");
-  EXPECT_EQ(refusal_of(good + "\n"), "line 2: the line is no JSON object");
-  EXPECT_EQ(refusal_of("[]\n"), "line 1: the line is no JSON object");
-  EXPECT_EQ(refusal_of("{}\n"), "line 1: the member timestamp is missing");
-  EXPECT_EQ(refusal_of(with(R"("host":"vault",)", "")), "line 2: the member host is missing");
-  EXPECT_EQ(refusal_of(with("\"vault\"", "7")), "line 2: the member host is no text");
-  EXPECT_EQ(refusal_of(with("\"0011\"", "7")), "line 2: the member nonce is no text");
-  EXPECT_EQ(refusal_of(with("approved", "adopted")), "line 2: the decision is unknown");
-  EXPECT_EQ(refusal_of(with("05-06T07:08", "05-36T07:08")), "line 2: the timestamp is invalid");
-  EXPECT_EQ(refusal_of(with("07:13:09", "07:73:09")), "line 2: the expiry is invalid");
+  EXPECT_EQ(refusal_of(good + "{}"), "line 2, column 3: the line has no end");
+  EXPECT_EQ(refusal_of(good + "\n"), "line 2, column 1: the line is no JSON object");
+  EXPECT_EQ(refusal_of("[]\n"), "line 1, column 1: the line is no JSON object");
+  EXPECT_EQ(refusal_of(R"({"a":x})"
+                       "\n"),
+            "line 1, column 6: the line is no JSON object");
+  EXPECT_EQ(refusal_of("{}\n"), "line 1, column 1: the member timestamp is missing");
+  EXPECT_EQ(refusal_of(with(R"("host":"vault",)", "")),
+            "line 2, column 1: the member host is missing");
+  EXPECT_EQ(refusal_of(with("\"vault\"", "7")), at("host", "the member host is no text"));
+  EXPECT_EQ(refusal_of(with("\"0011\"", "7")), at("nonce", "the member nonce is no text"));
+  EXPECT_EQ(refusal_of(with("approved", "adopted")), at("decision", "the decision is unknown"));
+  EXPECT_EQ(refusal_of(with("05-06T07:08", "05-36T07:08")),
+            at("timestamp", "the timestamp is invalid"));
+  EXPECT_EQ(refusal_of(with("07:13:09", "07:73:09")), at("expires_at", "the expiry is invalid"));
   EXPECT_EQ(refusal_of(with("\"0011\"", "null")),
-            "line 2: the nonce and the expiry do not fit the decision");
+            at("nonce", "the nonce and the expiry do not fit the decision"));
   EXPECT_EQ(refusal_of(with("approved", "declined")),
-            "line 2: the nonce and the expiry do not fit the decision");
+            at("nonce", "the nonce and the expiry do not fit the decision"));
 }
 
 TEST(Journal, AppendsToTheFileAndReadsItBack) {
