@@ -7,13 +7,13 @@ namespace kova::admin {
 
 namespace {
 
-constexpr unsigned kSignificantBits = 10;
+constexpr int kSignificantBits = 10;
 constexpr std::uint64_t kParts = 1000;
 
 /// The largest value with the same upper bits.
 std::uint64_t rounded(std::uint64_t value) {
-  const unsigned dropped = static_cast<unsigned>(std::bit_width(value)) - kSignificantBits;
-  return value | ((std::uint64_t{1} << dropped) - 1);
+  const int dropped = static_cast<int>(std::bit_width(value)) - kSignificantBits;
+  return dropped > 0 ? value | ((std::uint64_t{1} << dropped) - 1) : value;
 }
 
 }  // namespace

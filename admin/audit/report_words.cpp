@@ -25,14 +25,14 @@ void add_sentence(std::vector<std::string>& sentences, const char* start,
 const std::vector<std::string_view>& what_is_missing() {
   static const std::vector<std::string_view> sentences = {
       "The statements, their tables, parameters and results: the record names a call, not its SQL.",
-      "Calls that ended in a protocol error: unknown tools, malformed messages, calls refused as "
-      "busy.",
-      "Calls that were cancelled, and calls whose worker crashed or was killed, unless they had "
-      "already replied. Their statement may have reached the engine.",
-      "Everything that is no tool call: sessions that began, lists of tools, approvals that were "
-      "issued.",
-      "Records that the file did not take: it could not be opened, the disk was full, another "
-      "program held it. A gap below may be such a time, or a quiet one.",
+      ("Calls that ended in a protocol error: unknown tools, malformed messages, calls refused as "
+       "busy."),
+      ("Calls that were cancelled, and calls whose worker crashed or was killed, unless they had "
+       "already replied. Their statement may have reached the engine."),
+      ("Everything that is no tool call: sessions that began, lists of tools, approvals that were "
+       "issued."),
+      ("Records that the file did not take: it could not be opened, the disk was full, another "
+       "program held it. A gap below may be such a time, or a quiet one."),
       "Proof. Whoever may write the file can change it; seals that are kept elsewhere show that.",
   };
   return sentences;
