@@ -112,7 +112,7 @@ class PolicyLint {
     for (const TableColumns& known : *subject_.columns) {
       if (!equal_ignoring_case(known.table, table)) continue;
       for (const std::string& column : known.columns) {
-        if (has_part(column, kPersonalColumns)) return table + '.' + column;
+        if (has_part(column, kPersonalColumns)) return fmt::format("{}.{}", table, column);
       }
     }
     return {};

@@ -28,6 +28,15 @@ def remove(admin: Admin) -> None:
     admin.run("service", "remove")
 
 
+@pytest.fixture(scope="session")
+def target(target: Target, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Target]:
+    """With a Wine of its own: in one that starts many programs at the same time there may be several
+    service managers, which know nothing of one another's services."""
+    own = Target(target.name, target.build, tmp_path_factory.mktemp("wine") / "prefix")
+    with own.ready():
+        yield own
+
+
 @pytest.fixture
 def admin(target: Target, installation: Installation, tmp_path: Path) -> Iterator[Admin]:
     """In a folder of the test's own, by which its processes are found."""
