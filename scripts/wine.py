@@ -112,6 +112,9 @@ def prepare(prefix: "Path | None" = None) -> None:
             # Each program looks its time zone up at its start, one registry key after the other:
             # that is nearly half of the start. Without the keys it takes the system's own.
             _run_quietly(prefix, "reg", "delete", TIME_ZONES, "/f")
+            # The next program would start a second service manager beside the one that made the
+            # prefix, and services would be known to one of them alone.
+            _end(prefix)
 
 
 @contextlib.contextmanager
@@ -155,6 +158,14 @@ def _run_quietly(prefix: Path, *program: str) -> None:
                        stderr=subprocess.DEVNULL)
     except subprocess.SubprocessError:
         raise WineFailure(f"Wine does not start in {prefix}: {' '.join(program)}") from None
+
+
+def _end(prefix: Path) -> None:
+    """Ends what runs in the prefix, and waits for the end."""
+    for option in ("-k", "-w"):
+        subprocess.run([server(), option], env=_variables(prefix), check=False,
+                       timeout=START_TIMEOUT, stdin=subprocess.DEVNULL,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
 
 def _start_keeper(prefix: Path) -> "subprocess.Popen[bytes]":

@@ -30,7 +30,7 @@ def remove(admin: Admin) -> None:
 
 @pytest.fixture(scope="session")
 def target(target: Target, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Target]:
-    """With a Wine of its own: in one that starts many programs at the same time there may be several
+    """With a Wine of its own: where many programs start at the same time there may be several
     service managers, which know nothing of one another's services."""
     own = Target(target.name, target.build, tmp_path_factory.mktemp("wine") / "prefix")
     with own.ready():
