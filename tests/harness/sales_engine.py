@@ -3,10 +3,11 @@
 from __future__ import annotations
 
 import json
-from typing import Any
+from pathlib import Path
+from typing import Any, Iterator
 
 from harness.policy_files import PolicyFiles
-from harness.sample_engine import USER, Engine
+from harness.sample_engine import USER, Engine, make_database
 
 ORDERS = 300
 SALES = f"""
@@ -25,6 +26,15 @@ SLOW = {"name": "kova_query", "ms": 1500, "args": {
 """Counts 8.1e9 combinations of rows, which takes longer than any test waits."""
 
 COUNT_ORDERS = {"name": "kova_query", "args": {"sql": "SELECT COUNT(ID) AS N FROM ORDERS"}}
+
+
+def sales_engine(executable: Path, folder: Path) -> Iterator[Engine]:
+    """The sample engine with this database in an empty folder, until the end of its tests."""
+    (folder / "data").mkdir()
+    make_database(folder / "data" / "SALES.db", SALES)
+    made = Engine(executable, folder)
+    yield made
+    assert made.stop() == 0
 
 
 def profile(policy: PolicyFiles, engine: Engine) -> dict[str, Any]:

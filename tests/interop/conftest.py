@@ -19,8 +19,8 @@ import pytest
 from harness.front_ends import FrontEnd, Recorder
 from harness.http_client import HttpListener, HttpListeners
 from harness.policy_files import PolicyFiles
-from harness.sales_engine import SALES, profile
-from harness.sample_engine import Engine, make_database
+from harness.sales_engine import profile, sales_engine
+from harness.sample_engine import Engine
 from harness.servers import Servers
 from harness.targets import ROOT, Target
 from tls_front_end import NAMES, make_certificate
@@ -39,13 +39,7 @@ def pytest_configure() -> None:
 
 @pytest.fixture(scope="module")
 def engine(engine_executable: Path, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Engine]:
-    """The sample engine with the database of orders."""
-    folder = tmp_path_factory.mktemp("engine")
-    (folder / "data").mkdir()
-    make_database(folder / "data" / "SALES.db", SALES)
-    made = Engine(engine_executable, folder)
-    yield made
-    assert made.stop() == 0
+    yield from sales_engine(engine_executable, tmp_path_factory.mktemp("engine"))
 
 
 @pytest.fixture(scope="session")

@@ -17,8 +17,8 @@ import pytest
 
 from harness import debian_root
 from harness.packages import pack
-from harness.sales_engine import SALES
-from harness.sample_engine import Engine, make_database
+from harness.sales_engine import sales_engine
+from harness.sample_engine import Engine
 from harness.targets import ROOT, Target
 
 
@@ -65,13 +65,7 @@ def built_sample(preset: str) -> Path:
 
 @pytest.fixture(scope="module")
 def engine(engine_executable: Path, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Engine]:
-    """The sample engine with the database of orders."""
-    folder = tmp_path_factory.mktemp("engine")
-    (folder / "data").mkdir()
-    make_database(folder / "data" / "SALES.db", SALES)
-    made = Engine(engine_executable, folder)
-    yield made
-    assert made.stop() == 0
+    yield from sales_engine(engine_executable, tmp_path_factory.mktemp("engine"))
 
 
 @pytest.fixture(scope="session")
