@@ -5,8 +5,8 @@ namespace kova::admin {
 namespace {
 
 constexpr unsigned kSlotBits = 18;
-constexpr std::size_t kSlots = std::size_t{1} << kSlotBits;
-static_assert(kSlots == 4 * Combinations::kLimit);
+constexpr std::size_t kCombinationSlots = std::size_t{1} << kSlotBits;
+static_assert(kCombinationSlots == 4 * Combinations::kLimit);
 
 /// Multiplicative hashing (Knuth, The Art of Computer Programming, vol. 3, 6.4): the upper bits.
 std::size_t slot_of(std::uint64_t key) {
@@ -15,7 +15,7 @@ std::size_t slot_of(std::uint64_t key) {
 
 }  // namespace
 
-Combinations::Combinations() : slots_(kSlots) {}
+Combinations::Combinations() : slots_(kCombinationSlots) {}
 
 void Combinations::add(std::uint64_t key, UnixMs time) {
   span_of(key).add(time);
@@ -23,7 +23,7 @@ void Combinations::add(std::uint64_t key, UnixMs time) {
 
 Span& Combinations::span_of(std::uint64_t key) {
   std::size_t slot = slot_of(key);
-  for (; slots_[slot] != 0; slot = (slot + 1) % kSlots) {
+  for (; slots_[slot] != 0; slot = (slot + 1) % kCombinationSlots) {
     Entry& entry = entries_[slots_[slot] - 1];
     if (entry.key == key) return entry.span;
   }

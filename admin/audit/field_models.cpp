@@ -7,8 +7,6 @@ namespace kova::admin {
 
 namespace {
 
-constexpr std::string_view kWriteTool = "kova_execute";
-
 // The model counts nanoseconds.
 std::uint64_t nanoseconds(std::uint64_t milliseconds) {
   constexpr std::uint64_t kFactor = 1000000;
@@ -20,14 +18,14 @@ const char* ecs_type(const AuditRecord& record) {
       record.decision == "approval_required") {
     return "denied";
   }
-  return record.tool == kWriteTool ? "change" : "access";
+  return record.is_write() ? "change" : "access";
 }
 
 int ocsf_activity(const AuditRecord& record) {
   constexpr int kRead = 1;
   constexpr int kQuery = 4;
   constexpr int kWrite = 5;
-  if (record.tool == kWriteTool) return kWrite;
+  if (record.is_write()) return kWrite;
   return record.tool == "kova_query" || record.tool.ends_with("_search") ? kQuery : kRead;
 }
 

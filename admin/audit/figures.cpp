@@ -6,7 +6,6 @@ namespace kova::admin {
 
 namespace {
 
-constexpr std::string_view kWriteTool = "kova_execute";
 constexpr std::string_view kQueryTool = "kova_query";
 constexpr UnixMs kHourMs = 3600000;
 /// Bits of a number of a TextTable.
@@ -90,7 +89,7 @@ void Figures::add(const AuditRecord& record) {
   }
   over_time.add(record.time, ending);
   ++hours[hour_of(record.time)].calls[static_cast<std::size_t>(ending)];
-  if (record.tool == kWriteTool) add_write(record);
+  if (record.is_write()) add_write(record);
 }
 
 void Figures::add_write(const AuditRecord& record) {

@@ -8,11 +8,11 @@ namespace kova::admin {
 
 namespace {
 
-constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
+constexpr std::size_t kTailBlockSize = std::size_t{64} * 1024;
 
 }  // namespace
 
-FollowedFile::FollowedFile(std::string path) : path_(std::move(path)), block_(kBlockSize) {
+FollowedFile::FollowedFile(std::string path) : path_(std::move(path)), block_(kTailBlockSize) {
   Part part{};
   if (path_.find('\0') != std::string::npos || !part.input.open(path_.c_str()) ||
       !part.input.identity(part.identity)) {

@@ -18,7 +18,7 @@ namespace {
 constexpr UnixMs kSlackMs = 2000;
 /// A statement of 32 KB whose every byte is escaped, and the rest.
 constexpr std::size_t kLineLimit = std::size_t{512} * 1024;
-constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
+constexpr std::size_t kJournalBlockSize = std::size_t{64} * 1024;
 /// Bytes of a person and of a reason that are kept.
 constexpr std::size_t kTextLimit = 1024;
 /// What an entry and a key take beside their texts, with what the allocator adds.
@@ -59,9 +59,9 @@ JournalJoin::JournalJoin(const std::string& path) {
   std::uint64_t number = 0;
   for (bool at_end = false; !at_end;) {
     const std::size_t kept = text.size();
-    text.resize(kept + kBlockSize);
+    text.resize(kept + kJournalBlockSize);
     std::size_t got = 0;
-    if (!file.read(text.data() + kept, kBlockSize, got)) {
+    if (!file.read(text.data() + kept, kJournalBlockSize, got)) {
       throw Refusal(path + ": the file cannot be read");
     }
     text.resize(kept + got);

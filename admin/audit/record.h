@@ -32,6 +32,7 @@ struct AuditRecord {
   std::string_view error_class;
 
   [[nodiscard]] bool ok() const { return status == "ok"; }
+  [[nodiscard]] bool is_write() const { return tool == "kova_execute"; }
 };
 
 /// Reads lines. A line in the server's own form is read in one pass without a token, and so is one

@@ -87,7 +87,7 @@ std::string text_of_time(const std::optional<UnixMs>& time) {
   return time ? time_text(*time) : std::string();
 }
 
-void write_files(const AuditLog& log, OutputTarget& out) {
+void write_file_rows(const AuditLog& log, OutputTarget& out) {
   for (const FileFacts& file : log.files) {
     write_row({.table = "file",
                .name = file.name,
@@ -205,7 +205,7 @@ void write_spools(AuditLog& log, OutputTarget& out) {
 void write_csv_report(AuditLog& log, const ReportFrame& frame, OutputTarget& out) {
   Figures& figures = log.figures;
   out.write(kHeader);
-  write_files(log, out);
+  write_file_rows(log, out);
   write_row(counts_row("total", "", figures.totals), out);
   write_table("tool", figures.tools, out);
   write_table("client", figures.clients, out);

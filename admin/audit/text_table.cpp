@@ -7,16 +7,16 @@ namespace kova::admin {
 namespace {
 
 /// A power of two; at most a quarter is taken.
-constexpr std::size_t kSlots = 4 * TextTable::kValueLimit;
+constexpr std::size_t kTextSlots = 4 * TextTable::kValueLimit;
 
 }  // namespace
 
-TextTable::TextTable() : slots_(kSlots) {}
+TextTable::TextTable() : slots_(kTextSlots) {}
 
 std::uint32_t TextTable::look_up(std::string_view value) {
   if (value.size() > kTextLimit || value == kOther) return kOtherId;
-  std::size_t slot = std::hash<std::string_view>()(value) % kSlots;
-  for (; slots_[slot] != 0; slot = (slot + 1) % kSlots) {
+  std::size_t slot = std::hash<std::string_view>()(value) % kTextSlots;
+  for (; slots_[slot] != 0; slot = (slot + 1) % kTextSlots) {
     const std::uint32_t id = slots_[slot] - 1U;
     if (texts_[id] == value) return last_ = id;
   }

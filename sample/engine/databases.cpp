@@ -12,14 +12,14 @@ namespace kova::sample {
 namespace {
 
 constexpr std::string_view kSuffix = ".db";
-constexpr std::size_t kNameLimit = 63;
+constexpr std::size_t kDatabaseNameLimit = 63;
 
 struct FolderCloser {
   void operator()(DIR* folder) const { ::closedir(folder); }
 };
 
 bool is_name(std::string_view name) {
-  return !name.empty() && name.size() <= kNameLimit &&
+  return !name.empty() && name.size() <= kDatabaseNameLimit &&
          std::all_of(name.begin(), name.end(), is_word_byte);
 }
 

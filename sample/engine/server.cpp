@@ -23,7 +23,7 @@ constexpr int kBacklog = 128;
 // The pause after the system had no room for another client.
 constexpr useconds_t kShortageUs = 20'000;
 
-[[noreturn]] void fail(const std::string& what) {
+[[noreturn]] void fail_with_errno(const std::string& what) {
   throw Failure(what + ": " + std::strerror(errno));
 }
 
@@ -46,7 +46,7 @@ Server::~Server() {
 }
 
 void Server::listen() {
-  if (!databases_.readable()) fail("cannot read " + options_.data);
+  if (!databases_.readable()) fail_with_errno("cannot read " + options_.data);
   open_descriptors();
   bind_listener();
 }
@@ -56,11 +56,11 @@ void Server::open_descriptors() {
   sigemptyset(&stops);
   sigaddset(&stops, SIGTERM);
   sigaddset(&stops, SIGINT);
-  if (::pthread_sigmask(SIG_BLOCK, &stops, nullptr) != 0) fail("signals");
+  if (::pthread_sigmask(SIG_BLOCK, &stops, nullptr) != 0) fail_with_errno("signals");
   signals_ = ::signalfd(-1, &stops, SFD_CLOEXEC);
   ended_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (signals_ < 0 || ended_ < 0 || listener_ < 0) fail("cannot listen");
+  if (signals_ < 0 || ended_ < 0 || listener_ < 0) fail_with_errno("cannot listen");
 }
 
 void Server::bind_listener() {
@@ -74,7 +74,7 @@ void Server::bind_listener() {
   auto* generic = reinterpret_cast<sockaddr*>(&address);
   if (::bind(listener_, generic, size) != 0 || ::listen(listener_, kBacklog) != 0 ||
       ::getsockname(listener_, generic, &size) != 0) {
-    fail("cannot listen on 127.0.0.1:" + std::to_string(options_.port));
+    fail_with_errno("cannot listen on 127.0.0.1:" + std::to_string(options_.port));
   }
   port_ = ntohs(address.sin_port);
 }

@@ -12,7 +12,7 @@ namespace kova::sample {
 
 namespace {
 
-constexpr std::size_t kNameLimit = 63;
+constexpr std::size_t kUserNameLimit = 63;
 constexpr std::size_t kPasswordLimit = 255;
 constexpr std::size_t kFileLimit = 1 << 20;
 
@@ -37,7 +37,7 @@ bool Users::add(std::string_view line) {
   if (colon == std::string_view::npos) return false;
   const std::string_view name = line.substr(0, colon);
   const std::string_view password = line.substr(colon + 1);
-  if (name.empty() || name.size() > kNameLimit) return false;
+  if (name.empty() || name.size() > kUserNameLimit) return false;
   if (name.find_first_of(",;") != std::string_view::npos) return false;
   if (password.empty() || password.size() > kPasswordLimit) return false;
   const auto same_name = [&](const User& user) { return user.name == name; };
