@@ -25,9 +25,9 @@ With --full, or by name:
   e2e-tsan           the tests of the servers' threads and of the operator's tool under it
   fuzz               every fuzzer for a bounded number of runs
   models             models of the threads' protocols: every interleaving, and their mutations
-By name alone, as root; scripts/setup.sh release installs what they need:
-  release-linux      archive, Debian package, client bundle, manual pages, completion, rotation
-  release-windows    archive and installer of the Windows executables
+  release-linux      archive, Debian package, client bundle, manual pages, completion, rotation,
+                     a newcomer's first session on an empty Debian and in containers
+  release-windows    archive and installer of the Windows executables, a newcomer's first session
 
 A line says when a build or ring ends, how it went, its seconds and the processor's seconds. The
 logs are in build/test-logs/. The last line is 'N passed, N failed'; the exit code is 1 when
@@ -64,7 +64,6 @@ NEWS_INTERVAL = 30
 BY_DEFAULT = ("checks", "unit-linux", "unit-windows", "e2e-linux", "e2e-windows", "interop-linux",
               "interop-windows")
 QUICK = ("checks", "unit-linux", "e2e-linux")
-BY_NAME_ALONE = ("release-linux", "release-windows")
 
 
 @dataclasses.dataclass
@@ -102,19 +101,21 @@ class Step:
 # What there is
 
 
-def build(preset: str, target: str) -> Step:
+def build(preset: str, target: str, *options: str) -> Step:
     return Step(f"build-{preset}",
-                [Command(["cmake", "--preset", preset]),
+                [Command(["cmake", "--preset", preset, *options]),
                  Command(["cmake", "--build", "--preset", preset, "--target", target])],
                 holds=frozenset({"processors"}), is_build=True)
 
 
-def builds(full: bool) -> list[Step]:
-    """In the order in which they are wanted. What no ring runs is built in the full run alone."""
-    target = "all" if full else "kova-test-programs"
-    return [build("linux", target), build("windows", target), build("asan", "kova-test-programs"),
-            build("tsan", "kova-test-programs"), build("fuzz", "all"),
-            build("package-linux", "all"), build("package-windows", "all")]
+def builds(full: bool, packages: bool) -> list[Step]:
+    """In the order in which they are wanted. What no ring runs is built in the full run alone.
+    The packages are made of the executables that the other rings test."""
+    target = "all" if full or packages else "kova-test-programs"
+    options = ("-DKOVA_PACKAGES=ON",) if packages else ()
+    return [build("linux", target, *options), build("windows", target, *options),
+            build("asan", "kova-test-programs"), build("tsan", "kova-test-programs"),
+            build("fuzz", "all")]
 
 
 def unit(preset: str) -> Step:
@@ -148,16 +149,6 @@ def python_ring(kind: str, preset: str, folder: str, chosen: str, *options: str,
         needs = ("build-linux", "build-windows")
         line = [WINE, "hold", *line]
     return Step(name, [Command(line, results)], needs, holds)
-
-
-def release_ring(target: str) -> Step:
-    name, folder = f"release-{target}", f"build/package-{target}"
-    results = LOGS / f"{name}.xml"
-    line = [PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--timeout=900",
-            f"--junitxml={results}", "tests/release", "--target", target, "--build-dir", folder]
-    if target == "windows":
-        line = [WINE, "hold", *line]
-    return Step(name, [Command(line, results)], (f"build-package-{target}",))
 
 
 def rings(quick: bool) -> list[Step]:
@@ -194,8 +185,9 @@ def rings(quick: bool) -> list[Step]:
         Step("models", [Command(["tests/models/run"], name="models of the threads' protocols")]),
         Step("lint", [Command(["scripts/check_lint.sh", "build/linux"])], ("build-linux",),
              frozenset({"processors"})),
-        release_ring("linux"),
-        release_ring("windows"),
+        # Packing looks whether the build is up to date, and so does ./run.
+        python_ring("release", "linux", "tests/release", "", holds=played),
+        python_ring("release", "windows", "tests/release", "", holds=played),
     ]
 
 
@@ -203,7 +195,8 @@ def chosen_steps(names: list[str], full: bool, quick: bool) -> list[Step]:
     """The rings of these names and the builds that they need, builds and rings each in order."""
     wanted = [step for step in rings(quick) if step.name in names]
     needed = {name for step in wanted for name in step.needs}
-    return [step for step in builds(full) if step.name in needed] + wanted
+    packages = any(name.startswith("release-") for name in names)
+    return [step for step in builds(full, packages) if step.name in needed] + wanted
 
 
 # Running
@@ -408,7 +401,7 @@ def main(arguments: list[str]) -> int:
             return 2
     if not names:
         by_default = list(QUICK if quick else BY_DEFAULT)
-        names = [name for name in known if name not in BY_NAME_ALONE] if full else by_default
+        names = known if full else by_default
     LOGS.mkdir(parents=True, exist_ok=True)
     os.environ.setdefault("WINEPREFIX", str(ROOT / "build" / "wineprefix"))
     steps = chosen_steps(names, full, quick)
