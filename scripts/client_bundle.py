@@ -1,4 +1,4 @@
-"""The plain client bundle (.mcpb): server and tool of both systems. It asks for all the rest."""
+"""The plain client bundle (.mcpb): the server of both systems. It asks for all the rest."""
 
 from __future__ import annotations
 

@@ -7,7 +7,8 @@
     ./test RING ...        these rings alone, and the builds that they need
     ./test --coverage      the lines and branches of src/ that tests run, in build/coverage/report
 
-  checks             layers, includes, platform conditions, formatting, no address in lock files
+  checks             layers, includes, platform conditions, formatting, no address in lock files,
+                     links of the documents
   unit-linux         unit tests, and what secrets leave on the stack
   unit-windows       the same of the Windows build, under Wine
   e2e-linux          end-to-end tests of the Linux executable
@@ -86,6 +87,8 @@ class Step:
     is_build: bool = False
     passed: int = 0
     failed: int = 0
+    skipped: dict[str, int] = dataclasses.field(default_factory=dict)
+    """How many, by the reason."""
     seconds: float = 0
     processor_seconds: float = 0
     started: float = 0
@@ -164,7 +167,8 @@ def rings(quick: bool) -> list[Step]:
         Step("checks",
              [Command([PYTHON, "scripts/check_layers.py"], name="layers and includes"),
               Command(["scripts/check_format.sh"], name="formatting"),
-              Command(["scripts/check_lock_files.sh"], name="lock files name no address")]),
+              Command(["scripts/check_lock_files.sh"], name="lock files name no address"),
+              Command([PYTHON, "scripts/check_links.py"], name="links of the documents")]),
         unit("linux"),
         python_ring("interop", "linux", "tests/interop", "", holds=played),
         python_ring("e2e", "linux", "tests/e2e", short, *two),
@@ -290,6 +294,7 @@ class Runner:
         passed, failed = int(good), int(not good)
         if command.results is not None:
             passed, failed = count_tests.counted(command.results)
+            step.skipped |= count_tests.skipped(command.results)
             # One that ended badly without a failed test has failed, too.
             if not good and failed == 0:
                 failed = 1
@@ -345,6 +350,9 @@ class Report:
             outcome = f"{step.passed} passed, {step.failed} failed"
         self.say(f"[{self.done:2}/{self.count}] {step.name:<18} {outcome:<26}"
                  f"{step.seconds:6.0f} s {step.processor_seconds:6.0f} s cpu")
+        for reason, count in step.skipped.items():
+            one_line = " ".join(reason.split())
+            self.say(f"    {count} skipped: {one_line[:200]}")
         if step.failed and not step.why_not:
             self._show(step)
 

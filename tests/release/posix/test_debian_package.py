@@ -6,11 +6,16 @@ of its own, for which the test needs to be root.
 
 from __future__ import annotations
 
+import os
 import subprocess
 from pathlib import Path
 
 import pytest
 
+from harness import privileges
+from harness.packages import EPOCH
+from harness.privileges import ENTER_COPY
+from harness.targets import Target
 from harness.waiting import TIMEOUT
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -18,11 +23,7 @@ ROOT = Path(__file__).resolve().parents[3]
 COPY = r"""
 set -eu
 copy=$1 package=$2 script=$3
-mount -t tmpfs none "$copy"
-mkdir "$copy/upper" "$copy/work" "$copy/root"
-mount -t overlay overlay -o "lowerdir=/,upperdir=$copy/upper,workdir=$copy/work" "$copy/root"
-mount -t proc none "$copy/root/proc"
-mount --rbind /dev "$copy/root/dev"
+""" + ENTER_COPY + r"""
 # Nothing of this system's service manager.
 mount -t tmpfs none "$copy/root/run"
 cp "$package" "$copy/root/kova-mcp.deb"
@@ -34,6 +35,8 @@ exec chroot "$copy/root" sh -euc "$script"
 def in_a_copy(tmp_path: Path, debian_package: Path):
     """`in_a_copy(script)` runs a script as root of a copy of this system and returns what it says;
     /kova-mcp.deb is there."""
+    privileges.need("a copy of this system")
+
     def run(script: str) -> str:
         copy = tmp_path / "copy"
         copy.mkdir()
@@ -134,6 +137,20 @@ def test_lintian_has_nothing_to_say(debian_package: Path) -> None:
                            "--fail-on", "error,warning", str(debian_package)],
                           capture_output=True, text=True, timeout=4 * TIMEOUT, check=False)
     assert done.returncode == 0, done.stdout + done.stderr
+
+
+def test_the_umask_of_the_builder_changes_no_rights(target: Target, debian_package: Path,
+                                                    tmp_path: Path) -> None:
+    subprocess.run(["cpack", "-G", "DEB", "-B", str(tmp_path)], cwd=target.build, umask=0o077,
+                   env={**os.environ, "SOURCE_DATE_EPOCH": EPOCH}, check=True,
+                   capture_output=True, timeout=4 * TIMEOUT)
+    [other] = tmp_path.glob("*.deb")
+    assert listed(other) == listed(debian_package)
+
+
+def listed(package: Path) -> str:
+    return subprocess.run(["dpkg-deb", "-c", str(package)], capture_output=True, text=True,
+                          timeout=TIMEOUT, check=True).stdout
 
 
 def test_the_files_are_those_of_the_tree(debian_package: Path, tmp_path: Path) -> None:
