@@ -25,9 +25,11 @@ set -eu
 copy=$1 package=$2 script=$3
 """ + ENTER_COPY + r"""
 # Nothing of this system's service manager.
-mount -t tmpfs none "$copy/root/run"
-cp "$package" "$copy/root/kova-mcp.deb"
-exec chroot "$copy/root" sh -euc "$script"
+mount -t tmpfs none "$root/run"
+# An index of all of its manual pages, which would be made anew each time.
+rm -f "$root/var/lib/man-db/auto-update"
+cp "$package" "$root/kova-mcp.deb"
+exec chroot "$root" sh -euc "$script"
 """
 
 
@@ -141,7 +143,10 @@ def test_lintian_has_nothing_to_say(debian_package: Path) -> None:
 
 def test_the_umask_of_the_builder_changes_no_rights(target: Target, debian_package: Path,
                                                     tmp_path: Path) -> None:
-    subprocess.run(["cpack", "-G", "DEB", "-B", str(tmp_path)], cwd=target.build, umask=0o077,
+    # What takes long, and has nothing to do with the rights, is left out.
+    subprocess.run(["cpack", "-G", "DEB", "-B", str(tmp_path), "-D",
+                    "CPACK_DEBIAN_COMPRESSION_TYPE=gzip", "-D",
+                    "CPACK_DEBIAN_PACKAGE_SHLIBDEPS=OFF"], cwd=target.build, umask=0o077,
                    env={**os.environ, "SOURCE_DATE_EPOCH": EPOCH}, check=True,
                    capture_output=True, timeout=4 * TIMEOUT)
     [other] = tmp_path.glob("*.deb")
