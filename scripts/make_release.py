@@ -1,7 +1,7 @@
 """Builds every artefact of a release into dist/ from the commit that is checked out.
 
     ./release                 builds; says each step
-    ./release --sign KEY      also signs SHA256SUMS with a minisign key
+    ./release --sign KEY      also signs SHA256SUMS with a minisign key, unless a check has failed
     ./release --check         also builds in a second folder and compares, and validates what is there
     ./release --only linux    the archive, the package and their bills of materials alone; or windows
     ./release --maintainer "NAME <ADDRESS>"       who maintains the Debian package
@@ -267,7 +267,7 @@ def main(arguments: list[str]) -> int:
                  *(["--maintainer", chosen.maintainer] if chosen.maintainer else []),
                  *registry_file.options_of(publisher)]
         found = check(again) if chosen.check else []
-        if chosen.sign:
+        if chosen.sign and not found:
             sign(chosen.sign)
     except (Refused, subprocess.CalledProcessError, OSError) as error:
         print(f"release: {error}", file=sys.stderr)
