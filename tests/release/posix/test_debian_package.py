@@ -7,6 +7,7 @@ of its own, for which the test needs to be root.
 from __future__ import annotations
 
 import os
+import re
 import subprocess
 from pathlib import Path
 
@@ -132,6 +133,14 @@ def test_an_upgrade_keeps_what_was_written(in_a_copy) -> None:
         """ + LEFT).splitlines()
     assert said[:2] == ["secret", "# mine"]
     assert WRITTEN <= set(said)
+
+
+def test_the_guide_names_the_oldest_glibc_that_will_do(debian_package: Path) -> None:
+    depends = subprocess.run(["dpkg-deb", "-f", str(debian_package), "Depends"], text=True,
+                             capture_output=True, timeout=TIMEOUT, check=True).stdout
+    [version] = re.findall(r"libc6 \(>= ([0-9.]+)\)", depends)
+    guide = (ROOT / "docs" / "install.md").read_text("utf-8")
+    assert re.findall(r"glibc ([0-9.]+) or newer", guide) == [version]
 
 
 def test_lintian_has_nothing_to_say(debian_package: Path) -> None:
