@@ -187,14 +187,16 @@ def differences(one: Path, other: Path, work: Path) -> list[str]:
 
 def build_again(arguments: list[str], work: Path) -> Path:
     """In a clone of its own, with the same commit."""
-    say(f"build again in {work}")
+    log = ROOT / "build" / "release" / "again.log"
+    log.unlink(missing_ok=True)
+    say(f"build again in {work} ({log})")
     clone = work / "another-folder" / "clone"
     run("git", "clone", "--quiet", "--local", ROOT, clone)
     run("git", "checkout", "--quiet", git("rev-parse", "HEAD"), cwd=clone)
     # A launcher of the compiler could return what the first build has compiled.
     for name in ("CMAKE_C_COMPILER_LAUNCHER", "CMAKE_CXX_COMPILER_LAUNCHER"):
         os.environ.pop(name, None)
-    run("./release", *arguments, cwd=clone)
+    run("./release", *arguments, cwd=clone, log=log)
     return clone / "dist"
 
 
