@@ -1,4 +1,4 @@
-"""The plain client bundle (.mcpb): server and tool of both systems. It asks for all the rest."""
+"""The plain client bundle (.mcpb): the server of both systems. It asks for all the rest."""
 
 from __future__ import annotations
 
@@ -32,7 +32,8 @@ def manifest(version: str) -> dict[str, Any]:
         "library": {"type": "directory", "title": "Client library",
                     "description": "The folder that holds the engine's client library",
                     "required": True}}
-    environment: dict[str, str] = {}
+    # Whatever the policy says: a bundle has no operator who approves a write.
+    environment = {"KOVA_MCP_DISABLE_WRITES": "1"}
     for name, variable, kind, title, description, required, secret in ASKED:
         environment[variable] = f"${{user_config.{name}}}"
         asked[name] = {"type": kind, "title": title, "description": description,

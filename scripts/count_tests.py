@@ -1,7 +1,8 @@
-"""How many tests of a JUnit file passed and how many failed."""
+"""How many tests of a JUnit file passed and how many failed, and why some were skipped."""
 
 from __future__ import annotations
 
+import collections
 import xml.etree.ElementTree as xml
 from pathlib import Path
 
@@ -19,3 +20,13 @@ def counted(path: Path) -> tuple[int, int]:
         elif case.find("skipped") is None and case.get("status") != "notrun":
             passed += 1
     return passed, failed
+
+
+def skipped(path: Path) -> dict[str, int]:
+    """The reasons for which tests were skipped, and how many each. None of an unreadable file."""
+    try:
+        elements = list(xml.parse(path).iter("skipped"))
+    except (OSError, xml.ParseError):
+        return {}
+    reasons = collections.Counter(one.get("message") or "no reason" for one in elements)
+    return dict(reasons)

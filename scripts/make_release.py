@@ -1,9 +1,10 @@
 """Builds every artefact of a release into dist/ from the commit that is checked out.
 
     ./release                 builds; says each step
-    ./release --sign KEY      also signs SHA256SUMS with a minisign key
+    ./release --sign KEY      also signs SHA256SUMS with a minisign key, unless a check has failed
     ./release --check         also builds in a second folder and compares, and validates what is there
     ./release --only linux    the archive, the package and their bills of materials alone; or windows
+    ./release --maintainer "NAME <ADDRESS>"       who maintains the Debian package
     ./release --registry-name NAME --registry-repository ADDRESS --registry-source SOURCE
               --registry-downloads ADDRESS      what dist/server.json says of the publisher
 
@@ -33,13 +34,13 @@ import windows_installer
 
 ROOT = Path(__file__).resolve().parents[1]
 DIST = ROOT / "dist"
-TARGETS = ("kova-mcp", "kova-admin")
+SERVER = "kova-mcp"
+TARGETS = (SERVER, "kova-admin")
 SUMS = "SHA256SUMS"
 REGISTRY = "server.json"
-NOT_CHOSEN = (
-    ("LICENSE", "the project's licence (a file LICENSE)"),
-    (None, "the maintainer's name (KOVA_MAINTAINER)"),
-    (None, "an Authenticode certificate: the executables and the MSI are not signed"))
+LICENCE = ROOT / "LICENSE"
+COPYRIGHT = ROOT / "cmake" / "debian" / "copyright"
+NO_LICENCE = "License: not-chosen"
 
 
 class Refused(Exception):
@@ -71,14 +72,18 @@ def version() -> str:
     return text.partition("project(kova-mcp VERSION ")[2].split()[0]
 
 
-def build(system: str, work: Path) -> tuple[Path, list[Path]]:
+def build(system: str, work: Path, maintainer: str) -> tuple[Path, list[Path]]:
     """Builds and packs; returns the build folder and the packages."""
     folder, packed, log = work / system, work / f"packed-{system}", work / f"{system}.log"
     say(f"build the {system} executables ({log})")
-    run("cmake", "--preset", f"package-{system}", "-B", folder, log=log)
+    # What an earlier commit has left would have its times.
+    for old in (folder, packed):
+        shutil.rmtree(old, ignore_errors=True)
+    log.unlink(missing_ok=True)
+    chosen = [f"-DKOVA_MAINTAINER={maintainer}"] if maintainer else []
+    run("cmake", "--preset", f"package-{system}", "-B", folder, *chosen, log=log)
     run("cmake", "--build", folder, log=log)
     say("pack them")
-    shutil.rmtree(packed, ignore_errors=True)
     run("cpack", "-B", packed, cwd=folder, log=log)
     return folder, sorted(path for path in packed.iterdir() if path.is_file())
 
@@ -92,19 +97,26 @@ def unpack(archive: Path, work: Path) -> Path:
     return top
 
 
-def make(systems: list[str], epoch: int, publisher: registry_file.Publisher) -> None:
+def packages_of(folder: Path, system: str, targets: "tuple[str, ...]") -> list[str]:
+    end = ".exe" if system == "windows" else ""
+    return bill_of_materials.packages_of_build(folder, [name + end for name in targets])
+
+
+def make(systems: list[str], epoch: int, maintainer: str,
+         publisher: registry_file.Publisher) -> None:
     work = ROOT / "build" / "release"
     work.mkdir(parents=True, exist_ok=True)
     shutil.rmtree(DIST, ignore_errors=True)
     DIST.mkdir()
     number = version()
     packages: dict[str, list[str]] = {}
+    of_servers: set[str] = set()
     programs: dict[str, Path] = {}
     contents: dict[str, list[str]] = {}
     for system in systems:
-        folder, packed = build(system, work)
-        packages[system] = bill_of_materials.packages_of_build(
-            folder, [name + (".exe" if system == "windows" else "") for name in TARGETS])
+        folder, packed = build(system, work, maintainer)
+        packages[system] = packages_of(folder, system, TARGETS)
+        of_servers.update(packages_of(folder, system, (SERVER,)))
         for path in packed:
             shutil.copy2(path, DIST)
             contents[path.name] = packages[system]
@@ -121,7 +133,7 @@ def make(systems: list[str], epoch: int, publisher: registry_file.Publisher) -> 
         client_bundle.write_bundle(DIST / bundle, number, programs["linux"] / "bin" / "kova-mcp",
                                    programs["windows"] / "kova-mcp.exe",
                                    ROOT / "THIRD-PARTY-NOTICES", epoch)
-        contents[bundle] = sorted({*packages["linux"], *packages["windows"]})
+        contents[bundle] = sorted(of_servers)
         text = registry_file.filled(DIST / bundle, number, publisher)
         (DIST / REGISTRY).write_text(text, encoding="utf-8")
     say("write the bills of materials and the sums")
@@ -175,13 +187,16 @@ def differences(one: Path, other: Path, work: Path) -> list[str]:
 
 def build_again(arguments: list[str], work: Path) -> Path:
     """In a clone of its own, with the same commit."""
-    say(f"build again in {work}")
+    log = ROOT / "build" / "release" / "again.log"
+    log.unlink(missing_ok=True)
+    say(f"build again in {work} ({log})")
     clone = work / "another-folder" / "clone"
     run("git", "clone", "--quiet", "--local", ROOT, clone)
     run("git", "checkout", "--quiet", git("rev-parse", "HEAD"), cwd=clone)
-    # A cache of compiled files would compare the first build with itself.
-    os.environ["CCACHE_DISABLE"] = "1"
-    run("./release", *arguments, cwd=clone)
+    # A launcher of the compiler could return what the first build has compiled.
+    for name in ("CMAKE_C_COMPILER_LAUNCHER", "CMAKE_CXX_COMPILER_LAUNCHER"):
+        os.environ.pop(name, None)
+    run("./release", *arguments, cwd=clone, log=log)
     return clone / "dist"
 
 
@@ -214,41 +229,55 @@ def check(options: list[str]) -> list[str]:
     return found + faults()
 
 
+def refuse_unready() -> None:
+    if git("status", "--porcelain"):
+        raise Refused("the tree is not as committed")
+    if f"\n## {version()}\n" not in (ROOT / "CHANGELOG.md").read_text("utf-8"):
+        raise Refused(f"CHANGELOG.md has no heading for {version()}")
+    if LICENCE.exists() and NO_LICENCE in COPYRIGHT.read_text("utf-8"):
+        raise Refused(f"{COPYRIGHT.relative_to(ROOT)} says that no licence is chosen")
+
+
+def missing(chosen: argparse.Namespace, publisher: registry_file.Publisher) -> list[str]:
+    """What only the owner can choose, and has not."""
+    named = ((LICENCE.exists(), "the project's licence (LICENSE, cmake/debian/copyright)"),
+             (chosen.maintainer, "the maintainer's name (--maintainer)"),
+             (publisher.is_chosen, "the names in the registry (--registry-...)"),
+             (chosen.sign, "the signing key (--sign)"),
+             (False, "an Authenticode certificate: the executables and the MSI are not signed"))
+    return [text for is_there, text in named if not is_there]
+
+
 def main(arguments: list[str]) -> int:
     parser = argparse.ArgumentParser(prog="./release", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--check", action="store_true", help="build twice, compare and validate")
     parser.add_argument("--sign", type=Path, metavar="KEY", help="a minisign secret key")
+    parser.add_argument("--maintainer", default="", metavar="NAME", help="of the Debian package")
     parser.add_argument("--only", choices=("linux", "windows"), help="one system's artefacts")
     registry_file.add_options(parser)
     chosen = parser.parse_args(arguments)
     publisher = registry_file.publisher_of(chosen)
     try:
-        if git("status", "--porcelain"):
-            raise Refused("the tree is not as committed")
-        if f"\n## {version()}\n" not in (ROOT / "CHANGELOG.md").read_text("utf-8"):
-            raise Refused(f"CHANGELOG.md has no heading for {version()}")
+        refuse_unready()
+        os.umask(0o022)
         epoch = int(git("log", "-1", "--format=%ct"))
         os.environ |= {"SOURCE_DATE_EPOCH": str(epoch), "TZ": "UTC", "LC_ALL": "C.UTF-8"}
         systems = [chosen.only] if chosen.only else ["linux", "windows"]
-        make(systems, epoch, publisher)
+        make(systems, epoch, chosen.maintainer, publisher)
         again = [*(["--only", chosen.only] if chosen.only else []),
+                 *(["--maintainer", chosen.maintainer] if chosen.maintainer else []),
                  *registry_file.options_of(publisher)]
         found = check(again) if chosen.check else []
-        if chosen.sign:
+        if chosen.sign and not found:
             sign(chosen.sign)
     except (Refused, subprocess.CalledProcessError, OSError) as error:
         print(f"release: {error}", file=sys.stderr)
         return 2
     for fault in found:
         print(f"release: {fault}", file=sys.stderr)
-    for file, text in NOT_CHOSEN:
-        if file is None or not (ROOT / file).exists():
-            say(f"missing, the owner's to choose: {text}")
-    if not publisher.is_chosen:
-        say("missing, the owner's to choose: the names in the registry (--registry-...)")
-    if not chosen.sign:
-        say("missing, the owner's to choose: the signing key (--sign)")
+    for text in missing(chosen, publisher):
+        say(f"missing, the owner's to choose: {text}")
     for path in sorted(DIST.iterdir()):
         say(f"dist/{path.name}")
     return 1 if found else 0

@@ -14,8 +14,11 @@ readonly -a PROXY=(nginx openssl)
 readonly -a MUTATION=(python3-clang)
 readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign
   mmdebstrap buildah podman runc catatonit)
-# Debian starts these as soon as they are installed, and with the system.
-readonly -a SERVICES=(nginx haproxy)
+# Debian starts these as soon as their package is installed, and with the system.
+readonly -A UNITS=([nginx]=nginx.service [haproxy]=haproxy.service [logrotate]=logrotate.timer
+  [man-db]=man-db.timer
+  [podman]="podman.socket podman.service podman-restart.service podman-auto-update.service \
+podman-auto-update.timer")
 readonly NODE_MINIMUM=18
 
 tests="$(dirname "$(readlink -f "$0")")/../tests"
@@ -82,12 +85,13 @@ run_as_root() {
   DEBIAN_FRONTEND=noninteractive bash -c "$1" >&2
 }
 
-# The command that installs the packages and starts none of their services, now or later.
+# The command that installs the packages and starts none of their units, now or later.
 installation_of() {
-  local command="apt-get update && apt-get install -y --no-install-recommends $*" service
-  local -a stopped=()
-  for service in "${SERVICES[@]}"; do
-    [[ " $* " != *" $service "* ]] || stopped+=("$service")
+  local command="apt-get update && apt-get install -y --no-install-recommends $*" package
+  local -a units stopped=()
+  for package in "$@"; do
+    read -ra units <<<"${UNITS[$package]-}"
+    stopped+=("${units[@]}")
   done
   if ((${#stopped[@]} > 0)) && command -v systemctl >/dev/null; then
     command="systemctl mask ${stopped[*]} && $command && systemctl unmask ${stopped[*]}"

@@ -7,7 +7,8 @@
     ./test RING ...        these rings alone, and the builds that they need
     ./test --coverage      the lines and branches of src/ that tests run, in build/coverage/report
 
-  checks             layers, includes, platform conditions, formatting, no address in lock files
+  checks             layers, includes, platform conditions, formatting, no address in lock files,
+                     links of the documents
   unit-linux         unit tests, and what secrets leave on the stack
   unit-windows       the same of the Windows build, under Wine
   e2e-linux          end-to-end tests of the Linux executable
@@ -25,9 +26,9 @@ With --full, or by name:
   e2e-tsan           the tests of the servers' threads and of the operator's tool under it
   fuzz               every fuzzer for a bounded number of runs
   models             models of the threads' protocols: every interleaving, and their mutations
-By name alone, as root; scripts/setup.sh release installs what they need:
-  release-linux      archive, Debian package, client bundle, manual pages, completion, rotation
-  release-windows    archive and installer of the Windows executables
+  release-linux      archive, Debian package, client bundle, manual pages, completion, rotation,
+                     a newcomer's first session on an empty Debian and in containers
+  release-windows    archive and installer of the Windows executables, a newcomer's first session
 
 A line says when a build or ring ends, how it went, its seconds and the processor's seconds. The
 logs are in build/test-logs/. The last line is 'N passed, N failed'; the exit code is 1 when
@@ -64,7 +65,6 @@ NEWS_INTERVAL = 30
 BY_DEFAULT = ("checks", "unit-linux", "unit-windows", "e2e-linux", "e2e-windows", "interop-linux",
               "interop-windows")
 QUICK = ("checks", "unit-linux", "e2e-linux")
-BY_NAME_ALONE = ("release-linux", "release-windows")
 
 
 @dataclasses.dataclass
@@ -87,6 +87,8 @@ class Step:
     is_build: bool = False
     passed: int = 0
     failed: int = 0
+    skipped: dict[str, int] = dataclasses.field(default_factory=dict)
+    """How many, by the reason."""
     seconds: float = 0
     processor_seconds: float = 0
     started: float = 0
@@ -102,19 +104,21 @@ class Step:
 # What there is
 
 
-def build(preset: str, target: str) -> Step:
+def build(preset: str, target: str, *options: str) -> Step:
     return Step(f"build-{preset}",
-                [Command(["cmake", "--preset", preset]),
+                [Command(["cmake", "--preset", preset, *options]),
                  Command(["cmake", "--build", "--preset", preset, "--target", target])],
                 holds=frozenset({"processors"}), is_build=True)
 
 
-def builds(full: bool) -> list[Step]:
-    """In the order in which they are wanted. What no ring runs is built in the full run alone."""
-    target = "all" if full else "kova-test-programs"
-    return [build("linux", target), build("windows", target), build("asan", "kova-test-programs"),
-            build("tsan", "kova-test-programs"), build("fuzz", "all"),
-            build("package-linux", "all"), build("package-windows", "all")]
+def builds(full: bool, packages: bool) -> list[Step]:
+    """In the order in which they are wanted. What no ring runs is built in the full run alone.
+    The packages are made of the executables that the other rings test."""
+    target = "all" if full or packages else "kova-test-programs"
+    options = ("-DKOVA_PACKAGES=ON",) if packages else ()
+    return [build("linux", target, *options), build("windows", target, *options),
+            build("asan", "kova-test-programs"), build("tsan", "kova-test-programs"),
+            build("fuzz", "all")]
 
 
 def unit(preset: str) -> Step:
@@ -150,16 +154,6 @@ def python_ring(kind: str, preset: str, folder: str, chosen: str, *options: str,
     return Step(name, [Command(line, results)], needs, holds)
 
 
-def release_ring(target: str) -> Step:
-    name, folder = f"release-{target}", f"build/package-{target}"
-    results = LOGS / f"{name}.xml"
-    line = [PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--timeout=900",
-            f"--junitxml={results}", "tests/release", "--target", target, "--build-dir", folder]
-    if target == "windows":
-        line = [WINE, "hold", *line]
-    return Step(name, [Command(line, results)], (f"build-package-{target}",))
-
-
 def rings(quick: bool) -> list[Step]:
     """In the order in which they are wanted. A sanitizer build takes more memory, and keeps what
     was freed for a while: what judges the shipped executable is not for it."""
@@ -173,7 +167,8 @@ def rings(quick: bool) -> list[Step]:
         Step("checks",
              [Command([PYTHON, "scripts/check_layers.py"], name="layers and includes"),
               Command(["scripts/check_format.sh"], name="formatting"),
-              Command(["scripts/check_lock_files.sh"], name="lock files name no address")]),
+              Command(["scripts/check_lock_files.sh"], name="lock files name no address"),
+              Command([PYTHON, "scripts/check_links.py"], name="links of the documents")]),
         unit("linux"),
         python_ring("interop", "linux", "tests/interop", "", holds=played),
         python_ring("e2e", "linux", "tests/e2e", short, *two),
@@ -194,8 +189,9 @@ def rings(quick: bool) -> list[Step]:
         Step("models", [Command(["tests/models/run"], name="models of the threads' protocols")]),
         Step("lint", [Command(["scripts/check_lint.sh", "build/linux"])], ("build-linux",),
              frozenset({"processors"})),
-        release_ring("linux"),
-        release_ring("windows"),
+        # Packing looks whether the build is up to date, and so does ./run.
+        python_ring("release", "linux", "tests/release", "", holds=played),
+        python_ring("release", "windows", "tests/release", "", holds=played),
     ]
 
 
@@ -203,7 +199,8 @@ def chosen_steps(names: list[str], full: bool, quick: bool) -> list[Step]:
     """The rings of these names and the builds that they need, builds and rings each in order."""
     wanted = [step for step in rings(quick) if step.name in names]
     needed = {name for step in wanted for name in step.needs}
-    return [step for step in builds(full) if step.name in needed] + wanted
+    packages = any(name.startswith("release-") for name in names)
+    return [step for step in builds(full, packages) if step.name in needed] + wanted
 
 
 # Running
@@ -297,6 +294,7 @@ class Runner:
         passed, failed = int(good), int(not good)
         if command.results is not None:
             passed, failed = count_tests.counted(command.results)
+            step.skipped |= count_tests.skipped(command.results)
             # One that ended badly without a failed test has failed, too.
             if not good and failed == 0:
                 failed = 1
@@ -352,6 +350,9 @@ class Report:
             outcome = f"{step.passed} passed, {step.failed} failed"
         self.say(f"[{self.done:2}/{self.count}] {step.name:<18} {outcome:<26}"
                  f"{step.seconds:6.0f} s {step.processor_seconds:6.0f} s cpu")
+        for reason, count in step.skipped.items():
+            one_line = " ".join(reason.split())
+            self.say(f"    {count} skipped: {one_line[:200]}")
         if step.failed and not step.why_not:
             self._show(step)
 
@@ -408,7 +409,7 @@ def main(arguments: list[str]) -> int:
             return 2
     if not names:
         by_default = list(QUICK if quick else BY_DEFAULT)
-        names = [name for name in known if name not in BY_NAME_ALONE] if full else by_default
+        names = known if full else by_default
     LOGS.mkdir(parents=True, exist_ok=True)
     os.environ.setdefault("WINEPREFIX", str(ROOT / "build" / "wineprefix"))
     steps = chosen_steps(names, full, quick)

@@ -11,6 +11,7 @@
 | sample_engine | the sample engine as a process, its wire format, its client program |
 | sales_engine | a small database for the sample engine |
 | newcomer, debian_root, containers | the commands of docs/install.md; what to run them in |
+| privileges | what the system allows: skips a test that needs more |
 | policy_files | policy files and the environment that goes with them |
 | audit_files | reads audit files |
 | tool_calls, write_calls, ai_calls | one tool call with its reply, its statements, its records |

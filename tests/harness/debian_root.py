@@ -6,6 +6,9 @@ import subprocess
 from pathlib import Path
 from typing import Sequence
 
+from harness.privileges import ENTER_ROOT
+from harness.waiting import TIMEOUT
+
 MAKE_LIMIT = 900.0
 """Seconds for making it, most of which is the download."""
 RUN_LIMIT = 600.0
@@ -14,8 +17,7 @@ ENTER = """
 set -eu
 root=$1 account=$2 folder=$3
 shift 3
-mount -t proc none "$root/proc"
-mount --rbind /dev "$root/dev"
+""" + ENTER_ROOT + """
 exec /usr/sbin/chroot --userspec="$account" "$root" /bin/sh -c 'cd "$0" && exec "$@"' "$folder" "$@"
 """
 
@@ -26,9 +28,20 @@ def codename() -> str:
     return name
 
 
+def sources() -> list[str]:
+    """Where this machine gets Debian's packages from, in the form of a line of sources.list."""
+    shown = subprocess.run(
+        ["apt-get", "indextargets", "--format", "$(ORIGIN) deb $(REPO_URI) $(RELEASE) $(COMPONENT)",
+         "Created-By: Packages"], capture_output=True, text=True, timeout=TIMEOUT, check=True).stdout
+    found = {line.partition(" ")[2] for line in shown.splitlines() if line.startswith("Debian ")}
+    assert found, "no package index; apt-get update fetches it"
+    return sorted(found)
+
+
 def make_archive(path: Path) -> None:
     """Writes a root folder with the packages that a Debian cannot be without, as a tar archive."""
-    done = subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", codename(), str(path)],
+    done = subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", codename(), str(path),
+                           *sources()],
                           stdin=subprocess.DEVNULL, capture_output=True, text=True,
                           timeout=MAKE_LIMIT, check=False)
     assert done.returncode == 0, done.stderr

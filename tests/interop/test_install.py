@@ -32,7 +32,7 @@ def documents(target: Target, installed: Path) -> Path:
 
 
 def files_of(folder: str) -> set[str]:
-    """All but the sources of the manual pages, which only a package has, made."""
+    """All but the sources of the manual pages."""
     return {str(path.relative_to(ROOT)) for path in (ROOT / folder).rglob("*")
             if path.is_file() and not path.is_relative_to(ROOT / "docs" / "man")}
 
@@ -47,6 +47,17 @@ def completions(target: Target, installed: Path, documents: Path) -> set[Path]:
     return found
 
 
+def manual_pages(target: Target, installed: Path, documents: Path) -> set[Path]:
+    """Of a build that is to be packed too (KOVA_PACKAGES)."""
+    cache = (target.executable.parent / "CMakeCache.txt").read_text("utf-8")
+    if "KOVA_PACKAGES:BOOL=ON" not in cache:
+        return set()
+    pages = ("kova-mcp.1", "kova-admin.1", "kova-mcp-policy.5")
+    if target.windows:
+        return {documents / "man" / f"{page}.txt" for page in pages}
+    return {installed / "share" / "man" / f"man{page[-1]}" / f"{page}.gz" for page in pages}
+
+
 def test_what_is_installed(target: Target, installed: Path, documents: Path) -> None:
     programs = {installed / (f"{name}.exe" if target.windows else f"bin/{name}")
                 for name in ("kova-mcp", "kova-admin")}
@@ -54,6 +65,7 @@ def test_what_is_installed(target: Target, installed: Path, documents: Path) -> 
     expected = {"README.md", "CHANGELOG.md", *files_of("docs"), *files_of("deploy"),
                 *(name for name in OPTIONAL if (ROOT / name).exists())}
     assert found == (programs | completions(target, installed, documents)
+                     | manual_pages(target, installed, documents)
                      | {documents / name for name in expected})
     scripts = {path for path in found if path.suffix == ".sh"}
     runnable = {path for path in found if path.stat().st_mode & 0o111}

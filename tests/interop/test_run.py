@@ -486,9 +486,21 @@ def test_setup_starts_no_service(folder: Path) -> None:
     done = machine.setup("build", "proxy", root=True)
     assert (done.returncode, done.stdout) == (0, "")
     assert machine.calls() == [
-        "systemctl mask nginx", "apt-get update",
+        "systemctl mask nginx.service", "apt-get update",
         "apt-get install -y --no-install-recommends nginx openssl",
-        "systemctl unmask nginx", "systemctl disable nginx"]
+        "systemctl unmask nginx.service", "systemctl disable nginx.service"]
+
+
+def test_setup_starts_nothing_of_what_a_release_needs(folder: Path) -> None:
+    present = [name for name in packages("RELEASE") if name not in ("logrotate", "podman")]
+    machine = Machine(folder, present)
+    done = machine.setup("release", root=False)
+    units = ("logrotate.timer podman.socket podman.service podman-restart.service"
+             " podman-auto-update.service podman-auto-update.timer")
+    assert done.stderr.splitlines()[-1] == (
+        f"  systemctl mask {units} && apt-get update &&"
+        " apt-get install -y --no-install-recommends logrotate podman &&"
+        f" systemctl unmask {units} && systemctl disable {units}")
 
 
 def test_setup_leaves_a_proxy_that_is_there_alone(folder: Path) -> None:

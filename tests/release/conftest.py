@@ -15,7 +15,7 @@ from typing import Iterator
 
 import pytest
 
-from harness import debian_root
+from harness import debian_root, privileges
 from harness.packages import pack
 from harness.sales_engine import sales_engine
 from harness.sample_engine import Engine
@@ -71,6 +71,7 @@ def engine(engine_executable: Path, tmp_path_factory: pytest.TempPathFactory) ->
 @pytest.fixture(scope="session")
 def empty_debian(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Path]:
     """A tar archive of the root folder."""
+    privileges.need("a root folder to run programs in")
     made = tmp_path_factory.mktemp("empty-debian") / "debian.tar"
     debian_root.make_archive(made)
     yield made

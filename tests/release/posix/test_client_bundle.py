@@ -61,14 +61,15 @@ def test_what_it_asks_for(bundle: Path) -> None:
     assert set(re.findall(r"\$\{user_config\.(\w+)\}", text)) == set(asked)
 
 
-def test_it_starts_by_its_own_command_without_the_execute_bit(bundle: Path, policy,
-                                                              tmp_path: Path) -> None:
-    """Unpacked as a client does that loses the bit; its answers put in."""
+def test_it_serves_reading_without_the_execute_bit(bundle: Path, policy, tmp_path: Path) -> None:
+    """Unpacked as a client does that loses the bit, and started by its own command, with the
+    answers put in. The policy lets writes run at once."""
     folder = tmp_path / "unpacked"
     with zipfile.ZipFile(bundle) as opened:
         opened.extractall(folder)
     assert not (folder / "server" / "kova-mcp").stat().st_mode & 0o111
-    identity = policy()
+    identity = policy(writes_enabled=True, approval_required=False, write_tables=["ORDERS"],
+                      write_types=["INSERT"])
     answers = {"library": str(tmp_path), "policy": str(identity["KOVA_MCP_POLICY"]),
                "client_id": identity["KOVA_MCP_CLIENT_ID"],
                "database": identity["KOVA_MCP_DATABASE"], "user": identity["KOVA_MCP_USER"],

@@ -15,7 +15,7 @@ from typing import Any, Iterator
 
 import pytest
 
-from harness import newcomer
+from harness import newcomer, privileges
 from harness.containers import Containers
 from harness.messages import call, notification, request
 from harness.sample_engine import PASSWORD, make_database
@@ -38,7 +38,12 @@ ENDED_BY_SIGTERM = 128 + 15
 
 
 @pytest.fixture(scope="module")
-def containers(empty_debian: Path, debian_package: Path, client_library: Path,
+def allowed() -> None:
+    privileges.need("containers")
+
+
+@pytest.fixture(scope="module")
+def containers(allowed: None, empty_debian: Path, debian_package: Path, client_library: Path,
                version: str) -> Iterator[Containers]:
     """With both images."""
     made = Containers()

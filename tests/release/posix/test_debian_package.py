@@ -6,11 +6,17 @@ of its own, for which the test needs to be root.
 
 from __future__ import annotations
 
+import os
+import re
 import subprocess
 from pathlib import Path
 
 import pytest
 
+from harness import privileges
+from harness.packages import EPOCH
+from harness.privileges import ENTER_COPY
+from harness.targets import Target
 from harness.waiting import TIMEOUT
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -18,15 +24,13 @@ ROOT = Path(__file__).resolve().parents[3]
 COPY = r"""
 set -eu
 copy=$1 package=$2 script=$3
-mount -t tmpfs none "$copy"
-mkdir "$copy/upper" "$copy/work" "$copy/root"
-mount -t overlay overlay -o "lowerdir=/,upperdir=$copy/upper,workdir=$copy/work" "$copy/root"
-mount -t proc none "$copy/root/proc"
-mount --rbind /dev "$copy/root/dev"
+""" + ENTER_COPY + r"""
 # Nothing of this system's service manager.
-mount -t tmpfs none "$copy/root/run"
-cp "$package" "$copy/root/kova-mcp.deb"
-exec chroot "$copy/root" sh -euc "$script"
+mount -t tmpfs none "$root/run"
+# An index of all of its manual pages, which would be made anew each time.
+rm -f "$root/var/lib/man-db/auto-update"
+cp "$package" "$root/kova-mcp.deb"
+exec chroot "$root" sh -euc "$script"
 """
 
 
@@ -34,6 +38,8 @@ exec chroot "$copy/root" sh -euc "$script"
 def in_a_copy(tmp_path: Path, debian_package: Path):
     """`in_a_copy(script)` runs a script as root of a copy of this system and returns what it says;
     /kova-mcp.deb is there."""
+    privileges.need("a copy of this system")
+
     def run(script: str) -> str:
         copy = tmp_path / "copy"
         copy.mkdir()
@@ -129,11 +135,36 @@ def test_an_upgrade_keeps_what_was_written(in_a_copy) -> None:
     assert WRITTEN <= set(said)
 
 
+def test_the_guide_names_the_oldest_glibc_that_will_do(debian_package: Path) -> None:
+    depends = subprocess.run(["dpkg-deb", "-f", str(debian_package), "Depends"], text=True,
+                             capture_output=True, timeout=TIMEOUT, check=True).stdout
+    [version] = re.findall(r"libc6 \(>= ([0-9.]+)\)", depends)
+    guide = (ROOT / "docs" / "install.md").read_text("utf-8")
+    assert re.findall(r"glibc ([0-9.]+) or newer", guide) == [version]
+
+
 def test_lintian_has_nothing_to_say(debian_package: Path) -> None:
     done = subprocess.run(["lintian", "--tag-display-limit", "0", "--pedantic", "--allow-root",
                            "--fail-on", "error,warning", str(debian_package)],
                           capture_output=True, text=True, timeout=4 * TIMEOUT, check=False)
     assert done.returncode == 0, done.stdout + done.stderr
+
+
+def test_the_umask_of_the_builder_changes_no_rights(target: Target, debian_package: Path,
+                                                    tmp_path: Path) -> None:
+    # What takes long, and has nothing to do with the rights, is left out.
+    subprocess.run(["cpack", "-G", "DEB", "-B", str(tmp_path), "-D",
+                    "CPACK_DEBIAN_COMPRESSION_TYPE=gzip", "-D",
+                    "CPACK_DEBIAN_PACKAGE_SHLIBDEPS=OFF"], cwd=target.build, umask=0o077,
+                   env={**os.environ, "SOURCE_DATE_EPOCH": EPOCH}, check=True,
+                   capture_output=True, timeout=4 * TIMEOUT)
+    [other] = tmp_path.glob("*.deb")
+    assert listed(other) == listed(debian_package)
+
+
+def listed(package: Path) -> str:
+    return subprocess.run(["dpkg-deb", "-c", str(package)], capture_output=True, text=True,
+                          timeout=TIMEOUT, check=True).stdout
 
 
 def test_the_files_are_those_of_the_tree(debian_package: Path, tmp_path: Path) -> None:
