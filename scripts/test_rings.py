@@ -4,7 +4,8 @@
     ./test                 what shows that it works here: both targets, in at most ten minutes
     ./test --full          every ring
     ./test --quick         checks, unit tests and the short end-to-end tests of Linux
-    ./test RING ...        these rings alone, and the builds that they need
+    ./test RING ...        these rings alone, and the builds that they need; with --full also what
+                           takes long in them
     ./test --coverage      the lines and branches of src/ that tests run, in build/coverage/report
 
   checks             layers, includes, platform conditions, formatting, no address in lock files,
@@ -15,7 +16,7 @@
   e2e-windows        end-to-end tests of the Windows executable, under Wine
   interop-linux      official client SDK and sample engine, Linux executable; ./run
   interop-windows    the same with the Windows executable
-With --full, or by name:
+With --full, or by name; with --full the rings above also run what takes long in them:
   lint               clang-tidy over the product and the sample
   endurance-linux    long runs of the listener
   endurance-windows  the same of the Windows executable
@@ -154,10 +155,12 @@ def python_ring(kind: str, preset: str, folder: str, chosen: str, *options: str,
     return Step(name, [Command(line, results)], needs, holds)
 
 
-def rings(quick: bool) -> list[Step]:
+def rings(full: bool, quick: bool) -> list[Step]:
     """In the order in which they are wanted. A sanitizer build takes more memory, and keeps what
     was freed for a while: what judges the shipped executable is not for it."""
-    short = "not endurance and not sample_engine" if quick else "not endurance"
+    client = "" if full else "not slow"
+    short = "not endurance" if full else "not endurance and not slow"
+    quickest = f"{short} and not sample_engine" if quick else short
     # Tests of one group run in the same process.
     grouped = ("--dist", "loadgroup")
     two = ("-n", "2", *grouped)
@@ -170,11 +173,11 @@ def rings(quick: bool) -> list[Step]:
               Command(["scripts/check_lock_files.sh"], name="lock files name no address"),
               Command([PYTHON, "scripts/check_links.py"], name="links of the documents")]),
         unit("linux"),
-        python_ring("interop", "linux", "tests/interop", "", holds=played),
-        python_ring("e2e", "linux", "tests/e2e", short, *two),
+        python_ring("interop", "linux", "tests/interop", client, holds=played),
+        python_ring("e2e", "linux", "tests/e2e", quickest, *two),
         # Much of it waits until Wine has started a process.
-        python_ring("e2e", "windows", "tests/e2e", "not endurance", "-n", "3", *grouped),
-        python_ring("interop", "windows", "tests/interop", "", holds=played),
+        python_ring("e2e", "windows", "tests/e2e", short, "-n", "3", *grouped),
+        python_ring("interop", "windows", "tests/interop", client, holds=played),
         unit("windows"),
         python_ring("endurance", "linux", "tests/e2e", "endurance"),
         python_ring("endurance", "windows", "tests/e2e", "endurance"),
@@ -197,7 +200,7 @@ def rings(quick: bool) -> list[Step]:
 
 def chosen_steps(names: list[str], full: bool, quick: bool) -> list[Step]:
     """The rings of these names and the builds that they need, builds and rings each in order."""
-    wanted = [step for step in rings(quick) if step.name in names]
+    wanted = [step for step in rings(full, quick) if step.name in names]
     needed = {name for step in wanted for name in step.needs}
     packages = any(name.startswith("release-") for name in names)
     return [step for step in builds(full, packages) if step.name in needed] + wanted
@@ -393,7 +396,7 @@ def progress(step: Step) -> str:
 
 
 def ring_names() -> list[str]:
-    return [step.name for step in rings(False)]
+    return [step.name for step in rings(False, False)]
 
 
 def main(arguments: list[str]) -> int:

@@ -46,6 +46,7 @@ def hostile_records() -> list[dict]:
                decision="approval_accepted")]
 
 
+@pytest.mark.slow
 @pytest.mark.parametrize("content", ["example", "hostile", "empty", "many"])
 def test_the_page_in_a_browser(desk: Desk, content: str) -> None:
     records = {"example": example_records, "hostile": hostile_records, "empty": lambda: [],
@@ -66,6 +67,7 @@ def test_the_page_in_a_browser(desk: Desk, content: str) -> None:
                 assert text in seen["text"]
 
 
+@pytest.mark.slow
 def test_the_pictures_of_the_document(desk: Desk, tmp_path: Path) -> None:
     if not desk.target.windows:
         make_pictures(str(desk.executable), tmp_path)

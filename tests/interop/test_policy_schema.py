@@ -138,6 +138,7 @@ def test_only_words_that_both_drafts_know(schema: str) -> None:
     assert set(parsed["properties"]) == set(parsed["required"]) == set(DEFAULT)
 
 
+@pytest.mark.slow
 def test_every_policy_of_the_tests(authors: PolicyDesk, schema: str) -> None:
     texts = documents(authors.target.path(authors.state))
     verdicts = judge(schema, [text.removeprefix(MARK) for text in texts])

@@ -14,6 +14,8 @@ from harness.policy_desk import PolicyDesk
 from harness.tool_calls import ToolCalls
 from harness.write_calls import Writes
 
+pytestmark = pytest.mark.slow
+
 MODULES = ("e2e.tools.test_query", "e2e.policy.test_hostile_selects")
 DENIED = ["SSN", "C"]
 

@@ -18,6 +18,8 @@ from harness.operator_desk import Desk, desks
 from harness.write_calls import Writes
 from harness.write_generator import statement
 
+pytestmark = pytest.mark.slow
+
 SEEDS = range(8)
 LONGEST = "N" * 63
 TABLES = ["T", "ORDERS", LONGEST]

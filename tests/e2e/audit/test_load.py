@@ -19,6 +19,8 @@ import pytest
 from harness import audit_files
 from harness.messages import call, ping
 
+pytestmark = pytest.mark.slow
+
 SESSIONS = 16
 CALLS = 2048
 WORKER_CALL_EVERY = {"linux": 2, "windows": 8}

@@ -397,7 +397,9 @@ RELEVANCE = {
 """Searches, and packages of which at least one must be among the first ten hits."""
 
 
-@pytest.fixture(scope="module", params=["shipped", "machine"])
+@pytest.fixture(scope="module", params=[
+    pytest.param("shipped", marks=pytest.mark.xdist_group("shipped index")),
+    pytest.param("machine", marks=[pytest.mark.slow, pytest.mark.xdist_group("machine index")])])
 def packages(request: pytest.FixtureRequest, executable: Path,
              tmp_path_factory: pytest.TempPathFactory) -> Iterator[Session]:
     """The collection of the part of Debian's package index in data/, or of this machine's index."""

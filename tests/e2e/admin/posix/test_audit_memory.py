@@ -15,6 +15,8 @@ import pytest
 from harness.audit_logs import line, record
 from harness.operator_desk import MEMBERS, Desk
 
+pytestmark = pytest.mark.slow
+
 MEMORY_LIMIT_KB = 160 * 1024
 CHUNK = 1 << 20
 MEASURE = """
