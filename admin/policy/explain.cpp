@@ -51,9 +51,10 @@ int explain_policy(const Options& options, const McpPolicy& policy) {
   return kExitFine;
 }
 
-/// The word at an index, or the one sign.
+/// The word at an index, the text between quotation marks, or the one sign.
 std::string_view blamed_text(std::string_view text, std::size_t index) {
   std::size_t end = index;
+  if (text.substr(index).starts_with('"')) end = std::min(text.find('"', index + 1), text.size());
   while (end < text.size() && is_word_byte(text[end])) ++end;
   return text.substr(index, std::max<std::size_t>(end - index, 1));
 }
