@@ -262,5 +262,5 @@ def test_the_page_shows_the_place(authors):
     text = line("kova_query", {**QUERY, "rows": 5})
     result = authors.run("explain", authors.policy(), text)
     place = text.index('"rows"')
-    assert f'place      line 1, column {place + 1} (byte {place}): "rows\n' in (
+    assert f'place      line 1, column {place + 1} (byte {place}): "rows"\n' in (
         result.stdout.decode().replace("\r", ""))
