@@ -157,9 +157,9 @@ CallVerdict CallJudge::run(const JsonDoc& doc) {
 }
 
 void CallJudge::add_write(const JsonDoc& doc, int arguments, CallVerdict& verdict) {
+  const ToolCall call{.doc = doc, .arguments = arguments};
   char sql[kStatementLimit + 1];
-  if (verdict.tool != kWriteTool || !read_write_sql({.doc = doc, .arguments = arguments}, sql))
-    return;
+  if (verdict.tool != kWriteTool || !read_write_sql(call, sql)) return;
   write_->type[0] = '\0';
   char message[kStatementErrorCapacity];
   const bool accepted = write_classify(policy_, sql, *write_, message);
