@@ -105,6 +105,9 @@ part of it.")
     COMPONENT debian EXCLUDE_FROM_ALL)
   install(FILES deploy/kova-mcp.tmpfiles DESTINATION lib/tmpfiles.d RENAME kova-mcp.conf
     COMPONENT debian EXCLUDE_FROM_ALL)
+  # Where lnav looks for the formats of all accounts; the archives have it below deploy/ alone.
+  install(FILES deploy/lnav/kova_mcp_audit.json DESTINATION /etc/lnav/formats/kova_mcp
+    COMPONENT debian EXCLUDE_FROM_ALL)
   install(FILES deploy/kova-mcp.logrotate DESTINATION /etc/logrotate.d RENAME kova-mcp
     COMPONENT debian EXCLUDE_FROM_ALL)
 endif()

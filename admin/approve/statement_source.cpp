@@ -76,7 +76,7 @@ std::string statement_of_message(std::string_view text) {
   if (has_duplicate_keys(doc)) throw Refusal("the message has two members of the same key");
   const int arguments = arguments_of(doc);
   std::string sql(kStatementLimit + 1, '\0');
-  if (!read_write_sql(doc, arguments, TextOut(sql.data(), sql.size()))) {
+  if (!read_write_sql({.doc = doc, .arguments = arguments}, TextOut(sql.data(), sql.size()))) {
     throw Refusal(std::string(kWriteArgumentsMessage));
   }
   refuse_escaped_nul(doc.raw(json_find(doc, arguments, "sql")));

@@ -102,7 +102,7 @@ void JournalJoin::add_line(std::string_view line) {
                                   cleaned(decision.database), cleaned(decision.table)));
   kept_ += kEntryCost + entry.person.size() + entry.reason.size() +
            (is_new ? kKeyCost + place->first.size() : 0);
-  if (kept_ > kMemoryLimit) throw Refusal("the journal is too large");
+  if (kept_ > kMemoryLimit) throw Refusal("column 1: the journal is too large");
   place->second.push_back(std::move(entry));
 }
 

@@ -1,7 +1,5 @@
 #include "admin/audit/seal.h"
 
-#include <fmt/format.h>
-
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -37,9 +35,8 @@ End end_of(const std::string& path) {
   if (!std::filesystem::exists(path_of(path), error) && !error) return {};
   End end;
   end.size = read_seals(path, [&](const SealsLine& line) {
-    if (!line.has_end || !parse_seal(line.text)) {
-      throw Refusal(fmt::format("{}: line {}: the line is no seal", path, line.number));
-    }
+    std::size_t column = 0;
+    if (!parse_seal(line, column)) throw Refusal(no_seal_text(path, line.number, column));
     end.last = {.number = line.number, .digest = line_digest(line.text)};
   });
   return end;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 
 #include "admin/audit/audit_input.h"
 #include "admin/audit/content_digests.h"
@@ -14,6 +15,7 @@
 #include "base/ascii.h"
 #include "base/hex.h"
 #include "base/text.h"
+#include "json/json.h"
 #include "platform/crypto.h"
 #include "platform/shared_input.h"
 
@@ -69,20 +71,56 @@ bool is_time_or_null(const Json& value) {
   return value.is_null() || value.is_string();
 }
 
-bool is_seal(const Json& line) {
-  if (!line.is_object()) return false;
-  for (const char* name : {"file", "sha256", "lines", "first", "last", "blocks", "previous"}) {
-    if (!line.contains(name)) return false;
+constexpr const char* kMembers[] = {"file", "sha256", "lines",   "first",
+                                    "last", "blocks", "previous"};
+
+bool is_list_of_blocks(const Json& blocks, std::uint64_t lines) {
+  return blocks.is_array() && std::all_of(blocks.begin(), blocks.end(), is_digest) &&
+         blocks.size() == lines / kSealBlockLines + (lines % kSealBlockLines != 0 ? 1 : 0);
+}
+
+bool has_members(const Json& line) {
+  return line.is_object() && std::all_of(std::begin(kMembers), std::end(kMembers),
+                                         [&](const char* name) { return line.contains(name); });
+}
+
+/// The first member whose value is not that of a seal, or null.
+const char* wrong_member(const Json& line) {
+  if (!line["file"].is_string()) return "file";
+  if (!is_digest(line["sha256"])) return "sha256";
+  if (!line["lines"].is_number_unsigned()) return "lines";
+  if (!is_time_or_null(line["first"])) return "first";
+  if (!is_time_or_null(line["last"])) return "last";
+  if (!is_list_of_blocks(line["blocks"], line["lines"].get<std::uint64_t>())) return "blocks";
+  return is_digest_or_null(line["previous"]) ? nullptr : "previous";
+}
+
+/// The column of a member's name: the last one's, whose value counts.
+std::size_t column_of(std::string_view line, std::string_view name) {
+  std::vector<JsonToken> tokens(line.size() / 2 + 2);
+  JsonDoc doc;
+  if (!json_parse(line, tokens.data(), static_cast<int>(tokens.size()), doc)) return 1;
+  std::size_t column = 1;
+  JsonMembers members(doc, 0);
+  for (const JsonMember member : members) {
+    char key[16];
+    if (json_get_string(doc, member.key, key) && name == key) {
+      column = static_cast<std::size_t>(doc[member.key].start);
+    }
   }
-  const Json& blocks = line["blocks"];
-  const auto is_number_of_blocks = [&](std::uint64_t lines) {
-    return blocks.size() == lines / kSealBlockLines + (lines % kSealBlockLines != 0 ? 1 : 0);
-  };
-  return line["file"].is_string() && is_digest(line["sha256"]) &&
-         line["lines"].is_number_unsigned() && is_time_or_null(line["first"]) &&
-         is_time_or_null(line["last"]) && is_digest_or_null(line["previous"]) &&
-         blocks.is_array() && std::all_of(blocks.begin(), blocks.end(), is_digest) &&
-         is_number_of_blocks(line["lines"].get<std::uint64_t>());
+  return column;
+}
+
+/// The column of the place where a line stops being a seal, 0 for a seal; sets `json` to the line.
+std::size_t wrong_column(std::string_view line, Json& json) {
+  try {
+    json = Json::parse(line);
+  } catch (const Json::parse_error& error) {
+    return std::max<std::size_t>(error.byte, 1);
+  }
+  if (!has_members(json)) return 1;
+  const char* const wrong = wrong_member(json);
+  return wrong != nullptr ? column_of(line, wrong) : 0;
 }
 
 Json text_or_null(const std::optional<std::string>& text) {
@@ -135,9 +173,11 @@ std::string seal_line(const Seal& seal) {
                     {"previous", text_or_null(seal.previous)}});
 }
 
-std::optional<Seal> parse_seal(std::string_view line) {
-  const Json json = Json::parse(line, nullptr, false);
-  if (!is_seal(json)) return std::nullopt;
+std::optional<Seal> parse_seal(std::string_view line, std::size_t* column) {
+  Json json;
+  const std::size_t wrong = wrong_column(line, json);
+  if (column != nullptr) *column = wrong;
+  if (wrong != 0) return std::nullopt;
   return Seal{.file = json["file"].get<std::string>(),
               .sha256 = json["sha256"].get<std::string>(),
               .lines = json["lines"].get<std::uint64_t>(),
@@ -145,6 +185,17 @@ std::optional<Seal> parse_seal(std::string_view line) {
               .last = optional_text(json["last"]),
               .blocks = json["blocks"].get<std::vector<std::string>>(),
               .previous = optional_text(json["previous"])};
+}
+
+std::optional<Seal> parse_seal(const SealsLine& line, std::size_t& column) {
+  std::optional<Seal> seal = parse_seal(line.text, &column);
+  if (!seal || line.has_end) return seal;
+  column = line.text.size() + 1;
+  return std::nullopt;
+}
+
+std::string no_seal_text(const std::string& path, std::uint64_t line, std::size_t column) {
+  return fmt::format("{}: line {}, column {}: the line is no seal", path, line, column);
 }
 
 std::string line_digest(std::string_view line) {
@@ -193,7 +244,8 @@ std::uint64_t read_seals(const std::string& path,
     }
     line += left;
     if (line.size() > kSealLineLimit) {
-      throw Refusal(fmt::format("{}: line {}: the line is too long", path, number));
+      throw Refusal(fmt::format("{}: line {}, column {}: the line is too long", path, number,
+                                kSealLineLimit + 1));
     }
   }
   if (!line.empty()) take({.number = number, .text = line, .has_end = false});

@@ -40,8 +40,10 @@ struct Seal {
 /// The line of a seal without its LF.
 [[nodiscard]] std::string seal_line(const Seal& seal);
 
-/// Nothing for a line that is no seal.
-[[nodiscard]] std::optional<Seal> parse_seal(std::string_view line);
+/// Nothing for a line that is no seal. `column` is then where it stops being one, in bytes from 1:
+/// where it is no JSON, the name of the member whose value is wrong, or 1 where a member is
+/// missing.
+[[nodiscard]] std::optional<Seal> parse_seal(std::string_view line, std::size_t* column = nullptr);
 
 /// The SHA-256 of a line as lower-case hexadecimal text. Throws Refusal when there is no digest.
 [[nodiscard]] std::string line_digest(std::string_view line);
@@ -62,6 +64,13 @@ struct SealsLine {
   std::string_view text;
   bool has_end;
 };
+
+/// The same for a line of a file; one without its end is no seal either.
+[[nodiscard]] std::optional<Seal> parse_seal(const SealsLine& line, std::size_t& column);
+
+/// "PATH: line N, column C: the line is no seal".
+[[nodiscard]] std::string no_seal_text(const std::string& path, std::uint64_t line,
+                                       std::size_t column);
 
 /// Gives each line of a file of seals. Returns the file's size in bytes. Throws Refusal when it
 /// cannot be read.

@@ -50,7 +50,9 @@ class Verifier {
 
   void take(const SealsLine& line) {
     lines_ = line.number;
-    const std::optional<Seal> seal = line.has_end ? parse_seal(line.text) : std::nullopt;
+    std::size_t column = 0;
+    const std::optional<Seal> seal = parse_seal(line, column);
+    if (!seal && line.number == 1) first_column_ = column;
     const std::string digest = line_digest(line.text);
     const bool follows = seal && seal->previous == previous_;
     const bool is_kept = !kept_ || kept_->number != line.number || kept_->digest == digest;
@@ -62,7 +64,7 @@ class Verifier {
   }
 
   [[nodiscard]] int finish() {
-    if (count_ == 0 && lines_ > 0) throw Refusal(seals_ + ": line 1: the line is no seal");
+    if (count_ == 0 && lines_ > 0) throw Refusal(no_seal_text(seals_, 1, first_column_));
     if (count_ == 0 && !kept_) throw Refusal(seals_ + ": there is no seal in it");
     // The kept digest is of a line that the file no longer has.
     if (kept_ && kept_->number > lines_) break_at(lines_ + 1);
@@ -100,6 +102,7 @@ class Verifier {
   std::optional<std::string> previous_;
   std::uint64_t lines_ = 0;
   std::uint64_t count_ = 0;
+  std::size_t first_column_ = 0;  ///< where the first line stops being a seal
   std::string findings_;
 };
 

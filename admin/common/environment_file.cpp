@@ -33,18 +33,24 @@ bool is_name(std::string_view text) {
          std::all_of(text.begin(), text.end(), is_word_byte);
 }
 
-/// Reads the value of one line.
+[[noreturn]] void refuse_at(std::size_t index, const char* why) {
+  throw Refusal(fmt::format("column {}: {}", index + 1, why));
+}
+
+/// Reads the value of one line, which begins at an index of it.
 class ValueReader {
  public:
-  explicit ValueReader(std::string_view text) : text_(text), value_(text.size()) { value_.cut(0); }
+  ValueReader(std::string_view line, std::size_t begin)
+      : text_(line), position_(begin), value_(line.size()) {
+    value_.cut(0);
+  }
 
   [[nodiscard]] SecretText read() {
     // After a closing quote the value goes on; blanks between the parts are dropped.
     while (skip_blanks()) {
       const char c = text_[position_];
       if (c == '\'' || c == '"') {
-        ++position_;
-        quoted(c);
+        quoted();
       } else {
         unquoted();
       }
@@ -58,18 +64,20 @@ class ValueReader {
     return position_ < text_.size();
   }
 
-  /// Takes one byte off; a value ends with its line.
-  char take() {
+  /// Takes one byte off; a value ends with its line. `opened` is the index of what asks for it.
+  char take(std::size_t opened) {
     if (position_ == text_.size()) {
-      throw Refusal("a quote is left open or the value continues on the next line");
+      refuse_at(opened, "a quote is left open or the value continues on the next line");
     }
     return text_[position_++];
   }
 
-  void quoted(char quote) {
-    for (char c = take(); c != quote; c = take()) {
+  void quoted() {
+    const std::size_t open = position_;
+    const char quote = take(open);
+    for (char c = take(open); c != quote; c = take(open)) {
       if (quote == '"' && c == '\\') {
-        c = take();
+        c = take(open);
         if (!needs_escape_in_quotes(c)) value_.add('\\');
       }
       value_.add(c);
@@ -79,9 +87,10 @@ class ValueReader {
   void unquoted() {
     std::size_t kept = value_.view().size();
     while (position_ < text_.size()) {
-      char c = take();
+      const std::size_t index = position_;
+      char c = take(index);
       const bool escaped = c == '\\';
-      if (escaped) c = take();
+      if (escaped) c = take(index);
       value_.add(c);
       if (escaped || !is_blank(c)) kept = value_.view().size();
     }
@@ -89,7 +98,7 @@ class ValueReader {
   }
 
   std::string_view text_;
-  std::size_t position_ = 0;
+  std::size_t position_;
   SecretText value_;
 };
 
@@ -104,21 +113,24 @@ std::string_view take_line(std::string_view& text) {
 }
 
 void parse_line(std::string_view line, std::vector<EnvironmentEntry>& entries) {
-  if (line.find('\0') != line.npos) throw Refusal("a NUL byte");
-  if (find_malformed(line) != line.npos) throw Refusal("the line is not UTF-8");
+  if (line.find('\0') != line.npos) refuse_at(line.find('\0'), "a NUL byte");
+  const std::size_t malformed = find_malformed(line);
+  if (malformed != line.npos) refuse_at(malformed, "the line is not UTF-8");
   const std::string_view text = without_blanks(line);
   if (text.empty()) return;
+  const auto begin = static_cast<std::size_t>(text.data() - line.data());
   if (text.front() == '#' || text.front() == ';') {
     // Versions of the service manager differ on whether the next line belongs to the comment.
-    if (text.back() == '\\') throw Refusal("a comment must not end in a backslash");
+    if (text.back() == '\\') {
+      refuse_at(begin + text.size() - 1, "a comment must not end in a backslash");
+    }
     return;
   }
   const std::size_t equals = line.find('=');
-  if (equals == line.npos) throw Refusal("there is no = in the line");
+  if (equals == line.npos) refuse_at(begin, "there is no = in the line");
   const std::string_view name = without_blanks(line.substr(0, equals));
-  if (!is_name(name)) throw Refusal("the name of the variable is invalid");
-  entries.push_back(
-      {.name = std::string(name), .value = ValueReader(line.substr(equals + 1)).read()});
+  if (!is_name(name)) refuse_at(begin, "the name of the variable is invalid");
+  entries.push_back({.name = std::string(name), .value = ValueReader(line, equals + 1).read()});
 }
 
 }  // namespace
@@ -129,7 +141,7 @@ std::vector<EnvironmentEntry> parse_environment(std::string_view text) {
     try {
       parse_line(take_line(text), entries);
     } catch (const Refusal& refusal) {
-      throw Refusal(fmt::format("line {}: {}", number, refusal.what()));
+      throw Refusal(fmt::format("line {}, {}", number, refusal.what()));
     }
   }
   return entries;

@@ -4,6 +4,7 @@
 
 #include "admin/common/refusal.h"
 #include "admin/common/utf8.h"
+#include "admin/policy/blamed_place.h"
 #include "admin/policy/json_places.h"
 #include "audit/audit.h"
 #include "base/heap_array.h"
@@ -43,21 +44,12 @@ void check_sendable(std::string_view text) {
   }
 }
 
-CallVerdict refused_message(const RpcError& error) {
+CallVerdict refused_message(const RpcError& error, std::optional<std::size_t> offset) {
   CallVerdict verdict;
   verdict.message = error.message;
   verdict.check = "message";
+  verdict.offset = offset;
   return verdict;
-}
-
-/// The offset in the document of what the trace blames.
-std::optional<std::size_t> blamed_offset(const JsonDoc& doc, int arguments,
-                                         const CallTrace& trace) {
-  if (trace.token >= 0) return static_cast<std::size_t>(doc[trace.token].start);
-  if (trace.check.offset == CheckTrace::kNowhere) return std::nullopt;
-  const int sql = json_find(doc, arguments, "sql");
-  if (sql < 0) return std::nullopt;
-  return static_cast<std::size_t>(doc[sql].start) + source_offset(doc.raw(sql), trace.check.offset);
 }
 
 Verdict verdict_in(const ToolOutcome& outcome, const ToolContext& context) {
@@ -110,7 +102,7 @@ CallVerdict CallJudge::call(std::string_view tool, std::string_view arguments) {
   JsonDoc doc;
   RpcError error;
   if (!parse_message(message, tokens, doc, error)) {
-    CallVerdict verdict = refused_message(error);
+    CallVerdict verdict = refused_message(error, std::nullopt);
     verdict.tool = tool;
     return verdict;
   }
@@ -124,9 +116,11 @@ CallVerdict CallJudge::message(std::string_view line) {
   JsonDoc doc;
   RpcError error;
   char method[kMethodCapacity];
-  if (!parse_message(line, tokens, doc, error) ||
-      !check_message(doc, json_find(doc, 0, "id"), *state, method, error)) {
-    return refused_message(error);
+  if (!parse_message(line, tokens, doc, error)) {
+    return refused_message(error, unparsable_place(line));
+  }
+  if (!check_message(doc, json_find(doc, 0, "id"), *state, method, error)) {
+    return refused_message(error, envelope_place(doc, error.message));
   }
   if (std::string_view(method) != "tools/call") {
     throw Refusal(fmt::format("the message calls {}, not tools/call", method));
@@ -157,14 +151,15 @@ CallVerdict CallJudge::run(const JsonDoc& doc) {
   verdict.tool = audit.tool;
   verdict.check = trace.check.check;
   if (verdict.verdict == Verdict::kAllow) verdict.message.clear();
-  if (verdict.verdict == Verdict::kDeny) verdict.offset = blamed_offset(doc, arguments, trace);
+  if (verdict.verdict == Verdict::kDeny) verdict.offset = blamed_place(doc, arguments, trace);
   add_write(doc, arguments, verdict);
   return verdict;
 }
 
 void CallJudge::add_write(const JsonDoc& doc, int arguments, CallVerdict& verdict) {
+  const ToolCall call{.doc = doc, .arguments = arguments};
   char sql[kStatementLimit + 1];
-  if (verdict.tool != kWriteTool || !read_write_sql(doc, arguments, sql)) return;
+  if (verdict.tool != kWriteTool || !read_write_sql(call, sql)) return;
   write_->type[0] = '\0';
   char message[kStatementErrorCapacity];
   const bool accepted = write_classify(policy_, sql, *write_, message);

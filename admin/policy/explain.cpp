@@ -51,8 +51,11 @@ int explain_policy(const Options& options, const McpPolicy& policy) {
   return kExitFine;
 }
 
-/// The word at an index, or the one sign.
+/// The word at an index, a text with its quotation marks, or the one sign.
 std::string_view blamed_text(std::string_view text, std::size_t index) {
+  if (text.substr(index).starts_with('"')) {
+    return text.substr(index, std::max(text.find('"', index + 1), index) - index + 1);
+  }
   std::size_t end = index;
   while (end < text.size() && is_word_byte(text[end])) ++end;
   return text.substr(index, std::max<std::size_t>(end - index, 1));

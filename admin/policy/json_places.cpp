@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "json/json.h"
@@ -61,6 +62,17 @@ std::size_t decoded_offset(std::string_view source, std::size_t index) {
     decoded += piece.decoded;
   }
   return decoded;
+}
+
+std::size_t malformed_escape(std::string_view source) {
+  for (std::size_t index = 0; index < source.size();) {
+    const Piece piece = first_piece(source.substr(index));
+    char decoded[4];
+    char* target = decoded;
+    if (!json_decode(source.substr(index, piece.source), target, std::end(decoded))) return index;
+    index += piece.source;
+  }
+  return source.npos;
 }
 
 std::string call_head(std::string_view tool) {

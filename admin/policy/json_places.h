@@ -13,6 +13,10 @@ namespace kova::admin {
 /// The other way round: how many bytes the source text before `index` decodes to.
 [[nodiscard]] std::size_t decoded_offset(std::string_view source, std::size_t index);
 
+/// The index in a JSON string's source text of the first escape that stands for no character (a
+/// lone surrogate), or npos.
+[[nodiscard]] std::size_t malformed_escape(std::string_view source);
+
 /// A tools/call request up to its arguments.
 [[nodiscard]] std::string call_head(std::string_view tool);
 

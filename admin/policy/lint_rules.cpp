@@ -10,6 +10,7 @@
 
 #include "base/ascii.h"
 #include "platform/file_rights.h"
+#include "platform/shared_input.h"
 #include "policy/predicates.h"
 
 namespace kova::admin {
@@ -164,6 +165,17 @@ class PolicyLint {
   std::vector<LintFinding> findings_;
 };
 
+/// Whether two paths lead to one file.
+bool is_same_file(const std::string& a, const std::string& b) {
+  if (a == b) return true;
+  SharedInput first;
+  SharedInput second;
+  FileIdentity first_identity;
+  FileIdentity second_identity;
+  return first.open(a.c_str()) && second.open(b.c_str()) && first.identity(first_identity) &&
+         second.identity(second_identity) && first_identity == second_identity;
+}
+
 /// Why two policies of one name are a mistake. An approval is bound to name, client and database.
 std::string shared_name_reason(const LintSubject& earlier, const McpPolicy& policy) {
   const bool same_binding = std::string_view(earlier.policy->client_id) == policy.client_id &&
@@ -185,7 +197,7 @@ std::vector<LintFinding> lint_names(const std::vector<LintSubject>& subjects) {
   for (auto subject = subjects.begin(); subject != subjects.end(); ++subject) {
     const std::string_view name(subject->policy->name);
     const auto earlier = std::find_if(subjects.begin(), subject, [&](const LintSubject& other) {
-      return other.file != subject->file && name == other.policy->name;
+      return name == other.policy->name && !is_same_file(other.file, subject->file);
     });
     if (earlier == subject) continue;
     findings.push_back(

@@ -157,16 +157,20 @@ class Parser {
     return true;
   }
 
+  // A malformed one leaves the position at its backslash.
   [[nodiscard]] bool escape() {
+    constexpr std::ptrdiff_t kUnitSize = 6;
     if (end_ - p_ < 2) return false;
-    const char kind = p_[1];
-    p_ += 2;
-    if (kind != 'u') return is_escape_letter(kind);
-    if (end_ - p_ < 4) return false;
-    for (int i = 0; i < 4; ++i) {
+    if (p_[1] != 'u') {
+      if (!is_escape_letter(p_[1])) return false;
+      p_ += 2;
+      return true;
+    }
+    if (end_ - p_ < kUnitSize) return false;
+    for (int i = 2; i < kUnitSize; ++i) {
       if (hex_value(p_[i]) < 0) return false;
     }
-    p_ += 4;
+    p_ += kUnitSize;
     return true;
   }
 

@@ -8,16 +8,10 @@
 
 namespace kova {
 
-namespace {
-
-constexpr std::size_t kTextLimit = 8192;
-
-}  // namespace
-
 bool check_collection(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   char collection[kSafeNameCapacity];
   trace_argument(context, "allowed_collections", call, "collection");
-  if (get_string_member(call.doc, call.arguments, "collection", collection) &&
+  if (get_string_member(call, "collection", collection) &&
       policy_collection_allowed(context.policy, collection)) {
     return true;
   }
@@ -26,21 +20,23 @@ bool check_collection(const ToolCall& call, ToolContext& context, ToolAnswer& an
 }
 
 bool read_collection(const ToolCall& call, AiSearch& search) {
-  return get_identifier_member(call.doc, call.arguments, "collection", search.collection);
+  return get_identifier_member(call, "collection", search.collection);
 }
 
 bool read_top(const ToolCall& call, AiSearch& search) {
-  return get_bounded_member(call.doc, call.arguments, "top", 1, kMaxRowsLimit, search.top);
+  return get_bounded_member(call, "top", 1, kMaxRowsLimit, search.top);
 }
 
 bool read_search_text(const ToolCall& call, char (&text)[kSearchTextCapacity]) {
-  if (!get_string_member(call.doc, call.arguments, "text", text)) return false;
+  if (!get_string_member(call, "text", text)) return false;
   const std::size_t length = std::strlen(text);
-  return length > 0 && length <= kTextLimit;
+  return (length > 0 && length <= kSearchTextLimit) || call.blame_member("text");
 }
 
-bool has_elements(const JsonDoc& doc, int array, std::int32_t limit) {
-  return doc.is(array, JsonType::kArray) && doc[array].size >= 1 && doc[array].size <= limit;
+bool has_elements(const ToolCall& call, int array, std::int32_t limit) {
+  const JsonDoc& doc = call.doc;
+  return (doc.is(array, JsonType::kArray) && doc[array].size >= 1 && doc[array].size <= limit) ||
+         call.blame(array);
 }
 
 bool quote_sql_text(std::string_view text, TextOut literal) {

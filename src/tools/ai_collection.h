@@ -15,6 +15,8 @@ namespace kova {
 
 // Capacities with their terminators.
 inline constexpr std::size_t kAiStatementCapacity = 32768;
+/// Bytes of a search's text.
+inline constexpr std::size_t kSearchTextLimit = 8192;
 /// A search's text is decoded into this many bytes, then its length is checked.
 inline constexpr std::size_t kSearchTextCapacity = 16401;
 
@@ -34,8 +36,8 @@ struct AiSearch {
 /// Reads `text`, 1 to 8,192 bytes.
 [[nodiscard]] bool read_search_text(const ToolCall& call, char (&text)[kSearchTextCapacity]);
 
-/// Whether the token is an array of 1 to `limit` elements.
-[[nodiscard]] bool has_elements(const JsonDoc& doc, int array, std::int32_t limit);
+/// Whether the token, a member of the call's arguments, is an array of 1 to `limit` elements.
+[[nodiscard]] bool has_elements(const ToolCall& call, int array, std::int32_t limit);
 
 /// Writes the text as a SQL literal, the only way in which a client's text enters a statement.
 /// False for a control byte other than TAB, LF and CR, and for a literal that does not fit.

@@ -18,8 +18,10 @@ inline constexpr std::int32_t kVectorElementLimit = 4096;
                                       ToolAnswer& answer);
 
 /// Writes the statement of a vector search from the array's elements. False leaves the message of
-/// the first one that is no number, or that the statement's length is exceeded.
+/// the first one that is no number, and sets `blamed` to it, or that the statement's length is
+/// exceeded.
 [[nodiscard]] bool compose_vector_search(const JsonDoc& doc, int vector, const char* collection,
-                                         std::uint32_t top, TextOut sql, TextOut message);
+                                         std::uint32_t top, TextOut sql, TextOut message,
+                                         int* blamed = nullptr);
 
 }  // namespace kova

@@ -28,13 +28,13 @@ struct StatusRequest {
 };
 
 bool read_request(const ToolCall& call, StatusRequest& request, TextOut message) {
-  if (!check_allowed_members(call.doc, call.arguments, {"collection", "provider", "_meta"}) ||
-      !get_identifier_member(call.doc, call.arguments, "collection", request.collection)) {
+  if (!check_allowed_members(call, {"collection", "provider", "_meta"}) ||
+      !get_identifier_member(call, "collection", request.collection)) {
     return refuse(
         message, "collection must be a safe Vantreo identifier and unknown fields are not allowed");
   }
   return json_find(call.doc, call.arguments, "provider") < 0 ||
-         get_identifier_member(call.doc, call.arguments, "provider", request.provider) ||
+         get_identifier_member(call, "provider", request.provider) ||
          refuse(message, "provider must be a safe Vantreo identifier");
 }
 

@@ -34,7 +34,7 @@ bool check_token(const ToolCall& call, const McpPolicy& policy, const Classified
                  TextOut message) {
   char token[kTokenCapacity];
   const WipeGuard guard(token);
-  if (!get_string_member(call.doc, call.arguments, "approval_token", token)) {
+  if (!get_string_member(call, "approval_token", token)) {
     return refuse(message, kTokenInvalid);
   }
   return approval_verify(policy, write.digest, token, unix_seconds(), message);
@@ -54,14 +54,14 @@ bool check_approval(const ToolCall& call, ToolContext& context, const Classified
 
 }  // namespace
 
-bool read_write_sql(const JsonDoc& doc, int arguments, TextOut sql) {
-  return check_allowed_members(doc, arguments, {"sql", "approval_token", "_meta"}) &&
-         get_string_member(doc, arguments, "sql", sql);
+bool read_write_sql(const ToolCall& call, TextOut sql) {
+  return check_allowed_members(call, {"sql", "approval_token", "_meta"}) &&
+         get_string_member(call, "sql", sql);
 }
 
 bool execute_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
   char sql[kStatementLimit + 1];
-  if (!read_write_sql(call.doc, call.arguments, sql)) {
+  if (!read_write_sql(call, sql)) {
     return refuse(answer.message, kWriteArgumentsMessage);
   }
   ClassifiedWrite write;

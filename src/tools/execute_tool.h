@@ -16,7 +16,7 @@ inline constexpr std::string_view kWriteArgumentsMessage =
 
 /// Takes the statement out of the tool's arguments. False when they are no object, have an unknown
 /// member or no text `sql` that fits `out`.
-[[nodiscard]] bool read_write_sql(const JsonDoc& doc, int arguments, TextOut sql);
+[[nodiscard]] bool read_write_sql(const ToolCall& call, TextOut sql);
 
 [[nodiscard]] bool execute_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer);
 

@@ -31,18 +31,19 @@ bool check_source(const ToolCall& call, ToolContext& context, TextOut message) {
   char source_table[kSafeNameCapacity];
   char key_field[kSafeNameCapacity];
   trace_argument(context, "allowed_tables", call, "source_table");
-  if (!get_string_member(call.doc, call.arguments, "source_table", source_table) ||
+  if (!get_string_member(call, "source_table", source_table) ||
       !policy_table_allowed(policy, source_table, TableUse::kRead)) {
     return refuse(message, kSourceDenied);
   }
   trace_argument(context, "denied_columns", call, "key_field");
-  if (!get_string_member(call.doc, call.arguments, "key_field", key_field) ||
+  if (!get_string_member(call, "key_field", key_field) ||
       !policy_column_allowed(policy, key_field)) {
     return refuse(message, kSourceDenied);
   }
   trace_call(context, "arguments");
   const int columns = json_find(call.doc, call.arguments, "columns");
   if (!call.doc.is(columns, JsonType::kArray)) {
+    static_cast<void>(call.blame(columns));
     return refuse(message, "hybrid columns are invalid");
   }
   for (const int element : JsonElements(call.doc, columns)) {
@@ -64,13 +65,12 @@ struct HybridArguments {
 };
 
 bool read_arguments(const ToolCall& call, HybridArguments& arguments) {
-  return check_allowed_members(
-             call.doc, call.arguments,
-             {"collection", "text", "top", "source_table", "key_field", "columns", "_meta"}) &&
+  return check_allowed_members(call, {"collection", "text", "top", "source_table", "key_field",
+                                      "columns", "_meta"}) &&
          read_collection(call, arguments.search) && read_search_text(call, arguments.text) &&
          read_top(call, arguments.search) &&
-         get_identifier_member(call.doc, call.arguments, "source_table", arguments.source_table) &&
-         get_identifier_member(call.doc, call.arguments, "key_field", arguments.key_field);
+         get_identifier_member(call, "source_table", arguments.source_table) &&
+         get_identifier_member(call, "key_field", arguments.key_field);
 }
 
 struct HybridStatements {
@@ -88,7 +88,7 @@ bool compose(const ToolCall& call, const HybridArguments& arguments, int columns
   TextOut drop(statements.drop);
   const AiSearch& common = arguments.search;
   if (!name.format("mcp_hits_%u_%u", own_process_id(), hybrid_calls.fetch_add(1) + 1) ||
-      !quote_sql_text(arguments.text, literal) ||
+      !(quote_sql_text(arguments.text, literal) || call.blame_member("text")) ||
       !search.format("SEARCH AI %s TEXT %s TOP %u INTO TEMP %s;", common.collection, literal,
                      common.top, temporary) ||
       !drop.format("DROP TABLE %s;", temporary)) {
@@ -145,7 +145,7 @@ bool hybrid_search_tool(const ToolCall& call, ToolContext& context, ToolAnswer& 
                   "invalid hybrid collection, source mapping, text, top, or unknown argument");
   }
   const int columns = json_find(call.doc, call.arguments, "columns");
-  if (!has_elements(call.doc, columns, kHybridColumnLimit)) {
+  if (!has_elements(call, columns, kHybridColumnLimit)) {
     return refuse(answer.message, "columns must contain 1..16 safe field names");
   }
   HybridStatements statements;

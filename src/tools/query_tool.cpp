@@ -20,13 +20,13 @@ static_assert(kSqlLimit == kStatementLimit);
 constexpr std::size_t kSqlCapacity = kStatementLimit + 1;
 
 bool read_arguments(const ToolCall& call, TextOut sql, std::uint32_t& max_rows) {
-  if (!check_allowed_members(call.doc, call.arguments, {"sql", "max_rows", "_meta"}) ||
-      !get_string_member(call.doc, call.arguments, "sql", sql)) {
+  if (!check_allowed_members(call, {"sql", "max_rows", "_meta"}) ||
+      !get_string_member(call, "sql", sql)) {
     return false;
   }
   max_rows = kDefaultMaxRows;
   return json_find(call.doc, call.arguments, "max_rows") < 0 ||
-         get_bounded_member(call.doc, call.arguments, "max_rows", 1, kMaxRowsLimit, max_rows);
+         get_bounded_member(call, "max_rows", 1, kMaxRowsLimit, max_rows);
 }
 
 }  // namespace

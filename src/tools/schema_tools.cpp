@@ -47,7 +47,7 @@ bool respond_with_names(const PolicyNames& list, ToolAnswer& answer) {
 
 /// The checks of both lists.
 bool check_list(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
-  if (call.arguments >= 0 && !check_allowed_members(call.doc, call.arguments, {"_meta"})) {
+  if (call.arguments >= 0 && !check_allowed_members(call, {"_meta"})) {
     return refuse(answer.message, "this tool accepts no arguments");
   }
   // The frame has checked this before; the lists do not rely on it.
@@ -58,9 +58,9 @@ bool check_list(const ToolCall& call, ToolContext& context, ToolAnswer& answer) 
 /// Reads the table that a call names; false when the policy does not let it be read.
 bool read_table(const ToolCall& call, ToolContext& context, TextOut table) {
   trace_call(context, "arguments");
-  if (!check_allowed_members(call.doc, call.arguments, {"table", "_meta"})) return false;
+  if (!check_allowed_members(call, {"table", "_meta"})) return false;
   trace_argument(context, "allowed_tables", call, "table");
-  return get_identifier_member(call.doc, call.arguments, "table", table) &&
+  return get_identifier_member(call, "table", table) &&
          policy_table_allowed(context.policy, table.data(), TableUse::kRead);
 }
 

@@ -16,17 +16,31 @@
 
 namespace kova {
 
+/// Where a call was decided; kept when a call is only judged.
+struct CallTrace {
+  CheckTrace check;
+  int token = -1;  ///< the key or the value that decided, when it is no statement
+};
+
 /// One tools/call that has passed the protocol's checks. `arguments` is an index into `doc`, -1
 /// when the member is absent.
 struct ToolCall {
   const JsonDoc& doc;
   int arguments;
-};
+  CallTrace* trace = nullptr;  ///< the context's
 
-/// Where a call was decided; kept when a call is only judged.
-struct CallTrace {
-  CheckTrace check;
-  int token = -1;  ///< the value that decided, when it is no statement
+  /// Sets the key or the value for which the arguments are refused, -1 when there is none. Returns
+  /// false.
+  bool blame(int token) const {
+    if (trace != nullptr) trace->token = token;
+    return false;
+  }
+  /// The same with a member's value, or what stands in the place of the arguments and is no object.
+  bool blame_member(std::string_view key) const {
+    if (trace == nullptr) return false;
+    const bool has_members = doc.is(arguments, JsonType::kObject);
+    return blame(has_members ? json_find(doc, arguments, key) : arguments);
+  }
 };
 
 /// The process-wide records that tools work on.
@@ -52,9 +66,8 @@ inline void trace_call(ToolContext& context, std::string_view check, int token =
 /// The same with a member of the tool's arguments as the value.
 inline void trace_argument(ToolContext& context, std::string_view check, const ToolCall& call,
                            std::string_view key) {
-  if (context.trace != nullptr) {
-    trace_call(context, check, json_find(call.doc, call.arguments, key));
-  }
+  trace_call(context, check);
+  static_cast<void>(call.blame_member(key));
 }
 
 /// What a tool's check and handler leave: a result after a success, a message after a failure.

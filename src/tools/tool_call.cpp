@@ -14,10 +14,14 @@ namespace kova {
 
 namespace {
 
-bool read_params(const JsonDoc& doc, int params, TextOut name, RpcError& error) {
-  if (!check_allowed_members(doc, params, {"name", "arguments", "_meta"})) {
+bool read_params(const JsonDoc& doc, int params, TextOut name, ToolContext& context,
+                 RpcError& error) {
+  int blamed = -1;
+  if (!check_allowed_members(doc, params, {"name", "arguments", "_meta"}, &blamed)) {
+    trace_call(context, "message", blamed);
     return refuse(error, kInvalidParams, "tools/call params are invalid or contain unknown fields");
   }
+  trace_call(context, "message", json_find(doc, params, "name"));
   return get_string_member(doc, params, "name", name) ||
          refuse(error, kInvalidParams, "tools/call requires a valid tool name");
 }
@@ -89,11 +93,11 @@ void finish(RequestId request, const ToolContext& context, const ToolAnswer& ans
 bool run_tools_call(const JsonDoc& doc, int id, int params, ToolContext& context,
                     ToolOutcome& outcome, RpcError& error) {
   char name[kToolNameCapacity];
-  trace_call(context, "message");
-  if (!read_params(doc, params, name, error)) return false;
+  if (!read_params(doc, params, name, context, error)) return false;
   open_audit_context(context.audit, doc, id, name);
   const Tool* const tool = find_tool(name);
-  const ToolCall call{.doc = doc, .arguments = json_find(doc, params, "arguments")};
+  const ToolCall call{
+      .doc = doc, .arguments = json_find(doc, params, "arguments"), .trace = context.trace};
   ToolAnswer& answer = outcome.answer;
   outcome.success = check_policy_valid(context, answer) &&
                     check_read_switch(tool, context, answer) &&

@@ -204,7 +204,7 @@ def test_the_environment_file_alone_counts(desk):
 
 def test_an_environment_file_with_a_value_over_two_lines(desk):
     env_file = desk.file("bad.env", "KOVA_MCP_DATABASE=SALES\nKOVA_MCP_APPROVAL_SECRET='abc\ndef'\n")
-    refused(desk, f"{desk.target.path(env_file)}: line 2: a quote is left open or the value "
+    refused(desk, f"{desk.target.path(env_file)}: line 2, column 26: a quote is left open or the value "
             "continues on the next line", "--env", env_file, desk.file("s.sql", STATEMENT))
 
 

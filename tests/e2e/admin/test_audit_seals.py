@@ -200,8 +200,37 @@ def test_what_cannot_be_sealed(vault: Vault) -> None:
     assert not vault.seals.exists()
     for bad in (b"x\n", b"{}\n"):
         vault.seals.write_bytes(bad)
-        assert "SEALS: line 1: the line is no seal" in refused(vault, *to, vault.path("a"))
+        assert "SEALS: line 1, column 1: the line is no seal" in refused(vault, *to, vault.path("a"))
         assert vault.seals.read_bytes() == bad
+
+
+def test_where_a_line_stops_being_a_seal(vault: Vault) -> None:
+    vault.rotate("a", 2)
+    vault.rotate("b", 2)
+    vault.seal("a")
+    [good] = vault.seal_lines()
+    made = json.loads(good)
+    # Of the second of two equal members, whose value counts.
+    twice = good[:-2] + b', "lines" : "x"}\n'
+    for bad, column in (
+            (b'{"file":tru\n', 12), (b"[]\n", 1), (b"\n", 1), (good[:50] + b"\n", 51),
+            (good[:-1], len(good)), (twice, twice.rindex(b'"lines"') + 1),
+            *((good.replace(b'"%s":' % key, b'"%s":false,"x":' % key), good.index(b'"%s":' % key) + 1)
+              for key in (b"file", b"sha256", b"lines", b"first", b"last", b"blocks", b"previous")),
+            *((json.dumps({name: made[name] for name in made if name != key}).encode() + b"\n", 1)
+              for key in made),
+            (good.replace(b'"lines":2', b'"lines":1002'), good.index(b'"blocks"') + 4)):
+        place = f"line 1, column {column}: the line is no seal\n"
+        for before in (b"", good):
+            vault.seals.write_bytes(before + bad)
+            text = refused(vault, "seal", "--to", vault.seals, vault.path("b"))
+            assert "SEALS: " + (place.replace("1", "2", 1) if before else place) in text, bad
+            assert vault.seals.read_bytes() == before + bad
+        # A good line before it makes it a break of the chain.
+        code, lines = vault.verify()
+        assert code == 1 and lines[0].endswith("SEALS: line 2: the chain breaks"), bad
+        vault.seals.write_bytes(bad)
+        assert "SEALS: " + place in refused(vault, "verify", vault.seals), bad
 
 
 def test_seals_that_cannot_be_read(vault: Vault) -> None:
@@ -220,10 +249,13 @@ def test_seals_that_ask_for_too_much(vault: Vault) -> None:
             "blocks": [], "previous": None}
     for lines, blocks in ((1 << 40, 0), (2 ** 64 - 1, 1), (1000, 2), (1001, 1), (0, 1)):
         made = {**seal, "lines": lines, "blocks": ["b" * 64] * blocks}
-        vault.seals.write_bytes(json.dumps(made).encode() + b"\n")
-        assert "SEALS: line 1: the line is no seal" in refused(vault, "verify", vault.seals)
+        made_line = json.dumps(made).encode() + b"\n"
+        vault.seals.write_bytes(made_line)
+        column = made_line.index(b'"blocks"') + 1
+        assert f"SEALS: line 1, column {column}: the line is no seal" in refused(
+            vault, "verify", vault.seals)
     vault.seals.write_bytes(b"x" * (17 << 20))
-    assert "SEALS: line 1: the line is too long" in refused(vault, "verify", vault.seals)
+    assert f"SEALS: line 1, column {(16 << 20) + 1}: the line is too long" in refused(vault, "verify", vault.seals)
     vault.rotate("a", 1)
     assert "the line is too long" in refused(vault, "seal", "--to", vault.seals, vault.path("a"))
 

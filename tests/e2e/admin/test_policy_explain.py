@@ -156,45 +156,6 @@ def test_whole_lines(authors, text, code, verdict, message):
     assert list(authors.state.iterdir()) == []
 
 
-@pytest.mark.parametrize("text, blamed", [
-    (line("kova_query", {"sql": 'SELECT "ü", \'\n\', SSN FROM ORDERS'}), "SSN"),
-    (line("kova_query", {"sql": "SELECT SSN FROM ORDERS"}).replace("SSN", "\\u0053SN"),
-     "\\u0053SN"),
-    (line("kova_query", {"sql": "SELECT 'é\U0001f600', SSN FROM ORDERS"}), "SSN"),
-    (line("kova_query", {"sql": "SELECT 'E\U0001f600', SSN FROM ORDERS"})
-     .replace("\U0001f600", "\\ud83d\\ude00"), "SSN"),
-    (line("kova_nothing", {}), "kova_nothing"),
-    (line("kova_describe_table", {"table": "HIDDEN"}), "HIDDEN"),
-    (line("kova_vector_search", {"collection": "OTHER", "vector": [1], "top": 3}), "OTHER"),
-    (line("kova_hybrid_search", {"collection": "MANUALS", "text": "x", "top": 3, "source_table":
-                                 "HIDDEN", "key_field": "ID", "columns": ["A"]}), "HIDDEN"),
-    (line("kova_hybrid_search", {"collection": "MANUALS", "text": "x", "top": 3, "source_table":
-                                 "ORDERS", "key_field": "ID", "columns": ["A", "SSN"]}), "SSN"),
-])
-def test_places_in_whole_lines(authors, text, blamed):
-    found = explain(authors, authors.policy(denied_columns=["SSN"]), text, 1)
-    assert found["offset"] == text.encode().index(blamed.encode())
-
-
-HYBRID = {"collection": "MANUALS", "text": "x", "top": 3, "source_table": "ORDERS",
-          "key_field": "ID", "columns": ["A"]}
-
-
-@pytest.mark.parametrize("tool, arguments", [
-    ("kova_query", {"sql": "SELECT SSN FROM ORDERS", "max_rows": 0}),
-    ("kova_list_tables", {"x": 1}),
-    ("kova_describe_table", {"table": "HIDDEN", "x": 1}),
-    ("kova_hybrid_search", {**HYBRID, "columns": "SSN"}),
-    ("kova_hybrid_search", {**HYBRID, "columns": []}),
-    ("kova_hybrid_search", {key: HYBRID[key] for key in HYBRID if key != "columns"}),
-    ("kova_vector_search", {"collection": "MANUALS", "vector": ["x"], "top": 3}),
-    ("kova_execute", {"sql": 7}),
-])
-def test_refused_arguments_name_no_place(authors, tool, arguments):
-    found = explain(authors, authors.writes(denied_columns=["SSN"]), line(tool, arguments), 1)
-    assert (found["tool"], found["check"], "offset" in found) == (tool, "arguments", False)
-
-
 @pytest.mark.parametrize("text, message", [
     ('{"jsonrpc":"2.0","id":1,"method":"ping"}', "the message calls ping, not tools/call"),
     ('{"jsonrpc":"2.0","method":"tools/call"}',

@@ -2,6 +2,9 @@
 
 from __future__ import annotations
 
+import os
+import shutil
+
 import pytest
 
 MEMBERS = ["file", "rule", "key", "why", "instead"]
@@ -48,6 +51,20 @@ def test_one_name_on_several_hosts(authors):
         [finding] = authors.json("lint", first, other, code=1)["findings"]
         assert finding["rule"] == "shared-name" and "token" not in finding["why"]
     assert lint(authors, first, first, code=0) == []
+
+
+def test_one_file_under_two_names_shares_no_name(authors):
+    path = authors.policy()
+    again = path.with_name("again.json")
+    os.link(path, again)
+    assert lint(authors, path, again, code=0) == []
+    copy = path.with_name("copy.json")
+    shutil.copy(path, copy)
+    assert lint(authors, path, copy, again) == [("shared-name", "name"), ("shared-name", "name")]
+    if not authors.target.windows:
+        link = path.with_name("link.json")
+        link.symlink_to(path)
+        assert lint(authors, link, path, code=0) == []
 
 
 def test_identities_are_not_judged(authors):

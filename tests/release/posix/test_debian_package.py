@@ -175,6 +175,7 @@ def test_the_files_are_those_of_the_tree(debian_package: Path, tmp_path: Path) -
             "deploy/kova-mcp.sysusers": "usr/lib/sysusers.d/kova-mcp.conf",
             "deploy/kova-mcp.tmpfiles": "usr/lib/tmpfiles.d/kova-mcp.conf",
             "deploy/kova-mcp.logrotate": "etc/logrotate.d/kova-mcp",
+            "deploy/lnav/kova_mcp_audit.json": "etc/lnav/formats/kova_mcp/kova_mcp_audit.json",
             "completions/kova-admin.bash": "usr/share/bash-completion/completions/kova-admin",
             "completions/_kova-admin": "usr/share/zsh/vendor-completions/_kova-admin"}.items():
         assert (tmp_path / place).read_bytes() == (ROOT / source).read_bytes()

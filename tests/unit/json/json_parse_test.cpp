@@ -133,6 +133,27 @@ TEST(JsonParse, EveryByteInEveryPlaceOfAUnicodeEscape) {
   }
 }
 
+TEST(JsonParse, StopsAtTheByteThatIsWrong) {
+  struct Row {
+    std::string_view text;
+    std::size_t stopped;
+  };
+  for (const Row& row : std::initializer_list<Row>{{R"(["a\qb"])", 3},
+                                                   {R"(["a\u00g0b"])", 3},
+                                                   {R"(["a\u00)", 3},
+                                                   {"[1,]", 3},
+                                                   {"[tru]", 1},
+                                                   {"[1", 2},
+                                                   {"[\"a\x01\"]", 3},
+                                                   {"[] x", 3}}) {
+    JsonToken tokens[8];
+    JsonDoc doc;
+    std::size_t stopped = 99;
+    EXPECT_FALSE(json_parse(row.text, tokens, 8, doc, &stopped)) << row.text;
+    EXPECT_EQ(stopped, row.stopped) << row.text;
+  }
+}
+
 TEST(JsonParse, NothingToParseOrNowhereToPutIt) {
   JsonToken tokens[2];
   JsonDoc doc;

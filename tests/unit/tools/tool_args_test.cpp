@@ -72,6 +72,46 @@ TEST(CheckAllowedMembers, KeysHaveAtMost63Bytes) {
   EXPECT_FALSE(allows_key(longest + "k", longest));
 }
 
+TEST(CheckAllowedMembers, NamesWhatItRefuses) {
+  const auto blamed = [](std::string_view json, int token = 0) {
+    const Parsed parsed(json);
+    int found = -7;
+    return check_allowed_members(*parsed, token, {"sql"}, &found) ? -9 : found;
+  };
+  EXPECT_EQ(blamed(R"({"sql":1})"), -9);
+  EXPECT_EQ(blamed(R"({"sql":[1,2],"x":1,"y":2})"), 5);
+  EXPECT_EQ(blamed("[1]"), 0);
+  EXPECT_EQ(blamed("[1]", 1), 1);
+  EXPECT_EQ(blamed("{}", -1), -1);
+}
+
+// What a judged call's trace shows of each kind of member.
+TEST(ToolCallMembers, BlameWhatTheyRefuse) {
+  const Parsed parsed(R"({"n":7,"s":"a b","list":[]})");
+  CallTrace trace;
+  const ToolCall call{.doc = *parsed, .arguments = 0, .trace = &trace};
+  char text[64];
+  std::uint32_t value = 0;
+  const auto blamed = [&](bool accepted) {
+    const int token = accepted ? -9 : trace.token;
+    trace.token = -1;
+    return token;
+  };
+  EXPECT_EQ(blamed(get_string_member(call, "s", text)), -9);
+  EXPECT_EQ(blamed(get_string_member(call, "n", text)), 2);
+  EXPECT_EQ(blamed(get_string_member(call, "none", text)), -1);
+  EXPECT_EQ(blamed(get_identifier_member(call, "s", text)), 4);
+  EXPECT_EQ(blamed(get_bounded_member(call, "n", 1, 7, value)), -9);
+  EXPECT_EQ(blamed(get_bounded_member(call, "n", 8, 9, value)), 2);
+  EXPECT_EQ(blamed(get_bounded_member(call, "list", 1, 9, value)), 6);
+  EXPECT_EQ(blamed(check_allowed_members(call, {"n", "s"})), 5);
+  EXPECT_EQ(blamed(check_allowed_members(call, {"n", "s", "list"})), -9);
+  const ToolCall in_list{.doc = *parsed, .arguments = 6, .trace = &trace};
+  EXPECT_EQ(blamed(get_string_member(in_list, "s", text)), 6);
+  const ToolCall untraced{.doc = *parsed, .arguments = 0};
+  EXPECT_FALSE(get_string_member(untraced, "n", text));
+}
+
 // Documents that no parser makes.
 TEST(CheckAllowedMembers, RefusesKeysWithoutTheirValue) {
   constexpr JsonToken kObject = {JsonType::kObject, 0, 9, 2, -1};

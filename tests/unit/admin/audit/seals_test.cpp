@@ -84,16 +84,43 @@ TEST(Seals, OfAnotherFormAreNone) {
   const std::string good = R"({"file":"f","sha256":")" + digest +
                            R"(","lines":0,"first":null,"last":null,"blocks":[],"previous":null})";
   EXPECT_TRUE(parse_seal(good));
-  for (const auto& [from, to] :
-       {std::pair("\"lines\":0", "\"lines\":-1"), std::pair("\"lines\":0", "\"lines\":1"),
-        std::pair("\"lines\":0", "\"lines\":18446744073709551615"),
-        std::pair("\"blocks\":[]", "\"blocks\":[\"x\"]"),
-        std::pair("\"previous\":null", "\"previous\":\"x\""),
-        std::pair("\"file\":\"f\"", "\"file\":1"), std::pair("\"aaaa", "\"aaaax")}) {
+  struct Row {
+    std::string from;
+    std::string to;
+    const char* wrong;
+  };
+  for (const Row& row :
+       std::vector<Row>{{"\"lines\":0", "\"lines\":-1", "lines"},
+                        {"\"lines\":0", "\"lines\":1", "blocks"},
+                        {"\"lines\":0", "\"lines\":18446744073709551615", "blocks"},
+                        {"\"blocks\":[]", "\"blocks\":[\"x\"]", "blocks"},
+                        {"\"previous\":null", "\"previous\":\"x\"", "previous"},
+                        {"\"file\":\"f\"", "\"file\":1", "file"},
+                        {"\"aaaa", "\"aaaax", "sha256"}}) {
     std::string bad = good;
-    bad.replace(bad.find(from), std::string(from).size(), to);
-    EXPECT_FALSE(parse_seal(bad)) << bad;
+    bad.replace(bad.find(row.from), row.from.size(), row.to);
+    std::size_t column = 0;
+    EXPECT_FALSE(parse_seal(bad, &column)) << bad;
+    EXPECT_EQ(column, bad.find('"' + std::string(row.wrong) + '"') + 1) << bad;
   }
+}
+
+TEST(Seals, StopWhereTheirEndIsMissing) {
+  const Seal seal{.file = "f",
+                  .sha256 = std::string(64, 'a'),
+                  .lines = 0,
+                  .first = {},
+                  .last = {},
+                  .blocks = {},
+                  .previous = {}};
+  const std::string line = seal_line(seal);
+  std::size_t column = 0;
+  EXPECT_TRUE(parse_seal({.number = 1, .text = line, .has_end = true}, column));
+  EXPECT_FALSE(parse_seal({.number = 1, .text = line, .has_end = false}, column));
+  EXPECT_EQ(column, line.size() + 1);
+  EXPECT_FALSE(parse_seal({.number = 1, .text = "{}", .has_end = false}, column));
+  EXPECT_EQ(column, 1U);
+  EXPECT_EQ(no_seal_text("SEALS", 7, 13), "SEALS: line 7, column 13: the line is no seal");
 }
 
 TEST(KeptLine, IsWrittenAndRead) {

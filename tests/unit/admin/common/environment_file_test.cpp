@@ -69,21 +69,21 @@ TEST(EnvironmentFile, RefusesWithTheLine) {
     return "accepted";
   };
   const std::string open = "a quote is left open or the value continues on the next line";
-  EXPECT_EQ(refusal_of("A=1\nB='x\ny'\n"), "line 2: " + open);
-  EXPECT_EQ(refusal_of("\n\r\n\rA=\"x\n"), "line 4: " + open);
-  EXPECT_EQ(refusal_of("A=\"x\\\""), "line 1: " + open);
-  EXPECT_EQ(refusal_of("A=\"x\\\ny\""), "line 1: " + open);
-  EXPECT_EQ(refusal_of("A=x\\\ny"), "line 1: " + open);
-  EXPECT_EQ(refusal_of("# x\\\nA=1"), "line 1: a comment must not end in a backslash");
-  EXPECT_EQ(refusal_of("A"), "line 1: there is no = in the line");
-  EXPECT_EQ(refusal_of("export A=1"), "line 1: the name of the variable is invalid");
-  EXPECT_EQ(refusal_of("9A=1"), "line 1: the name of the variable is invalid");
-  EXPECT_EQ(refusal_of("=1"), "line 1: the name of the variable is invalid");
+  EXPECT_EQ(refusal_of("A=1\nB='x\ny'\n"), "line 2, column 3: " + open);
+  EXPECT_EQ(refusal_of("\n\r\n\rA=\"x\n"), "line 4, column 3: " + open);
+  EXPECT_EQ(refusal_of(" A = \"x\\\""), "line 1, column 6: " + open);
+  EXPECT_EQ(refusal_of("A='x' \"x\\\ny\""), "line 1, column 7: " + open);
+  EXPECT_EQ(refusal_of("A=x\\\ny"), "line 1, column 4: " + open);
+  EXPECT_EQ(refusal_of("\t# x\\ \nA=1"), "line 1, column 5: a comment must not end in a backslash");
+  EXPECT_EQ(refusal_of("A"), "line 1, column 1: there is no = in the line");
+  EXPECT_EQ(refusal_of("  export A=1"), "line 1, column 3: the name of the variable is invalid");
+  EXPECT_EQ(refusal_of("9A=1"), "line 1, column 1: the name of the variable is invalid");
+  EXPECT_EQ(refusal_of("=1"), "line 1, column 1: the name of the variable is invalid");
   EXPECT_EQ(refusal_of("\xEF\xBB\xBF"
                        "A=1"),
-            "line 1: the name of the variable is invalid");
-  EXPECT_EQ(refusal_of(std::string_view("A=1\nB=\0", 7)), "line 2: a NUL byte");
-  EXPECT_EQ(refusal_of("A=\xFF"), "line 1: the line is not UTF-8");
+            "line 1, column 1: the name of the variable is invalid");
+  EXPECT_EQ(refusal_of(std::string_view("A=1\nB=\0", 7)), "line 2, column 3: a NUL byte");
+  EXPECT_EQ(refusal_of("A=\xFF"), "line 1, column 3: the line is not UTF-8");
 }
 
 TEST(EnvironmentFile, NoRefusalHoldsAValue) {

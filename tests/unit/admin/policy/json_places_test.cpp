@@ -32,6 +32,14 @@ TEST(JsonPlaces, AByteInsideAnEscapeIsTheEscape) {
   EXPECT_EQ(source_offset("abc", 7), 3U);
 }
 
+TEST(JsonPlaces, AnEscapeThatStandsForNoCharacter) {
+  EXPECT_EQ(malformed_escape(R"(x\ud83d\ude00\n\"y)"), std::string_view::npos);
+  EXPECT_EQ(malformed_escape(""), std::string_view::npos);
+  EXPECT_EQ(malformed_escape(R"(\nx\ud83d)"), 3U);
+  EXPECT_EQ(malformed_escape(R"(\ud83d\u0041)"), 0U);
+  EXPECT_EQ(malformed_escape(R"(\ud83d\ude00\ude00)"), 12U);
+}
+
 TEST(JsonPlaces, LinesAndColumnsCountBytesFromOne) {
   EXPECT_EQ(byte_place("abc", 0), "line 1, column 1");
   EXPECT_EQ(byte_place("\xC3\xA9x\r\ny", 2), "line 1, column 3");
