@@ -14,13 +14,13 @@ namespace {
 
 constexpr UnixMs kGraceMs = UnixMs{24} * 60 * 60 * 1000;
 
-struct Options {
+struct CleanOptions {
   std::shared_ptr<std::string> env;
   std::shared_ptr<std::string> journal;
   bool dry_run = false;
 };
 
-int run(const Options& options) {
+int run(const CleanOptions& options) {
   const DeploymentInUse in_use(*options.env);
   const auto policy = load_policy();
   const std::string directory = policy->approval_state_directory;
@@ -52,7 +52,7 @@ std::vector<Marker> removable_markers(std::span<const Decision> decisions,
 }
 
 RunCommand add_approvals_clean(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<CleanOptions>();
   options->env = add_env_option(parser);
   options->journal = add_journal_option(parser);
   parser.add_flag("--dry-run", options->dry_run, "Print the names and remove nothing");

@@ -18,7 +18,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct ListOptions {
   std::shared_ptr<std::string> env;
   std::shared_ptr<std::string> journal;
   bool json = false;
@@ -68,7 +68,7 @@ void print_list(const std::vector<Approval>& approvals) {
   print(text.empty() ? "no approvals\n" : text);
 }
 
-int run(const Options& options) {
+int run(const ListOptions& options) {
   const DeploymentInUse in_use(*options.env);
   const auto policy = load_policy();
   const auto decisions = read_journal(journal_path(*options.journal));
@@ -89,7 +89,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_approvals_list(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ListOptions>();
   options->env = add_env_option(parser);
   options->journal = add_journal_option(parser);
   parser.add_flag("--json", options->json, "One JSON object");

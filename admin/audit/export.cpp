@@ -19,7 +19,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct ExportOptions {
   std::string model;
   std::string output;
   FilterOptions filter;
@@ -29,7 +29,7 @@ struct Options {
 /// Writes the events of one file after the other.
 class Exporter {
  public:
-  Exporter(const Options& options, OutputTarget& out)
+  Exporter(const ExportOptions& options, OutputTarget& out)
       : filter_(options.filter.filter()), to_ecs_(options.model == "ecs"), out_(out) {}
 
   void read(const std::string& file, Progress& progress) {
@@ -67,7 +67,7 @@ class Exporter {
   LineSplitter splitter_;
 };
 
-int run(const Options& options) {
+int run(const ExportOptions& options) {
   OutputTarget out(options.output, options.files);
   Exporter exporter(options, out);
   // On a terminal that shows the events it would stand among them.
@@ -80,7 +80,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_audit_export(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ExportOptions>();
   parser.add_option("--to", options->model, "ecs or ocsf")
       .one_of({"ecs", "ocsf"})
       .required()

@@ -15,7 +15,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct ReportOptions {
   std::string format = "html";
   std::string output;
   std::string journal;
@@ -23,13 +23,13 @@ struct Options {
   std::vector<std::string> files;
 };
 
-std::vector<std::string> inputs_of(const Options& options) {
+std::vector<std::string> inputs_of(const ReportOptions& options) {
   std::vector<std::string> inputs = options.files;
   if (!options.journal.empty()) inputs.push_back(options.journal);
   return inputs;
 }
 
-void write_report(const Options& options, AuditLog& log, const ReportFrame& frame) {
+void write_report(const ReportOptions& options, AuditLog& log, const ReportFrame& frame) {
   OutputTarget out(options.output, inputs_of(options));
   if (options.format == "json") {
     write_json_report(log, out);
@@ -43,7 +43,7 @@ void write_report(const Options& options, AuditLog& log, const ReportFrame& fram
   out.finish();
 }
 
-int run(const Options& options) {
+int run(const ReportOptions& options) {
   if (std::count(options.files.begin(), options.files.end(), kStandardInput) > 1) {
     throw Refusal("standard input can be read once");
   }
@@ -67,7 +67,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_audit_report(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ReportOptions>();
   parser.add_option("--format", options->format, "html (without it), text, json or csv")
       .one_of({"html", "text", "json", "csv"})
       .type_name("FORMAT");

@@ -19,7 +19,7 @@ namespace {
 /// How often the seals may grow meanwhile.
 constexpr int kTries = 20;
 
-struct Options {
+struct SealOptions {
   std::string seals;
   std::vector<std::string> files;
 };
@@ -65,7 +65,7 @@ KeptLine append(const std::string& path, std::vector<Seal>& seals) {
   throw Refusal(path + ": the seals cannot be written");
 }
 
-int run(const Options& options) {
+int run(const SealOptions& options) {
   static_cast<void>(end_of(options.seals));
   std::vector<Seal> seals;
   {
@@ -82,7 +82,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_audit_seal(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<SealOptions>();
   parser.add_option("--to", options->seals, "The file of seals; made when it is missing")
       .not_empty()
       .required()

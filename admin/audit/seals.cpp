@@ -71,8 +71,8 @@ bool is_time_or_null(const Json& value) {
   return value.is_null() || value.is_string();
 }
 
-constexpr const char* kMembers[] = {"file", "sha256", "lines",   "first",
-                                    "last", "blocks", "previous"};
+constexpr const char* kSealMembers[] = {"file", "sha256", "lines",   "first",
+                                        "last", "blocks", "previous"};
 
 bool is_list_of_blocks(const Json& blocks, std::uint64_t lines) {
   return blocks.is_array() && std::all_of(blocks.begin(), blocks.end(), is_digest) &&
@@ -80,7 +80,7 @@ bool is_list_of_blocks(const Json& blocks, std::uint64_t lines) {
 }
 
 bool has_members(const Json& line) {
-  return line.is_object() && std::all_of(std::begin(kMembers), std::end(kMembers),
+  return line.is_object() && std::all_of(std::begin(kSealMembers), std::end(kSealMembers),
                                          [&](const char* name) { return line.contains(name); });
 }
 

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::uint32_t kPauseMs = 200;
 
-struct Options {
+struct TailOptions {
   std::string file;
   int lines = 10;
 };
@@ -56,7 +56,7 @@ class Screen {
   std::deque<std::string> waiting_;
 };
 
-int run(const Options& options) {
+int run(const TailOptions& options) {
   FollowedFile file(options.file);
   Screen screen(options.lines);
   const auto take = [&](std::string_view line) { screen.take(line); };
@@ -71,7 +71,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_audit_tail(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<TailOptions>();
   constexpr int kLinesLimit = 10000;
   parser.add_option("--lines", options->lines, "Records to begin with; 10 without it")
       .between(0, kLinesLimit)

@@ -17,7 +17,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct VerifyOptions {
   std::string seals;
   std::optional<std::string> kept;
 };
@@ -45,7 +45,7 @@ std::string find_file(const std::string& name, const std::string& seals) {
 /// Judges line after line and prints what does not hold.
 class Verifier {
  public:
-  Verifier(const Options& options, std::optional<KeptLine> kept)
+  Verifier(const VerifyOptions& options, std::optional<KeptLine> kept)
       : seals_(options.seals), kept_(std::move(kept)) {}
 
   void take(const SealsLine& line) {
@@ -106,7 +106,7 @@ class Verifier {
   std::string findings_;
 };
 
-int run(const Options& options) {
+int run(const VerifyOptions& options) {
   std::optional<KeptLine> kept;
   if (options.kept) {
     kept = parse_kept(*options.kept);
@@ -120,7 +120,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_audit_verify(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<VerifyOptions>();
   parser.add_option("SEALS", options->seals, "The file of seals").required();
   parser.add_option("--kept", options->kept, "A line that audit seal printed, kept elsewhere")
       .not_empty()

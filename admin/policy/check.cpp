@@ -15,7 +15,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct CheckOptions {
   std::shared_ptr<std::string> env;
   std::shared_ptr<bool> other_host;
   std::string file;
@@ -35,7 +35,7 @@ void print_as_json(const PolicyVerdict& verdict) {
   print_json(found);
 }
 
-int run(const Options& options) {
+int run(const CheckOptions& options) {
   use_deployment(*options.env);
   const PolicyVerdict verdict =
       judge_policy(options.file, Launch::kEnvironment, *options.other_host);
@@ -53,7 +53,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_policy_check(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<CheckOptions>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
   parser.add_option("FILE", options->file, "The policy file").required().type_name("FILE");

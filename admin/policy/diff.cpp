@@ -20,7 +20,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct DiffOptions {
   std::shared_ptr<std::string> env;
   std::shared_ptr<bool> other_host;
   std::string before;
@@ -97,7 +97,7 @@ std::string differences_text(const PolicyDifferences& differences, const std::ve
   return text;
 }
 
-int run(const Options& options) {
+int run(const DiffOptions& options) {
   use_deployment(*options.env);
   const auto before = need_policy(options.before, Launch::kAny, *options.other_host);
   const auto after = need_policy(options.after, Launch::kAny, *options.other_host);
@@ -118,7 +118,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_policy_diff(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<DiffOptions>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
   parser.add_option("OLD", options->before, "The policy file before").required().type_name("FILE");

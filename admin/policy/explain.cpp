@@ -29,7 +29,7 @@ constexpr int kExitApproval = 3;
 /// The largest message that the server reads, and a line end.
 constexpr std::size_t kCallLimit = 1048576 + 2;
 
-struct Options {
+struct ExplainOptions {
   std::shared_ptr<std::string> env;
   std::shared_ptr<bool> other_host;
   std::string file;
@@ -38,7 +38,7 @@ struct Options {
   bool markdown = false;
 };
 
-int explain_policy(const Options& options, const McpPolicy& policy) {
+int explain_policy(const ExplainOptions& options, const McpPolicy& policy) {
   if (options.json) {
     Json sections = Json::array();
     for (const SummarySection& section : summary_of(policy)) {
@@ -95,7 +95,7 @@ int exit_code(Verdict verdict) {
   return kExitApproval;
 }
 
-int explain_call(const Options& options, const McpPolicy& policy) {
+int explain_call(const ExplainOptions& options, const McpPolicy& policy) {
   const std::string text =
       options.call == "-" ? std::string(read_standard_input(kCallLimit).view()) : *options.call;
   CallJudge judge(policy);
@@ -108,7 +108,7 @@ int explain_call(const Options& options, const McpPolicy& policy) {
   return exit_code(verdict.verdict);
 }
 
-int run(const Options& options) {
+int run(const ExplainOptions& options) {
   const bool has_call = options.call.has_value();
   if (options.markdown && (has_call || options.json)) {
     throw Refusal("--markdown goes with neither SQL nor --json");
@@ -121,7 +121,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_policy_explain(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ExplainOptions>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
   parser.add_option("FILE", options->file, "The policy file").required().type_name("FILE");

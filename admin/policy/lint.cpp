@@ -24,7 +24,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct LintOptions {
   std::shared_ptr<std::string> env;
   std::shared_ptr<bool> other_host;
   std::vector<std::string> files;
@@ -71,7 +71,7 @@ void print_as_json(const std::vector<LintFinding>& findings) {
   print_json({{"findings", list}});
 }
 
-int run(const Options& options) {
+int run(const LintOptions& options) {
   use_deployment(*options.env);
   std::vector<std::unique_ptr<McpPolicy>> policies;
   std::vector<LintSubject> subjects;
@@ -99,7 +99,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_policy_lint(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<LintOptions>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
   parser.add_option("FILE", options->files, "The policy files").required().type_name("FILE");

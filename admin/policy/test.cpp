@@ -17,7 +17,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct TestOptions {
   std::shared_ptr<std::string> env;
   std::shared_ptr<bool> other_host;
   std::string file;
@@ -27,13 +27,13 @@ struct Options {
 };
 
 /// The file of the JUnit report, when one is asked for.
-std::optional<OutputTarget> report_file(const Options& options) {
+std::optional<OutputTarget> report_file(const TestOptions& options) {
   if (options.junit.empty()) return std::nullopt;
   const std::string inputs[] = {options.file, options.cases};
   return std::optional<OutputTarget>(std::in_place, options.junit, inputs);
 }
 
-int run(const Options& options) {
+int run(const TestOptions& options) {
   use_deployment(*options.env);
   const auto policy = need_policy(options.file, Launch::kEnvironment, *options.other_host);
   const std::vector<PolicyCase> cases = read_cases(options.cases);
@@ -54,7 +54,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_policy_test(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<TestOptions>();
   options->env = add_env_option(parser);
   options->other_host = add_other_host_option(parser);
   parser.add_option("FILE", options->file, "The policy file").required().type_name("FILE");
