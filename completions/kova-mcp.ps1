@@ -40,7 +40,9 @@ Register-ArgumentCompleter -Native -CommandName kova-mcp, kova-mcp.exe -ScriptBl
     if (-not $help -and ($kind -eq 'FILE' -or $kind -eq 'FOLDER' -or $kind -eq 'TEXT')) { return }
     $found = if ($help) { $table.commands.$path }
         elseif ($kind) { $kind.Split(' ') }
-        elseif ($wordToComplete.StartsWith('-') -or -not $table.commands.$path) { $table.options.$path }
+        elseif ($wordToComplete.StartsWith('-') -or -not $table.commands.$path) {
+            $table.options.$path
+        }
         else { $table.commands.$path }
     $found | Where-Object { $_.StartsWith($wordToComplete) } | ForEach-Object {
         [System.Management.Automation.CompletionResult]::new($_, $_, 'ParameterValue', $_)

@@ -1,7 +1,8 @@
-"""Bills of materials (CycloneDX 1.6, JSON) from what a build has read and the packages it came from.
+"""Bills of materials (CycloneDX 1.6, JSON) of what a build has read and the packages it came from.
 
-What is in an executable is what its linker opened and its compiler included. Debian's dpkg says which
-package a file belongs to and its version; the licence is the package's own copyright file, whole.
+What is in an executable is what its linker opened and its compiler included. Debian's dpkg says
+which package a file belongs to and its version; the licence is the package's own copyright file,
+whole.
 """
 
 from __future__ import annotations

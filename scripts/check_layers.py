@@ -274,7 +274,8 @@ def check_platform(files, problems):
         match = PLATFORM_CONDITION.search(file.text)
         if match:
             problems.append(f"{file.name}: a platform condition ({match.group(1)})")
-        if file.top in ("src", "admin") and any(PLATFORM_HEADER.fullmatch(name) for name in file.system):
+        if file.top in ("src", "admin") and any(PLATFORM_HEADER.fullmatch(name)
+                                                for name in file.system):
             problems.append(f"{file.name}: a system header outside src/platform")
 
 
@@ -282,7 +283,8 @@ def main():
     files = [File(path) for folder in ("src", "sample", "admin", "tests", "bench")
              for path in sources(folder) if "node_modules" not in path.parts]
     problems = []
-    for check in (check_arrows, check_named_modules, check_beside, check_circles, check_direct, check_platform):
+    for check in (check_arrows, check_named_modules, check_beside, check_circles, check_direct,
+                  check_platform):
         check(files, problems)
     for problem in problems:
         print(problem)

@@ -1,7 +1,7 @@
 """A terminal of a program's own, with someone scripted in front of it.
 
-The program's controlling terminal is a pseudo-terminal; a Windows program under Wine has a console on
-it. A prompt is an open line: text after the last line end.
+The program's controlling terminal is a pseudo-terminal; a Windows program under Wine has a console
+on it. A prompt is an open line: text after the last line end.
 """
 
 from __future__ import annotations
@@ -30,9 +30,9 @@ CONTROL = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b\][^\x07]*\x07")
 
 
 class ScriptedTerminal:
-    """A program on a terminal. Its standard streams are `streams`, or else the terminal. `raw` leaves
-    keys and echo to the program from the start, as Wine's console wants it: it takes the terminal
-    over only when it first reads."""
+    """A program on a terminal. Its standard streams are `streams`, or else the terminal. `raw`
+    leaves keys and echo to the program from the start, as Wine's console wants it: it takes the
+    terminal over only when it first reads."""
 
     def __init__(self, command: Sequence[str], env: Mapping[str, str], *,
                  columns: int = 80, rows: int = 24, raw: bool = False, **streams: Any) -> None:

@@ -8,8 +8,8 @@
     wine.py path PATH               prints a path as Windows programs name it (Z:\\...)
     wine.py host-path PATH          prints the native path of such a name
 
-The prefix is $WINEPREFIX, or build/wineprefix. Exit codes: that of the program or command; 2 for bad
-arguments; 1, and one line on standard error, when Wine cannot be had.
+The prefix is $WINEPREFIX, or build/wineprefix. Exit codes: that of the program or command; 2 for
+bad arguments; 1, and one line on standard error, when Wine cannot be had.
 """
 
 from __future__ import annotations

@@ -3,8 +3,8 @@
 
 Tables: PACKAGES, one row a package; SECTIONS, what each section adds up to; DEPENDS, one row for
 each package that another one names in Pre-Depends, Depends, Recommends or Suggests; NOTES, what
-people write about packages, empty at first. AI_COLLECTIONS defines two collections, PACKAGE_TEXTS of
-the packages and NOTE_TEXTS of the notes; the engine builds them.
+people write about packages, empty at first. AI_COLLECTIONS defines two collections, PACKAGE_TEXTS
+of the packages and NOTE_TEXTS of the notes; the engine builds them.
 
 The database is built beside its place and moved there when it is complete. It is left alone while
 the index has not changed since it was built. The notes of the earlier database are kept, also those
@@ -81,8 +81,8 @@ INSERT INTO SECTIONS SELECT SECTION, COUNT(*), COALESCE(SUM(INSTALLED_SIZE), 0)
 ANALYZE;
 """
 
-# In the place of a foreign key: that would forbid the kept notes about packages that are gone, and its
-# message names neither table nor column.
+# In the place of a foreign key: that would forbid the kept notes about packages that are gone, and
+# its message names neither table nor column.
 RULES = "".join(f"""
 CREATE TRIGGER NOTES_PACKAGE_{name} AFTER {change} ON NOTES
   WHEN NOT EXISTS (SELECT 1 FROM PACKAGES WHERE NAME = NEW.PACKAGE)

@@ -12,7 +12,8 @@ import pytest
 
 from harness.audit_logs import record, write
 from harness.operator_desk import Desk
-from harness.report_browser import DESK, PHONE, PICTURES, VIEWS, example_records, look, make_pictures
+from harness.report_browser import (DESK, PHONE, PICTURES, VIEWS, example_records, look,
+                                    make_pictures)
 from harness.targets import ROOT, Target
 from harness.waiting import TIMEOUT
 

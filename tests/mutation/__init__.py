@@ -1,5 +1,5 @@
-"""Mutation testing of what decides: changes one place of the sources at a time and looks whether a unit
-test fails.
+"""Mutation testing of what decides: changes one place of the sources at a time and looks whether a
+unit test fails.
 
 modules.py   which sources belong to which module
 syntax.py    finds the changes in a file's syntax tree

@@ -17,10 +17,10 @@ from mutation.syntax import Change, Constant, Source
 
 SWITCH = Path(__file__).parent / "switch"
 NUMBERS_A_FILE = 1000
-"""The numbers of a file's changes begin at a multiple, so that they stay when another file changes."""
+"""A file's changes are numbered from a multiple of this: they stay when another file changes."""
 
 UNIT_TESTS = ("app", "approval", "http", "json", "mcp", "policy", "tools")
-"""The folders of tests/unit whose tests judge: those of the modules, and of what stands upon them."""
+"""The folders of tests/unit whose tests judge: those of the modules, and of what uses them."""
 COPIED = ("CMakeLists.txt", "CMakePresets.json", "cmake", "src", "tests/CMakeLists.txt",
           "tests/support", "tests/unit/CMakeLists.txt", "tests/unit/support", "tests/wiping",
           *(f"tests/unit/{folder}" for folder in UNIT_TESTS))

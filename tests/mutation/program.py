@@ -15,16 +15,16 @@ from mutation.modules import MODULES, ROOT, module_of, sources
 from mutation.tests import Baseline, Runner, available
 
 DESCRIPTION = """\
-Changes one operator, constant, condition, call or jump of the sources at a time, and looks whether a
-unit test fails. All changes that can be chosen at run time are in one build; each is one run of the
-unit tests that come by it, until the first one fails. The others are built one by one. Works in a copy
-below the build folder.
+Changes one operator, constant, condition, call or jump of the sources at a time, and looks whether
+a unit test fails. All changes that can be chosen at run time are in one build; each is one run of
+the unit tests that come by it, until the first one fails. The others are built one by one. Works in
+a copy below the build folder.
 """
 EPILOG = """\
 A change that no test finds and that changes nothing is listed, with the reason, in
 tests/mutation/equivalent.json; --entries prints the survivors as its entries. Exit codes: 0; 1 when
-less than 98 % of the other changes are found, or the list has an entry that no longer belongs there;
-2 when the run cannot be made. It takes its time: chrt --idle 0 tests/mutation/run
+less than 98 % of the other changes are found, or the list has an entry that no longer belongs
+there; 2 when the run cannot be made. It takes its time: chrt --idle 0 tests/mutation/run
 """
 
 

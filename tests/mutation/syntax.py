@@ -94,7 +94,7 @@ class Scope:
     """What a break ends: loop, switch or nothing."""
     in_loop: bool = False
     constant: "int | bool" = False
-    """True where the language asks for a constant; the start of a constant's definition inside it."""
+    """True where the language asks for a constant; inside a constant's definition its start."""
 
 
 def arguments(root: Path) -> list[str]:
@@ -185,7 +185,8 @@ class Finder:
 
     # What is reported.
 
-    def add(self, scope: Scope, start: int, end: int, kind: str, text: str, shown: str = "") -> None:
+    def add(self, scope: Scope, start: int, end: int, kind: str, text: str,
+            shown: str = "") -> None:
         original = self.source(start, end)
         begin = self.text.rfind(b"\n", 0, start) + 1
         stop = self.text.find(b"\n", start)

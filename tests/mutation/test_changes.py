@@ -149,8 +149,8 @@ def test_a_source_with_all_its_changes_does_each(source, tmp_path):
         return str(program)
 
     def result(program: str, number: int) -> "int | None":
-        code = subprocess.run([shutil.which("prlimit"), "--cpu=1", "--core=0", program], check=False,
-                              env={"KOVA_MUTANT": str(number)}).returncode
+        code = subprocess.run([shutil.which("prlimit"), "--cpu=1", "--core=0", program],
+                              check=False, env={"KOVA_MUTANT": str(number)}).returncode
         return None if code < 0 else code
 
     if shutil.which("g++") is None or shutil.which("prlimit") is None:

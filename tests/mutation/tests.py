@@ -1,4 +1,4 @@
-"""Runs unit tests of a changed program under limits, and learns which tests come by which changes."""
+"""Runs unit tests of a changed program under limits; learns which tests come by which changes."""
 
 from __future__ import annotations
 
@@ -141,7 +141,7 @@ def session_members(session: int) -> list[Path]:
 
 
 def activity(session: int) -> tuple[int, bool]:
-    """The processor time of a session so far, in ticks, and whether a thread of it runs or could."""
+    """The processor time of a session so far, in ticks; whether a thread of it runs or could."""
     ticks, awake = 0, False
     for member in session_members(session):
         for stat in member.glob("task/*/stat"):

@@ -203,9 +203,10 @@ def test_the_environment_file_alone_counts(desk):
 
 
 def test_an_environment_file_with_a_value_over_two_lines(desk):
-    env_file = desk.file("bad.env", "KOVA_MCP_DATABASE=SALES\nKOVA_MCP_APPROVAL_SECRET='abc\ndef'\n")
-    refused(desk, f"{desk.target.path(env_file)}: line 2, column 26: a quote is left open or the value "
-            "continues on the next line", "--env", env_file, desk.file("s.sql", STATEMENT))
+    env_file = desk.file("bad.env",
+                         "KOVA_MCP_DATABASE=SALES\nKOVA_MCP_APPROVAL_SECRET='abc\ndef'\n")
+    refused(desk, f"{desk.target.path(env_file)}: line 2, column 26: a quote is left open or the "
+            "value continues on the next line", "--env", env_file, desk.file("s.sql", STATEMENT))
 
 
 def test_a_policy_that_is_refused(desk):
@@ -305,8 +306,8 @@ def test_an_empty_value_is_not_an_option_left_out(desk, option):
 
 @pytest.mark.parametrize("arguments", [
     ["help", "approve"], ["approve", "--help"], ["help", "approvals", "list"],
-    ["help", "approvals", "clean"], ["help", "doctor"], ["help", "init"], ["help", "serve"], ["help"],
-    ["--help"]])
+    ["help", "approvals", "clean"], ["help", "doctor"], ["help", "init"], ["help", "serve"],
+    ["help"], ["--help"]])
 def test_help(desk, arguments):
     result = desk.run(*arguments)
     assert (result.code, result.stderr) == (0, b"")

@@ -14,7 +14,8 @@ from harness.operator_desk import Desk
 
 RECORDS = [
     record(0.158),
-    record(1, tool="kova_execute", decision="approval_accepted", objects="T", correlation_id='a"\\'),
+    record(1, tool="kova_execute", decision="approval_accepted", objects="T",
+           correlation_id='a"\\'),
     record(2, tool="kova_execute", decision="approval_required", status="error"),
     record(3, tool="kova_ai_status", decision="kill_switch", status="error", duration=0),
     record(4, tool="kova_text_search", decision="deny", status="error"),

@@ -164,7 +164,8 @@ def test_gaps_and_clocks(desk: Desk) -> None:
 
 
 def test_filters(desk: Desk) -> None:
-    records = [record(number, client="ab"[number % 2], tool=["kova_query", "kova_execute"][number % 3 == 0])
+    records = [record(number, client="ab"[number % 2],
+                      tool=["kova_query", "kova_execute"][number % 3 == 0])
                for number in range(12)]
     file = write(desk.folder / "audit.jsonl", records)
 
@@ -259,8 +260,9 @@ def test_csv_has_every_table(desk: Desk) -> None:
     assert sum(int(row["calls"]) for row in rows if row["table"] == "over_time") == 52
 
 
-HOSTILE = ["</title><script>alert(1)</script>", "<img src=x onerror=alert(1)>", "\x1b[2J\x1b]0;x\x07",
-           "\u202eevil", "\u200bnone", "a\u0000b", "'\"&<>", "javascript:alert(1)"]
+HOSTILE = ["</title><script>alert(1)</script>", "<img src=x onerror=alert(1)>",
+           "\x1b[2J\x1b]0;x\x07", "\u202eevil", "\u200bnone", "a\u0000b", "'\"&<>",
+           "javascript:alert(1)"]
 
 
 def test_hostile_values_stay_text(desk: Desk) -> None:

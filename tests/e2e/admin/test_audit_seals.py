@@ -31,7 +31,8 @@ class Vault:
         return self.desk.target.path(self.path(name))
 
     def rotate(self, name: str, count: int) -> Path:
-        return write(self.path(name), (record(number, correlation_id=name) for number in range(count)))
+        return write(self.path(name),
+                     (record(number, correlation_id=name) for number in range(count)))
 
     def seal(self, *names: str) -> str:
         result = self.desk.run("audit", "seal", "--to", self.seals, *map(self.path, names))
@@ -46,7 +47,8 @@ class Vault:
 
     def holds(self, *arguments: str) -> None:
         code, lines = self.verify(*arguments)
-        assert code == 0 and len(lines) == 1 and lines[0].endswith(("seal holds", "seals hold")), lines
+        assert code == 0, lines
+        assert len(lines) == 1 and lines[0].endswith(("seal holds", "seals hold")), lines
 
     def broken(self, *findings: str, arguments: tuple[str, ...] = ()) -> None:
         assert self.verify(*arguments) == (1, list(findings))
@@ -143,7 +145,8 @@ def test_where_the_chain_breaks(vault: Vault) -> None:
     lines = vault.seal_lines()
     seals = vault.desk.target.path(vault.seals)
 
-    def breaks(made: list[bytes], number: int, *others: str, arguments: tuple[str, ...] = ()) -> None:
+    def breaks(made: list[bytes], number: int, *others: str,
+               arguments: tuple[str, ...] = ()) -> None:
         vault.seals.write_bytes(b"".join(made))
         vault.broken(f"{seals}: line {number}: the chain breaks", *others, arguments=arguments)
 
@@ -200,7 +203,8 @@ def test_what_cannot_be_sealed(vault: Vault) -> None:
     assert not vault.seals.exists()
     for bad in (b"x\n", b"{}\n"):
         vault.seals.write_bytes(bad)
-        assert "SEALS: line 1, column 1: the line is no seal" in refused(vault, *to, vault.path("a"))
+        message = refused(vault, *to, vault.path("a"))
+        assert "SEALS: line 1, column 1: the line is no seal" in message
         assert vault.seals.read_bytes() == bad
 
 
@@ -215,7 +219,8 @@ def test_where_a_line_stops_being_a_seal(vault: Vault) -> None:
     for bad, column in (
             (b'{"file":tru\n', 12), (b"[]\n", 1), (b"\n", 1), (good[:50] + b"\n", 51),
             (good[:-1], len(good)), (twice, twice.rindex(b'"lines"') + 1),
-            *((good.replace(b'"%s":' % key, b'"%s":false,"x":' % key), good.index(b'"%s":' % key) + 1)
+            *((good.replace(b'"%s":' % key, b'"%s":false,"x":' % key),
+               good.index(b'"%s":' % key) + 1)
               for key in (b"file", b"sha256", b"lines", b"first", b"last", b"blocks", b"previous")),
             *((json.dumps({name: made[name] for name in made if name != key}).encode() + b"\n", 1)
               for key in made),
@@ -255,7 +260,8 @@ def test_seals_that_ask_for_too_much(vault: Vault) -> None:
         assert f"SEALS: line 1, column {column}: the line is no seal" in refused(
             vault, "verify", vault.seals)
     vault.seals.write_bytes(b"x" * (17 << 20))
-    assert f"SEALS: line 1, column {(16 << 20) + 1}: the line is too long" in refused(vault, "verify", vault.seals)
+    assert f"SEALS: line 1, column {(16 << 20) + 1}: the line is too long" in refused(
+        vault, "verify", vault.seals)
     vault.rotate("a", 1)
     assert "the line is too long" in refused(vault, "seal", "--to", vault.seals, vault.path("a"))
 

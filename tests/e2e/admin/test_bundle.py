@@ -63,7 +63,7 @@ def manifest_of(bundle: Path) -> "dict[str, Any]":
 
 
 def other_system(target: Target, folder: Path) -> "tuple[Path, Path]":
-    """Files that begin like a server and a client library of the system that is not the target's."""
+    """Files that begin like a server and a client library of the target that is not under test."""
     if target.windows:
         head = bytearray(b"\x7fELF\x02\x01" + bytes(64 + 56 - 6))
         head[16], head[18], head[32], head[54], head[56], head[64] = 3, 62, 64, 56, 1, 3

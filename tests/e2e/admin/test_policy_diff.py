@@ -51,8 +51,8 @@ def test_what_is_neither(authors, key, new):
     env = {"KOVA_MCP_CLIENT_ID": "desk-client", "KOVA_MCP_DATABASE": "SALES",
            "KOVA_MCP_USER": "reader"}
     old = authors.document()[key]
-    found = authors.json("diff", authors.policy("old.json"), authors.policy("new.json", **{key: new}),
-                         code=1, env=env)
+    found = authors.json("diff", authors.policy("old.json"),
+                         authors.policy("new.json", **{key: new}), code=1, env=env)
     assert found == {**NOTHING, "changed": [{"key": key, "old": old, "new": new}]}
     compare(authors, {}, {key: new}, 0, "--fail-on-widening")
 
@@ -90,5 +90,6 @@ def test_sentences(authors):
 
 
 def test_an_empty_name_of_the_cases_is_not_left_out(authors):
-    assert "empty" in authors.refusal("diff", authors.policy("a.json"), authors.policy("b.json"), "")
+    assert "empty" in authors.refusal(
+        "diff", authors.policy("a.json"), authors.policy("b.json"), "")
     assert "empty" in authors.refusal("test", "--junit", "", authors.policy(), authors.cases([]))

@@ -21,7 +21,8 @@ def explain(authors, path, sql, code, **options):
 
 
 @pytest.mark.parametrize("sql", [
-    "SELECT A FROM ORDERS", "select a from orders, items", "SELECT 1", "SELECT 'ssn -- x' FROM ITEMS;",
+    "SELECT A FROM ORDERS", "select a from orders, items", "SELECT 1",
+    "SELECT 'ssn -- x' FROM ITEMS;",
 ])
 def test_allowed_selects(authors, sql):
     found = explain(authors, authors.policy(denied_columns=["SSN"]), sql, 0)
@@ -136,14 +137,16 @@ def line(tool, arguments, **extra):
     (line("kova_list_tables", {}), 0, "allow", None),
     (line("kova_list_tables", {"x": 1}), 1, "deny", "this tool accepts no arguments"),
     (line("kova_describe_table", {"table": "ORDERS"}), 0, "allow", None),
-    (line("kova_vector_search", {"collection": "MANUALS", "vector": [1], "top": 3}), 0, "allow", None),
+    (line("kova_vector_search", {"collection": "MANUALS", "vector": [1], "top": 3}), 0, "allow",
+     None),
     (line("kova_ai_status", {"collection": "MANUALS", "provider": "P"}), 0, "allow", None),
     (line("kova_text_search", {"collection": "MANUALS", "text": "x", "top": 3}), 0, "allow", None),
     (line("kova_hybrid_search", {"collection": "MANUALS", "text": "x", "top": 3, "source_table":
                                  "ORDERS", "key_field": "ID", "columns": ["A"]}), 0, "allow", None),
     (line("kova_execute", {"sql": "DELETE FROM T"}), 3, "approval", APPROVAL),
     # A token is neither verified nor used up.
-    (line("kova_execute", {"sql": "DELETE FROM T", "approval_token": "x"}), 3, "approval", APPROVAL),
+    (line("kova_execute", {"sql": "DELETE FROM T", "approval_token": "x"}), 3, "approval",
+     APPROVAL),
     (line("kova_query", {}, extra=1), 1, "deny",
      "tools/call params are invalid or contain unknown fields"),
     ('{"jsonrpc":"1.0","id":1,"method":"tools/call"}', 1, "deny", "jsonrpc must be 2.0"),
@@ -206,7 +209,8 @@ def test_a_policy_in_sentences(authors, overrides, wanted, form):
 def test_writes_in_sentences(authors):
     text = authors.run("explain", authors.writes(write_types=["INSERT"])).stdout.decode()
     assert "Without an operator it can write nothing." in text
-    assert "With an operator's approval of the exact statement it can run INSERT on ORDERS, T." in text
+    assert ("With an operator's approval of the exact statement it can run INSERT on ORDERS, T."
+            in text)
     text = authors.run("explain", authors.writes(approval_required=False)).stdout.decode()
     assert "Without an operator it can run INSERT, UPDATE, DELETE on ORDERS, T" in text
 

@@ -242,13 +242,15 @@ def test_escapes_before_the_place(authors, text, blamed):
 
 
 @pytest.mark.parametrize("tool, arguments", [
-    ("kova_query", {"sql": "SELECT '?' FROM ORDERS"}), ("kova_text_search", {**TEXT, "text": "é?"}),
+    ("kova_query", {"sql": "SELECT '?' FROM ORDERS"}),
+    ("kova_text_search", {**TEXT, "text": "é?"}),
     ("kova_execute", {"sql": "DELETE FROM T WHERE A = '?'"}),
     ("kova_ai_status", {**STATUS, "provider": "?"}),
 ])
 @pytest.mark.parametrize("escape", ["\\ud800", "\\udc00", "\\ud800\\u0041"])
 def test_a_lone_surrogate(authors, tool, arguments, escape):
-    is_at(authors, authors.writes(), line(tool, arguments).replace("?", escape), "arguments", escape)
+    text = line(tool, arguments).replace("?", escape)
+    is_at(authors, authors.writes(), text, "arguments", escape)
 
 
 @pytest.mark.parametrize("token", ["x", 9, "t" * 300])

@@ -1,4 +1,4 @@
-"""Children of a server on Linux: what file they run, and that they end with whoever started them."""
+"""Children of a server on Linux: what file they run, and that they end with who started them."""
 
 from __future__ import annotations
 
