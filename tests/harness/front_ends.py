@@ -5,6 +5,7 @@ from __future__ import annotations
 import contextlib
 import http.client
 import os
+import re
 import signal
 import socket
 import ssl
@@ -97,6 +98,7 @@ class FrontEnd:
         text = (nginx_configuration(folder, certificate, self.port, *ports) if kind == "nginx"
                 else haproxy_configuration(certificate, self.port, ports))
         configuration.write_text(filled(text, changes), encoding="utf-8")
+        self._peers = re.search(rf"peer this {LOOPBACK}:(\d+)", text)
         command = (nginx_command if kind == "nginx" else haproxy_command)(configuration)
         with open(self._log, "wb") as log:
             self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log,
@@ -112,6 +114,21 @@ class FrontEnd:
 
     def log(self) -> str:
         return self._log.read_text("utf-8", errors="replace")
+
+    def learn_from(self, peer: str) -> None:
+        """Connects to HAProxy as one of its peers, and says that this one's whole table has been
+        sent. A HAProxy hands its own table over once it has learnt one, or has waited some seconds
+        for a peer that has one; no setting shortens that."""
+        request, finished, confirmed = b"\0\0", b"\0\1", b"\0\3"  # messages of peers
+        assert self._peers is not None
+        address = LOOPBACK, int(self._peers[1])
+        with socket.create_connection(address, TIMEOUT) as connection:
+            connection.sendall(f"HAProxyS 2.1\nthis\n{peer} 0 0\n".encode())
+            received = connection.makefile("rb")
+            assert received.readline() == b"200\n"
+            assert received.read(2) == request
+            connection.sendall(finished)
+            assert received.read(2) == confirmed
 
     def reload(self) -> None:
         """HAProxy starts a new process that takes over; waits until the old one has ended."""
