@@ -18,6 +18,7 @@
 | approval_tokens, write_generator | tokens that are signed here; random writes |
 | listeners | ports for the server's reachability probe |
 | processes | finds the processes of a test |
+| sockets | the kernel's view of connections |
 | waiting | waits for a condition |
 
 How a test is written

@@ -128,15 +128,6 @@ class Engine:
         """Waits until the engine has worked for 0.1 s since cpu_seconds() was `before`."""
         wait_until(lambda: self.cpu_seconds() > before + 0.1, TIMEOUT, "work at the engine")
 
-    def has_read(self, connection: socket.socket) -> bool:
-        """Whether the engine has received everything that was sent over the connection."""
-        here, there = (f"0100007F:{port:04X}" for port in (connection.getsockname()[1], self.port))
-        waiting = {}
-        for line in Path("/proc/net/tcp").read_text().splitlines()[1:]:
-            fields = line.split()
-            waiting[fields[1], fields[2]] = [int(size, 16) for size in fields[4].split(":")]
-        return waiting[here, there][0] == 0 and waiting[there, here][1] == 0
-
     def serves_nobody(self) -> bool:
         """Whether the thread of every client has ended."""
         names = []

@@ -6,18 +6,21 @@ import os
 import select
 import signal
 import socket
-import time
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import ExitStack
+from typing import Iterator
 
 import pytest
 
 from harness.http_client import (RATE_EXCEEDED, SESSION_REQUIRED, UNAUTHORIZED, UNKNOWN_PATH,
                                  Client, HttpListener, HttpListeners)
+from harness.sockets import is_closed_there, waiting_connections
 from harness.waiting import TIMEOUT, wait_until
 
 PASSED = SESSION_REQUIRED
 DEFAULT = 120
+QUEUE_SHARE = 8
+"""Connections at a time; the listener's queue has room for 16."""
 
 
 def listener_with(http: HttpListeners, rate: "str | None") -> HttpListener:
@@ -63,7 +66,16 @@ def test_the_rate_comes_first(http, data):
     assert listener.delete("x") == RATE_EXCEEDED
 
 
-def answered(clients: list[Client]) -> list[Client]:
+def silent_clients(listener: HttpListener, count: int) -> Iterator[Client]:
+    """Connections that send nothing, a few at a time: when the listener's queue is full, the kernel
+    tries a connection again after a second."""
+    for number in range(count):
+        if number % QUEUE_SHARE == 0:
+            wait_until(lambda: waiting_connections(listener.port) == 0, TIMEOUT, "the listener")
+        yield listener.connect()
+
+
+def with_response(clients: list[Client]) -> list[Client]:
     return [client for client in clients
             if select.select([client.socket], [], [], 0)[0]]
 
@@ -73,19 +85,20 @@ def test_a_silent_connection_counts(http, rate, limit):
     """A connection above the rate gets its response before it has sent a byte."""
     listener = listener_with(http, rate)
     with ExitStack() as stack:
-        clients = [stack.enter_context(listener.connect()) for _ in range(limit + 1)]
-        wait_until(lambda: answered(clients) != [], TIMEOUT, "the answer of one connection")
-        [refused] = answered(clients)
+        clients = [stack.enter_context(client)
+                   for client in silent_clients(listener, limit + 1)]
+        wait_until(lambda: with_response(clients) != [], TIMEOUT, "the response to one connection")
+        [refused] = with_response(clients)
         assert refused.read_to_end() == RATE_EXCEEDED
         assert listener.post() == RATE_EXCEEDED
         clients.remove(refused)
-        assert answered(clients) == []
+        assert with_response(clients) == []
         for client in clients:
             client.send(listener.compose().data())
             assert client.read_to_end() == PASSED
 
 
-def test_what_a_refused_client_has_sent_does_not_destroy_its_answer(http):
+def test_what_a_refused_client_has_sent_does_not_destroy_its_response(http):
     """Its bytes are read, so that the connection ends without a reset."""
     listener = listener_with(http, "1")
     assert listener.post() == PASSED
@@ -97,7 +110,8 @@ def test_what_a_refused_client_has_sent_does_not_destroy_its_answer(http):
         received = b""
         while chunk := client.socket.recv(4096):
             received += chunk
-        time.sleep(0.2)  # a reset would come right behind the end
+        # A reset would come with the listener's close, right behind the end.
+        wait_until(lambda: is_closed_there(client.socket), TIMEOUT, "the listener's close")
         assert client.socket.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR) == 0
     assert received == RATE_EXCEEDED
 

@@ -11,6 +11,7 @@ from typing import Callable
 import pytest
 
 from harness.sample_engine import ENDLESS, FETCH, MORE, Client, Engine, frame, read_database
+from harness.sockets import has_read
 from harness.waiting import TIMEOUT, wait_until
 
 pytestmark = pytest.mark.sample_engine
@@ -69,7 +70,7 @@ def test_a_wait_for_a_busy_database_ends_with_its_client(engine: Engine) -> None
             assert session.run("list table;").success
             other.execute("BEGIN IMMEDIATE")
             session.start("DELETE FROM ITEMS;")
-            wait_until(lambda: engine.has_read(session.socket))
+            wait_until(lambda: has_read(session.socket))
         assert wait_until(lambda: engine.logged("DELETE", "-> interrupted")) < 1
         other.execute("ROLLBACK")
     assert read_database(engine.data / "shop.db", "SELECT COUNT(*) FROM ITEMS") == [(3,)]

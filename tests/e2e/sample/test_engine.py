@@ -17,6 +17,7 @@ import pytest
 
 from harness.sample_engine import ENDLESS, MORE, Engine, Session, read_database
 from harness.targets import Target
+from harness.sockets import has_read
 from harness.waiting import TIMEOUT, wait_until
 
 pytestmark = pytest.mark.sample_engine
@@ -166,7 +167,7 @@ def test_a_busy_database_is_waited_for(engine: Engine) -> None:
             assert session.run("list table;").success
             other.execute("BEGIN IMMEDIATE")
             session.start("DELETE FROM ITEMS;")
-            wait_until(lambda: engine.has_read(session.socket))
+            wait_until(lambda: has_read(session.socket))
             with engine.session() as reader:
                 assert reader.all_rows("SELECT COUNT(*) FROM ITEMS;") == [["3"]]
             other.execute("COMMIT")

@@ -12,6 +12,7 @@ import pytest
 
 from harness.sample_engine import (EXEC, FETCH, HELLO, OUTCOME, PASSWORD, RELEASE, USER, WELCOME,
                                    Client, Engine, Session, frame, hello, text)
+from harness.sockets import has_read
 from harness.waiting import wait_until
 
 pytestmark = pytest.mark.sample_engine
@@ -113,7 +114,7 @@ def test_requests_may_arrive_byte_by_byte_and_all_at_once(engine: Engine) -> Non
         session = Session(connection)
         for byte in hello():
             session.send(bytes([byte]))
-            wait_until(lambda: engine.has_read(connection))
+            wait_until(lambda: has_read(connection))
         assert session.receive()[0] == WELCOME
         session.login()
         session.send(b"".join(frame(EXEC, struct.pack(">I", 1) + text(f"SELECT {number};"))
