@@ -3,11 +3,14 @@
 from __future__ import annotations
 
 import contextlib
+import fcntl
 import json
 import os
 import queue
 import signal
 import subprocess
+import sys
+import termios
 import threading
 import time
 import uuid
@@ -98,6 +101,12 @@ class Server:
         assert self.process.stdin is not None
         while data:
             data = data[os.write(self.process.stdin.fileno(), data):]
+
+    def has_read_its_input(self) -> bool:
+        """Whether the server has taken everything that was sent out of its pipe."""
+        assert self.process.stdin is not None
+        unread = fcntl.ioctl(self.process.stdin.fileno(), termios.FIONREAD, bytes(4))
+        return int.from_bytes(unread, sys.byteorder) == 0
 
     def close_input(self) -> None:
         assert self.process.stdin is not None

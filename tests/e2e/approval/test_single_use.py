@@ -5,7 +5,6 @@ from __future__ import annotations
 import errno
 import json
 import subprocess
-import time
 from pathlib import Path
 from typing import Iterator
 
@@ -17,6 +16,7 @@ from harness.scripted_library import Script, ScriptedLibrary
 from harness.servers import Server
 from harness.targets import Target
 from harness.tool_calls import result_json
+from harness.waiting import TIMEOUT, wait_until
 from harness.write_calls import SPENT, TOOL, WRITES, Writes, token_refused, write_arguments
 
 STATEMENT = "DELETE FROM T;"
@@ -45,19 +45,23 @@ def crowd(target: Target) -> tuple[int, int]:
 
 
 @pytest.fixture
-def present_at_once(start, launch, target):
+def present_at_once(start, launch):
     def present_at_once(tokens: list[str]) -> list[bytes]:
-        """Starts one process for each token and lets them all read their line at once."""
+        """Starts one process for each token and lets them all read their line's end at once."""
         servers = [start("--tool-worker", env=launch) for _ in tokens]
-        time.sleep(1 if target.windows else 0.2)
-        return answers_of(servers, tokens)
+        return replies_of(servers, tokens)
     return present_at_once
 
 
-def answers_of(servers: list[Server], tokens: list[str]) -> list[bytes]:
+def replies_of(servers: list[Server], tokens: list[str]) -> list[bytes]:
     lines = [call(1, TOOL, write_arguments(STATEMENT, token)) for token in tokens]
     for server, message in zip(servers, lines):
-        server.send(message)
+        assert message.endswith(b"\n")
+        server.send(message[:-1])
+    wait_until(lambda: all(server.has_read_its_input() for server in servers), TIMEOUT,
+               "processes that have read all but the end of their line")
+    for server in servers:
+        server.send(b"\n")
     return [server.finish().stdout for server in servers]
 
 
