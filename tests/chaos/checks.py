@@ -15,6 +15,7 @@ from chaos.hand import send_signal
 from chaos.http_client import Connection, HttpClient
 from chaos.ledger import Ledger
 from chaos.stage import Stage
+from harness import processes
 from harness.audit_files import KEYS
 from harness.waiting import TIMEOUT, wait_until
 
@@ -64,10 +65,11 @@ class Checks:
         if self.stage.clock is not None:
             self.stage.clock.advance_monotonic(ALL_SESSIONS_UNUSED)
         else:
-            for pid in self.stage.sessions():
+            killed = self.stage.sessions()
+            for pid in killed:
                 send_signal(pid, signal.SIGKILL)
-            wait_until(lambda: self.stage.sessions() == [], TIMEOUT, "the end of killed sessions")
-            time.sleep(0.3)  # wineserver notices the end later than the kernel
+            wait_until(lambda: all(map(processes.has_closed_everything, killed)), TIMEOUT,
+                       "the end of killed sessions")
         body = b'{"jsonrpc":"2.0","id":"check","method":"initialize","params":{}}'
         for direct in (False, True):
             caller.direct = direct
