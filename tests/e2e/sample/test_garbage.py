@@ -3,9 +3,11 @@
 from __future__ import annotations
 
 import errno
+import select
 import socket
 import struct
 import time
+from contextlib import ExitStack
 from typing import Callable
 
 import pytest
@@ -13,7 +15,7 @@ import pytest
 from harness.sample_engine import (EXEC, FETCH, HELLO, OUTCOME, PASSWORD, RELEASE, USER, WELCOME,
                                    Client, Engine, Session, frame, hello, text)
 from harness.sockets import has_read
-from harness.waiting import wait_until
+from harness.waiting import TIMEOUT, wait_until
 
 pytestmark = pytest.mark.sample_engine
 
@@ -145,17 +147,26 @@ def test_connections_have_a_limit(start_engine: Callable[..., Engine], client: C
     assert client.run(engine.port, "SELECT 1 AS A;").code == 0
 
 
-@pytest.mark.parametrize("first", [b"", b"\0", hello(), hello() + b"\0\0\0\5"],
-                         ids=["nothing", "a byte", "hello", "half a frame"])
-def test_who_does_not_log_in_in_time_is_dropped(start_engine: Callable[..., Engine],
-                                                first: bytes) -> None:
+def ends_of(connections: "list[socket.socket]") -> list[float]:
+    """Reads until the other side has closed all of them; the times at which it did."""
+    ends: "dict[socket.socket, float]" = {}
+    while still_open := [one for one in connections if one not in ends]:
+        readable = select.select(still_open, [], [], TIMEOUT)[0]
+        assert readable, f"{len(still_open)} are still open"
+        ends.update({one: time.monotonic() for one in readable if not one.recv(65536)})
+    return [ends[one] for one in connections]
+
+
+def test_who_does_not_log_in_in_time_is_dropped(start_engine: Callable[..., Engine]) -> None:
     engine = start_engine("--timeout", "1")
-    with engine.session() as idle, engine.connect() as connection:
-        connection.sendall(first)
+    beginnings = [b"", b"\0", hello(), hello() + b"\0\0\0\5"]
+    with engine.session() as idle, ExitStack() as stack:
+        connections = [stack.enter_context(engine.connect()) for _ in beginnings]
         started = time.monotonic()
-        while connection.recv(65536):
-            pass
-        assert 0.5 < time.monotonic() - started < 5
+        for connection, first in zip(connections, beginnings):
+            connection.sendall(first)
+        for first, end in zip(beginnings, ends_of(connections)):
+            assert 0.5 < end - started < 5, first
         assert idle.all_rows("SELECT 1;") == [["1"]], "who is logged in may be idle"
         idle.send(b"\0")
         assert idle.at_end(), "but has to finish a message"
