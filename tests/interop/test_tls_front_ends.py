@@ -28,6 +28,9 @@ UNUSED_SECONDS = 0.5
 SHORT_INTERVAL = {"nginx": {}, "haproxy": {
     "    option redispatch 1\n": "    option redispatch 1\n    default-server inter 50ms\n"}}
 
+SHORT_RETRIES = {"nginx": {}, "haproxy": {"timeout connect 5s": "timeout connect 100ms"}}
+"""HAProxy tries a connection again after this time, or after a second when it is longer."""
+
 INITIALIZE = request("initialize", 1, {}).rstrip()
 PING = request("ping", "p").rstrip()
 NO_SESSION = b'{"error":"valid MCP session required"}'
@@ -284,12 +287,12 @@ def test_the_listener_is_asked_when_the_request_is_whole(record: Callable[..., R
 
 
 @pytest.mark.parametrize("kind, changes", [
-    ("nginx", {"client_body_timeout 30s": "client_body_timeout 1s; send_timeout 1s"}),
-    ("haproxy", {"timeout client 60s": "timeout client 1s",
-                 "timeout http-request 10s": "timeout http-request 1s"})])
+    ("nginx", {"client_body_timeout 30s": "client_body_timeout 500ms; send_timeout 500ms"}),
+    ("haproxy", {"timeout client 60s": "timeout client 500ms",
+                 "timeout http-request 10s": "timeout http-request 500ms"})])
 def test_no_limit_on_the_client_cuts_a_long_call(record: Callable[..., Recorder], front: Front,
                                                  kind: str, changes: dict[str, str]) -> None:
-    got = Caller(front(kind, record(delay=3.0), changes=changes)).ask(PING)
+    got = Caller(front(kind, record(delay=1.5), changes=changes)).ask(PING)
     assert (got.status, got.body) == (200, b"{}")
 
 
@@ -426,6 +429,6 @@ def test_haproxy_learns_where_a_session_is_from_responses_alone(
 def test_without_a_listener_the_front_end_says_so(
         record: Callable[..., Recorder], front: Front, kind: str) -> None:
     recorder = record()
-    end = front(kind, recorder)
+    end = front(kind, recorder, changes=SHORT_RETRIES[kind])
     recorder.stop()
     assert Caller(end).ask(PING).status == {"nginx": 502, "haproxy": 503}[kind]
