@@ -15,9 +15,10 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Iterable, Mapping, Protocol, Sequence
 
+from harness import processes
 from harness.http_client import TOKEN
 from harness.listeners import LOOPBACK
-from harness.waiting import TIMEOUT, wait_until
+from harness.waiting import TIMEOUT, wait_for_end, wait_until
 from tls_front_end import (filled, free_port, haproxy_command, haproxy_configuration, nginx_command,
                            nginx_configuration)
 
@@ -139,15 +140,9 @@ class FrontEnd:
         self.process.terminate()
         # HAProxy ends with 0 or by the signal, depending on how far its start has come.
         ended = (0,) if self.kind == "nginx" else (0, -signal.SIGTERM)
-        assert self.process.wait(TIMEOUT) in ended, self.log()
-        wait_until(self._is_gone, TIMEOUT, f"the end of every process of {self.kind}")
-
-    def _is_gone(self) -> bool:
-        try:
-            os.killpg(self.process.pid, 0)
-        except ProcessLookupError:
-            return True
-        return False
+        assert wait_for_end(self.process) in ended, self.log()
+        wait_until(lambda: processes.of_group(self.process.pid) == [], TIMEOUT,
+                   f"the end of every process of {self.kind}")
 
 
 # the client

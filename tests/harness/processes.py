@@ -38,6 +38,14 @@ def zombies(parent: int) -> list[int]:
     return found
 
 
+def of_group(group: int) -> list[int]:
+    """The processes of a process group that have not ended. Who has ended and has lost its parent
+    belongs to it until the system's first process takes notice, which may take seconds."""
+    return [pid for pid in _all()
+            if _read(pid, "stat").rpartition(b")")[2].split()[2:3] == [str(group).encode()]
+            and not has_closed_everything(pid)]
+
+
 def has_closed_everything(pid: int) -> bool:
     """Whether the last thread of the process has ended. Its command line disappears before that,
     with its memory; its pipes and sockets are closed with its last thread."""
