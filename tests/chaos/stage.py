@@ -159,14 +159,8 @@ class Proxy:
     def end(self, how: signal.Signals = signal.SIGKILL) -> None:
         os.killpg(self.process.pid, how)
         wait_for_end(self.process)
-        wait_until(self._is_gone, TIMEOUT, "the end of HAProxy's processes")
-
-    def _is_gone(self) -> bool:
-        try:
-            os.killpg(self.process.pid, 0)
-        except ProcessLookupError:
-            return True
-        return False
+        wait_until(lambda: processes.of_group(self.process.pid) == [], TIMEOUT,
+                   "the end of HAProxy's processes")
 
     def processes(self) -> list[int]:
         return [pid for pid in processes.naming(str(self._configuration))]
