@@ -54,7 +54,7 @@ def run(target: Target, view: View) -> int:
     if processes.survivors:
         raise SessionFailure(f"had to be ended by force: {', '.join(processes.survivors)}")
     view.line()
-    view.line(f"Session complete on {target.name}: {tally.answered} requests answered,"
+    view.line(f"Session complete on {target.name}: {tally.served} requests served,"
               f" {tally.refused} calls refused as the policy wants it, {tally.cancelled} cancelled,"
               f" {tally.written} approved and written; nothing is left running.", "bold")
     return 0

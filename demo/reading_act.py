@@ -83,7 +83,7 @@ def cancellation(stage: Stage) -> None:
         while (left := end - time.monotonic()) > 0:
             step.progress(f"and is cancelled in {left:.1f} s")
             expect(not client.replied_within(min(left, 0.1)), "the slow query ends by itself")
-        step.outcome = ": no answer so far"
+        step.outcome = ": no reply so far"
     view.note("One call at a time: anything else is refused meanwhile.")
     _expect_busy(stage)
     view.note("The client gives up.")
@@ -92,7 +92,7 @@ def cancellation(stage: Stage) -> None:
     exchange = client.receive(sent)
     view.reply(exchange.reply, exchange.seconds)
     expect(exchange.reply["result"]["structuredContent"] == {"cancelled": True},
-           "the call is not answered as cancelled")
+           "the call does not return as cancelled")
     expect(exchange.seconds < CANCEL_LIMIT, "the cancelled call takes too long to end")
     stage.tally.cancelled += 1
     view.line(f"Cancelled: the call ended {duration(exchange.seconds)} after the notification.",

@@ -30,7 +30,7 @@ AUDIT_COLUMNS = {"ID": "correlation_id", "TOOL": "tool", "DECISION": "policy_dec
 class Tally:
     """The counts of the session's last line."""
 
-    answered: int = 0
+    served: int = 0
     refused: int = 0
     cancelled: int = 0
     written: int = 0
@@ -77,8 +77,8 @@ class Stage:
         exchange = self.client.receive(self.client.send(message))
         result = exchange.reply.get("result")
         expect(exchange.reply.get("id") == message["id"] and result is not None,
-               f"{method} is not answered with a result")
-        self.tally.answered += 1
+               f"{method} returns no result")
+        self.tally.served += 1
         self._show(exchange)
         return result
 
@@ -88,7 +88,7 @@ class Stage:
         self.view.request(message)
         exchange = self.client.receive(self.client.send(message))
         self._show(exchange)
-        expect("error" in exchange.reply, f"{method} is not answered with an error")
+        expect("error" in exchange.reply, f"{method} returns no error")
         return exchange.reply["error"]
 
     def notify(self, method: str, params: "dict[str, Any] | None" = None) -> float:
@@ -110,7 +110,7 @@ class Stage:
         result = self.call(tool, arguments)
         content = result["structuredContent"]
         expect(result["isError"] is False and content["rowCount"] == len(content["rows"]) > 0,
-               f"{tool} does not answer with rows")
+               f"{tool} returns no rows")
         return content
 
     def refused(self, tool: str, arguments: dict[str, Any], message: str) -> Any:

@@ -55,7 +55,7 @@ class WritingAct:
         result = stage.refused(WRITE_TOOL, {"sql": self.write.sql}, APPROVAL_REQUIRED)
         wanted = result["structuredContent"]
         expect((wanted["approval_required"], wanted["operation_type"], wanted["table"])
-               == (True, "INSERT", "NOTES"), "the answer does not say what is to be approved")
+               == (True, "INSERT", "NOTES"), "the reply does not say what is to be approved")
         self.write.digest = wanted["operation_digest"]
 
     def approve(self, stage: Stage) -> None:

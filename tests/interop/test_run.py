@@ -89,7 +89,7 @@ def test_the_session(played: Played, target: Target) -> None:
     assert played.left == []
     text = played.text
     assert text.splitlines()[-1] == (
-        f"Session complete on {target.name}: 39 requests answered, 14 calls refused as the policy"
+        f"Session complete on {target.name}: 39 requests served, 14 calls refused as the policy"
         " wants it, 1 cancelled, 2 approved and written; nothing is left running.")
     for method in ("initialize", "notifications/initialized", "tools/list", "tools/call",
                    "notifications/cancelled"):

@@ -81,7 +81,7 @@ def test_the_worker_without_input(run):
     (b"\n" + ping(2), PARSE_ERROR),
     (call(1, "nothing"), error_reply("1", -32602, "unknown Vantreo tool")),
 ], ids=repr)
-def test_the_worker_answers_one_line(run, line, reply):
+def test_the_worker_returns_one_line(run, line, reply):
     result = run("--tool-worker", stdin=line)
     assert (result.stdout, result.stderr, result.code) == (reply, b"", 0)
 

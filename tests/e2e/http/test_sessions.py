@@ -64,7 +64,7 @@ def is_answered(*clients: Client, seconds: float = 1.0) -> bool:
 # the start
 
 
-def test_initialize_is_answered_as_the_stdio_server_answers_it(endpoint, run):
+def test_initialize_gets_the_reply_of_the_stdio_server(endpoint, run):
     message = request("initialize", 1, {"protocolVersion": "2025-11-25"})
     reply = run(stdin=message).stdout
     got = endpoint.post_message(message)

@@ -56,7 +56,7 @@ def jobs(session: Session, name: str = "DOCS") -> list[list["str | None"]]:
 # searching
 
 
-def test_a_text_search_answers_ranked_hits(docs: Session) -> None:
+def test_a_text_search_returns_ranked_hits(docs: Session) -> None:
     reply = docs.run("SEARCH AI DOCS TEXT 'fast cars' TOP 3;")
     assert (reply.success, reply.status, reply.names) == (True, "OK", HITS)
     assert [row[0] for row in reply.rows] == ["1", "2", "3"]
@@ -78,7 +78,7 @@ def test_a_quote_in_the_text_is_written_twice(docs: Session) -> None:
     assert keys(docs, "''", 1) == []
 
 
-def test_a_search_answers_at_most_what_there_is(docs: Session) -> None:
+def test_a_search_returns_at_most_what_there_is(docs: Session) -> None:
     assert len(keys(docs, "car", 1000)) == 5
     assert len(keys(docs, "car", 2)) == 2
 

@@ -109,7 +109,7 @@ def test_a_failure_without_words(writes):
         statements=[DELETE])
 
 
-def test_a_write_answers_one_row_at_most(open_writes):
+def test_a_write_returns_one_row_at_most(open_writes):
     script = Script().on_exec(DELETE, status="3 rows deleted", columns=["ID"],
                               rows=[["1"], ["2"], ["3"]])
     open_writes.calls.script(script)
