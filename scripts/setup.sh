@@ -63,16 +63,18 @@ index_is_there() {
   compgen -G '/var/lib/apt/lists/*_Packages*' >/dev/null
 }
 
-# Prints those of the given packages that are not installed, in one call that takes milliseconds.
+# Prints those of the given packages that are not installed, each once, in one call that takes
+# milliseconds.
 missing_of() {
   local package
-  local -A installed=()
+  local -A known=()
   while read -r package; do
-    installed[$package]=1
+    known[$package]=1
   done < <(dpkg-query --show --showformat='${db:Status-Status} ${Package}\n' "$@" 2>/dev/null |
     sed -n 's/^installed //p')
   for package in "$@"; do
-    [[ -n ${installed[$package]-} ]] || echo "$package"
+    [[ -n ${known[$package]-} ]] || echo "$package"
+    known[$package]=1
   done
 }
 

@@ -31,8 +31,9 @@ def codename() -> str:
 def sources() -> list[str]:
     """Where this machine gets Debian's packages from, in the form of a line of sources.list."""
     shown = subprocess.run(
-        ["apt-get", "indextargets", "--format", "$(ORIGIN) deb $(REPO_URI) $(RELEASE) $(COMPONENT)",
-         "Created-By: Packages"], capture_output=True, text=True, timeout=TIMEOUT, check=True).stdout
+        ["apt-get", "indextargets", "--format",
+         "$(ORIGIN) deb $(REPO_URI) $(RELEASE) $(COMPONENT)", "Created-By: Packages"],
+        capture_output=True, text=True, timeout=TIMEOUT, check=True).stdout
     found = {line.partition(" ")[2] for line in shown.splitlines() if line.startswith("Debian ")}
     assert found, "no package index; apt-get update fetches it"
     return sorted(found)

@@ -1,4 +1,4 @@
-"""Packs what a build folder of the presets package-* holds."""
+"""Packs what a build folder that was configured with KOVA_PACKAGES holds."""
 
 from __future__ import annotations
 

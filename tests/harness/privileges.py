@@ -6,8 +6,11 @@ Each probe does the step that is refused where it is not allowed, and nothing of
 from __future__ import annotations
 
 import functools
+import json
 import subprocess
 import tempfile
+from pathlib import Path
+from typing import Callable
 
 import pytest
 
@@ -27,37 +30,56 @@ root=$copy/root
 """ + ENTER_ROOT
 """Makes a copy of this system in a folder: what is written there is gone with the namespace."""
 
-MOUNTS = ("--mount", "--pid", "--fork")
+RUNTIME = "runc"
+"""What starts containers; harness/containers.py says why this one."""
 
-PROBES = {
-    "a root folder to run programs in": (
-        MOUNTS, 'mknod "$folder/null" c 1 3; root=$folder; mkdir "$root/proc" "$root/dev"'
-        + ENTER_ROOT),
-    "a copy of this system": (MOUNTS, "copy=$folder" + ENTER_COPY + 'chroot "$root" /bin/true'),
-    "containers": (
-        (*MOUNTS, "--uts", "--ipc", "--net", "--cgroup"), r"""
-        mkdir "$folder/proc" "$folder/sys"
-        mount -t proc none "$folder/proc"
-        mount -t sysfs none "$folder/sys"
-        for hierarchy in /sys/fs/cgroup/cgroup.procs /sys/fs/cgroup/*/cgroup.procs; do
-            [ -e "$hierarchy" ] || continue
-            mkdir "${hierarchy%/*}/${folder##*/}"
-            rmdir "${hierarchy%/*}/${folder##*/}"
-            break
-        done""")}
+
+def in_namespaces(script: str, folder: Path) -> list[str]:
+    return ["unshare", "--mount", "--pid", "--fork", "sh", "-euc", "folder=$1\n" + script, "sh",
+            str(folder)]
+
+
+def root_folder(folder: Path) -> list[str]:
+    return in_namespaces('mknod "$folder/null" c 1 3; root=$folder; mkdir "$root/proc" "$root/dev"'
+                         + ENTER_ROOT, folder)
+
+
+def copy_of_this_system(folder: Path) -> list[str]:
+    return in_namespaces("copy=$folder" + ENTER_COPY + 'chroot "$root" /bin/true', folder)
+
+
+def container(folder: Path) -> list[str]:
+    """With the runtime's own settings, and this system's programs in its root folder."""
+    subprocess.run([RUNTIME, "spec", "--bundle", str(folder)], check=True, timeout=TIMEOUT)
+    for name in ("usr", "proc", "sys", "dev"):
+        (folder / "root" / name).mkdir(parents=True)
+    for name in ("bin", "lib", "lib64"):
+        (folder / "root" / name).symlink_to(f"usr/{name}")
+    settings = folder / "config.json"
+    changed = json.loads(settings.read_text("utf-8"))
+    changed["root"] = {"path": "root", "readonly": True}
+    changed["process"] |= {"args": ["/bin/true"], "terminal": False}
+    changed["mounts"].append({"destination": "/usr", "type": "bind", "source": "/usr",
+                              "options": ["rbind", "ro"]})
+    settings.write_text(json.dumps(changed), encoding="utf-8")
+    return [RUNTIME, "--root", str(folder / "state"), "run", "--bundle", str(folder), folder.name]
+
+
+PROBES: dict[str, Callable[[Path], list[str]]] = {
+    "a root folder to run programs in": root_folder, "a copy of this system": copy_of_this_system,
+    "containers": container}
+"""What may be needed, and the command that fails where it is not to be had."""
 
 
 @functools.cache
 def refusal(what: str) -> str:
-    """Why the system does not allow it, as the first message says; empty when it does."""
-    namespaces, script = PROBES[what]
+    """Why the system does not allow it, as its messages say; empty when it does."""
     with tempfile.TemporaryDirectory(prefix="kova-probe-") as folder:
-        done = subprocess.run(
-            ["unshare", *namespaces, "sh", "-euc", "folder=$1\n" + script, "sh", folder],
-            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=TIMEOUT, check=False)
+        done = subprocess.run(PROBES[what](Path(folder)), stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=TIMEOUT, check=False)
     if done.returncode == 0:
         return ""
-    return next(iter(done.stderr.splitlines()), f"exit code {done.returncode}")
+    return " ".join(done.stderr.split()) or f"exit code {done.returncode}"
 
 
 def need(*probes: str) -> None:

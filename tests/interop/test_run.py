@@ -509,6 +509,14 @@ def test_setup_leaves_a_proxy_that_is_there_alone(folder: Path) -> None:
     assert machine.calls() == []
 
 
+def test_setup_names_a_package_of_two_groups_once(folder: Path) -> None:
+    groups = packages("TEST") + packages("PROXY") + packages("MODELS") + packages("RELEASE")
+    [shared] = sorted({name for name in groups if groups.count(name) > 1})
+    machine = Machine(folder, [name for name in groups if name != shared])
+    done = machine.setup("test", "release", root=False)
+    assert done.stderr.splitlines()[0] == f"Debian packages to install: {shared}"
+
+
 @pytest.mark.parametrize("arguments, message", [
     ([], "which group? try --help"), (["all"], "unknown group all; try --help")])
 def test_setup_refuses_bad_arguments(folder: Path, arguments: list[str], message: str) -> None:

@@ -1,11 +1,11 @@
 """Fixtures of the tests of the packages.
 
-    /usr/bin/python3 -m pytest tests/release --target linux --build-dir build/package-linux
-    ... --target windows --build-dir build/package-windows
+    /usr/bin/python3 -m pytest tests/release --target linux|windows
 
-The build folders are those of the presets package-linux and package-windows; sample engine and
-client library are those of the presets linux and windows. What scripts/setup.sh release installs has
-to be there, and some tests need to be root.
+The build folders are those of the presets linux and windows, configured with KOVA_PACKAGES=ON, which
+also have the sample engine and the client library; those of package-linux and package-windows
+(--build-dir) will do for the packages. What scripts/setup.sh release installs has to be there. Some
+tests are for root, and skip where the system refuses what they need.
 """
 
 from __future__ import annotations

@@ -33,21 +33,31 @@ def installer(unpacked: Path, version: str, tmp_path: Path) -> Path:
     return made
 
 
+def run_of_windows(target: Target, name: str, *arguments: str) -> int:
+    program = target.prefix / "drive_c" / "windows" / "system32" / name
+    return subprocess.run(target.command(program, list(arguments)), env=target.environment({}),
+                          capture_output=True, timeout=4 * TIMEOUT, check=False).returncode
+
+
+def registered(target: Target, file: Path) -> bool:
+    """Whether the machine's part of the registry names the program."""
+    key = "HKLM\\Software"
+    assert run_of_windows(target, "reg.exe", "export", key, target.path(file), "/y") == 0
+    return "kova-mcp" in file.read_text("utf-16")
+
+
 def test_it_installs_silently_and_leaves_nothing_behind(target: Target, unpacked: Path,
-                                                        installer: Path) -> None:
+                                                        installer: Path, tmp_path: Path) -> None:
     disk = target.prefix / "drive_c"
-    program = disk / "windows" / "system32" / "msiexec.exe"
     place = disk / "Program Files" / "kova-mcp"
     before = files_below(disk)
 
     def msiexec(option: str) -> int:
-        return subprocess.run(
-            target.command(program, [option, target.path(installer), "/qn"]),
-            env=target.environment({}), capture_output=True, timeout=4 * TIMEOUT,
-            check=False).returncode
+        return run_of_windows(target, "msiexec.exe", option, target.path(installer), "/qn")
 
     assert msiexec("/i") == 0
     try:
+        assert registered(target, tmp_path / "with.reg")
         assert files_below(place) == files_below(unpacked)
         done = subprocess.run(target.command(place / "kova-mcp.exe", ["--check-policy"]),
                               env=target.environment({}), capture_output=True, timeout=TIMEOUT,
@@ -57,6 +67,7 @@ def test_it_installs_silently_and_leaves_nothing_behind(target: Target, unpacked
         code = msiexec("/x")
     assert code == 0 and not place.exists()
     assert files_below(disk) - before == set()
+    assert not registered(target, tmp_path / "without.reg")
 
 
 def test_two_installers_hold_the_same_files(unpacked: Path, installer: Path, version: str,
