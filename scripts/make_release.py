@@ -2,15 +2,16 @@
 
     ./release                 builds; says each step
     ./release --sign KEY      also signs SHA256SUMS with a minisign key, unless a check has failed
-    ./release --check         also builds in a second folder and compares, and validates what is there
-    ./release --only linux    the archive, the package and their bills of materials alone; or windows
+    ./release --check         also builds in a second folder, compares, and validates what is there
+    ./release --only linux    the archive, the package, their bills of materials alone; or windows
     ./release --maintainer "NAME <ADDRESS>"       who maintains the Debian package
     ./release --registry-name NAME --registry-repository ADDRESS --registry-source SOURCE
               --registry-downloads ADDRESS      what dist/server.json says of the publisher
 
-Nothing is published. The tree has to be as committed. Times are those of the commit, so that the same
-commit, built with the same packages of the system, gives the same bytes; the MSI has identifiers of
-its own and is compared by its contents. scripts/setup.sh build windows release installs what is needed.
+Nothing is published. The tree has to be as committed. Times are those of the commit, so that the
+same commit, built with the same packages of the system, gives the same bytes; the MSI has
+identifiers of its own and is compared by its contents. scripts/setup.sh build windows release
+installs what is needed.
 
 Exit codes: 0 done, 1 a check has found a difference or a fault, 2 it could not be done.
 """

@@ -2,8 +2,8 @@
 
     /usr/bin/python3 -m pytest tests/release --target linux|windows
 
-The build folders are those of the presets linux and windows, configured with KOVA_PACKAGES=ON, which
-also have the sample engine and the client library; those of package-linux and package-windows
+The build folders are those of the presets linux and windows, configured with KOVA_PACKAGES=ON,
+which also have the sample engine and the client library; those of package-linux and package-windows
 (--build-dir) will do for the packages. What scripts/setup.sh release installs has to be there. Some
 tests are for root, and skip where the system refuses what they need.
 """

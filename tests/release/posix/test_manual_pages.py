@@ -55,7 +55,8 @@ def test_the_page_of_the_tool_and_the_completion_are_up_to_date(target: Target) 
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
 
 
-def test_the_example_of_the_policy_page_is_a_policy_with_the_keys_of_the_page(run, tmp_path: Path) -> None:
+def test_the_example_of_the_policy_page_is_a_policy_with_the_keys_of_the_page(
+        run, tmp_path: Path) -> None:
     page = source("kova-mcp-policy.5")
     [example] = re.findall(r"^```\n(.*?)^```$", page, re.MULTILINE | re.DOTALL)
     document = json.loads(example)
