@@ -20,12 +20,17 @@ INSERT INTO ITEMS VALUES (1, 'caf\u00e9 "noir"'), (1, NULL), (2, 'tab\there');
 INSERT INTO SALARIES VALUES ('someone', 1);
 """
 
-SLOW = {"name": "kova_query", "ms": 1500, "args": {
+SLOW = {"name": "kova_query", "args": {
     "sql": "SELECT COUNT(A.ID) FROM ORDERS A, ORDERS B, ORDERS C, ORDERS D"
            " WHERE A.TOTAL + B.TOTAL < C.TOTAL + D.TOTAL"}}
 """Counts 8.1e9 combinations of rows, which takes longer than any test waits."""
 
 COUNT_ORDERS = {"name": "kova_query", "args": {"sql": "SELECT COUNT(ID) AS N FROM ORDERS"}}
+
+
+def slow(engine: Engine) -> "dict[str, Any]":
+    """The slow query for a client's script, which waits until the engine works at it."""
+    return {**SLOW, "engine": engine.process.pid}
 
 
 def sales_engine(executable: Path, folder: Path) -> Iterator[Engine]:

@@ -10,6 +10,8 @@ import { setTimeout as pause } from 'node:timers/promises';
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
 import { StreamableHTTPClientTransport } from '@modelcontextprotocol/sdk/client/streamableHttp.js';
 
+import { untilBusy } from './busy.mjs';
+
 const REQUEST_LIMIT = 30_000;
 
 const { url, token, calls, slow, quick } = JSON.parse(readFileSync(0, 'utf8'));
@@ -66,7 +68,7 @@ async function cancelled() {
     return send(message, options);
   };
   const running = outcome(call(slow, { signal: abort.signal }));
-  await pause(slow.ms);
+  await untilBusy(slow);
   // It waits until the slow call is cancelled.
   const waiting = outcome(call(quick));
   abort.abort('the user gave up');

@@ -10,10 +10,11 @@
 // revisions that the client speaks, where they are not its own. What was found is printed as one JSON
 // document.
 import { readFileSync } from 'node:fs';
-import { setTimeout as pause } from 'node:timers/promises';
 
 import { Client, StreamableHTTPClientTransport } from '@modelcontextprotocol/client';
 import { StdioClientTransport } from '@modelcontextprotocol/client/stdio';
+
+import { untilBusy } from './busy.mjs';
 
 const REQUEST_LIMIT = 30_000;
 
@@ -95,7 +96,7 @@ function call({ name, args }, options) {
 async function cancelled() {
   const abort = new AbortController();
   const running = outcome(call(slow, { signal: abort.signal }));
-  await pause(slow.ms);
+  await untilBusy(slow);
   abort.abort('the user gave up');
   return { first: await running, next: await outcome(call(quick)) };
 }

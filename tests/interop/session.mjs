@@ -10,6 +10,8 @@ import { setTimeout as pause } from 'node:timers/promises';
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
 import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
 
+import { untilBusy } from './busy.mjs';
+
 const REQUEST_LIMIT = 20_000;
 
 /** A connected client that records the messages on the wire and the client's errors. */
@@ -98,7 +100,7 @@ const scenarios = {
   async parallel(session, { slow }) {
     const abort = new AbortController();
     const running = session.outcome(session.call(slow.name, slow.args, { signal: abort.signal }));
-    await pause(slow.ms);
+    await untilBusy(slow);
     const second = await session.outcome(session.call('kova_list_tables', {}));
     const ping = await session.outcome(session.client.ping());
     abort.abort();
@@ -115,7 +117,7 @@ const scenarios = {
       return send(message, options);
     };
     const running = session.outcome(session.call(slow.name, slow.args, { signal: abort.signal }));
-    await pause(slow.ms);
+    const busyAfter = await untilBusy(slow);
     const aborted = performance.now();
     abort.abort('the user gave up');
     const first = await running;
@@ -124,13 +126,13 @@ const scenarios = {
     const repliedAfter = performance.now() - aborted;
     const next = await session.outcome(session.call(quick.name, quick.args));
     const notification = sent.find((message) => message.method === 'notifications/cancelled');
-    return { first, request, notification, reply, repliedAfter, next };
+    return { busyAfter, first, request, notification, reply, repliedAfter, next };
   },
 
   /** The client closes while a call runs. */
   async closeBusy(session, { slow }) {
     const running = session.outcome(session.call(slow.name, slow.args));
-    await pause(slow.ms);
+    await untilBusy(slow);
     const closed = await session.close();
     return { running: await running, closed };
   },

@@ -12,7 +12,7 @@ import pytest
 from harness import processes
 from harness.policy_files import PolicyFiles
 from harness.sample_engine import Engine
-from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, profile, result
+from harness.sales_engine import COUNT_ORDERS, ORDERS, profile, result, slow
 from harness.targets import Installation
 from harness.waiting import TIMEOUT, wait_until
 
@@ -138,8 +138,9 @@ def test_finished_calls_are_audited(play: Scenario, tmp_path: Path) -> None:
         ("kova_query", "ok", 1), ("kova_query", "error", 0)]
 
 
-def test_a_second_call_beside_a_running_one_is_refused_as_busy(play: Scenario) -> None:
-    session = play("parallel", slow=SLOW)
+def test_a_second_call_beside_a_running_one_is_refused_as_busy(play: Scenario,
+                                                              engine: Engine) -> None:
+    session = play("parallel", slow=slow(engine))
     for name in ("second", "ping"):
         error = session["findings"][name]["error"]
         assert error["code"] == -32000
@@ -149,10 +150,10 @@ def test_a_second_call_beside_a_running_one_is_refused_as_busy(play: Scenario) -
 
 def test_abort_signal_cancels_a_slow_query(play: Scenario, engine: Engine, tmp_path: Path) -> None:
     before = sum("interrupted" in line for line in engine.log())
-    session = play("cancel", slow=SLOW, quick=COUNT_ORDERS)
+    session = play("cancel", slow=slow(engine), quick=COUNT_ORDERS)
     found = session["findings"]
     assert found["first"]["error"]["message"].endswith("the user gave up")
-    assert found["first"]["ms"] < SLOW["ms"] + 1000
+    assert found["first"]["ms"] < found["busyAfter"] + 1000
     assert found["notification"]["params"]["requestId"] == found["request"]["id"]
     assert found["reply"] == {
         "jsonrpc": "2.0", "id": found["request"]["id"],
@@ -167,9 +168,9 @@ def test_abort_signal_cancels_a_slow_query(play: Scenario, engine: Engine, tmp_p
     assert (session["closed"]["exitCode"], session["stderr"]) == (0, "")
 
 
-def test_a_client_that_closes_during_a_call_leaves_nothing(play: Scenario) -> None:
+def test_a_client_that_closes_during_a_call_leaves_nothing(play: Scenario, engine: Engine) -> None:
     """The server lets the call finish; the client's signal ends it before that."""
-    session = play("closeBusy", slow=SLOW)
+    session = play("closeBusy", slow=slow(engine))
     assert "Connection closed" in session["findings"]["running"]["error"]["message"]
 
 

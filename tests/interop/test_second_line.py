@@ -13,7 +13,7 @@ from harness.audit_files import records
 from harness.front_ends import FrontEnd, clean_environment
 from harness.http_client import TOKEN, HttpListener
 from harness.policy_files import PolicyFiles
-from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, profile, result
+from harness.sales_engine import COUNT_ORDERS, ORDERS, profile, result, slow
 from harness.sample_engine import Engine
 from harness.targets import Installation
 from harness.waiting import TIMEOUT, wait_until
@@ -28,17 +28,18 @@ MODES = ["auto", "legacy"]
 
 TABLES = {"name": "kova_list_tables", "args": {}}
 DENIED = {"name": "kova_query", "args": {"sql": "SELECT CARD FROM ORDERS"}}
-CALLS = {"calls": [TABLES, COUNT_ORDERS, DENIED], "slow": SLOW, "quick": COUNT_ORDERS}
+CALLS = {"calls": [TABLES, COUNT_ORDERS, DENIED], "quick": COUNT_ORDERS}
 
 Play = Callable[..., dict[str, Any]]
 
 
 @pytest.fixture
-def play(pinned_packages: None) -> Play:
+def play(pinned_packages: None, engine: Engine) -> Play:
     """`play(**wishes)` returns what second_line.mjs has found."""
     def run(env: "dict[str, str] | None" = None, **wishes: Any) -> dict[str, Any]:
-        done = subprocess.run(["node", str(SCRIPT)], input=json.dumps({**CALLS, **wishes}).encode(),
-                              env=env, capture_output=True, timeout=SESSION_TIMEOUT, check=False)
+        given = json.dumps({**CALLS, "slow": slow(engine), **wishes})
+        done = subprocess.run(["node", str(SCRIPT)], input=given.encode(), env=env,
+                              capture_output=True, timeout=SESSION_TIMEOUT, check=False)
         assert done.returncode == 0, done.stderr.decode(errors="replace")
         return json.loads(done.stdout)
 

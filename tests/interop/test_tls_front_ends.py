@@ -14,7 +14,7 @@ import pytest
 from harness.front_ends import Caller, FrontEnd, Recorder, Response, clean_environment
 from harness.http_client import TOKEN, HttpListener
 from harness.messages import call, cancel, request
-from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, result
+from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, result, slow
 from harness.sample_engine import Engine
 from harness.waiting import TIMEOUT, wait_until
 
@@ -90,7 +90,7 @@ def test_a_whole_session_of_the_official_client(listen: Listen, front: Front, en
     interrupted = sum("interrupted" in line for line in engine.log())
     tables = {"name": "kova_list_tables", "args": {}}
     denied = {"name": "kova_query", "args": {"sql": "SELECT CARD FROM ORDERS"}}
-    wishes = {"url": end.url, "token": TOKEN, "slow": SLOW, "quick": COUNT_ORDERS,
+    wishes = {"url": end.url, "token": TOKEN, "slow": slow(engine), "quick": COUNT_ORDERS,
               "calls": [tables, COUNT_ORDERS, denied] * 3}
     done = subprocess.run(["node", str(HERE / "http_session.mjs")], capture_output=True,
                           input=json.dumps(wishes).encode(), timeout=SESSION_TIMEOUT, check=False,
