@@ -5,8 +5,10 @@ option(KOVA_BY_FOLDER "compile what is not the server a folder at a time" ON)
 
 # The folders that are named for a platform count as one, apart from the others: that system's
 # headers define what the others have as names. Files from outside the caller's folder are compiled
-# alone, and those for which the caller sets SKIP_UNITY_BUILD_INCLUSION.
+# alone, and those for which the caller sets SKIP_UNITY_BUILD_INCLUSION. The folders after TOGETHER
+# count as one, too.
 function(kova_compile_by_folder target)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" TOGETHER)
   set_target_properties(${target} PROPERTIES
     UNITY_BUILD ${KOVA_BY_FOLDER} UNITY_BUILD_MODE GROUP)
   get_target_property(files ${target} SOURCES)
@@ -18,6 +20,9 @@ function(kova_compile_by_folder target)
       continue()
     endif()
     string(REGEX REPLACE ".*/(posix|win32)$" "\\1" group "${group}")
+    if(group IN_LIST ARG_TOGETHER)
+      set(group together)
+    endif()
     string(REGEX REPLACE "[^A-Za-z0-9]+" "_" group "${group}")
     set_source_files_properties(${file} PROPERTIES UNITY_GROUP "${group}")
   endforeach()

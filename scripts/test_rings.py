@@ -56,7 +56,7 @@ LOGS = ROOT / "build" / "test-logs"
 PYTHON = "/usr/bin/python3"
 WINE = "scripts/wine.py"
 
-SIDE_BY_SIDE = 2
+SIDE_BY_SIDE = 3
 """How many steps run at the same time: much of a ring is waiting."""
 STEP_LIMIT = 45 * 60
 """Seconds after which a step is ended and counts as failed."""

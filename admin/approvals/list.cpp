@@ -26,10 +26,6 @@ struct ListOptions {
 
 using Member = std::optional<std::string>;
 
-Json text_or_null(const Member& text) {
-  return text ? Json(*text) : Json(nullptr);
-}
-
 void print_json_list(const std::vector<Approval>& approvals) {
   Json list = Json::array();
   for (const Approval& approval : approvals) {

@@ -28,7 +28,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct ApproveOptions {
   std::shared_ptr<std::string> env;
   std::shared_ptr<std::string> journal;
   std::string statement;
@@ -65,7 +65,7 @@ void check_issuing(const Review& review) {
   issue(review, unix_seconds(), token);
 }
 
-Decision decision_on(const Review& review, const Options& options, const std::string& person,
+Decision decision_on(const Review& review, const ApproveOptions& options, const std::string& person,
                      const std::string& reason) {
   Decision decision;
   decision.timestamp = time_text(now_ms());
@@ -101,7 +101,7 @@ int approve(const Review& review, const std::string& journal, Decision decision,
 }
 
 /// Shows the page, asks, and does what the operator decides.
-int decide(const Options& options, const Review& review, const std::string& person) {
+int decide(const ApproveOptions& options, const Review& review, const std::string& person) {
   const std::string journal = journal_path(*options.journal);
   check_last_line(journal);
   const ApprovalSecret secret(options.secret_file);
@@ -122,13 +122,13 @@ int decide(const Options& options, const Review& review, const std::string& pers
   return kExitFound;
 }
 
-void check_digest(const Options& options, const Review& review) {
+void check_digest(const ApproveOptions& options, const Review& review) {
   if (options.digest.empty() || equal_ignoring_case(options.digest, review.write->digest)) return;
   throw Refusal(
       fmt::format("the digest differs: that of this statement is {}", review.write->digest));
 }
 
-int run(const Options& options) {
+int run(const ApproveOptions& options) {
   if (options.json && !options.show) throw Refusal("--json needs --show");
   // Read before the environment file is applied: its variables are the server's and do not say who
   // decides.
@@ -145,7 +145,7 @@ int run(const Options& options) {
   return kExitFine;
 }
 
-void add_options(CommandParser& parser, Options& options) {
+void add_options(CommandParser& parser, ApproveOptions& options) {
   options.env = add_env_option(parser);
   options.journal = add_journal_option(parser);
   parser
@@ -177,7 +177,7 @@ void add_options(CommandParser& parser, Options& options) {
 }  // namespace
 
 RunCommand add_approve(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ApproveOptions>();
   add_options(parser, *options);
   parser.footer(
       "Shows the write on the terminal, asks there for a reason and for \"yes\", and prints the\n"

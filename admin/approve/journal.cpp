@@ -47,10 +47,6 @@ constexpr OptionalMember kOptionalMembers[] = {
     {"expires_at", &Decision::expires_at},
 };
 
-Json text_or_null(const std::optional<std::string>& text) {
-  return text ? Json(*text) : Json(nullptr);
-}
-
 [[noreturn]] void refuse_at(std::size_t column, const std::string& why) {
   throw Refusal(fmt::format("column {}: {}", column, why));
 }

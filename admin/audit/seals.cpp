@@ -123,10 +123,6 @@ std::size_t wrong_column(std::string_view line, Json& json) {
   return wrong != nullptr ? column_of(line, wrong) : 0;
 }
 
-Json text_or_null(const std::optional<std::string>& text) {
-  return text ? Json(*text) : Json(nullptr);
-}
-
 std::optional<std::string> optional_text(const Json& value) {
   return value.is_string() ? std::optional(value.get<std::string>()) : std::nullopt;
 }

@@ -33,7 +33,7 @@ constexpr std::string_view kEnding = ".mcpb";
 /// A client puts the user's own folder in its place.
 constexpr std::string_view kHome = "${HOME}/";
 
-struct Options {
+struct BundleOptions {
   std::shared_ptr<std::string> environment_file;
   std::string output;
   std::string audit;
@@ -110,7 +110,7 @@ struct Contents {
   }
 };
 
-Contents read_contents(const Options& options, const std::vector<std::string>& servers) {
+Contents read_contents(const BundleOptions& options, const std::vector<std::string>& servers) {
   Contents contents{.site = read_site(),
                     .servers = read_files(servers, "--server", false),
                     .libraries = read_files(options.libraries, "--library", true)};
@@ -140,7 +140,7 @@ std::string archive(const Contents& contents, const std::string& manifest) {
   return zip_archive(entries);
 }
 
-std::string summary(const Options& options, const Contents& contents) {
+std::string summary(const BundleOptions& options, const Contents& contents) {
   const Site& site = contents.site;
   std::string text =
       fmt::format("Wrote {}: {} reads {} at {}:{} under the policy {}.\n", options.output,
@@ -166,7 +166,7 @@ std::string printable_lines(std::string_view text) {
   return safe;
 }
 
-int run(const Options& options) {
+int run(const BundleOptions& options) {
   if (!options.output.ends_with(kEnding)) {
     throw Refusal(fmt::format("--output {}: the name has to end in {}", options.output, kEnding));
   }
@@ -189,7 +189,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_bundle(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<BundleOptions>();
   parser.footer(
       "Writes a client bundle (.mcpb) for the users of a deployment that only reads. It holds the\n"
       "policy, the engine's address and the server; the client asks its user for the password\n"

@@ -31,8 +31,8 @@ constexpr std::size_t kElfEntriesPlace = 56;
 constexpr std::uint64_t kElfLoaderEntry = 3;
 
 /// The little-endian number of `size` bytes at a place; nothing beyond the end.
-std::optional<std::uint64_t> number_at(std::string_view bytes, std::uint64_t place,
-                                       std::size_t size) {
+std::optional<std::uint64_t> header_number(std::string_view bytes, std::uint64_t place,
+                                           std::size_t size) {
   if (place > bytes.size() || bytes.size() - place < size) return std::nullopt;
   std::uint64_t value = 0;
   for (std::size_t i = size; i > 0; --i) {
@@ -42,12 +42,12 @@ std::optional<std::uint64_t> number_at(std::string_view bytes, std::uint64_t pla
 }
 
 std::optional<ProgramFile> read_pe(std::string_view bytes) {
-  const auto header = number_at(bytes, kPeOffsetPlace, 4);
+  const auto header = header_number(bytes, kPeOffsetPlace, 4);
   if (!header || *header > bytes.size()) return std::nullopt;
   const std::string_view image = bytes.substr(static_cast<std::size_t>(*header));
-  const auto flags = number_at(image, kPeFlagsPlace, 2);
+  const auto flags = header_number(image, kPeFlagsPlace, 2);
   if (!flags || !image.starts_with(std::string_view("PE\0\0", 4)) ||
-      number_at(image, kPeMachinePlace, 2) != kPeMachineX64) {
+      header_number(image, kPeMachinePlace, 2) != kPeMachineX64) {
     return std::nullopt;
   }
   return ProgramFile{.system = System::kWindows, .is_library = (*flags & kPeLibraryFlag) != 0};
@@ -55,20 +55,20 @@ std::optional<ProgramFile> read_pe(std::string_view bytes) {
 
 /// Whether a table of the file names the loader, which the system starts a program with.
 bool names_loader(std::string_view bytes) {
-  const auto table = number_at(bytes, kElfTablePlace, 8);
-  const auto entry_size = number_at(bytes, kElfEntrySizePlace, 2);
-  const auto entries = number_at(bytes, kElfEntriesPlace, 2);
+  const auto table = header_number(bytes, kElfTablePlace, 8);
+  const auto entry_size = header_number(bytes, kElfEntrySizePlace, 2);
+  const auto entries = header_number(bytes, kElfEntriesPlace, 2);
   if (!table || *table > bytes.size() || !entry_size || !entries) return false;
   for (std::uint64_t i = 0; i < *entries; ++i) {
-    if (number_at(bytes, *table + i * *entry_size, 4) == kElfLoaderEntry) return true;
+    if (header_number(bytes, *table + i * *entry_size, 4) == kElfLoaderEntry) return true;
   }
   return false;
 }
 
 std::optional<ProgramFile> read_elf(std::string_view bytes) {
-  const std::uint64_t type = number_at(bytes, kElfTypePlace, 2).value_or(0);
+  const std::uint64_t type = header_number(bytes, kElfTypePlace, 2).value_or(0);
   const bool is_code = type == kElfShared || type == kElfExecutable;
-  if (!is_code || number_at(bytes, kElfMachinePlace, 2) != kElfMachineX64) return std::nullopt;
+  if (!is_code || header_number(bytes, kElfMachinePlace, 2) != kElfMachineX64) return std::nullopt;
   return ProgramFile{.system = System::kLinux,
                      .is_library = type == kElfShared && !names_loader(bytes)};
 }

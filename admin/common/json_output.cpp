@@ -22,6 +22,10 @@ void append_json_text(std::string& line, std::string_view text) {
   line += '"';
 }
 
+Json text_or_null(const std::optional<std::string>& text) {
+  return text ? Json(*text) : Json(nullptr);
+}
+
 void print_json(const Json& value) {
   print(json_line(value) + '\n');
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,8 @@ using Json = nlohmann::ordered_json;
 
 /// Appends a text as json_line writes it, in its quotation marks.
 void append_json_text(std::string& line, std::string_view text);
+
+[[nodiscard]] Json text_or_null(const std::optional<std::string>& text);
 
 /// Prints one object as a line on standard output.
 void print_json(const Json& value);

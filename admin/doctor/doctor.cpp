@@ -29,7 +29,7 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct DoctorOptions {
   std::shared_ptr<std::vector<std::string>> environment_files;
   std::string server;
   bool json = false;
@@ -68,7 +68,7 @@ std::string absolute(const std::string& path) {
 }
 
 /// The files by their absolute paths, each once; an empty one for the process's environment.
-std::vector<std::string> files_of(const Options& options) {
+std::vector<std::string> files_of(const DoctorOptions& options) {
   if (options.environment_files->empty()) return {std::string()};
   std::vector<std::string> files;
   for (const std::string& given : *options.environment_files) {
@@ -81,7 +81,7 @@ std::vector<std::string> files_of(const Options& options) {
   return files;
 }
 
-int run(const Options& options) {
+int run(const DoctorOptions& options) {
   const std::string server = options.server.empty() ? server_beside() : absolute(options.server);
   std::vector<ExaminedDeployment> deployments;
   for (const std::string& file : files_of(options)) {
@@ -148,7 +148,7 @@ std::string report_text(const std::vector<Check>& checks, bool has_colour) {
 }
 
 RunCommand add_doctor(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<DoctorOptions>();
   parser.footer(
       "Examines a deployment and says what to do about what it finds. Changes nothing.\n"
       "The deployment is that of the environment variables, or of --env FILE; of several files,\n"

@@ -19,7 +19,7 @@ namespace {
 using nlohmann::json;
 
 constexpr std::uint32_t kServerTimeoutMs = 20000;
-constexpr std::size_t kReplyCapacity = 8192;
+constexpr std::size_t kServerReplyCapacity = 8192;
 constexpr std::size_t kPathTextCapacity = 4096;
 constexpr std::string_view kServerName = "Vantreo MCP";
 
@@ -75,7 +75,7 @@ Check check_server(const std::string& server) {
     findings.fail(fmt::format("{} does not exist", server), kNameTheServer);
     return findings.finish();
   }
-  char reply[kReplyCapacity] = {};
+  char reply[kServerReplyCapacity] = {};
   if (!ask_program(server.c_str(), kInitialize, reply, kServerTimeoutMs)) {
     findings.fail(fmt::format("{} does not run", server), kNameTheServer);
     return findings.finish();

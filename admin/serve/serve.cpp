@@ -12,12 +12,12 @@ namespace kova::admin {
 
 namespace {
 
-struct Options {
+struct ServeOptions {
   std::shared_ptr<std::string> environment_file;
   std::string port;
 };
 
-int run(const Options& options) {
+int run(const ServeOptions& options) {
   use_deployment(*options.environment_file);
   const std::string server = server_beside();
   const bool http = !options.port.empty();
@@ -30,7 +30,7 @@ int run(const Options& options) {
 }  // namespace
 
 RunCommand add_serve(CommandParser& parser) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ServeOptions>();
   parser.footer(
       "Starts the server with the environment of a file, on standard input and output or, with\n"
       "--http, on a port of this machine. The server is kova-mcp beside kova-admin.\n"

@@ -23,9 +23,9 @@ namespace {
 constexpr const char* kName = "kova-mcp";
 constexpr std::uint32_t kStartMs = 30000;
 constexpr std::uint32_t kStopMs = 30000;
-constexpr const char* kToken = "KOVA_MCP_HTTP_BEARER_TOKEN";
+constexpr const char* kServiceToken = "KOVA_MCP_HTTP_BEARER_TOKEN";
 
-struct Options {
+struct ServiceOptions {
   std::shared_ptr<std::string> environment_file;
   std::string port;
 };
@@ -89,14 +89,14 @@ void judge_environment_file(const std::string& path) {
   }
 }
 
-int install(const Options& options) {
+int install(const ServiceOptions& options) {
   need_services();
   const std::string& file = *options.environment_file;
   check_environment_path(file);
   use_deployment(file);
   static_cast<void>(load_policy());
-  if (deployment_value(kToken).empty()) {
-    throw Refusal(fmt::format("{}: {} is not set", file, kToken));
+  if (deployment_value(kServiceToken).empty()) {
+    throw Refusal(fmt::format("{}: {} is not set", file, kServiceToken));
   }
   const std::string server = server_beside();
   if (!path_exists(server.c_str())) throw Refusal(server + ": the server is not there");
@@ -116,7 +116,7 @@ int install(const Options& options) {
 }
 
 /// What the service manager starts. Its streams lead nowhere: a failure goes to the event log.
-int run_process(const Options& options) {
+int run_process(const ServiceOptions& options) {
   need_services();
   const std::string& file = *options.environment_file;
   try {
@@ -139,8 +139,8 @@ int run_process(const Options& options) {
   return kExitFine;
 }
 
-std::shared_ptr<Options> add_options(CommandParser& parser) {
-  auto options = std::make_shared<Options>();
+std::shared_ptr<ServiceOptions> add_options(CommandParser& parser) {
+  auto options = std::make_shared<ServiceOptions>();
   options->environment_file = add_env_option(parser);
   parser.get_option("--env").required();
   parser.add_option("--http", options->port, "The port to listen on, behind a TLS proxy")
