@@ -258,6 +258,7 @@ def test_what_the_second_act_leaves_behind(prepared: list[str], target: Target) 
         assert re.search(rb"v1\.\d{10}\.", content) is None, path
 
 
+@pytest.mark.slow
 def test_colour_on_a_terminal(prepared: list[str], watch: Watch) -> None:
     terminal, screen = pty.openpty()
     environment = {**watch.environment, "TERM": "xterm"}
@@ -281,7 +282,9 @@ def read_all(terminal: int) -> str:
     return data.decode()
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL])
+@pytest.mark.parametrize("number", [
+    signal.SIGINT, *(pytest.param(number, marks=pytest.mark.slow)
+                     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGKILL))])
 def test_nothing_is_left_of_an_interrupted_session(prepared: list[str], watch: Watch,
                                                    number: signal.Signals) -> None:
     """In the middle of the slow query, when the engine, the server and a worker are there."""

@@ -12,6 +12,8 @@ from harness.tool_calls import Outcome
 from harness.write_calls import FIELDS, accepted, ran, token_refused
 from harness.write_generator import Statement, statement
 
+pytestmark = pytest.mark.slow
+
 SEEDS = range(16)
 
 

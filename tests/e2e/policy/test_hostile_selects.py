@@ -11,6 +11,8 @@ import pytest
 from harness.messages import PARSE_ERROR
 from harness.tool_calls import ToolCalls, arguments, result_json
 
+pytestmark = pytest.mark.slow
+
 SCREEN = ("sql must be one bounded read-only SELECT; unknown fields are rejected; "
           "max_rows must be 1..256")
 COLUMN = "column is denied by MCP policy"

@@ -14,6 +14,8 @@ from harness.write_calls import (BAD_ARGUMENTS, COMMENT, NOT_ALLOWED, NO_WRITE, 
                                  SECOND_STATEMENT, SIZE, TOOL, TOO_LARGE, UNCLASSIFIED,
                                  UNTERMINATED, Writes, ran, refused)
 
+pytestmark = pytest.mark.slow
+
 LONGEST = "N" * 63
 LIMIT = 32768
 
