@@ -30,11 +30,12 @@ std::string_view FollowedFile::read_block(Part& part) {
   return {block_.data(), got};
 }
 
-// For a moment of the rotation no file has the name.
+// For a moment of the rotation no file has the name. A name keeps its volume while it is followed,
+// and a loaded system may fail to tell it: the number of the file alone says which one it is.
 void FollowedFile::look_for_another(std::uint64_t now_ms) {
   Part part{};
   if (!part.input.open(path_.c_str()) || !part.input.identity(part.identity)) return;
-  if (part.identity == parts_.back().identity) return;
+  if (part.identity.file == parts_.back().identity.file) return;
   parts_.back().until = now_ms + kLingerMs;
   parts_.push_back(std::move(part));
 }

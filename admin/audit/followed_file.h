@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,7 +47,8 @@ class FollowedFile {
 
   template <typename Take>
   void read_part(Part& part, const Take& take) {
-    if (part.input.size() < part.position) start_again(part);
+    const std::optional<std::uint64_t> size = part.input.size();
+    if (size && *size < part.position) start_again(part);
     for (std::string_view bytes; !(bytes = read_block(part)).empty();) {
       part.splitter.add(bytes, take);
     }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 namespace kova {
 
@@ -31,8 +32,8 @@ class SharedInput {
   [[nodiscard]] bool read(char* data, std::size_t size, std::size_t& got);
   /// Goes on reading at the first byte.
   [[nodiscard]] bool rewind();
-  /// In bytes; 0 for what has no size.
-  [[nodiscard]] std::uint64_t size() const;
+  /// In bytes; none for what has no size, or when the system does not tell.
+  [[nodiscard]] std::optional<std::uint64_t> size() const;
   [[nodiscard]] bool identity(FileIdentity& identity) const;
 
  private:

@@ -56,9 +56,9 @@ bool SharedInput::rewind() {
   return ::lseek(descriptor_of(handle_), 0, SEEK_SET) == 0;
 }
 
-std::uint64_t SharedInput::size() const {
+std::optional<std::uint64_t> SharedInput::size() const {
   struct stat status {};
-  if (::fstat(descriptor_of(handle_), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+  if (::fstat(descriptor_of(handle_), &status) != 0 || !S_ISREG(status.st_mode)) return {};
   return static_cast<std::uint64_t>(status.st_size);
 }
 

@@ -56,9 +56,9 @@ bool SharedInput::rewind() {
   return ::SetFilePointerEx(handle_of(handle_), {}, nullptr, FILE_BEGIN) != 0;
 }
 
-std::uint64_t SharedInput::size() const {
+std::optional<std::uint64_t> SharedInput::size() const {
   LARGE_INTEGER size{};
-  if (::GetFileSizeEx(handle_of(handle_), &size) == 0) return 0;
+  if (::GetFileSizeEx(handle_of(handle_), &size) == 0) return {};
   return static_cast<std::uint64_t>(size.QuadPart);
 }
 
