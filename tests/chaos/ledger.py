@@ -11,6 +11,9 @@ from typing import Any
 
 Reply = dict[str, Any]
 
+RECORD_WAIT = 2.0
+"""Seconds within which a loaded machine writes the record of a call: it comes after the reply."""
+
 
 @dataclass
 class Request:
@@ -99,7 +102,7 @@ class Ledger:
         self.doubts[-1].end = time.monotonic()
 
     def is_doubtful(self, request: Request) -> bool:
-        return any(doubt.begin <= request.answered and request.sent <= doubt.end
+        return any(doubt.begin <= request.answered + RECORD_WAIT and request.sent <= doubt.end
                    and doubt.kind in (None, request.kind) for doubt in self.doubts)
 
     def was_file_full(self) -> bool:

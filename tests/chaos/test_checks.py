@@ -13,7 +13,7 @@ import pytest
 
 from chaos.acts import Acts
 from chaos.checks import Checks
-from chaos.ledger import Ledger, Request
+from chaos.ledger import RECORD_WAIT, Ledger, Request
 from harness.audit_files import KEYS
 from harness.sample_engine import make_database
 
@@ -97,6 +97,17 @@ def test_a_lost_record_of_a_call_in_doubt(ledger, stage):
     ledger.end_doubt()
     Checks(stage, ledger).check_audit()
     assert ledger.violations == []
+
+
+@pytest.mark.parametrize("before, lost", [(RECORD_WAIT / 2, 0), (RECORD_WAIT * 2, 1)])
+def test_a_doubt_that_begins_between_reply_and_record(ledger, stage, before, lost):
+    request = noted(ledger, "read", "tool result")
+    request.sent -= before
+    request.answered -= before
+    ledger.begin_doubt()
+    ledger.end_doubt()
+    Checks(stage, ledger).check_audit()
+    assert len(ledger.violations) == lost
 
 
 @pytest.mark.parametrize("kind, lost", [("read", 1), ("read in the server", 0)])
