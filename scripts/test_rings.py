@@ -25,6 +25,8 @@ With --full, or by name; with --full the rings above also run what takes long in
   endurance-asan     long runs of that build
   unit-tsan          unit tests under the thread sanitizer
   e2e-tsan           the tests of the servers' threads and of the operator's tool under it
+  chaos-linux        clients among faults for a minute: killed processes, full disks, moved clocks
+  chaos-windows      the same with the Windows executable
   fuzz               every fuzzer for a bounded number of runs
   models             models of the threads' protocols: every interleaving, and their mutations
   release-linux      archive, Debian package, client bundle, manual pages, completion, rotation,
@@ -155,6 +157,16 @@ def python_ring(kind: str, preset: str, folder: str, chosen: str, *options: str,
     return Step(name, [Command(line, results)], needs, holds)
 
 
+def chaos(target: str) -> Step:
+    """A bounded run. It starts and ends Wine as it needs it, in a prefix of its own."""
+    step = python_ring("chaos", target, "tests/chaos", "")
+    if target == "windows":
+        [command] = step.commands
+        prefix = ROOT / "build" / "wineprefix-chaos"
+        command.line = ["env", f"WINEPREFIX={prefix}", *command.line[len([WINE, "hold"]):]]
+    return step
+
+
 def rings(full: bool, quick: bool) -> list[Step]:
     """In the order in which they are wanted. A sanitizer build takes more memory, and keeps what
     was freed for a while: what judges the shipped executable is not for it."""
@@ -186,6 +198,8 @@ def rings(full: bool, quick: bool) -> list[Step]:
         python_ring("endurance", "asan", "tests/e2e", "endurance and not shipped_build"),
         unit("tsan"),
         python_ring("e2e", "tsan", "tests/e2e", "threads", *two),
+        chaos("linux"),
+        chaos("windows"),
         Step("fuzz", [Command(["ctest", "--test-dir", "build/fuzz/tests/fuzz",
                                "--output-on-failure", "--output-junit", str(fuzz_results)],
                               fuzz_results)], ("build-fuzz",)),
