@@ -1,6 +1,6 @@
 # Compiles the sources of a folder together: most of a file's time goes into the templates that all
 # of them instantiate. Names inside the anonymous namespaces of a folder must differ, therefore.
-# Without KOVA_BY_FOLDER each file is compiled alone, and so must name every header that it needs.
+# Without KOVA_BY_FOLDER each file is compiled alone, as the linter does.
 option(KOVA_BY_FOLDER "compile what is not the server a folder at a time" ON)
 
 # The folders that are named for a platform count as one, apart from the others: that system's

@@ -60,6 +60,8 @@ WINE = "scripts/wine.py"
 
 SIDE_BY_SIDE = 3
 """How many steps run at the same time: much of a ring is waiting."""
+SIDE_BY_SIDE_IN_FULL = 2
+"""The rings of the sanitizers and the slow tests leave little of the processors."""
 STEP_LIMIT = 45 * 60
 """Seconds after which a step is ended and counts as failed."""
 NEWS_INTERVAL = 30
@@ -224,8 +226,9 @@ def chosen_steps(names: list[str], full: bool, quick: bool) -> list[Step]:
 
 
 class Runner:
-    def __init__(self, steps: list[Step], report: "Report") -> None:
+    def __init__(self, steps: list[Step], report: "Report", side_by_side: int) -> None:
         self.steps = steps
+        self.side_by_side = side_by_side
         self.report = report
         self.ended: dict[str, Step] = {}
         self.running: list[Step] = []
@@ -261,7 +264,7 @@ class Runner:
         return bool(failed)
 
     def _may_start(self, step: Step) -> bool:
-        return (len(self.running) < SIDE_BY_SIDE
+        return (len(self.running) < self.side_by_side
                 and all(name in self.ended for name in step.needs)
                 and not any(step.holds & other.holds for other in self.running))
 
@@ -432,7 +435,7 @@ def main(arguments: list[str]) -> int:
     steps = chosen_steps(names, full, quick)
     report = Report(len(steps))
     print(f"{len(steps)} builds and rings: " + ", ".join(step.name for step in steps), flush=True)
-    runner = Runner(steps, report)
+    runner = Runner(steps, report, SIDE_BY_SIDE_IN_FULL if full else SIDE_BY_SIDE)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     try:
         runner.run()
