@@ -172,7 +172,7 @@ def chaos(target: str) -> Step:
 def rings(full: bool, quick: bool) -> list[Step]:
     """In the order in which they are wanted. A sanitizer build takes more memory, and keeps what
     was freed for a while: what judges the shipped executable is not for it."""
-    client = "" if full else "not slow"
+    unless_slow = "" if full else "not slow"
     short = "not endurance" if full else "not endurance and not slow"
     quickest = f"{short} and not sample_engine" if quick else short
     # Tests of one group run in the same process.
@@ -187,11 +187,11 @@ def rings(full: bool, quick: bool) -> list[Step]:
               Command(["scripts/check_lock_files.sh"], name="lock files name no address"),
               Command([PYTHON, "scripts/check_links.py"], name="links of the documents")]),
         unit("linux"),
-        python_ring("interop", "linux", "tests/interop", client, holds=played),
+        python_ring("interop", "linux", "tests/interop", unless_slow, holds=played),
         python_ring("e2e", "linux", "tests/e2e", quickest, *two),
         # Much of it waits until Wine has started a process.
         python_ring("e2e", "windows", "tests/e2e", short, "-n", "3", *grouped),
-        python_ring("interop", "windows", "tests/interop", client, holds=played),
+        python_ring("interop", "windows", "tests/interop", unless_slow, holds=played),
         unit("windows"),
         python_ring("endurance", "linux", "tests/e2e", "endurance"),
         python_ring("endurance", "windows", "tests/e2e", "endurance"),

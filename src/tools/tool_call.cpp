@@ -21,7 +21,7 @@ bool read_params(const JsonDoc& doc, int params, TextOut name, ToolContext& cont
     trace_call(context, "message", blamed);
     return refuse(error, kInvalidParams, "tools/call params are invalid or contain unknown fields");
   }
-  trace_call(context, "message", json_find(doc, params, "name"));
+  if (context.trace != nullptr) trace_call(context, "message", json_find(doc, params, "name"));
   return get_string_member(doc, params, "name", name) ||
          refuse(error, kInvalidParams, "tools/call requires a valid tool name");
 }
