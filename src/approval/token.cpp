@@ -24,10 +24,10 @@ constexpr std::size_t kPieces = 5;
 constexpr std::string_view kFieldsInvalid =
     "approval token fields or operation binding are invalid";
 
+/// `digest` consists of hexadecimal digits, and so does a piece that equals it.
 bool fields_are_valid(const TokenPieces& pieces, std::string_view digest) {
   return pieces.version == kVersion && is_hex(pieces.nonce, kNonceDigits) &&
-         is_hex(pieces.digest, kDigestDigits) && is_hex(pieces.signature, kDigestDigits) &&
-         equal_ignoring_case(pieces.digest, digest);
+         is_hex(pieces.signature, kDigestDigits) && equal_ignoring_case(pieces.digest, digest);
 }
 
 /// The number that the text begins with; the largest value when it does not fit.

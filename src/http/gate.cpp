@@ -84,7 +84,7 @@ bool is_origin_allowed(const GateSubject& subject) {
 
 bool came_through_tls(const GateSubject& subject) {
   const auto value = subject.request.header("X-Forwarded-Proto", kForwardedProtoCapacity);
-  return (value && equal_ignoring_case(*value, "https")) ||
+  return equal_ignoring_case(value.value_or(""), "https") ||
          means_yes(EnvironmentValue("KOVA_MCP_HTTP_ALLOW_PLAINTEXT_LOOPBACK").view());
 }
 

@@ -201,6 +201,20 @@ TEST_F(Verifying, AnExpiryThatOverflowsDoesNotWrap) {
   EXPECT_TRUE(markers().empty());
 }
 
+TEST_F(Verifying, TheLastSecondsThat64BitsHoldAreTold) {
+  constexpr std::uint64_t kLast = UINT64_MAX;
+  for (std::uint64_t before = 0; before < 12; ++before) {
+    const std::uint64_t expiry = kLast - before;
+    const std::string token = token_of({.expiry = std::to_string(expiry)});
+    expect_refused(token, kExpired, kDigest, expiry - kTtl - 1);
+    expect_accepted(token, kDigest, expiry - kTtl);
+    forget_markers();
+    if (before > 0) expect_refused(token, kExpired, kDigest, expiry + 1);
+    expect_accepted(token, kDigest, expiry);
+    forget_markers();
+  }
+}
+
 TEST_F(Verifying, TheExpiryMayBeginWithZerosAndEndInOtherBytes) {
   for (const char* expiry :
        {"01700000300", "000000000000000001700000300", "1700000300x", "1700000300 ", "1700000300-",

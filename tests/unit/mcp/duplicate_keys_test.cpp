@@ -159,6 +159,13 @@ TEST(DuplicateKeys, TheLargestObject) {
   }
 }
 
+TEST(DuplicateKeys, ManyEqualKeys) {
+  for (const int count : {2, 17, 100, kMemberLimit}) {
+    const std::vector<std::string> keys(static_cast<std::size_t>(count), "same");
+    EXPECT_TRUE(duplicates(object_of(keys))) << count;
+  }
+}
+
 TEST(DuplicateKeys, ManyObjectsAndDeepOnes) {
   std::string many = "[";
   for (int i = 0; i < 800; ++i) many += R"({"a":1,"b":2},)";

@@ -224,6 +224,24 @@ TEST_F(Normaliser, AFaultBeforeTheTextIsFullSpeaks) {
   EXPECT_EQ(canonical("abc'defghijk' -- x", 8), refusal(kNoMessage));
 }
 
+TEST_F(Normaliser, AQuotationMarkThatDoesNotFitIsTooLarge) {
+  EXPECT_EQ(canonical("abcdef''", 10), "ABCDEF'';");
+  EXPECT_EQ(canonical("abcdef ''", 8), refusal(kFull));
+}
+
+TEST_F(Normaliser, ARefusedTextLeavesWhatWasWrittenUntilThen) {
+  struct Row {
+    const char* sql;
+    const char* written;
+  };
+  for (const Row& row : {Row{"-- x", ""}, Row{"; x", ""}, Row{"a -- x", "A"}}) {
+    char text[32] = "of an earlier call";
+    char message[64];
+    EXPECT_FALSE(write_canonical(row.sql, text, message)) << row.sql;
+    EXPECT_STREQ(text, row.written) << row.sql;
+  }
+}
+
 TEST_F(Normaliser, StaysWithinEveryRoom) {
   for (const char* sql : kTexts) {
     const std::string whole = canonical(sql);

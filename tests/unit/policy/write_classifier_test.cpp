@@ -135,6 +135,7 @@ TEST_F(WriteClassifier, AnythingElseIsNoWrite) {
                           "EXPLAIN UPDATE T",
                           "UPSERT INTO T",
                           "TRUNCATE TABLE T",
+                          "TRUNCATE FROM T",
                           "9_UPDATE T",
                           "INSERT OR REPLACE INTO T",
                           "INSERT 'x' INTO T",
