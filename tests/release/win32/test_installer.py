@@ -34,9 +34,12 @@ def installer(unpacked: Path, version: str, tmp_path: Path) -> Path:
 
 
 def run_of_windows(target: Target, name: str, *arguments: str) -> int:
+    """Its exit code. What it prints is not collected: msiexec may start Wine's desktop, which would
+    keep a pipe open after it."""
     program = target.prefix / "drive_c" / "windows" / "system32" / name
     return subprocess.run(target.command(program, list(arguments)), env=target.environment({}),
-                          capture_output=True, timeout=4 * TIMEOUT, check=False).returncode
+                          stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL, timeout=TIMEOUT, check=False).returncode
 
 
 def registered(target: Target, file: Path) -> bool:
