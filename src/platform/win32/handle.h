@@ -13,6 +13,7 @@ class Handle {
  public:
   explicit Handle(HANDLE handle = nullptr) : handle_(handle) {}
   ~Handle() { close(); }
+  Handle(Handle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
 
