@@ -156,7 +156,8 @@ class Checks:
                 self.ledger.violation(f"{number} records of {name}")
         recorded = [request for request in self.ledger.requests.values() if request.recorded]
         doubtful = [request for request in recorded if self.ledger.is_doubtful(request)]
-        missing = [request.id for request in recorded
+        missing = [f"{request.id} ({request.kind}, at {self.ledger.in_round(request.sent):.2f} to "
+                   f"{self.ledger.in_round(request.answered):.2f} s)" for request in recorded
                    if request not in doubtful and request.id not in found]
         self.ledger.count("audit records", sum(found.values()))
         self.ledger.count("calls that must be recorded", len(recorded) - len(doubtful))

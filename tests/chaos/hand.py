@@ -87,8 +87,9 @@ class Hand(threading.Thread):
         try:
             while self.faults and not self.stopping.wait(self.rng.expovariate(1 / self.pause)):
                 fault = self.rng.choice(self.faults)
+                began = time.monotonic()
                 if getattr(self, fault)() is not False:
-                    self.ledger.count(f"fault {fault}")
+                    self.ledger.fault_done(fault, began)
         except Exception as failure:  # pylint: disable=broad-except
             self.ledger.violation(f"the hand at {self.faults}: {failure!r}")
 

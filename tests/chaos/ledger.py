@@ -54,10 +54,17 @@ class Ledger:
         self.violations: list[str] = []
         self.requests: dict[str, Request] = {}
         self.round = 0
+        self.began = time.monotonic()
+
+    def in_round(self, moment: float) -> float:
+        """Seconds since the round began."""
+        return moment - self.began
 
     def begin_round(self, number: int) -> None:
         self.round = number
+        self.began = time.monotonic()
         self.requests = {}
+        self.faults: list[str] = []
         self.doubts: list[Doubt] = []
         self.engine_ends: list[float] = []
         self.listener_ends: list[float] = []
@@ -91,6 +98,11 @@ class Ledger:
             return
         request.closed = True
         self.count(f"closed: {how}")
+
+    def fault_done(self, fault: str, began: float) -> None:
+        self.count(f"fault {fault}")
+        self.faults.append(f"{fault} {self.in_round(began):.2f} to "
+                           f"{self.in_round(time.monotonic()):.2f} s")
 
     # Times in which an audit record may be lost.
 

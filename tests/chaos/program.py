@@ -81,7 +81,7 @@ class Run:
         self.checks.after_round(self.caller)
         found = self.ledger.violations[before:]
         if self.options.verbose or found:
-            faults = ", ".join(hands[0].faults + hands[1].faults)
+            faults = ", ".join(self.ledger.faults)
             print(f"round {number}: {faults}; {len(self.ledger.requests)} requests, "
                   f"{worked - began:.1f} + {time.monotonic() - worked:.1f} s", flush=True)
         for violation in found:
