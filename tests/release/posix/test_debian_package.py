@@ -90,6 +90,26 @@ def test_it_starts_nothing(in_a_copy) -> None:
     assert said == ""
 
 
+def test_what_is_asked_of_the_service_manager(in_a_copy) -> None:
+    """Where one runs: nothing is started by the installation, running listeners go over to a new
+    version, and end before the program goes."""
+    said = in_a_copy("""
+        mkdir -p /run/systemd/system
+        rm -f /usr/sbin/policy-rc.d
+        printf '#!/bin/sh\\necho "$@" >> /asked\\n' > /usr/bin/systemctl
+        for step in -i -i -r -P; do
+            argument=kova-mcp
+            [ $step != -i ] || argument=/kova-mcp.deb
+            echo "dpkg $step" >> /asked
+            dpkg $step $argument >/dev/null 2>&1
+        done
+        cat /asked
+        """).splitlines()
+    reload, running = "--system daemon-reload", "kova-mcp-http@*.service"
+    assert said == ["dpkg -i", reload, "dpkg -i", reload, reload, f"try-restart {running}",
+                    "dpkg -r", f"stop {running}", reload, "dpkg -P", reload]
+
+
 def test_the_unit_without_the_package(in_a_copy) -> None:
     """By the commands of deploy/README.md, for what docs/install.md puts into /opt."""
     text = (ROOT / "deploy" / "README.md").read_text("utf-8")
