@@ -27,7 +27,7 @@ ASKED = (
      "An absolute path; without one nothing is recorded", False, False))
 
 
-def manifest(version: str) -> dict[str, Any]:
+def manifest(version: str, publisher: str = "") -> dict[str, Any]:
     asked: dict[str, Any] = {
         "library": {"type": "directory", "title": "Client library",
                     "description": "The folder that holds the engine's client library",
@@ -44,6 +44,8 @@ def manifest(version: str) -> dict[str, Any]:
             # Without it the client hands on the name in the place of a value.
             asked[name]["default"] = ""
     made = json.loads(MANIFEST.read_text("utf-8"))
+    if publisher:
+        made["author"]["name"] = publisher
     config = made["server"]["mcp_config"]
     config["env"] = environment
     for platform, searched in (("win32", "PATH"), ("linux", "LD_LIBRARY_PATH")):
@@ -53,10 +55,12 @@ def manifest(version: str) -> dict[str, Any]:
 
 
 def write_bundle(path: Path, version: str, linux: Path, windows: Path, notices: Path,
-                 epoch: int) -> None:
-    """`linux` and `windows` are the executables of the server, as the archives hold them."""
+                 epoch: int, publisher: str = "") -> None:
+    """`linux` and `windows` are the executables of the server, as the archives hold them. Without a
+    publisher the author is the one of every bundle."""
+    text = json.dumps(manifest(version, publisher), indent=2) + "\n"
     contents = {
-        "manifest.json": (json.dumps(manifest(version), indent=2).encode() + b"\n", False),
+        "manifest.json": (text.encode(), False),
         "server/kova-mcp": (linux.read_bytes(), True),
         "server/kova-mcp.exe": (windows.read_bytes(), True),
         "THIRD-PARTY-NOTICES": (notices.read_bytes(), False)}

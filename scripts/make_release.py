@@ -4,7 +4,8 @@
     ./release --sign KEY      also signs SHA256SUMS with a minisign key, unless a check has failed
     ./release --check         also builds in a second folder, compares, and validates what is there
     ./release --only linux    the archive, the package, their bills of materials alone; or windows
-    ./release --maintainer "NAME <ADDRESS>"       who maintains the Debian package
+    ./release --maintainer "NAME <ADDRESS>"       who maintains the Debian package; NAME alone is
+              the installer's manufacturer and the client bundle's author
     ./release --registry-name NAME --registry-repository ADDRESS --registry-source SOURCE
               --registry-downloads ADDRESS      what dist/server.json says of the publisher
 
@@ -42,6 +43,7 @@ REGISTRY = "server.json"
 LICENCE = ROOT / "LICENSE"
 COPYRIGHT = ROOT / "cmake" / "debian" / "copyright"
 NO_LICENCE = "License: not-chosen"
+VALIDATOR = ROOT / "tests" / "release" / "validate.mjs"
 
 
 class Refused(Exception):
@@ -98,6 +100,10 @@ def unpack(archive: Path, work: Path) -> Path:
     return top
 
 
+def name_of(maintainer: str) -> str:
+    return maintainer.partition("<")[0].strip()
+
+
 def packages_of(folder: Path, system: str, targets: "tuple[str, ...]") -> list[str]:
     end = ".exe" if system == "windows" else ""
     return bill_of_materials.packages_of_build(folder, [name + end for name in targets])
@@ -126,14 +132,15 @@ def make(systems: list[str], epoch: int, maintainer: str,
     if "windows" in systems:
         installer = f"kova-mcp-{number}-x64.msi"
         say("make the Windows installer")
-        windows_installer.write_installer(DIST / installer, programs["windows"], number, work)
+        windows_installer.write_installer(DIST / installer, programs["windows"], number, work,
+                                          name_of(maintainer))
         contents[installer] = packages["windows"]
     if len(systems) == 2:
         bundle = f"kova-mcp-{number}.mcpb"
         say("make the client bundle")
         client_bundle.write_bundle(DIST / bundle, number, programs["linux"] / "bin" / "kova-mcp",
                                    programs["windows"] / "kova-mcp.exe",
-                                   ROOT / "THIRD-PARTY-NOTICES", epoch)
+                                   ROOT / "THIRD-PARTY-NOTICES", epoch, name_of(maintainer))
         contents[bundle] = sorted(of_servers)
         text = registry_file.filled(DIST / bundle, number, publisher)
         (DIST / REGISTRY).write_text(text, encoding="utf-8")
@@ -210,12 +217,9 @@ def faults() -> list[str]:
                                str(package)], check=False)
         if done.returncode:
             found.append(f"lintian objects to {package.name}")
-    validator = ROOT / "tests" / "release" / "validate.mjs"
-    if not (validator.parent / "node_modules").exists():
-        raise Refused("the validators are not installed; run npm ci in tests/release")
     for path in sorted([*DIST.glob("*.cdx.json"), *DIST.glob("*.mcpb")]):
         say(f"validate {path.name}")
-        if subprocess.run(["node", str(validator), str(path)], check=False).returncode:
+        if subprocess.run(["node", str(VALIDATOR), str(path)], check=False).returncode:
             found.append(f"{path.name} is not valid")
     for path in DIST.glob(REGISTRY):
         say(f"validate {path.name}")
@@ -230,13 +234,18 @@ def check(options: list[str]) -> list[str]:
     return found + faults()
 
 
-def refuse_unready() -> None:
+def refuse_unready(chosen: argparse.Namespace) -> None:
+    """Before anything is built."""
     if git("status", "--porcelain"):
         raise Refused("the tree is not as committed")
     if f"\n## {version()}\n" not in (ROOT / "CHANGELOG.md").read_text("utf-8"):
         raise Refused(f"CHANGELOG.md has no heading for {version()}")
     if LICENCE.exists() and NO_LICENCE in COPYRIGHT.read_text("utf-8"):
         raise Refused(f"{COPYRIGHT.relative_to(ROOT)} says that no licence is chosen")
+    if chosen.sign and not chosen.sign.is_file():
+        raise Refused(f"{chosen.sign}: there is no such key")
+    if chosen.check and not (VALIDATOR.parent / "node_modules").exists():
+        raise Refused("the validators are not installed; run npm ci in tests/release")
 
 
 def missing(chosen: argparse.Namespace, publisher: registry_file.Publisher) -> list[str]:
@@ -254,13 +263,14 @@ def main(arguments: list[str]) -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--check", action="store_true", help="build twice, compare and validate")
     parser.add_argument("--sign", type=Path, metavar="KEY", help="a minisign secret key")
-    parser.add_argument("--maintainer", default="", metavar="NAME", help="of the Debian package")
+    parser.add_argument("--maintainer", default="", metavar="NAME",
+                        help="of the Debian package, the installer and the client bundle")
     parser.add_argument("--only", choices=("linux", "windows"), help="one system's artefacts")
     registry_file.add_options(parser)
     chosen = parser.parse_args(arguments)
     publisher = registry_file.publisher_of(chosen)
     try:
-        refuse_unready()
+        refuse_unready(chosen)
         os.umask(0o022)
         epoch = int(git("log", "-1", "--format=%ct"))
         os.environ |= {"SOURCE_DATE_EPOCH": str(epoch), "TZ": "UTC", "LC_ALL": "C.UTF-8"}

@@ -9,6 +9,8 @@ from xml.sax.saxutils import quoteattr
 
 UPGRADE_CODE = "8F3C7B52-6D0E-4C55-9B1E-2A7D5F40C6E3"
 """The same for every version: Windows knows by it what an installation replaces."""
+NOBODY = "kova-mcp maintainers"
+"""In the place of a publisher, whom an installer has to name."""
 
 
 def identifier(name: str) -> str:
@@ -36,14 +38,14 @@ def folder_of(folder: Path, top: Path, components: list[str]) -> str:
     return made
 
 
-def source(top: Path, version: str) -> str:
+def source(top: Path, version: str, publisher: str) -> str:
     components: list[str] = []
     files = folder_of(top, top, components)
     references = "".join(f"<ComponentRef Id='{one}'/>\n" for one in components)
     return f"""<?xml version="1.0" encoding="utf-8"?>
 <Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">
 <Product Id="{guid('product ' + version)}" Name="kova-mcp" Language="1033" Version="{version}"
-  Manufacturer="kova-mcp maintainers" UpgradeCode="{UPGRADE_CODE}">
+  Manufacturer={quoteattr(publisher)} UpgradeCode="{UPGRADE_CODE}">
 <Package InstallerVersion="500" Compressed="yes" InstallScope="perMachine"/>
 <MajorUpgrade DowngradeErrorMessage="A newer version is installed."/>
 <Media Id="1" Cabinet="kova.cab" EmbedCab="yes"/>
@@ -57,8 +59,9 @@ def source(top: Path, version: str) -> str:
 """
 
 
-def write_installer(path: Path, top: Path, version: str, work: Path) -> None:
+def write_installer(path: Path, top: Path, version: str, work: Path,
+                    publisher: str = "") -> None:
     """`top` is the unpacked Windows archive; every path is absolute."""
     text = work / "kova-mcp.wxs"
-    text.write_text(source(top, version), encoding="utf-8")
+    text.write_text(source(top, version, publisher or NOBODY), encoding="utf-8")
     subprocess.run(["wixl", "-a", "x64", "-o", str(path), str(text)], cwd=top, check=True)

@@ -218,11 +218,11 @@ def test_two_classes_of_clients_share_no_folder() -> None:
         assert all("%i" in folder for folder in value.split())
 
 
-@pytest.mark.parametrize("program", ["/usr/bin/kova-mcp", "/opt/kova-mcp/kova-mcp"])
+@pytest.mark.parametrize("program", ["/usr/bin/kova-mcp", "/opt/kova-mcp/bin/kova-mcp"])
 def test_the_unit_is_valid_and_confines_the_listener(tmp_path: Path, program: str) -> None:
     """As it stands and as README.md changes it, with an executable that is there."""
     text = UNIT.read_text("utf-8")
-    change = "s,/usr/bin/,/opt/kova-mcp/,"
+    change = "s,/usr/bin/,/opt/kova-mcp/bin/,"
     assert f"sed '{change}' {UNIT.name}" in (DEPLOY / "README.md").read_text("utf-8")
     if program.startswith("/opt"):
         text = subprocess.run(["sed", change], input=text, capture_output=True, text=True,

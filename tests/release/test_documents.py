@@ -23,3 +23,8 @@ def test_the_readme_installs_this_version_by_the_commands_of_the_guide(version: 
     assert f"\n{debian[0]} " in first
     for line in windows:
         assert f"\n{line}\n" in first
+
+
+def test_the_guide_says_that_no_licence_is_chosen_as_long_as_it_is_so() -> None:
+    guide = " ".join((ROOT / "docs" / "install.md").read_text("utf-8").split())
+    assert ("has not chosen a licence" in guide) != (ROOT / "LICENSE").exists()

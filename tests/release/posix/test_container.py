@@ -59,9 +59,9 @@ def containers(allowed: None, empty_debian: Path, debian_package: Path, client_l
 
 
 def block(number: int, version: str = "") -> str:
-    """One of: build, fill the folders, start, stop."""
+    """One of: build, fill the folders, start, stop, remove."""
     found = newcomer.blocks("Container", "sh", VERSION=version)
-    assert len(found) == 4
+    assert len(found) == 5
     return found[number]
 
 
@@ -214,6 +214,15 @@ def test_stop_down_and_play_again(pod: Pod) -> None:
     assert pod.containers.run("podman ps --all --quiet") == ""
     pod.play()
     assert pod.ask(request("initialize", 1, {}))[0] == 200
+
+
+def test_removal_leaves_nothing(pod: Pod) -> None:
+    """The last test of the pod."""
+    pod.containers.run(block(3))
+    pod.containers.run(block(4).replace("/srv/kova-mcp", str(pod.folder / "srv")))
+    images = pod.containers.run("podman images --all --format '{{.Repository}}'")
+    assert "kova-mcp" not in images and BASE in images
+    assert not (pod.folder / "srv").exists()
 
 
 def test_the_files_fit_together() -> None:

@@ -13,7 +13,7 @@ from pathlib import Path
 
 import pytest
 
-from harness import privileges
+from harness import newcomer, privileges
 from harness.packages import EPOCH
 from harness.privileges import ENTER_COPY
 from harness.targets import Target
@@ -88,6 +88,49 @@ def test_it_starts_nothing(in_a_copy) -> None:
         [ ! -e /asked ] || cat /asked
         """)
     assert said == ""
+
+
+def test_what_is_asked_of_the_service_manager(in_a_copy) -> None:
+    """Where one runs: nothing is started by the installation, running listeners go over to a new
+    version, and end before the program goes."""
+    said = in_a_copy("""
+        mkdir -p /run/systemd/system
+        rm -f /usr/sbin/policy-rc.d
+        printf '#!/bin/sh\\necho "$@" >> /asked\\n' > /usr/bin/systemctl
+        for step in -i -i -r -P; do
+            argument=kova-mcp
+            [ $step != -i ] || argument=/kova-mcp.deb
+            echo "dpkg $step" >> /asked
+            dpkg $step $argument >/dev/null 2>&1
+        done
+        cat /asked
+        """).splitlines()
+    reload, running = "--system daemon-reload", "kova-mcp-http@*.service"
+    assert said == ["dpkg -i", reload, "dpkg -i", reload, reload, f"try-restart {running}",
+                    "dpkg -r", f"stop {running}", reload, "dpkg -P", reload]
+
+
+def test_the_unit_without_the_package(in_a_copy) -> None:
+    """By the commands of deploy/README.md, for what docs/install.md puts into /opt."""
+    text = (ROOT / "deploy" / "README.md").read_text("utf-8")
+    [commands] = re.findall(r"^Without the package.*?^```\n(.*?)^```$", text,
+                            re.MULTILINE | re.DOTALL)
+    said = in_a_copy(r"""
+        dpkg-deb -x /kova-mcp.deb /files
+        cd /files/usr/share/doc/kova-mcp/deploy
+        systemctl() { echo "systemctl $*"; }  # No service manager runs in the copy.
+        """ + commands + r"""
+        stat -c '%n %A %U %G' /etc/kova-mcp /var/lib/kova-mcp /var/log/kova-mcp
+        getent passwd kova-mcp | cut -d: -f1,6,7
+        sed -n 's/^Exec[A-Za-z]*=\([^ ]*\).*/\1/p' /etc/systemd/system/kova-mcp-http@.service
+        """).splitlines()
+    [server] = {line.split()[-1] + "kova-mcp" for line in
+                newcomer.blocks("Other Linux", "sh")[0].splitlines() if "libkovadll" in line}
+    assert said == ["systemctl daemon-reload",
+                    "/etc/kova-mcp drwxr-x--- root kova-mcp",
+                    "/var/lib/kova-mcp drwxr-x--- kova-mcp kova-mcp",
+                    "/var/log/kova-mcp drwxr-x--- kova-mcp kova-mcp",
+                    "kova-mcp:/var/lib/kova-mcp:/usr/sbin/nologin", server, server]
 
 
 MADE_BY_THE_ADMINISTRATOR = """

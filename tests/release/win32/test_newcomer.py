@@ -9,24 +9,30 @@ from __future__ import annotations
 import json
 import re
 import shutil
+import socket
 import subprocess
 import zipfile
 from pathlib import Path
-from typing import Iterator
+from typing import Any, Iterator
 
 import pytest
 
 import windows_installer
 from harness import newcomer
-from harness.sample_engine import PASSWORD, Engine
+from harness.http_client import CLOSED, HttpListener, free_ports
+from harness.messages import call, notification, request
+from harness.sales_engine import COUNT_ORDERS, ORDERS
+from harness.sample_engine import LOOPBACK, PASSWORD, Engine
 from harness.servers import Server
-from harness.targets import Target
-from harness.waiting import TIMEOUT
+from harness.targets import ROOT, Target
+from harness.waiting import TIMEOUT, wait_until
 
 PLACE = "C:\\Program Files\\kova-mcp"
 LIMIT = 10 * TIMEOUT
 NEXT = "99.0.0"
 """The version of the upgrade."""
+SERVICE_GUIDE = ROOT / "docs" / "windows-service.md"
+FOLDER = "C:\\ProgramData\\kova-sales"
 
 
 class Windows:
@@ -112,6 +118,14 @@ def assert_session(windows: Windows) -> None:
     assert newcomer.last_calls(folder / "audit.jsonl", 2) == ["count", "card"]
 
 
+def unpack_into_place(windows: Windows, archive: Path, client_library: Path) -> None:
+    """As the guide says it for PowerShell."""
+    with zipfile.ZipFile(archive) as opened:
+        opened.extractall(windows.disk)
+    (windows.disk / archive.name.removesuffix(".zip")).rename(windows.place)
+    shutil.copy2(client_library, windows.place)
+
+
 def test_the_archive(windows: Windows, engine: Engine, archive: Path, client_library: Path,
                      version: str) -> None:
     [_, deployment, _] = newcomer.blocks("Windows", "bat", VERSION=version)
@@ -119,10 +133,7 @@ def test_the_archive(windows: Windows, engine: Engine, archive: Path, client_lib
     expand, move = unpack.splitlines()
     assert expand == f"Expand-Archive {archive.name} ."
     assert move == f'Move-Item {archive.name.removesuffix(".zip")} "{PLACE}"'
-    with zipfile.ZipFile(archive) as opened:
-        opened.extractall(windows.disk)
-    (windows.disk / archive.name.removesuffix(".zip")).rename(windows.place)
-    shutil.copy2(client_library, windows.place)
+    unpack_into_place(windows, archive, client_library)
     deploy(windows, deployment, engine)
     assert_session(windows)
 
@@ -149,3 +160,69 @@ def test_the_installer(windows: Windows, engine: Engine, archive: Path, client_l
     new = {name for name in windows.files() - before if "/kova-sales/" not in name}
     assert new == set()
     assert (deployment_folder(windows) / "policy.json").exists()
+
+
+# The service, by docs/windows-service.md
+
+
+def change_environment(file: Path, lines: str) -> None:
+    """Gives the variables these values, each once."""
+    text = file.read_text("utf-8")
+    for line in lines.splitlines():
+        name = line.partition("=")[0]
+        text = re.sub(rf"(?m)^{name}=.*\n", "", text) + line + "\n"
+    file.write_text(text, encoding="utf-8")
+
+
+def count_orders(listener: HttpListener) -> Any:
+    """In a session of a client whose requests the proxy has passed on."""
+    proxied = {"Host": "mcp.example.com"}
+
+    def post(message: bytes, session: "str | None" = None) -> bytes:
+        return listener.post(message.rstrip(), session, headers=proxied)
+
+    session = listener.session_of(post(request("initialize", "init", {})))
+    post(notification("notifications/initialized"), session)
+    head, _, body = post(call("count", "kova_query", COUNT_ORDERS["args"]),
+                         session).partition(b"\r\n\r\n")
+    assert head.startswith(b"HTTP/1.1 200 "), head
+    assert listener.delete(session, headers=proxied) == CLOSED
+    return json.loads(body)["result"]["structuredContent"]["rows"]
+
+
+def test_the_service(windows: Windows, engine: Engine, archive: Path, client_library: Path,
+                     version: str) -> None:
+    """Wine keeps no rights for accounts: its icacls does nothing. The paths are looked at here."""
+    unpack_into_place(windows, archive, client_library)
+    windows.give()
+    (windows.console / "password").write_text(PASSWORD, encoding="utf-8")
+    deployment = newcomer.blocks("Windows", "bat", VERSION=version)[1]
+    init = newcomer.at_the_engine(deployment, engine).splitlines()[0]
+    windows.run(init.replace('"%USERPROFILE%\\kova-sales"', FOLDER)
+                .replace("--transport stdio", "--transport http"))
+    folder = windows.disk / "ProgramData" / "kova-sales"
+    (kind, variables), (_, steps) = newcomer.BLOCK.findall(SERVICE_GUIDE.read_text("utf-8"))
+    assert kind == "sh"
+    change_environment(folder / "kova-mcp.env", variables)
+    port = next(free_ports())
+    steps = steps.replace("--http 8080", f"--http {port}")
+    short = newcomer.blocks("A listener as a Windows service", "bat")[0]
+    assert set(short.replace("8080", str(port)).splitlines()) <= set(steps.splitlines())
+    try:
+        windows.run(steps)
+        for path in re.findall(r"(?m)^icacls (\S+) ", steps):
+            assert (windows.disk / path.removeprefix("C:\\").replace("\\", "/")).exists(), path
+        [token] = re.findall(r"(?m)^KOVA_MCP_HTTP_BEARER_TOKEN='(.*)'$",
+                             (folder / "kova-mcp.env").read_text("utf-8"))
+        listener = HttpListener(None, port, str(port), token)  # type: ignore
+        wait_until(lambda: is_open(port), LIMIT, "the listener's port")
+        assert count_orders(listener) == [[str(ORDERS)]]
+    finally:
+        windows.run(f'"{PLACE}\\kova-admin.exe" service stop', (0, 2))
+        windows.run(f'"{PLACE}\\kova-admin.exe" service remove', (0, 2))
+    assert newcomer.last_calls(folder / "audit" / "audit.jsonl", 1) == ["count"]
+
+
+def is_open(port: int) -> bool:
+    with socket.socket() as probe:
+        return probe.connect_ex((LOOPBACK, port)) == 0

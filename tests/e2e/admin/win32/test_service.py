@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import re
 import shutil
 import socket
+import subprocess
 from pathlib import Path
 from typing import Any, Iterator
 
@@ -112,6 +114,33 @@ def test_from_its_installation_to_its_removal(admin: Admin, install: Any, port: 
     fine(admin.run("service", "stop"), b"Stopped kova-mcp.")
     fine(admin.run("service", "remove"), b"Removed kova-mcp.")
     refused(admin.run("service", "start"), "the service is not installed")
+
+
+SERVICE = "HKLM\\System\\CurrentControlSet\\Services\\kova-mcp"
+EVENT_SOURCE = ("HKLM\\System\\CurrentControlSet\\Services\\EventLog\\Application\\"
+                "kova-mcp")
+
+
+def registered(target: Target, key: str) -> "dict[str, str]":
+    """The values of a key of the registry; none when there is no such key."""
+    program = target.prefix / "drive_c" / "windows" / "system32" / "reg.exe"
+    done = subprocess.run(target.command(program, ["query", key]), env=target.environment({}),
+                          capture_output=True, text=True, timeout=TIMEOUT, check=False)
+    return dict(re.findall(r"^ +(\S+) +REG_\w+ +(.*?)\s*$", done.stdout, re.MULTILINE))
+
+
+def test_as_what_it_is_installed(admin: Admin, install: Any, target: Target, tmp_path: Path,
+                                 port: int) -> None:
+    """Its account, its start with the system, its command line without a secret, its events."""
+    assert install().code == 0
+    service = registered(target, SERVICE)
+    assert service["ObjectName"] == "NT SERVICE\\kova-mcp"
+    assert int(service["Start"], 16) == 2
+    assert service["ImagePath"] == (f'"{target.path(admin.path)}" service run --env '
+                                    f'"{target.path(tmp_path / "site.env")}" --http {port}')
+    assert registered(target, EVENT_SOURCE)["EventMessageFile"].endswith("EventCreate.exe")
+    remove(admin)
+    assert registered(target, SERVICE) == registered(target, EVENT_SOURCE) == {}
 
 
 def test_without_a_service(admin: Admin) -> None:
