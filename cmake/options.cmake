@@ -34,8 +34,10 @@ if(WIN32)
     __USE_MINGW_ANSI_STDIO=1 _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX NOGDI UNICODE _UNICODE)
   target_link_options(kova_hardening INTERFACE
     -static -Wl,--dynamicbase,--high-entropy-va,--nxcompat,--gc-sections)
-  # No -fdata-sections: the linker would store zeroed data in the file.
-  target_compile_options(kova_hardening INTERFACE -ffunction-sections)
+  # No -fdata-sections: the linker would store zeroed data in the file. The tests are linked whole:
+  # this linker's time grows with the square of an object's sections.
+  target_compile_options(kova_hardening INTERFACE
+    $<$<NOT:$<BOOL:$<TARGET_PROPERTY:KOVA_LINKED_WHOLE>>>:-ffunction-sections>)
 else()
   target_compile_options(kova_hardening INTERFACE
     -fPIE -fstack-protector-strong -fstack-clash-protection -fcf-protection=full
