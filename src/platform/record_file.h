@@ -17,7 +17,7 @@ inline constexpr std::uint32_t kRecordWaitMs = 2000;
 /// for theirs. After that, POSIX systems write the record without a turn, since one write at the
 /// end of a file is whole; on Windows it is lost while another program holds the file. On Windows
 /// two names of one file (a link, a short name) have separate turns; two names of its folder
-/// share one. A record that the disk takes only in part is removed, on POSIX systems.
+/// share one. A record that the disk takes only in part is removed.
 void append_record(const char* path, std::string_view record,
                    std::uint32_t wait_ms = kRecordWaitMs);
 

@@ -52,6 +52,21 @@ Handle open_for_record(const wchar_t* path, const RecordTurn& turn, std::uint64_
   }
 }
 
+// A file that is open for appending alone cannot be cut, so it is opened anew, in the same turn.
+// When it is no longer as long as it was after the write, another record follows, and nothing is
+// cut off.
+void take_back(const wchar_t* path, LARGE_INTEGER end, DWORD written) {
+  const Handle file = open_handle(path, FILE_WRITE_DATA, FILE_SHARE_READ, OPEN_EXISTING);
+  LARGE_INTEGER size{};
+  if (file.get() == nullptr || ::GetFileSizeEx(file.get(), &size) == 0 ||
+      size.QuadPart != end.QuadPart || size.QuadPart < written) {
+    return;
+  }
+  FILE_END_OF_FILE_INFO before{};
+  before.EndOfFile.QuadPart = size.QuadPart - written;
+  ::SetFileInformationByHandle(file.get(), FileEndOfFileInfo, &before, sizeof before);
+}
+
 }  // namespace
 
 void append_record(const char* path, std::string_view record, std::uint32_t wait_ms) {
@@ -59,13 +74,17 @@ void append_record(const char* path, std::string_view record, std::uint32_t wait
   wchar_t wide[kWideCapacity];
   if (!to_wide(path, wide)) return;
   const RecordTurn turn(is_device(wide) ? nullptr : wide, wait_ms);
-  const Handle file = open_for_record(wide, turn, until_ms);
+  Handle file = open_for_record(wide, turn, until_ms);
   if (file.get() == nullptr || is_standard_output_handle(file.get())) return;
   DWORD written = 0;
   if (::WriteFile(file.get(), record.data(), static_cast<DWORD>(record.size()), &written,
                   nullptr) != 0) {
     ::FlushFileBuffers(file.get());
   }
+  LARGE_INTEGER end{};
+  if (written == 0 || written == record.size() || ::GetFileSizeEx(file.get(), &end) == 0) return;
+  file.close();
+  take_back(wide, end, written);
 }
 
 bool is_standard_output(const char* path) {
