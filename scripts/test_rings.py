@@ -129,7 +129,8 @@ def builds(full: bool, packages: bool) -> list[Step]:
 
 
 def with_low_priority(*line: str) -> list[str]:
-    """Linux may share the processors out by session first; each command has one of its own."""
+    """The command at the lowest priority. Where Linux divides the processors among sessions first,
+    the session's own level counts too: each step runs in a session of its own."""
     lower = "if [ -w /proc/self/autogroup ]; then echo 19 >/proc/self/autogroup; fi"
     return ["sh", "-c", f'{lower}; exec nice -n 19 "$@"', "sh", *line]
 

@@ -47,6 +47,16 @@ def entry_of(text: str) -> "tuple[str, list[str]]":
     return entry["command"], entry["args"]
 
 
+def play_to_the_end(server: Server) -> None:
+    """The session, after which the server ends without a word."""
+    try:
+        play_session(server)
+        ended = server.finish()
+    finally:
+        server.kill()
+    assert (ended.code, ended.stderr) == (0, b"")
+
+
 def play_session(server: Server) -> None:
     """The first session: the tools, a query, and one that the policy refuses."""
     server.initialize()

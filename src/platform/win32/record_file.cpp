@@ -39,8 +39,8 @@ bool is_standard_output_handle(HANDLE file) {
   return type == FILE_TYPE_CHAR || (type == FILE_TYPE_DISK && is_same(file, output));
 }
 
-// Another program that holds the file keeps the record from it. A killed process that had the turn
-// does so only until the system has closed its files.
+// Fails at once while another program holds the file. After a turn that a killed process left
+// behind, retries until the system has closed that process's file.
 Handle open_for_record(const wchar_t* path, const RecordTurn& turn, std::uint64_t until_ms) {
   for (Backoff backoff;;) {
     Handle file = open_handle(path, FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS);
