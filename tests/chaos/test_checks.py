@@ -77,14 +77,15 @@ def record(correlation_id: str) -> bytes:
 @pytest.mark.parametrize("files, told", [
     ([record("a.1")], None),
     ([b"", record("a.1")], None),
-    ([b""], "1 answered calls have no record: ['a.1']"),
+    ([b""], "1 answered calls have no record: ['a.1 (read, at 1.00 to 2.50 s)']"),
     ([record("a.1") * 2], "2 records of a.1"),
     ([record("a.1"), record("a.1")], "2 records of a.1"),
     ([record("a.1") + record("b")], "a record of a call that nobody made: b"),
     ([record("a.1") + b'{"timestamp":\r\n'], "no record: b'{\"timestamp\":'"),
 ])
 def test_records(ledger, stage, files, told):
-    noted(ledger, "read", "tool result")
+    request = noted(ledger, "read", "tool result")
+    request.sent, request.answered = ledger.began + 1, ledger.began + 2.5
     for number, content in enumerate(files):
         (stage.audit.path / f"{number}.jsonl").write_bytes(content)
     Checks(stage, ledger).check_audit()
