@@ -62,6 +62,8 @@ SIDE_BY_SIDE = 3
 """How many steps run at the same time, those behind not counted: much of a ring is waiting."""
 SIDE_BY_SIDE_IN_FULL = 2
 """The rings of the sanitizers and the slow tests leave little of the processors."""
+BESIDE_A_BUILD = 2
+"""How many, with the build: the rings of Windows wait for it, and they are the longest."""
 STEP_LIMIT = 60 * 60
 """Seconds after which a step is ended and counts as failed."""
 NEWS_INTERVAL = 30
@@ -196,12 +198,12 @@ def rings(full: bool, quick: bool) -> list[Step]:
               Command(["scripts/check_lock_files.sh"], name="lock files name no address"),
               Command([PYTHON, "scripts/check_links.py"], name="links of the documents")]),
         unit("linux"),
-        python_ring("interop", "linux", "tests/interop", unless_slow, holds=played),
         python_ring("e2e", "linux", "tests/e2e", quickest, *two),
         # Much of it waits until Wine has started a process.
         python_ring("e2e", "windows", "tests/e2e", short, "-n", "3" if full else "4", *grouped),
-        python_ring("interop", "windows", "tests/interop", unless_slow, holds=played),
+        python_ring("interop", "windows", "tests/interop", unless_slow, *two, holds=played),
         unit("windows"),
+        python_ring("interop", "linux", "tests/interop", unless_slow, *two, holds=played),
         Step("lint", [Command(with_low_priority("scripts/check_lint.sh", "build/linux"))],
              ("build-linux",), behind=True),
         python_ring("endurance", "linux", "tests/e2e", "endurance"),
@@ -274,7 +276,8 @@ class Runner:
 
     def _may_start(self, step: Step) -> bool:
         before = [one for one in self.running if not one.behind]
-        return ((step.behind or len(before) < self.side_by_side)
+        limit = BESIDE_A_BUILD if any(one.is_build for one in before) else self.side_by_side
+        return ((step.behind or len(before) < limit)
                 and all(name in self.ended for name in step.needs)
                 and not any(step.holds & other.holds for other in self.running))
 
@@ -344,8 +347,9 @@ def end_group(process: "subprocess.Popen[bytes]") -> None:
 # Saying
 
 
-BAD_LINE = re.compile(rb"^(?:FAILED|ERROR)|\[  FAILED  \]|error:|warning:|Error|check failed|"
-                      rb"must not include|a circle|without")
+BAD_LINE = re.compile(r"^(?:FAILED|ERROR)|\[  FAILED  \]|error:|warning:|Error|check failed|"
+                      r"must not include|a circle|without")
+FAILED_TEST = re.compile(r"^(?:FAILED|ERROR) |\[  FAILED  \] .*[a-z]\.|check failed: |error: ")
 PROGRESS = re.compile(rb"\[ *(\d+)/(\d+)\]|\[ *(\d+)%\]")
 
 
@@ -358,6 +362,8 @@ class Report:
         self.live = sys.stdout.isatty()
         self.passed = 0
         self.failed = 0
+        self.failures: list[str] = []
+        """Repeated at the end: of a long output often the end alone is kept."""
 
     def say(self, text: str) -> None:
         if self.live:
@@ -374,6 +380,7 @@ class Report:
         self.failed += step.failed
         if step.why_not:
             outcome = step.why_not
+            self.failures.append(f"{step.name}: {step.why_not}")
         elif step.is_build:
             outcome = "failed" if step.failed else "built"
         else:
@@ -388,11 +395,13 @@ class Report:
 
     def _show(self, step: Step) -> None:
         """What the log says of the failure, and where it is."""
-        lines = step.log.read_bytes().splitlines()
+        lines = [line.decode(errors="replace")[:300] for line in step.log.read_bytes().splitlines()]
         bad = [line for line in lines if BAD_LINE.search(line)][:30]
-        for line in bad + [b"..."] + lines[-15:]:
-            self.say("    " + line.decode(errors="replace")[:300])
+        for line in bad + ["..."] + lines[-15:]:
+            self.say("    " + line)
         self.say(f"    ({step.log.relative_to(ROOT)})")
+        failed = dict.fromkeys(line for line in lines if FAILED_TEST.search(line))
+        self.failures += [f"{step.name}: {line}" for line in failed][:10]
 
     def news(self, running: list[Step]) -> None:
         """What runs, and how far it is: every second on a terminal."""
@@ -457,7 +466,8 @@ def main(arguments: list[str]) -> int:
             if step.process is not None and step.process.returncode is None:
                 end_group(step.process)
     cpu = sum(step.processor_seconds for step in steps)
-    print(f"\n{time.monotonic() - report.since:.0f} s, {cpu:.0f} s of processor time")
+    print("", *report.failures, sep="\n")
+    print(f"{time.monotonic() - report.since:.0f} s, {cpu:.0f} s of processor time")
     print(f"{report.passed} passed, {report.failed} failed")
     return 0 if report.failed == 0 and report.passed > 0 else 1
 
