@@ -57,6 +57,8 @@ ROOT = Path(__file__).resolve().parents[1]
 LOGS = ROOT / "build" / "test-logs"
 PYTHON = "/usr/bin/python3"
 WINE = "scripts/wine.py"
+PREFIX = "wine-prefix"
+"""The step that makes what every Windows program runs in: some seconds, most of them waiting."""
 
 SIDE_BY_SIDE = 3
 """How many steps run at the same time, those behind not counted: much of a ring is waiting."""
@@ -125,7 +127,9 @@ def builds(full: bool, packages: bool) -> list[Step]:
     The packages are made of the executables that the other rings test."""
     target = "all" if full or packages else "kova-test-programs"
     options = ("-DKOVA_PACKAGES=ON",) if packages else ()
-    return [build("linux", target, *options), build("windows", target, *options),
+    return [build("linux", target, *options),
+            Step(PREFIX, [Command([WINE, "prepare"])], is_build=True),
+            build("windows", target, *options),
             build("asan", "kova-test-programs"), build("tsan", "kova-test-programs"),
             build("fuzz", "all")]
 
@@ -150,7 +154,8 @@ def unit(preset: str) -> Step:
         if preset == "windows":
             line = [WINE, "run", path + ".exe", f"--gtest_output=xml:Z:{results}"]
         commands.append(Command(line, results))
-    return Step(name, commands, (f"build-{preset}",))
+    needs = (f"build-{preset}", PREFIX) if preset == "windows" else (f"build-{preset}",)
+    return Step(name, commands, needs)
 
 
 def python_ring(kind: str, preset: str, folder: str, chosen: str, *options: str,
@@ -165,7 +170,7 @@ def python_ring(kind: str, preset: str, folder: str, chosen: str, *options: str,
     needs = (f"build-{preset}",)
     if preset == "windows":
         # The sample engine is native.
-        needs = ("build-linux", "build-windows")
+        needs = ("build-linux", "build-windows", PREFIX)
         line = [WINE, "hold", *line]
     return Step(name, [Command(line, results)], needs, holds)
 
