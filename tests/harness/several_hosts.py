@@ -39,7 +39,8 @@ WITH RECURSIVE N(I) AS (SELECT 1 UNION ALL SELECT I + 1 FROM N WHERE I < {ORDERS
 INSERT INTO ORDERS SELECT I, I * 10 FROM N;
 """
 
-SHORTER = {"inter 2s": "inter 500ms", "-idle 30s": "-idle 1s", "-intvl 10s": "-intvl 1s"}
+SHORTER = {"inter 2s": "inter 500ms", "-idle 30s": "-idle 1s", "-intvl 10s": "-intvl 1s",
+           "tcp-ut 60s": "tcp-ut 4s"}
 """What a test would wait for longer than it has to, in front.cfg."""
 
 ENGINE_GATE = f"""
@@ -196,7 +197,11 @@ class Host(Proxied):
         for program in self.listeners.values():
             program.end()
 
+    def requests_at_listeners(self) -> int:
+        return int(statistic(self.socket, "kova_mcp", "BACKEND", "scur"))
+
     def requests_under_way(self) -> int:
+        """Those too that the proxy has not passed on."""
         return int(statistic(self.socket, "kova_mcp_tls", "FRONTEND", "scur"))
 
     def leave(self, fronts: "list[Front]") -> None:
