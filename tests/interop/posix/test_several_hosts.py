@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import collections
 import json
+import os
 import re
 import threading
 from pathlib import Path
@@ -12,7 +13,7 @@ from typing import Iterator
 
 import pytest
 
-from harness import privileges
+from harness import privileges, processes
 from harness.sample_engine import read_database
 from harness.several_hosts import FILES, FRONTS, HOSTS, INSTANCES, Client, Service, variables
 from harness.targets import Installation
@@ -32,6 +33,8 @@ def service(installation: Installation, engine_executable: Path,
     made = Service(tmp_path, installation.executable("sample"), engine_executable)
     yield made
     made.close()
+    assert processes.naming(str(tmp_path)) == []
+    assert {"switch", *HOSTS, *FRONTS}.isdisjoint(os.listdir("/sys/class/net"))
 
 
 # the files
