@@ -78,8 +78,8 @@ class Machine:
             data: bytes = b"") -> str:
         """Runs a command in the machine's network to its end; returns its output. It stays among
         this system's processes, by whose numbers `ip` finds another machine."""
-        done = subprocess.run(self._entering(command, "--net", "--uts"), input=data, env=env, capture_output=True,
-                              timeout=TIMEOUT, check=False)
+        done = subprocess.run(self._entering(command, "--net", "--uts"), input=data, env=env,
+                              capture_output=True, timeout=TIMEOUT, check=False)
         assert done.returncode == 0, (command, done.stderr)
         return done.stdout.decode()
 
@@ -87,8 +87,8 @@ class Machine:
               env: "Mapping[str, str] | None" = None) -> Program:
         path = self.folder / f"{name}.log"
         with open(path, "ab") as log:
-            entered = subprocess.Popen(self._entering(command, "--net", "--pid", "--uts"), env=env, stdin=subprocess.DEVNULL,
-                                       stdout=log, stderr=log)
+            entered = subprocess.Popen(self._entering(command, "--net", "--pid", "--uts"), env=env,
+                                       stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         self.programs.append(Program(entered, path))
         return self.programs[-1]
 

@@ -7,6 +7,8 @@ import collections
 import json
 import os
 import re
+import shutil
+import subprocess
 import threading
 from pathlib import Path
 from typing import Iterator
@@ -18,6 +20,7 @@ from harness.sample_engine import read_database
 from harness.several_hosts import FILES, FRONTS, HOSTS, INSTANCES, Client, Service, variables
 from harness.targets import Installation
 from harness.waiting import TIMEOUT, wait_until
+from tls_front_end import DEPLOY
 
 TABLES = ", ".join(f"ORDERS {name}" for name in "ABCDEFGHI")
 SLOW = {"sql": f"SELECT COUNT(A.ID) FROM {TABLES} WHERE A.TOTAL + B.TOTAL < C.TOTAL + D.TOTAL"}
@@ -62,6 +65,22 @@ def test_the_listeners_of_a_host_share_no_port_and_no_audit_file() -> None:
     for host in HOSTS:
         policy = json.loads((FILES / f"policy-{host}.json").read_text("utf-8"))
         assert policy["approval_state_directory"] == f"/var/lib/{folder}"
+
+
+def test_systemd_takes_the_hosts_settings_for_the_unit(tmp_path: Path) -> None:
+    unit = tmp_path / "kova-mcp-http@.service"
+    unit.write_text((DEPLOY / unit.name).read_text("utf-8").replace("/usr/bin/kova-mcp",
+                                                                    "/bin/true"), "utf-8")
+    (tmp_path / Path(UNIT_FOLDER).name).mkdir()
+    shutil.copy2(FILES / "host.conf", tmp_path / Path(UNIT_FOLDER).name)
+    instance = tmp_path / "kova-mcp-http@sales-1.service"
+    instance.symlink_to(unit.name)
+    done = subprocess.run(["systemd-analyze", "verify", "--recursive-errors=no", "--man=no",
+                           str(instance)], capture_output=True, text=True, timeout=TIMEOUT,
+                          check=False)
+    said = [line for line in done.stderr.splitlines()
+            if "kova-mcp-http@" in line or "host.conf" in line]
+    assert (done.returncode, said) == (0, []), done.stderr
 
 
 def test_the_readme_names_every_file_and_the_commands_that_are_tested_here() -> None:
