@@ -7,6 +7,8 @@
 | messages | the messages that a client sends and the replies, byte for byte |
 | http_client | starts HTTP listeners; requests and responses as exact bytes |
 | front_ends | nginx and HAProxy before a listener, and an HTTPS client |
+| machines | machines with networks of their own, in namespaces of this one |
+| several_hosts | the service of deploy/several-hosts/ on such machines, and its clients |
 | scripted_library | the client library that follows a script and logs what it is asked |
 | sample_engine | the sample engine as a process, its wire format, its client program |
 | sales_engine | a small database for the sample engine |

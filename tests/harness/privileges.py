@@ -65,9 +65,16 @@ def container(folder: Path) -> list[str]:
     return [RUNTIME, "--root", str(folder / "state"), "run", "--bundle", str(folder), folder.name]
 
 
+def machines(_: Path) -> list[str]:
+    """Namespaces of processes, names and the network, with a bridge and a pair of interfaces."""
+    return ["unshare", "--net", "--pid", "--uts", "--fork", "--kill-child", "sh", "-euc",
+            "hostname probe; ip link add switch type bridge; "
+            "ip link add one type veth peer name other; ip link set one master switch up"]
+
+
 PROBES: dict[str, Callable[[Path], list[str]]] = {
     "a root folder to run programs in": root_folder, "a copy of this system": copy_of_this_system,
-    "containers": container}
+    "containers": container, "machines on a network of their own": machines}
 """What may be needed, and the command that fails where it is not to be had."""
 
 
