@@ -23,6 +23,10 @@ STARTS_AT_ONCE = 16
 REFUSED_PAUSE = 0.2
 """Seconds until a client whose initialize was refused tries again."""
 
+CANCEL_PAUSE = 1.0
+"""Seconds until a cancel is repeated. One that comes over its own connection may overtake the call,
+and the server passes over a cancel of what it does not know."""
+
 LISTED = result("policy-filtered", ["NAME"], [["ORDERS"], ["ITEMS"]])
 COUNTED = result("OK", ["N"], [[str(ORDERS)]])
 CANCELLED = {"content": [{"type": "text", "text": "request cancelled"}],
@@ -118,14 +122,20 @@ class Client:
         slow = asyncio.create_task(
             self._ask(call(name, SLOW["name"], SLOW["args"]).rstrip(), self.session))
         await asyncio.sleep(self.rng.uniform(0.05, 0.2))
+        while not slow.done():
+            self.found.counts["cancels"] += 1
+            await self._send_cancel(name)
+            await asyncio.wait([slow], timeout=CANCEL_PAUSE)
+        if self._judge(name, await slow, CANCELLED):
+            self.found.cancelled.append(name)
+
+    async def _send_cancel(self, name: str) -> None:
         try:
             got = await self._second.ask(cancel(name).rstrip(), self.session)
             if got.status != 202:
                 self.found.fault("wrong", repr(got))
         except Lost as failure:
             self.found.fault("lost", repr(failure))
-        if self._judge(name, await slow, CANCELLED):
-            self.found.cancelled.append(name)
 
     async def _come_anew(self, _: float) -> None:
         await self.leave()

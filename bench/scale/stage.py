@@ -62,10 +62,7 @@ class Stage:
         return measure.held([self.engine.process.pid])
 
     def processor_seconds(self) -> dict[str, float]:
-        """The servers' own is counted when a session has ended and its listener has waited."""
-        return {"servers": sum(map(measure.processor_seconds,
-                                   measure.of_executable(self.executable))),
-                "haproxy": sum(map(measure.processor_seconds, _tree(self.front.process.pid))),
+        return {"haproxy": sum(map(measure.processor_seconds, _tree(self.front.process.pid))),
                 "engine": measure.processor_seconds(self.engine.process.pid)}
 
     def close(self) -> dict[str, int]:
