@@ -1,4 +1,4 @@
-"""A client's connection: HTTP/1.1 over TLS, kept open between requests as long as HAProxy keeps it."""
+"""A client's connection: HTTP/1.1 over TLS, kept open between requests while HAProxy keeps it."""
 
 from __future__ import annotations
 

@@ -91,7 +91,8 @@ def parameters(asked: argparse.Namespace) -> dict[str, Any]:
             "client_processes": asked.client_processes, "seed": asked.seed}
 
 
-def wishes(asked: argparse.Namespace, chosen: dict[str, Any], stage: Stage) -> "list[dict[str, Any]]":
+def wishes(asked: argparse.Namespace, chosen: dict[str, Any],
+           stage: Stage) -> "list[dict[str, Any]]":
     count = asked.client_processes
     shares = [chosen["sessions"] // count + (number < chosen["sessions"] % count)
               for number in range(count)]
@@ -205,8 +206,10 @@ def _commit() -> str:
         done = subprocess.run(["git", "-C", str(ROOT), *arguments], capture_output=True, text=True,
                               check=False)
         return done.stdout.strip()
-    changed = git("status", "--porcelain", "--", "src", "sample", "bench", "deploy", "demo", "tests")
-    return (git("rev-parse", "--short=12", "HEAD") or "unknown") + (" and changes" if changed else "")
+    changed = git("status", "--porcelain", "--", "src", "sample", "bench", "deploy", "demo",
+                  "tests")
+    commit = git("rev-parse", "--short=12", "HEAD") or "unknown"
+    return commit + (" and changes" if changed else "")
 
 
 def is_sound(data: dict[str, Any]) -> bool:

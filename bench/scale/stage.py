@@ -69,10 +69,11 @@ class Stage:
         """Ends everything; returns what is left after that."""
         ports = [self.front.port, self.engine.port, *(server.port for server in self.listeners)]
         self._opened.close()
+        work = self.temporary.parent / "work"
         return {"processes": len(measure.of_executable(self.executable)),
                 "sockets": measure.sockets_of_ports(ports),
                 "temporary files": len(list(self.temporary.iterdir())),
-                "files in the working folder": len(list((self.temporary.parent / "work").iterdir())),
+                "files in the working folder": len(list(work.iterdir())),
                 "shared memory": len(_shared_memory() - self._shared)}
 
 
