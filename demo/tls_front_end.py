@@ -80,6 +80,9 @@ def haproxy_configuration(certificate: Path, port: int, listener_ports: Sequence
         "127.0.0.1:8079": f"{LOOPBACK}:{free_port()}",
         "/etc/kova-mcp/tls/server.pem": str(certificate),
         "bind :443": f"bind {LOOPBACK}:{port}",
+        "abns@kova-mcp-chosen": f"abns@kova-mcp-chosen-{port}",
+        "retries 1 ": f"retries {max(1, len(listener_ports) - 1)} ",
+        "listener 1-2 ": f"listener 1-{len(listener_ports)} ",
         "-i mcp.example.com }": f"-i {NAMES} }}",
         first + second: servers})
 

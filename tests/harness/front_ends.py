@@ -26,13 +26,15 @@ from tls_front_end import (filled, free_port, haproxy_command, haproxy_configura
 
 
 class Recorder:
-    """Takes a listener's place: keeps each request and sends the same response after a delay."""
+    """Takes a listener's place: keeps each request and sends the same response after a delay. An
+    empty response closes the connection."""
 
     RESPONSE = (b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
                 b"Connection: close\r\n\r\n{}")
 
-    def __init__(self, delay: float = 0.0) -> None:
+    def __init__(self, delay: float = 0.0, response: bytes = RESPONSE) -> None:
         self.connections = 0
+        self._response = response
         self.requests: list[bytes] = []
         self._delay = threading.Event()
         self._seconds = delay
@@ -53,7 +55,7 @@ class Recorder:
                 with contextlib.suppress(OSError):
                     self.requests.append(self._read(connection))
                     self._delay.wait(self._seconds)
-                    connection.sendall(self.RESPONSE)
+                    connection.sendall(self._response)
 
     @staticmethod
     def _read(connection: socket.socket) -> bytes:

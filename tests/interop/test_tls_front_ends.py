@@ -12,7 +12,7 @@ from typing import Any, Callable, Iterator
 import pytest
 
 from harness.front_ends import Caller, FrontEnd, Recorder, Response, clean_environment
-from harness.http_client import TOKEN, HttpListener
+from harness.http_client import CLOSED, TOKEN, HttpListener, response
 from harness.messages import call, cancel, request
 from harness.sales_engine import COUNT_ORDERS, ORDERS, SLOW, result, slow
 from harness.sample_engine import Engine
@@ -394,6 +394,7 @@ def test_haproxy_finds_the_sessions_again_after_a_reload(listen: Listen, front: 
     # These are all at the same listener: a front end that takes turns does not find them.
     for session in sessions[::2]:
         assert serves(caller, session)
+    assert serves(caller, session_of(caller.ask(INITIALIZE)))
 
 
 def test_haproxy_does_without_a_listener_that_has_ended(
@@ -423,6 +424,91 @@ def test_haproxy_learns_where_a_session_is_from_responses_alone(
     assert missed > 0
     for session in sessions:
         assert serves(caller, session)
+
+
+# a listener without a free slot
+
+
+def test_haproxy_admits_the_next_clients_where_a_slot_is_free(
+        pair: tuple[FrontEnd, list[HttpListener]]) -> None:
+    """The first listener is full of sessions that nobody uses any more."""
+    end, servers = pair
+    caller = Caller(end)
+    forgotten = [opened_directly(servers[0]) for _ in range(SESSIONS_OF_A_LISTENER)]
+    admitted = open_sessions(caller, SESSIONS_OF_A_LISTENER)
+    assert [len(server.children()) for server in servers] == [SESSIONS_OF_A_LISTENER] * 2
+    refused = caller.ask(INITIALIZE)
+    assert (refused.status, refused.body) == (400, NO_SESSION)
+    for session in admitted:
+        assert serves(caller, session)
+    got = servers[0].delete(forgotten[0]["Mcp-Session-Id"], headers={"Host": "localhost"})
+    assert got == CLOSED
+    for _ in range(2):  # whoever's turn it is
+        session = session_of(caller.ask(INITIALIZE))
+        assert serves(caller, session)
+        assert caller.ask(method="DELETE", headers=session).status == 204
+
+
+BAD_REQUEST = response(400, "Bad Request", NO_SESSION)
+SOME_SESSION = {"Mcp-Session-Id": "0" * 64}
+
+
+@pytest.fixture
+def refusing(record: Callable[..., Recorder], front: Front,
+             refusal: bytes) -> tuple[Caller, list[Recorder]]:
+    """Three listeners that return the same to everything."""
+    recorders = [record(response=refusal) for _ in range(3)]
+    return Caller(front("haproxy", *recorders)), recorders
+
+
+@pytest.mark.parametrize("refusal", [BAD_REQUEST])
+@pytest.mark.parametrize("spelling", [b'"method":"initialize"', b'"method" : "initialize"'])
+def test_haproxy_asks_every_listener_once_for_a_session(
+        refusing: tuple[Caller, list[Recorder]], spelling: bytes) -> None:
+    caller, recorders = refusing
+    body = b'{"jsonrpc":"2.0","id":1,%b,"params":{"x":"%b"}}' % (spelling, b"x" * 250_000)
+    got = caller.ask(body, headers={"X-Kova-Listener": "listener2"})
+    assert (got.status, got.body) == (400, NO_SESSION)
+    assert [recorder.connections for recorder in recorders] == [1, 1, 1]
+    for recorder in recorders:
+        head, _, sent = recorder.requests[0].partition(b"\r\n\r\n")
+        assert sent == body
+        assert b"x-kova-listener" not in head.lower()
+
+
+@pytest.mark.parametrize("body, headers", [
+    (PING, SOME_SESSION),
+    (call(1, "kova_list_tables").rstrip(), SOME_SESSION),
+    (INITIALIZE, SOME_SESSION),
+    (PING, {}),
+    (PING, {"X-Kova-Listener": "listener1"}),
+    (b"no message", {}),
+    (b'{"method":  "initialize"}', {})])
+@pytest.mark.parametrize("refusal", [
+    BAD_REQUEST, response(425, "Too Early"), response(502, "Bad Gateway"),
+    response(503, "Unavailable"), b"HTTP/1.1 200 OK\r\nContent-", b""])
+def test_haproxy_sends_nothing_else_twice(refusing: tuple[Caller, list[Recorder]],
+                                          refusal: bytes, body: bytes,
+                                          headers: dict[str, str]) -> None:
+    """A request of a session might run twice, and a bad one is bad at every listener."""
+    caller, recorders = refusing
+    got = caller.ask(body, headers=headers)
+    expected = int(refusal.split()[1]) if refusal.endswith((b"\r\n\r\n", b"}")) else 502
+    assert got.status == expected
+    assert sum(recorder.connections for recorder in recorders) == 1
+    assert b"x-kova-listener" not in b"".join(
+        data.lower() for recorder in recorders for data in recorder.requests)
+
+
+@pytest.mark.parametrize("refusal", [
+    response(401, "Unauthorized"), response(429, "Too Many Requests"), response(502, "Bad Gateway"),
+    response(503, "Unavailable"), b"HTTP/1.1 200 OK\r\nContent-", b""])
+def test_haproxy_repeats_an_initialize_after_no_other_response(
+        refusing: tuple[Caller, list[Recorder]], refusal: bytes) -> None:
+    caller, recorders = refusing
+    expected = int(refusal.split()[1]) if refusal.endswith(b"\r\n\r\n") else 502
+    assert caller.ask(INITIALIZE).status == expected
+    assert sum(recorder.connections for recorder in recorders) == 1
 
 
 @pytest.mark.parametrize("kind", KINDS)

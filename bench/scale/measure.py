@@ -1,0 +1,73 @@
+"""What processes hold, from /proc."""
+
+from __future__ import annotations
+
+import contextlib
+import os
+import re
+from pathlib import Path
+from typing import Any, Iterable
+
+MIB = 1024.0
+"""KiB in a MiB: /proc counts in KiB."""
+
+
+def of_executable(executable: Path) -> list[int]:
+    """The processes that run this file."""
+    found = []
+    for name in os.listdir("/proc"):
+        with contextlib.suppress(OSError):
+            if name.isdigit() and os.readlink(f"/proc/{name}/exe") == str(executable):
+                found.append(int(name))
+    return found
+
+
+def memory_kib(pid: int) -> "tuple[int, int]":
+    """Proportional set, and the private part of it that was written; zeros for an ended process."""
+    try:
+        text = Path(f"/proc/{pid}/smaps_rollup").read_text("ascii")
+    except OSError:
+        return 0, 0
+    fields = dict(re.findall(r"^(\w+): +(\d+) kB$", text, re.MULTILINE))
+    return int(fields["Pss"]), int(fields["Private_Dirty"])
+
+
+def held(pids: Iterable[int]) -> dict[str, Any]:
+    """The sums over these processes."""
+    pids = list(pids)
+    memory = [memory_kib(pid) for pid in pids]
+    return {"processes": len(pids),
+            "proportional_set_mib": round(sum(pair[0] for pair in memory) / MIB, 1),
+            "private_written_mib": round(sum(pair[1] for pair in memory) / MIB, 1),
+            "descriptors": sum(_descriptors(pid) for pid in pids)}
+
+
+def _descriptors(pid: int) -> int:
+    try:
+        return len(os.listdir(f"/proc/{pid}/fd"))
+    except OSError:
+        return 0
+
+
+def processor_seconds(pid: int) -> float:
+    """Of the process and the children that it has waited for."""
+    fields = Path(f"/proc/{pid}/stat").read_text("ascii").rpartition(")")[2].split()
+    return sum(map(int, fields[11:15])) / os.sysconf("SC_CLK_TCK")
+
+
+def sockets_of_ports(ports: Iterable[int]) -> int:
+    """Sockets of this machine with one of these local ports that are not closed. Those that only
+    wait for stray segments (TIME_WAIT) belong to no process."""
+    wanted = {f"{port:04X}" for port in ports}
+    lines = Path("/proc/net/tcp").read_text("ascii").splitlines()[1:]
+    fields = [line.split() for line in lines]
+    return sum(field[1].rpartition(":")[2] in wanted and field[3] != "06" for field in fields)
+
+
+def machine() -> dict[str, Any]:
+    models = re.findall(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
+    total = re.match(r"MemTotal: +(\d+)", Path("/proc/meminfo").read_text("ascii"))
+    assert total is not None
+    return {"processor": models[0] if models else os.uname().machine,
+            "processors": len(os.sched_getaffinity(0)),
+            "memory_mib": round(int(total[1]) / MIB), "kernel": os.uname().release}
