@@ -12,6 +12,7 @@ from harness.messages import (busy, call, cancel, cancelled_reply, error_reply, 
                               pong, request)
 from harness.scripted_library import Script, ScriptedLibrary
 from harness.servers import Server, Servers
+from harness.waiting import TIMEOUT, wait_until
 
 pytestmark = pytest.mark.threads
 
@@ -276,13 +277,25 @@ def test_a_cancel_together_with_its_call(start, engine):
 
 @pytest.mark.parametrize("delay", [0.0, 0.001, 0.002, 0.004, 0.008, 0.016, 0.03, 0.06])
 def test_a_cancel_that_races_with_the_reply(start, policy, delay):
-    """Whichever comes first, the call gets exactly one reply and the server continues."""
+    """Whichever comes first, the call gets exactly one reply and the server continues. On a loaded
+    machine it may be busy for more than 50 ms after the reply, and then says so."""
     server = start(env=policy())
+    refused = 0
+
+    def ping_passes() -> bool:
+        nonlocal refused
+        reply = server.ask(ping("p"))
+        if reply == busy('"p"'):
+            refused += 1
+            return False
+        assert json.loads(reply)["error"]["code"] in (-32002, -32600)
+        return True
+
     for number in range(5):
         server.send(call(number, "kova_list_tables"))
         time.sleep(delay)
         server.send(cancel(number))
         reply = server.read_line()
         assert reply == cancelled_reply(str(number)) or b'["ORDERS"]' in reply
-        assert json.loads(server.ask(ping("p")))["error"]["code"] in (-32002, -32600)
-    assert server.finish().stdout.count(b"\n") == 10
+        wait_until(ping_passes, TIMEOUT, "the end of the call")
+    assert server.finish().stdout.count(b"\n") == 10 + refused
