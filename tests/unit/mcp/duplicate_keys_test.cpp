@@ -101,6 +101,10 @@ TEST(DuplicateKeys, Table) {
       {R"({"a":"a","b":"a"})", false},
       {R"({"a":"b","b":"a"})", false},
       {R"({"a":["a","a"]})", false},
+      // keys of the same hash
+      {R"({"costarring":1,"liquid":2})", false},
+      {R"({"liquid":1,"costarring":2,"liquid":3})", true},
+      {R"({"costarring":1,"liquid":2,"\u0063ostarring":3})", true},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text.substr(0, 100));
