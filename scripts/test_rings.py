@@ -66,7 +66,7 @@ SIDE_BY_SIDE_IN_FULL = 2
 """The rings of the sanitizers and the slow tests leave little of the processors."""
 BESIDE_A_BUILD = 2
 """How many, with the build: the rings of Windows wait for it, and they are the longest."""
-STEP_LIMIT = 60 * 60
+STEP_LIMIT = 80 * 60
 """Seconds after which a step is ended and counts as failed."""
 NEWS_INTERVAL = 30
 """Seconds between two lines that say what runs, where the output is no terminal."""
