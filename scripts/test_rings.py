@@ -354,7 +354,8 @@ def end_group(process: "subprocess.Popen[bytes]") -> None:
 
 BAD_LINE = re.compile(r"^(?:FAILED|ERROR)|\[  FAILED  \]|error:|warning:|Error|check failed|"
                       r"must not include|a circle|without")
-FAILED_TEST = re.compile(r"^(?:FAILED|ERROR) |\[  FAILED  \] .*[a-z]\.|check failed: |error: ")
+FAILED_TEST = re.compile(r"^(?:FAILED|ERROR) |\[  FAILED  \] \w+[./][\w./]+(?:,|$)|check failed: |"
+                         r"error: ")
 PROGRESS = re.compile(rb"\[ *(\d+)/(\d+)\]|\[ *(\d+)%\]")
 
 
