@@ -31,7 +31,8 @@ only the system schedules them anew.
 
 On Windows under Wine the hands do the same but for three faults: descriptors, memory and the size
 of files are limits of the native process, which is Wine's. A kill there is an end of the native
-process, which is seen as TerminateProcess is; a stop suspends all of its threads. Wine's server
-now and then keeps a socket open whose process has been killed, which Windows does not: such
-connections are counted, and are no violation.
+process, which is seen as TerminateProcess with the exit code 0 is; a stop suspends all of its
+threads. So the reply of a worker that was killed before its record is passed on: calls under way
+when a worker is killed need no record there. Wine's server now and then keeps a socket open whose
+process has been killed, which Windows does not: such connections are counted, and are no violation.
 """

@@ -16,7 +16,7 @@ from chaos.ledger import Ledger, Reply, Request
 from harness.approval_tokens import Token, digest_of, new_nonce
 from harness.messages import call, request
 
-WORKER_FAILED = "isolated MCP tool worker failed"
+MEMORY_LIMIT = "server memory limit"
 CANCELLED = "request cancelled"
 SPENT = "approval token was already used or replay state is unavailable"
 IN_SERVER = "read in the server"

@@ -120,7 +120,11 @@ class Hand(threading.Thread):
     # kill
 
     def kill_worker(self) -> bool:
+        """Wine gives a process that the native system kills the exit code 0, so its server passes
+        on a reply whose record was still to be written."""
         pid = self._worker()
+        if pid is not None and self.stage.target.windows:
+            self.ledger.unseen_kills.append(time.monotonic())
         return pid is not None and send_signal(pid, signal.SIGKILL)
 
     def kill_session(self) -> bool:

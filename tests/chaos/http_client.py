@@ -13,7 +13,7 @@ import time
 from dataclasses import dataclass
 from typing import Any
 
-from chaos.acts import Acts
+from chaos.acts import MEMORY_LIMIT, Acts
 from chaos.ledger import Ledger, Request
 from chaos.stage import Stage
 from harness.http_client import TOKEN
@@ -192,6 +192,9 @@ class _Session:
         self.ledger = client.ledger
         self.acts = acts
         self.id: str | None = None
+        # Ids of requests: whose replies nobody waits for; whose replies another one may have got.
+        self._left: set[str] = set()
+        self._late: set[str] = set()
 
     def begin(self) -> None:
         noted, line = self.acts.initialize()
@@ -249,21 +252,27 @@ class _Session:
         time.sleep(self.rng.choice([0, 0.005, 0.05]))
         connection.vanish(reset=self.rng.random() < 0.5)
         self.ledger.closed(noted, "client vanished")
+        self._left.add(noted.id)
 
     def _garbage(self) -> None:
-        """The body is passed on, but no reply is waited for: it comes as the next one. So the
-        session is of no further use; what it still says must be about itself."""
+        """The body is passed on, but no reply is waited for: it comes as the next one, and the
+        next one's after it. So the session is of no further use; what it still says must be about
+        itself, or about a request that was left and came after the garbage."""
         self.ledger.count("sent garbage")
         self._tell(self.acts.garbage())
         noted, line = self.acts.ping()
         response = self._begin(noted, line).read()
         if response is not None and response.status == 200:
             reply = json.loads(response.body)
-            if reply["id"] not in (None, noted.id):
+            if reply["id"] not in {None, noted.id, *self._left}:
                 self.ledger.violation(f"{noted.id}: a reply for another: {response.body[:300]!r}")
         self.ledger.closed(noted, "behind garbage")
-        response = Connection(self.client,
-                              self.client.compose(b"", self.id, method="DELETE")).read()
+        self._leave()
+
+    def _leave(self) -> None:
+        if self.id is None:
+            return
+        Connection(self.client, self.client.compose(b"", self.id, method="DELETE")).read()
         self.id = None
 
     def _tell(self, line: bytes) -> None:
@@ -280,6 +289,8 @@ class _Session:
     def _finish(self, connection: Connection) -> Response | None:
         noted, response = connection.request, connection.read()
         assert noted is not None
+        if response is None or response.status != 200:
+            self._left.add(noted.id)
         if response is None:
             self.ledger.closed(noted, "no response")
         elif response.status == 200:
@@ -301,8 +312,14 @@ class _Session:
             self.ledger.violation(f"{noted.id}: the body is no message: {body[:300]!r}")
             return
         if found is None:
-            self.ledger.answered(noted, f"{reply['error']['code']} {reply['error']['message']}"
-                                        " (id null)")
+            message = f"{reply['error']['code']} {reply['error']['message']}"
+            self.ledger.answered(noted, f"{message} (id null)")
+            if MEMORY_LIMIT in message:  # It may have been to a cancel.
+                self._late.add(noted.id)
+                self._leave()
+        elif found in self._late:
+            self.ledger.answered(noted, "late reply for another, behind a failed cancel")
+            self._late.add(noted.id)
         elif found != noted.id:
             self.ledger.violation(f"{noted.id}: a reply for another: {body[:300]!r}")
         else:

@@ -68,6 +68,7 @@ class Ledger:
         self.doubts: list[Doubt] = []
         self.engine_ends: list[float] = []
         self.listener_ends: list[float] = []
+        self.unseen_kills: list[float] = []  # of workers, which their servers take for an end
         self.approved: list[tuple[str, str]] = []  # statements with their tokens, to send again
 
     def count(self, what: str, number: int = 1) -> None:
@@ -114,8 +115,9 @@ class Ledger:
         self.doubts[-1].end = time.monotonic()
 
     def is_doubtful(self, request: Request) -> bool:
-        return any(doubt.begin <= request.answered + RECORD_WAIT and request.sent <= doubt.end
-                   and doubt.kind in (None, request.kind) for doubt in self.doubts)
+        return (any(doubt.begin <= request.answered + RECORD_WAIT and request.sent <= doubt.end
+                    and doubt.kind in (None, request.kind) for doubt in self.doubts)
+                or any(request.sent <= end <= request.answered for end in self.unseen_kills))
 
     def was_file_full(self) -> bool:
         return any(doubt.kind is None for doubt in self.doubts)
