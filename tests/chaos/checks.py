@@ -38,10 +38,19 @@ class Checks:
         for request in self.ledger.requests.values():
             if request.open:
                 self.ledger.violation(f"{request.id} ({request.kind}) got neither reply nor close")
+        self.check_that_the_listener_runs()
         self.check_listener(caller)
         self.check_engine()
         self.check_writes()
         self.check_audit()
+
+    def check_that_the_listener_runs(self) -> None:
+        listener = self.stage.listener
+        code = listener.process.poll()
+        if code is not None:
+            self.ledger.violation(f"the listener has ended with {code}: {listener.stderr[-300:]!r}")
+            listener.close()
+            self.stage.start_listener()
 
     # what is left
 

@@ -78,12 +78,19 @@ class Run:
         time.sleep(ROUND_SECONDS)
         self._stop(hands, [*stdio, *http])
         worked = time.monotonic()
-        self.checks.after_round(self.caller)
+        try:
+            self.checks.after_round(self.caller)
+        finally:
+            self._tell(number, before, worked - began, time.monotonic() - worked)
+
+    def _tell(self, number: int, before: int, played: float, checked: float) -> None:
+        """What has happened in a round, when something did not hold. `before` is how many
+        violations there were."""
         found = self.ledger.violations[before:]
         if self.options.verbose or found:
             faults = ", ".join(self.ledger.faults)
             print(f"round {number}: {faults}; {len(self.ledger.requests)} requests, "
-                  f"{worked - began:.1f} + {time.monotonic() - worked:.1f} s", flush=True)
+                  f"{played:.1f} + {checked:.1f} s", flush=True)
         for violation in found:
             print(f"VIOLATION {violation} (--seed {self.options.seed} --round {number})",
                   flush=True)
