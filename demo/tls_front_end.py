@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import contextlib
 import getpass
 import grp
 import os
+import random
 import socket
 import subprocess
 from pathlib import Path
@@ -14,13 +16,19 @@ DEPLOY = Path(__file__).resolve().parents[1] / "deploy"
 LOOPBACK = "127.0.0.1"
 NAMES = f"localhost {LOOPBACK}"
 """The host names by which a client on this machine may reach the front end."""
+FIRST_PORT = 10000
+PORTS_OF_ANY = Path("/proc/sys/net/ipv4/ip_local_port_range")
 
 
 def free_port() -> int:
-    """A loopback port that is free now."""
-    with socket.socket() as holder:
-        holder.bind((LOOPBACK, 0))
-        return int(holder.getsockname()[1])
+    """A loopback port that is free now, and that the system gives to nobody who asks for any: a
+    connection made meanwhile would take it."""
+    first_of_any = int(PORTS_OF_ANY.read_text(encoding="ascii").split()[0])
+    while True:
+        port = random.randrange(FIRST_PORT, first_of_any) if first_of_any > 2 * FIRST_PORT else 0
+        with socket.socket() as holder, contextlib.suppress(OSError):
+            holder.bind((LOOPBACK, port))
+            return int(holder.getsockname()[1])
 
 
 def make_certificate(folder: Path) -> Path:

@@ -22,6 +22,7 @@ from harness.messages import call, request
 from harness.servers import Server, Servers
 from harness.targets import Environment
 from harness.waiting import TIMEOUT, wait_until
+from tls_front_end import free_port
 
 TOKEN = "token-of-the-tests-0123456789abcd"
 """33 characters; 32 is the minimum."""
@@ -262,10 +263,7 @@ class HttpListeners:
 
 def free_ports() -> Iterator[int]:
     for _ in range(8):
-        with socket.socket() as probe:
-            probe.bind((LOOPBACK, 0))
-            port = probe.getsockname()[1]
-        yield port
+        yield free_port()
 
 
 def _listens(server: Server) -> bool:

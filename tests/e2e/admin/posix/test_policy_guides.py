@@ -7,13 +7,13 @@ import json
 import os
 import re
 import shutil
-import socket
 import subprocess
 from pathlib import Path
 
 import pytest
 
 from harness.targets import ROOT, Target
+from tls_front_end import free_port
 
 BLOCK = re.compile(r"^```sh\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 LIMIT = 120.0
@@ -40,12 +40,6 @@ class Shell:
 @pytest.fixture
 def shell(target: Target, tmp_path: Path) -> Shell:
     return Shell(target, tmp_path)
-
-
-def free_port() -> int:
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return int(probe.getsockname()[1])
 
 
 def blocks(name: str) -> list[str]:
