@@ -28,6 +28,7 @@ With --full, or by name; with --full the rings above also run what takes long in
   chaos-linux        clients among faults for a minute: killed processes, full disks, moved clocks
   chaos-windows      the same with the Windows executable
   fuzz               every fuzzer for a bounded number of runs
+  mutation           the program that tests the unit tests by changing the sources
   models             models of the threads' protocols: every interleaving, and their mutations
   release-linux      archive, Debian package, client bundle, manual pages, completion, rotation,
                      a newcomer's first session on an empty Debian and in containers
@@ -223,6 +224,9 @@ def rings(full: bool, quick: bool) -> list[Step]:
         Step("fuzz", [Command(["ctest", "--test-dir", "build/fuzz/tests/fuzz",
                                "--output-on-failure", "--output-junit", str(fuzz_results)],
                               fuzz_results)], ("build-fuzz",)),
+        Step("mutation", [Command([PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider",
+                                   f"--junitxml={LOGS / 'mutation.xml'}", "tests/mutation"],
+                                  LOGS / "mutation.xml")]),
         Step("models", [Command(["tests/models/run"], name="models of the threads' protocols")]),
         # Packing looks whether the build is up to date, and so does ./run.
         python_ring("release", "linux", "tests/release", "", holds=played),

@@ -83,7 +83,8 @@ def judged(arguments: argparse.Namespace) -> int:
     say("running the unit tests without a change")
     campaign.learn()
     say("judging")
-    made = verdicts.Verdicts(campaign.run(changes), reasons)
+    made = verdicts.Verdicts(campaign.run(changes), reasons,
+                             {change.key for change in everything})
     if arguments.entries:
         print(json.dumps([verdicts.as_entry(change) for change in made.survivors()], indent=2))
     print(verdicts.report(made))

@@ -9,12 +9,10 @@ from typing import Callable
 
 import pytest
 
-pytest.importorskip("clang.cindex")
-
-from mutation import schema, syntax, verdicts  # noqa: E402
-from mutation.objects import numbered  # noqa: E402
-from mutation.syntax import Source  # noqa: E402
-from mutation.tests import KILLED, SURVIVED, Outcome  # noqa: E402
+from mutation import schema, syntax, verdicts
+from mutation.objects import numbered
+from mutation.syntax import Source
+from mutation.tests import KILLED, SURVIVED, Outcome
 
 SWITCH = Path(__file__).parent / "switch"
 
@@ -153,8 +151,6 @@ def test_a_source_with_all_its_changes_does_each(source, tmp_path):
                               check=False, env={"KOVA_MUTANT": str(number)}).returncode
         return None if code < 0 else code
 
-    if shutil.which("g++") is None or shutil.which("prlimit") is None:
-        pytest.skip("no compiler")
     schemata = build("all", schema.with_all(made, switched, made.constants))
     assert result(schemata, 0) == 3
     for change in switched[::4]:
@@ -170,12 +166,22 @@ def test_survivors_are_counted_apart_by_the_list(source):
     survivor, *others = made.changes
     outcomes = {change: Outcome(KILLED) for change in others}
     outcomes[survivor] = Outcome(SURVIVED)
-    assert verdicts.Verdicts(outcomes, {}).survivors() == [survivor]
-    assert not verdicts.Verdicts(outcomes, {}).passed()
-    listed = verdicts.Verdicts(outcomes, {survivor.key: "reason"})
+    possible = {change.key for change in made.changes}
+    assert verdicts.Verdicts(outcomes, {}, possible).survivors() == [survivor]
+    assert not verdicts.Verdicts(outcomes, {}, possible).passed()
+    listed = verdicts.Verdicts(outcomes, {survivor.key: "reason"}, possible)
     assert listed.passed() and listed.survivors() == [] and listed.stale() == []
-    stale = verdicts.Verdicts(outcomes, {others[0].key: "reason"})
+    stale = verdicts.Verdicts(outcomes, {others[0].key: "reason"}, possible)
     assert stale.stale() == [others[0].key] and not stale.passed()
+
+
+def test_an_entry_is_stale_when_the_sources_no_longer_have_it(source):
+    made = source("bool f(int a) { return a < 1; }")
+    gone = ("src/a.cpp", "g", "return 1;", "1", "2", 1)
+    possible = {change.key for change in made.changes}
+    assert verdicts.Verdicts({}, {gone: "reason"}, possible).stale() == [gone]
+    # Not judged, but there.
+    assert verdicts.Verdicts({}, {made.changes[0].key: "reason"}, possible).stale() == []
 
 
 def test_an_entry_has_a_reason_and_stands_once(tmp_path):

@@ -6,7 +6,7 @@ import json
 from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Mapping, Sequence
+from typing import Collection, Mapping, Sequence
 
 from mutation.modules import MODULES, module_of
 from mutation.syntax import Change
@@ -45,9 +45,11 @@ def read_list(path: Path = LIST) -> dict[tuple, str]:
 
 @dataclass
 class Verdicts:
-    """What became of each change."""
+    """What became of each change that was judged. `possible` has the keys of all changes of the
+    sources, also of those that were not."""
     outcomes: Mapping[Change, Outcome]
     reasons: Mapping[tuple, str]
+    possible: Collection[tuple]
 
     def status(self, change: Change) -> str:
         outcome = self.outcomes[change]
@@ -63,11 +65,11 @@ class Verdicts:
         return [change for change in self.outcomes if self.status(change) == SURVIVED]
 
     def stale(self) -> list[tuple]:
-        """Entries of the list whose change was judged and is not equivalent, or is no longer there.
-        The latter is known only of files all of whose changes were judged."""
+        """Entries of the list whose change was judged and is not equivalent, or that the sources no
+        longer have."""
         keys = {change.key: change for change in self.outcomes}
-        return [key for key in self.reasons
-                if key in keys and self.status(keys[key]) in (KILLED, TIMED_OUT, NOT_BUILT)]
+        return [key for key in self.reasons if key not in self.possible
+                or key in keys and self.status(keys[key]) in (KILLED, TIMED_OUT, NOT_BUILT)]
 
     def passed(self) -> bool:
         return share(self.counts()) >= REQUIRED
