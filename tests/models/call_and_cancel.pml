@@ -2,7 +2,7 @@
  *
  * Mirrors, one step per access to what the threads share:
  *   src/app/stdio_server.cpp   handle, collect_worker, cancel, terminate_worker_process,
- *                              answer_busy, start_tool, and the join at the end of run
+ *                              refuse_as_busy, start_tool, and the join at the end of run
  *   src/app/tool_worker.cpp    publish, withdraw, read_reply, run_child, pass_on, run_tool_job
  *   src/platform/process.h     what ChildProcess promises about terminate, wait and collect
  *   src/json/output_lock.h     one line at a time on standard output
@@ -202,7 +202,7 @@ active proctype reading_thread() {
     :: else
     fi;
     if
-    :: ToolActive -> write_line(calls) /* answer_busy */
+    :: ToolActive -> write_line(calls) /* refuse_as_busy */
     :: else -> start_tool(calls)
     fi
   :: received < MESSAGES && calls > 0 -> /* notifications/cancelled, no reply */
