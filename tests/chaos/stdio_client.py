@@ -174,6 +174,7 @@ class _Life:
             self._read_line()
         if self.nameless and not self.has_ended:
             self._ping_until_idle()
+        if self.nameless and not self.has_ended:
             self._give_out_nameless()
         self.has_ended |= self.ids > IDS_LIMIT
 

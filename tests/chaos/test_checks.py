@@ -237,6 +237,12 @@ def test_a_server_that_ends_without_a_reply(ledger, monkeypatch):
         "round 1: a: replies without an id [], and left are ['a.1']"]
 
 
+def test_a_server_that_is_killed_after_a_failure(ledger, monkeypatch):
+    monkeypatch.setattr("chaos.stdio_client.wait_for_end", lambda *_: -9)
+    assert play_stdio(ledger, 1, [[{"id": None, "error": FAILED}], [None]]) == []
+    assert all(request.closed for request in ledger.requests.values())
+
+
 def http_session(ledger: Ledger) -> _Session:
     client = SimpleNamespace(rng=random.Random(1), ledger=ledger)
     return _Session(client, Acts("a", client.rng, ledger))  # type: ignore[arg-type]
