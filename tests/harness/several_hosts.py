@@ -63,10 +63,11 @@ def variables(*files: Path) -> dict[str, str]:
 
 
 def ask_socket(path: Path, command: str) -> str:
-    """Sends a command to a HAProxy's socket and returns what it says."""
+    """Sends a command to a HAProxy's socket and returns what it says. One that has only just been
+    started has no socket yet."""
     with socket.socket(socket.AF_UNIX) as connection:
         connection.settimeout(TIMEOUT)
-        connection.connect(str(path))
+        wait_until(lambda: connection.connect_ex(str(path)) == 0, TIMEOUT, f"the socket {path}")
         connection.sendall(command.encode() + b"\n")
         return connection.makefile("rb").read().decode()
 

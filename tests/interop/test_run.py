@@ -7,12 +7,12 @@ import json
 import os
 import pty
 import re
+import resource
 import shutil
 import signal
 import stat
 import subprocess
 import tempfile
-import time
 import uuid
 from dataclasses import dataclass
 from pathlib import Path
@@ -34,6 +34,7 @@ SETUP = ROOT / "scripts" / "setup.sh"
 MARKER = "KOVA_RUN_SESSION"
 FIRST_RUN_LIMIT = 600.0  # it may have to build
 SECOND_RUN_LIMIT = 30.0
+"""Seconds of processor time: what others do on the machine meanwhile is not the run's."""
 SCREEN = (24, 100)
 
 
@@ -63,29 +64,36 @@ def watch() -> Iterator[Watch]:
 
 @dataclass(frozen=True)
 class Played:
-    """A whole session after the first one: what it has printed, how long it took, what it left."""
+    """A whole session after the first one: what it has printed, how much processor time it took,
+    what it left."""
 
     text: str
-    seconds: float
+    processor_seconds: float
     left: list[str]
 
 
 @pytest.fixture(scope="module")
 def played(prepared: list[str]) -> Played:
     watch = Watch()
-    started = time.monotonic()
+    before = processor_seconds()
     done = subprocess.run(prepared, stdin=subprocess.DEVNULL, capture_output=True, text=True,
                           timeout=FIRST_RUN_LIMIT, check=False, env=watch.environment)
-    seconds = time.monotonic() - started
+    used = processor_seconds() - before
     assert (done.returncode, done.stderr) == (0, ""), done.stdout
-    return Played(done.stdout, seconds, watch.left())
+    return Played(done.stdout, used, watch.left())
+
+
+def processor_seconds() -> float:
+    """Of the children that have ended, and of theirs."""
+    children = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return children.ru_utime + children.ru_stime
 
 
 # the played session
 
 
 def test_the_session(played: Played, target: Target) -> None:
-    assert played.seconds < SECOND_RUN_LIMIT
+    assert 0 < played.processor_seconds < SECOND_RUN_LIMIT
     assert played.left == []
     text = played.text
     assert text.splitlines()[-1] == (
