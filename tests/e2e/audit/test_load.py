@@ -74,12 +74,13 @@ class Load:
                 done.result()
 
     def run_beside(self, quiet: Ask, busy: "list[Ask]") -> int:
-        """One session that calls now and then while the others call; the number of its calls."""
+        """One session that calls now and then while the others call; the number of its calls. All
+        are workers': the ids that a server takes itself are limited, and the load takes its time."""
         count = 0
         with ThreadPoolExecutor(1) as pool:
             load = pool.submit(self.run, busy)
             while not load.done():
-                self.one_call(quiet, SESSIONS, count)
+                self.one_call(quiet, SESSIONS, count * self.every)
                 count += 1
                 time.sleep(0.05)
             load.result()
