@@ -83,7 +83,7 @@ class _Life:
         self.deaf = deaf  # nobody reads its standard output
         self.open: dict[str, Request] = {}
         self.garbage = 0
-        self.nameless: list[str] = []  # replies without an id, which are given out when all is still
+        self.nameless: list[str] = []  # replies without an id; they are given out in a pause
         self.ids = 0
         self.has_ended = False
         self._unrecorded: list[Request] = []  # in-process calls, whose records come after replies

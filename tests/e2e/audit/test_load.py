@@ -75,7 +75,7 @@ class Load:
 
     def run_beside(self, quiet: Ask, busy: "list[Ask]") -> int:
         """One session that calls now and then while the others call; the number of its calls. All
-        are workers': the ids that a server takes itself are limited, and the load takes its time."""
+        are workers': a server takes only so many ids itself, and the load takes its time."""
         count = 0
         with ThreadPoolExecutor(1) as pool:
             load = pool.submit(self.run, busy)
