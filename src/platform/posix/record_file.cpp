@@ -34,12 +34,26 @@ bool is_standard_output(const struct stat& file) {
   return ::fstat(STDOUT_FILENO, &output) == 0 && is_same_file(file, output);
 }
 
+/// Repeats a system call that signals interrupt, and that another process makes fail with
+/// EWOULDBLOCK, until it returns something else or the time is over.
+template <typename Call>
+int retry_until(std::uint64_t until_ms, Call call) {
+  for (Backoff backoff;;) {
+    const int result = uninterrupted(call);
+    if (result >= 0 || errno != EWOULDBLOCK) return result;
+    const std::uint64_t now = tick_ms();
+    if (now >= until_ms) return result;
+    backoff.pause(static_cast<std::uint32_t>(until_ms - now));
+  }
+}
+
 /// The file of the records, open for one of them.
 class RecordFile {
  public:
-  // Not blocking: a named pipe that nobody reads is refused, not waited for.
-  explicit RecordFile(const char* path)
-      : descriptor_(uninterrupted([path] {
+  // Not blocking: a named pipe that nobody reads is refused, not waited for. While a file server
+  // holds a lease on the file, the system refuses the open and tells the server to give it up.
+  RecordFile(const char* path, std::uint64_t until_ms)
+      : descriptor_(retry_until(until_ms, [path] {
           constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
           return ::open(path, kFlags, 0600);
         })) {}
@@ -70,14 +84,9 @@ class RecordFile {
 
   // Polls, because a waiting flock() has no time limit. Gives up without the lock, also on a file
   // system that has no locks.
-  void lock_until(std::uint64_t until_ms) const {
-    for (Backoff backoff; ::flock(descriptor_, LOCK_EX | LOCK_NB) != 0;) {
-      if (errno == EINTR) continue;
-      if (errno != EWOULDBLOCK) return;
-      const std::uint64_t now = tick_ms();
-      if (now >= until_ms) return;
-      backoff.pause(static_cast<std::uint32_t>(until_ms - now));
-    }
+  void lock(std::uint64_t until_ms) const {
+    static_cast<void>(
+        retry_until(until_ms, [this] { return ::flock(descriptor_, LOCK_EX | LOCK_NB); }));
   }
 
   void unlock() const { ::flock(descriptor_, LOCK_UN); }
@@ -110,14 +119,14 @@ class RecordFile {
 // into the renamed one when there is none.
 void append_record(const char* path, std::string_view record, std::uint32_t wait_ms) {
   const std::uint64_t until_ms = tick_ms() + wait_ms;
-  RecordFile file(path);
+  RecordFile file(path, until_ms);
   if (!file.is_usable()) return;
-  file.lock_until(until_ms);
+  file.lock(until_ms);
   for (int reopened = 0; reopened < kReopenLimit && !file.has_path(path); ++reopened) {
-    RecordFile next(path);
+    RecordFile next(path, until_ms);
     if (!next.is_usable()) break;
     file = std::move(next);
-    file.lock_until(until_ms);
+    file.lock(until_ms);
   }
   file.write(record);
   file.unlock();

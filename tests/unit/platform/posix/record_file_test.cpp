@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -100,6 +101,41 @@ TEST(AppendRecordPosix, ALockThatIsReleasedEndsTheWait) {
   }
   writer.join();
   EXPECT_EQ(read_file(path), "kept\r\n");
+}
+
+// As file servers hold one for their clients: the system refuses every open that would write.
+class AppendRecordUnderALease : public ::testing::Test {
+ protected:
+  AppendRecordUnderALease() {
+    write_file(path_, "");
+    lease_ = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    before_ = signal(SIGIO, SIG_IGN);  // which asks for the lease
+    EXPECT_EQ(fcntl(lease_, F_SETLEASE, F_RDLCK), 0);
+  }
+  ~AppendRecordUnderALease() override {
+    close(lease_);
+    signal(SIGIO, before_);
+  }
+
+  const TemporaryDirectory directory_;
+  const std::string path_ = directory_.file("audit.jsonl");
+  int lease_ = -1;
+  sighandler_t before_ = SIG_DFL;
+};
+
+TEST_F(AppendRecordUnderALease, ThatIsGivenUpLosesNothing) {
+  std::thread writer([this] { append_record(path_.c_str(), "kept\r\n", kPatienceMs); });
+  while (fcntl(lease_, F_GETLEASE) == F_RDLCK) std::this_thread::yield();
+  EXPECT_EQ(fcntl(lease_, F_SETLEASE, F_UNLCK), 0);
+  writer.join();
+  EXPECT_EQ(read_file(path_), "kept\r\n");
+}
+
+TEST_F(AppendRecordUnderALease, ThatIsKeptDelaysTheCall) {
+  const std::uint64_t start = tick_ms();
+  append_record(path_.c_str(), "dropped\r\n", 30);
+  EXPECT_GE(tick_ms() - start, 30U);
+  EXPECT_EQ(read_file(path_), "");
 }
 
 // The file may be taken away while its lock is waited for.
