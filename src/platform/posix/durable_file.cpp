@@ -7,13 +7,11 @@
 #include <cerrno>
 #include <csignal>
 
-#include "base/text.h"
+#include "platform/posix/stored_name.h"
 
 namespace kova {
 
 namespace {
-
-constexpr std::size_t kFolderCapacity = 1024;
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
@@ -43,19 +41,6 @@ bool write_at(int descriptor, std::string_view bytes, off_t offset) {
   return true;
 }
 
-// The name of a new file is stored with its folder, not with the file.
-bool store_folder_of(const char* path) {
-  char folder[kFolderCapacity];
-  const std::string_view text(path);
-  const std::size_t slash = text.rfind('/');
-  if (!TextOut(folder).copy(slash == text.npos ? "./" : slice(text, 0, slash + 1))) return false;
-  const int descriptor = ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (descriptor < 0) return false;
-  const bool stored = ::fsync(descriptor) == 0;
-  ::close(descriptor);
-  return stored;
-}
-
 /// Stands for whatever size the file has.
 constexpr std::uint64_t kAnySize = UINT64_MAX;
 
@@ -63,7 +48,7 @@ bool append_locked(int descriptor, const char* path, std::uint64_t size, std::st
   const off_t end = ::lseek(descriptor, 0, SEEK_END);
   if (end < 0 || (size != kAnySize && static_cast<std::uint64_t>(end) != size)) return false;
   if (write_at(descriptor, record, end) && ::fsync(descriptor) == 0 &&
-      (end > 0 || store_folder_of(path))) {
+      (end > 0 || store_name(path))) {
     return true;
   }
   static_cast<void>(::ftruncate(descriptor, end) == 0);

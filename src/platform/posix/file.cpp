@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "base/text.h"
+#include "platform/posix/stored_name.h"
 
 namespace kova {
 
@@ -24,22 +25,10 @@ int open_file(const char* path, int flags, mode_t mode) {
   return ::open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode);
 }
 
-// Returns false also for a descriptor that could not be had.
-bool store_and_close(int descriptor, bool (*is_stored)(int descriptor)) {
-  if (descriptor < 0) return false;
-  const bool stored = is_stored(descriptor);
+bool store_and_close(int descriptor) {
+  const bool stored = ::fsync(descriptor) == 0;
   ::close(descriptor);
   return stored;
-}
-
-bool is_file_stored(int descriptor) {
-  return ::fsync(descriptor) == 0;
-}
-
-// Some file systems cannot sync folders (EINVAL, ENOTSUP) and store names in their own way; that
-// counts as stored.
-bool is_folder_stored(int descriptor) {
-  return ::fsync(descriptor) == 0 || errno == EINVAL || errno == ENOTSUP;
 }
 
 }  // namespace
@@ -95,13 +84,8 @@ bool InputFile::read(char* data, std::size_t size) {
 constinit const char kPathSeparator = '/';
 
 bool create_marker_file(const char* path) {
-  char folder[kResolvedPathCapacity];
-  const std::string_view text(path);
-  if (!TextOut(folder).copy(slice(text, 0, text.rfind('/') + 1))) return false;
   const int file = open_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-  // The file's name is stored with its folder, not with the file.
-  return store_and_close(file, is_file_stored) &&
-         store_and_close(open_file(folder, O_RDONLY | O_DIRECTORY, 0), is_folder_stored);
+  return file >= 0 && store_and_close(file) && store_name(path);
 }
 
 }  // namespace kova

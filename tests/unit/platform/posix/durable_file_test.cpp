@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 #include "support/posix/sync_failure.h"
@@ -38,6 +39,18 @@ TEST(AppendDurablyPosix, TheNameOfANewFileIsStoredToo) {
   EXPECT_FALSE(append_durably(path.c_str(), "one\n"));
   EXPECT_EQ(SyncFailure::failed(), testing::Synced::kDirectory);
   EXPECT_EQ(read_file(path), "");
+}
+
+// A file system that cannot sync folders stores their names in its own way.
+TEST(AppendDurablyPosix, AFolderThatCannotBeSyncedIsAsGoodAsSynced) {
+  for (const int error : {EINVAL, ENOTSUP}) {
+    const TemporaryDirectory folder;
+    const std::string path = folder.file("journal");
+    const SyncFailure failure(2, error);
+    EXPECT_TRUE(append_durably(path.c_str(), "one\n"));
+    EXPECT_EQ(SyncFailure::failed(), testing::Synced::kDirectory);
+    EXPECT_EQ(read_file(path), "one\n");
+  }
 }
 
 TEST(AppendDurablyPosix, WithoutTheLockNothingIsWritten) {
