@@ -33,7 +33,7 @@ def run_until_shown(desk: Desk, *arguments: str, last: bytes = b"") -> bytes:
         process.stdin.write(last)
         process.stdin.close()
         assert process.wait(TIMEOUT) == 0
-        return shown + available(ours)
+        return shown + rest(ours)
     finally:
         process.kill()
         process.wait()
@@ -45,6 +45,15 @@ def available(terminal: int) -> bytes:
         return os.read(terminal, 1 << 16)
     except OSError:  # nothing yet, or the other end has gone
         return b""
+
+
+def rest(terminal: int) -> bytes:
+    """Whatever comes until the other end has gone: the system delivers it in its own time."""
+    os.set_blocking(terminal, True)
+    got = b""
+    while piece := available(terminal):
+        got += piece
+    return got
 
 
 def test_a_report_shows_how_far_it_is_and_cleans_up(desk: Desk) -> None:
