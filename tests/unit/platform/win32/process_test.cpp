@@ -6,6 +6,7 @@
 #include <string>
 
 #include "support/child_modes.h"
+#include "support/win32/start_refusal.h"
 
 namespace kova {
 namespace {
@@ -26,6 +27,24 @@ std::string output_of(const char* mode) {
 TEST(PrepareProcess, TurnsTheSystemsErrorBoxesOff) {
   const UINT wanted = SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX;
   EXPECT_EQ(output_of(testing::kChildPrepared), "error mode " + std::to_string(wanted) + "\n");
+}
+
+// Injected, since a process that is put into such a job stays there.
+TEST(ChildProcessWindows, TellsWhetherTheJobOfThisProcessRefusedTheChild) {
+  const struct {
+    DWORD error;
+    bool in_job, refused;
+  } rows[] = {
+      {ERROR_ACCESS_DENIED, true, true},   {ERROR_NOT_SUPPORTED, true, true},
+      {ERROR_ACCESS_DENIED, false, false}, {ERROR_NOT_SUPPORTED, false, false},
+      {ERROR_FILE_NOT_FOUND, true, false}, {ERROR_NOT_ENOUGH_MEMORY, true, false},
+  };
+  for (const auto& row : rows) {
+    const testing::StartRefusal refusal(row.error, row.in_job);
+    ChildProcess child;
+    EXPECT_FALSE(child.start(testing::kChildExit7));
+    EXPECT_EQ(child.job_refused(), row.refused) << row.error << " in a job: " << row.in_job;
+  }
 }
 
 }  // namespace
