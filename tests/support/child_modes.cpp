@@ -168,7 +168,7 @@ ChildMode find_child_mode(std::string_view argument) {
   for (const Row& row : kRows) {
     if (row.argument == argument) return row.mode;
   }
-  return nullptr;
+  return find_platform_child_mode(argument);
 }
 
 }  // namespace kova::testing

@@ -45,6 +45,9 @@ using ChildMode = int (*)();
 /// The behaviour of an argument that names one, or null.
 [[nodiscard]] ChildMode find_child_mode(std::string_view argument);
 
+/// The same for the arguments of this platform alone (child_modes.h in its folder).
+[[nodiscard]] ChildMode find_platform_child_mode(std::string_view argument);
+
 /// Keeps a crash from starting a debugger or a dialogue.
 void end_quietly_after_a_crash();
 

@@ -6,10 +6,13 @@ import time
 
 from harness.messages import busy, call, cancel, cancelled_reply, ping
 from harness.scripted_library import Script
-from harness.waiting import TIMEOUT
 
 MOMENT = 0.05
 """What a message waits for a running call before it is refused."""
+CLOCK_STEP = 0.016
+"""Clocks that move in such steps let a wait end early."""
+PACE = 0.5
+"""What no machine takes for the refusal itself each time, whatever else runs on it."""
 
 
 def test_each_message_waits_50_ms_for_a_running_call(start, engine):
@@ -17,11 +20,10 @@ def test_each_message_waits_50_ms_for_a_running_call(start, engine):
     server = start(env=engine.env)
     server.send(call("running", "kova_list_tables"))
     engine.wait_for_statement("list table;")
-    count = 20
-    started = time.monotonic()
-    server.send(b"".join(ping(number) for number in range(count)))
-    assert [server.read_line() for _ in range(count)] == [busy(number) for number in range(count)]
-    taken = time.monotonic() - started
-    # Clocks that move in steps of 16 ms let a wait end early.
-    assert count * (MOMENT - 0.016) <= taken < TIMEOUT
+    taken = []
+    for number in range(20):
+        started = time.monotonic()
+        assert server.ask(ping(number)) == busy(number)
+        taken.append(time.monotonic() - started)
+    assert MOMENT - CLOCK_STEP <= min(taken) < MOMENT + PACE
     assert server.ask(cancel("running")) == cancelled_reply('"running"')

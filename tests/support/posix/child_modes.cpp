@@ -7,10 +7,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "platform/console.h"
 #include "platform/process.h"
+#include "platform/thread.h"
 #include "support/child_modes.h"
+#include "support/posix/child_modes.h"
 
 namespace kova::testing {
 
@@ -51,6 +54,36 @@ void report_preparation() {
   int signal = -1;
   if (prctl(PR_GET_NAME, name) != 0 || prctl(PR_GET_PDEATHSIG, &signal) != 0) std::abort();
   write_stdout(std::string(name) + " signal " + std::to_string(signal) + "\n");
+}
+
+namespace {
+
+constexpr std::string_view kReady = "ready\n";
+
+int leave_an_orphan() {
+  ChildProcess orphan;
+  char ready[kReady.size()];
+  if (!orphan.start(kChildOrphan)) return 1;
+  return orphan.read_output(ready, sizeof ready) == sizeof ready ? 0 : 1;
+}
+
+// The kernel would end it with its parent, so it is as if that had ended before the signal was
+// asked for.
+int be_an_orphan() {
+  const pid_t parent = getppid();
+  prctl(PR_SET_PDEATHSIG, 0);
+  write_stdout(kReady);
+  while (getppid() == parent) sleep_thread(1);
+  prepare_process();
+  return kOrphanWentOn;
+}
+
+}  // namespace
+
+ChildMode find_platform_child_mode(std::string_view argument) {
+  if (argument == kChildOrphaning) return leave_an_orphan;
+  if (argument == kChildOrphan) return be_an_orphan;
+  return nullptr;
 }
 
 }  // namespace kova::testing

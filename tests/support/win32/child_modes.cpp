@@ -2,10 +2,12 @@
 
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "platform/console.h"
 #include "platform/process.h"
 #include "support/child_modes.h"
+#include "support/win32/child_modes.h"
 
 namespace kova::testing {
 
@@ -66,6 +68,34 @@ void report_preparation() {
   SetErrorMode(SEM_NOOPENFILEERRORBOX);
   prepare_process();
   write_stdout("error mode " + std::to_string(GetErrorMode()) + "\n");
+}
+
+namespace {
+
+std::string name_of(DWORD stream) {
+  constexpr std::size_t kCapacity = 256;
+  alignas(FILE_NAME_INFO) char room[sizeof(FILE_NAME_INFO) + kCapacity * sizeof(wchar_t)];
+  if (!GetFileInformationByHandleEx(GetStdHandle(stream), FileNameInfo, room, sizeof room)) {
+    return "error " + std::to_string(GetLastError());
+  }
+  const auto& info = *reinterpret_cast<const FILE_NAME_INFO*>(room);
+  // The names of pipes are ASCII.
+  std::string name;
+  for (DWORD i = 0; i < info.FileNameLength / sizeof(wchar_t); ++i) {
+    name += static_cast<char>(info.FileName[i]);
+  }
+  return name;
+}
+
+int report_stream_names() {
+  write_stdout(name_of(STD_INPUT_HANDLE) + "\n" + name_of(STD_OUTPUT_HANDLE) + "\n");
+  return 0;
+}
+
+}  // namespace
+
+ChildMode find_platform_child_mode(std::string_view argument) {
+  return argument == kChildStreamNames ? report_stream_names : nullptr;
 }
 
 }  // namespace kova::testing

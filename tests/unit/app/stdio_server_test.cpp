@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -19,6 +20,7 @@
 #include "support/captured_output.h"
 #include "support/child_modes.h"
 #include "support/environment.h"
+#include "support/join_watch.h"
 #include "support/thread_failure.h"
 
 namespace kova {
@@ -348,6 +350,16 @@ TEST_F(StdioServer, WhileACallRunsEverythingElseIsRefused) {
   EXPECT_EQ(output, busy("1") + busy("\"\\u0041\"") + busy("\"second\"") + busy("[1, 2]") +
                         busy("null") + busy("3") + cancelled_reply("\"run\"") + pong("1"));
   EXPECT_EQ(state_.request_ids.count(), 1U);
+}
+
+TEST_F(StdioServer, AMessageWaitsFor50MsForTheCallsEnd) {
+  mode_.set(testing::kChildHang);
+  const testing::JoinWatch waits;
+  std::uint32_t waited_ms = 0;
+  EXPECT_EQ(serve({send(call("1") + "\n"), send(ping("2") + "\n"), await_output(busy("2")),
+                   then([&] { waited_ms = testing::JoinWatch::longest_ms(); }), send(cancel("1"))}),
+            busy("2") + cancelled_reply("1"));
+  EXPECT_EQ(waited_ms, 50U);
 }
 
 TEST_F(StdioServer, FramingErrorsAreAnsweredWhileACallRuns) {

@@ -21,6 +21,9 @@ using testing::write_file;
 /// Longer than any disk takes: a test of many writers loses nothing on a slow machine.
 constexpr std::uint32_t kPatienceMs = 600000;
 
+// What operators are told.
+static_assert(kRecordWaitMs == 2000);
+
 TEST(AppendRecord, CreatesAndAppends) {
   const TemporaryDirectory directory;
   const std::string path = directory.file("audit \xc3\xa9.jsonl");

@@ -7,6 +7,7 @@
 
 #include "platform/clock.h"
 #include "support/current_thread.h"
+#include "support/shortest.h"
 
 namespace kova {
 namespace {
@@ -50,6 +51,15 @@ TEST(Thread, JoinWithinWaitsAsLongAsItMay) {
   EXPECT_TRUE(gate.left);
   EXPECT_FALSE(thread.joinable());
   EXPECT_TRUE(thread.join_within(0));
+}
+
+TEST(Thread, JoinWithinWaitsNoLongerThanItMay) {
+  Gate gate;
+  Thread thread;
+  ASSERT_TRUE(thread.start(pass_gate, &gate));
+  const auto wait = [&thread] { EXPECT_FALSE(thread.join_within(10)); };
+  EXPECT_LT(testing::shortest_ms(1000, wait), 1000U);
+  gate.open = true;
 }
 
 TEST(Thread, AnEndedThreadIsFoundByPolling) {

@@ -12,6 +12,7 @@
 
 #include "platform/console.h"
 #include "support/child_modes.h"
+#include "support/posix/child_modes.h"
 #include "support/posix/system_call_failure.h"
 
 namespace kova {
@@ -120,6 +121,20 @@ TEST(PrepareProcess, GivesAChildItsNameAndTheSignalOfItsParentsEnd) {
   child.wait();
   EXPECT_EQ(child.collect(), 0U);
   EXPECT_EQ(text, "kova-unit-tests signal " + std::to_string(SIGKILL) + "\n");
+}
+
+// The signal that was asked for too late never comes. The orphan becomes a child of this process.
+TEST(PrepareProcess, DoesNotReturnWhenTheParentHasEnded) {
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  ChildProcess parent;
+  ASSERT_TRUE(parent.start(testing::kChildOrphaning));
+  parent.wait();
+  EXPECT_EQ(parent.collect(), 0U);
+  int status = 0;
+  EXPECT_GT(waitpid(-1, &status, 0), 0);
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 0), 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
 }
 
 // A process that somebody else started does not end with that one.

@@ -22,6 +22,7 @@
 #include "support/posix/file_mode.h"
 #include "support/posix/flush_watch.h"
 #include "support/posix/system_call_failure.h"
+#include "support/shortest.h"
 #include "support/temporary_directory.h"
 
 namespace kova {
@@ -30,6 +31,7 @@ namespace {
 using testing::FlushWatch;
 using testing::mode_of;
 using testing::read_file;
+using testing::shortest_ms;
 using testing::SystemCall;
 using testing::SystemCallFailure;
 using testing::TemporaryDirectory;
@@ -88,6 +90,17 @@ TEST(AppendRecordPosix, AForeignLockDelaysTheRecordAndLosesNothing) {
     EXPECT_GE(tick_ms() - start, 30U);
     EXPECT_EQ(read_file(path), "kept\r\n");
   }
+}
+
+TEST(AppendRecordPosix, TheWaitForALockIsAsLongAsItMayBe) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit.jsonl");
+  const Descriptor holder(path);
+  ASSERT_EQ(flock(holder.number, LOCK_EX | LOCK_NB), 0);
+  EXPECT_LT(shortest_ms(1000, [&] { append_record(path.c_str(), "x\r\n", 10); }), 1000U);
+  const std::uint64_t unsaid = shortest_ms(8000, [&] { append_record(path.c_str(), "x\r\n"); });
+  EXPECT_GE(unsaid, kRecordWaitMs);
+  EXPECT_LT(unsaid, 8000U);
 }
 
 TEST(AppendRecordPosix, ALockThatIsReleasedEndsTheWait) {

@@ -3,20 +3,27 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
+#include "platform/clock.h"
 #include "platform/thread.h"
 #include "platform/win32/record_turn.h"
+#include "support/shortest.h"
 #include "support/temporary_directory.h"
 
 namespace kova {
 namespace {
 
 using testing::read_file;
+using testing::shortest_ms;
 using testing::TemporaryDirectory;
 using testing::write_file;
 
@@ -79,6 +86,76 @@ TEST_F(AppendRecordAfterAKilledWriter, WaitsUntilItsFileIsClosed) {
 TEST_F(AppendRecordAfterAKilledWriter, WaitsNoLongerThanForATurn) {
   append_record(path_.c_str(), "dropped\r\n", 10);
   EXPECT_EQ(read_file(path_), "");
+}
+
+/// Another thread that has the turn of a file until this object ends, or for a minute: a writer
+/// that waits for longer than it may does not hang.
+class LivingWriter {
+ public:
+  explicit LivingWriter(const std::string& path) : path_(std::filesystem::path(path).wstring()) {
+    thread_ = std::thread([this] { hold(); });
+    while (!has_turn_) yield_thread();
+  }
+  ~LivingWriter() {
+    let_go_.set_value();
+    thread_.join();
+  }
+  LivingWriter(const LivingWriter&) = delete;
+  LivingWriter& operator=(const LivingWriter&) = delete;
+
+  [[nodiscard]] bool has_turn() const { return has_turn_; }
+
+ private:
+  void hold() {
+    const RecordTurn turn(path_.c_str(), kRecordWaitMs);
+    has_turn_ = true;
+    let_go_.get_future().wait_for(std::chrono::minutes(1));
+    has_turn_ = false;
+  }
+
+  std::wstring path_;
+  std::promise<void> let_go_;
+  std::atomic<bool> has_turn_{false};
+  std::thread thread_;
+};
+
+// The system's clock moves in steps of up to 16 ms.
+constexpr std::uint64_t kStepMs = 16;
+
+TEST(AppendRecordWindows, AWriterThatKeepsItsTurnDelaysTheRecordAndLosesNothing) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit.jsonl");
+  const LivingWriter other(path);
+  const std::uint64_t start = tick_ms();
+  append_record(path.c_str(), "kept\r\n", 60);
+  EXPECT_GE(tick_ms() - start + kStepMs, 60U);
+  EXPECT_EQ(read_file(path), "kept\r\n");
+  EXPECT_TRUE(other.has_turn());
+}
+
+TEST(AppendRecordWindows, WithoutATurnTheFileIsTriedOnce) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit.jsonl");
+  write_file(path, "");
+  const LivingWriter other(path);
+  const HANDLE writer = CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
+                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  ASSERT_NE(writer, INVALID_HANDLE_VALUE);
+  append_record(path.c_str(), "dropped\r\n", 10);
+  CloseHandle(writer);
+  EXPECT_EQ(read_file(path), "");
+  EXPECT_TRUE(other.has_turn());
+}
+
+TEST(AppendRecordWindows, TheWaitForATurnIsAsLongAsItMayBe) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.file("audit.jsonl");
+  const LivingWriter other(path);
+  EXPECT_LT(shortest_ms(1000, [&] { append_record(path.c_str(), "x\r\n", 10); }), 1000U);
+  const std::uint64_t unsaid = shortest_ms(8000, [&] { append_record(path.c_str(), "x\r\n"); });
+  EXPECT_GE(unsaid + kStepMs, kRecordWaitMs);
+  EXPECT_LT(unsaid, 8000U);
+  EXPECT_TRUE(other.has_turn());
 }
 
 TEST(AppendRecordWindows, AReaderThatSharesCostsNoRecord) {
