@@ -92,15 +92,12 @@ TEST(AppendRecordPosix, AForeignLockDelaysTheRecordAndLosesNothing) {
   }
 }
 
-TEST(AppendRecordPosix, TheWaitForALockIsAsLongAsItMayBe) {
+TEST(AppendRecordPosix, TheWaitForALockIsNoLongerThanItMayBe) {
   const TemporaryDirectory directory;
   const std::string path = directory.file("audit.jsonl");
   const Descriptor holder(path);
   ASSERT_EQ(flock(holder.number, LOCK_EX | LOCK_NB), 0);
   EXPECT_LT(shortest_ms(1000, [&] { append_record(path.c_str(), "x\r\n", 10); }), 1000U);
-  const std::uint64_t unsaid = shortest_ms(8000, [&] { append_record(path.c_str(), "x\r\n"); });
-  EXPECT_GE(unsaid, kRecordWaitMs);
-  EXPECT_LT(unsaid, 8000U);
 }
 
 TEST(AppendRecordPosix, ALockThatIsReleasedEndsTheWait) {
