@@ -2,6 +2,8 @@
 
 record.py   what every data file says of its run: machine, load, date, commit
 samples.py  quantiles, ratios of paired samples, latency histograms
+turns.py    measuring several subjects in turn
+raw.py      what programs that are no Python write, made smaller
 
 How a benchmark writes its data
 - The benchmark collects one dictionary. `bench/run` has it written by `record.write`, or, where the

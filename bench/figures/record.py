@@ -1,9 +1,11 @@
 """What every data file says of its run, and how it is written.
 
-    python3 -m figures.record --data FILE --load-before LOAD [--parameter NAME=VALUE ...] PART ...
+    python3 -m figures.record --data FILE --load-before LOAD [--parameter NAME=VALUE ...]
+        [--reader plain|micro|http] PART ...
 
 merges the JSON objects of the files PART and writes them to FILE behind machine, date, commit and
-load. Exit codes: 0 written, 1 a part is missing or no object, 2 bad arguments.
+load; a reader of raw.py makes them smaller. Exit codes: 0 written, 1 a part is missing or not what
+it should be, 2 bad arguments.
 """
 
 from __future__ import annotations
@@ -19,6 +21,8 @@ import sys
 import textwrap
 from pathlib import Path
 from typing import Any
+
+from figures import raw
 
 ROOT = Path(__file__).resolve().parents[2]
 MEASURED = ("src", "sample", "bench", "deploy", "demo", "tests", "CMakeLists.txt",
@@ -80,13 +84,6 @@ def write(path: Path, data: dict[str, Any]) -> None:
     new.replace(path)
 
 
-def _part(path: Path) -> dict[str, Any]:
-    found = json.loads(path.read_text("utf-8"))
-    if not isinstance(found, dict):
-        raise ValueError("no JSON object")
-    return found
-
-
 def _parameter(text: str) -> "tuple[str, int | float | str]":
     name, equals, value = text.partition("=")
     if not name or not equals:
@@ -104,13 +101,14 @@ def main(arguments: "list[str]") -> int:
     parser.add_argument("--data", type=Path, required=True)
     parser.add_argument("--load-before", type=float, required=True)
     parser.add_argument("--parameter", type=_parameter, action="append", default=[])
+    parser.add_argument("--reader", choices=raw.READERS, default="plain")
     parser.add_argument("parts", type=Path, nargs="+")
     asked = parser.parse_args(arguments)
     found: dict[str, Any] = {}
     for path in asked.parts:
         try:
-            found.update(_part(path))
-        except (OSError, ValueError) as failure:
+            found.update(raw.READERS[asked.reader](path))
+        except (OSError, KeyError, ValueError) as failure:
             print(f"figures.record: {path}: {failure}", file=sys.stderr)
             return 1
     write(asked.data, document(asked.load_before, dict(asked.parameter), found))
