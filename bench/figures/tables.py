@@ -9,8 +9,9 @@ from typing import Callable
 
 from figures import aims, growth_tables, http_tables, micro_tables, peer_tables, process_tables
 from figures.dataset import Dataset, NoData
-from figures.markdown import BadDocument
+from figures.markdown import BadDocument, table
 from figures.run_line import run_line
+from scale import report
 
 Maker = Callable[[Dataset], str]
 TABLES: "dict[str, Maker]" = {
@@ -31,6 +32,7 @@ TABLES: "dict[str, Maker]" = {
     "peers-http": lambda data: http_tables.throughput(data["peers"]["http"]),
     "growth": growth_tables.summary,
     "growth-checks": growth_tables.checks,
+    "scale": lambda data: table(("", ""), report.rows(data["scale-linux"])),
 }
 OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
@@ -39,6 +41,11 @@ OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "growth": ["growth", "growth-checks"]}
 """What a benchmark prints at its end."""
 RUN = "run-"
+
+
+def benchmark_of(missing: NoData) -> str:
+    """The subcommand that writes the file: that of `scale` has the platform in its name."""
+    return str(missing).removesuffix("-linux")
 
 
 def make(name: str, data: Dataset) -> str:
@@ -50,4 +57,4 @@ def make(name: str, data: Dataset) -> str:
             return run_line(data[name.removeprefix(RUN)])
         return TABLES[name](data)
     except NoData as missing:
-        return f"(no data: `bench/run {missing}` has not been run)"
+        return f"(no data: `bench/run {benchmark_of(missing)}` has not been run)"
