@@ -3,6 +3,15 @@
 import net from 'node:net';
 
 const HEAD_END = '\r\n\r\n';
+const LAST_CHUNK = '0\r\n\r\n';
+// On a busy machine the worker of a call may end after its reply has come; a client asks again.
+const BUSY = '"code":-32000';
+
+/** Whether the whole body is there: by its length, by its last chunk, or because there is none. */
+function isWhole({ head, body }) {
+  if (/^transfer-encoding: chunked\r$/im.test(head)) return body.endsWith(LAST_CHUNK);
+  return body.length >= Number(/^content-length: (\d+)\r$/im.exec(head)?.[1] ?? 0);
+}
 
 export class HttpClient {
   #port;
@@ -10,6 +19,8 @@ export class HttpClient {
   #socket = null;
   #session = '';
   #lastId = 0;
+  /** Requests that came while the call before was not over, and were sent again. */
+  busyReplies = 0;
 
   constructor(port, token) {
     this.#port = port;
@@ -18,6 +29,7 @@ export class HttpClient {
       'Content-Type: application/json\r\nAccept: application/json, text/event-stream\r\n';
   }
 
+  /** A server without sessions gives no id, and none is sent. */
   async open() {
     this.#session = '';
     const answer = await this.ask('initialize', {
@@ -25,12 +37,13 @@ export class HttpClient {
       capabilities: {},
       clientInfo: { name: 'bench', version: '1' },
     });
-    this.#session = `Mcp-Session-Id: ${/^mcp-session-id: (.*)\r$/im.exec(answer.head)[1]}\r\n`;
+    const id = /^mcp-session-id: (.*)\r$/im.exec(answer.head)?.[1];
+    this.#session = id === undefined ? '' : `Mcp-Session-Id: ${id}\r\n`;
     await this.#exchange('{"jsonrpc":"2.0","method":"notifications/initialized"}', 'POST');
   }
 
   async close() {
-    await this.#exchange('', 'DELETE');
+    if (this.#session !== '') await this.#exchange('', 'DELETE');
     this.#socket?.destroy();
     this.#socket = null;
   }
@@ -40,6 +53,10 @@ export class HttpClient {
     this.#lastId += 1;
     const message = { jsonrpc: '2.0', id: this.#lastId, method, params };
     const answer = await this.#exchange(JSON.stringify(message), 'POST');
+    if (answer.body.includes(BUSY)) {
+      this.busyReplies += 1;
+      return this.ask(method, params);
+    }
     if (!answer.body.includes('"result"') || answer.body.includes('"isError":true')) {
       throw new Error(answer.head + answer.body);
     }
@@ -68,8 +85,7 @@ export class HttpClient {
           head: received.slice(0, end + 2),
           body: received.slice(end + HEAD_END.length),
         };
-        const length = Number(/^content-length: (\d+)\r$/im.exec(answer.head)?.[1] ?? 0);
-        if (answer.body.length < length) return;
+        if (!isWhole(answer)) return;
         if (/^connection: close\r$/im.test(answer.head)) {
           socket.destroy();
           this.#socket = null;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "rounds.h"
+#include "sample_file.h"
 #include "spawn.h"
 
 namespace kova_bench {
@@ -31,10 +32,11 @@ double milliseconds_since(Clock::time_point start) {
 }
 
 struct Options {
+  int rounds = 0;
   const char* floor = nullptr;
   const char* server = nullptr;
   std::string query;
-  int rounds = 0;
+  const char* data = nullptr;
 };
 
 double spawn_to_exit(const char* path, const char* argument = nullptr) {
@@ -74,9 +76,11 @@ double spawn_to_first_line(const char* path) {
   return ended ? milliseconds : -1;
 }
 
-bool measure(const std::vector<Subject>& subjects, int rounds) {
+bool measure(const char* group, const std::vector<Subject>& subjects, int rounds,
+             SampleFile& data) {
   const std::vector<Samples> samples = run_rounds(subjects, rounds);
   if (samples.empty()) return false;
+  data.group(group, subjects, samples);
   print_table(subjects, samples);
   std::printf("\n");
   return true;
@@ -88,37 +92,45 @@ std::string query_request(const std::string& sql) {
          sql + "\"}}}\n";
 }
 
-void print_resident(const char* when, const Spawned& server) {
-  std::printf("resident memory %s: %.2f MiB\n", when,
-              static_cast<double>(server.resident_bytes()) / 1048576.0);
+void record_resident(const char* when, const Spawned& server, SampleFile& data) {
+  const double mib = static_cast<double>(server.resident_bytes()) / 1048576.0;
+  data.number((std::string("resident MiB ") + when).c_str(), mib);
+  std::printf("resident memory %s: %.2f MiB\n\n", when, mib);
 }
 
-bool run(const Options& options) {
+bool measure_calls(const Options& options, SampleFile& data) {
   Spawned server;
   std::string line;
   if (!server.start(options.server) || !server.write(kInitialize) || !server.read_line(line)) {
     std::fprintf(stderr, "the server does not answer\n");
     return false;
   }
-  print_resident("after initialize", server);
-  std::vector<Subject> subjects{
+  record_resident("after initialize", server, data);
+  const std::string query = query_request(options.query);
+  const std::vector<Subject> subjects{
       {"floor: spawn, line, line, exit", [&] { return spawn_to_exit(options.floor); }},
       {"(a) kova_list_tables by policy", [&] { return call(server, kListTables); }},
       {"its worker alone, without the server",
-       [&] { return spawn_to_exit(options.server, "--tool-worker"); }}};
-  const std::string query = query_request(options.query);
-  if (!options.query.empty()) {
-    subjects.push_back({"(b) kova_query of one row", [&] { return call(server, query); }});
-  }
-  std::printf("\n");
-  if (!measure(subjects, options.rounds)) return false;
-  print_resident("after the calls", server);
-  std::printf("\n");
+       [&] { return spawn_to_exit(options.server, "--tool-worker"); }},
+      {"(b) kova_query of one row", [&] { return call(server, query); }}};
+  if (!measure("calls", subjects, options.rounds, data)) return false;
+  record_resident("after the calls", server, data);
+  return true;
+}
+
+bool measure_starts(const Options& options, SampleFile& data) {
   return measure(
+      "starts",
       {{"floor: spawn to first line", [&] { return spawn_to_first_line(options.floor); }},
        {"server: spawn to initialize's reply",
         [&] { return spawn_to_first_line(options.server); }}},
-      options.rounds);
+      options.rounds, data);
+}
+
+bool run(const Options& options) {
+  SampleFile data;
+  return data.open(options.data) && measure_calls(options, data) && measure_starts(options, data) &&
+         data.close();
 }
 
 }  // namespace
@@ -126,15 +138,12 @@ bool run(const Options& options) {
 }  // namespace kova_bench
 
 int main(int count, char** arguments) {
-  if (count != 4 && count != 5) {
-    std::fprintf(stderr, "usage: %s ROUNDS FLOOR SERVER [SELECT]\n", arguments[0]);
+  if (count != 6) {
+    std::fprintf(stderr, "usage: %s ROUNDS FLOOR SERVER SELECT DATA\n", arguments[0]);
     return 2;
   }
-  kova_bench::Options options;
-  options.rounds = std::atoi(arguments[1]);
-  options.floor = arguments[2];
-  options.server = arguments[3];
-  if (count == 5) options.query = arguments[4];
+  const kova_bench::Options options{static_cast<int>(std::strtol(arguments[1], nullptr, 10)),
+                                    arguments[2], arguments[3], arguments[4], arguments[5]};
   if (options.rounds < 1) {
     std::fprintf(stderr, "the number of rounds is at least 1\n");
     return 2;

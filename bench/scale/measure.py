@@ -62,12 +62,3 @@ def sockets_of_ports(ports: Iterable[int]) -> int:
     lines = Path("/proc/net/tcp").read_text("ascii").splitlines()[1:]
     fields = [line.split() for line in lines]
     return sum(field[1].rpartition(":")[2] in wanted and field[3] != "06" for field in fields)
-
-
-def machine() -> dict[str, Any]:
-    models = re.findall(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
-    total = re.match(r"MemTotal: +(\d+)", Path("/proc/meminfo").read_text("ascii"))
-    assert total is not None
-    return {"processor": models[0] if models else os.uname().machine,
-            "processors": len(os.sched_getaffinity(0)),
-            "memory_mib": round(int(total[1]) / MIB), "kernel": os.uname().release}

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import argparse
-import datetime
 import json
 import os
 import resource
@@ -15,13 +14,13 @@ from collections import Counter
 from pathlib import Path
 from typing import Any
 
+from figures import record, samples
 from harness import audit_files
 from harness.http_client import TOKEN
 from harness.waiting import wait_until
 from scale import measure, report
 from scale.stage import Stage
 
-ROOT = Path(__file__).resolve().parents[2]
 SESSIONS_OF_A_LISTENER = 16
 WEIGHTS = {"policy-answered call": 93.0, "query": 5.0, "cancelled query": 0.5,
            "leaves and comes anew": 1.5}
@@ -118,11 +117,11 @@ def load_phase(stage: Stage, clients: Clients, seconds: float) -> dict[str, Any]
     used = stage.processor_seconds()
     began = time.monotonic()
     clients.begin()
-    samples = []
+    held = []
     while (left := began + seconds - time.monotonic()) > 0:
         time.sleep(min(SAMPLE_SECONDS, left))
-        samples.append({"second": round(time.monotonic() - began, 1), **stage.servers_hold(),
-                        "haproxy": stage.front_holds(), "engine": stage.engine_holds()})
+        held.append({"second": round(time.monotonic() - began, 1), **stage.servers_hold(),
+                     "haproxy": stage.front_holds(), "engine": stage.engine_holds()})
     found = clients.results()
     took = time.monotonic() - began
     lists = [value for part in found for value in part["latencies"]]
@@ -130,13 +129,13 @@ def load_phase(stage: Stage, clients: Clients, seconds: float) -> dict[str, Any]
     after = stage.processor_seconds()
     return {"took_seconds": round(took, 2),
             "policy_answered_calls_a_second": round(len(lists) / took, 1),
-            "policy_answered_call": report.latency(lists), "query": report.latency(queries),
+            "policy_answered_call": samples.latency(lists), "query": samples.latency(queries),
             "queries": len(queries), "cancelled": sum(len(part["cancelled"]) for part in found),
-            "highest": {key: max(sample[key] for sample in samples) for key in
+            "highest": {key: max(sample[key] for sample in held) for key in
                         ("processes", "descriptors", "proportional_set_mib",
                          "private_written_mib")},
             "processor_seconds": {key: round(after[key] - used[key], 1) for key in used},
-            "counts": _sum(found), "faults": _faults(found), "samples": samples,
+            "counts": _sum(found), "faults": _faults(found), "samples": held,
             "ids": {kind: [name for part in found for name in part[kind]]
                     for kind in ("answered", "cancelled")}}
 
@@ -165,7 +164,7 @@ def _faults(parts: "list[dict[str, Any]]") -> "list[str]":
 
 def play(asked: argparse.Namespace, folder: Path) -> dict[str, Any]:
     chosen = parameters(asked)
-    before = os.getloadavg()[0]
+    before = record.load_average()
     stage = Stage(asked.build.resolve(), folder, asked.listeners)
     clients = None
     try:
@@ -186,30 +185,13 @@ def play(asked: argparse.Namespace, folder: Path) -> dict[str, Any]:
             clients.end()
         left = stage.close()
     phases = [idle["counts"], load["counts"], _sum(leaving)]
-    return {"machine": measure.machine(), "date": _now(), "commit": _commit(),
-            "load_average": [round(before, 2), round(os.getloadavg()[0], 2)],
-            "parameters": chosen, "listeners_alone": empty, "idle": idle, "load": load,
-            "ended": ended, "audit": audit,
-            **{name: sum(phase.get(key, 0) for phase in phases) for name, key in
-               {"initializes": "initializes", "refused_initializes": "refused initializes",
-                "wrong": "wrong", "lost": "lost"}.items()},
-            "faults": idle["faults"] + load["faults"] + _faults(leaving),
-            "left": {"sessions and workers": ended["processes"] - listeners, **left}}
-
-
-def _now() -> str:
-    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
-
-
-def _commit() -> str:
-    def git(*arguments: str) -> str:
-        done = subprocess.run(["git", "-C", str(ROOT), *arguments], capture_output=True, text=True,
-                              check=False)
-        return done.stdout.strip()
-    changed = git("status", "--porcelain", "--", "src", "sample", "bench", "deploy", "demo",
-                  "tests")
-    commit = git("rev-parse", "--short=12", "HEAD") or "unknown"
-    return commit + (" and changes" if changed else "")
+    return record.document(before, chosen, {
+        "listeners_alone": empty, "idle": idle, "load": load, "ended": ended, "audit": audit,
+        **{name: sum(phase.get(key, 0) for phase in phases) for name, key in
+           {"initializes": "initializes", "refused_initializes": "refused initializes",
+            "wrong": "wrong", "lost": "lost"}.items()},
+        "faults": idle["faults"] + load["faults"] + _faults(leaving),
+        "left": {"sessions and workers": ended["processes"] - listeners, **left}})
 
 
 def is_sound(data: dict[str, Any]) -> bool:
@@ -225,7 +207,7 @@ def main(arguments: "list[str]") -> int:
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, DESCRIPTORS), hard))
     with tempfile.TemporaryDirectory(prefix="scale-") as folder:
         data = play(asked, Path(folder))
-    report.write(asked.data, data)
+    record.write(asked.data, data)
     print(report.table(data))
     if is_sound(data):
         return 0

@@ -1,0 +1,60 @@
+"""The table of tables: what fills the marked regions of the documents, by name.
+
+A name that ends in * stands for one table of each data file: `run-linux`, `run-http`, ...
+"""
+
+from __future__ import annotations
+
+from typing import Callable
+
+from figures import aims, growth_tables, http_tables, micro_tables, peer_tables, process_tables
+from figures.dataset import Dataset, NoData
+from figures.markdown import BadDocument, table
+from figures.run_line import run_line
+from scale import report
+
+Maker = Callable[[Dataset], str]
+TABLES: "dict[str, Maker]" = {
+    "peers": peer_tables.summary,
+    "linux-calls": lambda data: process_tables.subjects(data["linux"]["calls"]),
+    "linux-starts": lambda data: process_tables.subjects(data["linux"]["starts"]),
+    "windows-calls": lambda data: process_tables.subjects(data["windows"]["calls"]),
+    "windows-starts": lambda data: process_tables.subjects(data["windows"]["starts"]),
+    "resident": process_tables.resident,
+    "aims": aims.table_of_aims,
+    "micro-parse": lambda data: micro_tables.group(data["micro"], "parse"),
+    "micro-take": lambda data: micro_tables.group(data["micro"], "take"),
+    "micro-numbers": lambda data: micro_tables.group(data["micro"], "numbers"),
+    "micro-reply-line": lambda data: micro_tables.group(data["micro"], "reply line"),
+    "micro-result-text": lambda data: micro_tables.group(data["micro"], "result text"),
+    "http-throughput": lambda data: http_tables.throughput(data["http"]["throughput"]),
+    "http-memory": lambda data: http_tables.memory(data["http"]["memory"]),
+    "peers-http": lambda data: http_tables.throughput(data["peers"]["http"]),
+    "growth": growth_tables.summary,
+    "growth-checks": growth_tables.checks,
+    "scale": lambda data: table(("", ""), report.rows(data["scale-linux"])),
+}
+OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
+                "windows": ["windows-calls", "windows-starts"],
+                "micro": [name for name in TABLES if name.startswith("micro-")],
+                "http": ["http-memory", "http-throughput"], "peers": ["peers", "peers-http"],
+                "growth": ["growth", "growth-checks"]}
+"""What a benchmark prints at its end."""
+RUN = "run-"
+
+
+def benchmark_of(missing: NoData) -> str:
+    """The subcommand that writes the file: that of `scale` has the platform in its name."""
+    return str(missing).removesuffix("-linux")
+
+
+def make(name: str, data: Dataset) -> str:
+    """The text of a region. One whose benchmark was never run says so."""
+    if not name.startswith(RUN) and name not in TABLES:
+        raise BadDocument(f"no table is named {name}")
+    try:
+        if name.startswith(RUN):
+            return run_line(data[name.removeprefix(RUN)])
+        return TABLES[name](data)
+    except NoData as missing:
+        return f"(no data: `bench/run {benchmark_of(missing)}` has not been run)"

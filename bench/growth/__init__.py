@@ -1,0 +1,10 @@
+"""How cost grows: `bench/run growth`.
+
+program.py   the arguments and the order of the measurements
+calls.py     rows, columns and bytes of calls over the standard streams
+sessions.py  sessions of a listener, and listeners
+`growth_bench.cpp` beside this folder measures keys and tokens.
+
+A series is {"name", "of", "unit", "items": [...], "samples": [[...] of each number of items]}; `of`
+says what is counted. Samples of one series are paired by round.
+"""

@@ -1,0 +1,64 @@
+"""All series of growth, in one run."""
+
+from __future__ import annotations
+
+import argparse
+import json
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+from figures import record
+from growth import calls, sessions
+from growth.series import Series
+from peers.stdio import Failed
+
+PARSER_ROUNDS = 10
+"""For each round of the others: a sample takes some tens of microseconds."""
+CALL_ROUNDS = 5
+"""A sample takes milliseconds."""
+OF = {"keys: parse": "keys of one object", "keys: check for duplicates": "keys of one object",
+      "pairs of tokens: parse": "pairs of tokens in a list"}
+
+
+def parse(arguments: "list[str]") -> argparse.Namespace:
+    parser = argparse.ArgumentParser(prog="bench/run growth", allow_abbrev=False)
+    parser.add_argument("--server", type=Path, required=True,
+                        help="an executable that nothing else runs")
+    parser.add_argument("--parser", type=Path, required=True, help="growth-bench")
+    parser.add_argument("--rounds", type=int, default=20)
+    parser.add_argument("--data", type=Path, required=True, help="the JSON file to be written")
+    return parser.parse_args(arguments)
+
+
+def of_messages(parser: Path, rounds: int) -> "list[Series]":
+    with tempfile.TemporaryDirectory(prefix="growth-") as folder:
+        path = Path(folder) / "parser.json"
+        subprocess.run([str(parser), str(rounds), str(path)], check=True)
+        found = json.loads(path.read_text("utf-8"))
+    return [Series(name, OF[name], "µs", {int(items): [value * 1000 for value in values]
+                                          for items, values in by_items.items()})
+            for name, by_items in found.items()]
+
+
+def main(arguments: "list[str]") -> int:
+    asked = parse(arguments)
+    before = record.load_average()
+    server = asked.server.resolve()
+    try:
+        found = [*of_messages(asked.parser, asked.rounds * PARSER_ROUNDS),
+                 *calls.of_results(server, asked.rounds * CALL_ROUNDS),
+                 *calls.of_bytes(server, asked.rounds * CALL_ROUNDS),
+                 *sessions.of_sessions(server, asked.rounds),
+                 *sessions.of_listeners(server, max(2, asked.rounds // 4))]
+    except (Failed, OSError, subprocess.CalledProcessError) as failure:
+        print(f"bench/run growth: {failure}", file=sys.stderr)
+        return 1
+    record.write(asked.data, record.document(before, {"rounds": asked.rounds},
+                                             {"series": [one.data() for one in found]}))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
