@@ -7,7 +7,8 @@ from __future__ import annotations
 
 from typing import Callable
 
-from figures import aims, growth_tables, http_tables, micro_tables, peer_tables, process_tables
+from figures import (aims, audit_tables, growth_tables, http_tables, micro_tables, peer_tables,
+                     process_tables)
 from figures.dataset import Dataset, NoData
 from figures.markdown import BadDocument, table
 from figures.run_line import run_line
@@ -30,6 +31,7 @@ TABLES: "dict[str, Maker]" = {
     "http-throughput": lambda data: http_tables.throughput(data["http"]["throughput"]),
     "http-memory": lambda data: http_tables.memory(data["http"]["memory"]),
     "peers-http": lambda data: http_tables.throughput(data["peers"]["http"]),
+    "audit": audit_tables.summary,
     "growth": growth_tables.summary,
     "growth-checks": growth_tables.checks,
     "scale": lambda data: table(("", ""), report.rows(data["scale-linux"])),
@@ -38,7 +40,7 @@ OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
                 "micro": [name for name in TABLES if name.startswith("micro-")],
                 "http": ["http-memory", "http-throughput"], "peers": ["peers", "peers-http"],
-                "growth": ["growth", "growth-checks"]}
+                "growth": ["growth", "growth-checks"], "audit": ["audit"]}
 """What a benchmark prints at its end."""
 RUN = "run-"
 

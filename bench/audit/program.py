@@ -1,0 +1,87 @@
+"""What an audit record costs: the same calls with and without one, of one session and of sixteen.
+
+Each session is a stdio server that is asked to describe no table: the call runs in a worker and is
+refused before any database is needed, so that only the server is measured. All sessions call at
+once; those with an audit share one file. Rounds with and without take turns.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import sys
+import tempfile
+import time
+from concurrent.futures import ThreadPoolExecutor
+from functools import partial
+from pathlib import Path
+
+from figures import record
+from figures.turns import by_turns
+from peers.stdio import BUSY, Failed, Program
+
+SESSIONS = (1, 16)
+CALLS = 320
+"""Of all sessions in a round."""
+
+
+def call(number: int) -> bytes:
+    return json.dumps({"jsonrpc": "2.0", "id": number, "method": "tools/call", "params": {
+        "name": "kova_describe_table", "arguments": {}}}).encode() + b"\n"
+
+
+def session(server: Path, environment: "dict[str, str]", calls: int) -> None:
+    with Program([str(server)], environment) as program:
+        for number in range(calls):
+            reply = program.exchange(call(number))
+            while BUSY in reply:  # The worker of the last call has not ended yet.
+                reply = program.exchange(call(number))
+            if b'"isError":true' not in reply:
+                raise Failed(f"unexpected reply: {reply[:200]!r}")
+
+
+def milliseconds_a_call(server: Path, environment: "dict[str, str]", sessions: int) -> float:
+    each = CALLS // sessions
+    began = time.monotonic()
+    with ThreadPoolExecutor(sessions) as pool:
+        for done in [pool.submit(session, server, environment, each) for _ in range(sessions)]:
+            done.result()
+    return (time.monotonic() - began) * 1000 / (each * sessions)
+
+
+def measured(server: Path, rounds: int) -> "list[dict[str, object]]":
+    found: "list[dict[str, object]]" = []
+    with tempfile.TemporaryDirectory(prefix="audit-") as folder:
+        audit = Path(folder) / "audit"
+        for sessions in SESSIONS:
+            times = by_turns({
+                name: partial(milliseconds_a_call, server, environment, sessions)
+                for name, environment in (("without", {}),
+                                          ("with", {"KOVA_MCP_AUDIT": str(audit)}))}, rounds)
+            found.append({"sessions": sessions, "without_ms": times["without"],
+                          "with_ms": times["with"]})
+        records = audit.read_bytes().count(b"\r\n")
+    calls = sum((rounds + 1) * (CALLS // sessions) * sessions for sessions in SESSIONS)
+    if records != calls:
+        raise Failed(f"{records} records of {calls} calls")
+    return found
+
+
+def main(arguments: "list[str]") -> int:
+    parser = argparse.ArgumentParser(prog="bench/run audit", allow_abbrev=False)
+    parser.add_argument("--server", type=Path, required=True)
+    parser.add_argument("--rounds", type=int, default=20)
+    parser.add_argument("--data", type=Path, required=True, help="the JSON file to be written")
+    asked = parser.parse_args(arguments)
+    before = record.load_average()
+    try:
+        found = measured(asked.server.resolve(), asked.rounds)
+    except (Failed, OSError) as failure:
+        print(f"bench/run audit: {failure}", file=sys.stderr)
+        return 1
+    record.write(asked.data, record.document(before, {"rounds": asked.rounds}, {"calls": found}))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
