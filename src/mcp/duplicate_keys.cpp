@@ -10,7 +10,8 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kComparedKeyCapacity = 256;
-constexpr int kKeyCapacity = kMessageTokenCapacity / 2;
+constexpr std::size_t kKeyCapacity = kMessageTokenCapacity / 2;
+constexpr std::size_t kFewKeys = 32;
 
 bool has_escape(std::string_view raw) {
   return raw.find('\\') != raw.npos;
@@ -66,14 +67,14 @@ int compare_keys(std::string_view a, std::string_view b) {
 /// let one message of 2,000 keys cost two million. Keys that somebody has chosen for their equal
 /// hashes cost no more than comparisons of texts. Nothing is allocated: a message has at most
 /// kKeyCapacity keys.
+template <std::size_t kCapacity>
 class KeySet {
  public:
   /// False for a member that is no pair of a key and a value.
   [[nodiscard]] bool collect(const JsonDoc& doc, int object) {
-    count_ = 0;
     JsonMembers members(doc, object);
     for (const JsonMember member : members) {
-      if (count_ == kKeyCapacity) return false;
+      if (count_ == kCapacity) return false;
       Key& next = keys_[count_];
       next.token = member.key;
       if (is_compared(doc, member.key, next.hash)) ++count_;
@@ -96,21 +97,30 @@ class KeySet {
 
  private:
   struct Key {
-    std::uint32_t hash = 0;
-    int token = 0;
+    std::uint32_t hash;
+    int token;
   };
 
-  Key keys_[kKeyCapacity];
-  int count_ = 0;
+  Key keys_[kCapacity];
+  std::size_t count_ = 0;
 };
+
+// Not inlined, so that an object of few keys needs no room on the stack for many.
+template <std::size_t kCapacity>
+[[gnu::noinline]] bool repeats_a_key(const JsonDoc& doc, int object) {
+  KeySet<kCapacity> keys;
+  return !keys.collect(doc, object) || keys.has_equal_pair(doc);
+}
 
 }  // namespace
 
 bool has_duplicate_keys(const JsonDoc& doc) {
-  KeySet keys;
   for (int token = 0; token < doc.count; ++token) {
     if (doc[token].type != JsonType::kObject) continue;
-    if (!keys.collect(doc, token) || keys.has_equal_pair(doc)) return true;
+    const bool few = static_cast<std::size_t>(doc[token].size) <= 2 * kFewKeys;
+    if (few ? repeats_a_key<kFewKeys>(doc, token) : repeats_a_key<kKeyCapacity>(doc, token)) {
+      return true;
+    }
   }
   return false;
 }
