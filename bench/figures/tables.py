@@ -7,7 +7,8 @@ from __future__ import annotations
 
 from typing import Callable
 
-from figures import aims, growth_tables, http_tables, micro_tables, peer_tables, process_tables
+from figures import (account_tables, aims, growth_tables, http_tables, micro_tables, peer_tables,
+                     process_tables)
 from figures.dataset import Dataset, NoData
 from figures.markdown import BadDocument
 from figures.run_line import run_line
@@ -29,6 +30,10 @@ TABLES: "dict[str, Maker]" = {
     "http-throughput": lambda data: http_tables.throughput(data["http"]["throughput"]),
     "http-memory": lambda data: http_tables.memory(data["http"]["memory"]),
     "peers-http": lambda data: http_tables.throughput(data["peers"]["http"]),
+    "account-totals": account_tables.totals,
+    "account-floor": lambda data: account_tables.stages(data, "empty program"),
+    "account-list": lambda data: account_tables.stages(data, "kova_list_tables"),
+    "account-query": lambda data: account_tables.stages(data, "kova_query"),
     "growth": growth_tables.summary,
     "growth-checks": growth_tables.checks,
 }
@@ -36,7 +41,8 @@ OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
                 "micro": [name for name in TABLES if name.startswith("micro-")],
                 "http": ["http-memory", "http-throughput"], "peers": ["peers", "peers-http"],
-                "growth": ["growth", "growth-checks"]}
+                "growth": ["growth", "growth-checks"],
+                "account-linux": [name for name in TABLES if name.startswith("account-")]}
 """What a benchmark prints at its end."""
 RUN = "run-"
 
