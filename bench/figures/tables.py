@@ -10,8 +10,9 @@ from typing import Callable
 from figures import (account_tables, aims, growth_tables, http_tables, micro_tables, peer_tables,
                      process_tables)
 from figures.dataset import Dataset, NoData
-from figures.markdown import BadDocument
+from figures.markdown import BadDocument, table
 from figures.run_line import run_line
+from scale import report
 
 Maker = Callable[[Dataset], str]
 TABLES: "dict[str, Maker]" = {
@@ -36,6 +37,7 @@ TABLES: "dict[str, Maker]" = {
     "account-query": lambda data: account_tables.stages(data, "kova_query"),
     "growth": growth_tables.summary,
     "growth-checks": growth_tables.checks,
+    "scale": lambda data: table(("", ""), report.rows(data["scale-linux"])),
 }
 OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
@@ -47,6 +49,11 @@ OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
 RUN = "run-"
 
 
+def benchmark_of(missing: NoData) -> str:
+    """The subcommand that writes the file: that of `scale` has the platform in its name."""
+    return str(missing).removesuffix("-linux")
+
+
 def make(name: str, data: Dataset) -> str:
     """The text of a region. One whose benchmark was never run says so."""
     if not name.startswith(RUN) and name not in TABLES:
@@ -56,4 +63,4 @@ def make(name: str, data: Dataset) -> str:
             return run_line(data[name.removeprefix(RUN)])
         return TABLES[name](data)
     except NoData as missing:
-        return f"(no data: `bench/run {missing}` has not been run)"
+        return f"(no data: `bench/run {benchmark_of(missing)}` has not been run)"

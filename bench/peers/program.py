@@ -20,6 +20,8 @@ PINGS = 200
 """In a batch; of ours each gets a new program, which takes 256 requests that are no tool calls."""
 QUERIES = 50
 WARM_UP = 20
+CLIENTS = [1, 2, 4, 8]
+"""Over HTTP."""
 MEMORY_CALLS = 300
 
 
@@ -152,6 +154,7 @@ def memory(peer: Peer) -> dict[str, Any]:
 def http(asked: argparse.Namespace, all_peers: "list[Peer]") -> dict[str, Any]:
     plan = http_plan.plan(asked.rounds, 0, [peer.http for peer in all_peers],
                           {peer.name: peer.query for peer in all_peers}, "query")
+    plan["clients"] = CLIENTS
     with tempfile.TemporaryDirectory(prefix="peers-") as folder:
         files = [Path(folder) / name for name in ("plan.json", "data.json")]
         files[0].write_text(json.dumps(plan), encoding="utf-8")

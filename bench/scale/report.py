@@ -5,10 +5,11 @@ from __future__ import annotations
 from typing import Any
 
 
-def table(data: dict[str, Any]) -> str:
+def rows(data: dict[str, Any]) -> "list[tuple[str, str]]":
+    """What was measured, and how much."""
     asked, idle, load = data["parameters"], data["idle"], data["load"]
     most, lists = load["highest"], load["policy_answered_call"]
-    rows = [
+    found = [
         ("listeners, sessions", f"{asked['listeners']}, {asked['sessions']}"),
         ("to open them all, s", idle["opening_seconds"]),
         ("idle: processes, descriptors",
@@ -34,5 +35,10 @@ def table(data: dict[str, Any]) -> str:
          data["left"]["sessions and workers"]),
         ("left at the end", ", ".join(f"{name} {count}" for name, count in data["left"].items())),
         ("load average before, after", f"{data['load_average'][0]}, {data['load_average'][1]}")]
-    width = max(len(name) for name, _ in rows)
-    return "\n".join(f"{name:<{width}}  {value}" for name, value in rows)
+    return [(name, str(value)) for name, value in found]
+
+
+def table(data: dict[str, Any]) -> str:
+    shown = rows(data)
+    width = max(len(name) for name, _ in shown)
+    return "\n".join(f"{name:<{width}}  {value}" for name, value in shown)

@@ -1,0 +1,185 @@
+"""One function for each kind of plot. Each draws series of plot_series.py into a new figure."""
+
+from __future__ import annotations
+
+from typing import Any
+
+from matplotlib.ticker import FuncFormatter, NullFormatter
+
+from figures.peer_tables import short_time
+from figures.style import Theme, colour, figure, short
+
+Series = "dict[str, Any]"
+SHARES = [1, 0.5, 0.1, 0.01, 0.001]
+
+
+def _plain_ticks(axis: Any) -> None:
+    axis.set_major_formatter(FuncFormatter(lambda value, _: f"{value:,.10g}"))
+    axis.set_minor_formatter(NullFormatter())
+
+
+def bars(series: Series, theme: Theme) -> Any:
+    """A bar with its value for each subject; on a logarithmic axis, which has no zero, a point
+    with its range."""
+    shown = series["bars"]
+    made, [axes] = figure(1, 1, 7.5, 0.75 + 0.5 * len(shown) + 0.5, series["title"])
+    names = [one["name"] for one in shown]
+    for place, one in enumerate(shown):
+        paint = colour(theme, one["name"], names)
+        if series["log"]:
+            axes.plot([one["low"], one["high"]], [place, place], color=paint, linewidth=7,
+                      alpha=0.45, solid_capstyle="butt")
+            axes.plot(one["value"], place, "o", color=paint, markersize=8)
+        else:
+            axes.barh(place, one["value"], color=paint, height=0.55)
+        axes.annotate(f"{short(one['value'])} {series['unit']}",
+                      (one["high"] or one["value"], place), xytext=(8, 0),
+                      textcoords="offset points", va="center", color=theme.ink)
+    axes.set_yticks(range(len(shown)), names)
+    axes.set_ylim(len(shown) - 0.4, -0.6)
+    axes.tick_params(axis="y", length=0)
+    highest = max(one["high"] or one["value"] for one in shown)
+    if series["log"]:
+        axes.set_xscale("log")
+        axes.set_xlim(min(one["low"] for one in shown) / 2, highest * 5)
+        _plain_ticks(axes.xaxis)
+    else:
+        axes.set_xlim(0, highest * 1.2)
+    axes.set_xlabel(series["axis"])
+    axes.grid(axis="x")
+    return made
+
+
+def distributions(series: Series, theme: Theme) -> Any:
+    """The share of requests that took longer than the time on the axis; both axes logarithmic."""
+    made, axes = figure(len(series["panels"]), 1, 9, 4.9, series["title"])
+    for one, panel in zip(axes, series["panels"]):
+        names = [line["name"] for line in panel["lines"]]
+        for line in panel["lines"]:
+            paint = colour(theme, line["name"], names)
+            shares = [max(share, SHARES[-1] / 2) for share in line["longer"]]
+            one.step([line["ms"][0], *line["ms"]], [1, *shares], where="post", color=paint,
+                     linewidth=1.6)
+        _label_medians(one, panel["lines"], names, theme)
+        one.set_title(panel["title"])
+        one.set_xscale("log")
+        one.set_yscale("log")
+        one.set_ylim(SHARES[-1], 1.1)
+        one.set_yticks(SHARES, [f"{100 * share:g} %" for share in SHARES])
+        one.yaxis.set_minor_formatter(NullFormatter())
+        _plain_ticks(one.xaxis)
+        one.set_xlabel("longer than, milliseconds")
+        one.grid()
+    axes[0].set_ylabel("share of the requests")
+    return made
+
+
+def _label_medians(axes: Any, lines: "list[dict[str, Any]]", names: "list[str]",
+                   theme: Theme) -> None:
+    """A legend that has the medians: curves cross, so that labels beside them would hide some."""
+    for line in lines:
+        axes.plot([], [], color=colour(theme, line["name"], names), linewidth=3,
+                  label=f"{line['name']}, median {short_time(line['median'])}")
+    axes.legend(loc="upper left", bbox_to_anchor=(0, -0.17), frameon=False, ncols=2, fontsize=8)
+
+
+def throughput(series: Series, theme: Theme) -> Any:
+    made, axes = figure(len(series["panels"]), 1, 9, 3.8, series["title"])
+    for one, panel in zip(axes, series["panels"]):
+        names = [line["name"] for line in panel["lines"]]
+        for line in panel["lines"]:
+            paint = colour(theme, line["name"], names)
+            one.plot(line["clients"], line["a_second"], color=paint, marker="o", linewidth=2)
+        clients = panel["lines"][0]["clients"]
+        _label_ends(one, [(line["name"], line["clients"][-1], line["a_second"][-1],
+                           colour(theme, line["name"], names)) for line in panel["lines"]])
+        one.set_title(panel["title"])
+        one.set_xscale("log", base=2)
+        one.set_xticks(clients, list(map(str, clients)))
+        one.set_xlim(clients[0] / 1.15, clients[-1] * 2.9)
+        one.set_ylim(0, None)
+        _plain_ticks(one.yaxis)
+        one.set_xlabel("clients")
+        one.grid()
+    axes[0].set_ylabel("requests a second")
+    return made
+
+
+def _label_ends(axes: Any, ends: "list[tuple[str, float, float, str]]") -> None:
+    """Labels beside the last points, moved apart where they would overlap."""
+    highest = max(y for _, _, y, _ in ends)
+    gap, last = highest * 0.075, float("-inf")
+    for name, x, y, paint in sorted(ends, key=lambda end: end[2]):
+        last = max(y, last + gap)
+        axes.annotate(f"{name} {short(y)}", (x, last), xytext=(7, 0), textcoords="offset points",
+                      va="center", color=paint, fontsize=9)
+
+
+def ratios(series: Series, theme: Theme) -> Any:
+    """Medians with quartiles; the aim is a line in the row that it holds for."""
+    targets = series["targets"]
+    rows = len(targets[0]["rows"])
+    made, axes = figure(len(targets), 1, 9.5, 1.5 + 0.5 * rows, series["title"])
+    for one, target in zip(axes, targets):
+        names = [row["name"] for row in target["rows"]]
+        for place, row in enumerate(target["rows"]):
+            _ratio(one, place, row, theme)
+            if row["name"] == series["aim_of"]:
+                _aim(one, place, target["aim"], theme)
+        one.axvline(1, color=theme.neutral, linewidth=1.5)
+        one.set_title(f"{target['title']}: the empty child takes {short(target['floor_ms'])} ms")
+        one.set_yticks(range(rows), names if one is axes[0] else [""] * rows)
+        one.set_ylim(rows - 0.4, -0.9)
+        one.set_xlim(0, max(row["high"] for row in target["rows"]) * 1.2)
+        one.tick_params(axis="y", length=0)
+        one.set_xlabel("times the empty child (median, quartiles)")
+        one.grid(axis="x")
+    return made
+
+
+def _ratio(axes: Any, place: int, row: "dict[str, Any]", theme: Theme) -> None:
+    axes.plot([row["low"], row["high"]], [place, place], color=theme.colours[0], linewidth=7,
+              alpha=0.45, solid_capstyle="butt")
+    axes.plot(row["value"], place, "o", color=theme.colours[0])
+    axes.annotate(short(row["value"]), (row["high"], place), xytext=(6, 0),
+                  textcoords="offset points", va="center", fontsize=9)
+
+
+def _aim(axes: Any, place: int, most: float, theme: Theme) -> None:
+    axes.plot([most, most], [place - 0.35, place + 0.35], color=theme.colours[1], linewidth=2)
+    axes.annotate(f"aim: at most {most:g}", (most, place - 0.35), xytext=(0, 2),
+                  textcoords="offset points", ha="left", va="bottom", fontsize=8,
+                  color=theme.colours[1])
+
+
+def growth(series: Series, theme: Theme) -> Any:
+    made, axes = figure(3, 2, 11, 7, series["title"])
+    for one, panel in zip(axes, series["panels"]):
+        one.set_xscale("log")
+        one.set_yscale("log")
+        for number, line in enumerate(panel["lines"]):
+            paint = theme.colours[number]
+            items, costs = line["items"], line["costs"]
+            one.plot(items, costs, color=paint, marker="o", markersize=4, linewidth=1.8,
+                     label=f"{line['name']}: exponent {line['exponent']:.2f}")
+            one.plot(items, [costs[-1] * item / items[-1] for item in items], color=paint,
+                     linestyle=":", linewidth=1)
+        if "bar" in panel:
+            _bar(one, panel, theme)
+        one.legend(loc="upper left", bbox_to_anchor=(0, -0.12), frameon=False, fontsize=8)
+        one.set_title(panel["title"])
+        every = sorted({item for line in panel["lines"] for item in line["items"]})
+        one.set_xticks([every[0], every[-1]], [f"{every[0]:,}", f"{every[-1]:,}"])
+        one.xaxis.set_minor_formatter(NullFormatter())
+        _plain_ticks(one.yaxis)
+        one.set_ylabel(panel["lines"][0]["unit"])
+        one.grid()
+    return made
+
+
+def _bar(axes: Any, panel: "dict[str, Any]", theme: Theme) -> None:
+    """What a check may take at most: a multiple of another line of the panel."""
+    times, of = panel["bar"]["times"], panel["bar"]["of"]
+    line = next(one for one in panel["lines"] if one["name"] == of)
+    axes.plot(line["items"], [times * cost for cost in line["costs"]], color=theme.neutral,
+              linestyle="--", linewidth=1.4, label=f"{times:g} times the {of}")

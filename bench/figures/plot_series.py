@@ -1,0 +1,118 @@
+"""What the plots show, taken out of the data files."""
+
+from __future__ import annotations
+
+from typing import Any
+
+from figures import aims, growth_tables, peer_tables
+from figures.dataset import Dataset
+from figures.samples import quantile, ratios
+
+OURS = "kova-mcp"
+FLOOR_NAMES = {"start": "empty program", "ping": "cat", "query": "empty child"}
+"""What the floor is, for each thing that is measured."""
+
+
+def _bar(name: str, value: float, low: "float | None" = None,
+         high: "float | None" = None) -> "dict[str, Any]":
+    return {"name": name, "value": value, "low": low, "high": high}
+
+
+def start(data: Dataset) -> "dict[str, Any]":
+    bars = []
+    for name, values in data["peers"]["start_ms"].items():
+        shown = FLOOR_NAMES["start"] if name == peer_tables.FLOOR else name
+        bars.append(_bar(shown, quantile(values, 0.5), quantile(values, 0.1),
+                         quantile(values, 0.9)))
+    return {"title": "From spawn to initialize", "axis": "milliseconds (median, 10 % to 90 %)",
+            "unit": "ms", "log": True, "bars": bars}
+
+
+def memory(data: Dataset) -> "dict[str, Any]":
+    bars = [_bar(name, held["highest_mib"]) for name, held in data["peers"]["memory"].items()]
+    return {"title": "Memory while one-row queries run",
+            "axis": "MiB, the highest proportional set of the server and its children",
+            "unit": "MiB", "log": False, "bars": bars}
+
+
+def _distribution(name: str, found: "dict[str, Any]") -> "dict[str, Any]":
+    """Shares of the samples that took longer than each limit; the last bucket has none."""
+    histogram, total = found["histogram"], found["count"]
+    longer, left = [], total
+    for count in histogram["counts"]:
+        left -= count
+        longer.append(round(left / total, 6))
+    return {"name": name, "ms": histogram["up_to_ms"], "longer": longer,
+            "median": found["median_ms"], "count": total}
+
+
+def latency(data: Dataset) -> "dict[str, Any]":
+    stdio = data["peers"]["stdio"]
+    panels = []
+    for workload, title in (("ping", "ping"), ("query", "one-row query")):
+        lines = [_distribution(FLOOR_NAMES[workload] if name == peer_tables.FLOOR else name, found)
+                 for name, found in stdio[workload].items()]
+        panels.append({"title": title, "lines": lines})
+    return {"title": "How many requests over stdio take longer", "panels": panels}
+
+
+def throughput(data: Dataset) -> "dict[str, Any]":
+    peers = data["peers"]
+    panels = []
+    for workload, title in (("ping", "ping"), ("query", "one-row query")):
+        rates = {name: peer_tables.a_second(peers, workload, name)
+                 for name in peer_tables.subject_names(peers)}
+        panels.append({"title": title, "lines": [
+            {"name": name, "clients": list(rate), "a_second": list(rate.values())}
+            for name, rate in rates.items()]})
+    return {"title": "Requests a second over HTTP", "panels": panels}
+
+
+def calls(data: Dataset) -> "dict[str, Any]":
+    targets = []
+    for target, title, aim in (("linux", "Linux", aims.AIMS[0][1]),
+                               ("windows", "Wine", aims.AIMS[1][1])):
+        group = data[target]["calls"]
+        floor = group[aims.FLOOR]
+        rows = []
+        for name, values in group.items():
+            if name != aims.FLOOR:
+                paired = ratios(values, floor)
+                rows.append(_bar(name, quantile(paired, 0.5), quantile(paired, 0.25),
+                                 quantile(paired, 0.75)))
+        targets.append({"title": title, "aim": aim, "rows": rows,
+                        "floor_ms": quantile(floor, 0.5)})
+    return {"title": "A tool call as a multiple of an empty child", "targets": targets,
+            "aim_of": aims.POLICY_CALL}
+
+
+PANELS = [
+    ("keys of one object", {"parse": "keys: parse",
+                            "check for duplicates": "keys: check for duplicates"}),
+    ("pairs of tokens in a list", {"parse": "pairs of tokens: parse"}),
+    ("bytes of one message", {"ping": "bytes: ping", "policy-answered call": "bytes: call"}),
+    ("rows or columns of a query", {"rows": "rows", "columns of 16 rows": "columns"}),
+    ("sessions: memory", {"of one listener": "sessions: memory",
+                          "of more listeners": "listeners: memory"}),
+    ("sessions: opening all", {"of one listener": "sessions: opening",
+                               "of more listeners": "listeners: opening"}),
+]
+"""The series that share a panel, by what they are called there."""
+
+
+def _line(data: Dataset, name: str, series_name: str) -> "dict[str, Any]":
+    series = growth_tables.series_named(data, series_name)
+    costs = growth_tables.medians(series)
+    # A listener of the series holds as many sessions as it takes.
+    each = 16 if series_name.startswith("listeners") else 1
+    return {"name": name, "unit": series["unit"], "costs": costs,
+            "items": [count * each for count in series["items"]],
+            "exponent": round(growth_tables.exponent(series["items"], costs), 2)}
+
+
+def growth(data: Dataset) -> "dict[str, Any]":
+    panels: "list[dict[str, Any]]" = [
+        {"title": title, "lines": [_line(data, name, series) for name, series in names.items()]}
+        for title, names in PANELS]
+    panels[0]["bar"] = {"times": aims.AIMS[3][1], "of": "parse"}
+    return {"title": "Cost against size; a dotted line is exactly linear", "panels": panels}
