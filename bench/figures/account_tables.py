@@ -11,6 +11,11 @@ DATA = "account-linux"
 HEAD = ("microseconds", "whole", "product runs", "engine runs", "neither", "processor: product",
         "engine", "page faults")
 WALL = ("product", "engine", "neither")
+FLOOR, LIST, QUERY = "empty program", "kova_list_tables", "kova_query"
+
+
+def wall(stage: "dict[str, Any]") -> float:
+    return sum(stage[part] for part in WALL)
 
 
 def stages(data: Dataset, subject: str) -> str:
@@ -27,7 +32,7 @@ def totals(data: Dataset) -> str:
     """The stages' sum next to the calls that nobody traced, and processor time next to the
     floor's."""
     subjects = data[DATA]["subjects"]
-    floor = total(next(iter(subjects.values())), "product_processor")
+    floor = total(subjects[FLOOR], "product_processor")
     rows = [(name, f"{one['undisturbed_us']:.0f}", f"{one['stages_us']:.0f}",
              f"{one['ratio']:.2f}", f"{total(one, 'product_processor') / floor:.2f}")
             for name, one in subjects.items()]
