@@ -122,7 +122,7 @@ bool run(int rounds, const char* path) {
 }  // namespace kova_bench
 
 int main(int count, char** arguments) {
-  const int rounds = count == 3 ? std::atoi(arguments[1]) : 0;
+  const int rounds = count == 3 ? static_cast<int>(std::strtol(arguments[1], nullptr, 10)) : 0;
   if (rounds < 1) {
     std::fprintf(stderr, "usage: %s ROUNDS DATA\n", arguments[0]);
     return 2;

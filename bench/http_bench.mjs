@@ -45,13 +45,14 @@ async function measure(subject, workload, count) {
     }),
   );
   const perSecond = (1000 * latencies.length) / (performance.now() - began);
+  const busy = clients.reduce((sum, client) => sum + client.busyReplies, 0);
   for (const client of clients) await client.close();
-  return { latencies, perSecond };
+  return { latencies, perSecond, busy };
 }
 
 /** Of every subject: requests a second by round, and all latencies. */
 async function compare(subjects, workload, count) {
-  const found = subjects.map(() => ({ perSecond: [], latencies: [] }));
+  const found = subjects.map(() => ({ perSecond: [], latencies: [], busy: 0 }));
   for (let round = -WARM_UP_ROUNDS; round < plan.rounds; round += 1) {
     const order = subjects.map((_, index) => index);
     if (round % 2 !== 0) order.reverse();
@@ -60,13 +61,15 @@ async function compare(subjects, workload, count) {
       if (round < 0) continue;
       found[index].perSecond.push(Number(batch.perSecond.toFixed(1)));
       found[index].latencies.push(...batch.latencies);
+      found[index].busy += batch.busy;
     }
   }
-  return found.map(({ perSecond, latencies }, index) => ({
+  return found.map(({ perSecond, latencies, busy }, index) => ({
     workload: workload.name,
     clients: count,
     subject: subjects[index].name,
     a_second: perSecond,
+    busy_replies: busy,
     microseconds: latencies,
   }));
 }

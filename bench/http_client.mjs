@@ -4,6 +4,8 @@ import net from 'node:net';
 
 const HEAD_END = '\r\n\r\n';
 const LAST_CHUNK = '0\r\n\r\n';
+// On a busy machine the worker of a call may end after its reply has come; a client asks again.
+const BUSY = '"code":-32000';
 
 /** Whether the whole body is there: by its length, by its last chunk, or because there is none. */
 function isWhole({ head, body }) {
@@ -17,6 +19,8 @@ export class HttpClient {
   #socket = null;
   #session = '';
   #lastId = 0;
+  /** Requests that came while the call before was not over, and were sent again. */
+  busyReplies = 0;
 
   constructor(port, token) {
     this.#port = port;
@@ -49,6 +53,10 @@ export class HttpClient {
     this.#lastId += 1;
     const message = { jsonrpc: '2.0', id: this.#lastId, method, params };
     const answer = await this.#exchange(JSON.stringify(message), 'POST');
+    if (answer.body.includes(BUSY)) {
+      this.busyReplies += 1;
+      return this.ask(method, params);
+    }
     if (!answer.body.includes('"result"') || answer.body.includes('"isError":true')) {
       throw new Error(answer.head + answer.body);
     }

@@ -1,5 +1,5 @@
 // Parsing and escaping next to simdjson and RapidJSON, on the same bytes. Benchmarks are named
-// GROUP/INPUT/CONTENDER, which table.py reads.
+// GROUP/INPUT/CONTENDER, which figures/raw.py reads.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>

@@ -142,8 +142,8 @@ int main(int count, char** arguments) {
     std::fprintf(stderr, "usage: %s ROUNDS FLOOR SERVER SELECT DATA\n", arguments[0]);
     return 2;
   }
-  const kova_bench::Options options{std::atoi(arguments[1]), arguments[2], arguments[3],
-                                    arguments[4], arguments[5]};
+  const kova_bench::Options options{static_cast<int>(std::strtol(arguments[1], nullptr, 10)),
+                                    arguments[2], arguments[3], arguments[4], arguments[5]};
   if (options.rounds < 1) {
     std::fprintf(stderr, "the number of rounds is at least 1\n");
     return 2;

@@ -10,6 +10,7 @@ readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytes
   curl jq haproxy locales systemd chromium lnav minisign)
 readonly -a MODELS=(spin)
 readonly -a COVERAGE=(gcovr)
+readonly -a BENCH=(python3-matplotlib)
 readonly -a PROXY=(nginx openssl)
 readonly -a MUTATION=(python3-clang)
 readonly -a RELEASE=(scdoc groff-base man-db lintian zsh logrotate dpkg-dev wixl msitools minisign
@@ -41,6 +42,8 @@ it prints the one command that installs them, and ends with exit code 1.
   coverage what writes the report of ./test --coverage
   release  what ./release and the rings release-* need, the validators that
            tests/release/package-lock.json pins included
+  bench    what the plots of bench/ are drawn with, and Node.js for bench/run peers, which installs
+           its peers itself
   index    Debian's package index, which the sample data is made from
 EOF
 }
@@ -126,7 +129,7 @@ install_node_packages() {
 }
 
 main() {
-  local group index='' test='' release=''
+  local group index='' test='' release='' bench=''
   local -a packages=()
   (($# > 0)) || refuse 'which group? try --help'
   for group in "$@"; do
@@ -149,11 +152,15 @@ main() {
         ;;
       models) packages+=("${MODELS[@]}") ;;
       coverage) packages+=("${COVERAGE[@]}") ;;
+      bench)
+        packages+=("${BENCH[@]}")
+        bench=1
+        ;;
       index) index=1 ;;
       *) refuse "unknown group $group; try --help" ;;
     esac
   done
-  [[ -z $test$release ]] || node_is_there || packages+=(nodejs npm)
+  [[ -z $test$release$bench ]] || node_is_there || packages+=(nodejs npm)
   ((${#packages[@]} == 0)) || install_packages "${packages[@]}"
   [[ -z $index ]] || fetch_index
   [[ -z $test ]] || install_node_packages interop

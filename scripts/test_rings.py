@@ -9,7 +9,7 @@
     ./test --coverage      the lines and branches of src/ that tests run, in build/coverage/report
 
   checks             layers, includes, platform conditions, formatting, no address in lock files,
-                     links of the documents
+                     links of the documents, plots and tables of the benchmarks
   unit-linux         unit tests, and what secrets leave on the stack
   unit-windows       the same of the Windows build, under Wine
   e2e-linux          end-to-end tests of the Linux executable
@@ -175,6 +175,13 @@ def python_ring(kind: str, preset: str, folder: str, chosen: str, *options: str,
     return Step(name, [Command(line, results)], needs, holds)
 
 
+def bench_tests() -> Command:
+    """Of the programs that make plots and tables; no figure is measured."""
+    results = LOGS / "checks-bench.xml"
+    return Command([PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider",
+                    f"--junitxml={results}", "tests/bench"], results)
+
+
 def chaos(target: str) -> Step:
     """A bounded run. It starts and ends Wine as it needs it, in a prefix of its own."""
     step = python_ring("chaos", target, "tests/chaos", "")
@@ -201,7 +208,10 @@ def rings(full: bool, quick: bool) -> list[Step]:
              [Command([PYTHON, "scripts/check_layers.py"], name="layers and includes"),
               Command(["scripts/check_format.sh"], name="formatting"),
               Command(["scripts/check_lock_files.sh"], name="lock files name no address"),
-              Command([PYTHON, "scripts/check_links.py"], name="links of the documents")]),
+              Command([PYTHON, "scripts/check_links.py"], name="links of the documents"),
+              Command(["bench/tables", "--check"], name="tables of the benchmarks"),
+              Command(["bench/plot", "--check"], name="plots of the benchmarks"),
+              bench_tests()]),
         unit("linux"),
         python_ring("e2e", "linux", "tests/e2e", quickest, *two),
         # Much of it waits until Wine has started a process.

@@ -6,8 +6,8 @@ from typing import Any
 
 from matplotlib.ticker import FuncFormatter, NullFormatter
 
-from figures.peer_tables import short_time
-from figures.style import Theme, colour, figure, short
+from figures.style import Theme, colour, figure
+from figures.wording import short, short_time
 
 Series = "dict[str, Any]"
 SHARES = [1, 0.5, 0.1, 0.01, 0.001]
@@ -52,7 +52,7 @@ def bars(series: Series, theme: Theme) -> Any:
 
 def distributions(series: Series, theme: Theme) -> Any:
     """The share of requests that took longer than the time on the axis; both axes logarithmic."""
-    made, axes = figure(len(series["panels"]), 1, 9, 4.9, series["title"])
+    made, axes = figure(len(series["panels"]), 1, 9, 5.3, series["title"])
     for one, panel in zip(axes, series["panels"]):
         names = [line["name"] for line in panel["lines"]]
         for line in panel["lines"]:
@@ -80,7 +80,7 @@ def _label_medians(axes: Any, lines: "list[dict[str, Any]]", names: "list[str]",
     for line in lines:
         axes.plot([], [], color=colour(theme, line["name"], names), linewidth=3,
                   label=f"{line['name']}, median {short_time(line['median'])}")
-    axes.legend(loc="upper left", bbox_to_anchor=(0, -0.17), frameon=False, ncols=2, fontsize=8)
+    axes.legend(loc="upper left", bbox_to_anchor=(0, -0.17), frameon=False, fontsize=8)
 
 
 def throughput(series: Series, theme: Theme) -> Any:
@@ -166,6 +166,8 @@ def growth(series: Series, theme: Theme) -> Any:
                      linestyle=":", linewidth=1)
         if "bar" in panel:
             _bar(one, panel, theme)
+        costs = [cost for line in panel["lines"] for cost in line["costs"]]
+        one.set_ylim(min(costs) / 2, max(costs) * 2)
         one.legend(loc="upper left", bbox_to_anchor=(0, -0.12), frameon=False, fontsize=8)
         one.set_title(panel["title"])
         every = sorted({item for line in panel["lines"] for item in line["items"]})

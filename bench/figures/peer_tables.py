@@ -7,14 +7,11 @@ from typing import Any
 from figures.dataset import Dataset
 from figures.markdown import table
 from figures.samples import quantile
+from figures.wording import short_time
 
 FLOOR = "floor"
 CLIENTS = (1, 8)
 """Those of the table; the plot shows all."""
-
-
-def short_time(milliseconds: float) -> str:
-    return f"{milliseconds * 1000:.0f} µs" if milliseconds < 0.9995 else f"{milliseconds:.2f} ms"
 
 
 def subject_names(peers: "dict[str, Any]") -> "list[str]":

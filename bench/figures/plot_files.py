@@ -15,7 +15,7 @@ from typing import Any
 from figures.dataset import ROOT
 
 PLOTS = ROOT / "bench" / "plots"
-MODULES = ("drawings.py", "style.py")
+MODULES = ("drawings.py", "style.py", "wording.py")
 MARK = re.compile(r"<!-- drawn from ([0-9a-f]{64}), drawing ([0-9a-f]{64}) -->\n")
 
 

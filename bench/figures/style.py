@@ -23,8 +23,10 @@ class Theme:
     """Of a floor."""
 
 
-LIGHT = Theme("light", "#ffffff", "#1f2328", "#d8dee4", ("#0072b2", "#d55e00", "#9b4f96"), "#6e7781")
-DARK = Theme("dark", "#0d1117", "#e6edf3", "#30363d", ("#56b4e9", "#e69f00", "#d8a0d4"), "#9198a1")
+LIGHT = Theme("light", "#ffffff", "#1f2328", "#d8dee4", ("#0072b2", "#d55e00", "#9b4f96"),
+              "#6e7781")
+DARK = Theme("dark", "#0d1117", "#e6edf3", "#30363d", ("#56b4e9", "#e69f00", "#d8a0d4"),
+             "#9198a1")
 THEMES = (LIGHT, DARK)
 FLOORS = ("cat", "empty program", "empty child")
 
@@ -45,13 +47,6 @@ def colour(theme: Theme, name: str, others: "list[str]") -> str:
     if name in FLOORS:
         return theme.neutral
     return theme.colours[[one for one in others if one not in FLOORS].index(name)]
-
-
-def short(value: float) -> str:
-    """A number of about three digits."""
-    if value >= 100:
-        return f"{value:,.0f}"
-    return f"{value:.1f}" if value >= 10 else f"{value:.2f}"
 
 
 def figure(columns: int, rows: int, width: float, height: float, title: str) -> "tuple[Any, Any]":

@@ -81,6 +81,10 @@ class Opened:
         self._next += 1
         return self._next
 
+    @property
+    def busy_replies(self) -> int:
+        return self._program.busy_replies
+
     def pings(self) -> "list[float]":
         if self.peer.takes_new_program:
             with Program(self.peer.stdio, self.peer.environment) as fresh:
@@ -131,8 +135,10 @@ def requests(floor: Path, all_peers: "list[Peer]", rounds: int) -> dict[str, Any
             pings[one.peer.name] = one.pings
             queries[one.peer.name] = one.queries
         found = {"ping": by_rounds(pings, rounds), "query": by_rounds(queries, rounds)}
-    return {workload: {name: samples.latency(values) for name, values in subjects.items()}
-            for workload, subjects in found.items()}
+        busy = {one.peer.name: one.busy_replies for one in opened}
+    return {"busy_replies": busy,
+            **{workload: {name: samples.latency(values) for name, values in subjects.items()}
+               for workload, subjects in found.items()}}
 
 
 # Memory and HTTP

@@ -1,0 +1,164 @@
+"""Reading, reducing and laying out figures."""
+
+from __future__ import annotations
+
+import json
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+from figures import growth_tables, markdown, raw, record, samples, turns, wording
+
+
+@pytest.mark.parametrize("values, share, expected", [
+    ([7], 0.5, 7), ([7], 0.0, 7), ([3, 1, 2], 0.5, 2), ([4, 3, 2, 1], 0.5, 2),
+    (list(range(1, 101)), 0.99, 99), (list(range(1, 101)), 1.0, 100), ([1, 2], 0.51, 2)])
+def test_quantile(values: "list[float]", share: float, expected: float) -> None:
+    assert samples.quantile(values, share) == expected
+
+
+def test_no_samples() -> None:
+    with pytest.raises(ValueError, match="no samples"):
+        samples.quantile([], 0.5)
+    assert samples.latency([]) == {
+        "count": 0, "median_ms": None, "p90_ms": None, "p99_ms": None, "p999_ms": None,
+        "highest_ms": None, "histogram": {"up_to_ms": [], "counts": []}}
+
+
+def test_ratios_are_paired() -> None:
+    assert samples.ratios([2, 9], [1, 3]) == [2, 3]
+    with pytest.raises(ValueError, match="2 samples against 1"):
+        samples.ratios([2, 9], [1])
+
+
+def test_histogram_buckets() -> None:
+    # Both ends of a bucket: 1,000 µs is its limit, 1,001 µs belongs to the next.
+    assert samples.histogram([0, 1, 1000, 1001, 1122]) == {
+        "up_to_ms": [0.001, 1.0, 1.122], "counts": [2, 1, 2]}
+
+
+def test_turns_go_forwards_and_backwards() -> None:
+    order: "list[str]" = []
+    found = turns.by_turns({"a": lambda: order.append("a"), "b": lambda: order.append("b")}, 2)
+    assert "".join(order) == "baabba"
+    assert {name: len(values) for name, values in found.items()} == {"a": 2, "b": 2}
+
+
+# Data files
+
+
+@pytest.mark.parametrize("value", [
+    {}, {"a": []}, {"a": list(range(200))}, {"a": [1.5, -2e-07, 3]}, {"a": ["x", "y"]},
+    {"a": "[\n 1,\n 2\n]"}, {"a": [[1, 2], [3]]}, {"a": [None, 1]}, {"ü": "µs"}])
+def test_text_is_the_same_json(value: "dict[str, Any]") -> None:
+    assert json.loads(record.text_of(value)) == value
+
+
+def test_lists_of_numbers_fill_lines() -> None:
+    lines = record.text_of({"a": list(range(200))}).splitlines()
+    assert len(lines) < 14 and max(map(len, lines)) <= record.WIDTH + len(' "a": [')
+
+
+def test_a_data_file_says_where_it_comes_from(tmp_path: Path) -> None:
+    part, data = tmp_path / "part.json", tmp_path / "new" / "data.json"
+    part.write_text('{"calls": {"floor": [1, 2]}}')
+    assert record.main(["--data", str(data), "--load-before", "0.5", "--parameter", "rounds=2",
+                        str(part)]) == 0
+    found = json.loads(data.read_text("utf-8"))
+    assert list(found) == ["machine", "date", "commit", "load_average", "parameters", "calls"]
+    assert set(found["machine"]) == {"processor", "processors", "memory_mib", "kernel",
+                                     "distribution"}
+    assert found["parameters"] == {"rounds": 2} and found["load_average"][0] == 0.5
+    assert [path.name for path in data.parent.iterdir()] == ["data.json"]
+
+
+@pytest.mark.parametrize("text", [None, "", "[1]", '{"a": 1'])
+def test_a_bad_part_replaces_nothing(text: "str | None", tmp_path: Path,
+                                     capsys: pytest.CaptureFixture[str]) -> None:
+    part, data = tmp_path / "part.json", tmp_path / "data.json"
+    data.write_text("old")
+    if text is not None:
+        part.write_text(text)
+    assert record.main(["--data", str(data), "--load-before", "1", str(part)]) == 1
+    assert data.read_text() == "old"
+    assert capsys.readouterr().err.startswith(f"figures.record: {part}: ")
+
+
+def micro_result(name: str, speed: float, index: int, **rest: Any) -> "dict[str, Any]":
+    return {"family_index": index, "run_name": name, "name": name, "bytes_per_second": speed,
+            "aggregate_name": "median", **rest}
+
+
+def test_micro_takes_medians_in_their_order(tmp_path: Path) -> None:
+    path = tmp_path / "micro.json"
+    path.write_text(json.dumps({"benchmarks": [
+        micro_result("parse/keys/other", 5.4, 2), micro_result("parse/keys/ours", 9, 1),
+        micro_result("parse/keys/ours", 1, 1, aggregate_name="mean")]}))
+    found = raw.micro(path)["bytes_a_second"]
+    assert found == {"parse": {"keys": {"ours": 9, "other": 5}}}
+    assert list(found["parse"]["keys"]) == ["ours", "other"]
+
+
+@pytest.mark.parametrize("results, message", [
+    ([], "no medians"),
+    ([micro_result("a/b/c", 1, 1, error_occurred=True, error_message="failed")], "a/b/c: failed")])
+def test_micro_refuses(results: "list[dict[str, Any]]", message: str, tmp_path: Path) -> None:
+    path = tmp_path / "micro.json"
+    path.write_text(json.dumps({"benchmarks": results}))
+    with pytest.raises(ValueError, match=message):
+        raw.micro(path)
+
+
+def test_http_ratios_are_those_of_the_rounds(tmp_path: Path) -> None:
+    path = tmp_path / "http.json"
+    common = {"workload": "ping", "clients": 1, "microseconds": [100, 200]}
+    path.write_text(json.dumps({"memory": [], "throughput": [
+        {**common, "subject": "a", "a_second": [10, 30, 20]},
+        {**common, "subject": "b", "a_second": [5, 10, 20]}]}))
+    first, last = raw.http(path)["throughput"]
+    assert (first["median_a_second"], first["ratio_to_last"], last["ratio_to_last"]) == (20, 2, 1)
+    assert "microseconds" not in first and first["latency"]["count"] == 2
+
+
+# Tables
+
+
+def test_table() -> None:
+    assert markdown.table(("", "ms"), [("a", 1), ("bcd", 22)]) == (
+        "|     | ms |\n|-----|---:|\n| a   |  1 |\n| bcd | 22 |")
+
+
+def test_a_row_is_not_too_wide() -> None:
+    fits = "x" * (markdown.WIDEST_ROW - 4)
+    assert len(markdown.table((fits,), []).splitlines()[0]) == markdown.WIDEST_ROW
+    with pytest.raises(ValueError, match="a row has 161 characters"):
+        markdown.table((fits + "x",), [])
+
+
+def test_regions_are_filled_and_nothing_else() -> None:
+    text = "a\n<!-- table one -->\nold\n<!-- end -->\nb\n<!-- table two -->\n<!-- end -->\nc\n"
+    filled = markdown.filled(text, lambda name: f"new {name}")
+    assert filled == ("a\n<!-- table one -->\nnew one\n<!-- end -->\nb\n"
+                      "<!-- table two -->\nnew two\n<!-- end -->\nc\n")
+    assert markdown.filled(filled, lambda name: f"new {name}") == filled
+
+
+@pytest.mark.parametrize("text", [
+    "<!-- table one -->\nold\n", "<!-- table one -->\n<!-- table two -->\n<!-- end -->\n"])
+def test_a_region_without_an_end(text: str) -> None:
+    with pytest.raises(markdown.BadDocument, match="the region of table one has no end"):
+        markdown.filled(text, lambda name: name)
+
+
+@pytest.mark.parametrize("power", [0.5, 1, 2])
+def test_exponent(power: float) -> None:
+    items = [1, 2, 4, 8]
+    assert growth_tables.exponent(items, [3 * item ** power for item in items]) == (
+        pytest.approx(power))
+
+
+@pytest.mark.parametrize("milliseconds, text", [
+    (0.0004, "0 µs"), (0.0576, "58 µs"), (0.9994, "999 µs"), (0.9995, "1.00 ms"), (612, "612 ms")])
+def test_short_time(milliseconds: float, text: str) -> None:
+    assert wording.short_time(milliseconds) == text
