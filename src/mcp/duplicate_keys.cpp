@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 namespace kova {
@@ -55,6 +56,11 @@ int compare_keys(std::string_view a, std::string_view b) {
   }
 }
 
+struct Key {
+  std::uint32_t hash;
+  int token;
+};
+
 /// The keys of one object that take part in the comparison.
 ///
 /// The keys are collected as indices of tokens, each with a hash of what it decodes to, and sorted
@@ -67,14 +73,16 @@ int compare_keys(std::string_view a, std::string_view b) {
 /// let one message of 2,000 keys cost two million. Keys that somebody has chosen for their equal
 /// hashes cost no more than comparisons of texts. Nothing is allocated: a message has at most
 /// kKeyCapacity keys.
-template <std::size_t kCapacity>
 class KeySet {
  public:
+  /// Takes as many keys as there is room for.
+  explicit KeySet(std::span<Key> room) : keys_(room) {}
+
   /// False for a member that is no pair of a key and a value.
   [[nodiscard]] bool collect(const JsonDoc& doc, int object) {
     JsonMembers members(doc, object);
     for (const JsonMember member : members) {
-      if (count_ == kCapacity) return false;
+      if (count_ == keys_.size()) return false;
       Key& next = keys_[count_];
       next.token = member.key;
       if (is_compared(doc, member.key, next.hash)) ++count_;
@@ -86,29 +94,26 @@ class KeySet {
     const auto compare = [&](const Key& a, const Key& b) {
       return compare_keys(doc.raw(a.token), doc.raw(b.token));
     };
-    Key* const end = keys_ + count_;
-    std::sort(keys_, end, [&](const Key& a, const Key& b) {
+    Key* const begin = keys_.data();
+    Key* const end = begin + count_;
+    std::sort(begin, end, [&](const Key& a, const Key& b) {
       return a.hash != b.hash ? a.hash < b.hash : compare(a, b) < 0;
     });
-    return std::adjacent_find(keys_, end, [&](const Key& a, const Key& b) {
+    return std::adjacent_find(begin, end, [&](const Key& a, const Key& b) {
              return a.hash == b.hash && compare(a, b) == 0;
            }) != end;
   }
 
  private:
-  struct Key {
-    std::uint32_t hash;
-    int token;
-  };
-
-  Key keys_[kCapacity];
+  std::span<Key> keys_;
   std::size_t count_ = 0;
 };
 
 // Not inlined, so that an object of few keys needs no room on the stack for many.
 template <std::size_t kCapacity>
 [[gnu::noinline]] bool repeats_a_key(const JsonDoc& doc, int object) {
-  KeySet<kCapacity> keys;
+  Key room[kCapacity];
+  KeySet keys(room);
   return !keys.collect(doc, object) || keys.has_equal_pair(doc);
 }
 
