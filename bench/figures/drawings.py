@@ -4,12 +4,14 @@ from __future__ import annotations
 
 from typing import Any
 
-from matplotlib.ticker import FuncFormatter, NullFormatter
+from matplotlib.ticker import FuncFormatter, LogLocator, NullFormatter
 
 from figures.style import Theme, colour, figure
 from figures.wording import short, short_time
 
 Series = "dict[str, Any]"
+FEW_DECADES = 30
+"""Below this ratio of its ends an axis may show no power of ten."""
 SHARES = [1, 0.5, 0.1, 0.01, 0.001]
 
 
@@ -168,6 +170,8 @@ def growth(series: Series, theme: Theme) -> Any:
             _bar(one, panel, theme)
         costs = [cost for line in panel["lines"] for cost in line["costs"]]
         one.set_ylim(min(costs) / 2, max(costs) * 2)
+        if max(costs) < FEW_DECADES * min(costs):
+            one.yaxis.set_major_locator(LogLocator(subs=(1, 2, 5)))
         one.legend(loc="upper left", bbox_to_anchor=(0, -0.12), frameon=False, fontsize=8)
         one.set_title(panel["title"])
         every = sorted({item for line in panel["lines"] for item in line["items"]})

@@ -33,7 +33,8 @@ def rows(data: dict[str, Any]) -> "list[tuple[str, str]]":
         ("wrong answers, lost answers", f"{data['wrong']}, {data['lost']}"),
         ("left after the clients: server processes beside the listeners",
          data["left"]["sessions and workers"]),
-        ("left at the end", ", ".join(f"{name} {count}" for name, count in data["left"].items())),
+        ("left at the end", ", ".join(f"{name} {count}" for name, count in data["left"].items()
+                                      if count) or "nothing"),
         ("load average before, after", f"{data['load_average'][0]}, {data['load_average'][1]}")]
     return [(name, str(value)) for name, value in found]
 

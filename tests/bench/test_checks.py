@@ -93,7 +93,8 @@ def test_files_that_are_no_plots(tree: Path, change_plots, fault: str) -> None:
 def test_code_that_draws_otherwise(tree: Path) -> None:
     change(tree / "bench" / "figures" / "style.py", '"#0072b2"', '"#0073b2"')
     code, output = check(tree, "plot")
-    assert code == 1 and output.count("by other code") == 12
+    plots = list((tree / "bench" / "plots").glob("*.svg"))
+    assert code == 1 and plots and output.count("by other code") == len(plots)
 
 
 def test_a_benchmark_that_has_never_run(tree: Path) -> None:
