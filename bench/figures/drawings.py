@@ -189,3 +189,33 @@ def _bar(axes: Any, panel: "dict[str, Any]", theme: Theme) -> None:
     line = next(one for one in panel["lines"] if one["name"] == of)
     axes.plot(line["items"], [times * cost for cost in line["costs"]], color=theme.neutral,
               linestyle="--", linewidth=1.4, label=f"{times:g} times the {of}")
+
+
+def stages(series: Series, theme: Theme) -> Any:
+    """A bar for each stage in the order of time, divided by who had a processor; a line across it
+    is what the floor takes for the same stage."""
+    rows = series["rows"]
+    made, [axes] = figure(1, 1, 9, 1.4 + 0.32 * len(rows), series["title"])
+    parts = (("product", "the product runs", theme.colours[0]),
+             ("engine", "the sample engine runs", theme.colours[1]),
+             ("neither", "neither: wakes, the disk, other programs", theme.faint))
+    ends = [0.0] * len(rows)
+    for part, label, paint in parts:
+        values = [row[part] for row in rows]
+        axes.barh(range(len(rows)), values, left=ends, color=paint, height=0.65, label=label)
+        ends = [end + value for end, value in zip(ends, values)]
+    for place, row in enumerate(rows):
+        axes.annotate(short(ends[place]), (ends[place], place), xytext=(5, 0),
+                      textcoords="offset points", va="center", fontsize=8)
+        if row["floor"] is not None:
+            axes.plot([row["floor"]] * 2, [place - 0.42, place + 0.42], color=theme.ink,
+                      linewidth=1.6, label="" if any(one["floor"] is not None
+                                                     for one in rows[:place]) else "the floor's")
+    axes.set_yticks(range(len(rows)), [row["name"] for row in rows])
+    axes.set_ylim(len(rows) - 0.4, -0.6)
+    axes.set_xlim(0, max(ends) * 1.1)
+    axes.tick_params(axis="y", length=0)
+    axes.set_xlabel(series["axis"])
+    axes.legend(loc="lower right", frameon=False, fontsize=8)
+    axes.grid(axis="x")
+    return made

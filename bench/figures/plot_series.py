@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from typing import Any
 
-from figures import aims, growth_tables, peer_tables
+from figures import account_tables, aims, growth_tables, peer_tables
 from figures.dataset import Dataset
 from figures.samples import quantile, ratios
 
@@ -116,3 +116,16 @@ def growth(data: Dataset) -> "dict[str, Any]":
         for title, names in PANELS]
     panels[0]["bar"] = {"times": aims.AIMS[3][1], "of": "parse"}
     return {"title": "Cost against size; a dotted line is exactly linear", "panels": panels}
+
+
+def account(data: Dataset) -> "dict[str, Any]":
+    """The stages of a query, and where the floor has the same stage its whole time."""
+    subjects = data[account_tables.DATA]["subjects"]
+    floor = {stage["name"]: account_tables.wall(stage)
+             for stage in subjects[account_tables.FLOOR]["stages"]}
+    query = subjects[account_tables.QUERY]
+    rows = [{"name": stage["name"], "floor": floor.get(stage["name"]),
+             **{part: stage[part] for part in account_tables.WALL}}
+            for stage in query["stages"] if account_tables.wall(stage) > 0]
+    return {"title": "Where the time of a one-row query goes",
+            "axis": f"microseconds of {query['stages_us']:,.0f} in all", "rows": rows}

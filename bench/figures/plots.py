@@ -34,6 +34,8 @@ PLOTS = [
          "Pings and one-row queries a second over HTTP against the number of clients"),
     Plot("calls", plot_series.calls, "ratios",
          "A tool call as a multiple of an empty child's time, on Linux and under Wine"),
+    Plot("account", plot_series.account, "stages",
+         "Where the time of a one-row query goes, stage by stage"),
     Plot("growth", plot_series.growth, "growth",
          "Cost against the number of keys, tokens, bytes, rows, columns, sessions and listeners"),
 ]

@@ -7,8 +7,8 @@ from __future__ import annotations
 
 from typing import Callable
 
-from figures import (aims, audit_tables, growth_tables, http_tables, micro_tables, peer_tables,
-                     process_tables)
+from figures import (account_tables, aims, audit_tables, growth_tables, http_tables, micro_tables,
+                     peer_tables, process_tables)
 from figures.dataset import Dataset, NoData
 from figures.markdown import BadDocument, table
 from figures.run_line import run_line
@@ -32,6 +32,10 @@ TABLES: "dict[str, Maker]" = {
     "http-memory": lambda data: http_tables.memory(data["http"]["memory"]),
     "peers-http": lambda data: http_tables.throughput(data["peers"]["http"]),
     "audit": audit_tables.summary,
+    "account-totals": account_tables.totals,
+    "account-floor": lambda data: account_tables.stages(data, account_tables.FLOOR),
+    "account-list": lambda data: account_tables.stages(data, account_tables.LIST),
+    "account-query": lambda data: account_tables.stages(data, account_tables.QUERY),
     "growth": growth_tables.summary,
     "growth-checks": growth_tables.checks,
     "scale": lambda data: table(("", ""), report.rows(data["scale-linux"])),
@@ -40,7 +44,8 @@ OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
                 "micro": [name for name in TABLES if name.startswith("micro-")],
                 "http": ["http-memory", "http-throughput"], "peers": ["peers", "peers-http"],
-                "growth": ["growth", "growth-checks"], "audit": ["audit"]}
+                "growth": ["growth", "growth-checks"], "audit": ["audit"],
+                "account-linux": [name for name in TABLES if name.startswith("account-")]}
 """What a benchmark prints at its end."""
 RUN = "run-"
 

@@ -31,21 +31,43 @@ constexpr bool stops_run(char byte) {
   return low || byte == '"' || byte == '\\';
 }
 
-/// One bit for each byte of the block that stops a run, the first byte's lowest.
+/// 0xFF for each byte of the block that stops a run.
 template <NonAscii kNonAscii>
-inline unsigned run_stops(__m128i block) {
+inline __m128i run_stop_bytes(__m128i block) {
   const __m128i quote = _mm_cmpeq_epi8(block, _mm_set1_epi8('"'));
   const __m128i backslash = _mm_cmpeq_epi8(block, _mm_set1_epi8('\\'));
   // Signed, a byte beyond ASCII is below every control byte; unsigned, above.
   const __m128i low = kNonAscii == NonAscii::kStops
                           ? _mm_cmplt_epi8(block, _mm_set1_epi8(0x20))
                           : _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8(0x1F)), block);
-  return static_cast<unsigned>(
-      _mm_movemask_epi8(_mm_or_si128(_mm_or_si128(quote, backslash), low)));
+  return _mm_or_si128(_mm_or_si128(quote, backslash), low);
+}
+
+/// One bit for each byte of the block that stops a run, the first byte's lowest.
+template <NonAscii kNonAscii>
+inline unsigned run_stops(__m128i block) {
+  return static_cast<unsigned>(_mm_movemask_epi8(run_stop_bytes<kNonAscii>(block)));
 }
 
 inline __m128i load_block(const char* p) {
   return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+
+/// Steps over groups of four blocks in which nothing stops a run, for long texts. Never reads at or
+/// beyond `end`.
+template <NonAscii kNonAscii>
+inline const char* skip_plain_groups(const char* p, const char* end) {
+  constexpr std::ptrdiff_t kGroup = 4 * kRunBlock;
+  const auto stops_at = [&](std::ptrdiff_t block) {
+    return run_stop_bytes<kNonAscii>(load_block(p + block * kRunBlock));
+  };
+  while (end - p >= kGroup) {
+    const __m128i stops = _mm_or_si128(_mm_or_si128(stops_at(0), stops_at(1)),
+                                       _mm_or_si128(stops_at(2), stops_at(3)));
+    if (_mm_movemask_epi8(stops) != 0) break;
+    p += kGroup;
+  }
+  return p;
 }
 
 /// The first byte at or after `p` that stops a run, or `end`. Never reads at or beyond `end`.

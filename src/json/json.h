@@ -33,6 +33,12 @@ inline constexpr int kMessageTokenCapacity = 4096;
 /// A value at this depth is the deepest that parses; the root's depth is 0.
 inline constexpr int kJsonDepthLimit = 128;
 
+/// Tokens that are enough for a text, at most `limit`: each has a byte of its own. An array of this
+/// size costs a short text less memory than one for the limit.
+[[nodiscard]] constexpr int json_token_count(std::string_view text, int limit) {
+  return text.size() < static_cast<std::size_t>(limit) ? static_cast<int>(text.size()) + 1 : limit;
+}
+
 /// A parsed text: tokens in document order, an object's keys and values alternately. Both arrays
 /// are the caller's.
 struct JsonDoc {

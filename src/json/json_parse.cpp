@@ -128,6 +128,10 @@ class Parser {
       const char* const block = p_;
       unsigned stops = run_stops<NonAscii::kStops>(load_block(block));
       p_ += kRunBlock;
+      if (stops == 0) {
+        p_ = skip_plain_groups<NonAscii::kStops>(p_, end_);
+        continue;
+      }
       // An escape of one letter is stepped over without looking at the block anew.
       while (stops != 0) {
         const int at = std::countr_zero(stops);

@@ -115,7 +115,7 @@ bool serve(const Request& request, RpcError& error) {
 bool parse_message(std::string_view message, const HeapArray<JsonToken>& tokens, JsonDoc& doc,
                    RpcError& error) {
   if (!tokens) return refuse(error, kInternalError, kServerMemoryLimit);
-  return (json_parse(message, tokens.data(), kMessageTokenCapacity, doc) &&
+  return (json_parse(message, tokens.data(), static_cast<int>(tokens.capacity()), doc) &&
           doc.is(0, JsonType::kObject) && !has_duplicate_keys(doc)) ||
          refuse(error, kParseError, "invalid, duplicate, deep, or oversized JSON message");
 }
@@ -127,7 +127,8 @@ bool check_message(const JsonDoc& doc, int id, ProtocolState& state, TextOut met
 }
 
 void dispatch(std::string_view message, ProtocolState& state, ToolContext& tools) {
-  const HeapArray<JsonToken> tokens(kMessageTokenCapacity);
+  const HeapArray<JsonToken> tokens(
+      static_cast<std::size_t>(json_token_count(message, kMessageTokenCapacity)));
   JsonDoc doc;
   RequestId id;
   RpcError error;

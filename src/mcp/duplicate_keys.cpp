@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 namespace kova {
@@ -10,7 +11,8 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kComparedKeyCapacity = 256;
-constexpr int kKeyCapacity = kMessageTokenCapacity / 2;
+constexpr std::size_t kKeyCapacity = kMessageTokenCapacity / 2;
+constexpr std::size_t kFewKeys = 32;
 
 bool has_escape(std::string_view raw) {
   return raw.find('\\') != raw.npos;
@@ -54,6 +56,11 @@ int compare_keys(std::string_view a, std::string_view b) {
   }
 }
 
+struct Key {
+  std::uint32_t hash;
+  int token;
+};
+
 /// The keys of one object that take part in the comparison.
 ///
 /// The keys are collected as indices of tokens, each with a hash of what it decodes to, and sorted
@@ -68,12 +75,14 @@ int compare_keys(std::string_view a, std::string_view b) {
 /// kKeyCapacity keys.
 class KeySet {
  public:
+  /// Takes as many keys as there is room for.
+  explicit KeySet(std::span<Key> room) : keys_(room) {}
+
   /// False for a member that is no pair of a key and a value.
   [[nodiscard]] bool collect(const JsonDoc& doc, int object) {
-    count_ = 0;
     JsonMembers members(doc, object);
     for (const JsonMember member : members) {
-      if (count_ == kKeyCapacity) return false;
+      if (count_ == keys_.size()) return false;
       Key& next = keys_[count_];
       next.token = member.key;
       if (is_compared(doc, member.key, next.hash)) ++count_;
@@ -85,32 +94,38 @@ class KeySet {
     const auto compare = [&](const Key& a, const Key& b) {
       return compare_keys(doc.raw(a.token), doc.raw(b.token));
     };
-    Key* const end = keys_ + count_;
-    std::sort(keys_, end, [&](const Key& a, const Key& b) {
+    Key* const begin = keys_.data();
+    Key* const end = begin + count_;
+    std::sort(begin, end, [&](const Key& a, const Key& b) {
       return a.hash != b.hash ? a.hash < b.hash : compare(a, b) < 0;
     });
-    return std::adjacent_find(keys_, end, [&](const Key& a, const Key& b) {
+    return std::adjacent_find(begin, end, [&](const Key& a, const Key& b) {
              return a.hash == b.hash && compare(a, b) == 0;
            }) != end;
   }
 
  private:
-  struct Key {
-    std::uint32_t hash = 0;
-    int token = 0;
-  };
-
-  Key keys_[kKeyCapacity];
-  int count_ = 0;
+  std::span<Key> keys_;
+  std::size_t count_ = 0;
 };
+
+// Not inlined, so that an object of few keys needs no room on the stack for many.
+template <std::size_t kCapacity>
+[[gnu::noinline]] bool repeats_a_key(const JsonDoc& doc, int object) {
+  Key room[kCapacity];
+  KeySet keys(room);
+  return !keys.collect(doc, object) || keys.has_equal_pair(doc);
+}
 
 }  // namespace
 
 bool has_duplicate_keys(const JsonDoc& doc) {
-  KeySet keys;
   for (int token = 0; token < doc.count; ++token) {
     if (doc[token].type != JsonType::kObject) continue;
-    if (!keys.collect(doc, token) || keys.has_equal_pair(doc)) return true;
+    const bool few = static_cast<std::size_t>(doc[token].size) <= 2 * kFewKeys;
+    if (few ? repeats_a_key<kFewKeys>(doc, token) : repeats_a_key<kKeyCapacity>(doc, token)) {
+      return true;
+    }
   }
   return false;
 }

@@ -22,6 +22,7 @@ constexpr std::uint32_t kTtlMinimumSeconds = 30;
 constexpr std::uint32_t kTtlLimitSeconds = 900;
 
 constexpr std::string_view kSchemaMessage = "MCP policy JSON/schema is invalid";
+constexpr std::string_view kMemoryMessage = "MCP policy memory limit";
 constexpr std::string_view kIdentityMessage = "MCP policy identity/version is invalid";
 
 constexpr std::string_view kKeys[] = {"version",
@@ -220,11 +221,12 @@ bool load_text(std::string_view bytes, McpPolicy& policy, PolicyReading& reading
   std::string_view text = bytes;
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   const std::size_t skipped = bytes.size() - text.size();
-  JsonToken tokens[kPolicyTokenCapacity];
+  const int capacity = json_token_count(text, kPolicyTokenCapacity);
+  const HeapArray<JsonToken> tokens(static_cast<std::size_t>(capacity));
+  if (!tokens) return refuse(error, kMemoryMessage);
   JsonDoc doc;
   std::size_t stopped = 0;
-  if (!json_parse(text, tokens, kPolicyTokenCapacity, doc, &stopped) ||
-      !doc.is(0, JsonType::kObject)) {
+  if (!json_parse(text, tokens.data(), capacity, doc, &stopped) || !doc.is(0, JsonType::kObject)) {
     set_place(bytes, skipped + stopped, reading);
     return refuse(error, kSchemaMessage);
   }
@@ -247,7 +249,7 @@ bool load_file(const char* path, McpPolicy& policy, TextOut error) {
   if (!check_size(file_size, error)) return false;
   const auto size = static_cast<std::size_t>(file_size);
   const HeapArray<char> bytes(size);
-  if (!bytes) return refuse(error, "MCP policy memory limit");
+  if (!bytes) return refuse(error, kMemoryMessage);
   if (!file.read(bytes.data(), size)) return refuse(error, "MCP policy read failed");
   PolicyReading reading;
   return load_text({bytes.data(), size}, policy, reading, error);

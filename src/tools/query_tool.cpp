@@ -3,7 +3,9 @@
 #include <cstring>
 
 #include "base/ascii.h"
+#include "base/heap_array.h"
 #include "base/text.h"
+#include "json/reply.h"
 #include "policy/quick_select.h"
 #include "policy/select_validator.h"
 #include "policy/sql_words.h"
@@ -42,9 +44,13 @@ bool terminate_statement(char* sql) {
 }
 
 bool query_tool(const ToolCall& call, ToolContext& context, ToolAnswer& answer) {
-  char sql[kSqlCapacity];
+  // On the heap, where a short statement leaves most pages untouched.
+  const HeapArray<char> text(kSqlCapacity);
+  if (!text) return refuse(answer.message, kServerMemoryLimit);
+  char* const sql = text.data();
   std::uint32_t max_rows = 0;
-  if (!read_arguments(call, sql, max_rows) || !quick_select_check(sql, check_trace(context))) {
+  if (!read_arguments(call, {sql, kSqlCapacity}, max_rows) ||
+      !quick_select_check(sql, check_trace(context))) {
     return refuse(answer.message,
                   "sql must be one bounded read-only SELECT; unknown fields are rejected; max_rows "
                   "must be 1..256");

@@ -1,20 +1,24 @@
 #include "platform/clock.h"
 
+#include <chrono>
 #include <ctime>
 
 namespace kova {
 
+// Not by gmtime_r(): the C library would first read the file of the local time zone.
 UtcTime utc_now() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  tm parts{};
-  gmtime_r(&now.tv_sec, &parts);
-  return {.year = static_cast<unsigned>(parts.tm_year + 1900),
-          .month = static_cast<unsigned>(parts.tm_mon + 1),
-          .day = static_cast<unsigned>(parts.tm_mday),
-          .hour = static_cast<unsigned>(parts.tm_hour),
-          .minute = static_cast<unsigned>(parts.tm_min),
-          .second = static_cast<unsigned>(parts.tm_sec),
+  const std::chrono::sys_seconds time{std::chrono::seconds(now.tv_sec)};
+  const auto day = std::chrono::floor<std::chrono::days>(time);
+  const std::chrono::year_month_day date(day);
+  const std::chrono::hh_mm_ss clock(time - day);
+  return {.year = static_cast<unsigned>(static_cast<int>(date.year())),
+          .month = static_cast<unsigned>(date.month()),
+          .day = static_cast<unsigned>(date.day()),
+          .hour = static_cast<unsigned>(clock.hours().count()),
+          .minute = static_cast<unsigned>(clock.minutes().count()),
+          .second = static_cast<unsigned>(clock.seconds().count()),
           .millisecond = static_cast<unsigned>(now.tv_nsec / 1000000)};
 }
 

@@ -449,10 +449,28 @@ TEST(JsonParseUtf8, SequencesCutByTheEndOfTheInput) {
     EXPECT_FALSE(parses(text)) << ::testing::PrintToString(text);
 }
 
+// Neither a text that parses nor one that does not needs more tokens than that.
+TEST(JsonParse, ATextHasNoMoreTokensThanBytes) {
+  EXPECT_EQ(json_token_count("", 4), 1);
+  EXPECT_EQ(json_token_count("[1]", 4), 4);
+  EXPECT_EQ(json_token_count("[12]", 4), 4);
+  EXPECT_EQ(json_token_count("[1,2]", 4), 4);
+  for (const std::string_view text : {"1"sv, "[]"sv, "{}"sv, "[[]]"sv, "[1,1,1]"sv, "{\"\":1}"sv,
+                                      "[[[["sv, "[1,1,"sv, "[{\"\":"sv, "1 1"sv}) {
+    const auto stopped_at = [&](int capacity) {
+      std::vector<JsonToken> tokens(static_cast<std::size_t>(capacity));
+      JsonDoc doc;
+      std::size_t stopped = 0;
+      return json_parse(text, tokens.data(), capacity, doc, &stopped) ? text.size() + 1 : stopped;
+    };
+    EXPECT_EQ(stopped_at(json_token_count(text, 64)), stopped_at(64)) << text;
+  }
+}
+
 // Runs of every length before a special byte: a scanner that takes several bytes at a time must
 // see each of them, wherever it stands.
 TEST(JsonParse, SpecialBytesAtEveryOffsetOfARun) {
-  for (std::size_t run = 0; run <= 70; ++run) {
+  for (std::size_t run = 0; run <= 150; ++run) {
     SCOPED_TRACE(run);
     const std::string plain(run, 'p');
     EXPECT_TRUE(parses("\"" + plain + "\""));

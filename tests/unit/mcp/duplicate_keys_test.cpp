@@ -164,10 +164,29 @@ TEST(DuplicateKeys, TheLargestObject) {
 }
 
 TEST(DuplicateKeys, ManyEqualKeys) {
-  for (const int count : {2, 17, 100, kMemberLimit}) {
+  for (const int count : {2, 17, 32, 33, 100, kMemberLimit}) {
     const std::vector<std::string> keys(static_cast<std::size_t>(count), "same");
     EXPECT_TRUE(duplicates(object_of(keys))) << count;
   }
+}
+
+// Few keys and many are looked at in two ways.
+TEST(DuplicateKeys, AnEqualPairAmongAnyNumberOfKeys) {
+  for (int count = 2; count <= 80; ++count) {
+    SCOPED_TRACE(count);
+    std::vector<std::string> keys = distinct_keys(count, "k");
+    EXPECT_FALSE(duplicates(object_of(keys)));
+    keys.back() = "\\u006b0";
+    EXPECT_TRUE(duplicates(object_of(keys)));
+  }
+}
+
+TEST(DuplicateKeys, KeysOfTheSameHashAmongMany) {
+  std::vector<std::string> keys = distinct_keys(100, "k");
+  keys.insert(keys.end(), {"costarring", "liquid"});
+  EXPECT_FALSE(duplicates(object_of(keys)));
+  keys.emplace_back("\\u0063ostarring");
+  EXPECT_TRUE(duplicates(object_of(keys)));
 }
 
 TEST(DuplicateKeys, ManyObjectsAndDeepOnes) {

@@ -53,6 +53,15 @@ TEST_F(QueryTool, AnswersWithTheRows) {
       << log;
 }
 
+TEST_F(QueryTool, WithoutMemoryForTheStatement) {
+  const std::string request =
+      R"({"jsonrpc":"2.0","id":7,"method":"tools/call","params":{"name":"kova_query",)"
+      R"("arguments":{"sql":"SELECT N FROM orders"}}})";
+  EXPECT_EQ(handle(request, 1), tool_error("server memory limit"));
+  EXPECT_TRUE(AllocationFailure::happened());
+  EXPECT_TRUE(library.statements().empty());
+}
+
 TEST_F(QueryTool, ArgumentsAreAnObjectOfKnownMembers) {
   for (const char* arguments :
        {"null", "[]", "\"SELECT 1\"", "5", "{}", R"({"max_rows":5})", R"({"sql":5})",
