@@ -17,6 +17,7 @@ LOOPBACK = "127.0.0.1"
 NAMES = f"localhost {LOOPBACK}"
 """The host names by which a client on this machine may reach the front end."""
 FIRST_PORT = 10000
+"""Below are the ports of many services."""
 PORTS_OF_ANY = Path("/proc/sys/net/ipv4/ip_local_port_range")
 
 

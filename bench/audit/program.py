@@ -8,7 +8,6 @@ once; those with an audit share one file. Rounds with and without take turns.
 from __future__ import annotations
 
 import argparse
-import json
 import sys
 import tempfile
 import time
@@ -19,6 +18,7 @@ from pathlib import Path
 from figures import record
 from figures.turns import by_turns
 from peers.stdio import BUSY, Failed, Program
+from peers.subjects import line
 
 SESSIONS = (1, 16)
 CALLS = 320
@@ -26,8 +26,7 @@ CALLS = 320
 
 
 def call(number: int) -> bytes:
-    return json.dumps({"jsonrpc": "2.0", "id": number, "method": "tools/call", "params": {
-        "name": "kova_describe_table", "arguments": {}}}).encode() + b"\n"
+    return line("tools/call", number, {"name": "kova_describe_table", "arguments": {}})
 
 
 def session(server: Path, environment: "dict[str, str]", calls: int) -> None:

@@ -1,7 +1,6 @@
 """Where the time of one call goes: `bench/run account`, Linux, as root.
 
 program.py   the arguments, the calls in turn, the check of the sum
-calls.py     the running server and the starter of the empty program, called and timed
 tracing.py   the kernel's trace of the processes that take part
 stages.py    the stages of a call, cut out of the trace
 

@@ -9,10 +9,11 @@ import time
 from pathlib import Path
 from typing import Any, Callable
 
-from call_account.calls import Floor, Server, tool_call
 from call_account.stages import FIGURES, Stage, cut, marks_of_call, marks_of_floor
 from call_account.tracing import Event, Trace, Unavailable
 from figures import record, samples
+from peers.stdio import Failed, Program
+from peers.subjects import line
 
 BLOCK = 10
 """Calls of a subject before the next one's turn."""
@@ -94,20 +95,26 @@ def threads_of(pid: int) -> "set[int]":
     return {int(name) for name in os.listdir(f"/proc/{pid}/task")}
 
 
+def tool_call(name: str, arguments: "dict[str, object]") -> bytes:
+    return line("tools/call", 1, {"name": name, "arguments": arguments})
+
+
 class Account:
     """The subjects of one run."""
 
     def __init__(self, asked: argparse.Namespace) -> None:
-        self.server = Server(asked.server)
-        self.floor = Floor(*asked.floor)
+        self.server = Program([str(asked.server)])
+        self.server.initialize()
+        # It starts the empty program for each line, and replies with the microseconds.
+        self.floor = Program([str(program) for program in asked.floor])
         self.engine = asked.engine
         self.driver = os.getpid()
         lists = tool_call("kova_list_tables", {})
         query = tool_call("kova_query", {"sql": asked.query})
         self.subjects = [
-            Subject("empty program", lambda: self.floor.call(lists), self._cut_floor),
-            Subject("kova_list_tables", lambda: self.server.call(lists), self._cut_call),
-            Subject("kova_query", lambda: self.server.call(query), self._cut_call)]
+            Subject("empty program", lambda: float(self.floor.exchange(lists)), self._cut_floor),
+            Subject("kova_list_tables", lambda: self.server.asked(lists), self._cut_call),
+            Subject("kova_query", lambda: self.server.asked(query), self._cut_call)]
 
     def run(self, calls: int) -> None:
         trace = Trace([self.driver, self.server.process.pid, self.floor.process.pid,
@@ -129,7 +136,9 @@ class Account:
         return cut(events, marks_of_floor(events, starter), pids_of(events, {starter}), set())[:-1]
 
     def _cut_call(self, events: "list[Event]") -> "list[Stage]":
-        marks = marks_of_call(events, self.driver, self.server.process.pid, self.server.input)
+        assert self.server.process.stdin is not None
+        marks = marks_of_call(events, self.driver, self.server.process.pid,
+                              self.server.process.stdin.fileno())
         return cut(events, marks, pids_of(events, {self.server.process.pid}),
                    pids_of(events, threads_of(self.engine)))
 
@@ -149,14 +158,15 @@ def parse(arguments: "list[str]") -> argparse.Namespace:
 def main(arguments: "list[str]") -> int:
     asked = parse(arguments)
     before = record.load_average()
-    account = Account(asked)
     try:
-        account.run(asked.calls)
-    except Unavailable as failure:
+        account = Account(asked)
+        try:
+            account.run(asked.calls)
+        finally:
+            account.close()
+    except (Failed, OSError, Unavailable) as failure:
         print(f"bench/run account: {failure}", file=sys.stderr)
         return 1
-    finally:
-        account.close()
     found = {subject.name: subject.account() for subject in account.subjects}
     record.write(asked.data, record.document(before, {"calls": asked.calls}, {"subjects": found}))
     apart = [name for name, subject in found.items() if abs(subject["ratio"] - 1) > AGREEMENT]

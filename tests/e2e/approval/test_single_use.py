@@ -4,12 +4,12 @@ from __future__ import annotations
 
 import errno
 import json
-import subprocess
 from pathlib import Path
 from typing import Iterator
 
 import pytest
 
+from harness import small_disks
 from harness.approval_tokens import SECRET, Token, token_for
 from harness.messages import WORKER_FAILED, call, tool_error_reply, tool_success_reply
 from harness.scripted_library import Script, ScriptedLibrary
@@ -230,12 +230,8 @@ def test_a_name_that_is_a_link(waiting, state, tmp_path, there):
 @pytest.fixture
 def small_disk(state: Path) -> Iterator[Path]:
     """The folder as a mounted file system with room for a few files."""
-    made = subprocess.run(["mount", "-t", "tmpfs", "-o", "nr_inodes=8,size=64k", "tmpfs",
-                           str(state)], capture_output=True, text=True)
-    if made.returncode != 0:
-        pytest.skip(f"needs to mount a file system: {made.stderr.strip()}")
-    yield state
-    subprocess.run(["umount", "-l", str(state)], check=True)
+    with small_disks.small_disk(state, "nr_inodes=8,size=64k"):
+        yield state
 
 
 def fill(folder: Path) -> list[Path]:
@@ -263,7 +259,7 @@ def test_a_full_disk(waiting, small_disk, engine):
 
 
 def test_a_disk_that_may_not_be_written(waiting, small_disk, engine):
-    subprocess.run(["mount", "-o", "remount,ro", str(small_disk)], check=True)
+    small_disks.remount(small_disk, "ro")
     waiting.expect_spent(token_for(STATEMENT).text)
     assert engine.calls() == []
 

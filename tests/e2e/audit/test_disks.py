@@ -3,7 +3,6 @@ replies and writes stay as they are, and the file keeps whole records alone."""
 
 from __future__ import annotations
 
-import subprocess
 from pathlib import Path
 from typing import Iterator
 
@@ -11,6 +10,7 @@ import pytest
 
 from harness.audit_files import records
 from harness.messages import call, tool_success_reply
+from harness.small_disks import remount, small_disk
 from harness.tool_calls import filtered, result_json
 from harness.write_calls import TOOL, WRITES, write_arguments
 
@@ -39,20 +39,13 @@ class Disk:
     def empty(self) -> None:
         self._filler.unlink()
 
-    def remount(self, how: str) -> None:
-        subprocess.run(["mount", "-o", f"remount,{how}", str(self.folder)], check=True)
-
 
 @pytest.fixture
 def disk(tmp_path: Path) -> Iterator[Disk]:
     folder = tmp_path / "disk"
     folder.mkdir()
-    made = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", str(folder)],
-                          capture_output=True, text=True, check=False)
-    if made.returncode != 0:
-        pytest.skip(f"needs to mount a file system: {made.stderr.strip()}")
-    yield Disk(folder)
-    subprocess.run(["umount", "-l", str(folder)], check=True)
+    with small_disk(folder, "size=64k"):
+        yield Disk(folder)
 
 
 def list_tables(server, number: int) -> None:
@@ -77,9 +70,9 @@ def test_a_disk_that_may_not_be_written(start, policy, disk):
     server = start(env={**policy(), "KOVA_MCP_AUDIT": disk.audit})
     server.initialize()
     list_tables(server, 1)
-    disk.remount("ro")
+    remount(disk.folder, "ro")
     list_tables(server, 2)
-    disk.remount("rw")
+    remount(disk.folder, "rw")
     list_tables(server, 3)
     assert [record["correlation_id"] for record in records(disk.audit)] == ["1", "3"]
 
@@ -93,7 +86,7 @@ def test_a_write_is_done_and_reported_without_its_record(start, policy, engine, 
     if how == "full":
         disk.fill()
     else:
-        disk.remount("ro")
+        remount(disk.folder, "ro")
     reply = server.ask(call(1, TOOL, write_arguments("DELETE FROM T")))
     assert reply == tool_success_reply("1", result_json())
     assert engine.queries() == [b"DELETE FROM T;"]
