@@ -174,7 +174,7 @@ class PolicyReader {
     if (!doc_.is(array, JsonType::kArray)) return false;
     names.count = 0;
     for (const int element : JsonElements(doc_, array)) {
-      if (names.count == NameList::kCapacity) return false;
+      if (names.count == std::size(names.names)) return false;
       char(&name)[kSafeNameCapacity] = names.names[names.count];
       if (!json_get_string(doc_, element, name) || !policy_safe_name(name) ||
           policy_list_contains(names, name)) {
