@@ -169,10 +169,10 @@ class PolicyReader {
     return value || doc_.raw(token) == "false";
   }
 
+  /// Adds the names to a list that is empty.
   [[nodiscard]] bool list(std::string_view key, NameList& names) const {
     const int array = find(key);
     if (!doc_.is(array, JsonType::kArray)) return false;
-    names.count = 0;
     for (const int element : JsonElements(doc_, array)) {
       if (names.count == std::size(names.names)) return false;
       char(&name)[kSafeNameCapacity] = names.names[names.count];
