@@ -113,6 +113,16 @@ TEST(CheckTrace, TheWriteCheck) {
   }
 }
 
+TEST(CheckTrace, WritesThatThePolicyDisables) {
+  const auto policy = loaded_policy();
+  const auto write = std::make_unique<ClassifiedWrite>();
+  char message[256] = "";
+  CheckTrace trace;
+  EXPECT_FALSE(write_classify(*policy, "DELETE FROM T", *write, message, &trace));
+  EXPECT_EQ(trace.check, "writes_enabled");
+  EXPECT_EQ(trace.offset, CheckTrace::kNowhere);
+}
+
 TEST(CheckTrace, ALongWordBeginsWhereItBegins) {
   const std::string sql = "12a" + std::string(200, 'b') + ", c";
   std::string_view rest = sql;
