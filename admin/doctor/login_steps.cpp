@@ -27,8 +27,8 @@ constexpr StepTexts kSteps[] = {
      .name = "login.resolve",
      .passed = "the host has an address",
      .failed = "{} cannot be resolved",
-     .advice = "see KOVA_MCP_SERVER for a typing error, KOVA_MCP_PORT for digits, and whether "
-               "this machine reaches its name server"},
+     .advice = "see KOVA_MCP_SERVER for a typing error, KOVA_MCP_PORT for a number or a service's "
+               "name that this machine knows, and whether it reaches its name server"},
     {.step = LoginStep::kConnect,
      .name = "login.connect",
      .passed = "a connection is taken",

@@ -25,17 +25,17 @@ namespace {
 
 constexpr std::uint64_t kPortLimit = 65535;
 
-void check_port(const char* option, const std::string& text) {
+/// The listener's port is a number; the engine's is a text that the resolver reads.
+void check_http_port(const std::string& text) {
   const std::uint64_t port = whole_decimal(text).value_or(0);
   if (port < 1 || port > kPortLimit) {
-    throw Refusal(fmt::format("{}: {} is no port", option, text));
+    throw Refusal(fmt::format("--http-port: {} is no port", text));
   }
 }
 
 /// The engine's tables; none when it is not to be asked.
 Names offered_tables(const InitOptions& options, const Setup& setup) {
   const LoginInUse login(setup);
-  check_port("--port", setup.port);
   return options.offline ? Names() : engine_tables();
 }
 
@@ -96,7 +96,7 @@ int run(const InitOptions& options) {
   check_folder(setup);
   const Names offered = offered_tables(options, setup);
   ask_for_policy(options, offered, setup);
-  check_port("--http-port", setup.http_port);
+  check_http_port(setup.http_port);
   check_values(setup);
   const std::vector<std::string> files = write_deployment(setup);
   try {

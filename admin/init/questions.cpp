@@ -94,7 +94,7 @@ void add_texts(CommandParser& parser, InitOptions& options) {
                        const char* type) { parser.add_option(name, value, text).type_name(type); };
   add("--folder", options.folder, "The folder to write into", "FOLDER");
   add("--server", options.server, "The engine's host", "HOST");
-  add("--port", options.port, "The engine's port", "PORT");
+  add("--port", options.port, "The engine's port or service name", "PORT");
   add("--database", options.database, "The database", "NAME");
   add("--user", options.user, "The login's user", "NAME");
   add("--password-file", options.password_file,
@@ -129,7 +129,7 @@ void ask_for_login(const InitOptions& options, Setup& setup) {
   // A separator at the end leaves an empty last part.
   setup.folder = (absolute.has_filename() ? absolute : absolute.parent_path()).string();
   setup.server = value_of("--server", options.server, "Where the engine is: host", "127.0.0.1");
-  setup.port = value_of("--port", options.port, "Its port", "");
+  setup.port = value_of("--port", options.port, "Its port or service name", "");
   setup.database = value_of("--database", options.database, "Database", "");
   setup.user = value_of("--user", options.user, "Login: user", "");
   setup.password = password_of(options);

@@ -14,7 +14,7 @@ using Names = std::vector<std::string>;
 struct Setup {
   std::string folder;  ///< absolute and canonical
   std::string server;  ///< the engine's host
-  std::string port;
+  std::string port;    ///< the engine's: a number or a service's name
   std::string database;
   std::string user;
   SecretText password;

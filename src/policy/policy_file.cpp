@@ -169,12 +169,12 @@ class PolicyReader {
     return value || doc_.raw(token) == "false";
   }
 
+  /// Adds the names to a list that is empty.
   [[nodiscard]] bool list(std::string_view key, NameList& names) const {
     const int array = find(key);
     if (!doc_.is(array, JsonType::kArray)) return false;
-    names.count = 0;
     for (const int element : JsonElements(doc_, array)) {
-      if (names.count == NameList::kCapacity) return false;
+      if (names.count == std::size(names.names)) return false;
       char(&name)[kSafeNameCapacity] = names.names[names.count];
       if (!json_get_string(doc_, element, name) || !policy_safe_name(name) ||
           policy_list_contains(names, name)) {

@@ -37,9 +37,10 @@ class Script:
     `Script().on("Next", "3", crash=True)`: the third KOVA_Next of a process
     `Script().on("NewObject", null=True)`
 
-    What a rule may do, in this order: streams, leave, sleep (seconds), stdout, stderr, crash, hang,
-    exit_code. What it may return: null, result, status, columns, fields (a wrong column count),
-    rows, repeat (a list of (count, cells)). `times` limits it to that many calls of one process.
+    What a rule may do, in this order: streams, leave, sleep (seconds), locale, stdout, stderr,
+    crash, hang, exit_code. What it may return: null, result, status, columns, fields (a wrong
+    column count), rows, repeat (a list of (count, cells)). `times` limits it to that many calls of
+    one process.
     """
 
     def __init__(self) -> None:
@@ -51,7 +52,7 @@ class Script:
 
     def on(self, operation: str, text: "str | bytes | None" = None, *, prefix: bool = False,
            times: int | None = None, streams: bool = False, leave: bool = False,
-           sleep: float | None = None,
+           sleep: float | None = None, locale: str | None = None,
            stdout: "str | bytes | Repeat | None" = None,
            stderr: "str | bytes | Repeat | None" = None,
            crash: bool = False, hang: bool = False, exit_code: int | None = None,
@@ -70,7 +71,7 @@ class Script:
                 self._add(name)
         if sleep is not None:
             self._add("sleep", str(round(sleep * 1000)))
-        for name, value in (("stdout", stdout), ("stderr", stderr)):
+        for name, value in (("locale", locale), ("stdout", stdout), ("stderr", stderr)):
             if value is not None:
                 self._add(name, escape_field(value))
         for name, wanted in (("crash", crash), ("hang", hang), ("null", null)):

@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Iterable, Mapping, Sequence
+from typing import Iterable, Iterator, Mapping, Sequence
 
 from mutation.modules import ROOT
 
@@ -143,15 +143,24 @@ def session_members(session: int) -> list[Path]:
 def activity(session: int) -> tuple[int, bool]:
     """The processor time of a session so far, in ticks; whether a thread of it runs or could."""
     ticks, awake = 0, False
-    for member in session_members(session):
-        for stat in member.glob("task/*/stat"):
+    for fields in thread_states(session_members(session)):
+        awake = awake or fields[0] in "RDTt"
+        ticks += int(fields[11]) + int(fields[12])
+    return ticks, awake
+
+
+def thread_states(members: Iterable[Path]) -> Iterator[list[str]]:
+    """What the system says of each thread. Any of them, and its process, may end meanwhile."""
+    for member in members:
+        try:
+            threads = list((member / "task").iterdir())
+        except OSError:
+            continue
+        for thread in threads:
             try:
-                fields = stat.read_text().rpartition(")")[2].split()
+                yield (thread / "stat").read_text().rpartition(")")[2].split()
             except OSError:
                 continue
-            awake = awake or fields[0] in "RDTt"
-            ticks += int(fields[11]) + int(fields[12])
-    return ticks, awake
 
 
 def end_session(running: subprocess.Popen) -> None:

@@ -210,6 +210,7 @@ ChildProcess::~ChildProcess() {
 }
 
 bool ChildProcess::start(const char* argument) {
+  job_refused_ = false;
   Pipe input;
   Pipe output;
   if (!open_pipe(input, PIPE_ACCESS_OUTBOUND) || !open_pipe(output, PIPE_ACCESS_INBOUND)) {

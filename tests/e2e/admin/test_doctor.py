@@ -251,6 +251,11 @@ def test_a_host_without_an_address(examine: Examine) -> None:
     assert "no-such-host.invalid" in check["detail"] and "KOVA_MCP_SERVER" in check["advice"]
 
 
+def test_a_port_that_this_machine_does_not_know(examine: Examine) -> None:
+    check = expect_step(examine(KOVA_MCP_PORT="kova?"), "login.resolve")
+    assert "127.0.0.1:kova? cannot" in check["detail"] and "KOVA_MCP_PORT" in check["advice"]
+
+
 def test_an_engine_that_takes_no_connection(examine: Examine) -> None:
     with refused_port() as port:
         check = expect_step(examine(KOVA_MCP_PORT=port), "login.connect")

@@ -194,9 +194,11 @@ def test_nothing_is_overwritten(admin: Admin, options: Any, name: str) -> None:
     ({"user": "a,b"}, '--user: KOVA_MCP_USER holds one of ",'),
     ({"server": ""}, "--server: KOVA_MCP_SERVER is not set"),
     ({"port": "123456"}, "--port: KOVA_MCP_PORT has 6 bytes"),
-    ({"port": "65536"}, "--port: 65536 is no port"),
-    ({"port": "abc"}, "--port: abc is no port"),
+    ({"port": ""}, "--port: KOVA_MCP_PORT is not set"),
+    ({"port": "?"}, "login.resolve: 127.0.0.1:? cannot be resolved"),
     ({"http_port": "0"}, "--http-port: 0 is no port"),
+    ({"http_port": "65536"}, "--http-port: 65536 is no port"),
+    ({"http_port": "kova"}, "--http-port: kova is no port"),
     ({"database": "nowhere"}, "login.use"),
     ({"user": "nobody"}, "login.login"),
 ])
@@ -217,6 +219,18 @@ def test_an_engine_that_does_not_answer(admin: Admin, options: Any, engine: Engi
     assert not options["--folder"].exists()
     assert init(admin, options, "--offline").code == 0
     assert options["--folder"].is_dir()
+
+
+@pytest.mark.parametrize("port", ["kova", "65536", "0", "a'b", '$"`', "\u00e9 \\"])
+def test_a_port_is_any_text_that_the_server_takes(admin: Admin, options: Any, port: str) -> None:
+    """The resolver of the machine that the server runs on knows it, or not."""
+    assert init(admin, options, "--offline", port=port).code == 0
+    folder = options["--folder"]
+    report = report_of(admin.run("doctor", "--env", folder / "kova-mcp.env", "--json"))
+    assert report["login.settings"]["status"] == "ok"
+    [failed] = [name for name in ("login.resolve", "login.connect")
+                if report.checks.get(name, {}).get("status") == "fail"]
+    assert report[failed]["detail"].startswith(f"{LOOPBACK}:{port} ")
 
 
 def test_a_password_file_that_is_missing(admin: Admin, options: Any, tmp_path: Path) -> None:

@@ -140,6 +140,8 @@ bool add_action(Rule& rule, std::string_view name, std::string_view argument) {
     rule.actions.push_back({Act::kStreams, 0, {}});
   } else if (name == "leave") {
     rule.actions.push_back({Act::kLeave, 0, {}});
+  } else if (name == "locale") {
+    rule.actions.push_back({Act::kLocale, 0, unescaped(argument)});
   } else {
     return false;
   }

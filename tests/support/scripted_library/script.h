@@ -15,6 +15,8 @@
 //   streams                       logs what the process has open
 //   leave                         starts a process that has the same standard output and error and
 //                                 waits for good, and logs "left" with its number
+//   locale NAME                   sets the process's locale, and logs "locale" with the decimal
+//                                 point that numbers have from then on
 // What it returns (the defaults: success, status OK, no columns, no rows):
 //   null                          a null pointer, from the operations that make something
 //   result N                      of Exec, 64 bits
@@ -37,7 +39,7 @@ namespace scripted {
 using Text = std::optional<std::string>;
 
 enum class Match { kAny, kExact, kPrefix };
-enum class Act { kSleep, kCrash, kHang, kExit, kStdout, kStderr, kStreams, kLeave };
+enum class Act { kSleep, kCrash, kHang, kExit, kStdout, kStderr, kStreams, kLeave, kLocale };
 
 struct Action {
   Act act;

@@ -4,6 +4,7 @@
 // SCRIPTED_LIBRARY_SCRIPT names the script, read when the process makes its first call;
 // SCRIPTED_LIBRARY_LOG names the log: one line per call, the process id, the operation's name
 // behind "KOVA_" and its arguments separated by tabs, each escaped.
+#include <clocale>
 #include <cstdint>
 #include <fstream>
 #include <map>
@@ -105,6 +106,12 @@ bool matches(Rule& rule, const std::string& operation, const std::string& text) 
   return true;
 }
 
+/// Sets the locale; a name that the system does not know changes nothing.
+std::string decimal_point_in(const std::string& locale) {
+  std::setlocale(LC_ALL, locale.c_str());
+  return std::localeconv()->decimal_point;
+}
+
 void perform(const Action& action) {
   switch (action.act) {
     case Act::kSleep:
@@ -123,6 +130,8 @@ void perform(const Action& action) {
       return log("streams", {open_streams()});
     case Act::kLeave:
       return log("left", {std::to_string(leave_process())});
+    case Act::kLocale:
+      return log("locale", {decimal_point_in(action.text)});
   }
 }
 

@@ -103,6 +103,8 @@ TEST(DuplicateKeys, Table) {
       {R"({"a":["a","a"]})", false},
       // keys of the same hash
       {R"({"costarring":1,"liquid":2})", false},
+      {R"({"\u0063ostarring":1,"liquid":2})", false},
+      {R"({"costarring":1,"l\u0069quid":2})", false},
       {R"({"liquid":1,"costarring":2,"liquid":3})", true},
       {R"({"costarring":1,"liquid":2,"\u0063ostarring":3})", true},
   };
@@ -129,6 +131,17 @@ TEST(DuplicateKeys, MalformedPairsFailTheCheck) {
   const std::vector<JsonToken> whole = {
       {kO, 0, 16, 4, -1}, {kS, 3, 4, 0, 0}, {kP, 6, 7, 0, 0}, {kS, 10, 11, 0, 0}, {kP, 7, 8, 0, 0}};
   EXPECT_FALSE(has_duplicate_keys({text, whole.data(), 3}));
+}
+
+// What stands behind the tokens of a message is no part of it.
+TEST(DuplicateKeys, NoTokenBeyondTheCountIsLookedAt) {
+  const std::string_view text = R"([1] { "a" 12 )";
+  const std::vector<JsonToken> tokens = {{JsonType::kArray, 0, 3, 1, -1},
+                                         {JsonType::kPrimitive, 1, 2, 0, 0},
+                                         {JsonType::kObject, 4, 13, 1, -1},
+                                         {JsonType::kPrimitive, 10, 12, 0, 2}};
+  EXPECT_TRUE(has_duplicate_keys({text, tokens.data(), 4}));
+  EXPECT_FALSE(has_duplicate_keys({text, tokens.data(), 2}));
 }
 
 // The largest object that a message can hold: 2,047 members.

@@ -88,6 +88,9 @@ constexpr TracedRow kWrites[] = {
     {" ^merge into t", "write-shape"},
     {"insert ^t values (1)", "write-shape"},
     {"insert into", "write-shape"},
+    {"delete ^t where a = 1", "write-shape"},
+    {"delete from", "write-shape"},
+    {"^merge from t", "write-shape"},
     {"\n^delete  from t", "write_types"},
     {"insert\n into \"^hidden\"", "write_tables"},
     {"UPDATE ^hidden SET a = 1", "write_tables"},
@@ -108,6 +111,16 @@ TEST(CheckTrace, TheWriteCheck) {
     EXPECT_EQ(trace.check, row.check) << row.marked;
     EXPECT_EQ(trace.offset, marked.offset) << row.marked;
   }
+}
+
+TEST(CheckTrace, WritesThatThePolicyDisables) {
+  const auto policy = loaded_policy();
+  const auto write = std::make_unique<ClassifiedWrite>();
+  char message[256] = "";
+  CheckTrace trace;
+  EXPECT_FALSE(write_classify(*policy, "DELETE FROM T", *write, message, &trace));
+  EXPECT_EQ(trace.check, "writes_enabled");
+  EXPECT_EQ(trace.offset, CheckTrace::kNowhere);
 }
 
 TEST(CheckTrace, ALongWordBeginsWhereItBegins) {

@@ -59,13 +59,42 @@ TEST(PolicyReading, TheSecondOfTwoKeys) {
 }
 
 TEST(PolicyReading, AnotherLaunchIsAnErrorUnlessAllAreTaken) {
+  const struct {
+    const char* other;
+    std::uint32_t line;
+  } rows[] = {{"KOVA_MCP_CLIENT_ID", 3}, {"KOVA_MCP_DATABASE", 4}, {"KOVA_MCP_USER", 5}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.other);
+    ScopedEnvironment client("KOVA_MCP_CLIENT_ID", "desk-7.client_A");
+    ScopedEnvironment database("KOVA_MCP_DATABASE", "SHOP");
+    ScopedEnvironment user("KOVA_MCP_USER", "reader-1.x");
+    const ScopedEnvironment other(row.other, "other");
+    const auto policy = std::make_unique<McpPolicy>();
+    PolicyReading reading;
+    EXPECT_FALSE(policy_read(PolicyDocument().text(), *policy, reading));
+    EXPECT_STREQ(policy->error, "MCP launch identity does not match named policy");
+    EXPECT_EQ(reading.line, row.line);
+    EXPECT_EQ(reading.column, 2U);
+  }
+}
+
+TEST(PolicyReading, JsonThatIsNoObjectIsToBlameFromItsBeginning) {
+  for (const char* text : {"[1]", "1", "\"name\"", "null"}) expect_place(text, 1, 1);
+  expect_place("\xEF\xBB\xBF[1]", 1, 4);
+}
+
+TEST(PolicyReading, NothingIsLeftOfWhatTheRecordHeld) {
   const auto policy = std::make_unique<McpPolicy>();
   PolicyReading reading;
-  const ScopedEnvironment client("KOVA_MCP_CLIENT_ID", "other");
-  EXPECT_FALSE(policy_read(PolicyDocument().text(), *policy, reading));
-  EXPECT_STREQ(policy->error, "MCP launch identity does not match named policy");
-  EXPECT_EQ(reading.line, 3U);
-  EXPECT_EQ(reading.column, 2U);
+  reading.any_launch = true;
+  ASSERT_TRUE(policy_read(PolicyDocument().text(), *policy, reading));
+  EXPECT_EQ(policy->write_type_mask, kInsert);
+  const std::string updates = PolicyDocument().set("write_types", "[\"UPDATE\"]").text();
+  ASSERT_TRUE(policy_read(updates, *policy, reading));
+  EXPECT_EQ(policy->write_type_mask, kUpdate);
+  EXPECT_FALSE(policy_read("{}", *policy, reading));
+  EXPECT_EQ(policy->allowed_tables.count, 0U);
+  EXPECT_STREQ(policy->name, "");
 }
 
 TEST(PolicyReading, TheStateDirectoryOfAnotherMachine) {

@@ -191,6 +191,8 @@ TEST_F(WriteClassifier, ATableNameHas63Characters) {
   expect_refused("update " + name.substr(1) + " set a = 1", kDeniedWrite);
   expect_write("update " + name + "x set a = 1", "UPDATE", table);
   EXPECT_EQ(std::string_view(write->canonical), "UPDATE " + table + "X SET A = 1;");
+  expect_write("insert into " + name + "x", "INSERT", table);
+  expect_write("delete from " + name + "x", "DELETE", table);
   expect_write("update " + name + std::string(5000, 'y'), "UPDATE", table);
   EXPECT_EQ(std::string_view(write->canonical), "UPDATE " + table + std::string(5000, 'Y') + ";");
   fill(policy->write_tables, {name.substr(1)});

@@ -59,5 +59,15 @@ TEST(ChildProcessWindows, TellsWhetherTheJobOfThisProcessRefusedTheChild) {
   }
 }
 
+// A start that fails before the system is asked says nothing of a job.
+TEST(ChildProcessWindows, ARefusalByTheJobIsForgottenWithTheNextStart) {
+  const testing::StartRefusal refusal(ERROR_ACCESS_DENIED, true);
+  ChildProcess child;
+  EXPECT_FALSE(child.start(testing::kChildExit7));
+  ASSERT_TRUE(child.job_refused());
+  EXPECT_FALSE(child.start(std::string(300, 'x').c_str()));
+  EXPECT_FALSE(child.job_refused());
+}
+
 }  // namespace
 }  // namespace kova
