@@ -16,6 +16,7 @@ from functools import partial
 from pathlib import Path
 
 from figures import record
+from figures.conditions import Moment
 from figures.turns import by_turns
 from peers.stdio import BUSY, Failed, Program
 from peers.subjects import line
@@ -72,13 +73,13 @@ def main(arguments: "list[str]") -> int:
     parser.add_argument("--rounds", type=int, default=20)
     parser.add_argument("--data", type=Path, required=True, help="the JSON file to be written")
     asked = parser.parse_args(arguments)
-    before = record.load_average()
+    began = Moment.now()
     try:
         found = measured(asked.server.resolve(), asked.rounds)
     except (Failed, OSError) as failure:
         print(f"bench/run audit: {failure}", file=sys.stderr)
         return 1
-    record.write(asked.data, record.document(before, {"rounds": asked.rounds}, {"calls": found}))
+    record.write(asked.data, record.document(began, {"rounds": asked.rounds}, {"calls": found}))
     return 0
 
 

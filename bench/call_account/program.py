@@ -12,6 +12,7 @@ from typing import Any, Callable
 from call_account.stages import FIGURES, Stage, cut, marks_of_call, marks_of_floor
 from call_account.tracing import Event, Trace, Unavailable
 from figures import record, samples
+from figures.conditions import Moment
 from peers.stdio import Failed, Program
 from peers.subjects import line
 
@@ -157,7 +158,7 @@ def parse(arguments: "list[str]") -> argparse.Namespace:
 
 def main(arguments: "list[str]") -> int:
     asked = parse(arguments)
-    before = record.load_average()
+    began = Moment.now()
     try:
         account = Account(asked)
         try:
@@ -168,7 +169,7 @@ def main(arguments: "list[str]") -> int:
         print(f"bench/run account: {failure}", file=sys.stderr)
         return 1
     found = {subject.name: subject.account() for subject in account.subjects}
-    record.write(asked.data, record.document(before, {"calls": asked.calls}, {"subjects": found}))
+    record.write(asked.data, record.document(began, {"calls": asked.calls}, {"subjects": found}))
     apart = [name for name, subject in found.items() if abs(subject["ratio"] - 1) > AGREEMENT]
     if not apart:
         return 0

@@ -1,6 +1,7 @@
 """The data files of the benchmarks, and the plots and tables that are made from them.
 
-record.py       what every data file says of its run: machine, load, date, commit
+record.py       what every data file says of its run: machine, date, commit, load
+conditions.py   what else the machine did meanwhile
 samples.py      quantiles, ratios of paired samples, latency histograms
 turns.py        measuring several subjects in turn
 raw.py          what programs that are no Python write, made smaller
@@ -18,8 +19,8 @@ How a benchmark writes its data
   benchmark is no Python program, gives its JSON file to `python3 -m figures.record`.
 - The file is `bench/data/NAME.json` after a run with the default parameters, and `NAME.json` in the
   folder of the builds after any other, so that a trial never replaces the figures of a whole run.
-- `record.document` puts machine, date, commit, load average (before and after) and the parameters
-  in front. Samples that are paired by round stay in the order of the rounds; of other latencies a
+- `record.document` puts machine, date, commit, load average (before and after), the
+  share of processor time that the host of a virtual machine withheld, and the parameters in front. Samples that are paired by round stay in the order of the rounds; of other latencies a
   histogram is enough (`samples.latency`).
 
 How a plot is added

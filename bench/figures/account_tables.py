@@ -12,6 +12,8 @@ HEAD = ("microseconds", "whole", "product runs", "engine runs", "neither", "proc
         "engine", "page faults")
 WALL = ("product", "engine", "neither")
 FLOOR, LIST, QUERY = "empty program", "kova_list_tables", "kova_query"
+AUDIT = "audit record"
+CLIENT_LIBRARY = ("loading the client library", "login", "statement")
 
 
 def wall(stage: "dict[str, Any]") -> float:
@@ -38,6 +40,26 @@ def totals(data: Dataset) -> str:
             for name, one in subjects.items()]
     return table(("", "not traced, µs", "sum of the stages", "ratio",
                   "product's processor time to the floor's"), rows)
+
+
+def processor_ratio(data: Dataset) -> float:
+    """Of a call that the policy answers to the floor's; the audit record apart, which is the
+    disk's."""
+    subjects = data[DATA]["subjects"]
+    return (_total_without(subjects[LIST], [AUDIT], "product_processor")
+            / total(subjects[FLOOR], "product_processor"))
+
+
+def own_share_ms(data: Dataset) -> float:
+    """Of a one-row query: the wall time in which server or worker run, beyond the floor, the audit
+    record and what the engine's client library does."""
+    subjects = data[DATA]["subjects"]
+    beyond = _total_without(subjects[QUERY], [AUDIT, *CLIENT_LIBRARY], "product")
+    return (beyond - total(subjects[FLOOR], "product")) / 1000
+
+
+def _total_without(subject: "dict[str, Any]", names: "Sequence[str]", figure: str) -> float:
+    return sum(stage[figure] for stage in subject["stages"] if stage["name"] not in names)
 
 
 def _row(name: str, found: "Sequence[dict[str, Any]]") -> "tuple[str, ...]":

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from typing import Callable
 
-from figures import growth_tables, process_tables
+from figures import account_tables, growth_tables, process_tables
 from figures.dataset import Dataset, NoData
 from figures.markdown import table
 
@@ -25,6 +25,8 @@ AIMS: "list[tuple[str, float, Measured]]" = [
     ("policy-answered call to the floor, Wine", 1.1, _call_ratio("windows")),
     ("million-byte call to a ping of that size", 2.0, growth_tables.long_call_ratio),
     ("check for duplicate keys to the parse, 2,000 keys", 5.0, growth_tables.check_ratio),
+    ("processor time of that call to the floor's, Linux", 1.3, account_tables.processor_ratio),
+    ("one-row query beyond process, audit and engine, ms", 0.2, account_tables.own_share_ms),
 ]
 """What, the most that it should be, and where it is seen."""
 

@@ -1,11 +1,11 @@
 """What every data file says of its run, and how it is written.
 
-    python3 -m figures.record --data FILE --load-before LOAD [--parameter NAME=VALUE ...]
+    python3 -m figures.record --data FILE --began MOMENT [--parameter NAME=VALUE ...]
         [--reader plain|micro|http] PART ...
 
 merges the JSON objects of the files PART and writes them to FILE behind machine, date, commit and
-load; a reader of raw.py makes them smaller. Exit codes: 0 written, 1 a part is missing or not what
-it should be, 2 bad arguments.
+load; a reader of raw.py makes them smaller. MOMENT is what `figures.conditions` printed before the
+run. Exit codes: 0 written, 1 a part is missing or not what it should be, 2 bad arguments.
 """
 
 from __future__ import annotations
@@ -23,6 +23,7 @@ from pathlib import Path
 from typing import Any
 
 from figures import raw
+from figures.conditions import Moment, since
 
 ROOT = Path(__file__).resolve().parents[2]
 MEASURED = ("src", "sample", "bench", "deploy", "demo", "tests", "CMakeLists.txt",
@@ -56,16 +57,12 @@ def commit() -> str:
     return found + (" and changes" if git("status", "--porcelain", "--", *MEASURED) else "")
 
 
-def load_average() -> float:
-    """Of the last minute."""
-    return round(os.getloadavg()[0], 2)
-
-
-def document(load_before: float, parameters: dict[str, Any],
+def document(began: Moment, parameters: dict[str, Any],
              found: dict[str, Any]) -> dict[str, Any]:
     """The whole file; `found` is what the benchmark has measured. To be called at the end."""
     return {"machine": machine(), "date": now(), "commit": commit(),
-            "load_average": [load_before, load_average()], "parameters": parameters, **found}
+            **since(began),
+            "parameters": parameters, **found}
 
 
 def text_of(data: dict[str, Any]) -> str:
@@ -99,7 +96,7 @@ def _parameter(text: str) -> "tuple[str, int | float | str]":
 def main(arguments: "list[str]") -> int:
     parser = argparse.ArgumentParser(prog="figures.record", allow_abbrev=False)
     parser.add_argument("--data", type=Path, required=True)
-    parser.add_argument("--load-before", type=float, required=True)
+    parser.add_argument("--began", type=Moment.of, required=True)
     parser.add_argument("--parameter", type=_parameter, action="append", default=[])
     parser.add_argument("--reader", choices=raw.READERS, default="plain")
     parser.add_argument("parts", type=Path, nargs="+")
@@ -111,7 +108,7 @@ def main(arguments: "list[str]") -> int:
         except (OSError, KeyError, ValueError) as failure:
             print(f"figures.record: {path}: {failure}", file=sys.stderr)
             return 1
-    write(asked.data, document(asked.load_before, dict(asked.parameter), found))
+    write(asked.data, document(asked.began, dict(asked.parameter), found))
     print(f"written: {asked.data}", file=sys.stderr)
     return 0
 

@@ -7,8 +7,8 @@ from __future__ import annotations
 
 from typing import Callable
 
-from figures import (account_tables, aims, audit_tables, growth_tables, http_tables, micro_tables,
-                     peer_tables, process_tables)
+from figures import (account_tables, aims, audit_tables, capacity_tables, growth_tables, http_tables,
+                     micro_tables, peer_tables, process_tables)
 from figures.dataset import Dataset, NoData
 from figures.markdown import BadDocument, table
 from figures.run_line import run_line
@@ -38,13 +38,16 @@ TABLES: "dict[str, Maker]" = {
     "account-query": lambda data: account_tables.stages(data, account_tables.QUERY),
     "growth": growth_tables.summary,
     "growth-checks": growth_tables.checks,
+    "costs": capacity_tables.measured,
+    "capacity": capacity_tables.formulas,
+    "clients": capacity_tables.examples,
     "scale": lambda data: table(("", ""), report.rows(data["scale-linux"])),
 }
 OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
                 "micro": [name for name in TABLES if name.startswith("micro-")],
                 "http": ["http-memory", "http-throughput"], "peers": ["peers", "peers-http"],
-                "growth": ["growth", "growth-checks"], "audit": ["audit"],
+                "growth": ["growth", "growth-checks"], "audit": ["audit"], "costs": ["costs"],
                 "account-linux": [name for name in TABLES if name.startswith("account-")]}
 """What a benchmark prints at its end."""
 RUN = "run-"

@@ -10,6 +10,7 @@ import tempfile
 from pathlib import Path
 
 from figures import record
+from figures.conditions import Moment
 from growth import calls, sessions
 from growth.series import Series
 from peers.stdio import Failed
@@ -44,7 +45,7 @@ def of_messages(parser: Path, rounds: int) -> "list[Series]":
 
 def main(arguments: "list[str]") -> int:
     asked = parse(arguments)
-    before = record.load_average()
+    began = Moment.now()
     server = asked.server.resolve()
     try:
         found = [*of_messages(asked.parser, asked.rounds * PARSER_ROUNDS),
@@ -55,7 +56,7 @@ def main(arguments: "list[str]") -> int:
     except (Failed, OSError, subprocess.CalledProcessError) as failure:
         print(f"bench/run growth: {failure}", file=sys.stderr)
         return 1
-    record.write(asked.data, record.document(before, {"rounds": asked.rounds},
+    record.write(asked.data, record.document(began, {"rounds": asked.rounds},
                                              {"series": [one.data() for one in found]}))
     return 0
 

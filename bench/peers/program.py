@@ -13,6 +13,7 @@ from typing import Any, Callable
 
 import http_plan
 from figures import raw, record, samples, turns
+from figures.conditions import Moment
 from peers.stdio import Failed, Program, Watch
 from peers.subjects import EXPECTED, Peer, line, peers
 
@@ -174,7 +175,7 @@ def http(asked: argparse.Namespace, all_peers: "list[Peer]") -> dict[str, Any]:
 
 def main(arguments: "list[str]") -> int:
     asked = parse(arguments)
-    before = record.load_average()
+    began = Moment.now()
     all_peers = peers(asked.server, asked.modules, asked.database)
     try:
         found = {"versions": {peer.name: peer.version for peer in all_peers[1:]},
@@ -185,7 +186,7 @@ def main(arguments: "list[str]") -> int:
     except (Failed, OSError) as failure:
         print(f"bench/run peers: {failure}", file=sys.stderr)
         return 1
-    record.write(asked.data, record.document(before, {"rounds": asked.rounds}, found))
+    record.write(asked.data, record.document(began, {"rounds": asked.rounds}, found))
     return 0
 
 

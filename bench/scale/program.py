@@ -15,6 +15,7 @@ from pathlib import Path
 from typing import Any
 
 from figures import record, samples
+from figures.conditions import Moment
 from harness import audit_files
 from harness.http_client import TOKEN
 from harness.waiting import wait_until
@@ -164,7 +165,7 @@ def _faults(parts: "list[dict[str, Any]]") -> "list[str]":
 
 def play(asked: argparse.Namespace, folder: Path) -> dict[str, Any]:
     chosen = parameters(asked)
-    before = record.load_average()
+    began = Moment.now()
     stage = Stage(asked.build.resolve(), folder, asked.listeners)
     clients = None
     try:
@@ -185,7 +186,7 @@ def play(asked: argparse.Namespace, folder: Path) -> dict[str, Any]:
             clients.end()
         left = stage.close()
     phases = [idle["counts"], load["counts"], _sum(leaving)]
-    return record.document(before, chosen, {
+    return record.document(began, chosen, {
         "listeners_alone": empty, "idle": idle, "load": load, "ended": ended, "audit": audit,
         **{name: sum(phase.get(key, 0) for phase in phases) for name, key in
            {"initializes": "initializes", "refused_initializes": "refused initializes",

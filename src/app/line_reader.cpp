@@ -2,10 +2,18 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "base/text.h"
 
 namespace kova {
+
+namespace {
+
+/// The most that one read of a pipe gives.
+constexpr std::size_t kReadOfPipe = 65536;
+
+}  // namespace
 
 bool LineReader::next(Line& line) {
   std::size_t searched = 0;
@@ -47,6 +55,10 @@ bool LineReader::fill() {
     std::memmove(buffer_, buffer_ + begin_, end_ - begin_);
     end_ -= begin_;
     begin_ = 0;
+  }
+  if (block_ != nullptr && end_ >= kReadOfPipe) {
+    block_->move_to_large_page(end_);
+    buffer_ = std::exchange(block_, nullptr)->data();
   }
   const std::size_t got = source_(buffer_ + end_, kLineBufferCapacity - end_);
   end_ += got;

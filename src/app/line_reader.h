@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string_view>
 
+#include "platform/large_block.h"
+
 namespace kova {
 
 inline constexpr std::size_t kMessageLimit = 1048576;
@@ -29,6 +31,12 @@ class LineReader {
   LineReader(char* buffer, Source source, std::size_t piece_limit = kPieceLimit)
       : buffer_(buffer), source_(source), piece_limit_(piece_limit) {}
 
+  /// A reader whose buffer is this block and is filled once, by a process that then ends: a line
+  /// that is longer than one read of a pipe is moved to a large page.
+  LineReader(LargeBlock& buffer, Source source) : LineReader(buffer.data(), source) {
+    block_ = &buffer;
+  }
+
   /// False at the end of input with nothing left.
   [[nodiscard]] bool next(Line& line);
   /// Skips everything up to and including the next line feed, or to the end of input.
@@ -42,6 +50,7 @@ class LineReader {
   std::size_t piece_limit_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
+  LargeBlock* block_ = nullptr;
 };
 
 /// The line up to its first NUL.

@@ -6,10 +6,10 @@
 #include "app/modes.h"
 #include "audit/audit.h"
 #include "base/exit_code.h"
-#include "base/heap_array.h"
 #include "db/session.h"
 #include "mcp/dispatcher.h"
 #include "platform/console.h"
+#include "platform/large_block.h"
 #include "platform/process.h"
 #include "policy/policy.h"
 #include "policy/policy_file.h"
@@ -48,7 +48,7 @@ auto mode_of(int count, char** arguments) {
 
 int main(int count, char** arguments) {
   kova::prepare_process();
-  kova::HeapArray<char> line_buffer(kova::kLineBufferCapacity);
+  kova::LargeBlock line_buffer(kova::kLineBufferCapacity);
   if (!line_buffer) return kova::kExitFailure;
   kova::prepare_standard_streams();
   // The outcome is in the record; each mode looks at it when it needs to.

@@ -86,7 +86,7 @@ int check_config_mode(const Startup& startup) {
 }
 
 int tool_worker_mode(const Startup& startup) {
-  LineReader lines(startup.line_buffer.data(), read_stdin);
+  LineReader lines(startup.line_buffer, read_stdin);
   Line line;
   if (lines.next(line)) {
     startup.protocol.Initialized = true;

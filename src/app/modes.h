@@ -2,15 +2,15 @@
 #pragma once
 
 #include "app/line_reader.h"
-#include "base/heap_array.h"
 #include "mcp/dispatcher.h"
+#include "platform/large_block.h"
 #include "tools/tool.h"
 
 namespace kova {
 
 /// What every mode is given.
 struct Startup {
-  HeapArray<char>& line_buffer;  ///< kLineBufferCapacity bytes
+  LargeBlock& line_buffer;  ///< kLineBufferCapacity bytes
   ProtocolState& protocol;
   ToolContext& tools;
   const char* operand;  ///< the argument after the mode's own, null for none

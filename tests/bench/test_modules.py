@@ -65,13 +65,15 @@ def test_lists_of_numbers_fill_lines() -> None:
 def test_a_data_file_says_where_it_comes_from(tmp_path: Path) -> None:
     part, data = tmp_path / "part.json", tmp_path / "new" / "data.json"
     part.write_text('{"calls": {"floor": [1, 2]}}')
-    assert record.main(["--data", str(data), "--load-before", "0.5", "--parameter", "rounds=2",
+    assert record.main(["--data", str(data), "--began", "0.5:100:10", "--parameter", "rounds=2",
                         str(part)]) == 0
     found = json.loads(data.read_text("utf-8"))
-    assert list(found) == ["machine", "date", "commit", "load_average", "parameters", "calls"]
+    assert list(found) == ["machine", "date", "commit", "load_average", "stolen", "parameters",
+                           "calls"]
     assert set(found["machine"]) == {"processor", "processors", "memory_mib", "kernel",
                                      "distribution"}
     assert found["parameters"] == {"rounds": 2} and found["load_average"][0] == 0.5
+    assert 0 <= found["stolen"] <= 1
     assert [path.name for path in data.parent.iterdir()] == ["data.json"]
 
 
@@ -82,7 +84,7 @@ def test_a_bad_part_replaces_nothing(text: "str | None", tmp_path: Path,
     data.write_text("old")
     if text is not None:
         part.write_text(text)
-    assert record.main(["--data", str(data), "--load-before", "1", str(part)]) == 1
+    assert record.main(["--data", str(data), "--began", "1:2:3", str(part)]) == 1
     assert data.read_text() == "old"
     assert capsys.readouterr().err.startswith(f"figures.record: {part}: ")
 

@@ -256,11 +256,15 @@ class Client:
         self.open()
 
     def open(self) -> None:
-        self.session = ""
-        got = self.ask(request("initialize", 1, {}))
+        got = self.initialize()
         assert got.status == 200, (got, self._service.logs())
         self.session = got.header("Mcp-Session-Id") or ""
         assert len(self.session) == 64
+
+    def initialize(self) -> Response:
+        """Asks for a session, and belongs to none any more."""
+        self.session = ""
+        return self.ask(request("initialize", 1, {}))
 
     def ask(self, message: bytes = b"", method: str = "POST") -> Response:
         headers = {"Authorization": f"Bearer {self._service.token}"}

@@ -476,6 +476,17 @@ def test_haproxy_asks_every_listener_once_for_a_session(
         assert b"x-kova-listener" not in head.lower()
 
 
+@pytest.mark.parametrize("refusal", [BAD_REQUEST])
+def test_haproxy_tells_a_front_that_no_slot_is_free(
+        refusing: tuple[Caller, list[Recorder]]) -> None:
+    """The front then asks another host."""
+    caller, recorders = refusing
+    got = caller.ask(INITIALIZE, headers={"X-Kova-Front": "yes"})
+    assert (got.status, got.body) == (425, NO_SESSION)
+    assert [recorder.connections for recorder in recorders] == [1, 1, 1]
+    assert not any(b"x-kova-front" in recorder.requests[0].lower() for recorder in recorders)
+
+
 @pytest.mark.parametrize("body, headers", [
     (PING, SOME_SESSION),
     (call(1, "kova_list_tables").rstrip(), SOME_SESSION),

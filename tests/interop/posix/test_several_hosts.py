@@ -26,6 +26,9 @@ TABLES = ", ".join(f"ORDERS {name}" for name in "ABCDEFGHI")
 SLOW = {"sql": f"SELECT COUNT(A.ID) FROM {TABLES} WHERE A.TOTAL + B.TOTAL < C.TOTAL + D.TOTAL"}
 """Counts 5e11 combinations of rows, which takes longer than any test waits."""
 
+SLOTS = 16
+"""Of a listener."""
+
 UNIT_FOLDER = "/etc/systemd/system/kova-mcp-http@.service.d/"
 
 
@@ -184,6 +187,18 @@ def test_a_host_without_listeners_passes_new_sessions_on(service: Service) -> No
     assert [client.host() for client in clients] == ["host-b"] * 4
     service.hosts["host-a"].start_listeners()
     assert len(service.clients_on("host-a", 1)) == 1
+
+
+@pytest.mark.slow
+def test_a_full_host_passes_new_sessions_on(service: Service) -> None:
+    slots = len(HOSTS) * len(INSTANCES) * SLOTS
+    clients = [Client(service) for _ in range(slots)]
+    assert clients.pop().initialize().status == 400
+    leaving = [client for client in clients if client.host() == "host-b"][:5]
+    for client in leaving:
+        assert client.ask(method="DELETE").status == 204
+    assert [Client(service).host() for _ in leaving] == ["host-b"] * len(leaving)
+    assert leaving[0].initialize().status == 400
 
 
 # a rolling restart

@@ -7,9 +7,9 @@
 #include <string>
 
 #include "base/exit_code.h"
-#include "base/heap_array.h"
 #include "base/text.h"
 #include "platform/console.h"
+#include "platform/large_block.h"
 #include "support/captured_output.h"
 
 namespace kova {
@@ -27,7 +27,7 @@ class CheckModes : public ::testing::Test {
               const std::string& err) {
     CapturedOutput output(Stream::kOutput);
     CapturedOutput error(Stream::kError);
-    HeapArray<char> line_buffer(1);
+    LargeBlock line_buffer(1);
     EXPECT_EQ(mode({.line_buffer = line_buffer,
                     .protocol = protocol_,
                     .tools = tools_,

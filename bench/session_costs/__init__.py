@@ -1,0 +1,1 @@
+"""What sessions, calls, records and proxies cost, for the capacity plan."""
