@@ -19,9 +19,10 @@ How a benchmark writes its data
   benchmark is no Python program, gives its JSON file to `python3 -m figures.record`.
 - The file is `bench/data/NAME.json` after a run with the default parameters, and `NAME.json` in the
   folder of the builds after any other, so that a trial never replaces the figures of a whole run.
-- `record.document` puts machine, date, commit, load average (before and after), the
-  share of processor time that the host of a virtual machine withheld, and the parameters in front. Samples that are paired by round stay in the order of the rounds; of other latencies a
-  histogram is enough (`samples.latency`).
+- `record.document` puts machine, date, commit, load average (before and after), the share of
+  processor time that the host of a virtual machine withheld, and the parameters in front. Samples
+  that are paired by round stay in the order of the rounds; of other latencies a histogram is enough
+  (`samples.latency`).
 
 How a plot is added
 - plot_series.py gets a function that takes what is shown out of the data files, as plain lists and

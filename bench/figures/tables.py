@@ -7,8 +7,8 @@ from __future__ import annotations
 
 from typing import Callable
 
-from figures import (account_tables, aims, audit_tables, capacity_tables, growth_tables, http_tables,
-                     micro_tables, peer_tables, process_tables)
+from figures import (account_tables, aims, audit_tables, capacity_tables, growth_tables,
+                     http_tables, micro_tables, peer_tables, process_tables)
 from figures.dataset import Dataset, NoData
 from figures.markdown import BadDocument, table
 from figures.run_line import run_line

@@ -1,5 +1,5 @@
-"""What docs/scale.md plans with: memory, descriptors and processor time of listeners, sessions, calls
-and proxies, the bytes of an audit record, and the connections of a call to the engine.
+"""What docs/scale.md plans with: memory, descriptors and processor time of listeners, sessions,
+calls and proxies, the bytes of an audit record, and the connections of a call to the engine.
 
 Needs the right to make namespaces, for the proxies.
 """
