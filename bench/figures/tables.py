@@ -41,21 +41,16 @@ TABLES: "dict[str, Maker]" = {
     "costs": capacity_tables.measured,
     "capacity": capacity_tables.formulas,
     "clients": capacity_tables.examples,
-    "scale": lambda data: table(("", ""), report.rows(data["scale-linux"])),
+    "scale": lambda data: table(("", ""), report.rows(data["scale"])),
 }
 OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
                 "micro": [name for name in TABLES if name.startswith("micro-")],
                 "http": ["http-memory", "http-throughput"], "peers": ["peers", "peers-http"],
                 "growth": ["growth", "growth-checks"], "audit": ["audit"], "costs": ["costs"],
-                "account-linux": [name for name in TABLES if name.startswith("account-")]}
+                "account": [name for name in TABLES if name.startswith("account-")]}
 """What a benchmark prints at its end."""
 RUN = "run-"
-
-
-def benchmark_of(missing: NoData) -> str:
-    """The subcommand that writes the file: that of `scale` has the platform in its name."""
-    return str(missing).removesuffix("-linux")
 
 
 def make(name: str, data: Dataset) -> str:
@@ -67,4 +62,4 @@ def make(name: str, data: Dataset) -> str:
             return run_line(data[name.removeprefix(RUN)])
         return TABLES[name](data)
     except NoData as missing:
-        return f"(no data: `bench/run {benchmark_of(missing)}` has not been run)"
+        return f"(no data: `bench/run {missing}` has not been run)"

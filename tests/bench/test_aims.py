@@ -39,7 +39,7 @@ def account_data() -> "dict[str, Any]":
 
 
 FILES = {"linux": call_data([2, 3, 4], [2, 2, 2]), "windows": call_data([4, 4], [2, 2]),
-         "growth": growth_data(), "account-linux": account_data()}
+         "growth": growth_data(), "account": account_data()}
 
 
 @pytest.fixture(name="data")

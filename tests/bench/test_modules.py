@@ -169,7 +169,7 @@ def scale_data(left: int) -> "dict[str, Any]":
 
 @pytest.mark.parametrize("left, shown", [(0, "nothing"), (2, "sessions and workers 2")])
 def test_scale_table(left: int, shown: str, tmp_path: Path) -> None:
-    path = tmp_path / "scale-linux.json"
+    path = tmp_path / "scale.json"
     path.write_text(json.dumps(scale_data(left)))
     lines = tables.make("scale", Dataset(tmp_path)).splitlines()
     assert re.search(rf"^\| left at the end +\| +{shown} \|$", "\n".join(lines), re.MULTILINE)
@@ -177,7 +177,7 @@ def test_scale_table(left: int, shown: str, tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("name, benchmark", [("scale", "scale"), ("run-linux", "linux"),
-                                             ("peers", "peers"), ("run-scale-linux", "scale")])
+                                             ("peers", "peers"), ("run-scale", "scale")])
 def test_a_missing_data_file(name: str, benchmark: str, tmp_path: Path) -> None:
     assert tables.make(name, Dataset(tmp_path)) == (
         f"(no data: `bench/run {benchmark}` has not been run)")
