@@ -10,6 +10,7 @@ plots.py        the table of plots
 plot_series.py  what each plot shows, taken out of the data files
 drawings.py, style.py   the drawing, with matplotlib
 plot_files.py   the SVG files, and whether they are those of the data
+plot_pictures.py        a plot in Markdown
 tables.py       the table of tables; *_tables.py and aims.py make them
 markdown.py     tables in Markdown and the marked regions of documents
 wording.py      how numbers are written
@@ -29,7 +30,8 @@ How a plot is added
   dictionaries; plots.py a row that names it, a function of drawings.py, and a text for readers who
   do not see the plot.
 - A kind that is new gets a function in drawings.py: series and theme in, figure out.
-- `bench/plot` draws all; bench/results.md shows it in a <picture> with both variants.
+- `bench/plot` draws all; bench/results.md shows it in a <picture> with both variants, which
+  `bench/tables --write` puts between `<!-- table plot-NAME -->` and `<!-- end -->`.
 
 How a table is added
 - A function from the data files to Markdown (`markdown.table`), and a row in tables.py. The

@@ -57,32 +57,60 @@ def distributions(series: Series, theme: Theme) -> Any:
     made, axes = figure(len(series["panels"]), 1, 9, 5.3, series["title"])
     for one, panel in zip(axes, series["panels"]):
         names = [line["name"] for line in panel["lines"]]
-        for line in panel["lines"]:
-            paint = colour(theme, line["name"], names)
-            shares = [max(share, SHARES[-1] / 2) for share in line["longer"]]
-            one.step([line["ms"][0], *line["ms"]], [1, *shares], where="post", color=paint,
-                     linewidth=1.6)
-        _label_medians(one, panel["lines"], names, theme)
-        one.set_title(panel["title"])
-        one.set_xscale("log")
-        one.set_yscale("log")
-        one.set_ylim(SHARES[-1], 1.1)
-        one.set_yticks(SHARES, [f"{100 * share:g} %" for share in SHARES])
-        one.yaxis.set_minor_formatter(NullFormatter())
-        _plain_ticks(one.xaxis)
-        one.set_xlabel("longer than, milliseconds")
-        one.grid()
+        _distribution(one, panel, [colour(theme, name, names) for name in names])
     axes[0].set_ylabel("share of the requests")
     return made
 
 
-def _label_medians(axes: Any, lines: "list[dict[str, Any]]", names: "list[str]",
-                   theme: Theme) -> None:
-    """A legend that has the medians: curves cross, so that labels beside them would hide some."""
-    for line in lines:
-        axes.plot([], [], color=colour(theme, line["name"], names), linewidth=3,
-                  label=f"{line['name']}, median {short_time(line['median'])}")
+def _distribution(axes: Any, panel: "dict[str, Any]", paints: "list[str]") -> None:
+    """The legend has the medians: curves cross, so that labels beside them would hide some."""
+    for line, paint in zip(panel["lines"], paints):
+        shares = [max(share, SHARES[-1] / 2) for share in line["longer"]]
+        axes.step([line["ms"][0], *line["ms"]], [1, *shares], where="post", color=paint,
+                  linewidth=1.6)
+        axes.plot([], [], color=paint, linewidth=3,
+                  label=f"{line['name']}, median {short_time(line['median'])}, "
+                        f"{line['count']:,} requests")
     axes.legend(loc="upper left", bbox_to_anchor=(0, -0.17), frameon=False, fontsize=8)
+    axes.set_title(panel["title"])
+    axes.set_xscale("log")
+    axes.set_yscale("log")
+    axes.set_ylim(SHARES[-1], 1.1)
+    axes.set_yticks(SHARES, [f"{100 * share:g} %" for share in SHARES])
+    axes.yaxis.set_minor_formatter(NullFormatter())
+    _plain_ticks(axes.xaxis)
+    axes.set_xlabel("t, milliseconds")
+    axes.grid()
+
+
+def scale(series: Series, theme: Theme) -> Any:
+    """The latencies of calls, with the aim as a point that the curve should pass on the left; and
+    the memory over the run."""
+    made, [calls, memory] = figure(2, 1, 9, 4.6, series["title"])
+    _distribution(calls, series["latency"], [theme.colours[0], theme.second])
+    calls.set_ylabel("share of the calls")
+    aim = series["latency"]["aim"]
+    calls.plot(aim["ms"], aim["share"], "D", color=theme.beside, markersize=6)
+    calls.annotate(f"aim: {100 - 100 * aim['share']:g} % within {aim['ms']:g} ms",
+                   (aim["ms"], aim["share"]), xytext=(0, 9), textcoords="offset points",
+                   ha="center", color=theme.beside, fontsize=8)
+    _memory(memory, series["memory"], theme)
+    return made
+
+
+def _memory(axes: Any, panel: "dict[str, Any]", theme: Theme) -> None:
+    for line, paint in zip(panel["lines"], (theme.colours[0], theme.neutral, theme.ink)):
+        axes.plot(line["seconds"], line["mib"], color=paint, linewidth=1.8,
+                  label=f"{line['name']}: {short(line['mib'][0])} MiB idle, "
+                        f"{short(max(line['mib']))} at most")
+    axes.axhline(panel["aim"], color=theme.beside, linestyle="--", linewidth=1.4,
+                 label=f"aim for the idle sessions: {panel['aim']:g} MiB")
+    axes.set_ylim(0, None)
+    axes.legend(loc="upper left", bbox_to_anchor=(0, -0.17), frameon=False, fontsize=8)
+    axes.set_title(panel["title"])
+    axes.set_xlabel("seconds of load")
+    axes.set_ylabel("MiB (proportional set)")
+    axes.grid()
 
 
 def throughput(series: Series, theme: Theme) -> Any:

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from typing import Any
 
-from figures import account_tables, aims, growth_tables, peer_tables
+from figures import account_tables, aims, growth_tables, peer_tables, scale_tables
 from figures.dataset import Dataset
 from figures.samples import quantile, ratios
 
@@ -53,7 +53,7 @@ def latency(data: Dataset) -> "dict[str, Any]":
         lines = [_distribution(FLOOR_NAMES[workload] if name == peer_tables.FLOOR else name, found)
                  for name, found in stdio[workload].items()]
         panels.append({"title": title, "lines": lines})
-    return {"title": "How many requests over stdio take longer", "panels": panels}
+    return {"title": "Share of requests over stdio slower than t", "panels": panels}
 
 
 def throughput(data: Dataset) -> "dict[str, Any]":
@@ -129,3 +129,26 @@ def account(data: Dataset) -> "dict[str, Any]":
             for stage in query["stages"] if account_tables.wall(stage) > 0]
     return {"title": "Where the time of a one-row query goes",
             "axis": f"microseconds of {query['stages_us']:,.0f} in all", "rows": rows}
+
+
+MEMORY_OF = {"servers": "listeners, sessions, workers", "haproxy": "HAProxy",
+             "engine": "sample engine"}
+
+
+def scale(data: Dataset) -> "dict[str, Any]":
+    """The latencies of the load, and the memory from the idle sessions on."""
+    found = data[scale_tables.DATA]
+    idle, load = found["idle"], found["load"]
+    over_time = [{"second": 0.0, **{name: idle[name] for name in MEMORY_OF}},
+                 *({**one, "servers": one} for one in load["samples"])]
+    lines = [{"name": title, "seconds": [one["second"] for one in over_time],
+              "mib": [one[name]["proportional_set_mib"] for one in over_time]}
+             for name, title in MEMORY_OF.items()]
+    return {"title": f"{found['parameters']['sessions']:,} sessions behind HAProxy",
+            "latency": {"title": "Share of calls slower than t",
+                        "aim": {"share": 0.01, "ms": aims.CALL_P99.bound},
+                        "lines": [_distribution("policy-answered call",
+                                                load["policy_answered_call"]),
+                                  _distribution("query", load["query"])]},
+            "memory": {"title": "Memory from the idle sessions on", "aim": aims.IDLE_MEMORY.bound,
+                       "lines": lines}}

@@ -21,12 +21,16 @@ class Theme:
     """Ours, then the others; told apart also without red and green."""
     neutral: str
     """Of a floor."""
+    second: str
+    """Of something else of ours, where several things of ours stand side by side."""
+    beside: str
+    """Of what is neither ours nor another server: the sample engine, an aim."""
 
 
 LIGHT = Theme("light", "#ffffff", "#1f2328", "#d8dee4", ("#0072b2", "#d55e00", "#9b4f96"),
-              "#6e7781")
+              "#6e7781", "#5aaedb", "#00795c")
 DARK = Theme("dark", "#0d1117", "#e6edf3", "#30363d", ("#56b4e9", "#e69f00", "#d8a0d4"),
-             "#9198a1")
+             "#9198a1", "#2c7fb8", "#35c79a")
 THEMES = (LIGHT, DARK)
 FLOORS = ("cat", "empty program", "empty child")
 

@@ -50,8 +50,11 @@ def _descriptors(pid: int) -> int:
 
 
 def processor_seconds(pid: int) -> float:
-    """Of the process and the children that it has waited for."""
-    fields = Path(f"/proc/{pid}/stat").read_text("ascii").rpartition(")")[2].split()
+    """Of the process and the children that it has waited for; zero for an ended process."""
+    try:
+        fields = Path(f"/proc/{pid}/stat").read_text("ascii").rpartition(")")[2].split()
+    except OSError:
+        return 0.0
     return sum(map(int, fields[11:15])) / os.sysconf("SC_CLK_TCK")
 
 

@@ -62,8 +62,10 @@ class Stage:
         return measure.held([self.engine.process.pid])
 
     def processor_seconds(self) -> dict[str, float]:
-        return {"haproxy": sum(map(measure.processor_seconds, _tree(self.front.process.pid))),
-                "engine": measure.processor_seconds(self.engine.process.pid)}
+        """So far. A session counts its workers and a listener its sessions once they have ended."""
+        groups = {"servers": measure.of_executable(self.executable),
+                  "haproxy": _tree(self.front.process.pid), "engine": [self.engine.process.pid]}
+        return {name: sum(map(measure.processor_seconds, pids)) for name, pids in groups.items()}
 
     def close(self) -> dict[str, int]:
         """Ends everything; returns what is left after that."""

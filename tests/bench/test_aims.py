@@ -38,8 +38,17 @@ def account_data() -> "dict[str, Any]":
         "kova_query": {"stages": [stage("execve", 250, 300), *others]}}}
 
 
+def scale_data() -> "dict[str, Any]":
+    """Each figure is of its own."""
+    return {"idle": {"servers": {"proportional_set_mib": 300.5}},
+            "load": {"policy_answered_call": {"p99_ms": 50.5},
+                     "policy_answered_calls_a_second": 199.2},
+            "wrong": 1, "lost": 2, "audit": {"missing": 4, "unasked": 8, "twice": 16},
+            "left": {"sockets": 32, "processes": 64}}
+
+
 FILES = {"linux": call_data([2, 3, 4], [2, 2, 2]), "windows": call_data([4, 4], [2, 2]),
-         "growth": growth_data(), "account": account_data()}
+         "growth": growth_data(), "scale": scale_data(), "account": account_data()}
 
 
 @pytest.fixture(name="data")
@@ -52,7 +61,9 @@ def _data(tmp_path: Path) -> Dataset:
 @pytest.mark.parametrize("aim, seen", [
     (aims.CALL_LINUX, Ratio(1.5, 1)), (aims.CALL_WINE, Ratio(2, 2)),
     (aims.LONG_CALL, Ratio(1.5, 1.5)), (aims.DUPLICATE_KEYS, Ratio(4, 4)),
-    (aims.PROCESSOR_TIME, 1.2), (aims.OWN_SHARE, 0.15)])
+    (aims.PROCESSOR_TIME, 1.2), (aims.OWN_SHARE, 0.15),
+    (aims.IDLE_MEMORY, 300.5), (aims.CALL_P99, 50.5), (aims.CALL_RATE, 199.2),
+    (aims.BAD_ANSWERS, 3), (aims.BAD_RECORDS, 28), (aims.LEFT, 96)])
 def test_where_an_aim_is_seen(aim: Aim, seen: "float | Ratio", data: Dataset) -> None:
     assert aim in aims.AIMS and aim.measured(data) == pytest.approx(seen)
 
@@ -79,7 +90,9 @@ def rows(data: Dataset) -> "dict[str, list[str]]":
 @pytest.mark.parametrize("aim, row", [
     (aims.CALL_LINUX, ["at most 1.15", "1.50", "1", "not met"]),
     (aims.DUPLICATE_KEYS, ["at most 5", "4", "4", "met"]),
-    (aims.OWN_SHARE, ["at most 0.2", "0.15", "", "met"])])
+    (aims.OWN_SHARE, ["at most 0.2", "0.15", "", "met"]),
+    (aims.CALL_RATE, ["at least 198", "199.2", "", "met"]),
+    (aims.BAD_ANSWERS, ["at most 0", "3", "", "not met"])])
 def test_table(aim: Aim, row: "list[str]", data: Dataset) -> None:
     assert rows(data)[aim.name] == row
 

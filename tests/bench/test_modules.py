@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import json
-import re
 from pathlib import Path
 from typing import Any
 
@@ -155,29 +154,9 @@ def test_a_region_without_an_end(text: str) -> None:
         markdown.filled(text, lambda name: name)
 
 
-def scale_data(left: int) -> "dict[str, Any]":
-    held = {"processes": 1088, "descriptors": 6000, "proportional_set_mib": 300.5}
-    latency = {"median_ms": 5.123, "p99_ms": 50.5, "highest_ms": 1000.25}
-    return {"parameters": {"listeners": 64, "sessions": 1024, "seconds": 600.0},
-            "idle": {"opening_seconds": 60.0, "servers": held, "haproxy": held, "engine": held},
-            "load": {"highest": held, "policy_answered_call": latency, "queries": 9000,
-                     "policy_answered_calls_a_second": 200.0, "cancelled": 900, "counts": {}},
-            "initializes": 3000, "refused_initializes": 0, "wrong": 0, "lost": 0,
-            "audit": {"answered": 99999, "records": 99999, "missing": 0, "twice": 0},
-            "left": {"sessions and workers": left, "sockets": 0}, "load_average": [0.1, 4.2]}
-
-
-@pytest.mark.parametrize("left, shown", [(0, "nothing"), (2, "sessions and workers 2")])
-def test_scale_table(left: int, shown: str, tmp_path: Path) -> None:
-    path = tmp_path / "scale.json"
-    path.write_text(json.dumps(scale_data(left)))
-    lines = tables.make("scale", Dataset(tmp_path)).splitlines()
-    assert re.search(rf"^\| left at the end +\| +{shown} \|$", "\n".join(lines), re.MULTILINE)
-    assert len(set(map(len, lines))) == 1
-
-
 @pytest.mark.parametrize("name, benchmark", [("scale", "scale"), ("run-linux", "linux"),
-                                             ("peers", "peers"), ("run-scale", "scale")])
+                                             ("peers", "peers"), ("run-scale", "scale"),
+                                             ("plot-scale", "scale")])
 def test_a_missing_data_file(name: str, benchmark: str, tmp_path: Path) -> None:
     assert tables.make(name, Dataset(tmp_path)) == (
         f"(no data: `bench/run {benchmark}` has not been run)")

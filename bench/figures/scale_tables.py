@@ -1,8 +1,13 @@
-"""The table."""
+"""Many sessions behind HAProxy: the table, and what has an aim."""
 
 from __future__ import annotations
 
 from typing import Any
+
+from figures.dataset import Dataset
+from figures.markdown import table
+
+DATA = "scale"
 
 
 def rows(data: dict[str, Any]) -> "list[tuple[str, str]]":
@@ -23,6 +28,9 @@ def rows(data: dict[str, Any]) -> "list[tuple[str, str]]":
         ("policy-answered calls a second", load["policy_answered_calls_a_second"]),
         ("their median, 99th percentile, highest, ms",
          f"{lists['median_ms']}, {lists['p99_ms']}, {lists['highest_ms']}"),
+        ("processor time, s: listeners with sessions and workers, HAProxy, engine",
+         ", ".join(f"{load['processor_seconds'][of]:.1f}" for of in ("servers", "haproxy",
+                                                                     "engine"))),
         ("queries, cancelled calls, sessions ended and begun anew",
          f"{load['queries']}, {load['cancelled']}, {load['counts'].get('leaves', 0)}"),
         ("initializes, of them refused", f"{data['initializes']}, {data['refused_initializes']}"),
@@ -39,7 +47,34 @@ def rows(data: dict[str, Any]) -> "list[tuple[str, str]]":
     return [(name, str(value)) for name, value in found]
 
 
-def table(data: dict[str, Any]) -> str:
-    shown = rows(data)
-    width = max(len(name) for name, _ in shown)
-    return "\n".join(f"{name:<{width}}  {value}" for name, value in shown)
+def summary(data: Dataset) -> str:
+    return table(("", ""), rows(data[DATA]))
+
+
+def idle_mib(data: Dataset) -> float:
+    """Of the listeners and all sessions: the proportional set."""
+    return data[DATA]["idle"]["servers"]["proportional_set_mib"]
+
+
+def call_p99_ms(data: Dataset) -> float:
+    return data[DATA]["load"]["policy_answered_call"]["p99_ms"]
+
+
+def calls_a_second(data: Dataset) -> float:
+    return data[DATA]["load"]["policy_answered_calls_a_second"]
+
+
+def bad_answers(data: Dataset) -> int:
+    """Wrong ones and lost ones."""
+    return data[DATA]["wrong"] + data[DATA]["lost"]
+
+
+def bad_records(data: Dataset) -> int:
+    """Answered calls without a record, records of no call, and calls with more than one."""
+    audit = data[DATA]["audit"]
+    return audit["missing"] + audit["unasked"] + audit["twice"]
+
+
+def left(data: Dataset) -> int:
+    """Processes, sockets and files that are there after the last session."""
+    return sum(data[DATA]["left"].values())
