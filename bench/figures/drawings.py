@@ -4,14 +4,12 @@ from __future__ import annotations
 
 from typing import Any
 
-from matplotlib.ticker import FuncFormatter, LogLocator, NullFormatter
+from matplotlib.ticker import FuncFormatter, MaxNLocator, NullFormatter
 
 from figures.style import Theme, colour, figure
 from figures.wording import short, short_time
 
 Series = "dict[str, Any]"
-FEW_DECADES = 30
-"""Below this ratio of its ends an axis may show no power of ten."""
 SHARES = [1, 0.5, 0.1, 0.01, 0.001]
 
 
@@ -183,32 +181,30 @@ def _aim(axes: Any, place: int, most: float, theme: Theme) -> None:
 
 
 def growth(series: Series, theme: Theme) -> Any:
-    made, axes = figure(3, 2, 11, 7, series["title"])
-    for one, panel in zip(axes, series["panels"]):
-        one.set_xscale("log")
-        one.set_yscale("log")
-        for number, line in enumerate(panel["lines"]):
-            paint = theme.colours[number]
-            items, costs = line["items"], line["costs"]
-            one.plot(items, costs, color=paint, marker="o", markersize=4, linewidth=1.8,
-                     label=f"{line['name']}: exponent {line['exponent']:.2f}")
-            one.plot(items, [costs[-1] * item / items[-1] for item in items], color=paint,
-                     linestyle=":", linewidth=1)
+    """Linear axes from zero on: there a fixed part and what each item adds are seen apart."""
+    panels = series["panels"]
+    made, axes = figure(2, len(panels) // 2, 9.5, 3 * len(panels) / 2, series["title"])
+    for one, panel in zip(axes, panels):
+        for line, paint, marker in zip(panel["lines"], (theme.colours[0], theme.second), "os"):
+            one.plot(line["items"], line["costs"], color=paint, marker=marker, markersize=4,
+                     linewidth=1.8, label=_legend_of(line, panel))
+            one.plot(*zip(*line["fit"]), color=theme.ink, linestyle=":", linewidth=1.2)
         if "bar" in panel:
             _bar(one, panel, theme)
-        costs = [cost for line in panel["lines"] for cost in line["costs"]]
-        one.set_ylim(min(costs) / 2, max(costs) * 2)
-        if max(costs) < FEW_DECADES * min(costs):
-            one.yaxis.set_major_locator(LogLocator(subs=(1, 2, 5)))
+        one.set_xlim(0, None)
+        one.set_ylim(0, None)
         one.legend(loc="upper left", bbox_to_anchor=(0, -0.12), frameon=False, fontsize=8)
         one.set_title(panel["title"])
-        every = sorted({item for line in panel["lines"] for item in line["items"]})
-        one.set_xticks([every[0], every[-1]], [f"{every[0]:,}", f"{every[-1]:,}"])
-        one.xaxis.set_minor_formatter(NullFormatter())
+        one.xaxis.set_major_locator(MaxNLocator(4))
+        _plain_ticks(one.xaxis)
         _plain_ticks(one.yaxis)
         one.set_ylabel(panel["lines"][0]["unit"])
         one.grid()
     return made
+
+
+def _legend_of(line: "dict[str, Any]", panel: "dict[str, Any]") -> str:
+    return line["words"] if len(panel["lines"]) == 1 else f"{line['name']}: {line['words']}"
 
 
 def _bar(axes: Any, panel: "dict[str, Any]", theme: Theme) -> None:

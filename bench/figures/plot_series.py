@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+from dataclasses import dataclass
 from typing import Any
 
 from figures import account_tables, aims, growth_tables, peer_tables, scale_tables
 from figures.dataset import Dataset
 from figures.samples import quantile, ratios
+from figures.wording import with_unit
 
 OURS = "kova-mcp"
 FLOOR_NAMES = {"start": "empty program", "ping": "cat", "query": "empty child"}
@@ -86,36 +88,50 @@ def calls(data: Dataset) -> "dict[str, Any]":
             "aim_of": aims.POLICY_CALL}
 
 
+@dataclass(frozen=True)
+class Panel:
+    title: str
+    item: str
+    series: "dict[str, str]"
+    """Those of the data file that share the panel, by what they are called there."""
+
+
 PANELS = [
-    ("keys of one object", {"parse": "keys: parse",
-                            "check for duplicates": "keys: check for duplicates"}),
-    ("pairs of tokens in a list", {"parse": "pairs of tokens: parse"}),
-    ("bytes of one message", {"ping": "bytes: ping", "policy-answered call": "bytes: call"}),
-    ("rows or columns of a query", {"rows": "rows", "columns of 16 rows": "columns"}),
-    ("sessions: memory", {"of one listener": "sessions: memory",
-                          "of more listeners": "listeners: memory"}),
-    ("sessions: opening all", {"of one listener": "sessions: opening",
-                               "of more listeners": "listeners: opening"}),
-]
-"""The series that share a panel, by what they are called there."""
+    Panel("keys of one object", "key", {"parse": "keys: parse",
+                                        "check for duplicates, which sorts": growth_tables.SORTS}),
+    Panel("pairs of tokens in a list", "pair", {"parse": "pairs of tokens: parse"}),
+    Panel("bytes of one message", "byte", {"ping": "bytes: ping",
+                                           "policy-answered call": "bytes: call"}),
+    Panel("cells of a query: 64 columns, or 256 rows", "cell",
+          {"more rows": "cells, by rows", "more columns": "cells, by columns"}),
+    Panel("sessions of one listener: memory", "session", {"all": "sessions: memory"}),
+    Panel("sessions of one listener: opening all", "session", {"all": "sessions: opening"}),
+    Panel("listeners with 16 sessions each: memory", "listener", {"all": "listeners: memory"}),
+    Panel("listeners with 16 sessions each: opening all", "listener",
+          {"all": "listeners: opening"})]
 
 
-def _line(data: Dataset, name: str, series_name: str) -> "dict[str, Any]":
-    series = growth_tables.series_named(data, series_name)
-    costs = growth_tables.medians(series)
-    # A listener of the series holds as many sessions as it takes.
-    each = 16 if series_name.startswith("listeners") else 1
-    return {"name": name, "unit": series["unit"], "costs": costs,
-            "items": [count * each for count in series["items"]],
-            "exponent": round(growth_tables.exponent(series["items"], costs), 2)}
+def _line(data: Dataset, panel: Panel, name: str) -> "dict[str, Any]":
+    """With its fit from no items on, as numbers and in words."""
+    series = growth_tables.series_named(data, panel.series[name])
+    unit, found = series["unit"], growth_tables.fit_of(series)
+    work = growth_tables.work_of(series)
+    of = "× n log2 n" if work == growth_tables.sorting else f"a {panel.item}"
+    return {"name": name, "unit": unit, "items": series["items"],
+            "costs": growth_tables.medians(series),
+            "fit": [[count, found.fixed + found.each * work(count)]
+                    for count in (0, *series["items"])],
+            "words": (f"{with_unit(found.fixed, unit)} fixed and " if found.fixed else "")
+            + f"{with_unit(found.each, unit)} {of}"}
 
 
 def growth(data: Dataset) -> "dict[str, Any]":
     panels: "list[dict[str, Any]]" = [
-        {"title": title, "lines": [_line(data, name, series) for name, series in names.items()]}
-        for title, names in PANELS]
+        {"title": panel.title, "lines": [_line(data, panel, name) for name in panel.series]}
+        for panel in PANELS]
     panels[0]["bar"] = {"times": aims.DUPLICATE_KEYS.bound, "of": "parse"}
-    return {"title": "Cost against size; a dotted line is exactly linear", "panels": panels}
+    return {"title": "Cost against size; dotted: the fit in words below",
+            "panels": panels}
 
 
 def account(data: Dataset) -> "dict[str, Any]":

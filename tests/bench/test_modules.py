@@ -8,7 +8,8 @@ from typing import Any
 
 import pytest
 
-from figures import growth_tables, markdown, raw, record, samples, tables, turns, wording
+from figures import (growth_tables, markdown, plot_series, raw, record, samples, tables, turns,
+                     wording)
 from figures.dataset import Dataset
 
 
@@ -167,6 +168,40 @@ def test_exponent(power: float) -> None:
     items = [1, 2, 4, 8]
     assert growth_tables.exponent(items, [3 * item ** power for item in items]) == (
         pytest.approx(power))
+
+
+@pytest.mark.parametrize("fixed, each", [(0, 3), (5, 0.25)])
+def test_a_fit_finds_its_parts(fixed: float, each: float) -> None:
+    work = [1, 2, 4, 8]
+    assert growth_tables.fit(work, [fixed + each * one for one in work]) == (
+        pytest.approx((fixed, each)))
+
+
+def test_a_fit_has_no_fixed_part_below_zero() -> None:
+    assert growth_tables.fit([1, 2], [1, 4]) == pytest.approx((0, 9 / 5))
+
+
+@pytest.mark.parametrize("name, costs, words", [
+    ("bytes: ping", [2.1, 2.2, 2.4], "2.00 ms fixed and 100 µs a byte"),
+    ("keys: check for duplicates", [2, 8, 24], "1.00 ms × n log2 n")])
+def test_growth_in_words(name: str, costs: "list[float]", words: str, tmp_path: Path) -> None:
+    items = [2, 4, 8] if name == growth_tables.SORTS else [1, 2, 4]
+    names = [series for panel in plot_series.PANELS for series in panel.series.values()]
+    series = [{"name": one, "unit": "ms", "items": items,
+               "samples": [[cost] for cost in (costs if one == name else items)]} for one in names]
+    (tmp_path / "growth.json").write_text(json.dumps({"series": series}))
+    panels = plot_series.growth(Dataset(tmp_path))["panels"]
+    [line] = [line for panel, found in zip(plot_series.PANELS, panels)
+              for line in found["lines"] if panel.series[line["name"]] == name]
+    assert line["words"] == words
+    assert [cost for _, cost in line["fit"][1:]] == pytest.approx(costs)
+
+
+@pytest.mark.parametrize("value, unit, text", [
+    (0, "ms", "0"), (2, "µs", "2.00 µs"), (0.0232, "µs", "23.2 ns"), (0.5, "MiB", "512 KiB"),
+    (0.0005, "MiB", "524 bytes"), (0.25, "ns", "0.25 ns")])
+def test_with_unit(value: float, unit: str, text: str) -> None:
+    assert wording.with_unit(value, unit) == text
 
 
 @pytest.mark.parametrize("milliseconds, text", [
