@@ -6,10 +6,10 @@ import json
 from pathlib import Path
 from typing import Any, Callable
 
+from common.messages import line
+from common.stdio import Failed, Program
 from figures.turns import by_turns
 from growth.series import Series
-from peers.stdio import Failed, Program
-from peers.subjects import line
 
 ROWS = [1, 16, 32, 64, 128, 256]
 COLUMNS = [1, 4, 8, 16, 32, 64]

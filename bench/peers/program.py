@@ -12,10 +12,12 @@ from pathlib import Path
 from typing import Any, Callable
 
 import http_plan
+from common.messages import line
+from common.stdio import Failed, Program
 from figures import raw, record, samples, turns
 from figures.conditions import Moment
-from peers.stdio import Failed, Program, Watch
-from peers.subjects import EXPECTED, Peer, line, peers
+from peers.subjects import EXPECTED, Peer, peers
+from peers.watch import Watch
 
 PINGS = 200
 """In a batch; of ours each gets a new program, which takes 256 requests that are no tool calls."""

@@ -13,12 +13,12 @@ from collections import Counter
 from pathlib import Path
 from typing import Any
 
+from common import measure
 from figures import markdown, record, samples, scale_tables
 from figures.conditions import Moment
 from harness import audit_files
 from harness.http_client import TOKEN
 from harness.waiting import wait_until
-from scale import measure
 from scale.stage import Stage
 
 SESSIONS_OF_A_LISTENER = 16

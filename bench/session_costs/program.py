@@ -15,6 +15,7 @@ import time
 from pathlib import Path
 from typing import Any, Iterable
 
+from common.measure import MIB, held, memory_kib, processor_seconds
 from figures import record
 from figures.conditions import Moment
 from harness import privileges, several_hosts
@@ -25,7 +26,6 @@ from harness.sales_engine import COUNT_ORDERS, SLOW, profile, sales_engine
 from harness.servers import Servers
 from harness.targets import Installation, Target
 from harness.waiting import TIMEOUT, wait_until
-from scale.measure import MIB, held, memory_kib, processor_seconds
 
 LISTENERS = 4
 SESSIONS = 16

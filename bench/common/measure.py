@@ -1,4 +1,4 @@
-"""What processes hold, from /proc."""
+"""What processes hold and have used, from /proc."""
 
 from __future__ import annotations
 
@@ -19,6 +19,19 @@ def of_executable(executable: Path) -> list[int]:
         with contextlib.suppress(OSError):
             if name.isdigit() and os.readlink(f"/proc/{name}/exe") == str(executable):
                 found.append(int(name))
+    return found
+
+
+def family(root: int) -> list[int]:
+    """The process and its descendants; those that have just ended are left out."""
+    found = [root]
+    for pid in found:
+        try:
+            for task in os.listdir(f"/proc/{pid}/task"):
+                children = Path(f"/proc/{pid}/task/{task}/children").read_text("ascii")
+                found += map(int, children.split())
+        except OSError:
+            continue
     return found
 
 
