@@ -112,6 +112,7 @@ def _memory(axes: Any, panel: "dict[str, Any]", theme: Theme) -> None:
 
 
 def throughput(series: Series, theme: Theme) -> Any:
+    """On a logarithmic axis: the floor is many times what a query reaches."""
     made, axes = figure(len(series["panels"]), 1, 9, 3.8, series["title"])
     for one, panel in zip(axes, series["panels"]):
         names = [line["name"] for line in panel["lines"]]
@@ -119,26 +120,28 @@ def throughput(series: Series, theme: Theme) -> Any:
             paint = colour(theme, line["name"], names)
             one.plot(line["clients"], line["a_second"], color=paint, marker="o", linewidth=2)
         clients = panel["lines"][0]["clients"]
-        _label_ends(one, [(line["name"], line["clients"][-1], line["a_second"][-1],
-                           colour(theme, line["name"], names)) for line in panel["lines"]])
         one.set_title(panel["title"])
         one.set_xscale("log", base=2)
         one.set_xticks(clients, list(map(str, clients)))
         one.set_xlim(clients[0] / 1.15, clients[-1] * 2.9)
-        one.set_ylim(0, None)
+        one.set_yscale("log")
+        rates = [rate for line in panel["lines"] for rate in line["a_second"]]
+        one.set_ylim(min(rates) / 1.5, max(rates) * 1.5)
         _plain_ticks(one.yaxis)
         one.set_xlabel("clients")
+        _label_ends(one, [(line["name"], line["clients"][-1], line["a_second"][-1],
+                           colour(theme, line["name"], names)) for line in panel["lines"]])
         one.grid()
     axes[0].set_ylabel("requests a second")
     return made
 
 
 def _label_ends(axes: Any, ends: "list[tuple[str, float, float, str]]") -> None:
-    """Labels beside the last points, moved apart where they would overlap."""
-    highest = max(y for _, _, y, _ in ends)
-    gap, last = highest * 0.075, float("-inf")
+    """Labels beside the last points of a logarithmic axis, moved apart where they would overlap."""
+    lowest, highest = axes.get_ylim()
+    gap, last = (highest / lowest) ** 0.065, 0.0
     for name, x, y, paint in sorted(ends, key=lambda end: end[2]):
-        last = max(y, last + gap)
+        last = max(y, last * gap)
         axes.annotate(f"{name} {short(y)}", (x, last), xytext=(7, 0), textcoords="offset points",
                       va="center", color=paint, fontsize=9)
 

@@ -11,8 +11,13 @@ from figures.samples import quantile, ratios
 from figures.wording import with_unit
 
 OURS = "kova-mcp"
-FLOOR_NAMES = {"start": "empty program", "ping": "cat", "query": "empty child"}
+FLOOR_NAMES = {"start": "empty program", "ping": "cat", "query": "empty child",
+               "memory": "empty program", "http": "empty listener"}
 """What the floor is, for each thing that is measured."""
+
+
+def _shown(name: str, measured: str) -> str:
+    return FLOOR_NAMES[measured] if name == peer_tables.FLOOR else name
 
 
 def _bar(name: str, value: float, low: "float | None" = None,
@@ -23,15 +28,15 @@ def _bar(name: str, value: float, low: "float | None" = None,
 def start(data: Dataset) -> "dict[str, Any]":
     bars = []
     for name, values in data["peers"]["start_ms"].items():
-        shown = FLOOR_NAMES["start"] if name == peer_tables.FLOOR else name
-        bars.append(_bar(shown, quantile(values, 0.5), quantile(values, 0.1),
+        bars.append(_bar(_shown(name, "start"), quantile(values, 0.5), quantile(values, 0.1),
                          quantile(values, 0.9)))
     return {"title": "From spawn to initialize", "axis": "milliseconds (median, 10 % to 90 %)",
             "unit": "ms", "log": True, "bars": bars}
 
 
 def memory(data: Dataset) -> "dict[str, Any]":
-    bars = [_bar(name, held["highest_mib"]) for name, held in data["peers"]["memory"].items()]
+    bars = [_bar(_shown(name, "memory"), held["highest_mib"])
+            for name, held in data["peers"]["memory"].items()]
     return {"title": "Memory while one-row queries run",
             "axis": "MiB, the highest proportional set of the server and its children",
             "unit": "MiB", "log": False, "bars": bars}
@@ -52,7 +57,7 @@ def latency(data: Dataset) -> "dict[str, Any]":
     stdio = data["peers"]["stdio"]
     panels = []
     for workload, title in (("ping", "ping"), ("query", "one-row query")):
-        lines = [_distribution(FLOOR_NAMES[workload] if name == peer_tables.FLOOR else name, found)
+        lines = [_distribution(_shown(name, workload), found)
                  for name, found in stdio[workload].items()]
         panels.append({"title": title, "lines": lines})
     return {"title": "Share of requests over stdio slower than t", "panels": panels}
@@ -63,9 +68,9 @@ def throughput(data: Dataset) -> "dict[str, Any]":
     panels = []
     for workload, title in (("ping", "ping"), ("query", "one-row query")):
         rates = {name: peer_tables.a_second(peers, workload, name)
-                 for name in peer_tables.subject_names(peers)}
+                 for name in peers["memory"]}
         panels.append({"title": title, "lines": [
-            {"name": name, "clients": list(rate), "a_second": list(rate.values())}
+            {"name": _shown(name, "http"), "clients": list(rate), "a_second": list(rate.values())}
             for name, rate in rates.items()]})
     return {"title": "Requests a second over HTTP", "panels": panels}
 

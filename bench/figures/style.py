@@ -32,7 +32,7 @@ LIGHT = Theme("light", "#ffffff", "#1f2328", "#d8dee4", ("#0072b2", "#d55e00", "
 DARK = Theme("dark", "#0d1117", "#e6edf3", "#30363d", ("#56b4e9", "#e69f00", "#d8a0d4"),
              "#9198a1", "#2c7fb8", "#35c79a")
 THEMES = (LIGHT, DARK)
-FLOORS = ("cat", "empty program", "empty child")
+FLOORS = ("cat", "empty program", "empty child", "empty listener")
 
 
 def settings(theme: Theme) -> "dict[str, Any]":

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import threading
-from typing import Any
+import time
 
 from common import measure
 
@@ -27,7 +27,13 @@ class Watch:
             self.highest_mib = max(self.highest_mib, round(kib / measure.MIB, 2))
             self.looks += 1
 
-    def end(self) -> dict[str, Any]:
+    def wait(self, looks: int) -> None:
+        """Until it has looked so many times."""
+        while self.looks < looks:
+            time.sleep(SAMPLE_SECONDS)
+
+    def end(self) -> float:
+        """The highest sum of the proportional sets that it has seen, in MiB."""
         self._done.set()
         self._thread.join()
-        return {"highest_mib": self.highest_mib, "looks": self.looks}
+        return self.highest_mib
