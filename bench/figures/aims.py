@@ -14,6 +14,11 @@ FLOOR = "floor: spawn, line, line, exit"
 POLICY_CALL = "(a) kova_list_tables by policy"
 
 
+def title_of(call: str) -> str:
+    """Without the letter by which the document refers to it."""
+    return call.removeprefix("(a) ").removeprefix("(b) ")
+
+
 @dataclass(frozen=True)
 class Aim:
     name: str

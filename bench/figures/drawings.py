@@ -177,10 +177,10 @@ def _ratio(axes: Any, place: int, row: "dict[str, Any]", theme: Theme) -> None:
 
 
 def _aim(axes: Any, place: int, most: float, theme: Theme) -> None:
-    axes.plot([most, most], [place - 0.35, place + 0.35], color=theme.colours[1], linewidth=2)
+    axes.plot([most, most], [place - 0.35, place + 0.35], color=theme.beside, linewidth=2)
     axes.annotate(f"aim: at most {most:g}", (most, place - 0.35), xytext=(0, 2),
                   textcoords="offset points", ha="left", va="bottom", fontsize=8,
-                  color=theme.colours[1])
+                  color=theme.beside)
 
 
 def growth(series: Series, theme: Theme) -> Any:
@@ -223,26 +223,32 @@ def stages(series: Series, theme: Theme) -> Any:
     is what the floor takes for the same stage."""
     rows = series["rows"]
     made, [axes] = figure(1, 1, 9, 1.4 + 0.32 * len(rows), series["title"])
+    highest = _stacked_bars(axes, rows, theme)
+    floors = [(place, row["floor"]) for place, row in enumerate(rows) if row["floor"] is not None]
+    axes.vlines([floor for _, floor in floors], [place - 0.42 for place, _ in floors],
+                [place + 0.42 for place, _ in floors], color=theme.ink, linewidth=1.6,
+                label="the same stage of the empty program")
+    axes.set_yticks(range(len(rows)), [row["name"] for row in rows])
+    axes.set_ylim(len(rows) - 0.4, -0.6)
+    axes.set_xlim(0, highest * 1.1)
+    axes.tick_params(axis="y", length=0)
+    axes.set_xlabel(series["axis"])
+    axes.legend(loc="lower right", frameon=False, fontsize=8)
+    axes.grid(axis="x")
+    return made
+
+
+def _stacked_bars(axes: Any, rows: "list[dict[str, Any]]", theme: Theme) -> float:
+    """Returns the length of the longest. A number stands behind its bar and the floor's line."""
     parts = (("product", "the product runs", theme.colours[0]),
-             ("engine", "the sample engine runs", theme.colours[1]),
-             ("neither", "neither: wakes, the disk, other programs", theme.faint))
+             ("engine", "the sample engine runs", theme.beside),
+             ("neither", "neither: wakes, the disk, other programs", theme.waiting))
     ends = [0.0] * len(rows)
     for part, label, paint in parts:
         values = [row[part] for row in rows]
         axes.barh(range(len(rows)), values, left=ends, color=paint, height=0.65, label=label)
         ends = [end + value for end, value in zip(ends, values)]
     for place, row in enumerate(rows):
-        axes.annotate(short(ends[place]), (ends[place], place), xytext=(5, 0),
-                      textcoords="offset points", va="center", fontsize=8)
-        if row["floor"] is not None:
-            axes.plot([row["floor"]] * 2, [place - 0.42, place + 0.42], color=theme.ink,
-                      linewidth=1.6, label="" if any(one["floor"] is not None
-                                                     for one in rows[:place]) else "the floor's")
-    axes.set_yticks(range(len(rows)), [row["name"] for row in rows])
-    axes.set_ylim(len(rows) - 0.4, -0.6)
-    axes.set_xlim(0, max(ends) * 1.1)
-    axes.tick_params(axis="y", length=0)
-    axes.set_xlabel(series["axis"])
-    axes.legend(loc="lower right", frameon=False, fontsize=8)
-    axes.grid(axis="x")
-    return made
+        axes.annotate(short(ends[place]), (max(ends[place], row["floor"] or 0), place),
+                      xytext=(5, 0), textcoords="offset points", va="center", fontsize=8)
+    return max([*ends, *(row["floor"] or 0 for row in rows)])

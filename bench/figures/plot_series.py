@@ -85,12 +85,12 @@ def calls(data: Dataset) -> "dict[str, Any]":
         for name, values in group.items():
             if name != aims.FLOOR:
                 paired = ratios(values, floor)
-                rows.append(_bar(name, quantile(paired, 0.5), quantile(paired, 0.25),
-                                 quantile(paired, 0.75)))
+                rows.append(_bar(aims.title_of(name), quantile(paired, 0.5),
+                                 quantile(paired, 0.25), quantile(paired, 0.75)))
         targets.append({"title": title, "aim": aim, "rows": rows,
                         "floor_ms": quantile(floor, 0.5)})
     return {"title": "A tool call as a multiple of an empty child", "targets": targets,
-            "aim_of": aims.POLICY_CALL}
+            "aim_of": aims.title_of(aims.POLICY_CALL)}
 
 
 @dataclass(frozen=True)

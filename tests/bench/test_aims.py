@@ -76,6 +76,13 @@ def test_met(seen: "float | Ratio", at_least: bool, met: bool) -> None:
     assert Aim("", 2, lambda _: seen, at_least).is_met(seen) == met
 
 
+@pytest.mark.parametrize("call, title", [
+    (aims.POLICY_CALL, "kova_list_tables by policy"), ("(b) a query", "a query"),
+    ("its worker", "its worker")])
+def test_titles_have_no_letters(call: str, title: str) -> None:
+    assert aims.title_of(call) == title
+
+
 def test_a_ratio_is_seen_in_two_ways() -> None:
     # The noise of one round of three meets the floor.
     assert ratio([4, 4, 4], [1, 4, 40]) == Ratio(1, 4)
