@@ -2,15 +2,20 @@
 
 from __future__ import annotations
 
+import copy
 import json
 import re
 from pathlib import Path
+from types import SimpleNamespace
 from typing import Any
 
 import pytest
 
 from figures import plot_series, tables
 from figures.dataset import Dataset
+from harness.audit_files import KEYS
+from scale.clients import Found
+from scale.program import audit_of, is_sound
 
 
 def held(mib: float) -> "dict[str, Any]":
@@ -57,3 +62,59 @@ def test_plot(tmp_path: Path) -> None:
 def test_its_place_in_a_document(tmp_path: Path) -> None:
     text = tables.make("plot-scale", dataset(tmp_path))
     assert 'srcset="plots/scale-dark.svg"' in text and 'src="plots/scale-light.svg"' in text
+
+
+# Whether the run is sound
+
+
+def test_a_sound_run() -> None:
+    assert is_sound(scale_data())
+
+
+@pytest.mark.parametrize("path, value", [
+    (["wrong"], 1), (["lost"], 1), (["audit", "missing"], 1), (["audit", "unasked"], 1),
+    (["audit", "twice"], 1), (["left", "sockets"], 1), (["left", "sessions and workers"], 1),
+    (["audit", "records"], 99998), (["audit", "answered"], 100000)])
+def test_an_unsound_run(path: "list[str]", value: int) -> None:
+    data: Any = copy.deepcopy(scale_data())
+    place = data
+    for name in path[:-1]:
+        place = place[name]
+    place[path[-1]] = value
+    assert not is_sound(data)
+
+
+def test_a_run_without_answers_is_not_sound() -> None:
+    data = scale_data()
+    data["audit"] |= {"answered": 0, "records": 0}
+    assert not is_sound(data)
+
+
+def audited(folder: Path, recorded: "list[str]", answered: "list[str]",
+            cancelled: "list[str]") -> "dict[str, int]":
+    audit = folder / "audit.jsonl"
+    records = [{**dict.fromkeys(KEYS, ""), "correlation_id": name} for name in recorded]
+    audit.write_bytes(b"".join(json.dumps(one).encode() + b"\r\n" for one in records))
+    return audit_of(SimpleNamespace(audit=audit), {"answered": answered, "cancelled": cancelled})
+
+
+@pytest.mark.parametrize("recorded, answered, cancelled, wrong", [
+    (["a", "b"], ["b", "a"], [], {}),
+    (["a", "c"], ["a"], ["c"], {}), (["a"], ["a"], ["c"], {}),
+    (["a"], ["a", "b"], [], {"missing": 1}), (["a", "b"], ["a"], [], {"unasked": 1}),
+    (["a", "a", "b"], ["a", "b"], [], {"twice": 1}),
+    (["a", "a", "b"], ["a", "c"], [], {"twice": 1, "unasked": 1, "missing": 1}),
+    ([], ["a", "b"], [], {"missing": 2})])
+def test_records_of_calls(recorded: "list[str]", answered: "list[str]", cancelled: "list[str]",
+                          wrong: "dict[str, int]", tmp_path: Path) -> None:
+    found = audited(tmp_path, recorded, answered, cancelled)
+    assert found == {"answered": len(answered), "missing": 0, "unasked": 0, "twice": 0, **wrong,
+                     "records": len([name for name in recorded if name not in cancelled])}
+
+
+def test_a_fault_is_told_in_its_phase_alone() -> None:
+    found = Found()
+    found.fault("wrong", "x" * 400)
+    assert (found.counts, found.faults) == ({"wrong": 1}, ["wrong: " + "x" * 300])
+    found.next_phase()
+    assert (found.counts, found.faults) == ({}, [])
