@@ -12,16 +12,26 @@ DATA = "scale"
 
 def rows(data: dict[str, Any]) -> "list[tuple[str, str]]":
     """What was measured, and how much."""
-    asked, idle, load = data["parameters"], data["idle"], data["load"]
-    most, lists = load["highest"], load["policy_answered_call"]
-    found = [
+    before, after = data["load_average"]
+    found = [*_idle(data["parameters"], data["idle"]), *_load(data["parameters"], data["load"]),
+             *_soundness(data), ("load average before, after", f"{before}, {after}")]
+    return [(name, str(value)) for name, value in found]
+
+
+def _idle(asked: dict[str, Any], idle: dict[str, Any]) -> "list[tuple[str, Any]]":
+    servers = idle["servers"]
+    return [
         ("listeners, sessions", f"{asked['listeners']}, {asked['sessions']}"),
         ("to open them all, s", idle["opening_seconds"]),
-        ("idle: processes, descriptors",
-         f"{idle['servers']['processes']}, {idle['servers']['descriptors']}"),
+        ("idle: processes, descriptors", f"{servers['processes']}, {servers['descriptors']}"),
         ("idle: proportional set, MiB (HAProxy, engine beside)",
-         f"{idle['servers']['proportional_set_mib']} ({idle['haproxy']['proportional_set_mib']}, "
-         f"{idle['engine']['proportional_set_mib']})"),
+         f"{servers['proportional_set_mib']} ({idle['haproxy']['proportional_set_mib']}, "
+         f"{idle['engine']['proportional_set_mib']})")]
+
+
+def _load(asked: dict[str, Any], load: dict[str, Any]) -> "list[tuple[str, Any]]":
+    most, lists, used = load["highest"], load["policy_answered_call"], load["processor_seconds"]
+    return [
         ("load, s", asked["seconds"]),
         ("load: processes, descriptors, MiB at most",
          f"{most['processes']}, {most['descriptors']}, {most['proportional_set_mib']}"),
@@ -29,22 +39,22 @@ def rows(data: dict[str, Any]) -> "list[tuple[str, str]]":
         ("their median, 99th percentile, highest, ms",
          f"{lists['median_ms']}, {lists['p99_ms']}, {lists['highest_ms']}"),
         ("processor time, s: listeners with sessions and workers, HAProxy, engine",
-         ", ".join(f"{load['processor_seconds'][of]:.1f}" for of in ("servers", "haproxy",
-                                                                     "engine"))),
+         f"{used['servers']:.1f}, {used['haproxy']:.1f}, {used['engine']:.1f}"),
         ("queries, cancelled calls, sessions ended and begun anew",
-         f"{load['queries']}, {load['cancelled']}, {load['counts'].get('leaves', 0)}"),
+         f"{load['queries']}, {load['cancelled']}, {load['counts'].get('leaves', 0)}")]
+
+
+def _soundness(data: dict[str, Any]) -> "list[tuple[str, Any]]":
+    audit = data["audit"]
+    return [
         ("initializes, of them refused", f"{data['initializes']}, {data['refused_initializes']}"),
-        ("answered calls, audit records",
-         f"{data['audit']['answered']}, {data['audit']['records']}"),
-        ("answered without a record, recorded twice",
-         f"{data['audit']['missing']}, {data['audit']['twice']}"),
+        ("answered calls, audit records", f"{audit['answered']}, {audit['records']}"),
+        ("answered without a record, recorded twice", f"{audit['missing']}, {audit['twice']}"),
         ("wrong answers, lost answers", f"{data['wrong']}, {data['lost']}"),
         ("left after the clients: server processes beside the listeners",
          data["left"]["sessions and workers"]),
         ("left at the end", ", ".join(f"{name} {count}" for name, count in data["left"].items()
-                                      if count) or "nothing"),
-        ("load average before, after", f"{data['load_average'][0]}, {data['load_average'][1]}")]
-    return [(name, str(value)) for name, value in found]
+                                      if count) or "nothing")]
 
 
 def summary(data: Dataset) -> str:
