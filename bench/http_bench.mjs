@@ -8,8 +8,9 @@
 //   sessions   open sessions when memory is measured; 0 leaves that out
 //   subjects   {name, command, environment}: the argument "PORT" becomes a free port
 //   workloads  {name, requests, calls: {SUBJECT: {method, params}}}; requests are those of one client
-// DATA gets a JSON object, see `bench/figures/http_data.py`. The subjects are measured in turn, round
-// by round, forwards and backwards, so that other load meets all; ratios are to the last subject.
+// DATA gets a JSON object, which `http` of bench/figures/raw.py reads. The subjects are measured in
+// turn, round by round, forwards and backwards, so that other load meets all; ratios are to the last
+// subject.
 import { readFileSync, writeFileSync } from 'node:fs';
 
 import { HttpClient } from './http_client.mjs';

@@ -1,12 +1,7 @@
-"""What http_bench.mjs is to measure: its plan, for `bench/run http` and `bench/run peers`.
-
-    python3 -m http_plan SERVER MODULES ROUNDS     prints the plan of `bench/run http`
-"""
+"""What http_bench.mjs is to measure: its plan, for `bench/run http` and `bench/run peers`."""
 
 from __future__ import annotations
 
-import json
-import sys
 from pathlib import Path
 from typing import Any
 
@@ -40,16 +35,8 @@ def plan(rounds: int, sessions: int, subjects: "list[dict[str, Any]]",
                           {"name": name, "requests": CALLS, "calls": calls}]}
 
 
-def main(arguments: "list[str]") -> int:
-    if len(arguments) != 3:
-        print("usage: http_plan SERVER MODULES ROUNDS", file=sys.stderr)
-        return 2
-    server, modules, rounds = arguments
+def plan_of_http(server: str, modules: str, rounds: int) -> dict[str, Any]:
+    """Of `bench/run http`."""
     subjects = [listener(server), sdk_server("node", modules)]
     calls = {subject["name"]: call("kova_list_tables") for subject in subjects}
-    print(json.dumps(plan(int(rounds), 16, subjects, calls, "tool call")))
-    return 0
-
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    return plan(rounds, 16, subjects, calls, "tool call")

@@ -15,11 +15,11 @@ from concurrent.futures import ThreadPoolExecutor
 from functools import partial
 from pathlib import Path
 
+from common.messages import line
+from common.stdio import BUSY, Failed, Program
 from figures import record
 from figures.conditions import Moment
 from figures.turns import by_turns
-from peers.stdio import BUSY, Failed, Program
-from peers.subjects import line
 
 SESSIONS = (1, 16)
 CALLS = 320

@@ -11,10 +11,10 @@ from typing import Any, Callable
 
 from call_account.stages import FIGURES, Stage, cut, marks_of_call, marks_of_floor
 from call_account.tracing import Event, Trace, Unavailable
+from common.messages import line
+from common.stdio import Failed, Program
 from figures import record, samples
 from figures.conditions import Moment
-from peers.stdio import Failed, Program
-from peers.subjects import line
 
 BLOCK = 10
 """Calls of a subject before the next one's turn."""

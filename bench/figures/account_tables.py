@@ -7,7 +7,7 @@ from typing import Any, Sequence
 from figures.dataset import Dataset
 from figures.markdown import table
 
-DATA = "account-linux"
+DATA = "account"
 HEAD = ("microseconds", "whole", "product runs", "engine runs", "neither", "processor: product",
         "engine", "page faults")
 WALL = ("product", "engine", "neither")

@@ -61,10 +61,11 @@ def measured(data: Dataset) -> str:
     return table(("what", "costs"), [
         ("listener", f"{seen['listener_mib']:.2f} MiB, {seen['listener_descriptors']:.0f} "
          f"descriptors with {SLOTS_OF_A_LISTENER} sessions"),
-        ("session", f"{seen['session_mib']:.2f} MiB, {seen['session_kernel_mib']:.2f} of the kernel,"
-         f" one process, {seen['session_descriptors']:.0f} descriptors"),
-        ("worker of a call that runs", f"{seen['call_mib']:.2f} MiB, {seen['call_kernel_mib']:.2f} of"
-         f" the kernel, one process, {seen['call_descriptors']:.0f} descriptors"),
+        ("session", f"{seen['session_mib']:.2f} MiB, {seen['session_kernel_mib']:.2f} of the "
+         f"kernel, one process, {seen['session_descriptors']:.0f} descriptors"),
+        ("worker of a call that runs", f"{seen['call_mib']:.2f} MiB, "
+         f"{seen['call_kernel_mib']:.2f} of the kernel, one process, "
+         f"{seen['call_descriptors']:.0f} descriptors"),
         ("kova_list_tables by policy: listener, session, worker",
          f"{seen['list_ms']:.1f} ms of processor time, a record of "
          f"{seen['list_record_bytes']:.0f} bytes"),
@@ -83,8 +84,8 @@ def formulas(data: Dataset) -> str:
         ("slots", f"{SPARE_SLOTS} × (C + F / 4)"),
         ("listeners", f"slots / {SLOTS_OF_A_LISTENER}, rounded up"),
         ("processes", "listeners + slots + P × T"),
-        ("memory, MiB, without HAProxy", f"{costs.listener_mib} × listeners + {costs.session_mib} × "
-         f"slots + ({costs.call_mib} + the client library's own) × P × T"),
+        ("memory, MiB, without HAProxy", f"{costs.listener_mib} × listeners + "
+         f"{costs.session_mib} × slots + ({costs.call_mib} + the client library's own) × P × T"),
         ("memory of each HAProxy, MiB", f"{costs.proxy_mib:g} + {MIB_OF_A_REQUEST} × P × T"),
         ("cores, all hosts together", f"{costs.call_ms / 1000:g} × P, and the engine's own"),
         ("cores, all fronts together", f"{costs.front_ms / 1000:g} × P; less when clients keep "

@@ -11,7 +11,7 @@ DATA = ROOT / "bench" / "data"
 
 
 class NoData(Exception):
-    """The data file does not exist: the benchmark was never run here. The text is its name."""
+    """No data file: the benchmark was never run here. The text is the name of both."""
 
 
 class Dataset:

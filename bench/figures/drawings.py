@@ -4,14 +4,12 @@ from __future__ import annotations
 
 from typing import Any
 
-from matplotlib.ticker import FuncFormatter, LogLocator, NullFormatter
+from matplotlib.ticker import FuncFormatter, MaxNLocator, NullFormatter
 
 from figures.style import Theme, colour, figure
 from figures.wording import short, short_time
 
 Series = "dict[str, Any]"
-FEW_DECADES = 30
-"""Below this ratio of its ends an axis may show no power of ten."""
 SHARES = [1, 0.5, 0.1, 0.01, 0.001]
 
 
@@ -57,35 +55,64 @@ def distributions(series: Series, theme: Theme) -> Any:
     made, axes = figure(len(series["panels"]), 1, 9, 5.3, series["title"])
     for one, panel in zip(axes, series["panels"]):
         names = [line["name"] for line in panel["lines"]]
-        for line in panel["lines"]:
-            paint = colour(theme, line["name"], names)
-            shares = [max(share, SHARES[-1] / 2) for share in line["longer"]]
-            one.step([line["ms"][0], *line["ms"]], [1, *shares], where="post", color=paint,
-                     linewidth=1.6)
-        _label_medians(one, panel["lines"], names, theme)
-        one.set_title(panel["title"])
-        one.set_xscale("log")
-        one.set_yscale("log")
-        one.set_ylim(SHARES[-1], 1.1)
-        one.set_yticks(SHARES, [f"{100 * share:g} %" for share in SHARES])
-        one.yaxis.set_minor_formatter(NullFormatter())
-        _plain_ticks(one.xaxis)
-        one.set_xlabel("longer than, milliseconds")
-        one.grid()
+        _distribution(one, panel, [colour(theme, name, names) for name in names])
     axes[0].set_ylabel("share of the requests")
     return made
 
 
-def _label_medians(axes: Any, lines: "list[dict[str, Any]]", names: "list[str]",
-                   theme: Theme) -> None:
-    """A legend that has the medians: curves cross, so that labels beside them would hide some."""
-    for line in lines:
-        axes.plot([], [], color=colour(theme, line["name"], names), linewidth=3,
-                  label=f"{line['name']}, median {short_time(line['median'])}")
+def _distribution(axes: Any, panel: "dict[str, Any]", paints: "list[str]") -> None:
+    """The legend has the medians: curves cross, so that labels beside them would hide some."""
+    for line, paint in zip(panel["lines"], paints):
+        shares = [max(share, SHARES[-1] / 2) for share in line["longer"]]
+        axes.step([line["ms"][0], *line["ms"]], [1, *shares], where="post", color=paint,
+                  linewidth=1.6)
+        axes.plot([], [], color=paint, linewidth=3,
+                  label=f"{line['name']}, median {short_time(line['median'])}, "
+                        f"{line['count']:,} requests")
     axes.legend(loc="upper left", bbox_to_anchor=(0, -0.17), frameon=False, fontsize=8)
+    axes.set_title(panel["title"])
+    axes.set_xscale("log")
+    axes.set_yscale("log")
+    axes.set_ylim(SHARES[-1], 1.1)
+    axes.set_yticks(SHARES, [f"{100 * share:g} %" for share in SHARES])
+    axes.yaxis.set_minor_formatter(NullFormatter())
+    _plain_ticks(axes.xaxis)
+    axes.set_xlabel("t, milliseconds")
+    axes.grid()
+
+
+def scale(series: Series, theme: Theme) -> Any:
+    """The latencies of calls, with the aim as a point that the curve should pass on the left; and
+    the memory over the run."""
+    made, [calls, memory] = figure(2, 1, 9, 4.6, series["title"])
+    _distribution(calls, series["latency"], [theme.colours[0], theme.second])
+    calls.set_ylabel("share of the calls")
+    aim = series["latency"]["aim"]
+    calls.plot(aim["ms"], aim["share"], "D", color=theme.beside, markersize=6)
+    calls.annotate(f"aim: {100 - 100 * aim['share']:g} % within {aim['ms']:g} ms",
+                   (aim["ms"], aim["share"]), xytext=(0, 9), textcoords="offset points",
+                   ha="center", color=theme.beside, fontsize=8)
+    _memory(memory, series["memory"], theme)
+    return made
+
+
+def _memory(axes: Any, panel: "dict[str, Any]", theme: Theme) -> None:
+    for line, paint in zip(panel["lines"], (theme.colours[0], theme.neutral, theme.ink)):
+        axes.plot(line["seconds"], line["mib"], color=paint, linewidth=1.8,
+                  label=f"{line['name']}: {short(line['mib'][0])} MiB idle, "
+                        f"{short(max(line['mib']))} at most")
+    axes.axhline(panel["aim"], color=theme.beside, linestyle="--", linewidth=1.4,
+                 label=f"aim for the idle sessions: {panel['aim']:g} MiB")
+    axes.set_ylim(0, None)
+    axes.legend(loc="upper left", bbox_to_anchor=(0, -0.17), frameon=False, fontsize=8)
+    axes.set_title(panel["title"])
+    axes.set_xlabel("seconds of load")
+    axes.set_ylabel("MiB (proportional set)")
+    axes.grid()
 
 
 def throughput(series: Series, theme: Theme) -> Any:
+    """On a logarithmic axis: the floor is many times what a query reaches."""
     made, axes = figure(len(series["panels"]), 1, 9, 3.8, series["title"])
     for one, panel in zip(axes, series["panels"]):
         names = [line["name"] for line in panel["lines"]]
@@ -93,26 +120,28 @@ def throughput(series: Series, theme: Theme) -> Any:
             paint = colour(theme, line["name"], names)
             one.plot(line["clients"], line["a_second"], color=paint, marker="o", linewidth=2)
         clients = panel["lines"][0]["clients"]
-        _label_ends(one, [(line["name"], line["clients"][-1], line["a_second"][-1],
-                           colour(theme, line["name"], names)) for line in panel["lines"]])
         one.set_title(panel["title"])
         one.set_xscale("log", base=2)
         one.set_xticks(clients, list(map(str, clients)))
         one.set_xlim(clients[0] / 1.15, clients[-1] * 2.9)
-        one.set_ylim(0, None)
+        one.set_yscale("log")
+        rates = [rate for line in panel["lines"] for rate in line["a_second"]]
+        one.set_ylim(min(rates) / 1.5, max(rates) * 1.5)
         _plain_ticks(one.yaxis)
         one.set_xlabel("clients")
+        _label_ends(one, [(line["name"], line["clients"][-1], line["a_second"][-1],
+                           colour(theme, line["name"], names)) for line in panel["lines"]])
         one.grid()
     axes[0].set_ylabel("requests a second")
     return made
 
 
 def _label_ends(axes: Any, ends: "list[tuple[str, float, float, str]]") -> None:
-    """Labels beside the last points, moved apart where they would overlap."""
-    highest = max(y for _, _, y, _ in ends)
-    gap, last = highest * 0.075, float("-inf")
+    """Labels beside the last points of a logarithmic axis, moved apart where they would overlap."""
+    lowest, highest = axes.get_ylim()
+    gap, last = (highest / lowest) ** 0.065, 0.0
     for name, x, y, paint in sorted(ends, key=lambda end: end[2]):
-        last = max(y, last + gap)
+        last = max(y, last * gap)
         axes.annotate(f"{name} {short(y)}", (x, last), xytext=(7, 0), textcoords="offset points",
                       va="center", color=paint, fontsize=9)
 
@@ -148,39 +177,37 @@ def _ratio(axes: Any, place: int, row: "dict[str, Any]", theme: Theme) -> None:
 
 
 def _aim(axes: Any, place: int, most: float, theme: Theme) -> None:
-    axes.plot([most, most], [place - 0.35, place + 0.35], color=theme.colours[1], linewidth=2)
+    axes.plot([most, most], [place - 0.35, place + 0.35], color=theme.beside, linewidth=2)
     axes.annotate(f"aim: at most {most:g}", (most, place - 0.35), xytext=(0, 2),
                   textcoords="offset points", ha="left", va="bottom", fontsize=8,
-                  color=theme.colours[1])
+                  color=theme.beside)
 
 
 def growth(series: Series, theme: Theme) -> Any:
-    made, axes = figure(3, 2, 11, 7, series["title"])
-    for one, panel in zip(axes, series["panels"]):
-        one.set_xscale("log")
-        one.set_yscale("log")
-        for number, line in enumerate(panel["lines"]):
-            paint = theme.colours[number]
-            items, costs = line["items"], line["costs"]
-            one.plot(items, costs, color=paint, marker="o", markersize=4, linewidth=1.8,
-                     label=f"{line['name']}: exponent {line['exponent']:.2f}")
-            one.plot(items, [costs[-1] * item / items[-1] for item in items], color=paint,
-                     linestyle=":", linewidth=1)
+    """Linear axes from zero on: there a fixed part and what each item adds are seen apart."""
+    panels = series["panels"]
+    made, axes = figure(2, len(panels) // 2, 9.5, 3 * len(panels) / 2, series["title"])
+    for one, panel in zip(axes, panels):
+        for line, paint, marker in zip(panel["lines"], (theme.colours[0], theme.second), "os"):
+            one.plot(line["items"], line["costs"], color=paint, marker=marker, markersize=4,
+                     linewidth=1.8, label=_legend_of(line, panel))
+            one.plot(*zip(*line["fit"]), color=theme.ink, linestyle=":", linewidth=1.2)
         if "bar" in panel:
             _bar(one, panel, theme)
-        costs = [cost for line in panel["lines"] for cost in line["costs"]]
-        one.set_ylim(min(costs) / 2, max(costs) * 2)
-        if max(costs) < FEW_DECADES * min(costs):
-            one.yaxis.set_major_locator(LogLocator(subs=(1, 2, 5)))
+        one.set_xlim(0, None)
+        one.set_ylim(0, None)
         one.legend(loc="upper left", bbox_to_anchor=(0, -0.12), frameon=False, fontsize=8)
         one.set_title(panel["title"])
-        every = sorted({item for line in panel["lines"] for item in line["items"]})
-        one.set_xticks([every[0], every[-1]], [f"{every[0]:,}", f"{every[-1]:,}"])
-        one.xaxis.set_minor_formatter(NullFormatter())
+        one.xaxis.set_major_locator(MaxNLocator(4))
+        _plain_ticks(one.xaxis)
         _plain_ticks(one.yaxis)
         one.set_ylabel(panel["lines"][0]["unit"])
         one.grid()
     return made
+
+
+def _legend_of(line: "dict[str, Any]", panel: "dict[str, Any]") -> str:
+    return line["words"] if len(panel["lines"]) == 1 else f"{line['name']}: {line['words']}"
 
 
 def _bar(axes: Any, panel: "dict[str, Any]", theme: Theme) -> None:
@@ -196,26 +223,32 @@ def stages(series: Series, theme: Theme) -> Any:
     is what the floor takes for the same stage."""
     rows = series["rows"]
     made, [axes] = figure(1, 1, 9, 1.4 + 0.32 * len(rows), series["title"])
+    highest = _stacked_bars(axes, rows, theme)
+    floors = [(place, row["floor"]) for place, row in enumerate(rows) if row["floor"] is not None]
+    axes.vlines([floor for _, floor in floors], [place - 0.42 for place, _ in floors],
+                [place + 0.42 for place, _ in floors], color=theme.ink, linewidth=1.6,
+                label="the same stage of the empty program")
+    axes.set_yticks(range(len(rows)), [row["name"] for row in rows])
+    axes.set_ylim(len(rows) - 0.4, -0.6)
+    axes.set_xlim(0, highest * 1.1)
+    axes.tick_params(axis="y", length=0)
+    axes.set_xlabel(series["axis"])
+    axes.legend(loc="lower right", frameon=False, fontsize=8)
+    axes.grid(axis="x")
+    return made
+
+
+def _stacked_bars(axes: Any, rows: "list[dict[str, Any]]", theme: Theme) -> float:
+    """Returns the length of the longest. A number stands behind its bar and the floor's line."""
     parts = (("product", "the product runs", theme.colours[0]),
-             ("engine", "the sample engine runs", theme.colours[1]),
-             ("neither", "neither: wakes, the disk, other programs", theme.faint))
+             ("engine", "the sample engine runs", theme.beside),
+             ("neither", "neither: wakes, the disk, other programs", theme.waiting))
     ends = [0.0] * len(rows)
     for part, label, paint in parts:
         values = [row[part] for row in rows]
         axes.barh(range(len(rows)), values, left=ends, color=paint, height=0.65, label=label)
         ends = [end + value for end, value in zip(ends, values)]
     for place, row in enumerate(rows):
-        axes.annotate(short(ends[place]), (ends[place], place), xytext=(5, 0),
-                      textcoords="offset points", va="center", fontsize=8)
-        if row["floor"] is not None:
-            axes.plot([row["floor"]] * 2, [place - 0.42, place + 0.42], color=theme.ink,
-                      linewidth=1.6, label="" if any(one["floor"] is not None
-                                                     for one in rows[:place]) else "the floor's")
-    axes.set_yticks(range(len(rows)), [row["name"] for row in rows])
-    axes.set_ylim(len(rows) - 0.4, -0.6)
-    axes.set_xlim(0, max(ends) * 1.1)
-    axes.tick_params(axis="y", length=0)
-    axes.set_xlabel(series["axis"])
-    axes.legend(loc="lower right", frameon=False, fontsize=8)
-    axes.grid(axis="x")
-    return made
+        axes.annotate(short(ends[place]), (max(ends[place], row["floor"] or 0), place),
+                      xytext=(5, 0), textcoords="offset points", va="center", fontsize=8)
+    return max([*ends, *(row["floor"] or 0 for row in rows)])

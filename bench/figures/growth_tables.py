@@ -1,13 +1,14 @@
-"""How cost grows: an exponent for each series, and the checks against the plain work."""
+"""How cost grows: an exponent and a fit for each series, and the checks against the plain work."""
 
 from __future__ import annotations
 
 import math
-from typing import Any, Sequence
+from typing import Any, Callable, NamedTuple, Sequence
 
 from figures.dataset import Dataset
 from figures.markdown import table
-from figures.samples import quantile, ratios
+from figures.samples import Ratio, quantile, ratio
+from figures.wording import short, with_unit
 
 
 def medians(series: "dict[str, Any]") -> "list[float]":
@@ -26,40 +27,80 @@ def exponent(items: Sequence[float], costs: Sequence[float]) -> float:
             / sum((a - mean_x) ** 2 for a in x))
 
 
-def _number(value: float) -> str:
-    return f"{value:.1f}" if value < 100 else f"{value:,.0f}"
+Work = Callable[[float], float]
+"""What a number of items means for the one who works through them."""
+
+
+def linear(items: float) -> float:
+    return items
+
+
+def sorting(items: float) -> float:
+    return items * math.log2(items) if items > 1 else 0.0
+
+
+SORTS = "keys: check for duplicates"
+"""The one series that sorts."""
+
+
+def work_of(series: "dict[str, Any]") -> Work:
+    return sorting if series["name"] == SORTS else linear
+
+
+class Fit(NamedTuple):
+    fixed: float
+    """What none at all would cost."""
+    each: float
+    """What each unit of work adds."""
+
+
+def fit(work: Sequence[float], costs: Sequence[float]) -> Fit:
+    """By least squares; nothing has a fixed part below zero."""
+    mean_work, mean_cost = sum(work) / len(work), sum(costs) / len(costs)
+    each = (sum((x - mean_work) * (y - mean_cost) for x, y in zip(work, costs))
+            / sum((x - mean_work) ** 2 for x in work))
+    fixed = mean_cost - each * mean_work
+    if fixed >= 0:
+        return Fit(fixed, each)
+    return Fit(0.0, sum(x * y for x, y in zip(work, costs)) / sum(x * x for x in work))
+
+
+def fit_of(series: "dict[str, Any]") -> Fit:
+    return fit([work_of(series)(count) for count in series["items"]], medians(series))
 
 
 def summary(data: Dataset) -> str:
     """`an item` compares the cost of one item, of the most with that of the fewest."""
     rows = []
     for series in data["growth"]["series"]:
-        items, costs = series["items"], medians(series)
+        items, costs, unit = series["items"], medians(series), series["unit"]
+        found = fit_of(series)
         rows.append((series["name"], f"{items[0]:,} to {items[-1]:,}",
-                     f"{_number(costs[0])} to {_number(costs[-1])} {series['unit']}",
-                     f"{exponent(items, costs):.2f}",
+                     f"{short(costs[0])} to {short(costs[-1])} {unit}",
+                     f"{exponent(items, costs):.2f}", with_unit(found.fixed, unit),
+                     with_unit(found.each, unit) + (" × log2 n" if series["name"] == SORTS else ""),
                      f"{(costs[-1] / items[-1]) / (costs[0] / items[0]):.2f}",
                      f"{costs[-1] / costs[-2]:.2f}"))
-    return table(("", "items", "median cost", "exponent", "an item, last to first",
-                  "the last doubling"), rows)
+    return table(("", "items", "median cost", "exponent", "fixed", "each item",
+                  "an item, last to first", "the last doubling"), rows)
 
 
-def paired_ratio(data: Dataset, name: str, base: str) -> float:
-    """At the most items; the median over the rounds."""
-    found = [series_named(data, one)["samples"][-1] for one in (name, base)]
-    return quantile(ratios(found[0], found[1]), 0.5)
+def ratio_at_most_items(data: Dataset, name: str, base: str) -> Ratio:
+    subject, floor = (series_named(data, one)["samples"][-1] for one in (name, base))
+    return ratio(subject, floor)
 
 
-def check_ratio(data: Dataset) -> float:
-    return paired_ratio(data, "keys: check for duplicates", "keys: parse")
+def check_ratio(data: Dataset) -> Ratio:
+    return ratio_at_most_items(data, SORTS, "keys: parse")
 
 
-def long_call_ratio(data: Dataset) -> float:
-    return paired_ratio(data, "bytes: call", "bytes: ping")
+def long_call_ratio(data: Dataset) -> Ratio:
+    return ratio_at_most_items(data, "bytes: call", "bytes: ping")
 
 
 def checks(data: Dataset) -> str:
-    return table(("", "ratio"),
-                 [("2,000 keys: the check for duplicates to the parse", f"{check_ratio(data):.1f}"),
-                  ("1,000,000 bytes: a call that the policy answers to a ping",
-                   f"{long_call_ratio(data):.1f}")])
+    rows = [("2,000 keys: the check for duplicates to the parse", check_ratio(data)),
+            ("1,000,000 bytes: a call that the policy answers to a ping", long_call_ratio(data))]
+    return table(("", "ratio", "undisturbed"),
+                 [(name, f"{found.median:.2f}", f"{found.undisturbed:.2f}")
+                  for name, found in rows])

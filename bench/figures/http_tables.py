@@ -16,7 +16,7 @@ def throughput(found: "list[dict[str, Any]]") -> str:
         rows.append((one["workload"], one["clients"], one["subject"],
                      f"{one['median_a_second']:.0f}", f"{latency['median_ms']:.2f}",
                      f"{latency['p90_ms']:.2f}", f"{latency['p99_ms']:.2f}",
-                     "" if is_last else f"{one['ratio_to_last']:.2f}"))
+                     "" if is_last else f"{one['ratio_to_last']:.3g}"))
     return table(("", "clients", "server", "requests/s", "median ms", "90 % ms", "99 % ms",
                   f"ratio to {last}"), rows)
 

@@ -15,7 +15,8 @@ CLIENTS = (1, 8)
 
 
 def subject_names(peers: "dict[str, Any]") -> "list[str]":
-    return list(peers["memory"])
+    """All but the floor."""
+    return [name for name in peers["memory"] if name != FLOOR]
 
 
 def a_second(peers: "dict[str, Any]", workload: str, subject: str) -> "dict[int, float]":
@@ -37,12 +38,12 @@ def summary(data: Dataset) -> str:
         rows.append([title, *(short_time(stdio[workload][name]["median_ms"])
                               for name in everybody)])
     for workload, title in (("ping", "ping, HTTP"), ("query", "one-row query, HTTP")):
-        rates = [a_second(peers, workload, name) for name in names]
+        rates = [a_second(peers, workload, name) for name in everybody]
         for clients in CLIENTS:
             of = f"{clients} client{'s' if clients > 1 else ''}"
-            rows.append([f"{title}, {of}, a second", "–",
+            rows.append([f"{title}, {of}, a second",
                          *(f"{rate[clients]:,.0f}" for rate in rates)])
-    rows.append(["memory during calls, highest", "–",
-                 *(f"{peers['memory'][name]['highest_mib']:.1f} MiB" for name in names)])
+    rows.append(["memory during calls, highest",
+                 *(f"{peers['memory'][name]['highest_mib']:.1f} MiB" for name in everybody)])
     versions = peers["versions"]
     return table(("", FLOOR, *(f"{name} {versions.get(name, '')}".strip() for name in names)), rows)

@@ -2,15 +2,22 @@
 
 from __future__ import annotations
 
+from dataclasses import dataclass
 from typing import Any
 
-from figures import account_tables, aims, growth_tables, peer_tables
+from figures import account_tables, aims, growth_tables, peer_tables, scale_tables
 from figures.dataset import Dataset
 from figures.samples import quantile, ratios
+from figures.wording import with_unit
 
 OURS = "kova-mcp"
-FLOOR_NAMES = {"start": "empty program", "ping": "cat", "query": "empty child"}
+FLOOR_NAMES = {"start": "empty program", "ping": "cat", "query": "empty child",
+               "memory": "empty program", "http": "empty listener"}
 """What the floor is, for each thing that is measured."""
+
+
+def _shown(name: str, measured: str) -> str:
+    return FLOOR_NAMES[measured] if name == peer_tables.FLOOR else name
 
 
 def _bar(name: str, value: float, low: "float | None" = None,
@@ -21,15 +28,15 @@ def _bar(name: str, value: float, low: "float | None" = None,
 def start(data: Dataset) -> "dict[str, Any]":
     bars = []
     for name, values in data["peers"]["start_ms"].items():
-        shown = FLOOR_NAMES["start"] if name == peer_tables.FLOOR else name
-        bars.append(_bar(shown, quantile(values, 0.5), quantile(values, 0.1),
+        bars.append(_bar(_shown(name, "start"), quantile(values, 0.5), quantile(values, 0.1),
                          quantile(values, 0.9)))
     return {"title": "From spawn to initialize", "axis": "milliseconds (median, 10 % to 90 %)",
             "unit": "ms", "log": True, "bars": bars}
 
 
 def memory(data: Dataset) -> "dict[str, Any]":
-    bars = [_bar(name, held["highest_mib"]) for name, held in data["peers"]["memory"].items()]
+    bars = [_bar(_shown(name, "memory"), held["highest_mib"])
+            for name, held in data["peers"]["memory"].items()]
     return {"title": "Memory while one-row queries run",
             "axis": "MiB, the highest proportional set of the server and its children",
             "unit": "MiB", "log": False, "bars": bars}
@@ -50,10 +57,10 @@ def latency(data: Dataset) -> "dict[str, Any]":
     stdio = data["peers"]["stdio"]
     panels = []
     for workload, title in (("ping", "ping"), ("query", "one-row query")):
-        lines = [_distribution(FLOOR_NAMES[workload] if name == peer_tables.FLOOR else name, found)
+        lines = [_distribution(_shown(name, workload), found)
                  for name, found in stdio[workload].items()]
         panels.append({"title": title, "lines": lines})
-    return {"title": "How many requests over stdio take longer", "panels": panels}
+    return {"title": "Share of requests over stdio slower than t", "panels": panels}
 
 
 def throughput(data: Dataset) -> "dict[str, Any]":
@@ -61,61 +68,75 @@ def throughput(data: Dataset) -> "dict[str, Any]":
     panels = []
     for workload, title in (("ping", "ping"), ("query", "one-row query")):
         rates = {name: peer_tables.a_second(peers, workload, name)
-                 for name in peer_tables.subject_names(peers)}
+                 for name in peers["memory"]}
         panels.append({"title": title, "lines": [
-            {"name": name, "clients": list(rate), "a_second": list(rate.values())}
+            {"name": _shown(name, "http"), "clients": list(rate), "a_second": list(rate.values())}
             for name, rate in rates.items()]})
     return {"title": "Requests a second over HTTP", "panels": panels}
 
 
 def calls(data: Dataset) -> "dict[str, Any]":
     targets = []
-    for target, title, aim in (("linux", "Linux", aims.AIMS[0][1]),
-                               ("windows", "Wine", aims.AIMS[1][1])):
+    for target, title, aim in (("linux", "Linux", aims.CALL_LINUX.bound),
+                               ("windows", "Wine", aims.CALL_WINE.bound)):
         group = data[target]["calls"]
         floor = group[aims.FLOOR]
         rows = []
         for name, values in group.items():
             if name != aims.FLOOR:
                 paired = ratios(values, floor)
-                rows.append(_bar(name, quantile(paired, 0.5), quantile(paired, 0.25),
-                                 quantile(paired, 0.75)))
+                rows.append(_bar(aims.title_of(name), quantile(paired, 0.5),
+                                 quantile(paired, 0.25), quantile(paired, 0.75)))
         targets.append({"title": title, "aim": aim, "rows": rows,
                         "floor_ms": quantile(floor, 0.5)})
     return {"title": "A tool call as a multiple of an empty child", "targets": targets,
-            "aim_of": aims.POLICY_CALL}
+            "aim_of": aims.title_of(aims.POLICY_CALL)}
+
+
+@dataclass(frozen=True)
+class Panel:
+    title: str
+    item: str
+    series: "dict[str, str]"
+    """Those of the data file that share the panel, by what they are called there."""
 
 
 PANELS = [
-    ("keys of one object", {"parse": "keys: parse",
-                            "check for duplicates": "keys: check for duplicates"}),
-    ("pairs of tokens in a list", {"parse": "pairs of tokens: parse"}),
-    ("bytes of one message", {"ping": "bytes: ping", "policy-answered call": "bytes: call"}),
-    ("rows or columns of a query", {"rows": "rows", "columns of 16 rows": "columns"}),
-    ("sessions: memory", {"of one listener": "sessions: memory",
-                          "of more listeners": "listeners: memory"}),
-    ("sessions: opening all", {"of one listener": "sessions: opening",
-                               "of more listeners": "listeners: opening"}),
-]
-"""The series that share a panel, by what they are called there."""
+    Panel("keys of one object", "key", {"parse": "keys: parse",
+                                        "check for duplicates, which sorts": growth_tables.SORTS}),
+    Panel("pairs of tokens in a list", "pair", {"parse": "pairs of tokens: parse"}),
+    Panel("bytes of one message", "byte", {"ping": "bytes: ping",
+                                           "policy-answered call": "bytes: call"}),
+    Panel("cells of a query: 64 columns, or 256 rows", "cell",
+          {"more rows": "cells, by rows", "more columns": "cells, by columns"}),
+    Panel("sessions of one listener: memory", "session", {"all": "sessions: memory"}),
+    Panel("sessions of one listener: opening all", "session", {"all": "sessions: opening"}),
+    Panel("listeners with 16 sessions each: memory", "listener", {"all": "listeners: memory"}),
+    Panel("listeners with 16 sessions each: opening all", "listener",
+          {"all": "listeners: opening"})]
 
 
-def _line(data: Dataset, name: str, series_name: str) -> "dict[str, Any]":
-    series = growth_tables.series_named(data, series_name)
-    costs = growth_tables.medians(series)
-    # A listener of the series holds as many sessions as it takes.
-    each = 16 if series_name.startswith("listeners") else 1
-    return {"name": name, "unit": series["unit"], "costs": costs,
-            "items": [count * each for count in series["items"]],
-            "exponent": round(growth_tables.exponent(series["items"], costs), 2)}
+def _line(data: Dataset, panel: Panel, name: str) -> "dict[str, Any]":
+    """With its fit from no items on, as numbers and in words."""
+    series = growth_tables.series_named(data, panel.series[name])
+    unit, found = series["unit"], growth_tables.fit_of(series)
+    work = growth_tables.work_of(series)
+    of = "× n log2 n" if work == growth_tables.sorting else f"a {panel.item}"
+    return {"name": name, "unit": unit, "items": series["items"],
+            "costs": growth_tables.medians(series),
+            "fit": [[count, found.fixed + found.each * work(count)]
+                    for count in (0, *series["items"])],
+            "words": (f"{with_unit(found.fixed, unit)} fixed and " if found.fixed else "")
+            + f"{with_unit(found.each, unit)} {of}"}
 
 
 def growth(data: Dataset) -> "dict[str, Any]":
     panels: "list[dict[str, Any]]" = [
-        {"title": title, "lines": [_line(data, name, series) for name, series in names.items()]}
-        for title, names in PANELS]
-    panels[0]["bar"] = {"times": aims.AIMS[3][1], "of": "parse"}
-    return {"title": "Cost against size; a dotted line is exactly linear", "panels": panels}
+        {"title": panel.title, "lines": [_line(data, panel, name) for name in panel.series]}
+        for panel in PANELS]
+    panels[0]["bar"] = {"times": aims.DUPLICATE_KEYS.bound, "of": "parse"}
+    return {"title": "Cost against size; dotted: the fit in words below",
+            "panels": panels}
 
 
 def account(data: Dataset) -> "dict[str, Any]":
@@ -129,3 +150,26 @@ def account(data: Dataset) -> "dict[str, Any]":
             for stage in query["stages"] if account_tables.wall(stage) > 0]
     return {"title": "Where the time of a one-row query goes",
             "axis": f"microseconds of {query['stages_us']:,.0f} in all", "rows": rows}
+
+
+MEMORY_OF = {"servers": "listeners, sessions, workers", "haproxy": "HAProxy",
+             "engine": "sample engine"}
+
+
+def scale(data: Dataset) -> "dict[str, Any]":
+    """The latencies of the load, and the memory from the idle sessions on."""
+    found = data[scale_tables.DATA]
+    idle, load = found["idle"], found["load"]
+    over_time = [{"second": 0.0, **{name: idle[name] for name in MEMORY_OF}},
+                 *({**one, "servers": one} for one in load["samples"])]
+    lines = [{"name": title, "seconds": [one["second"] for one in over_time],
+              "mib": [one[name]["proportional_set_mib"] for one in over_time]}
+             for name, title in MEMORY_OF.items()]
+    return {"title": f"{found['parameters']['sessions']:,} sessions behind HAProxy",
+            "latency": {"title": "Share of calls slower than t",
+                        "aim": {"share": 0.01, "ms": aims.CALL_P99.bound},
+                        "lines": [_distribution("policy-answered call",
+                                                load["policy_answered_call"]),
+                                  _distribution("query", load["query"])]},
+            "memory": {"title": "Memory from the idle sessions on", "aim": aims.IDLE_MEMORY.bound,
+                       "lines": lines}}

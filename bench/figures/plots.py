@@ -36,6 +36,8 @@ PLOTS = [
          "A tool call as a multiple of an empty child's time, on Linux and under Wine"),
     Plot("account", plot_series.account, "stages",
          "Where the time of a one-row query goes, stage by stage"),
+    Plot("scale", plot_series.scale, "scale",
+         "The time of calls among a thousand sessions, and the memory while they are made"),
     Plot("growth", plot_series.growth, "growth",
-         "Cost against the number of keys, tokens, bytes, rows, columns, sessions and listeners"),
+         "Cost against the number of keys, tokens, bytes, cells, sessions and listeners"),
 ]

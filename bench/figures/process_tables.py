@@ -6,14 +6,9 @@ from typing import Any, Sequence
 
 from figures.dataset import Dataset
 from figures.markdown import table
-from figures.samples import quantile, ratios
+from figures.samples import quantile, ratio, ratios
 
 Samples = Sequence[float]
-
-
-def ratio(subject: Samples, floor: Samples) -> float:
-    """The median over the rounds."""
-    return quantile(ratios(subject, floor), 0.5)
 
 
 def subjects(group: "dict[str, Samples]") -> str:
@@ -23,10 +18,11 @@ def subjects(group: "dict[str, Samples]") -> str:
     for name, values in group.items():
         paired = ratios(values, floor)
         low, high = quantile(paired, 0.25), quantile(paired, 0.75)
+        of_floor = ratio(values, floor)
         rows.append((name, f"{quantile(values, 0.5):.3f}",
                      f"{quantile(values, 0.1):.3f} to {quantile(values, 0.9):.3f}",
-                     f"{ratio(values, floor):.2f}", f"{low:.2f} to {high:.2f}",
-                     f"{quantile(values, 0.1) / quantile(floor, 0.1):.2f}"))
+                     f"{of_floor.median:.2f}", f"{low:.2f} to {high:.2f}",
+                     f"{of_floor.undisturbed:.2f}"))
     return table(("", "median ms", "10 % to 90 % ms", "ratio", "its quartiles", "undisturbed"),
                  rows)
 

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import math
-from typing import Any, Sequence
+from typing import Any, NamedTuple, Sequence
 
 STEPS_OF_TEN = 20
 """Buckets of a histogram from one power of ten to the next: each ends 12 % above the one before."""
@@ -22,6 +22,19 @@ def ratios(values: Sequence[float], floor: Sequence[float]) -> "list[float]":
     if len(values) != len(floor):
         raise ValueError(f"{len(values)} samples against {len(floor)}")
     return [value / base for value, base in zip(values, floor)]
+
+
+class Ratio(NamedTuple):
+    """How a subject compares with its floor. Noise that meets the floor alone makes the median
+    smaller than it is, noise that meets the subject alone makes it larger."""
+    median: float
+    """Over the rounds."""
+    undisturbed: float
+    """Of the first deciles, which foreign load disturbs least."""
+
+
+def ratio(values: Sequence[float], floor: Sequence[float]) -> Ratio:
+    return Ratio(quantile(ratios(values, floor), 0.5), quantile(values, 0.1) / quantile(floor, 0.1))
 
 
 def latency(microseconds: Sequence[float]) -> dict[str, Any]:

@@ -1,18 +1,18 @@
 """The table of tables: what fills the marked regions of the documents, by name.
 
-A name that ends in * stands for one table of each data file: `run-linux`, `run-http`, ...
+Beside these there is `run-NAME` for each data file, and `plot-NAME` for each plot.
 """
 
 from __future__ import annotations
 
 from typing import Callable
 
-from figures import (account_tables, aims, audit_tables, capacity_tables, growth_tables, http_tables,
-                     micro_tables, peer_tables, process_tables)
+from figures import (account_tables, aims, audit_tables, capacity_tables, growth_tables,
+                     http_tables, micro_tables, peer_tables, plot_pictures, process_tables,
+                     scale_tables)
 from figures.dataset import Dataset, NoData
-from figures.markdown import BadDocument, table
+from figures.markdown import BadDocument
 from figures.run_line import run_line
-from scale import report
 
 Maker = Callable[[Dataset], str]
 TABLES: "dict[str, Maker]" = {
@@ -41,30 +41,28 @@ TABLES: "dict[str, Maker]" = {
     "costs": capacity_tables.measured,
     "capacity": capacity_tables.formulas,
     "clients": capacity_tables.examples,
-    "scale": lambda data: table(("", ""), report.rows(data["scale-linux"])),
+    "scale": scale_tables.summary,
 }
 OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
                 "micro": [name for name in TABLES if name.startswith("micro-")],
                 "http": ["http-memory", "http-throughput"], "peers": ["peers", "peers-http"],
                 "growth": ["growth", "growth-checks"], "audit": ["audit"], "costs": ["costs"],
-                "account-linux": [name for name in TABLES if name.startswith("account-")]}
+                "scale": ["scale"],
+                "account": [name for name in TABLES if name.startswith("account-")]}
 """What a benchmark prints at its end."""
-RUN = "run-"
-
-
-def benchmark_of(missing: NoData) -> str:
-    """The subcommand that writes the file: that of `scale` has the platform in its name."""
-    return str(missing).removesuffix("-linux")
+RUN, PLOT = "run-", "plot-"
 
 
 def make(name: str, data: Dataset) -> str:
     """The text of a region. One whose benchmark was never run says so."""
-    if not name.startswith(RUN) and name not in TABLES:
-        raise BadDocument(f"no table is named {name}")
     try:
         if name.startswith(RUN):
             return run_line(data[name.removeprefix(RUN)])
+        if name.startswith(PLOT):
+            return plot_pictures.picture(name.removeprefix(PLOT), data)
+        if name not in TABLES:
+            raise BadDocument(f"no table is named {name}")
         return TABLES[name](data)
     except NoData as missing:
-        return f"(no data: `bench/run {benchmark_of(missing)}` has not been run)"
+        return f"(no data: `bench/run {missing}` has not been run)"

@@ -1,7 +1,7 @@
 """How cost grows: `bench/run growth`.
 
 program.py   the arguments and the order of the measurements
-calls.py     rows, columns and bytes of calls over the standard streams
+calls.py     cells and bytes of calls over the standard streams
 sessions.py  sessions of a listener, and listeners
 `growth_bench.cpp` beside this folder measures keys and tokens.
 

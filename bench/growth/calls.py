@@ -1,4 +1,4 @@
-"""Calls over the standard streams: how their time grows with rows, columns and bytes."""
+"""Calls over the standard streams: how their time grows with cells and bytes."""
 
 from __future__ import annotations
 
@@ -6,16 +6,15 @@ import json
 from pathlib import Path
 from typing import Any, Callable
 
+from common.messages import line
+from common.stdio import Failed, Program
 from figures.turns import by_turns
 from growth.series import Series
-from peers.stdio import Failed, Program
-from peers.subjects import line
 
-ROWS = [8, 16, 32, 64, 128, 256]
-"""To the limit of a result."""
-COLUMNS = [4, 8, 16, 32, 64]
-"""To the limit of a result."""
-ROWS_OF_COLUMNS = 16
+ROWS = [1, 16, 32, 64, 128, 256]
+COLUMNS = [1, 4, 8, 16, 32, 64]
+"""Both to the limit of a result; with the most of the other. Fewer cells cost less than the call
+itself."""
 BYTES = [62_500, 125_000, 250_000, 500_000, 1_000_000]
 IDS = 240
 """A server takes 256 requests that are no tool calls."""
@@ -27,13 +26,9 @@ def query(sql: str, rows: int) -> bytes:
                                   "arguments": {"sql": sql, "max_rows": rows}})
 
 
-def rows_query(rows: int) -> bytes:
-    return query(f"SELECT ID, C1 FROM ORDERS WHERE ID <= {rows}", rows)
-
-
-def columns_query(columns: int) -> bytes:
+def cells_query(rows: int, columns: int) -> bytes:
     names = ", ".join(f"C{number}" for number in range(1, columns + 1))
-    return query(f"SELECT {names} FROM ORDERS WHERE ID <= {ROWS_OF_COLUMNS}", ROWS_OF_COLUMNS)
+    return query(f"SELECT {names} FROM ORDERS WHERE ID <= {rows}", rows)
 
 
 def padded(method: str, number: int, params: "dict[str, Any]", size: int) -> bytes:
@@ -46,18 +41,23 @@ def padded(method: str, number: int, params: "dict[str, Any]", size: int) -> byt
 def of_results(server: Path, rounds: int) -> "list[Series]":
     with Program([str(server)]) as program:
         program.initialize()
-        requests = {"rows": {count: rows_query(count) for count in ROWS},
-                    "columns": {count: columns_query(count) for count in COLUMNS}}
-        for count, request in requests["rows"].items():
-            reply = json.loads(program.exchange(request))
-            if reply["result"].get("structuredContent", {}).get("rowCount") != count:
-                raise Failed(f"not {count} rows: {str(reply)[:200]}")
-        found = {kind: by_turns({count: lambda request=request: program.asked(request)
-                                 for count, request in by_count.items()}, rounds)
-                 for kind, by_count in requests.items()}
-    return [Series("rows", "rows of a kova_query", "µs", found["rows"]),
-            Series("columns", f"columns of a kova_query of {ROWS_OF_COLUMNS} rows", "µs",
-                   found["columns"])]
+        sizes = {**{("rows", rows): (rows, COLUMNS[-1]) for rows in ROWS},
+                 **{("columns", columns): (ROWS[-1], columns) for columns in COLUMNS}}
+        subjects: "dict[tuple[str, int], Callable[[], float]]" = {}
+        for (kind, _), size in sizes.items():
+            request = cells_query(*size)
+            _check_rows(program.exchange(request), size[0])
+            subjects[kind, size[0] * size[1]] = lambda request=request: program.asked(request)
+        found = by_turns(subjects, rounds)
+    return [Series(f"cells, by {kind}", f"cells of a kova_query, more {kind} each time", "µs",
+                   {cells: values for (which, cells), values in found.items() if which == kind})
+            for kind in ("rows", "columns")]
+
+
+def _check_rows(line_of_reply: bytes, count: int) -> None:
+    reply = json.loads(line_of_reply)
+    if reply["result"].get("structuredContent", {}).get("rowCount") != count:
+        raise Failed(f"not {count} rows: {str(reply)[:200]}")
 
 
 def of_bytes(server: Path, rounds: int) -> "list[Series]":

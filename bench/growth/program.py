@@ -9,11 +9,11 @@ import sys
 import tempfile
 from pathlib import Path
 
+from common.stdio import Failed
 from figures import record
 from figures.conditions import Moment
 from growth import calls, sessions
 from growth.series import Series
-from peers.stdio import Failed
 
 PARSER_ROUNDS = 10
 """For each round of the others: a sample takes some tens of microseconds."""

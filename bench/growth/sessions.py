@@ -10,11 +10,11 @@ import time
 from contextlib import ExitStack
 from pathlib import Path
 
+from common import measure
+from common.messages import INITIALIZE
+from common.stdio import Failed
 from figures.turns import by_turns
 from growth.series import Series
-from peers.stdio import Failed
-from peers.subjects import INITIALIZE
-from scale import measure
 
 SESSIONS = [1, 2, 4, 8, 16]
 """To the limit of a listener."""

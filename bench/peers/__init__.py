@@ -2,5 +2,5 @@
 
 program.py   the arguments and the order of the measurements
 subjects.py  the programs, their command lines and requests
-stdio.py     a program that is asked over its standard streams
+watch.py     what a program holds while it is asked
 """

@@ -12,10 +12,13 @@ from pathlib import Path
 from typing import Any, Callable
 
 import http_plan
+from common.messages import line
+from common.stdio import Failed, Program
 from figures import raw, record, samples, turns
 from figures.conditions import Moment
-from peers.stdio import Failed, Program, Watch
-from peers.subjects import EXPECTED, Peer, line, peers
+from figures.peer_tables import FLOOR
+from peers.subjects import EXPECTED, Peer, peers
+from peers.watch import Watch
 
 PINGS = 200
 """In a batch; of ours each gets a new program, which takes 256 requests that are no tool calls."""
@@ -24,12 +27,15 @@ WARM_UP = 20
 CLIENTS = [1, 2, 4, 8]
 """Over HTTP."""
 MEMORY_CALLS = 300
+MEMORY_ROUNDS = 5
+FLOOR_LOOKS = 20
 
 
 def parse(arguments: "list[str]") -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="bench/run peers", allow_abbrev=False)
     parser.add_argument("--server", type=Path, required=True)
     parser.add_argument("--floor", type=Path, required=True, help="the empty program")
+    parser.add_argument("--http-floor", type=Path, required=True, help="the empty listener")
     parser.add_argument("--database", type=Path, required=True, help="an SQLite file")
     parser.add_argument("--modules", type=Path, required=True, help="node_modules of the peers")
     parser.add_argument("--rounds", type=int, default=20)
@@ -62,7 +68,7 @@ def peer_start(peer: Peer) -> "list[float]":
 
 
 def starts(floor: Path, all_peers: "list[Peer]", rounds: int) -> "dict[str, list[float]]":
-    subjects: "dict[str, Measurement]" = {"floor": lambda: floor_start(floor)}
+    subjects: "dict[str, Measurement]" = {FLOOR: lambda: floor_start(floor)}
     for peer in all_peers:
         subjects[peer.name] = lambda peer=peer: peer_start(peer)
     found = by_rounds(subjects, rounds)
@@ -130,8 +136,8 @@ def requests(floor: Path, all_peers: "list[Peer]", rounds: int) -> dict[str, Any
             if EXPECTED.encode() not in row:
                 raise Failed(f"{peer.name}: {row[:200]!r}")
             opened.append(Opened(peer, program))
-        pings: "dict[str, Measurement]" = {"floor": floor_pings}
-        queries: "dict[str, Measurement]" = {"floor": lambda: floor_calls(floor)}
+        pings: "dict[str, Measurement]" = {FLOOR: floor_pings}
+        queries: "dict[str, Measurement]" = {FLOOR: lambda: floor_calls(floor)}
         for one in opened:
             pings[one.peer.name] = one.pings
             queries[one.peer.name] = one.queries
@@ -145,8 +151,8 @@ def requests(floor: Path, all_peers: "list[Peer]", rounds: int) -> dict[str, Any
 # Memory and HTTP
 
 
-def memory(peer: Peer) -> dict[str, Any]:
-    """The proportional set of the program and its children while it is asked, alone."""
+def peer_memory(peer: Peer) -> float:
+    """MiB of a new program and its children while it is asked."""
     with Program(peer.stdio, peer.environment) as program:
         program.initialize()
         watch = Watch(program.process.pid)
@@ -158,9 +164,31 @@ def memory(peer: Peer) -> dict[str, Any]:
     return found
 
 
+def floor_memory(floor: Path) -> float:
+    """MiB of the empty program while it waits for its line."""
+    with Program([str(floor)]) as program:
+        watch = Watch(program.process.pid)
+        watch.wait(FLOOR_LOOKS)
+        found = watch.end()
+        program.exchange(b"{}\n")
+    return found
+
+
+def memory(floor: Path, all_peers: "list[Peer]", rounds: int) -> dict[str, Any]:
+    subjects: "dict[str, Callable[[], float]]" = {FLOOR: lambda: floor_memory(floor)}
+    for peer in all_peers:
+        subjects[peer.name] = lambda peer=peer: peer_memory(peer)
+    found = turns.by_turns(subjects, min(rounds, MEMORY_ROUNDS))
+    return {name: {"highest_mib": max(values), "by_round_mib": values}
+            for name, values in found.items()}
+
+
 def http(asked: argparse.Namespace, all_peers: "list[Peer]") -> dict[str, Any]:
-    plan = http_plan.plan(asked.rounds, 0, [peer.http for peer in all_peers],
-                          {peer.name: peer.query for peer in all_peers}, "query")
+    # The last subject is the one that the others are compared with.
+    floor = {"name": FLOOR, "command": [str(asked.http_floor), "PORT"]}
+    plan = http_plan.plan(asked.rounds, 0, [*(peer.http for peer in all_peers), floor],
+                          {FLOOR: http_plan.PING, **{peer.name: peer.query for peer in all_peers}},
+                          "query")
     plan["clients"] = CLIENTS
     with tempfile.TemporaryDirectory(prefix="peers-") as folder:
         files = [Path(folder) / name for name in ("plan.json", "data.json")]
@@ -181,7 +209,7 @@ def main(arguments: "list[str]") -> int:
         found = {"versions": {peer.name: peer.version for peer in all_peers[1:]},
                  "start_ms": starts(asked.floor, all_peers, asked.rounds),
                  "stdio": requests(asked.floor, all_peers, asked.rounds),
-                 "memory": {peer.name: memory(peer) for peer in all_peers},
+                 "memory": memory(asked.floor, all_peers, asked.rounds),
                  **http(asked, all_peers)}
     except (Failed, OSError) as failure:
         print(f"bench/run peers: {failure}", file=sys.stderr)

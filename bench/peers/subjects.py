@@ -8,22 +8,11 @@ from pathlib import Path
 from typing import Any
 
 import http_plan
+from common.messages import line
 
 SELECT = "SELECT ID, NAME FROM ITEMS WHERE ID = 7"
 EXPECTED = "item 6"
 """What the row holds; every reply to the query must."""
-
-
-def line(method: str, number: int, params: "dict[str, Any] | None" = None) -> bytes:
-    message: dict[str, Any] = {"jsonrpc": "2.0", "id": number, "method": method}
-    if params is not None:
-        message["params"] = params
-    return json.dumps(message, separators=(",", ":")).encode() + b"\n"
-
-
-INITIALIZE = line("initialize", 0, {"protocolVersion": "2025-06-18", "capabilities": {},
-                                    "clientInfo": {"name": "bench", "version": "1"}})
-INITIALIZED = b'{"jsonrpc":"2.0","method":"notifications/initialized"}\n'
 
 
 @dataclass(frozen=True)

@@ -2,8 +2,6 @@
 
 program.py   the arguments and the order of the phases
 stage.py     the sample engine, the listeners and HAProxy
-measure.py   what the processes hold, from /proc
 clients.py   one process of simulated clients
 https.py     a client's connection
-report.py    the table
 """

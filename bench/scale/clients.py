@@ -50,6 +50,11 @@ class Found:
         if len(self.faults) < 20:
             self.faults.append(f"{kind}: {told[:300]}")
 
+    def next_phase(self) -> None:
+        """Counts and faults are told phase by phase."""
+        self.counts.clear()
+        self.faults.clear()
+
     def document(self) -> dict[str, Any]:
         return {"counts": self.counts, "latencies": self.latencies,
                 "query_latencies": self.query_latencies, "answered": self.answered,
@@ -192,13 +197,12 @@ async def play(wishes: dict[str, Any]) -> None:
     await _limited([client.open for client in clients])
     print(json.dumps(found.document()), flush=True)
     await read(None, sys.stdin.readline)
-    found.counts.clear()
+    found.next_phase()
     end = time.monotonic() + wishes["seconds"]
     await asyncio.gather(*(client.use(end) for client in clients))
     print(json.dumps(found.document()), flush=True)
     await read(None, sys.stdin.readline)
-    found.counts.clear()
-    found.faults.clear()
+    found.next_phase()
     await _limited([client.leave for client in clients])
     print(json.dumps({"counts": found.counts, "faults": found.faults}), flush=True)
 

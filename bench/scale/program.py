@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import argparse
 import json
-import os
 import resource
 import subprocess
 import sys
@@ -14,12 +13,12 @@ from collections import Counter
 from pathlib import Path
 from typing import Any
 
-from figures import record, samples
+from common import measure
+from figures import markdown, record, samples, scale_tables
 from figures.conditions import Moment
 from harness import audit_files
 from harness.http_client import TOKEN
 from harness.waiting import wait_until
-from scale import measure, report
 from scale.stage import Stage
 
 SESSIONS_OF_A_LISTENER = 16
@@ -209,7 +208,7 @@ def main(arguments: "list[str]") -> int:
     with tempfile.TemporaryDirectory(prefix="scale-") as folder:
         data = play(asked, Path(folder))
     record.write(asked.data, data)
-    print(report.table(data))
+    print(markdown.table(("", ""), scale_tables.rows(data)))
     if is_sound(data):
         return 0
     print("\n".join(["bench/run scale: an answer, a record or an end is not as it should be",

@@ -7,6 +7,7 @@ from contextlib import ExitStack
 from pathlib import Path
 from typing import Any
 
+from common import measure
 from harness.front_ends import FrontEnd
 from harness.http_client import HttpListeners
 from harness.policy_files import PolicyFiles
@@ -14,7 +15,6 @@ from harness.sales_engine import SALES, profile
 from harness.sample_engine import Engine, make_database
 from harness.servers import Servers
 from harness.targets import Installation, Target
-from scale import measure
 from tls_front_end import NAMES, make_certificate
 
 CONNECTIONS = {"maxconn 200  # SET": "maxconn 4000"}
@@ -56,14 +56,17 @@ class Stage:
         return measure.held(measure.of_executable(self.executable))
 
     def front_holds(self) -> dict[str, Any]:
-        return measure.held(_tree(self.front.process.pid))
+        return measure.held(measure.family(self.front.process.pid))
 
     def engine_holds(self) -> dict[str, Any]:
         return measure.held([self.engine.process.pid])
 
     def processor_seconds(self) -> dict[str, float]:
-        return {"haproxy": sum(map(measure.processor_seconds, _tree(self.front.process.pid))),
-                "engine": measure.processor_seconds(self.engine.process.pid)}
+        """So far. A session counts its workers and a listener its sessions once they have ended."""
+        groups = {"servers": measure.of_executable(self.executable),
+                  "haproxy": measure.family(self.front.process.pid),
+                  "engine": [self.engine.process.pid]}
+        return {name: sum(map(measure.processor_seconds, pids)) for name, pids in groups.items()}
 
     def close(self) -> dict[str, int]:
         """Ends everything; returns what is left after that."""
@@ -79,11 +82,3 @@ class Stage:
 
 def _shared_memory() -> set[str]:
     return {name for name in os.listdir("/dev/shm") if "kova" in name}
-
-
-def _tree(root: int) -> list[int]:
-    found = [root]
-    for pid in found:
-        children = Path(f"/proc/{pid}/task/{pid}/children")
-        found += map(int, children.read_text("ascii").split())
-    return found

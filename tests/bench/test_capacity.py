@@ -25,7 +25,8 @@ def _data(tmp_path: Path) -> Dataset:
 
 
 @pytest.mark.parametrize("value, expected", [
-    (0, 0), (0.281, 0.29), (0.28, 0.28), (12.4, 13), (5.04, 5.1), (295.9, 300), (1, 1), (99.1, 100)])
+    (0, 0), (0.281, 0.29), (0.28, 0.28), (12.4, 13), (5.04, 5.1), (295.9, 300), (1, 1),
+    (99.1, 100)])
 def test_rounded_up_to_two_digits(value: float, expected: float) -> None:
     assert capacity_tables.rounded_up(value) == pytest.approx(expected)
 

@@ -43,5 +43,6 @@ def test_the_share_that_the_host_withheld(wanted: int, stolen: int, share: float
 
 
 def test_the_run_line_says_it() -> None:
-    assert "load 0.5 before, 1.5 after; 24 % of the" in run_line(run(stolen=0.24)).replace("\n", " ")
+    line = run_line(run(stolen=0.24)).replace("\n", " ")
+    assert "load 0.5 before, 1.5 after; 24 % of the" in line
     assert "withheld" not in run_line(run())

@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import json
-import re
 from pathlib import Path
 from typing import Any
 
 import pytest
 
-from figures import growth_tables, markdown, raw, record, samples, tables, turns, wording
+from figures import (growth_tables, markdown, plot_series, raw, record, samples, tables, turns,
+                     wording)
 from figures.dataset import Dataset
 
 
@@ -155,29 +155,9 @@ def test_a_region_without_an_end(text: str) -> None:
         markdown.filled(text, lambda name: name)
 
 
-def scale_data(left: int) -> "dict[str, Any]":
-    held = {"processes": 1088, "descriptors": 6000, "proportional_set_mib": 300.5}
-    latency = {"median_ms": 5.123, "p99_ms": 50.5, "highest_ms": 1000.25}
-    return {"parameters": {"listeners": 64, "sessions": 1024, "seconds": 600.0},
-            "idle": {"opening_seconds": 60.0, "servers": held, "haproxy": held, "engine": held},
-            "load": {"highest": held, "policy_answered_call": latency, "queries": 9000,
-                     "policy_answered_calls_a_second": 200.0, "cancelled": 900, "counts": {}},
-            "initializes": 3000, "refused_initializes": 0, "wrong": 0, "lost": 0,
-            "audit": {"answered": 99999, "records": 99999, "missing": 0, "twice": 0},
-            "left": {"sessions and workers": left, "sockets": 0}, "load_average": [0.1, 4.2]}
-
-
-@pytest.mark.parametrize("left, shown", [(0, "nothing"), (2, "sessions and workers 2")])
-def test_scale_table(left: int, shown: str, tmp_path: Path) -> None:
-    path = tmp_path / "scale-linux.json"
-    path.write_text(json.dumps(scale_data(left)))
-    lines = tables.make("scale", Dataset(tmp_path)).splitlines()
-    assert re.search(rf"^\| left at the end +\| +{shown} \|$", "\n".join(lines), re.MULTILINE)
-    assert len(set(map(len, lines))) == 1
-
-
 @pytest.mark.parametrize("name, benchmark", [("scale", "scale"), ("run-linux", "linux"),
-                                             ("peers", "peers"), ("run-scale-linux", "scale")])
+                                             ("peers", "peers"), ("run-scale", "scale"),
+                                             ("plot-scale", "scale")])
 def test_a_missing_data_file(name: str, benchmark: str, tmp_path: Path) -> None:
     assert tables.make(name, Dataset(tmp_path)) == (
         f"(no data: `bench/run {benchmark}` has not been run)")
@@ -188,6 +168,40 @@ def test_exponent(power: float) -> None:
     items = [1, 2, 4, 8]
     assert growth_tables.exponent(items, [3 * item ** power for item in items]) == (
         pytest.approx(power))
+
+
+@pytest.mark.parametrize("fixed, each", [(0, 3), (5, 0.25)])
+def test_a_fit_finds_its_parts(fixed: float, each: float) -> None:
+    work = [1, 2, 4, 8]
+    assert growth_tables.fit(work, [fixed + each * one for one in work]) == (
+        pytest.approx((fixed, each)))
+
+
+def test_a_fit_has_no_fixed_part_below_zero() -> None:
+    assert growth_tables.fit([1, 2], [1, 4]) == pytest.approx((0, 9 / 5))
+
+
+@pytest.mark.parametrize("name, costs, words", [
+    ("bytes: ping", [2.1, 2.2, 2.4], "2.00 ms fixed and 100 µs a byte"),
+    ("keys: check for duplicates", [2, 8, 24], "1.00 ms × n log2 n")])
+def test_growth_in_words(name: str, costs: "list[float]", words: str, tmp_path: Path) -> None:
+    items = [2, 4, 8] if name == growth_tables.SORTS else [1, 2, 4]
+    names = [series for panel in plot_series.PANELS for series in panel.series.values()]
+    series = [{"name": one, "unit": "ms", "items": items,
+               "samples": [[cost] for cost in (costs if one == name else items)]} for one in names]
+    (tmp_path / "growth.json").write_text(json.dumps({"series": series}))
+    panels = plot_series.growth(Dataset(tmp_path))["panels"]
+    [line] = [line for panel, found in zip(plot_series.PANELS, panels)
+              for line in found["lines"] if panel.series[line["name"]] == name]
+    assert line["words"] == words
+    assert [cost for _, cost in line["fit"][1:]] == pytest.approx(costs)
+
+
+@pytest.mark.parametrize("value, unit, text", [
+    (0, "ms", "0"), (2, "µs", "2.00 µs"), (0.0232, "µs", "23.2 ns"), (0.5, "MiB", "512 KiB"),
+    (0.0005, "MiB", "524 bytes"), (0.25, "ns", "0.25 ns")])
+def test_with_unit(value: float, unit: str, text: str) -> None:
+    assert wording.with_unit(value, unit) == text
 
 
 @pytest.mark.parametrize("milliseconds, text", [

@@ -4,17 +4,14 @@ from __future__ import annotations
 
 import os
 import subprocess
-import threading
 import time
 from pathlib import Path
-from typing import Any, Mapping, Sequence
+from typing import Mapping, Sequence
 
-from peers.subjects import INITIALIZE, INITIALIZED
-from scale import measure
+from common.messages import INITIALIZE, INITIALIZED
 
 READ_SIZE = 1 << 16
 START_LIMIT = 60.0
-SAMPLE_SECONDS = 0.002
 BUSY = b'"code":-32000'
 """On a busy machine the worker of a call may end after its reply has come."""
 
@@ -95,39 +92,3 @@ class Program:
 
     def __exit__(self, *_: object) -> None:
         self.close()
-
-
-class Watch:
-    """Looks again and again at what a process and its children hold."""
-
-    def __init__(self, pid: int) -> None:
-        self._pid = pid
-        self._done = threading.Event()
-        self.looks = 0
-        self.highest_mib = 0.0
-        self._thread = threading.Thread(target=self._run)
-        self._thread.start()
-
-    def _run(self) -> None:
-        while not self._done.wait(SAMPLE_SECONDS):
-            kib = sum(measure.memory_kib(pid)[0] for pid in _family(self._pid))
-            self.highest_mib = max(self.highest_mib, round(kib / measure.MIB, 2))
-            self.looks += 1
-
-    def end(self) -> dict[str, Any]:
-        self._done.set()
-        self._thread.join()
-        return {"highest_mib": self.highest_mib, "looks": self.looks}
-
-
-def _family(root: int) -> list[int]:
-    """The process and its descendants; those that have just ended are left out."""
-    found = [root]
-    for pid in found:
-        try:
-            for task in os.listdir(f"/proc/{pid}/task"):
-                children = Path(f"/proc/{pid}/task/{task}/children").read_text("ascii")
-                found += map(int, children.split())
-        except OSError:
-            continue
-    return found

@@ -1,4 +1,4 @@
-"""What processes hold, from /proc."""
+"""What processes hold and have used, from /proc."""
 
 from __future__ import annotations
 
@@ -19,6 +19,19 @@ def of_executable(executable: Path) -> list[int]:
         with contextlib.suppress(OSError):
             if name.isdigit() and os.readlink(f"/proc/{name}/exe") == str(executable):
                 found.append(int(name))
+    return found
+
+
+def family(root: int) -> list[int]:
+    """The process and its descendants; those that have just ended are left out."""
+    found = [root]
+    for pid in found:
+        try:
+            for task in os.listdir(f"/proc/{pid}/task"):
+                children = Path(f"/proc/{pid}/task/{task}/children").read_text("ascii")
+                found += map(int, children.split())
+        except OSError:
+            continue
     return found
 
 
@@ -50,8 +63,11 @@ def _descriptors(pid: int) -> int:
 
 
 def processor_seconds(pid: int) -> float:
-    """Of the process and the children that it has waited for."""
-    fields = Path(f"/proc/{pid}/stat").read_text("ascii").rpartition(")")[2].split()
+    """Of the process and the children that it has waited for; zero for an ended process."""
+    try:
+        fields = Path(f"/proc/{pid}/stat").read_text("ascii").rpartition(")")[2].split()
+    except OSError:
+        return 0.0
     return sum(map(int, fields[11:15])) / os.sysconf("SC_CLK_TCK")
 
 
