@@ -132,7 +132,7 @@ def session_members(session: int) -> list[Path]:
     for path in Path("/proc").iterdir():
         if path.name.isdigit():
             try:
-                fields = (path / "stat").read_text().rpartition(")")[2].split()
+                fields = (path / "stat").read_text(errors="replace").rpartition(")")[2].split()
             except OSError:
                 continue
             if int(fields[3]) == session:
@@ -158,7 +158,7 @@ def thread_states(members: Iterable[Path]) -> Iterator[list[str]]:
             continue
         for thread in threads:
             try:
-                yield (thread / "stat").read_text().rpartition(")")[2].split()
+                yield (thread / "stat").read_text(errors="replace").rpartition(")")[2].split()
             except OSError:
                 continue
 
