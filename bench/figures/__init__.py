@@ -6,6 +6,8 @@ samples.py      quantiles, ratios of paired samples, latency histograms
 turns.py        measuring several subjects in turn
 raw.py          what programs that are no Python write, made smaller
 dataset.py      reading the data files
+parameters.py   the default parameters of the benchmarks
+provenance.py   whether the data files of the repository are of whole runs
 plots.py        the table of plots
 plot_series.py  what each plot shows, taken out of the data files
 drawings.py, style.py   the drawing, with matplotlib
