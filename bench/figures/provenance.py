@@ -20,7 +20,9 @@ def faults(folder: Path, root: Path) -> "list[str]":
     found = []
     for path in sorted(folder.glob("*.json")):
         data = json.loads(path.read_text("utf-8"))
-        reasons = [*_of_parameters(path.stem, data), *(_of_commit(data, root) if has_history else [])]
+        reasons = _of_parameters(path.stem, data)
+        if has_history:
+            reasons += _of_commit(data, root)
         found += [f"{path.relative_to(root)} {reason}" for reason in reasons]
     return found
 
@@ -29,7 +31,8 @@ def _of_parameters(name: str, data: "dict[str, Any]") -> "list[str]":
     if name not in DEFAULTS:
         return ["belongs to no benchmark"]
     given = data.get("parameters", {})
-    return [f"is of a run with {parameter} {given.get(parameter)}, not {value}; run bench/run {name}"
+    return [f"is of a run with {parameter} {given.get(parameter)}, not {value}; "
+            f"run bench/run {name}"
             for parameter, value in DEFAULTS[name].items() if given.get(parameter) != value]
 
 
