@@ -8,6 +8,9 @@ import re
 from pathlib import Path
 from typing import Any, Iterable
 
+TIME_WAIT = "06"
+"""The state of a closed connection that waits for stray segments."""
+
 MIB = 1024.0
 """KiB in a MiB: /proc counts in KiB."""
 
@@ -73,8 +76,18 @@ def processor_seconds(pid: int) -> float:
 
 def sockets_of_ports(ports: Iterable[int]) -> int:
     """Sockets of this machine with one of these local ports that are not closed. Those that only
-    wait for stray segments (TIME_WAIT) belong to no process."""
-    wanted = {f"{port:04X}" for port in ports}
-    lines = Path("/proc/net/tcp").read_text("ascii").splitlines()[1:]
-    fields = [line.split() for line in lines]
-    return sum(field[1].rpartition(":")[2] in wanted and field[3] != "06" for field in fields)
+    wait for stray segments belong to no process."""
+    wanted = set(ports)
+    return sum(local in wanted and state != TIME_WAIT for local, _, state in _connections())
+
+
+def waiting_sockets(port: int) -> int:
+    """Connections to this port that were closed and hold their local port for a minute."""
+    return sum(remote == port and state == TIME_WAIT for _, remote, state in _connections())
+
+
+def _connections() -> "list[tuple[int, int, str]]":
+    """Local port, remote port and state of each TCP socket over IPv4."""
+    fields = [row.split() for row in Path("/proc/net/tcp").read_text("ascii").splitlines()[1:]]
+    return [(int(field[1].rpartition(":")[2], 16), int(field[2].rpartition(":")[2], 16), field[3])
+            for field in fields]

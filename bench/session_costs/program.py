@@ -15,7 +15,7 @@ import time
 from pathlib import Path
 from typing import Any, Iterable
 
-from common.measure import MIB, held, memory_kib, processor_seconds
+from common.measure import MIB, held, memory_kib, processor_seconds, waiting_sockets
 from figures import record
 from figures.conditions import Moment
 from harness import privileges, several_hosts
@@ -34,7 +34,6 @@ PROXY_CALLS = 500
 """The listeners of deploy/several-hosts take 600 requests a minute."""
 SETTLE_SECONDS = 1.0
 CALLED = {"list": ("kova_list_tables", None), "query": (COUNT_ORDERS["name"], COUNT_ORDERS["args"])}
-TIME_WAIT = "06"
 
 Costs = dict[str, float]
 Opened = list[tuple[HttpListener, str]]
@@ -91,13 +90,6 @@ def of_calls(listener: HttpListener, session: str, audit: Path, engine_port: int
 def tree_seconds(listener: HttpListener) -> float:
     return sum(processor_seconds(pid)
                for pid in [listener.server.process.pid, *listener.session_processes()])
-
-
-def waiting_sockets(port: int) -> int:
-    """Connections to this port that were closed and hold their local port for a minute."""
-    lines = Path("/proc/net/tcp").read_text("ascii").splitlines()[1:]
-    fields = [line.split() for line in lines]
-    return sum(field[2].endswith(f":{port:04X}") and field[3] == TIME_WAIT for field in fields)
 
 
 def of_workers(opened: Opened) -> Costs:

@@ -1,12 +1,19 @@
 // What the kernel notes of this process's mappings.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 namespace kova::testing {
+
+/// Whether the kernel can give large pages.
+inline bool has_large_pages() {
+  return ::access("/sys/kernel/mm/transparent_hugepage/enabled", F_OK) == 0;
+}
 
 /// The line of flags, between blanks, of the mapping at an address; empty for none: " wr " is for
 /// writable ones, " hg " for those that large pages are wanted in.

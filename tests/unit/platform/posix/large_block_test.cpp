@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -15,6 +14,7 @@ namespace kova {
 namespace {
 
 using testing::flags_of;
+using testing::has_large_pages;
 
 constexpr std::size_t kSize = 1048578;
 constexpr std::uintptr_t kLargePage = 2097152;
@@ -24,9 +24,7 @@ std::uintptr_t address_of(const char* at) {
 }
 
 TEST(LargeBlockPages, WhatIsBehindTheUsedPartIsForALargeOne) {
-  if (::access("/sys/kernel/mm/transparent_hugepage/enabled", F_OK) != 0) {
-    GTEST_SKIP() << "this kernel has no transparent large pages";
-  }
+  if (!has_large_pages()) GTEST_SKIP() << "this kernel has no transparent large pages";
   for (const std::size_t used : {std::size_t{4096}, std::size_t{65536}, std::size_t{65537}}) {
     LargeBlock block(kSize);
     ASSERT_TRUE(block);
