@@ -30,7 +30,7 @@ class Ending:
         self.look()
         return iter([self / "1"])
 
-    def read_text(self) -> str:
+    def read_text(self, errors: str) -> str:
         self.look()
         return "1 (name) S 1 1 1 0 -1 0 0 0 0 0 1 2"
 

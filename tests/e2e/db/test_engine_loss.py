@@ -100,6 +100,7 @@ def test_an_engine_that_ends_in_the_middle_of_a_result(server, engine, start_sam
     """The library cannot tell a failure from the end of the rows: the call returns those so far."""
     server.send(call("rows", "kova_query", {"sql": "SELECT A FROM TRICKLE WHERE B > 0"}))
     wait_until(lambda: engine.logged("FROM TRICKLE", "-> OK"), TIMEOUT, "the first rows")
+    engine.wait_until_busy(engine.cpu_seconds())  # With the next rows: it has sent the first ones.
     engine.process.send_signal(signal.SIGKILL)
     ended = time.monotonic()
     reply = server.read_line()
