@@ -10,7 +10,7 @@ namespace kova {
 
 namespace {
 
-/// The most that one read of a pipe gives.
+/// The most that one read of an ordinary pipe gives.
 constexpr std::size_t kReadOfPipe = 65536;
 
 }  // namespace
@@ -60,7 +60,9 @@ bool LineReader::fill() {
     block_->move_to_large_page(end_);
     buffer_ = std::exchange(block_, nullptr)->data();
   }
-  const std::size_t got = source_(buffer_ + end_, kLineBufferCapacity - end_);
+  // Nothing more before it is known whether the line is long.
+  const std::size_t room = block_ != nullptr ? kReadOfPipe : kLineBufferCapacity - end_;
+  const std::size_t got = source_(buffer_ + end_, room);
   end_ += got;
   return got > 0;
 }

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -25,6 +26,10 @@ namespace {
 
 /// A POSIX exit code for "ended by a signal" is this plus the signal's number.
 constexpr int kSignalExitBase = 128;
+
+/// What a pipe holds, and the most that one without privileges may hold, as the kernel has it.
+constexpr std::size_t kPipeSize = 65536;
+constexpr std::size_t kLargePipe = 1048576;
 
 int descriptor_of(std::intptr_t handle) {
   return static_cast<int>(handle);
@@ -172,7 +177,13 @@ bool ChildProcess::start(const char* argument) {
   return true;
 }
 
+// A pipe that holds all of a large input is filled while the child is being loaded. One that cannot
+// be enlarged does as well, in turns with the child.
 bool ChildProcess::write_input(std::string_view bytes) {
+  if (bytes.size() > kPipeSize) {
+    ::fcntl(descriptor_of(input_), F_SETPIPE_SZ,
+            static_cast<int>(std::min(bytes.size(), kLargePipe)));
+  }
   while (!bytes.empty()) {
     const ssize_t written = ::write(descriptor_of(input_), bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
