@@ -49,6 +49,14 @@ def test_a_date_in_the_data_changes_the_tables(tree: Path, name: str) -> None:
     assert code == 1 and "its tables are not those of bench/data" in output
 
 
+def test_a_short_run_whose_tables_are_in_order(tree: Path) -> None:
+    change(tree / "bench" / "data" / "micro.json", r'"repetitions": 9', '"repetitions": 1')
+    subprocess.run([tree / "bench" / "tables", "--write"], check=True, capture_output=True)
+    assert check(tree, "tables") == (
+        1, "error: bench/data/micro.json is of a run with repetitions 1, not 9; "
+        "run bench/run micro\n")
+
+
 def test_a_figure_in_the_document(tree: Path) -> None:
     document = tree / "bench" / "results.md"
     change(document, r"(\| spawn to initialize, median +\| +)\d", r"\g<1>0")
