@@ -37,29 +37,28 @@ TEST_P(FindHeader, Host) {
 
 INSTANTIATE_TEST_SUITE_P(
     Lines, FindHeader,
-    ::testing::Values(HeaderRow{"", "none"}, HeaderRow{"Host: a\r\n", "none"},
-                      HeaderRow{"POST\r\n", "none"}, HeaderRow{"POST\r\nHost: a\r\n", "=a"},
-                      HeaderRow{"POST\r\nhOsT:a\r\n", "=a"}, HeaderRow{"POST\r\nHost:\r\n", "="},
-                      HeaderRow{"POST\r\nHost: \t \r\n", "="}, HeaderRow{"POST\r\nHost", "none"},
-                      HeaderRow{"POST\r\nHost:", "none"}, HeaderRow{"POST\r\nHost: a", "none"},
-                      HeaderRow{"POST\r\nHost: a\r", "none"}, HeaderRow{"POST\r\nHost\r\n", "none"},
-                      HeaderRow{"POST\r\nHost : a\r\n", "none"},
-                      HeaderRow{"POST\r\n Host: a\r\n", "none"},
-                      HeaderRow{"POST\r\nHosts: a\r\n", "none"},
-                      HeaderRow{"POST\r\nXHost: a\r\n", "none"},
-                      HeaderRow{"POST\r\nHost: \v\f a b\t \r\n", "=a b"},
-                      HeaderRow{"POST\r\nHost: a\r\nHost: b\r\n", "=a"},
-                      HeaderRow{"POST\r\nA: 1\r\nHost: a\r\n\r\n", "=a"},
-                      // A line feed or carriage return alone ends no line.
-                      HeaderRow{"POST\r\nA: 1\nHost: a\r\n", "none"},
-                      HeaderRow{"POST\r\nA: 1\rHost: a\r\n", "none"},
-                      HeaderRow{"POST\r\nHost: a\nb\r\n", "=a\nb"},
-                      HeaderRow{"POST\r\nA: 1\n\r\nHost: a\r\n", "=a"},
-                      // Behind the blank line the search goes on.
-                      HeaderRow{"POST\r\n\r\nHost: a\r\n", "=a"},
-                      HeaderRow{"POST\r\n\r\nx\r\n\r\nHost: a\r\nx", "=a"},
-                      HeaderRow{"POST\r\n\r\nHost: a", "none"},
-                      HeaderRow{std::string("POST\r\nA: \0\r\nHost: a\r\n", 21), "=a"}));
+    ::testing::Values(
+        HeaderRow{"", "none"}, HeaderRow{"Host: a\r\n", "none"}, HeaderRow{"POST\r\n", "none"},
+        HeaderRow{"POST\r\nHost: a\r\n", "=a"}, HeaderRow{"POST\r\nhOsT:a\r\n", "=a"},
+        HeaderRow{"POST\r\nHost:\r\n", "="}, HeaderRow{"POST\r\nHost: \t \r\n", "="},
+        HeaderRow{"POST\r\nHost", "none"}, HeaderRow{"POST\r\nHost:", "none"},
+        HeaderRow{"POST\r\nHost: a", "none"}, HeaderRow{"POST\r\nHost: a\r", "none"},
+        HeaderRow{"POST\r\nHost\r\n", "none"}, HeaderRow{"POST\r\nHost : a\r\n", "none"},
+        HeaderRow{"POST\r\n Host: a\r\n", "none"}, HeaderRow{"POST\r\nHosts: a\r\n", "none"},
+        HeaderRow{"POST\r\nXHost: a\r\n", "none"}, HeaderRow{"POST\r\nFrom: a\r\n", "none"},
+        HeaderRow{"POST\r\nHost: \v\f a b\t \r\n", "=a b"},
+        HeaderRow{"POST\r\nHost: a\r\nHost: b\r\n", "=a"},
+        HeaderRow{"POST\r\nA: 1\r\nHost: a\r\n\r\n", "=a"},
+        // A line feed or carriage return alone ends no line.
+        HeaderRow{"POST\r\nA: 1\nHost: a\r\n", "none"},
+        HeaderRow{"POST\r\nA: 1\rHost: a\r\n", "none"},
+        HeaderRow{"POST\r\nHost: a\nb\r\n", "=a\nb"},
+        HeaderRow{"POST\r\nA: 1\n\r\nHost: a\r\n", "=a"},
+        // Behind the blank line the search goes on.
+        HeaderRow{"POST\r\n\r\nHost: a\r\n", "=a"},
+        HeaderRow{"POST\r\n\r\nx\r\n\r\nHost: a\r\nx", "=a"},
+        HeaderRow{"POST\r\n\r\nHost: a", "none"},
+        HeaderRow{std::string("POST\r\nA: \0\r\nHost: a\r\n", 21), "=a"}));
 
 TEST(FindHeader, BytesAfterANulBelongToTheValue) {
   const std::string received("POST\r\nHost: a\0b\r\n", 17);
@@ -109,7 +108,27 @@ class HttpRequestTest : public ::testing::Test {
       for (const std::string& piece : pieces) sockets.send(piece);
       sockets.client.shut_down();
     });
+    return receive_from(sender);
+  }
+
+  /// Sends each piece when the one before it has been read.
+  bool receive_apart(const std::vector<std::string>& pieces) {
+    std::thread sender([&] {
+      for (const std::string& piece : pieces) {
+        sockets.send(piece);
+        while (sockets.server.has_waiting_bytes()) std::this_thread::yield();
+      }
+      sockets.client.shut_down();
+    });
+    return receive_from(sender);
+  }
+
+  /// Also reads what a refused request leaves, so that its sender ends.
+  bool receive_from(std::thread& sender) {
     const bool whole = request.receive(sockets.server);
+    char rest[4096];
+    while (sockets.server.receive(rest, sizeof rest) > 0) {
+    }
     sender.join();
     return whole;
   }
@@ -135,7 +154,7 @@ TEST_F(HttpRequestTest, ByteByByte) {
   for (const char c : std::string("POST /mcp HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody")) {
     pieces.emplace_back(1, c);
   }
-  ASSERT_TRUE(receive(pieces));
+  ASSERT_TRUE(receive_apart(pieces));
   EXPECT_EQ(request.body(), "body");
 }
 
@@ -179,6 +198,18 @@ TEST_F(HttpRequestTest, AFullBufferWithoutBlankLine) {
   EXPECT_FALSE(receive({std::string(kRequestLimit, 'a')}));
 }
 
+// Its client keeps the connection and sends nothing more.
+TEST_F(HttpRequestTest, AFullBufferIsNotWaitedFor) {
+  std::thread sender([&] { sockets.send(std::string(kRequestLimit, 'a')); });
+  EXPECT_FALSE(request.receive(sockets.server));
+  sender.join();
+}
+
+TEST_F(HttpRequestTest, NoMoreIsReadThanTheLimit) {
+  EXPECT_FALSE(receive({std::string(kRequestLimit - 100, 'a'), std::string(200, 'a')}));
+  EXPECT_EQ(request.received().size(), kRequestLimit);
+}
+
 struct LengthRow {
   const char* text;
   bool whole;
@@ -190,30 +221,30 @@ class ContentLength : public HttpRequestTest, public ::testing::WithParamInterfa
 TEST_P(ContentLength, Value) {
   const std::string head =
       "POST /mcp HTTP/1.1\r\nContent-Length: " + std::string(GetParam().text) + "\r\n\r\n";
+  // A refused length is refused although as many bytes follow.
   ASSERT_EQ(receive({head, std::string(GetParam().length, 'b')}), GetParam().whole);
   if (GetParam().whole) {
     EXPECT_EQ(request.body().size(), GetParam().length);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, ContentLength,
-                         ::testing::Values(LengthRow{"262144", true, 262144},
-                                           LengthRow{"262145", false, 0}, LengthRow{"-1", false, 0},
-                                           LengthRow{"-0", true, 0}, LengthRow{"", false, 0},
-                                           LengthRow{"x", false, 0}, LengthRow{"+3", true, 3},
-                                           LengthRow{"+", false, 0}, LengthRow{"-", false, 0},
-                                           LengthRow{"+-3", false, 0}, LengthRow{"- 0", false, 0},
-                                           LengthRow{"3x", false, 0}, LengthRow{"3 3", false, 0},
-                                           LengthRow{"3,3", false, 0}, LengthRow{"3.0", false, 0},
-                                           LengthRow{"0x3", false, 0}, LengthRow{"010", true, 10},
-                                           LengthRow{"4294967301", false, 0},
-                                           LengthRow{"18446744073709551621", false, 0},
-                                           // 31 characters
-                                           LengthRow{"9999999999999999999999999999999", false, 0},
-                                           LengthRow{"0000000000000000000000000000005", true, 5},
-                                           // 32 characters
-                                           LengthRow{"99999999999999999999999999999999", true, 0},
-                                           LengthRow{"00000000000000000000000000000005", true, 0}));
+INSTANTIATE_TEST_SUITE_P(
+    Values, ContentLength,
+    ::testing::Values(LengthRow{"262144", true, 262144}, LengthRow{"262145", false, 262145},
+                      LengthRow{"-1", false, 1}, LengthRow{"-0", true, 0}, LengthRow{"", false, 0},
+                      LengthRow{"x", false, 0}, LengthRow{"+3", true, 3}, LengthRow{"+", false, 0},
+                      LengthRow{"-", false, 0}, LengthRow{"+-3", false, 3},
+                      LengthRow{"- 0", false, 0}, LengthRow{"3x", false, 0},
+                      LengthRow{"3 3", false, 0}, LengthRow{"3,3", false, 0},
+                      LengthRow{"3.0", false, 0}, LengthRow{"0x3", false, 0},
+                      LengthRow{"010", true, 10}, LengthRow{"4294967301", false, 0},
+                      LengthRow{"18446744073709551621", false, 0},
+                      // 31 characters
+                      LengthRow{"9999999999999999999999999999999", false, 0},
+                      LengthRow{"0000000000000000000000000000005", true, 5},
+                      // 32 characters
+                      LengthRow{"99999999999999999999999999999999", true, 0},
+                      LengthRow{"00000000000000000000000000000005", true, 0}));
 
 TEST_F(HttpRequestTest, TheFirstLengthCountsAlsoWhenItIsTooLong) {
   ASSERT_TRUE(receive({"POST /mcp HTTP/1.1\r\nContent-Length: " + std::string(32, '1') +

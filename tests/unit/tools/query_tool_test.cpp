@@ -171,6 +171,39 @@ TEST_F(QueryTool, HasUpTo32768Bytes) {
   EXPECT_EQ(library.calls(), Calls{});
 }
 
+TEST_F(QueryTool, TheTraceNamesTheCheck) {
+  CallTrace seen;
+  trace = &seen;
+  const auto check = [&](const std::string& sql) {
+    seen = {};
+    query(sql);
+    return seen.check.check;
+  };
+  const std::string text = "SELECT " + std::string(32767 - 7, '1');
+  EXPECT_EQ(check(text), "select");
+  EXPECT_EQ(check(text + "1"), "select-size");
+  EXPECT_EQ(check(text + "1;"), "arguments");
+  EXPECT_EQ(check(""), "screen-size");
+}
+
+struct Terminated {
+  std::string sql;
+  std::string with_end;
+};
+
+// What stands before the statement is not the statement's.
+TEST(TerminateStatement, LooksAtTheStatementAlone) {
+  for (const auto& [sql, with_end] :
+       {Terminated{"", ";"}, Terminated{" ", ";"}, Terminated{";", ";"}, Terminated{"; ", "; "},
+        Terminated{"a", "a;"}, Terminated{" a \t", " a;"}}) {
+    for (const std::string before : {"x ", "x;"}) {
+      std::string text = before + sql + std::string(2, '\0');
+      EXPECT_TRUE(terminate_statement(text.data() + before.size())) << sql;
+      EXPECT_STREQ(text.c_str(), (before + with_end).c_str()) << sql;
+    }
+  }
+}
+
 // The policy is asked before the size.
 TEST_F(QueryTool, ThePolicyStandsBeforeTheSize) {
   const std::string text = "SELECT ssn" + std::string(32768 - 10, '_');

@@ -58,7 +58,7 @@ class ToolCalls : public EngineSession {
     EXPECT_TRUE(json_parse(request, tokens.data(), kMessageTokenCapacity, doc)) << request;
     const int id = json_find(doc, 0, "id");
     const int params = json_find(doc, 0, "params");
-    ToolContext context{*policy, audit, session};
+    ToolContext context{*policy, audit, session, trace};
     CapturedOutput output;
     {
       std::optional<AllocationFailure> failure;
@@ -103,6 +103,7 @@ class ToolCalls : public EngineSession {
   ScopedEnvironment writes_switch{kDisableWrites};
   std::unique_ptr<McpPolicy> policy = loaded_policy();
   AuditContext audit{};
+  CallTrace* trace = nullptr;
 };
 
 }  // namespace kova::testing
