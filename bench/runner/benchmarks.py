@@ -108,6 +108,7 @@ def peers(run: Run) -> None:
     modules = installing.peers(run.asked.build / "peers")
     run.module("peers.program", "--server", run.stage.installed("peers"),
                "--floor", run.linux / "bench" / "empty-program",
+               "--floor-calls", run.linux / "bench" / "floor-on-demand",
                "--http-floor", run.linux / "bench" / "empty-listener",
                "--database", run.stage.database, "--modules", modules,
                "--rounds", str(run.asked.value("peers", "rounds")),
@@ -176,7 +177,8 @@ BENCHMARKS = {
                          ("kova-mcp", "kovadll", "empty-program", "whole-process-bench")),
     "micro": Benchmark("parsing and escaping", micro, ("json-bench",), needs_stage=False),
     "http": Benchmark("HTTP, Linux", http, SERVICE),
-    "peers": Benchmark("peers, Linux", peers, (*SERVICE, "empty-program", "empty-listener")),
+    "peers": Benchmark("peers, Linux", peers,
+                       (*SERVICE, "empty-program", "floor-on-demand", "empty-listener")),
     "growth": Benchmark("growth, Linux", growth, (*SERVICE, "growth-bench")),
     "account": Benchmark("where the time of a call goes, Linux", account,
                          (*SERVICE, "empty-program", "floor-on-demand")),
