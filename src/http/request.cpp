@@ -47,10 +47,10 @@ std::optional<std::string_view> find_header(std::string_view received, std::stri
   while (end != std::string_view::npos) {
     received.remove_prefix(end + kLineEnd.size());
     end = received.find(kLineEnd);
-    if (end == std::string_view::npos) break;
     const std::string_view line = slice(received, 0, end);
-    if (!has_name(line, name)) continue;
-    return without_leading_space(without_trailing_space(slice(line, name.size() + 1)));
+    if (end != std::string_view::npos && has_name(line, name)) {
+      return without_leading_space(without_trailing_space(slice(line, name.size() + 1)));
+    }
   }
   return std::nullopt;
 }
@@ -89,15 +89,15 @@ bool HttpRequest::receive_more(Socket& socket) {
 }
 
 bool HttpRequest::receive_header_block(Socket& socket) {
-  for (;;) {
+  std::size_t end = std::string_view::npos;
+  while (end == std::string_view::npos) {
     // The blank line may have begun in what was searched before.
     const std::size_t searched = received_ - std::min(received_, kBlankLine.size() - 1);
     if (!receive_more(socket)) return false;
-    const std::size_t end = received().find(kBlankLine, searched);
-    if (end == std::string_view::npos) continue;
-    body_begin_ = end + kBlankLine.size();
-    return body_begin_ <= kHeaderBlockLimit;
+    end = received().find(kBlankLine, searched);
   }
+  body_begin_ = end + kBlankLine.size();
+  return body_begin_ <= kHeaderBlockLimit;
 }
 
 bool HttpRequest::receive(Socket& socket) {
