@@ -1,5 +1,7 @@
 // Floating-point numbers as text. The digits are the C library's; its decimal point is not, which
-// depends on the locale that other code of the process has set.
+// depends on the locale that other code of the process has set. The C++ library's conversions,
+// which know no locale, would make the executable two thirds larger and link the mathematics
+// library, which each call would load.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +18,8 @@ inline constexpr std::size_t kFloatTextLimit = 63;
 /// not fit, nothing is added and false is returned.
 [[nodiscard]] bool append_float(TextOut& out, float number);
 
-/// Reads a decimal number of 1 to kFloatTextLimit characters. False for any other text; what is too
-/// large becomes infinite.
+/// Reads a decimal number of 1 to kFloatTextLimit characters. False for any other text, and when
+/// another thread changes the locale at this very moment; what is too large becomes infinite.
 [[nodiscard]] bool read_float(std::string_view text, double& number);
 
 }  // namespace kova
