@@ -14,7 +14,7 @@ drawings.py, style.py   the drawing, with matplotlib
 plot_files.py   the SVG files, and whether they are those of the data
 plot_pictures.py        a plot in Markdown
 tables.py       the table of tables; *_tables.py and aims.py make them
-markdown.py     tables in Markdown and the marked regions of documents
+markdown.py     tables and paragraphs in Markdown, the marked regions of documents
 wording.py      how numbers are written
 
 How a benchmark writes its data

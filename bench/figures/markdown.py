@@ -1,4 +1,4 @@
-"""Tables in Markdown, and the marked regions of a document that hold them.
+"""Tables and paragraphs in Markdown, and the marked regions of a document that hold them.
 
 A region begins with the line `<!-- table NAME -->` and ends with `<!-- end -->`.
 """
@@ -6,12 +6,14 @@ A region begins with the line `<!-- table NAME -->` and ends with `<!-- end -->`
 from __future__ import annotations
 
 import re
+import textwrap
 from typing import Callable, Sequence
 
 BEGIN = re.compile(r"<!-- table (\S+) -->\n")
 REGION = re.compile(r"(<!-- table (\S+) -->\n)((?:(?!<!--).)*?)(<!-- end -->)", re.DOTALL)
 WIDEST_ROW = 160
 """Wider ones are hard to read in the source."""
+PARAGRAPH_WIDTH = 118
 
 
 class BadDocument(Exception):
@@ -34,6 +36,11 @@ def table(head: Sequence[str], rows: Sequence[Sequence[object]]) -> str:
     if wide:
         raise ValueError(f"a row has {len(wide[0])} characters: {wide[0]}")
     return "\n".join(rows_of_text)
+
+
+def paragraph(text: str) -> str:
+    """In lines, as they stand in a document's source."""
+    return "\n".join(textwrap.wrap(text, PARAGRAPH_WIDTH, break_long_words=False))
 
 
 def names(text: str) -> "list[str]":

@@ -2,10 +2,9 @@
 
 from __future__ import annotations
 
-import textwrap
 from typing import Any
 
-WIDTH = 118
+from figures.markdown import paragraph
 
 
 def _stolen(data: "dict[str, Any]") -> str:
@@ -18,8 +17,8 @@ def run_line(data: "dict[str, Any]") -> str:
     machine, load = data["machine"], data["load_average"]
     parameters = ", ".join(f"{name} {value}" for name, value in data["parameters"].items()
                            if not isinstance(value, dict))
-    text = (f"{machine['processor']}, {machine['processors']} processors, "
-            f"{machine['memory_mib'] / 1024:.0f} GiB; {machine['distribution']}, kernel "
-            f"{machine['kernel']}; {data['date']}, commit {data['commit']}; load {load[0]} before, "
-            f"{load[1]} after{_stolen(data)}; {parameters}.")
-    return "\n".join(textwrap.wrap(text, WIDTH, break_long_words=False))
+    return paragraph(
+        f"{machine['processor']}, {machine['processors']} processors, "
+        f"{machine['memory_mib'] / 1024:.0f} GiB; {machine['distribution']}, kernel "
+        f"{machine['kernel']}; {data['date']}, commit {data['commit']}; load {load[0]} before, "
+        f"{load[1]} after{_stolen(data)}; {parameters}.")

@@ -5,7 +5,7 @@ from __future__ import annotations
 from typing import Any
 
 from figures.dataset import Dataset
-from figures.markdown import table
+from figures.markdown import paragraph, table
 
 DATA = "scale"
 
@@ -88,3 +88,22 @@ def bad_records(data: Dataset) -> int:
 def left(data: Dataset) -> int:
     """Processes, sockets and files that are there after the last session."""
     return sum(data[DATA]["left"].values())
+
+
+def sessions(data: Dataset) -> int:
+    return data[DATA]["parameters"]["sessions"]
+
+
+def highest_of_haproxy(data: Dataset, what: str) -> float:
+    """The highest that was seen of HAProxy's `what`, idle and under load."""
+    seen = [data[DATA]["idle"], *data[DATA]["load"]["samples"]]
+    return max(sample["haproxy"][what] for sample in seen)
+
+
+def refused(data: Dataset) -> str:
+    """How often no free slot was found, as a sentence."""
+    found = data[DATA]
+    return paragraph(
+        f"In `bench/run scale` there are as many clients as slots, {sessions(data):,}: "
+        f"{found['refused_initializes']:,} of {found['initializes']:,} requests `initialize` got "
+        "400 there.")

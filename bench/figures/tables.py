@@ -8,8 +8,8 @@ from __future__ import annotations
 from typing import Callable
 
 from figures import (account_tables, aims, audit_tables, capacity_tables, growth_tables,
-                     http_tables, micro_tables, peer_tables, plot_pictures, process_tables,
-                     scale_tables)
+                     http_tables, limit_tables, micro_tables, peer_tables, plot_pictures,
+                     process_tables, scale_tables)
 from figures.dataset import Dataset, NoData
 from figures.markdown import BadDocument
 from figures.run_line import run_line
@@ -39,9 +39,12 @@ TABLES: "dict[str, Maker]" = {
     "growth": growth_tables.summary,
     "growth-checks": growth_tables.checks,
     "costs": capacity_tables.measured,
+    "kept": capacity_tables.kept,
     "capacity": capacity_tables.formulas,
     "clients": capacity_tables.examples,
+    "limits": limit_tables.runs_out,
     "scale": scale_tables.summary,
+    "refused": scale_tables.refused,
 }
 OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "windows": ["windows-calls", "windows-starts"],
