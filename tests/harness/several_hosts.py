@@ -7,6 +7,7 @@ import contextlib
 import http.client
 import json
 import os
+import re
 import shlex
 import socket
 import ssl
@@ -54,6 +55,13 @@ listen engine
     server engine 127.0.0.1:{ENGINE_PORT}
 """
 """The sample engine listens on the loopback alone."""
+
+
+def command_of_readme(number: int) -> str:
+    """The command of a step of README.md."""
+    text = (FILES / "README.md").read_text("utf-8")
+    [found] = re.findall(rf"^(\S.*?) +# {number}\. ", text, re.MULTILINE)
+    return str(found)
 
 
 def variables(*files: Path) -> dict[str, str]:
@@ -202,8 +210,17 @@ class Host(Proxied):
         return int(statistic(self.socket, "kova_mcp", "BACKEND", "scur"))
 
     def requests_under_way(self) -> int:
-        """Those too that the proxy has not passed on."""
-        return int(statistic(self.socket, "kova_mcp_tls", "FRONTEND", "scur"))
+        """Those too that the proxy has not passed on: what README.md's command says, which asks the
+        socket by "tell"."""
+        script = f"tell() {{ cat; }}\n{command_of_readme(4)}"
+        return int(self.machine.run("sh", "-euc", script, data=self.say("show stat").encode()))
+
+    def sessions(self) -> int:
+        """What README.md's command says on the machine, which sees its own processes alone."""
+        command = filled(command_of_readme(2), {"/usr/bin/kova-mcp": str(self._executable)})
+        return int(self.machine.run(
+            "nsenter", "--target", str(self.machine.pid), "--pid", "unshare", "--mount-proc",
+            "sh", "-uc", f"{command} || [ $? = 1 ]"))
 
     def leave(self, fronts: "list[Front]") -> None:
         """From now on no new session; its own go on."""
@@ -309,6 +326,7 @@ class Service:
     def __init__(self, folder: Path, executable: Path, engine: Path) -> None:
         self.folder = folder
         self._executable = executable
+        self._engine = engine
         self.tls = folder / "tls"
         self.tls.mkdir()
         make_certificates(self.tls)
@@ -319,7 +337,8 @@ class Service:
         self.hosts: dict[str, Host] = {}
         try:
             self.clients = self.network.add("clients", CLIENTS)
-            self._start_engine(engine)
+            self._make_database()
+            self.start_engine()
             for name in HOSTS:
                 self.start_host(name)
             for name in FRONTS:
@@ -331,17 +350,19 @@ class Service:
             self.network.close()
             raise
 
-    def _start_engine(self, executable: Path) -> None:
-        machine = self.network.add("engine", ENGINE)
+    def _make_database(self) -> None:
         settings = variables(FILES / "host-a.env")
         (self.folder / "data").mkdir()
         make_database(self.folder / "data" / f"{settings['KOVA_MCP_DATABASE']}.db", SALES)
-        users, gate = self.folder / "users", self.folder / "engine.cfg"
-        users.write_text(f"{settings['KOVA_MCP_USER']}:{settings['KOVA_MCP_PASSWORD']}\n", "utf-8")
-        gate.write_text(ENGINE_GATE, "utf-8")
-        machine.start("engine", [str(executable), "--data", str(self.folder / "data"), "--users",
-                                 str(users), "--port", str(ENGINE_PORT)])
-        machine.start("gate", ["/usr/sbin/haproxy", "-db", "-f", str(gate)])
+        users = f"{settings['KOVA_MCP_USER']}:{settings['KOVA_MCP_PASSWORD']}\n"
+        (self.folder / "users").write_text(users, "utf-8")
+        (self.folder / "engine.cfg").write_text(ENGINE_GATE, "utf-8")
+
+    def start_engine(self) -> None:
+        self.engine = machine = self.network.add("engine", ENGINE)
+        machine.start("engine", [str(self._engine), "--data", str(self.folder / "data"), "--users",
+                                 str(self.folder / "users"), "--port", str(ENGINE_PORT)])
+        machine.start("gate", ["/usr/sbin/haproxy", "-db", "-f", str(self.folder / "engine.cfg")])
         wait_until(lambda: machine.accepts("127.0.0.1", ENGINE_PORT)
                    and machine.accepts(ENGINE, ENGINE_PORT), TIMEOUT, "the engine")
 

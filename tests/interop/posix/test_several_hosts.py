@@ -8,6 +8,7 @@ import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import threading
 from pathlib import Path
@@ -129,6 +130,39 @@ def test_sessions_outlive_the_loss_of_a_front(service: Service) -> None:
         assert client.count() == 200
 
 
+@pytest.mark.slow
+def test_both_fronts_are_lost_and_back(service: Service) -> None:
+    clients = [Client(service) for _ in range(4)]
+    for front in service.all_fronts():
+        front.machine.crash()
+    for name in FRONTS:
+        service.start_front(name)
+    for front in service.all_fronts():
+        assert not any(front.knows(client.session) for client in clients)
+        for host in HOSTS:
+            front.wait_for(host, "UP")
+    for client in clients:
+        status = client.count()
+        assert status in (200, 404)
+        if status == 404:
+            client.open()
+    assert [client.count() for client in clients] == [200] * 4
+
+
+# the engine
+
+
+@pytest.mark.slow
+def test_sessions_outlive_the_loss_of_the_engine(service: Service) -> None:
+    clients = [service.clients_on(host, 1)[0] for host in HOSTS]
+    service.engine.crash()
+    for client in clients:
+        status, result = client.call("kova_query", sql="SELECT COUNT(ID) AS N FROM ORDERS")
+        assert (status, result["isError"]) == (200, True), result
+    service.start_engine()
+    assert [client.count() for client in clients] == [200, 200]
+
+
 # hosts
 
 
@@ -190,6 +224,17 @@ def test_a_host_without_listeners_passes_new_sessions_on(service: Service) -> No
 
 
 @pytest.mark.slow
+def test_a_host_that_has_lost_one_listener_serves_by_the_others(service: Service) -> None:
+    host = service.hosts["host-a"]
+    clients = service.clients_on("host-a", 2)
+    host.listeners[INSTANCES[0]].end(signal.SIGKILL)
+    wait_until(lambda: host.sessions() == 1, TIMEOUT, "the end of its sessions")
+    assert sorted(client.count() for client in clients) == [200, 404]
+    assert [client.count() for client in service.clients_on("host-a", 2)] == [200, 200]
+    assert host.sessions() == 3
+
+
+@pytest.mark.slow
 def test_a_full_host_passes_new_sessions_on(service: Service) -> None:
     slots = len(HOSTS) * len(INSTANCES) * SLOTS
     clients = [Client(service) for _ in range(slots)]
@@ -202,6 +247,21 @@ def test_a_full_host_passes_new_sessions_on(service: Service) -> None:
 
 
 # a rolling restart
+
+
+def test_the_readmes_commands_count_sessions_and_requests(service: Service) -> None:
+    clients = service.clients_on("host-a", 3)
+    host = service.hosts["host-a"]
+    assert (host.sessions(), host.requests_under_way()) == (3, 0)
+    calling = threading.Thread(target=lambda: clients[0].call("kova_query", **SLOW))
+    calling.start()
+    wait_until(lambda: host.requests_at_listeners() == 1, TIMEOUT, "the call")
+    assert (host.sessions(), host.requests_under_way()) == (3, 1)
+    for client in clients:
+        assert client.ask(method="DELETE").status == 204
+    calling.join()
+    wait_until(lambda: host.requests_under_way() == 0, TIMEOUT, "the end of the call")
+    assert host.sessions() == 0
 
 
 class Caller(threading.Thread):
