@@ -219,7 +219,7 @@ class Parser {
 bool json_parse(std::string_view text, JsonToken* tokens, int capacity, JsonDoc& doc,
                 std::size_t* stopped) {
   if (stopped != nullptr) *stopped = 0;
-  if (text.empty() || text.size() > INT32_MAX || tokens == nullptr || capacity <= 0) return false;
+  if (text.size() > INT32_MAX || tokens == nullptr || capacity <= 0) return false;
   Parser parser(text, tokens, capacity);
   if (!parser.document()) {
     if (stopped != nullptr) *stopped = parser.position();
