@@ -75,6 +75,9 @@ INSTANTIATE_TEST_SUITE_P(Containers, Rejects,
                                            "{}}", "[][]", "{}{}", "[] []", "{},", ",", ":", "[1]x",
                                            "//\n1", "1//", "/**/1", "[1,/**/2]", "#\n1", "(1)"));
 
+INSTANTIATE_TEST_SUITE_P(Keys, Rejects,
+                         ::testing::Values("{1}", "{[]}", "{\"a\":1,2}", "{:1}", "{\"a\":1,:2}"));
+
 INSTANTIATE_TEST_SUITE_P(WhiteSpace, Accepts,
                          ::testing::Values(" 1", "1 ", "\t1\n", "\r\n 1 \r\n", "\n\n{}\n\n",
                                            "[\r1\t,\n2 ]"));
@@ -141,6 +144,9 @@ TEST(JsonParse, StopsAtTheByteThatIsWrong) {
   for (const Row& row : std::initializer_list<Row>{{R"(["a\qb"])", 3},
                                                    {R"(["a\u00g0b"])", 3},
                                                    {R"(["a\u00)", 3},
+                                                   {R"("\)", 1},
+                                                   {R"("\n)", 3},
+                                                   {R"("\u0041)", 7},
                                                    {"[1,]", 3},
                                                    {"[tru]", 1},
                                                    {"[1", 2},
@@ -156,13 +162,45 @@ TEST(JsonParse, StopsAtTheByteThatIsWrong) {
 
 TEST(JsonParse, NothingToParseOrNowhereToPutIt) {
   JsonToken tokens[2];
+  const struct {
+    std::string_view text;
+    JsonToken* tokens;
+    int capacity;
+  } rows[] = {{std::string_view(), tokens, 2},
+              {"", tokens, 2},
+              {"1", nullptr, 2},
+              {"1", tokens, 0},
+              {"1", tokens, -1}};
+  for (const auto& row : rows) {
+    JsonDoc doc;
+    std::size_t stopped = 99;
+    EXPECT_FALSE(json_parse(row.text, row.tokens, row.capacity, doc, &stopped)) << row.capacity;
+    EXPECT_EQ(stopped, 0U) << row.capacity;
+  }
   JsonDoc doc;
-  EXPECT_FALSE(json_parse(std::string_view(), tokens, 2, doc));
-  EXPECT_FALSE(json_parse("", tokens, 2, doc));
-  EXPECT_FALSE(json_parse("1", nullptr, 2, doc));
-  EXPECT_FALSE(json_parse("1", tokens, 0, doc));
-  EXPECT_FALSE(json_parse("1", tokens, -1, doc));
   EXPECT_TRUE(json_parse("1", tokens, 1, doc));
+}
+
+// The parser gives up at the second byte of the longest text and reads none of a longer one: no
+// other bytes need be there.
+TEST(JsonParse, OffsetsAreOfThirtyTwoBits) {
+  constexpr std::size_t kLongest = INT32_MAX;
+  JsonToken token;
+  JsonDoc doc;
+  std::size_t stopped = 99;
+  EXPECT_FALSE(json_parse({"1x", kLongest}, &token, 1, doc, &stopped));
+  EXPECT_EQ(stopped, 1U);
+  EXPECT_FALSE(json_parse({"1x", kLongest + 1}, &token, 1, doc, &stopped));
+  EXPECT_EQ(stopped, 0U);
+}
+
+TEST(JsonParse, AnOpenContainerHasNoEnd) {
+  for (const std::string_view text : {"["sv, "[1,"sv, "{"sv, "{\"a\":[]"sv}) {
+    JsonToken tokens[4];
+    JsonDoc doc;
+    EXPECT_FALSE(json_parse(text, tokens, 4, doc)) << text;
+    EXPECT_EQ(tokens[0].end, -1) << text;
+  }
 }
 
 struct TokenRow {
@@ -477,11 +515,23 @@ TEST(JsonParse, SpecialBytesAtEveryOffsetOfARun) {
     EXPECT_TRUE(parses("\"" + plain + "\\n" + plain + "\""));
     EXPECT_TRUE(parses("\"" + plain + "\xc3\xa9" + plain + "\""));
     EXPECT_FALSE(parses("\"" + plain));
-    EXPECT_FALSE(parses("\"" + plain + "\x1f" + plain + "\""));
-    EXPECT_FALSE(parses("\"" + plain + std::string(1, '\0') + plain + "\""));
-    EXPECT_FALSE(parses("\"" + plain + "\x80" + plain + "\""));
-    EXPECT_FALSE(parses("\"" + plain + "\\x" + plain + "\""));
     EXPECT_FALSE(parses("\"" + plain + "\"" + plain + "\""));
+  }
+}
+
+// Every one behind a run, at the end of the text and before letters that a backslash may stand
+// before.
+TEST(JsonParse, WrongBytesAtEveryOffsetOfARun) {
+  for (const std::string_view wrong : {"\x1f"sv, "\0"sv, "\x80"sv, "\\x"sv, "\\"sv}) {
+    SCOPED_TRACE(::testing::PrintToString(wrong));
+    for (std::size_t run = 0; run <= 150; ++run) {
+      SCOPED_TRACE(run);
+      const std::string before = "\"" + std::string(run, 'p') + std::string(wrong);
+      EXPECT_FALSE(parses(before));
+      if (wrong == "\\") continue;
+      EXPECT_FALSE(parses(before + std::string(run, 'p') + "\""));
+      EXPECT_FALSE(parses(before + std::string(run, 'n') + "\""));
+    }
   }
 }
 
