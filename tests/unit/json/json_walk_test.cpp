@@ -38,6 +38,26 @@ class HandMade {
   JsonDoc doc_;
 };
 
+TEST(JsonDoc, HasATypeForItsTokensOnly) {
+  for (const GuardSide side : {GuardSide::kAfter, GuardSide::kBefore}) {
+    const HandMade made("[1]", {{kA, 0, 3, 1, -1}, {kP, 1, 2, 0, 0}}, side);
+    const JsonDoc& doc = made.doc();
+    for (const JsonType type : {kO, kA, kS, kP}) {
+      EXPECT_EQ(doc.is(0, type), type == kA);
+      EXPECT_EQ(doc.is(1, type), type == kP);
+      for (const int index : {-2, -1, 2, 3}) EXPECT_FALSE(doc.is(index, type)) << index;
+    }
+  }
+}
+
+TEST(JsonDoc, HasNoTokensAtFirst) {
+  const JsonDoc doc;
+  for (const int index : {-1, 0, 1}) {
+    EXPECT_FALSE(doc.is(index, kO)) << index;
+    EXPECT_EQ(json_skip(doc, index), -1) << index;
+  }
+}
+
 // --- members ----------------------------------------------------------------------------------
 
 struct Walk {

@@ -184,6 +184,20 @@ TEST(ReplyLine, NothingIsWrittenBeforeTheLineEnds) {
   EXPECT_EQ(output.take(), kNoId + "short\n");
 }
 
+// A pipe takes so much at once.
+TEST(ReplyLine, UpTo65536BytesAreOneWrite) {
+  const std::string raw(65535 - kNoId.size(), 'r');
+  CapturedOutput output;
+  {
+    ReplyLine line({});
+    line.raw(raw).raw("y");
+    EXPECT_EQ(output.take(), "");
+    line.raw("z");
+    EXPECT_EQ(output.take(), kNoId + raw + "y");
+  }
+  EXPECT_EQ(output.take(), "z\n");
+}
+
 // --- ids --------------------------------------------------------------------------------------
 
 std::string id_line(std::string_view source) {
@@ -238,9 +252,14 @@ TEST(ReplyLine, NoIdIsNull) {
   CapturedOutput output;
   ReplyLine({}).raw("");
   EXPECT_EQ(output.take(), kNoId + "\n");
-  const ParsedText parsed("{}");
-  ReplyLine({.doc = &parsed.doc(), .token = -1}).raw("");
-  EXPECT_EQ(output.take(), kNoId + "\n");
+  const ParsedText parsed("[1,2]");
+  ASSERT_TRUE(parsed.ok());
+  const RequestId none[] = {
+      {.doc = &parsed.doc()}, {.doc = &parsed.doc(), .token = -1}, {.token = 0}, {.token = 1}};
+  for (const RequestId& id : none) {
+    ReplyLine(id).raw("");
+    EXPECT_EQ(output.take(), kNoId + "\n");
+  }
 }
 
 TEST(ReplyLine, AnIdWhoseDocumentIsGoneStandsAsItIs) {
