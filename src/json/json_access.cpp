@@ -13,6 +13,7 @@ namespace kova {
 namespace {
 
 constexpr std::size_t kUnsignedLengthLimit = 31;
+// Below the largest float: what lies within stays finite as one.
 constexpr double kFloatLimit = 3.402823466e38;
 
 constexpr std::uint32_t kHighSurrogate = 0xD800;
