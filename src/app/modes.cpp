@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "app/stdio_server.h"
+#include "app/trace.h"
 #include "approval/token.h"
 #include "audit/audit.h"
 #include "base/exit_code.h"
@@ -118,7 +119,7 @@ int issue_approval_mode(const Startup& startup) {
 int http_mode(const Startup& startup) {
   // The listener reads no lines itself: each session is a process with its own buffer.
   startup.line_buffer.reset();
-  return run_http_listener(startup.operand);
+  return run_http_listener(startup.operand, [] { trace("MCP_TRACE event=session_job_refused\n"); });
 }
 
 }  // namespace kova

@@ -26,6 +26,7 @@ void ChildStarter::serve_next() {
   Request& request = *request_;
   mutex_.unlock();
   request.started = request.child.start(argument_);
+  if (request.child.job_refused() && job_refused_ != nullptr) job_refused_();
   const MutexGuard guard(mutex_);
   request.done = true;
   request_ = nullptr;

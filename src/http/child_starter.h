@@ -12,7 +12,10 @@ namespace kova {
 class ChildStarter {
  public:
   /// The children are copies of this executable with that argument, or with none for null.
-  explicit ChildStarter(const char* argument) : argument_(argument) {}
+  /// `job_refused` is called on the starting thread for each child that ChildProcess::job_refused
+  /// tells of; null for nobody.
+  explicit ChildStarter(const char* argument, void (*job_refused)() = nullptr)
+      : argument_(argument), job_refused_(job_refused) {}
   ChildStarter(const ChildStarter&) = delete;
   ChildStarter& operator=(const ChildStarter&) = delete;
 
@@ -32,6 +35,7 @@ class ChildStarter {
   void serve_next();
 
   const char* argument_;
+  void (*job_refused_)();
   Mutex mutex_;
   Condition changed_;
   Request* request_ = nullptr;

@@ -28,9 +28,11 @@ constexpr HttpResponse kConnectionLimit{
 
 /// What connections share. It is never destroyed: they may outlast the accept loop.
 struct Shared {
-  explicit Shared(std::string_view port) { TextOut(port_text).copy_cut(port); }
+  Shared(std::string_view port, void (*job_refused)()) : starter(nullptr, job_refused) {
+    TextOut(port_text).copy_cut(port);
+  }
 
-  ChildStarter starter{nullptr};
+  ChildStarter starter;
   RateWindow rate;
   SessionTable sessions{starter, tick_ms};
   HttpState state{.rate = rate, .sessions = sessions};
@@ -77,7 +79,7 @@ void announce(const char* port_text) {
 
 }  // namespace
 
-int run_http_listener(const char* port_text) {
+int run_http_listener(const char* port_text, void (*job_refused)()) {
   const std::uint64_t port = whole_decimal(port_text).value_or(0);
   if (port < 1 || port > kPortLimit) return kExitFailure;
   const SocketLayer layer;
@@ -87,7 +89,7 @@ int run_http_listener(const char* port_text) {
     std::free(memory);
     return kExitFailure;
   }
-  Shared& shared = *std::construct_at(static_cast<Shared*>(memory), port_text);
+  Shared& shared = *std::construct_at(static_cast<Shared*>(memory), port_text, job_refused);
   if (!shared.starter.run()) return kExitFailure;
   announce(port_text);
   Socket client;
