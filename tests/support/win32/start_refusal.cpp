@@ -18,11 +18,13 @@ namespace {
 
 std::atomic<std::uint32_t> refused_with{ERROR_SUCCESS};
 std::atomic<bool> is_in_job{false};
+std::atomic<std::uint32_t> last_flags{0};
 
 BOOL WINAPI create_process(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES process,
                            LPSECURITY_ATTRIBUTES thread, BOOL inherits, DWORD flags,
                            LPVOID environment, LPCWSTR folder, LPSTARTUPINFOW startup,
                            LPPROCESS_INFORMATION created) {
+  last_flags = flags;
   if (refused_with == ERROR_SUCCESS) {
     return __real___imp_CreateProcessW(program, line, process, thread, inherits, flags, environment,
                                        folder, startup, created);
@@ -46,6 +48,10 @@ StartRefusal::StartRefusal(std::uint32_t error, bool in_job) {
 
 StartRefusal::~StartRefusal() {
   refused_with = ERROR_SUCCESS;
+}
+
+std::uint32_t last_start_flags() {
+  return last_flags;
 }
 
 }  // namespace kova::testing

@@ -1,5 +1,5 @@
-// Processes that the system does not start. The unit test binary is linked so that its calls of
-// CreateProcessW and IsProcessInJob pass through here.
+// How processes are started, and processes that the system does not start. The unit test binary is
+// linked so that its calls of CreateProcessW and IsProcessInJob pass through here.
 #pragma once
 
 #include <cstdint>
@@ -15,5 +15,8 @@ class StartRefusal {
   StartRefusal(const StartRefusal&) = delete;
   StartRefusal& operator=(const StartRefusal&) = delete;
 };
+
+/// The creation flags of the last process that was to start.
+[[nodiscard]] std::uint32_t last_start_flags();
 
 }  // namespace kova::testing

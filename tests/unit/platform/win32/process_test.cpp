@@ -31,6 +31,14 @@ TEST(PrepareProcess, TurnsTheSystemsErrorBoxesOff) {
   EXPECT_EQ(output_of(testing::kChildPrepared), "error mode " + std::to_string(wanted) + "\n");
 }
 
+// A child's libraries are loaded before its main can turn the error boxes off. Wine gives every
+// process the system's own error mode, so this looks at the flag that would do the same on Windows.
+TEST(ChildProcessWindows, ItIsGivenTheErrorModeOfThisProcess) {
+  EXPECT_EQ(output_of(testing::kChildHandles), "none\n");
+  EXPECT_NE(testing::last_start_flags() & CREATE_NO_WINDOW, 0U);
+  EXPECT_EQ(testing::last_start_flags() & CREATE_DEFAULT_ERROR_MODE, 0U);
+}
+
 // The folder of the pipes that a process inside an app container may make.
 TEST(ChildProcessWindows, ItsStreamsAreTwoPipesOfTheLocalFolder) {
   const std::string names = output_of(testing::kChildStreamNames);
