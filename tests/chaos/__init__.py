@@ -10,8 +10,9 @@
 | acts | the calls that clients make, and what a right reply to each is |
 | stdio_client, http_client | clients that call, cancel, send garbage, vanish and come back |
 | hand | the faults; two hands do them, one after the other each |
-| ledger | every request with its replies; violations; counts |
-| checks | what is looked at when a round is over |
+| ledger | every request with its replies; times in which a record may be lost; violations; counts |
+| records | the audit files against the calls |
+| checks | what else is looked at when a round is over |
 
 A run is a row of rounds. In each, clients work while the hands do what the round's random numbers
 say; then every fault is lifted, the clients come to their end, and everything is checked:
@@ -19,8 +20,10 @@ say; then every fault is lifted, the clients come to their end, and everything i
 * each request got exactly one reply, or its connection was closed;
 * each reply carries the id and the mark of its own request, so none reached another client;
 * standard output held nothing but messages;
-* every call with a reply has exactly one audit record, and no record is of a call that nobody made.
-  Calls whose reply came while the audit file could not be written are left out;
+* every call with a result has exactly one audit record, and no record is of a call that nobody
+  made. Left out are calls under way on a server while a fault kept it from writing records;
+* every record is whole. A piece is excused only where records could be written in part, and for
+  a call whose worker was killed meanwhile: nobody was left to take the piece back;
 * a write ran at most once, only with an approval, and never without its replay marker; a write that
   was reported as done is in the database;
 * no process, descriptor, handle or thread is left.
@@ -32,7 +35,8 @@ only the system schedules them anew.
 On Windows under Wine the hands do the same but for three faults: descriptors, memory and the size
 of files are limits of the native process, which is Wine's. A kill there is an end of the native
 process, which is seen as TerminateProcess with the exit code 0 is; a stop suspends all of its
-threads. So the reply of a worker that was killed before its record is passed on: calls under way
-when a worker is killed need no record there. Wine's server now and then keeps a socket open whose
-process has been killed, which Windows does not: such connections are counted, and are no violation.
+threads. So the reply of a worker that was killed before its record is passed on: calls under way on
+a server of which a worker is killed need no record there. Wine's server now and then keeps a socket
+open whose process has been killed, which Windows does not: such connections are counted, and are no
+violation.
 """

@@ -12,7 +12,7 @@ import random
 import time
 from typing import Any
 
-from chaos.ledger import Ledger, Reply, Request
+from chaos.ledger import Ledger, Reply, Request, Serving
 from harness.approval_tokens import Token, digest_of, new_nonce
 from harness.messages import call, request
 
@@ -33,6 +33,7 @@ class Acts:
         self.name = name
         self.rng = rng
         self.ledger = ledger
+        self.serving: Serving | None = None  # once the client knows it
         self._number = 0
 
     def new_id(self) -> str:
@@ -40,7 +41,7 @@ class Acts:
         return f"{self.name}.{self._number}"
 
     def note(self, kind: str, **fields: Any) -> Request:
-        made = Request(self.new_id(), kind, time.monotonic(), **fields)
+        made = Request(self.new_id(), kind, time.monotonic(), self.serving, **fields)
         return self.ledger.sent(made)
 
     # Each returns the request and its message, a line.

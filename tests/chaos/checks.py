@@ -2,21 +2,18 @@
 
 from __future__ import annotations
 
-import json
 import signal
 import sqlite3
 import time
 from collections import Counter
 from contextlib import closing
-from pathlib import Path
-from typing import Any
 
 from chaos.hand import send_signal
 from chaos.http_client import Connection, HttpClient
 from chaos.ledger import Ledger
+from chaos.records import RecordCheck
 from chaos.stage import Stage
 from harness import processes
-from harness.audit_files import KEYS
 from harness.waiting import TIMEOUT, wait_until
 
 ALL_SESSIONS_UNUSED = 16 * 60
@@ -152,44 +149,8 @@ class Checks:
     # records
 
     def check_audit(self) -> None:
-        found: Counter[str] = Counter()
+        check = RecordCheck(self.ledger)
         for path in self.stage.audit.path.iterdir():
-            for record in self._records(path):
-                found[record["correlation_id"]] += 1
+            check.read(path)
             path.unlink()
-        for name, number in found.items():
-            request = self.ledger.requests.get(name)
-            if request is None or not request.tool:
-                self.ledger.violation(f"a record of a call that nobody made: {name}")
-            elif number > 1:
-                self.ledger.violation(f"{number} records of {name}")
-        recorded = [request for request in self.ledger.requests.values() if request.recorded]
-        doubtful = [request for request in recorded if self.ledger.is_doubtful(request)]
-        missing = [f"{request.id} ({request.kind}, at {self.ledger.in_round(request.sent):.2f} to "
-                   f"{self.ledger.in_round(request.answered):.2f} s)" for request in recorded
-                   if request not in doubtful and request.id not in found]
-        self.ledger.count("audit records", sum(found.values()))
-        self.ledger.count("calls that must be recorded", len(recorded) - len(doubtful))
-        self.ledger.count("calls answered while records might be lost", len(doubtful))
-        if missing:
-            self.ledger.count("records missing", len(missing))
-            self.ledger.violation(f"{len(missing)} answered calls have no record: {missing[:5]}")
-
-    def _records(self, path: Path) -> list[dict[str, Any]]:
-        data = path.read_bytes()
-        whole = []
-        for line in data.split(b"\r\n"):
-            if not line:
-                continue
-            try:
-                record = json.loads(line)
-                assert list(record) == KEYS
-                whole.append(record)
-            except (AssertionError, ValueError):
-                if self.ledger.was_file_full():
-                    self.ledger.count("audit line cut, in a round in which the file was full")
-                else:
-                    self.ledger.violation(f"no record: {line[:200]!r}")
-        if data and not data.endswith(b"\r\n") and not self.ledger.was_file_full():
-            self.ledger.violation(f"the audit file ends in {data[-100:]!r}")
-        return whole
+        check.judge()

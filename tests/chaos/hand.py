@@ -11,7 +11,7 @@ import resource
 import signal
 import threading
 import time
-from typing import Callable, Iterator
+from typing import Callable
 
 from chaos.acts import IN_SERVER
 from chaos.ledger import Ledger
@@ -24,7 +24,8 @@ FAULTS_A_ROUND = 3  # of each hand
 LOOK_LIMIT = 0.5
 """Seconds in which a worker is looked for; it lives for some milliseconds."""
 RESTORE_PASSES, RESTORE_WAIT = 3, 0.03
-"""A process that is just becoming the executable is not found among those of its server."""
+"""Until the first pass, a process that is limited still can start another one."""
+HIDE_TRIES = 5
 WALL_MOVES = [-10 * 365 * 86400, -3600, -301, -2, 2, 301, 3600, 10 * 365 * 86400]
 MONOTONIC_MOVES = [1, 61, 16 * 60]
 SPARE_DESCRIPTORS = [0, 1, 2, 4, 8]
@@ -102,9 +103,7 @@ class Hand(threading.Thread):
     def _any_server(self) -> Server | None:
         return self.rng.choice([self.stage.listener, self._stdio_server()])
 
-    def _worker(self) -> int | None:
-        """A worker of any server."""
-        server = self._any_server()
+    def _worker(self, server: Server | None) -> int | None:
         end = time.monotonic() + LOOK_LIMIT
         while server is not None and time.monotonic() < end:
             if found := server.workers():
@@ -122,23 +121,30 @@ class Hand(threading.Thread):
     def kill_worker(self) -> bool:
         """Wine gives a process that the native system kills the exit code 0, so its server passes
         on a reply whose record was still to be written."""
-        pid = self._worker()
-        if pid is not None and self.stage.target.windows:
-            self.ledger.unseen_kills.append(time.monotonic())
-        return pid is not None and send_signal(pid, signal.SIGKILL)
+        server = self._any_server()
+        pid = self._worker(server)
+        return (server is not None and pid is not None
+                and self._kill(pid, server, unseen=self.stage.target.windows))
+
+    def _kill(self, pid: int, server: Server, unseen: bool = False) -> bool:
+        """A process of this server."""
+        with self.ledger.kill(server.marker, unseen) as kill:
+            kill.done = send_signal(pid, signal.SIGKILL)
+        return kill.done
 
     def kill_session(self) -> bool:
-        pid = self._session()
-        return pid is not None and send_signal(pid, signal.SIGKILL)
+        listener, pid = self.stage.listener, self._session()
+        return pid is not None and self._kill(pid, listener)
 
     def kill_stdio_server(self) -> bool:
         server = self._stdio_server()
-        return server is not None and send_signal(server.process.pid, signal.SIGKILL)
+        return server is not None and self._kill(server.process.pid, server)
 
     def kill_listener(self) -> None:
         old = self.stage.listener
         self.ledger.listener_ends.append(time.monotonic())
-        old.kill()
+        with self.ledger.kill(old.marker):
+            old.kill()
         self._pause(0.3)
         try:
             old.expect_no_process(20)
@@ -174,7 +180,7 @@ class Hand(threading.Thread):
         return bool(stopped)
 
     def stop_worker(self) -> bool:
-        pid = self._worker()
+        pid = self._worker(self._any_server())
         return pid is not None and self._stop_and_continue([pid])
 
     def stop_session(self) -> bool:
@@ -196,22 +202,11 @@ class Hand(threading.Thread):
 
     # files
 
-    @contextlib.contextmanager
-    def _without_audit(self) -> Iterator[None]:
-        self.ledger.begin_doubt()
-        try:
-            yield
-            self._pause(1.0)
-        finally:
-            self._end_audit_fault()
-
-    def _end_audit_fault(self) -> None:
-        self.stage.audit.empty()
-        self.ledger.end_doubt()
-
     def fill_audit_folder(self) -> None:
-        with self._without_audit():
+        with self.ledger.doubt(cuts=True):
             self.stage.audit.fill(self.rng.choice([0, 1, 100, 4096]))
+            self._pause(1.0)
+            self.stage.audit.empty()
 
     def rename_audit_file(self) -> bool:
         """As a rotation does: nothing may be lost."""
@@ -221,15 +216,16 @@ class Hand(threading.Thread):
             return True
         return False
 
-    def hide_audit_file(self) -> None:
-        """A folder in the file's place."""
-        with self._without_audit():
+    def hide_audit_file(self) -> bool:
+        """A folder in the file's place, unless a server is faster each time."""
+        for _ in range(HIDE_TRIES):
             self.rename_audit_file()
-            with contextlib.suppress(FileExistsError):
+            with contextlib.suppress(FileExistsError), self.ledger.doubt():
                 self.stage.audit_file.mkdir()
-            self._pause(1.0)
-            with contextlib.suppress(NotADirectoryError):
+                self._pause(1.0)
                 self.stage.audit_file.rmdir()
+                return True
+        return False
 
     def fill_state_folder(self) -> None:
         self.stage.state.fill_with_files()
@@ -260,7 +256,7 @@ class Hand(threading.Thread):
             return False
         self._pause(1.0)
         for _ in range(RESTORE_PASSES):
-            for limited in [pid, *server.processes()]:
+            for limited in {pid, *processes.descendants(pid), *server.processes()}:
                 with contextlib.suppress(ProcessLookupError):
                     resource.prlimit(limited, which, before)
             time.sleep(RESTORE_WAIT)
@@ -269,14 +265,12 @@ class Hand(threading.Thread):
     def take_descriptors(self) -> bool:
         """A call in the server itself, whose database session is open already, may have none left
         for the audit file."""
-        spare = self.rng.choice(SPARE_DESCRIPTORS)
-        self.ledger.begin_doubt(IN_SERVER)
-        try:
+        spare, server = self.rng.choice(SPARE_DESCRIPTORS), self._any_server()
+        if server is None:
+            return False
+        with self.ledger.doubt(IN_SERVER, server.marker):
             return self._limit(resource.RLIMIT_NOFILE,
-                               lambda pid: len(os.listdir(f"/proc/{pid}/fd")) + spare,
-                               self._any_server())
-        finally:
-            self.ledger.end_doubt()
+                               lambda pid: len(os.listdir(f"/proc/{pid}/fd")) + spare, server)
 
     def take_memory(self) -> bool:
         spare = self.rng.choice(SPARE_MEMORY)
@@ -295,11 +289,11 @@ class Hand(threading.Thread):
         except FileNotFoundError:
             size = 0
         limit = max(0, size + self.rng.choice([-1, 0, 1, 100, 1000]))
-        self.ledger.begin_doubt()
-        try:
-            return self._limit(resource.RLIMIT_FSIZE, lambda pid: limit, self._any_server())
-        finally:
-            self.ledger.end_doubt()
+        server = self._any_server()
+        if server is None:
+            return False
+        with self.ledger.doubt(server=server.marker, cuts=True):
+            return self._limit(resource.RLIMIT_FSIZE, lambda pid: limit, server)
 
     # the clock of the processes
 

@@ -14,7 +14,7 @@ from dataclasses import dataclass
 from typing import Any
 
 from chaos.acts import MEMORY_LIMIT, Acts
-from chaos.ledger import Ledger, Request
+from chaos.ledger import Ledger, Request, Serving
 from chaos.stage import Stage
 from harness.http_client import TOKEN
 from harness.listeners import LOOPBACK
@@ -201,6 +201,8 @@ class _Session:
         response = self._exchange(noted, line)
         if response is not None and response.status == 200:
             self.id = response.headers["mcp-session-id"]
+            # A listener that has been killed meanwhile has taken the session along.
+            self.acts.serving = Serving(self.client.stage.listener.marker, time.monotonic())
 
     def act(self) -> None:
         what = self.rng.choices(
@@ -217,12 +219,18 @@ class _Session:
         if how != "silent":
             if call:
                 time.sleep(self.rng.uniform(0, 0.03))
+            self._let_end()
             response = Connection(self.client,
                                   self.client.compose(b"", self.id, method="DELETE")).read()
             self.ledger.count(f"DELETE {response.status if response else 'closed'}")
         if call:
             self._finish(call)
         self.id = None
+
+    def _let_end(self) -> None:
+        """The DELETE that follows ends the session with what it is doing."""
+        if self.acts.serving is not None:
+            self.acts.serving.ended = time.monotonic()
 
     def _one_call(self) -> None:
         self._exchange(*self.acts.any_call())
@@ -235,6 +243,7 @@ class _Session:
         call = self._begin(noted, line)
         time.sleep(self.rng.choice([0, 0.005, 0.02, 0.05]))
         self.ledger.count("sent cancel")
+        noted.cancelled = time.monotonic()
         self._tell(cancel(noted.id))
         self._finish(call)
 
@@ -272,6 +281,7 @@ class _Session:
     def _leave(self) -> None:
         if self.id is None:
             return
+        self._let_end()
         Connection(self.client, self.client.compose(b"", self.id, method="DELETE")).read()
         self.id = None
 

@@ -2,26 +2,47 @@
 
 from __future__ import annotations
 
+import contextlib
 import threading
 import time
 from collections import Counter
 from dataclasses import dataclass, field
-from typing import Any
+from typing import Any, Iterator
 
 
 Reply = dict[str, Any]
 
-RECORD_WAIT = 2.0
-"""Seconds within which a loaded machine writes the record of a call: it comes after the reply."""
+NEVER = float("inf")
+
+
+@dataclass
+class Serving:
+    """The server that a client's calls reach, by its marker.
+
+    The session of a listener is a process of its own, which takes the listener's limits over when
+    it is started: those that the listener gets after `started` do not reach it. A stdio server has
+    NEVER there. From `ended` on its client lets it end, and with it a call that is under way.
+    """
+
+    server: str
+    started: float = NEVER
+    ended: float = NEVER
 
 
 @dataclass
 class Request:
-    """A request that a client has sent. `rows` is how many rows a right reply to a read has."""
+    """A request that a client has sent. `rows` is how many rows a right reply to a read has.
+
+    The record of a call is written between `sent` and `answered`: the reply of a worker is passed
+    on once the worker has ended, and a call in the server process counts as answered when the next
+    reply has come.
+    """
 
     id: str
     kind: str
     sent: float
+    serving: Serving | None = None  # when it is known
+    cancelled: float = NEVER
     tool: bool = False
     rows: int = 0
     mark: str | None = None  # of a write
@@ -32,17 +53,56 @@ class Request:
     recorded: bool = False  # there has to be an audit record
 
     @property
+    def ended(self) -> float:
+        """A call that nobody waits for may go on for any time."""
+        return self.answered if self.answers else NEVER
+
+    @property
+    def given_up(self) -> float:
+        """From then on the server kills the call's worker, because the client wants it to."""
+        return min(self.cancelled, self.serving.ended if self.serving else NEVER)
+
+    @property
     def open(self) -> bool:
         return not self.answers and not self.closed
 
 
 @dataclass
 class Doubt:
-    """A time in which an audit record may be lost. One hand alone causes them."""
+    """A time in which an audit record may be lost. One hand alone causes them.
+
+    `kind` and `server` say of which requests; None stands for all. `cuts` says that a record may
+    be written in part, and is taken back then.
+    """
 
     begin: float
-    kind: str | None
-    end: float = float("inf")
+    kind: str | None = None
+    server: str | None = None
+    cuts: bool = False
+    end: float = NEVER
+
+    def covers(self, request: Request) -> bool:
+        return (self.begin <= request.ended and request.sent <= self.end
+                and self.kind in (None, request.kind) and self._concerns(request.serving))
+
+    def _concerns(self, serving: Serving | None) -> bool:
+        return (self.server is None or serving is None
+                or (self.server == serving.server and self.begin <= serving.started))
+
+
+@dataclass
+class Kill:
+    """Of a process that may be writing a record. `server` is the marker of the one it belonged to;
+    one that is `unseen` looks to its server like an end."""
+
+    moment: float
+    server: str
+    unseen: bool = False
+    done: bool = True
+
+    def struck(self, request: Request) -> bool:
+        return (request.sent <= self.moment <= request.ended
+                and (request.serving is None or request.serving.server == self.server))
 
 
 class Ledger:
@@ -68,7 +128,7 @@ class Ledger:
         self.doubts: list[Doubt] = []
         self.engine_ends: list[float] = []
         self.listener_ends: list[float] = []
-        self.unseen_kills: list[float] = []  # of workers, which their servers take for an end
+        self.kills: list[Kill] = []
         self.approved: list[tuple[str, str]] = []  # statements with their tokens, to send again
 
     def count(self, what: str, number: int = 1) -> None:
@@ -107,20 +167,46 @@ class Ledger:
 
     # Times in which an audit record may be lost.
 
-    def begin_doubt(self, kind: str | None = None) -> None:
-        """For requests of this kind, or of all."""
-        self.doubts.append(Doubt(time.monotonic(), kind))
+    @contextlib.contextmanager
+    def doubt(self, kind: str | None = None, server: str | None = None,
+              cuts: bool = False) -> Iterator[None]:
+        made = Doubt(time.monotonic(), kind, server, cuts)
+        self.doubts.append(made)
+        try:
+            yield
+        finally:
+            made.end = time.monotonic()
 
-    def end_doubt(self) -> None:
-        self.doubts[-1].end = time.monotonic()
+    @contextlib.contextmanager
+    def kill(self, server: str, unseen: bool = False) -> Iterator[Kill]:
+        """Around the kill itself, so that no reply comes between. It is forgotten when it turns out
+        that there was none, with `done` False."""
+        made = Kill(time.monotonic(), server, unseen)
+        self.kills.append(made)
+        yield made
+        if not made.done:
+            self.kills.remove(made)
 
     def is_doubtful(self, request: Request) -> bool:
-        return (any(doubt.begin <= request.answered + RECORD_WAIT and request.sent <= doubt.end
-                    and doubt.kind in (None, request.kind) for doubt in self.doubts)
-                or any(request.sent <= end <= request.answered for end in self.unseen_kills))
+        return (any(doubt.covers(request) for doubt in self.doubts)
+                or any(kill.unseen and kill.struck(request) for kill in self.kills))
 
-    def was_file_full(self) -> bool:
-        return any(doubt.kind is None for doubt in self.doubts)
+    def may_be_cut(self, request: Request) -> bool:
+        """Whether the writer of this call's record may have been killed between a write that the
+        system carried out in part and its take-back. A call with a result has no such writer: the
+        reply of one that was killed is not passed on, but for unseen kills."""
+        kills = [kill for kill in self.kills if kill.struck(request)]
+        if request.recorded and not any(kill.unseen for kill in kills):
+            return False
+        return any(doubt.covers(request)
+                   and (request.given_up <= doubt.end
+                        or any(doubt.begin <= kill.moment <= doubt.end for kill in kills))
+                   for doubt in self.doubts if doubt.cuts)
+
+    def kills_that_may_cut(self) -> int:
+        return sum(any(doubt.cuts and doubt.begin <= kill.moment <= doubt.end
+                       and doubt.server in (None, kill.server) for doubt in self.doubts)
+                   for kill in self.kills)
 
     def engine_ended_during(self, request: Request) -> bool:
         return any(request.sent <= end <= request.answered for end in self.engine_ends)

@@ -26,6 +26,7 @@ from chaos.clock import Clock
 from chaos.hand import Hand, process_faults, surrounding_faults
 from chaos.http_client import HttpClient
 from chaos.ledger import Ledger
+from chaos.records import LEFT_OUT_WITH, LEFT_OUT_WITHOUT
 from chaos.stage import Stage, own_mounts
 from chaos.stdio_client import StdioClient
 from harness.targets import ROOT, Target
@@ -117,6 +118,9 @@ class Run:
     def report(self) -> None:
         for what, number in self.ledger.table():
             print(f"{number:9}  {what}")
+        counts = self.ledger.counts
+        print(f"left out: {counts[LEFT_OUT_WITH]} with a record, "
+              f"{counts[LEFT_OUT_WITHOUT]} without")
         absent = {*process_faults(self.stage), *surrounding_faults(self.stage)} - {
             what.removeprefix("fault ") for what, _ in self.ledger.table()}
         print(f"target {self.stage.target.name}, seed {self.options.seed}, "

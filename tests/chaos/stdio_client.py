@@ -11,7 +11,7 @@ import time
 from typing import Any
 
 from chaos.acts import IN_SERVER, MEMORY_LIMIT, Acts
-from chaos.ledger import Ledger, Request
+from chaos.ledger import Ledger, Request, Serving
 from chaos.stage import Stage
 from harness.messages import cancel
 from harness.servers import Server
@@ -80,6 +80,7 @@ class _Life:
         self.ledger = client.ledger
         self.server = server
         self.acts = acts
+        self.acts.serving = self.serving = Serving(server.marker)
         self.deaf = deaf  # nobody reads its standard output
         self.open: dict[str, Request] = {}
         self.garbage = 0
@@ -107,8 +108,10 @@ class _Life:
         if how != "idle" and not self.has_ended:
             self._ask(*self.acts.any_call())
             time.sleep(self.rng.uniform(0, 0.03))
+        self.serving.ended = time.monotonic()
         if how == "killed":
-            self.server.process.kill()
+            with self.ledger.kill(self.server.marker):
+                self.server.process.kill()
             self.ledger.count("client killed its server")
         self.server.close_input()
         if self.deaf:
@@ -129,6 +132,7 @@ class _Life:
         noted, line = self.acts.any_call()
         self._ask(noted, line)
         time.sleep(self.rng.choice([0, 0.002, 0.01, 0.03]))
+        noted.cancelled = time.monotonic()
         self._send(cancel(noted.id) * self.rng.choice([1, 1, 2]))
         self.ledger.count("sent cancel")
 

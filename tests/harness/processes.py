@@ -38,6 +38,15 @@ def zombies(parent: int) -> list[int]:
     return found
 
 
+def descendants(ancestor: int) -> list[int]:
+    """The children of a process, and theirs, also while one is just becoming another program."""
+    found = [ancestor]
+    for pid in found:
+        for thread in _listed(f"/proc/{pid}/task"):
+            found += map(int, _read(pid, f"task/{thread}/children").split())
+    return found[1:]
+
+
 def of_group(group: int) -> list[int]:
     """The processes of a process group that have not ended. Who has ended and has lost its parent
     belongs to it until the system's first process takes notice, which may take seconds."""
@@ -61,6 +70,14 @@ def command_line(pid: int) -> bytes:
 def name(pid: int) -> str:
     """The name of the program, of which Linux keeps 15 bytes; empty when the process has ended."""
     return _read(pid, "comm").decode().strip()
+
+
+def _listed(folder: str) -> list[str]:
+    """Nothing when the process has ended."""
+    try:
+        return os.listdir(folder)
+    except OSError:
+        return []
 
 
 def _all() -> list[int]:
