@@ -13,6 +13,7 @@
 | ledger | every request with its replies; times in which a record may be lost; violations; counts |
 | records | the audit files against the calls |
 | checks | what else is looked at when a round is over |
+| report | what a run has done, and what comes of it |
 
 A run is a row of rounds. In each, clients work while the hands do what the round's random numbers
 say; then every fault is lifted, the clients come to their end, and everything is checked:

@@ -12,6 +12,7 @@ from chaos.hand import send_signal
 from chaos.http_client import Connection, HttpClient
 from chaos.ledger import Ledger
 from chaos.records import RecordCheck
+from chaos.report import WRITTEN
 from chaos.stage import Stage
 from harness import processes
 from harness.waiting import TIMEOUT, wait_until
@@ -131,7 +132,7 @@ class Checks:
         for request in self.ledger.requests.values():
             if request.mark and request.answers == ["tool result"] and request.mark not in written:
                 self.ledger.violation(f"the write {request.mark} was reported as done and is not")
-        self.ledger.count("writes in the database", len(written))
+        self.ledger.count(WRITTEN, len(written))
         self.ledger.count("replay markers", len(markers))
         self._forget_writes()
 

@@ -28,6 +28,10 @@ RESTORE_PASSES, RESTORE_WAIT = 3, 0.03
 HIDE_TRIES = 5
 WALL_MOVES = [-10 * 365 * 86400, -3600, -301, -2, 2, 301, 3600, 10 * 365 * 86400]
 MONOTONIC_MOVES = [1, 61, 16 * 60]
+LIMITS = ["take_descriptors", "take_memory", "limit_file_size"]
+CLOCK_FAULTS = ["move_wall_clock", "move_monotonic_clock"]
+SURROUNDING_FAULTS = ["rename_audit_file", "hide_audit_file", "hide_state_folder",
+                      "fill_audit_folder", "fill_state_folder", *LIMITS, *CLOCK_FAULTS]
 SPARE_DESCRIPTORS = [0, 1, 2, 4, 8]
 SPARE_MEMORY = [0, 1 << 16, 1 << 20, 5 << 20, 20 << 20]
 
@@ -58,15 +62,20 @@ def process_faults(_: Stage) -> list[str]:
 
 def surrounding_faults(stage: Stage) -> list[str]:
     """What can be done to this target on this machine."""
-    found = ["rename_audit_file", "hide_audit_file", "hide_state_folder"]
-    if stage.audit.can_be_filled:
-        found += ["fill_audit_folder"]
-    if stage.state.can_be_filled:
-        found += ["fill_state_folder"]
-    if not stage.target.windows:
-        found += ["take_descriptors", "take_memory", "limit_file_size"]
-    if stage.clock is not None:
-        found += ["move_wall_clock", "move_monotonic_clock"]
+    impossible = impossible_faults(stage)
+    return [fault for fault in SURROUNDING_FAULTS if fault not in impossible]
+
+
+def impossible_faults(stage: Stage) -> dict[str, str]:
+    """What cannot, with the reason."""
+    found = {}
+    for fault, folder in (("fill_audit_folder", stage.audit), ("fill_state_folder", stage.state)):
+        if not folder.can_be_filled:
+            found[fault] = "no file system of its own can be mounted, which takes root"
+    if stage.target.windows:
+        found.update(dict.fromkeys(LIMITS, "under Wine the limit is that of the native process"))
+    if stage.clock is None:
+        found.update(dict.fromkeys(CLOCK_FAULTS, "the run moves no clock"))
     return found
 
 

@@ -4,7 +4,8 @@
                     [--fault NAME ...] [--build-dir DIR] [--engine FILE] [--verbose]
 
 Exit codes: 0 when everything held; 1 when something did not, with each violation and its round; 2
-for bad arguments, or when Wine cannot be had.
+for bad arguments, or when Wine cannot be had; 3 when no call was judged, no write was done or no
+fault was.
 """
 
 from __future__ import annotations
@@ -26,7 +27,7 @@ from chaos.clock import Clock
 from chaos.hand import Hand, process_faults, surrounding_faults
 from chaos.http_client import HttpClient
 from chaos.ledger import Ledger
-from chaos.records import LEFT_OUT_WITH, LEFT_OUT_WITHOUT
+from chaos.report import report
 from chaos.stage import Stage, own_mounts
 from chaos.stdio_client import StdioClient
 from harness.targets import ROOT, Target
@@ -115,18 +116,6 @@ class Run:
             if client.is_alive():
                 self.ledger.violation(f"{client.name} does not come to its end")
 
-    def report(self) -> None:
-        for what, number in self.ledger.table():
-            print(f"{number:9}  {what}")
-        counts = self.ledger.counts
-        print(f"left out: {counts[LEFT_OUT_WITH]} with a record, "
-              f"{counts[LEFT_OUT_WITHOUT]} without")
-        absent = {*process_faults(self.stage), *surrounding_faults(self.stage)} - {
-            what.removeprefix("fault ") for what, _ in self.ledger.table()}
-        print(f"target {self.stage.target.name}, seed {self.options.seed}, "
-              f"{len(self.ledger.violations)} violations"
-              + (f"; never done: {', '.join(sorted(absent))}" if absent else ""))
-
 
 def parse(arguments: list[str]) -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__,
@@ -184,9 +173,9 @@ def play(options: argparse.Namespace) -> int:
         run = Run(options, target, folder, mounts, clock)
         stack.callback(run.stage.close)
         run.play()
-        run.report()
+        code = report(run.ledger, run.stage, options.seed, options.fault)
     shutil.rmtree(folder, ignore_errors=True)
-    return 1 if run.ledger.violations else 0
+    return code
 
 
 if __name__ == "__main__":
