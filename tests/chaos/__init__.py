@@ -27,7 +27,8 @@ say; then every fault is lifted, the clients come to their end, and everything i
   a call whose worker was killed meanwhile: nobody was left to take the piece back;
 * a write ran at most once, only with an approval, and never without its replay marker; a write that
   was reported as done is in the database;
-* no process, descriptor, handle or thread is left.
+* no process, descriptor, handle or thread is left, of the listener without its sessions and of a
+  stdio server that is idle at the end of the round.
 
 The random numbers of a client and of a hand depend on the seed and the round alone. `--seed S
 --round N --rounds 1` repeats one round: the same clients do the same things under the same faults,

@@ -29,7 +29,7 @@ class Checks:
     def __init__(self, stage: Stage, ledger: Ledger) -> None:
         self.stage = stage
         self.ledger = ledger
-        self._rest = (0, 0, 0)
+        self.rest = (0, 0, 0)
         self._kept_clients = 0
 
     def after_round(self, caller: HttpClient) -> None:
@@ -62,11 +62,11 @@ class Checks:
         except AssertionError as failure:
             self.ledger.violation(
                 f"the listener keeps {len(self._children())} processes, and of threads, "
-                f"descriptors and handles {self.stage.holdings()} instead of {self._rest}: "
+                f"descriptors and handles {self.stage.holdings()} instead of {self.rest}: "
                 f"{failure}")
 
     def _holds_no_more(self) -> bool:
-        return all(held <= rest for held, rest in zip(self.stage.holdings(), self._rest))
+        return all(held <= rest for held, rest in zip(self.stage.holdings(), self.rest))
 
     def end_sessions(self, caller: HttpClient) -> None:
         if self.stage.clock is not None:
@@ -95,7 +95,7 @@ class Checks:
             self.end_sessions(caller)
             wait_until(lambda: self._children() == [], TIMEOUT, "the end of every session")
             time.sleep(REST_WAIT)
-            self._rest = tuple(max(pair) for pair in zip(self._rest, self.stage.holdings()))
+            self.rest = tuple(max(pair) for pair in zip(self.rest, self.stage.holdings()))
 
     def _children(self) -> list[int]:
         return [pid for pid in self.stage.listener.processes()

@@ -53,6 +53,20 @@ class Run:
         self.checks = Checks(self.stage, self.ledger)
         self.caller = HttpClient("check", "check", self.stage, self.ledger, 0)
         self.checks.measure_rest(self.caller)
+        self._measure_stdio()
+        print(f"threads, descriptors and handles at rest: listener {self.checks.rest}, "
+              f"stdio server {self.stage.stdio_rest}", flush=True)
+
+    def _measure_stdio(self) -> None:
+        """The calls for that belong to no round."""
+        calm = Ledger()
+        calm.begin_round(0)
+        servers = [StdioClient(f"calm{i}", "", self.stage, calm, 0) for i in range(2)]
+        held = [server.measure_rest() for server in servers]
+        assert not calm.violations, calm.violations
+        self.stage.stdio_rest = tuple(map(max, *held))
+        for path in self.stage.audit.path.iterdir():
+            path.unlink()
 
     def play(self) -> None:
         end = time.monotonic() + self.options.seconds

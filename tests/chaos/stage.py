@@ -89,12 +89,20 @@ class SmallFolder:
             unmount(self.path)
 
 
+Holdings = tuple[int, int, int]
+"""Threads, descriptors and, under Wine, handles."""
+
+
 class NamedInstallation(Installation):
     """The executable under another name, by which Wine's table of handles is read."""
 
+    def __init__(self, target: Target, root: Path, name: str) -> None:
+        super().__init__(target, root / name)
+        self._name = f"kova-mcp-{name}-{os.getpid()}.exe"
+
     def executable(self, library: str | None = None, folder: Path | None = None) -> Path:
         plain = super().executable(library, folder)
-        return plain.rename(plain.with_name(f"kova-mcp-{os.getpid()}.exe"))
+        return plain.rename(plain.with_name(self._name))
 
 
 class Engine:
@@ -174,7 +182,9 @@ class Stage:
         self.target = target
         self.folder = folder
         self.clock = clock
-        self.executable = NamedInstallation(target, folder / "installed").executable("sample")
+        self.executable, self.stdio_executable = (
+            NamedInstallation(target, folder / "installed", name).executable("sample")
+            for name in ("http", "stdio"))
         with ExitStack() as opened:
             self.audit = SmallFolder(folder / "audit", f"size={AUDIT_FOLDER_SIZE}", mounts)
             opened.callback(self.audit.close)
@@ -187,6 +197,7 @@ class Stage:
             self.engine = Engine(engine, folder / "engine")
             opened.callback(lambda: self.engine.end(signal.SIGTERM))
             self.env = self._environment()
+            self.stdio_rest: Holdings = (0, 0, 0)  # of an idle stdio server; the run measures it
             self._expect_the_clock_to_move()
             self.listener_port = 0
             self.start_listener()
@@ -222,7 +233,7 @@ class Stage:
         assert abs(moved - 3600 - POLICY["approval_ttl_seconds"]) < 60, token
 
     def start_stdio(self, **options: object) -> Server:
-        return Server(self.target, self.executable, [], self.env, self.folder,
+        return Server(self.target, self.stdio_executable, [], self.env, self.folder,
                       **options)  # type: ignore[arg-type]
 
     def start_listener(self) -> None:
@@ -253,18 +264,26 @@ class Stage:
         self.listener.expect_no_process(TIMEOUT)
         self.listener.close()  # It also ends what Wine has left in its loader.
 
-    def holdings(self) -> tuple[int, int, int]:
-        """The listener's threads, descriptors and, under Wine, handles. A descriptor of Wine's is a
-        socket or pipe; processes, jobs, events and threads are handles alone."""
-        task, fd = (len(os.listdir(f"/proc/{self.listener.process.pid}/{kind}"))
-                    for kind in ("task", "fd"))
-        return task, fd, self._handles()
+    def holdings(self) -> Holdings:
+        """The listener's."""
+        return self._holdings(self.listener, self.executable)
 
-    def _handles(self) -> int:
+    def stdio_holdings(self, server: Server) -> Holdings:
+        """A stdio server's. Under Wine there may be one at a time, and no worker of it."""
+        return self._holdings(server, self.stdio_executable)
+
+    def _holdings(self, server: Server, executable: Path) -> Holdings:
+        """A descriptor of Wine's is a socket or pipe; processes, jobs, events and threads are
+        handles alone."""
+        task, fd = (len(os.listdir(f"/proc/{server.process.pid}/{kind}"))
+                    for kind in ("task", "fd"))
+        return task, fd, self._handles(executable)
+
+    def _handles(self, executable: Path) -> int:
         if not self.target.windows:
             return 0
         helper = self.target.build / "tests" / "support" / "handle-count.exe"
-        told = subprocess.run(wine.command(helper, self.executable.name), stdout=subprocess.PIPE,
+        told = subprocess.run(wine.command(helper, executable.name), stdout=subprocess.PIPE,
                               env=self.target.environment({}), check=True, timeout=TIMEOUT)
         return int(told.stdout)
 

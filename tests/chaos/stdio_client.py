@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import operator
 import queue
 import random
 import subprocess
@@ -12,14 +13,16 @@ from typing import Any
 
 from chaos.acts import IN_SERVER, MEMORY_LIMIT, Acts
 from chaos.ledger import Ledger, Request, Serving
-from chaos.stage import Stage
+from chaos.stage import Holdings, Stage
 from harness.messages import cancel
 from harness.servers import Server
-from harness.waiting import wait_for_end
+from harness.waiting import wait_for_end, wait_until
 
 REPLY_LIMIT = 90.0
 """Seconds in which a request has its reply, whatever the hands do; a fault lasts two at most."""
 END_LIMIT = 60.0
+REST_LOOKS, REST_WAIT = 40, 0.2
+LOOKED_AT = "idle stdio servers looked at"
 IDS_LIMIT = 200
 """A server remembers 256 ids of requests that are no tool calls."""
 PING_PAUSE = 0.1
@@ -58,10 +61,40 @@ class StdioClient(threading.Thread):
                 if self.stopping.wait(self.rng.uniform(0, 2 * self.pause)) or life.has_ended:
                     break
                 life.act()
+            if self.stopping.is_set():
+                self._expect_nothing_held(life, self.server)
             life.end()
         finally:
             server, self.server = self.server, None
             self._expect_nothing_left(server)
+
+    def _expect_nothing_held(self, life: "_Life", server: Server) -> None:
+        """At the end of a round, when every fault is lifted, the server is left idle. It holds no
+        more than one that has served without faults."""
+        for _ in range(REST_LOOKS):
+            if not life.rest():
+                return
+            held, running = self.stage.stdio_holdings(server), len(server.processes())
+            if running <= 1 and all(map(operator.le, held, self.stage.stdio_rest)):
+                self.ledger.count(LOOKED_AT)
+                return
+        self.ledger.violation(
+            f"{self.name}: an idle stdio server keeps {running - 1} processes, and of threads, "
+            f"descriptors and handles {held} instead of {self.stage.stdio_rest}")
+
+    def measure_rest(self) -> Holdings:
+        """What a server holds that has served reads of every kind, and is idle."""
+        server = self.stage.start_stdio()
+        acts = Acts(self.name, self.rng, self.ledger)
+        life = _Life(self, server, acts, deaf=False)
+        life.initialize()
+        for act in 2 * [acts.read, acts.in_process_read, acts.tables]:
+            life.ask_and_settle(*act())
+        assert life.rest()
+        wait_until(lambda: len(server.processes()) == 1, what="the end of the workers")
+        held = self.stage.stdio_holdings(server)
+        server.close()
+        return held
 
     def _expect_nothing_left(self, server: Server) -> None:
         try:
@@ -100,6 +133,21 @@ class _Life:
             [self._one_call, self._crowded_call, self._cancelled_call, self._in_process_call,
              self._ping, self._garbage, self._oversized], [20, 6, 6, 2, 3, 3, 0.3])[0]
         what()
+        self._settle()
+
+    def rest(self) -> bool:
+        """Lets the server collect the last worker, and its threads end. False when nobody reads its
+        replies, or it has ended."""
+        if self.deaf or self.has_ended:
+            return False
+        self._ping()
+        self.ids -= 1  # The server remembers a few more than IDS_LIMIT.
+        self._settle()
+        time.sleep(REST_WAIT)
+        return not self.has_ended
+
+    def ask_and_settle(self, noted: Request, line: bytes) -> None:
+        self._ask(noted, line)
         self._settle()
 
     def end(self) -> None:
