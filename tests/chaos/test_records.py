@@ -4,15 +4,11 @@ record a killed writer may have left."""
 from __future__ import annotations
 
 import json
-import random
-from types import SimpleNamespace
 from typing import Any
 
 import pytest
 
-from chaos.acts import IN_SERVER, Acts
-from chaos.hand import Hand
-from chaos.http_client import Response, _Session
+from chaos.acts import IN_SERVER
 from chaos.ledger import NEVER, Doubt, Kill, Ledger, Request, Serving
 from chaos.records import JUDGED, LEFT_OUT_WITH, LEFT_OUT_WITHOUT, RecordCheck
 from harness.audit_files import KEYS
@@ -215,45 +211,7 @@ def test_a_record_behind_a_piece_counts(ledger, tmp_path):
     assert judge(ledger, tmp_path, PIECE.replace(b"a.1", b"b.1") + record("a.1")) == []
 
 
-# What the clients and the hand write down for that.
-
-def hand(ledger: Ledger, server: str, windows: bool = False) -> Any:
-    running = SimpleNamespace(marker=server, process=SimpleNamespace(pid=0))
-    stage = SimpleNamespace(target=SimpleNamespace(windows=windows), listener=running,
-                            audit_file=SimpleNamespace(stat=lambda: SimpleNamespace(st_size=0)))
-    made = Hand("h", "1", [], stage, ledger, [], 1.0)  # type: ignore[arg-type]
-    made._any_server = lambda: running  # type: ignore[method-assign]
-    return made
-
-
-@pytest.mark.parametrize("fault, told", [
-    ("limit_file_size", (None, "m", True)), ("take_descriptors", (IN_SERVER, "m", False))])
-def test_a_limit_puts_one_server_in_doubt(ledger, monkeypatch, fault, told):
-    limited = hand(ledger, "m")
-    monkeypatch.setattr(limited, "_limit", lambda *_: True)
-    assert getattr(limited, fault)()
-    assert [(made.kind, made.server, made.cuts) for made in ledger.doubts] == [told]
-    assert ledger.doubts[0].end < NEVER
-
-
-@pytest.mark.parametrize("windows", [False, True])
-def test_a_killed_worker_is_noted_with_its_server(ledger, monkeypatch, windows):
-    killer = hand(ledger, "m", windows)
-    monkeypatch.setattr(killer, "_worker", lambda server: 7)
-    monkeypatch.setattr("chaos.hand.send_signal", lambda *_: True)
-    assert killer.kill_worker()
-    assert [(kill.server, kill.unseen) for kill in ledger.kills] == [("m", windows)]
-
-
-def test_a_session_knows_its_listener(ledger, monkeypatch):
-    stage = SimpleNamespace(listener=SimpleNamespace(marker="m"))
-    client = SimpleNamespace(rng=random.Random(1), ledger=ledger, stage=stage)
-    session = _Session(client, Acts("a", client.rng, ledger))  # type: ignore[arg-type]
-    monkeypatch.setattr(session, "_exchange", lambda *_: Response(
-        200, {"mcp-session-id": "s"}, b""))
-    session.begin()
-    noted, _ = session.acts.read()
-    assert noted.serving is not None and noted.serving.server == "m"
-    assert noted.serving.started < NEVER and noted.given_up == NEVER
-    session._let_end()
-    assert noted.given_up < NEVER
+def test_a_piece_of_a_call_that_nobody_made_is_not_excused(ledger, tmp_path):
+    cut(ledger)
+    killed(ledger, 10.5)
+    assert len(judge(ledger, tmp_path, PIECE)) == 1
