@@ -195,7 +195,7 @@ def growth(series: Series, theme: Theme) -> Any:
     panels = series["panels"]
     made, axes = figure(2, len(panels) // 2, 9.5, 3 * len(panels) / 2, series["title"])
     for one, panel in zip(axes, panels):
-        for line, paint, marker in zip(panel["lines"], (theme.colours[0], theme.second), "os"):
+        for line, (paint, marker) in zip(panel["lines"], _paints(panel, series["subjects"], theme)):
             one.plot(line["items"], line["costs"], color=paint, marker=marker, markersize=4,
                      linewidth=1.8, label=_legend_of(line, panel))
             one.plot(*zip(*line["fit"]), color=theme.ink, linestyle=":", linewidth=1.2)
@@ -211,6 +211,14 @@ def growth(series: Series, theme: Theme) -> Any:
         one.set_ylabel(panel["lines"][0]["unit"])
         one.grid()
     return made
+
+
+def _paints(panel: "dict[str, Any]", subjects: "list[str]",
+            theme: Theme) -> "list[tuple[str, str]]":
+    """Colour and marker of each line: two of ours differ, and each peer has one."""
+    ours = iter(((theme.colours[0], "o"), (theme.second, "s")))
+    return [next(ours) if line["of"] == subjects[0]
+            else (colour(theme, line["of"], subjects), "^") for line in panel["lines"]]
 
 
 def _legend_of(line: "dict[str, Any]", panel: "dict[str, Any]") -> str:
