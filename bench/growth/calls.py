@@ -54,11 +54,11 @@ def of_results(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
         subjects: Subjects = {}
         for peer in all_peers:
             program = started(stack, peer)
-            one_row = program.exchange(peer.select_line(1, select(1, 1), 1)).count(CELL)
+            one_row = program.answered(peer.select_line(1, select(1, 1), 1))[1].count(CELL)
             sizes = {**by_rows, **by_columns} if peer is ours else by_rows
             for (kind, _), (rows, columns) in sizes.items():
                 request = peer.select_line(1, select(rows, columns), rows)
-                check_rows(peer.name, program.exchange(request), rows, one_row)
+                check_rows(peer.name, program.answered(request)[1], rows, one_row)
                 subjects[peer.name, kind, rows * columns] = partial(program.asked, request)
         found = by_turns(subjects, rounds)
     of = "cells of a query, more {} each time"

@@ -9,6 +9,7 @@ import subprocess
 import time
 from contextlib import ExitStack
 from functools import partial
+from pathlib import Path
 
 from common import measure
 from common.messages import INITIALIZE
@@ -28,18 +29,18 @@ class Listener:
     """A server's HTTP side in a process of its own, whose sessions end with it."""
 
     def __init__(self, command: "list[str]", port: int) -> None:
-        self._port = port
+        self._port, self._name = port, Path(command[0]).name
         self._process = subprocess.Popen([str(port) if word == "PORT" else word
                                           for word in command], stdin=subprocess.DEVNULL,
                                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.pid = self._process.pid
 
     def wait(self) -> None:
-        """Until it listens."""
+        """Until it listens: another program may have taken the port."""
         limit = time.monotonic() + START_LIMIT
-        while measure.sockets_of_ports([self._port]) == 0:
+        while not measure.listens(self.pid, self._port):
             if self._process.poll() is not None or time.monotonic() > limit:
-                raise Failed(f"nothing listens on port {self._port}")
+                raise Failed(f"{self._name} does not listen on port {self._port}")
             time.sleep(LOOK_SECONDS)
 
     def open_session(self) -> None:
@@ -52,6 +53,8 @@ class Listener:
             response = connection.getresponse()
             if response.status != 200 or b'"result"' not in response.read():
                 raise Failed(f"initialize is answered with {response.status}")
+        except OSError as failure:
+            raise Failed(f"{self._name}, initialize: {failure}") from failure
         finally:
             connection.close()
 
