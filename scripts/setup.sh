@@ -42,8 +42,8 @@ it prints the one command that installs them, and ends with exit code 1.
   coverage what writes the report of ./test --coverage
   release  what ./release and the rings release-* need, the validators that
            tests/release/package-lock.json pins included
-  bench    what the plots of bench/ are drawn with, and Node.js for bench/run peers, which installs
-           its peers itself
+  bench    what the plots of bench/ are drawn with, and Node.js for bench/run peers and growth,
+           which install their peers themselves
   index    Debian's package index, which the sample data is made from
 EOF
 }

@@ -14,7 +14,7 @@ from call_account.tracing import Event
 
 READ, WRITE, CLOSE, SOCKET, SENDTO, RECVFROM, EXECVE, WAIT4, PRCTL = (
     0, 1, 3, 41, 44, 45, 59, 61, 157)
-WAITID, OPENAT, PIPE2 = 247, 257, 293
+EXIT_GROUP, WAITID, OPENAT, PIPE2 = 231, 247, 257, 293
 POLICY_FLAGS = 0o2000000 | 0o4000 | 0o400
 """The policy file alone is opened with O_CLOEXEC, O_NONBLOCK and O_NOCTTY for reading."""
 APPEND = 0o2000
@@ -98,7 +98,7 @@ def marks_of_floor(events: "list[Event]", starter: int) -> "list[Mark]":
     found.mark("loading, relocating", found.find(child, "sys_enter", READ, _is_first(0)))
     found.mark("the message", found.find(child, "sys_exit", READ))
     found.mark("reply", found.find(child, "sys_exit", WRITE))
-    found.mark("exit, its parent's wake", found.find(starter, "sys_exit", WAIT4))
+    _end(found, child, found.find(starter, "sys_exit", WAIT4))
     return found.marks
 
 
@@ -124,7 +124,8 @@ def marks_of_call(events: "list[Event]", driver: int, server: int,
         found.mark("parse, checks", found.find(child, "sys_enter", WRITE, _is_first(1)))
     found.mark("reply", found.find(child, "sys_exit", WRITE))
     _audit_record(found, child)
-    found.mark("disconnect, exit, the server's wake", found.find(thread, "sys_exit", WAITID))
+    found.mark("disconnect", found.find(child, "sys_enter", EXIT_GROUP))
+    _end(found, child, found.find(thread, "sys_exit", WAITID))
     found.mark("collect, pass the reply on", found.find(thread, "sys_enter", WRITE, _is_first(1)))
     found.mark("the client's wake", found.find(driver, "sys_exit", READ))
     return found.marks
@@ -145,6 +146,17 @@ def _statement(found: Finder, child: int) -> None:
                 if event.pid == child and event.kind == "sys_exit" and event.number == RECVFROM
                 and found.now <= event.microseconds <= reply.microseconds]
     found.mark("statement", received[-1])
+
+
+def _end(found: Finder, child: int, collected: Event) -> None:
+    """The parent may learn of the end while the child still gives back its processor."""
+    last = [event for event in found.events
+            if event.kind == "sched_switch" and event.values[0] == child
+            and event.microseconds >= found.now]
+    if not last:
+        raise LookupError(f"{child} does not leave its processor")
+    found.mark("exit", min(last[-1], collected, key=lambda event: event.microseconds))
+    found.mark("the parent's wake", collected)
 
 
 def _audit_record(found: Finder, child: int) -> None:

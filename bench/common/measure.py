@@ -6,10 +6,11 @@ import contextlib
 import os
 import re
 from pathlib import Path
-from typing import Any, Iterable
+from typing import Any, Iterable, NamedTuple
 
 TIME_WAIT = "06"
 """The state of a closed connection that waits for stray segments."""
+LISTENING = "0A"
 
 MIB = 1024.0
 """KiB in a MiB: /proc counts in KiB."""
@@ -78,16 +79,36 @@ def sockets_of_ports(ports: Iterable[int]) -> int:
     """Sockets of this machine with one of these local ports that are not closed. Those that only
     wait for stray segments belong to no process."""
     wanted = set(ports)
-    return sum(local in wanted and state != TIME_WAIT for local, _, state in _connections())
+    return sum(one.local in wanted and one.state != TIME_WAIT for one in _sockets())
 
 
 def waiting_sockets(port: int) -> int:
     """Connections to this port that were closed and hold their local port for a minute."""
-    return sum(remote == port and state == TIME_WAIT for _, remote, state in _connections())
+    return sum(one.remote == port and one.state == TIME_WAIT for one in _sockets())
 
 
-def _connections() -> "list[tuple[int, int, str]]":
-    """Local port, remote port and state of each TCP socket over IPv4."""
+def listens(pid: int, port: int) -> bool:
+    """Whether it is this process that takes connections to the port."""
+    wanted = {f"socket:[{one.inode}]" for one in _sockets()
+              if one.local == port and one.state == LISTENING}
+    found = set()
+    with contextlib.suppress(OSError):
+        for name in os.listdir(f"/proc/{pid}/fd"):
+            with contextlib.suppress(OSError):
+                found.add(os.readlink(f"/proc/{pid}/fd/{name}"))
+    return bool(wanted & found)
+
+
+class _Socket(NamedTuple):
+    local: int
+    """Its port."""
+    remote: int
+    state: str
+    inode: str
+
+
+def _sockets() -> "list[_Socket]":
+    """Those for TCP over IPv4."""
     fields = [row.split() for row in Path("/proc/net/tcp").read_text("ascii").splitlines()[1:]]
-    return [(int(field[1].rpartition(":")[2], 16), int(field[2].rpartition(":")[2], 16), field[3])
-            for field in fields]
+    return [_Socket(int(field[1].rpartition(":")[2], 16), int(field[2].rpartition(":")[2], 16),
+                    field[3], field[9]) for field in fields]

@@ -65,8 +65,12 @@ class Program:
         return (time.perf_counter() - began) * 1e6, got
 
     def asked(self, line: bytes) -> float:
-        """Microseconds until the reply, which has to be a good result; a line that comes before the
-        end of the last call is sent again."""
+        """Microseconds until the reply, which has to be a good result."""
+        return self.answered(line)[0]
+
+    def answered(self, line: bytes) -> "tuple[float, bytes]":
+        """As `timed`, of a good result; a line that comes before the end of the last call is sent
+        again."""
         took, got = self.timed(line)
         while BUSY in got:
             self.busy_replies += 1
@@ -74,7 +78,7 @@ class Program:
             took += more
         if b'"result"' not in got or b'"isError":true' in got:
             raise Failed(f"{self.name}: {got[:200]!r}")
-        return took
+        return took, got
 
     def close(self) -> None:
         """Ends its input, and the program if that does not do it."""

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from typing import Any
 
-from matplotlib.ticker import FuncFormatter, MaxNLocator, NullFormatter
+from matplotlib.ticker import FuncFormatter, LogLocator, MaxNLocator, NullFormatter
 
 from figures.style import Theme, colour, figure
 from figures.wording import short, short_time
@@ -16,6 +16,12 @@ SHARES = [1, 0.5, 0.1, 0.01, 0.001]
 def _plain_ticks(axis: Any) -> None:
     axis.set_major_formatter(FuncFormatter(lambda value, _: f"{value:,.10g}"))
     axis.set_minor_formatter(NullFormatter())
+
+
+def _log_ticks(axis: Any) -> None:
+    """At 1, 2 and 5 of each power of ten, so that values between two powers can be read."""
+    axis.set_major_locator(LogLocator(base=10, subs=(1, 2, 5), numticks=99))
+    _plain_ticks(axis)
 
 
 def bars(series: Series, theme: Theme) -> Any:
@@ -55,13 +61,15 @@ def distributions(series: Series, theme: Theme) -> Any:
     made, axes = figure(len(series["panels"]), 1, 9, 5.3, series["title"])
     for one, panel in zip(axes, series["panels"]):
         names = [line["name"] for line in panel["lines"]]
-        _distribution(one, panel, [colour(theme, name, names) for name in names])
+        _distribution(one, panel, theme, [colour(theme, name, names) for name in names])
     axes[0].set_ylabel("share of the requests")
     return made
 
 
-def _distribution(axes: Any, panel: "dict[str, Any]", paints: "list[str]") -> None:
-    """The legend has the medians: curves cross, so that labels beside them would hide some."""
+def _distribution(axes: Any, panel: "dict[str, Any]", theme: Theme,
+                  paints: "list[str]") -> None:
+    """The legend has the medians: curves cross, so that labels beside them would hide some. An aim
+    is a point that the curves should pass on the left."""
     for line, paint in zip(panel["lines"], paints):
         shares = [max(share, SHARES[-1] / 2) for share in line["longer"]]
         axes.step([line["ms"][0], *line["ms"]], [1, *shares], where="post", color=paint,
@@ -69,6 +77,10 @@ def _distribution(axes: Any, panel: "dict[str, Any]", paints: "list[str]") -> No
         axes.plot([], [], color=paint, linewidth=3,
                   label=f"{line['name']}, median {short_time(line['median'])}, "
                         f"{line['count']:,} requests")
+    if "aim" in panel:
+        share, ms = panel["aim"]["share"], panel["aim"]["ms"]
+        axes.plot(ms, share, "D", color=theme.beside, markersize=6,
+                  label=f"aim: {100 - 100 * share:g} % within {ms:g} ms")
     axes.legend(loc="upper left", bbox_to_anchor=(0, -0.17), frameon=False, fontsize=8)
     axes.set_title(panel["title"])
     axes.set_xscale("log")
@@ -76,22 +88,17 @@ def _distribution(axes: Any, panel: "dict[str, Any]", paints: "list[str]") -> No
     axes.set_ylim(SHARES[-1], 1.1)
     axes.set_yticks(SHARES, [f"{100 * share:g} %" for share in SHARES])
     axes.yaxis.set_minor_formatter(NullFormatter())
-    _plain_ticks(axes.xaxis)
+    _log_ticks(axes.xaxis)
+    axes.tick_params(axis="x", labelsize=8)
     axes.set_xlabel("t, milliseconds")
     axes.grid()
 
 
 def scale(series: Series, theme: Theme) -> Any:
-    """The latencies of calls, with the aim as a point that the curve should pass on the left; and
-    the memory over the run."""
+    """The latencies of calls, and the memory over the run."""
     made, [calls, memory] = figure(2, 1, 9, 4.6, series["title"])
-    _distribution(calls, series["latency"], [theme.colours[0], theme.second])
+    _distribution(calls, series["latency"], theme, [theme.colours[0], theme.second])
     calls.set_ylabel("share of the calls")
-    aim = series["latency"]["aim"]
-    calls.plot(aim["ms"], aim["share"], "D", color=theme.beside, markersize=6)
-    calls.annotate(f"aim: {100 - 100 * aim['share']:g} % within {aim['ms']:g} ms",
-                   (aim["ms"], aim["share"]), xytext=(0, 9), textcoords="offset points",
-                   ha="center", color=theme.beside, fontsize=8)
     _memory(memory, series["memory"], theme)
     return made
 
@@ -188,7 +195,7 @@ def growth(series: Series, theme: Theme) -> Any:
     panels = series["panels"]
     made, axes = figure(2, len(panels) // 2, 9.5, 3 * len(panels) / 2, series["title"])
     for one, panel in zip(axes, panels):
-        for line, paint, marker in zip(panel["lines"], (theme.colours[0], theme.second), "os"):
+        for line, (paint, marker) in zip(panel["lines"], _paints(panel, series["subjects"], theme)):
             one.plot(line["items"], line["costs"], color=paint, marker=marker, markersize=4,
                      linewidth=1.8, label=_legend_of(line, panel))
             one.plot(*zip(*line["fit"]), color=theme.ink, linestyle=":", linewidth=1.2)
@@ -204,6 +211,14 @@ def growth(series: Series, theme: Theme) -> Any:
         one.set_ylabel(panel["lines"][0]["unit"])
         one.grid()
     return made
+
+
+def _paints(panel: "dict[str, Any]", subjects: "list[str]",
+            theme: Theme) -> "list[tuple[str, str]]":
+    """Colour and marker of each line: two of ours differ, and each peer has one."""
+    ours = iter(((theme.colours[0], "o"), (theme.second, "s")))
+    return [next(ours) if line["of"] == subjects[0]
+            else (colour(theme, line["of"], subjects), "^") for line in panel["lines"]]
 
 
 def _legend_of(line: "dict[str, Any]", panel: "dict[str, Any]") -> str:

@@ -15,8 +15,14 @@ def medians(series: "dict[str, Any]") -> "list[float]":
     return [quantile(values, 0.5) for values in series["samples"]]
 
 
-def series_named(data: Dataset, name: str) -> "dict[str, Any]":
-    return next(one for one in data["growth"]["series"] if one["name"] == name)
+def series_named(data: Dataset, name: str) -> "list[dict[str, Any]]":
+    """Ours, and behind it those of the peers that have it."""
+    found = [one for one in data["growth"]["series"] if one["name"] == name]
+    return sorted(found, key=lambda one: "peer" in one)
+
+
+def peers(data: Dataset) -> "list[str]":
+    return list(dict.fromkeys(one["peer"] for one in data["growth"]["series"] if "peer" in one))
 
 
 def exponent(items: Sequence[float], costs: Sequence[float]) -> float:
@@ -65,28 +71,44 @@ def fit(work: Sequence[float], costs: Sequence[float]) -> Fit:
     return Fit(0.0, sum(x * y for x, y in zip(work, costs)) / sum(x * x for x in work))
 
 
+FITTED_FROM = {"bytes: call": 125_000}
+"""Fewer bytes go through the pipe of a new process as it is; for more the server enlarges it, and
+the process takes a large page."""
+
+
+def fitted(series: "dict[str, Any]") -> "tuple[list[int], list[float]]":
+    """The numbers of items that the fit is of, and their costs."""
+    first = FITTED_FROM.get(series["name"], 0)
+    pairs = [(count, cost) for count, cost in zip(series["items"], medians(series))
+             if count >= first]
+    return [count for count, _ in pairs], [cost for _, cost in pairs]
+
+
 def fit_of(series: "dict[str, Any]") -> Fit:
-    return fit([work_of(series)(count) for count in series["items"]], medians(series))
+    items, costs = fitted(series)
+    return fit([work_of(series)(count) for count in items], costs)
 
 
 def summary(data: Dataset) -> str:
-    """`an item` compares the cost of one item, of the most with that of the fewest."""
+    """`item` compares the cost of one item, of the most with that of the fewest."""
     rows = []
-    for series in data["growth"]["series"]:
+    names = dict.fromkeys(one["name"] for one in data["growth"]["series"])
+    for series in (one for name in names for one in series_named(data, name)):
         items, costs, unit = series["items"], medians(series), series["unit"]
         found = fit_of(series)
-        rows.append((series["name"], f"{items[0]:,} to {items[-1]:,}",
+        rows.append((", ".join([series["name"], *([series["peer"]] if "peer" in series else [])]),
+                     f"{items[0]:,} to {items[-1]:,}",
                      f"{short(costs[0])} to {short(costs[-1])} {unit}",
-                     f"{exponent(items, costs):.2f}", with_unit(found.fixed, unit),
+                     f"{exponent(*fitted(series)):.2f}", with_unit(found.fixed, unit),
                      with_unit(found.each, unit) + (" × log2 n" if series["name"] == SORTS else ""),
                      f"{(costs[-1] / items[-1]) / (costs[0] / items[0]):.2f}",
                      f"{costs[-1] / costs[-2]:.2f}"))
     return table(("", "items", "median cost", "exponent", "fixed", "each item",
-                  "an item, last to first", "the last doubling"), rows)
+                  "item, last to first", "last doubling"), rows)
 
 
 def ratio_at_most_items(data: Dataset, name: str, base: str) -> Ratio:
-    subject, floor = (series_named(data, one)["samples"][-1] for one in (name, base))
+    subject, floor = (series_named(data, one)[0]["samples"][-1] for one in (name, base))
     return ratio(subject, floor)
 
 

@@ -101,6 +101,8 @@ class Panel:
     """Those of the data file that share the panel, by what they are called there."""
 
 
+ALL = ""
+"""The name of a series that is all of its panel."""
 PANELS = [
     Panel("keys of one object", "key", {"parse": "keys: parse",
                                         "check for duplicates, which sorts": growth_tables.SORTS}),
@@ -109,34 +111,43 @@ PANELS = [
                                            "policy-answered call": "bytes: call"}),
     Panel("cells of a query: 64 columns, or 256 rows", "cell",
           {"more rows": "cells, by rows", "more columns": "cells, by columns"}),
-    Panel("sessions of one listener: memory", "session", {"all": "sessions: memory"}),
-    Panel("sessions of one listener: opening all", "session", {"all": "sessions: opening"}),
-    Panel("listeners with 16 sessions each: memory", "listener", {"all": "listeners: memory"}),
+    Panel("sessions of one listener: memory", "session", {ALL: "sessions: memory"}),
+    Panel("sessions of one listener: opening all", "session", {ALL: "sessions: opening"}),
+    Panel("listeners with 16 sessions each: memory", "listener", {ALL: "listeners: memory"}),
     Panel("listeners with 16 sessions each: opening all", "listener",
-          {"all": "listeners: opening"})]
+          {ALL: "listeners: opening"})]
 
 
-def _line(data: Dataset, panel: Panel, name: str) -> "dict[str, Any]":
-    """With its fit from no items on, as numbers and in words."""
-    series = growth_tables.series_named(data, panel.series[name])
-    unit, found = series["unit"], growth_tables.fit_of(series)
+def _lines(data: Dataset, panel: Panel) -> "list[dict[str, Any]]":
+    """Those of ours, and then those of the peers."""
+    found = [(name, one) for name, series in panel.series.items()
+             for one in growth_tables.series_named(data, series)]
+    compared = any("peer" in series for _, series in found)
+    return [_line(panel, name, series, compared)
+            for name, series in sorted(found, key=lambda pair: "peer" in pair[1])]
+
+
+def _line(panel: Panel, name: str, series: "dict[str, Any]", compared: bool) -> "dict[str, Any]":
+    """With its fit from no items on, or from where it begins, as numbers and in words."""
+    unit, found, whose = series["unit"], growth_tables.fit_of(series), series.get("peer", OURS)
     work = growth_tables.work_of(series)
     of = "× n log2 n" if work == growth_tables.sorting else f"a {panel.item}"
-    return {"name": name, "unit": unit, "items": series["items"],
-            "costs": growth_tables.medians(series),
+    items, _ = growth_tables.fitted(series)
+    begin = [] if len(items) < len(series["items"]) else [0]
+    return {"name": ", ".join([whose] * compared + [name] * (name != ALL)), "of": whose,
+            "unit": unit, "items": series["items"], "costs": growth_tables.medians(series),
             "fit": [[count, found.fixed + found.each * work(count)]
-                    for count in (0, *series["items"])],
-            "words": (f"{with_unit(found.fixed, unit)} fixed and " if found.fixed else "")
+                    for count in begin + items],
+            "words": (f"{with_unit(found.fixed, unit)} + " if found.fixed else "")
             + f"{with_unit(found.each, unit)} {of}"}
 
 
 def growth(data: Dataset) -> "dict[str, Any]":
-    panels: "list[dict[str, Any]]" = [
-        {"title": panel.title, "lines": [_line(data, panel, name) for name in panel.series]}
-        for panel in PANELS]
+    panels: "list[dict[str, Any]]" = [{"title": panel.title, "lines": _lines(data, panel)}
+                                      for panel in PANELS]
     panels[0]["bar"] = {"times": aims.DUPLICATE_KEYS.bound, "of": "parse"}
     return {"title": "Cost against size; dotted: the fit in words below",
-            "panels": panels}
+            "subjects": [OURS, *growth_tables.peers(data)], "panels": panels}
 
 
 def account(data: Dataset) -> "dict[str, Any]":

@@ -1,4 +1,4 @@
-"""How cost grows: `bench/run growth`.
+"""How cost grows, of ours and of the peers: `bench/run growth`.
 
 program.py   the arguments and the order of the measurements
 calls.py     cells and bytes of calls over the standard streams
@@ -6,5 +6,6 @@ sessions.py  sessions of a listener, and listeners
 `growth_bench.cpp` beside this folder measures keys and tokens.
 
 A series is {"name", "of", "unit", "items": [...], "samples": [[...] of each number of items]}; `of`
-says what is counted. Samples of one series are paired by round.
+says what is counted. One of another server has the name of ours, and "peer" beside it. Samples of
+series with one name are paired by round.
 """

@@ -2,14 +2,16 @@
 
 from __future__ import annotations
 
-import json
-from pathlib import Path
+import itertools
+from contextlib import ExitStack
+from functools import partial
 from typing import Any, Callable
 
 from common.messages import line
 from common.stdio import Failed, Program
 from figures.turns import by_turns
 from growth.series import Series
+from peers.subjects import Peer
 
 ROWS = [1, 16, 32, 64, 128, 256]
 COLUMNS = [1, 4, 8, 16, 32, 64]
@@ -19,16 +21,15 @@ BYTES = [62_500, 125_000, 250_000, 500_000, 1_000_000]
 IDS = 240
 """A server takes 256 requests that are no tool calls."""
 PADDING = "The quick brown fox jumps over the lazy dog. "
+CELL = b"cell 0"
+"""What the first column holds; a reply may have it more than once for each row."""
+Subjects = dict[tuple[str, str, int], Callable[[], float]]
+"""By server, kind and size."""
 
 
-def query(sql: str, rows: int) -> bytes:
-    return line("tools/call", 1, {"name": "kova_query",
-                                  "arguments": {"sql": sql, "max_rows": rows}})
-
-
-def cells_query(rows: int, columns: int) -> bytes:
+def select(rows: int, columns: int) -> str:
     names = ", ".join(f"C{number}" for number in range(1, columns + 1))
-    return query(f"SELECT {names} FROM ORDERS WHERE ID <= {rows}", rows)
+    return f"SELECT {names} FROM ORDERS WHERE ID <= {rows}"
 
 
 def padded(method: str, number: int, params: "dict[str, Any]", size: int) -> bytes:
@@ -38,45 +39,65 @@ def padded(method: str, number: int, params: "dict[str, Any]", size: int) -> byt
     return line(method, number, {**params, "_meta": {"pad": pad}})
 
 
-def of_results(server: Path, rounds: int) -> "list[Series]":
-    with Program([str(server)]) as program:
-        program.initialize()
-        sizes = {**{("rows", rows): (rows, COLUMNS[-1]) for rows in ROWS},
-                 **{("columns", columns): (ROWS[-1], columns) for columns in COLUMNS}}
-        subjects: "dict[tuple[str, int], Callable[[], float]]" = {}
-        for (kind, _), size in sizes.items():
-            request = cells_query(*size)
-            _check_rows(program.exchange(request), size[0])
-            subjects[kind, size[0] * size[1]] = lambda request=request: program.asked(request)
+def started(stack: ExitStack, peer: Peer) -> Program:
+    program = stack.enter_context(Program(peer.stdio, peer.environment))
+    program.initialize()
+    return program
+
+
+def of_results(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
+    """More rows of all servers, more columns of ours, the first of them."""
+    ours = all_peers[0]
+    by_rows = {("rows", rows): (rows, COLUMNS[-1]) for rows in ROWS}
+    by_columns = {("columns", columns): (ROWS[-1], columns) for columns in COLUMNS}
+    with ExitStack() as stack:
+        subjects: Subjects = {}
+        for peer in all_peers:
+            program = started(stack, peer)
+            one_row = program.answered(peer.select_line(1, select(1, 1), 1))[1].count(CELL)
+            sizes = {**by_rows, **by_columns} if peer is ours else by_rows
+            for (kind, _), (rows, columns) in sizes.items():
+                request = peer.select_line(1, select(rows, columns), rows)
+                check_rows(peer.name, program.answered(request)[1], rows, one_row)
+                subjects[peer.name, kind, rows * columns] = partial(program.asked, request)
         found = by_turns(subjects, rounds)
-    return [Series(f"cells, by {kind}", f"cells of a kova_query, more {kind} each time", "µs",
-                   {cells: values for (which, cells), values in found.items() if which == kind})
-            for kind in ("rows", "columns")]
+    of = "cells of a query, more {} each time"
+    return [*_series("cells, by rows", of.format("rows"), "rows", all_peers, found),
+            *_series("cells, by columns", of.format("columns"), "columns", [ours], found)]
 
 
-def _check_rows(line_of_reply: bytes, count: int) -> None:
-    reply = json.loads(line_of_reply)
-    if reply["result"].get("structuredContent", {}).get("rowCount") != count:
-        raise Failed(f"not {count} rows: {str(reply)[:200]}")
+def check_rows(name: str, reply: bytes, rows: int, of_one_row: int) -> None:
+    """`of_one_row` is how often a reply of one row has the first cell."""
+    if of_one_row == 0 or reply.count(CELL) != rows * of_one_row:
+        raise Failed(f"{name}: not {rows} rows: {reply[:200]!r}")
 
 
-def of_bytes(server: Path, rounds: int) -> "list[Series]":
-    """A ping and a call that the policy answers, as lines of the same length."""
-    with Program([str(server)]) as program:
-        program.initialize()
-        number = 1
+def of_bytes(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
+    """A ping of all servers, and a call that the policy of ours, the first of them, answers, as
+    lines of the same length."""
+    ours, numbers = all_peers[0], itertools.count(1)
+    call = {"name": "kova_list_tables", "arguments": {}}
 
-        def ping(size: int) -> float:
-            nonlocal number
-            number += 1
-            return program.asked(padded("ping", number, {}, size))
+    def ping(program: Program, size: int) -> float:
+        return program.asked(padded("ping", next(numbers), {}, size))
 
-        call = {"name": "kova_list_tables", "arguments": {}}
-        subjects: "dict[tuple[str, int], Callable[[], float]]" = {}
+    with ExitStack() as stack:
+        programs = {peer.name: started(stack, peer) for peer in all_peers}
+        subjects: Subjects = {}
         for size in BYTES:
-            request = padded("tools/call", 1, call, size)
-            subjects["ping", size] = lambda size=size: ping(size)
-            subjects["call", size] = lambda request=request: program.asked(request)
+            for name, program in programs.items():
+                subjects[name, "ping", size] = partial(ping, program, size)
+            request = padded("tools/call", next(numbers), call, size)
+            subjects[ours.name, "call", size] = partial(programs[ours.name].asked, request)
         found = by_turns(subjects, min(rounds, IDS // len(BYTES) - 1))
-    return [Series(f"bytes: {kind}", f"bytes of a {kind}", "µs",
-                   {size: found[kind, size] for size in BYTES}) for kind in ("ping", "call")]
+    return [*_series("bytes: ping", "bytes of a ping", "ping", all_peers, found),
+            *_series("bytes: call", "bytes of a call", "call", [ours], found)]
+
+
+def _series(name: str, of: str, kind: str, of_peers: "list[Peer]",
+            found: "dict[tuple[str, str, int], list[float]]") -> "list[Series]":
+    """Of ours, the first, and of the others."""
+    return [Series(name, of, "µs", {size: values for (whose, which, size), values in found.items()
+                                    if (whose, which) == (peer.name, kind)},
+                   "" if place == 0 else peer.name)
+            for place, peer in enumerate(of_peers)]

@@ -14,6 +14,7 @@ from figures import record
 from figures.conditions import Moment
 from growth import calls, sessions
 from growth.series import Series
+from peers.subjects import peers
 
 PARSER_ROUNDS = 10
 """For each round of the others: a sample takes some tens of microseconds."""
@@ -26,8 +27,10 @@ OF = {"keys: parse": "keys of one object", "keys: check for duplicates": "keys o
 def parse(arguments: "list[str]") -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="bench/run growth", allow_abbrev=False)
     parser.add_argument("--server", type=Path, required=True,
-                        help="an executable that nothing else runs")
+                        help="the executable")
     parser.add_argument("--parser", type=Path, required=True, help="growth-bench")
+    parser.add_argument("--database", type=Path, required=True, help="an SQLite file")
+    parser.add_argument("--modules", type=Path, required=True, help="node_modules of the peers")
     parser.add_argument("--rounds", type=int, default=20)
     parser.add_argument("--data", type=Path, required=True, help="the JSON file to be written")
     return parser.parse_args(arguments)
@@ -46,18 +49,19 @@ def of_messages(parser: Path, rounds: int) -> "list[Series]":
 def main(arguments: "list[str]") -> int:
     asked = parse(arguments)
     began = Moment.now()
-    server = asked.server.resolve()
+    all_peers = peers(asked.server.resolve(), asked.modules, asked.database)
     try:
         found = [*of_messages(asked.parser, asked.rounds * PARSER_ROUNDS),
-                 *calls.of_results(server, asked.rounds * CALL_ROUNDS),
-                 *calls.of_bytes(server, asked.rounds * CALL_ROUNDS),
-                 *sessions.of_sessions(server, asked.rounds),
-                 *sessions.of_listeners(server, max(2, asked.rounds // 4))]
+                 *calls.of_results(all_peers, asked.rounds * CALL_ROUNDS),
+                 *calls.of_bytes(all_peers, asked.rounds * CALL_ROUNDS),
+                 *sessions.of_sessions(all_peers, asked.rounds),
+                 *sessions.of_listeners(all_peers[0], max(2, asked.rounds // 4))]
     except (Failed, OSError, subprocess.CalledProcessError) as failure:
         print(f"bench/run growth: {failure}", file=sys.stderr)
         return 1
-    record.write(asked.data, record.document(began, {"rounds": asked.rounds},
-                                             {"series": [one.data() for one in found]}))
+    record.write(asked.data, record.document(began, {"rounds": asked.rounds}, {
+        "versions": {peer.name: peer.version for peer in all_peers[1:]},
+        "series": [one.data() for one in found]}))
     return 0
 
 

@@ -8,6 +8,7 @@ import socket
 import subprocess
 import time
 from contextlib import ExitStack
+from functools import partial
 from pathlib import Path
 
 from common import measure
@@ -15,24 +16,32 @@ from common.messages import INITIALIZE
 from common.stdio import Failed
 from figures.turns import by_turns
 from growth.series import Series
+from peers.subjects import Peer
 
 SESSIONS = [1, 2, 4, 8, 16]
 """To the limit of a listener."""
 LISTENERS = [1, 2, 4, 8, 16, 32]
 START_LIMIT = 30.0
+LOOK_SECONDS = 0.002
 
 
 class Listener:
-    """A listener of its own process; sessions end with it."""
+    """A server's HTTP side in a process of its own, whose sessions end with it."""
 
-    def __init__(self, server: Path, port: int) -> None:
-        self._port = port
-        self._process = subprocess.Popen([str(server), "--http", str(port)],
-                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                         stderr=subprocess.PIPE)
-        assert self._process.stderr is not None
-        if not self._process.stderr.readline():
-            raise Failed(f"the listener on port {port} has ended")
+    def __init__(self, command: "list[str]", port: int) -> None:
+        self._port, self._name = port, Path(command[0]).name
+        self._process = subprocess.Popen([str(port) if word == "PORT" else word
+                                          for word in command], stdin=subprocess.DEVNULL,
+                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.pid = self._process.pid
+
+    def wait(self) -> None:
+        """Until it listens: another program may have taken the port."""
+        limit = time.monotonic() + START_LIMIT
+        while not measure.listens(self.pid, self._port):
+            if self._process.poll() is not None or time.monotonic() > limit:
+                raise Failed(f"{self._name} does not listen on port {self._port}")
+            time.sleep(LOOK_SECONDS)
 
     def open_session(self) -> None:
         headers = {"Authorization": f"Bearer {os.environ['KOVA_MCP_HTTP_BEARER_TOKEN']}",
@@ -44,6 +53,8 @@ class Listener:
             response = connection.getresponse()
             if response.status != 200 or b'"result"' not in response.read():
                 raise Failed(f"initialize is answered with {response.status}")
+        except OSError as failure:
+            raise Failed(f"{self._name}, initialize: {failure}") from failure
         finally:
             connection.close()
 
@@ -51,10 +62,8 @@ class Listener:
         return self
 
     def __exit__(self, *_: object) -> None:
-        assert self._process.stderr is not None
         self._process.terminate()
         self._process.wait()
-        self._process.stderr.close()
 
 
 def free_ports(count: int) -> "list[int]":
@@ -64,36 +73,46 @@ def free_ports(count: int) -> "list[int]":
         return [one.getsockname()[1] for one in sockets]
 
 
-def measured(server: Path, listeners: int, sessions: int) -> "tuple[float, float]":
+def measured(peer: Peer, listeners: int, sessions: int) -> "tuple[float, float]":
     """Milliseconds of opening the sessions one after the other, and MiB (proportional set) of the
     listeners with all of them."""
+    assert peer.session_processes is not None
     with ExitStack() as stack:
-        opened = [stack.enter_context(Listener(server, port)) for port in free_ports(listeners)]
+        opened = [stack.enter_context(Listener(peer.http["command"], port))
+                  for port in free_ports(listeners)]
+        for listener in opened:
+            listener.wait()
         began = time.perf_counter()
         for listener in opened:
             for _ in range(sessions):
                 listener.open_session()
         took = (time.perf_counter() - began) * 1000
-        held = measure.held(measure.of_executable(server))
-        if held["processes"] != listeners * (sessions + 1):
+        held = measure.held([pid for one in opened for pid in measure.family(one.pid)])
+        if held["processes"] != listeners * (1 + sessions * peer.session_processes):
             raise Failed(f"{held['processes']} processes for {listeners} x {sessions} sessions")
     return took, held["proportional_set_mib"]
 
 
-def _series(kind: str, of: str, found: "dict[int, list[tuple[float, float]]]") -> "list[Series]":
+def _series(kind: str, of: str, found: "dict[int, list[tuple[float, float]]]",
+            peer: str = "") -> "list[Series]":
     units = [("opening", "ms", 0), ("memory", "MiB", 1)]
     return [Series(f"{kind}: {what}", of, unit,
-                   {count: [pair[place] for pair in pairs] for count, pairs in found.items()})
+                   {count: [pair[place] for pair in pairs] for count, pairs in found.items()}, peer)
             for what, unit, place in units]
 
 
-def of_sessions(server: Path, rounds: int) -> "list[Series]":
-    subjects = {count: lambda count=count: measured(server, 1, count) for count in SESSIONS}
-    return _series("sessions", "open sessions of one listener", by_turns(subjects, rounds))
+def of_sessions(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
+    """Of ours, the first, and of the others that have sessions."""
+    chosen = [peer for peer in all_peers if peer.session_processes is not None]
+    found = by_turns({(peer.name, count): partial(measured, peer, 1, count)
+                      for peer in chosen for count in SESSIONS}, rounds)
+    return [one for peer in chosen
+            for one in _series("sessions", "open sessions of one listener",
+                               {count: found[peer.name, count] for count in SESSIONS},
+                               "" if peer is chosen[0] else peer.name)]
 
 
-def of_listeners(server: Path, rounds: int) -> "list[Series]":
-    subjects = {count: lambda count=count: measured(server, count, SESSIONS[-1])
-                for count in LISTENERS}
+def of_listeners(ours: Peer, rounds: int) -> "list[Series]":
+    subjects = {count: partial(measured, ours, count, SESSIONS[-1]) for count in LISTENERS}
     return _series("listeners", f"listeners with {SESSIONS[-1]} open sessions each",
                    by_turns(subjects, rounds))

@@ -22,14 +22,29 @@ class Peer:
     stdio: "list[str]"
     http: "dict[str, Any]"
     """The subject of http_bench.mjs; its name is this one."""
-    query: "dict[str, Any]"
-    """Method and params of the one-row query."""
+    tool: str
+    """Runs its argument `sql`."""
+    rows_argument: str = ""
+    """The argument of the tool that says how many rows it returns at most, where it has one."""
     environment: "dict[str, str]" = field(default_factory=dict)
     takes_new_program: bool = False
     """Whether each batch of pings needs one: ids of requests are taken once."""
 
+    session_processes: "int | None" = None
+    """How many processes each session of its HTTP side adds; none where it has no sessions."""
+
+    @property
+    def query(self) -> "dict[str, Any]":
+        """Method and params of the one-row query."""
+        return http_plan.call(self.tool, sql=SELECT)
+
     def query_line(self, number: int) -> bytes:
-        return line(self.query["method"], number, self.query["params"])
+        return line(number=number, **self.query)
+
+    def select_line(self, number: int, sql: str, rows: int) -> bytes:
+        """A query for this many rows at most."""
+        most = {self.rows_argument: rows} if self.rows_argument else {}
+        return line(number=number, **http_plan.call(self.tool, sql=sql, **most))
 
 
 def _version(modules: Path, package: str) -> str:
@@ -46,12 +61,12 @@ def peers(server: Path, modules: Path, database: Path) -> "list[Peer]":
     return [
         Peer("kova-mcp", "", [str(server)],
              {"name": "kova-mcp", "command": http_plan.listener(str(server))["command"]},
-             http_plan.call("kova_query", sql=SELECT), takes_new_program=True),
+             "kova_query", "max_rows", takes_new_program=True, session_processes=1),
         Peer("SDK server", _version(modules, "@modelcontextprotocol/sdk"),
              [*sdk, "stdio", str(database)],
              {"name": "SDK server", "command": [*sdk, "http", "PORT", str(database)]},
-             http_plan.call("query", sql=SELECT)),
+             "query", session_processes=0),
         Peer("DBHub", _version(modules, "@bytebase/dbhub"), [*dbhub, "--transport", "stdio"],
              {"name": "DBHub", "command": [*dbhub, "--transport", "http", "--port", "PORT"],
               "environment": own_machine},
-             http_plan.call("execute_sql", sql=SELECT), own_machine)]
+             "execute_sql", environment=own_machine)]

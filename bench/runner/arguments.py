@@ -21,7 +21,8 @@ usage: bench/run [--build DIR] [--rounds N] [linux] [windows] [http] [peers] [gr
   micro    parsing and escaping next to simdjson and RapidJSON
   http     the Linux HTTP listener next to a server written with the official SDK
   peers    start, ping, query and memory next to two servers that npm installs into DIR/peers
-  growth   how cost grows with keys, tokens, cells, bytes, sessions and listeners
+  growth   how cost grows with keys, tokens, cells, bytes, sessions and listeners, next to the
+           same two servers
   audit    what an audit record costs, with one session and with sixteen
   account  where the time of a call of the Linux server goes, stage by stage, from the kernel's
            trace of its processes (as root)

@@ -120,6 +120,8 @@ def peers(run: Run) -> None:
 def growth(run: Run) -> None:
     run.module("growth.program", "--server", run.stage.installed("growth"),
                "--parser", run.linux / "bench" / "growth-bench",
+               "--database", run.stage.database,
+               "--modules", installing.peers(run.asked.build / "peers"),
                "--rounds", str(run.asked.value("growth", "rounds")),
                "--data", run.asked.data_file("growth"),
                variables=run.stage.listener_environment())
@@ -166,6 +168,7 @@ class Benchmark:
     """Targets of the build."""
     windows: "tuple[str, ...]" = ()
     needs_stage: bool = True
+    needs_peers: bool = False
 
 
 SERVICE = ("kova-mcp", "kovadll", "kova-sample-engine")
@@ -178,8 +181,9 @@ BENCHMARKS = {
     "micro": Benchmark("parsing and escaping", micro, ("json-bench",), needs_stage=False),
     "http": Benchmark("HTTP, Linux", http, SERVICE),
     "peers": Benchmark("peers, Linux", peers,
-                       (*SERVICE, "empty-program", "floor-on-demand", "empty-listener")),
-    "growth": Benchmark("growth, Linux", growth, (*SERVICE, "growth-bench")),
+                       (*SERVICE, "empty-program", "floor-on-demand", "empty-listener"),
+                       needs_peers=True),
+    "growth": Benchmark("growth, Linux", growth, (*SERVICE, "growth-bench"), needs_peers=True),
     "account": Benchmark("where the time of a call goes, Linux", account,
                          (*SERVICE, "empty-program", "floor-on-demand")),
     "audit": Benchmark("audit records, Linux", audit, ("kova-mcp",), needs_stage=False),

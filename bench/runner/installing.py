@@ -28,6 +28,9 @@ def peers(folder: Path) -> Path:
     if (modules / ".bin" / "node").exists() and lock.exists() and filecmp.cmp(
             PACKAGES / lock.name, lock, shallow=False):
         return modules
+    if shutil.which("npm") is None:
+        raise OSError("npm is missing, which installs the peers; "
+                      "scripts/setup.sh bench installs it")
     folder.mkdir(parents=True, exist_ok=True)
     for name in ("package.json", "package-lock.json", ".npmrc"):
         shutil.copy2(PACKAGES / name, folder)

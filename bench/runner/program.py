@@ -26,7 +26,7 @@ def play(asked: arguments.Asked, stack: ExitStack) -> None:
         targets = targets_of(asked.names, preset)
         if targets:
             installing.build(asked.build, preset, targets)
-    if "peers" in asked.names:
+    if any(BENCHMARKS[name].needs_peers for name in asked.names):
         installing.peers(asked.build / "peers")
     folder = Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="bench-")))
     stage = None

@@ -19,7 +19,7 @@ from figures.conditions import Moment
 from harness import audit_files
 from harness.http_client import TOKEN
 from harness.waiting import wait_until
-from scale.stage import Stage
+from scale.stage import CHOSEN, Stage
 
 SESSIONS_OF_A_LISTENER = 16
 WEIGHTS = {"policy-answered call": 93.0, "query": 5.0, "cancelled query": 0.5,
@@ -87,7 +87,7 @@ def parameters(asked: argparse.Namespace) -> dict[str, Any]:
     return {"listeners": asked.listeners, "sessions": sessions, "seconds": asked.seconds,
             "policy_answered_calls_a_second": asked.rate, "weights": WEIGHTS,
             "think_seconds": round(sessions * lists / asked.rate, 3),
-            "client_processes": asked.client_processes, "seed": asked.seed}
+            "client_processes": asked.client_processes, "seed": asked.seed, **CHOSEN}
 
 
 def wishes(asked: argparse.Namespace, chosen: dict[str, Any],

@@ -17,7 +17,11 @@ from harness.servers import Servers
 from harness.targets import Installation, Target
 from tls_front_end import NAMES, make_certificate
 
-CONNECTIONS = {"maxconn 200  # SET": "maxconn 4000"}
+MAXCONN, RATE_PER_MINUTE, ENGINE_CONNECTIONS = 4000, 1_000_000, 1000
+CHOSEN = {"haproxy_maxconn": MAXCONN, "KOVA_MCP_HTTP_RATE_PER_MINUTE": RATE_PER_MINUTE,
+          "engine_connections": ENGINE_CONNECTIONS}
+"""What the run sets otherwise than deploy/haproxy.cfg and the defaults: more connections of
+clients, requests a minute at each listener, and connections to the engine than those allow."""
 
 
 class Stage:
@@ -36,7 +40,7 @@ class Stage:
             (folder / "engine" / "data").mkdir()
             make_database(folder / "engine" / "data" / "SALES.db", SALES)
             self.engine = Engine(build / "sample" / "kova-sample-engine", folder / "engine",
-                                 "--connections", "1000")
+                                 "--connections", str(ENGINE_CONNECTIONS))
             opened.callback(self.engine.stop)
             servers = Servers(target, installation, folder / "work")
             opened.callback(servers.close)
@@ -44,10 +48,12 @@ class Stage:
             opened.callback(start.close)
             env = {**profile(PolicyFiles(target, folder / "policy"), self.engine),
                    "KOVA_MCP_AUDIT": self.audit, "TMPDIR": self.temporary,
+                   "KOVA_MCP_HTTP_RATE_PER_MINUTE": str(RATE_PER_MINUTE),
                    "KOVA_MCP_HTTP_ALLOWED_HOSTS": NAMES.replace(" ", ",")}
             self.listeners = [start(env, library="sample") for _ in range(listeners)]
             self.front = FrontEnd("haproxy", folder / "haproxy", make_certificate(folder),
-                                  [listener.port for listener in self.listeners], CONNECTIONS)
+                                  [listener.port for listener in self.listeners],
+                                  {"maxconn 200  # SET": f"maxconn {MAXCONN}"})
             opened.callback(self.front.stop)
             self._opened = opened.pop_all()
 

@@ -109,10 +109,16 @@ def fork(pid: int, child: int) -> "tuple[int, str, int, tuple[int, ...]]":
     return pid, "sched_process_fork", child, ()
 
 
+def away(pid: int) -> "tuple[int, str, int, tuple[int, ...]]":
+    """It leaves its processor."""
+    return pid, "sched_switch", IDLE, (pid,)
+
+
 FLOOR = [
     enter(SERVER, stages.PIPE2), fork(SERVER, CHILD), enter(CHILD, stages.EXECVE),
     leave(CHILD, stages.EXECVE), enter(CHILD, stages.READ, 5), enter(CHILD, stages.READ, 0),
-    leave(CHILD, stages.READ), leave(CHILD, stages.WRITE), leave(SERVER, stages.WAIT4)]
+    leave(CHILD, stages.READ), leave(CHILD, stages.WRITE), away(CHILD),
+    leave(SERVER, stages.WAIT4)]
 STATEMENT = [
     enter(CHILD, stages.SOCKET), leave(CHILD, stages.CLOSE), enter(CHILD, stages.SOCKET),
     *([enter(CHILD, stages.SENDTO)] * 4), leave(CHILD, stages.RECVFROM)]
@@ -125,7 +131,9 @@ BEFORE = [
     enter(CHILD, stages.OPENAT, 0, 0, stages.POLICY_FLAGS), leave(CHILD, stages.CLOSE),
     leave(CHILD, stages.READ)]
 REPLY = [enter(CHILD, stages.WRITE, 1), leave(CHILD, stages.WRITE)]
-END = [leave(THREAD, stages.WAITID), enter(THREAD, stages.WRITE, 1), leave(DRIVER, stages.READ)]
+EXIT = [away(CHILD), enter(CHILD, stages.EXIT_GROUP), away(CHILD), away(CHILD)]
+END = [*EXIT, leave(THREAD, stages.WAITID), enter(THREAD, stages.WRITE, 1),
+       leave(DRIVER, stages.READ)]
 LIST = [*BEFORE, *REPLY, *RECORD, *END]
 QUERY = [*BEFORE, *STATEMENT, *REPLY, *RECORD, *END]
 
@@ -141,7 +149,7 @@ def call_marks(lines: "list[tuple[int, str, int, tuple[int, ...]]]") -> "list[st
 def test_marks_of_the_floor() -> None:
     assert marks_of_floor(timed(FLOOR), SERVER) == [
         ("", 0), ("pipes, vfork", 2), ("execve", 3), ("loading, relocating", 5),
-        ("the message", 6), ("reply", 7), ("exit, its parent's wake", 8)]
+        ("the message", 6), ("reply", 7), ("exit", 8), ("the parent's wake", 9)]
 
 
 BEGINNING = [("", 1), ("the server's wake", 2), ("look at the message, thread", 4),
@@ -149,20 +157,34 @@ BEGINNING = [("", 1), ("the server's wake", 2), ("look at the message, thread", 
              ("policy", 11), ("the message", 12)]
 
 
+def ending(began: int) -> "list[stages.Mark]":
+    """The end of a call, whose first event is this one: the worker waits once more before it
+    exits, and once while it does."""
+    return [("disconnect", began + 1), ("exit", began + 3), ("the parent's wake", began + 4),
+            ("collect, pass the reply on", began + 5), ("the client's wake", began + 6)]
+
+
 @pytest.mark.parametrize("lines, rest", [
-    (LIST, [("parse, checks", 13), ("reply", 14), ("audit record", 16),
-            ("disconnect, exit, the server's wake", 17), ("collect, pass the reply on", 18),
-            ("the client's wake", 19)]),
-    ([*BEFORE, *REPLY, *END], [("parse, checks", 13), ("reply", 14),
-                               ("disconnect, exit, the server's wake", 15),
-                               ("collect, pass the reply on", 16), ("the client's wake", 17)]),
+    (LIST, [("parse, checks", 13), ("reply", 14), ("audit record", 16), *ending(17)]),
+    ([*BEFORE, *REPLY, *END], [("parse, checks", 13), ("reply", 14), *ending(15)]),
     (QUERY, [("parse, checks", 13), ("reaching the engine", 14),
              ("loading the client library", 15), ("login", 19), ("statement", 20), ("reply", 22),
-             ("audit record", 24), ("disconnect, exit, the server's wake", 25),
-             ("collect, pass the reply on", 26), ("the client's wake", 27)])])
+             ("audit record", 24), *ending(25)])])
 def test_marks_of_a_call(lines: "list[tuple[int, str, int, tuple[int, ...]]]",
                          rest: "list[stages.Mark]") -> None:
     assert call_marks(lines) == [*BEGINNING, *rest]
+
+
+def test_a_parent_that_learns_of_the_end_before_the_child_is_away() -> None:
+    late = [*FLOOR[:-2], FLOOR[-1], FLOOR[-2]]
+    assert marks_of_floor(timed(late), SERVER)[-2:] == [("exit", 8), ("the parent's wake", 8)]
+    both = [*BEFORE, *REPLY, *END[:2], END[4], *END[2:4], *END[5:]]
+    assert call_marks(both)[-5:-2] == [("disconnect", 16), ("exit", 17), ("the parent's wake", 17)]
+
+
+def test_a_child_that_stays() -> None:
+    with pytest.raises(LookupError, match="13 does not leave its processor"):
+        marks_of_floor(timed([one for one in FLOOR if one != away(CHILD)]), SERVER)
 
 
 @pytest.mark.parametrize("left_out, reason", [
@@ -170,8 +192,9 @@ def test_marks_of_a_call(lines: "list[tuple[int, str, int, tuple[int, ...]]]",
     (BEFORE[5], "12 has started nothing"), (BEFORE[6], "no sys_enter of system call 59 by 13"),
     (BEFORE[10], "no sys_enter of system call 257 by 13"),
     (STATEMENT[3], "no sys_enter of system call 44 by 13"),
-    (END[0], "no sys_exit of system call 247 by 12"),
-    (END[2], "no sys_exit of system call 0 by 10")])
+    (EXIT[1], "no sys_enter of system call 231 by 13"),
+    (END[4], "no sys_exit of system call 247 by 12"),
+    (END[6], "no sys_exit of system call 0 by 10")])
 def test_a_trace_with_a_gap(left_out: "tuple[int, str, int, tuple[int, ...]]",
                             reason: str) -> None:
     lines = list(QUERY)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import socket
 import subprocess
 import sys
 
@@ -23,6 +24,17 @@ def test_a_family() -> None:
         assert found[0] == process.pid and len(found) == 2
         process.stdin.close()
     assert measure.family(process.pid) == [process.pid]
+
+
+def test_who_listens() -> None:
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        port = server.getsockname()[1]
+        assert measure.listens(os.getpid(), port)
+        assert not measure.listens(os.getppid(), port) and not measure.listens(ENDED, port)
+        with socket.create_connection(("127.0.0.1", port)) as client:
+            server.accept()[0].close()
+            assert not measure.listens(os.getpid(), client.getsockname()[1])
+    assert not measure.listens(os.getpid(), port)
 
 
 def test_processor_time() -> None:

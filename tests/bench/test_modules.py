@@ -181,20 +181,65 @@ def test_a_fit_has_no_fixed_part_below_zero() -> None:
     assert growth_tables.fit([1, 2], [1, 4]) == pytest.approx((0, 9 / 5))
 
 
-@pytest.mark.parametrize("name, costs, words", [
-    ("bytes: ping", [2.1, 2.2, 2.4], "2.00 ms fixed and 100 µs a byte"),
-    ("keys: check for duplicates", [2, 8, 24], "1.00 ms × n log2 n")])
-def test_growth_in_words(name: str, costs: "list[float]", words: str, tmp_path: Path) -> None:
-    items = [2, 4, 8] if name == growth_tables.SORTS else [1, 2, 4]
+def growth_of(folder: Path, items: "dict[str, list[int]]", costs: "dict[str, list[float]]",
+              *more: "dict[str, Any]") -> Dataset:
+    """A data file with all series; those that are not given grow from 125,000 items on."""
     names = [series for panel in plot_series.PANELS for series in panel.series.values()]
-    series = [{"name": one, "unit": "ms", "items": items,
-               "samples": [[cost] for cost in (costs if one == name else items)]} for one in names]
-    (tmp_path / "growth.json").write_text(json.dumps({"series": series}))
-    panels = plot_series.growth(Dataset(tmp_path))["panels"]
-    [line] = [line for panel, found in zip(plot_series.PANELS, panels)
-              for line in found["lines"] if panel.series[line["name"]] == name]
-    assert line["words"] == words
-    assert [cost for _, cost in line["fit"][1:]] == pytest.approx(costs)
+    series = [{"name": one, "unit": "ms", "items": items.get(one, LONG),
+               "samples": [[cost] for cost in costs.get(one, LONG)]} for one in names]
+    (folder / "growth.json").write_text(json.dumps({"series": [*more, *series]}))
+    return Dataset(folder)
+
+
+LONG = [125_000, 250_000, 500_000]
+
+
+def panel_with(data: Dataset, name: str) -> "tuple[dict[str, str], list[dict[str, Any]]]":
+    """What the panel with this series calls its series, and its lines."""
+    [(panel, drawn)] = [(panel, drawn) for panel, drawn in
+                        zip(plot_series.PANELS, plot_series.growth(data)["panels"])
+                        if name in panel.series.values()]
+    return panel.series, drawn["lines"]
+
+
+@pytest.mark.parametrize("name, items, costs, words, fit", [
+    ("bytes: ping", [1, 2, 4], [2.1, 2.2, 2.4], "2.00 ms + 100 µs a byte",
+     [(0, 2), (1, 2.1), (2, 2.2), (4, 2.4)]),
+    ("bytes: call", [124_999, 125_000, 250_000], [1, 3, 4], "2.00 ms + 8.00 ns a byte",
+     [(125_000, 3), (250_000, 4)]),
+    ("keys: check for duplicates", [2, 4, 8], [2, 8, 24], "1.00 ms × n log2 n",
+     [(0, 0), (2, 2), (4, 8), (8, 24)])])
+def test_growth_in_words(name: str, items: "list[int]", costs: "list[float]", words: str,
+                         fit: "list[tuple[float, float]]", tmp_path: Path) -> None:
+    called, lines = panel_with(growth_of(tmp_path, {name: items}, {name: costs}), name)
+    [line] = [line for line in lines if called[line["name"]] == name]
+    assert (line["words"], line["costs"]) == (words, costs)
+    assert [tuple(point) for point in line["fit"]] == [pytest.approx(pair) for pair in fit]
+
+
+def peer_series(peer: str, name: str) -> "dict[str, Any]":
+    return {"name": name, "peer": peer, "unit": "ms", "items": LONG,
+            "samples": [[cost * 2] for cost in LONG]}
+
+
+def test_peers_stand_beside_ours_in_the_plot(tmp_path: Path) -> None:
+    data = growth_of(tmp_path, {}, {}, peer_series("B", "bytes: ping"),
+                     peer_series("A", "bytes: ping"), peer_series("A", "sessions: memory"))
+    assert plot_series.growth(data)["subjects"] == ["kova-mcp", "B", "A"]
+    _, lines = panel_with(data, "bytes: ping")
+    assert [(line["name"], line["of"], line["costs"][0]) for line in lines] == [
+        ("kova-mcp, ping", "kova-mcp", LONG[0]),
+        ("kova-mcp, policy-answered call", "kova-mcp", LONG[0]),
+        ("B, ping", "B", 2 * LONG[0]), ("A, ping", "A", 2 * LONG[0])]
+    assert [line["name"] for line in panel_with(data, "sessions: memory")[1]] == ["kova-mcp", "A"]
+    assert [line["name"] for line in panel_with(data, "sessions: opening")[1]] == [""]
+
+
+def test_peers_stand_below_ours_in_the_table(tmp_path: Path) -> None:
+    data = growth_of(tmp_path, {}, {}, peer_series("B", "bytes: ping"))
+    rows = [line.split("|")[1].strip() for line in tables.make("growth", data).splitlines()]
+    place = rows.index("bytes: ping")
+    assert rows[place + 1] == "bytes: ping, B" and len(rows) == len(set(rows))
 
 
 @pytest.mark.parametrize("value, unit, text", [

@@ -8,8 +8,14 @@ from typing import Any
 
 import pytest
 
+from common.messages import line
+from common.stdio import Failed
 from figures import plot_series, tables
 from figures.dataset import Dataset
+from growth import calls
+from peers.subjects import SELECT, Peer
+from runner import installing
+from runner.benchmarks import BENCHMARKS
 
 RATES = {"kova-mcp": 400.0, "Other": 300.0, "floor": 5000.0}
 
@@ -54,3 +60,65 @@ def test_plots(data: Dataset) -> None:
         "empty program", "kova-mcp", "Other"]
     for panel in plot_series.throughput(data)["panels"]:
         assert {line["name"] for line in panel["lines"]} == {"empty listener", "kova-mcp", "Other"}
+
+
+# What peers are asked
+
+
+def peer(rows_argument: str) -> Peer:
+    return Peer("one", "1", ["one"], {}, "query", rows_argument)
+
+
+@pytest.mark.parametrize("rows_argument, most", [("", {}), ("max_rows", {"max_rows": 7})])
+def test_queries(rows_argument: str, most: "dict[str, int]") -> None:
+    asked = peer(rows_argument)
+    assert json.loads(asked.query_line(3)) == {
+        "jsonrpc": "2.0", "id": 3, "method": "tools/call",
+        "params": {"name": "query", "arguments": {"sql": SELECT}}}
+    assert json.loads(asked.select_line(3, "SELECT 1", 7)) == {
+        "jsonrpc": "2.0", "id": 3, "method": "tools/call",
+        "params": {"name": "query", "arguments": {"sql": "SELECT 1", **most}}}
+
+
+@pytest.mark.parametrize("size", [200, 62_500])
+def test_a_padded_line_is_of_its_size(size: int) -> None:
+    padded = calls.padded("ping", 12, {}, size)
+    assert len(padded) == size and padded.endswith(b"\n")
+    message = json.loads(padded)
+    del message["params"]["_meta"]["pad"]
+    assert message == json.loads(line("ping", 12, {"_meta": {}}))
+
+
+@pytest.mark.parametrize("cells, rows, of_one_row, good", [
+    (6, 3, 2, True), (3, 3, 1, True), (5, 3, 2, False), (2, 3, 1, False), (0, 3, 0, False),
+    (0, 3, 1, False)])
+def test_rows_of_a_reply(cells: int, rows: int, of_one_row: int, good: bool) -> None:
+    reply = b'["cell 0","cell 1","cell 10"]' * cells
+    if good:
+        calls.check_rows("one", reply, rows, of_one_row)
+    else:
+        with pytest.raises(Failed, match=f"one: not {rows} rows"):
+            calls.check_rows("one", reply, rows, of_one_row)
+
+
+# Installing them
+
+
+def test_who_needs_peers() -> None:
+    assert [name for name, one in BENCHMARKS.items() if one.needs_peers] == ["peers", "growth"]
+
+
+@pytest.mark.parametrize("npm, reason", [
+    (None, "npm is missing, which installs the peers"),
+    ("exit 1", "npm cannot install the peers of bench/peers/package.json")])
+def test_peers_that_are_not_to_be_had(npm: "str | None", reason: str, tmp_path: Path,
+                                      monkeypatch: pytest.MonkeyPatch) -> None:
+    programs, folder = tmp_path / "bin", tmp_path / "peers"
+    programs.mkdir()
+    if npm is not None:
+        (programs / "npm").write_text(f"#!/bin/sh\n{npm}\n")
+        (programs / "npm").chmod(0o755)
+    monkeypatch.setenv("PATH", str(programs))
+    for _ in range(2):
+        with pytest.raises(OSError, match=reason):
+            installing.peers(folder)

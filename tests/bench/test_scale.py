@@ -15,6 +15,7 @@ from figures import plot_series, tables
 from figures.dataset import Dataset
 from harness.audit_files import KEYS
 from scale.clients import Found
+from scale import program
 from scale.program import audit_of, is_sound
 
 
@@ -62,6 +63,18 @@ def test_plot(tmp_path: Path) -> None:
 def test_its_place_in_a_document(tmp_path: Path) -> None:
     text = tables.make("plot-scale", dataset(tmp_path))
     assert 'srcset="plots/scale-dark.svg"' in text and 'src="plots/scale-light.svg"' in text
+
+
+def test_what_the_run_sets_stands_in_its_line(tmp_path: Path) -> None:
+    asked = program.parse(["--build", "b", "--data", "d"])
+    machine = {"processor": "p", "processors": 2, "memory_mib": 1024, "distribution": "d",
+               "kernel": "k"}
+    (tmp_path / "scale.json").write_text(json.dumps(
+        {"machine": machine, "date": "", "commit": "", "load_average": [0, 0],
+         "parameters": program.parameters(asked)}))
+    line = " ".join(tables.make("run-scale", Dataset(tmp_path)).split())
+    assert line.endswith(", seed 1, haproxy_maxconn 4000, KOVA_MCP_HTTP_RATE_PER_MINUTE 1000000, "
+                         "engine_connections 1000.")
 
 
 # Whether the run is sound
