@@ -15,7 +15,7 @@
 | newcomer, debian_root, containers | the commands of docs/install.md; what to run them in |
 | privileges | what the system allows: skips a test that needs more |
 | policy_files | policy files and the environment that goes with them |
-| audit_files | reads audit files |
+| audit_files, audit_calls | reads audit files; calls that leave a record |
 | tool_calls, write_calls, ai_calls | one tool call with its reply, its statements, its records |
 | approval_tokens, write_generator | tokens that are signed here; random writes |
 | listeners | ports for the server's reachability probe |

@@ -4,32 +4,16 @@ from __future__ import annotations
 
 import fcntl
 import json
-import os
 import resource
-import subprocess
-from pathlib import Path
 
 import pytest
 
 from harness import audit_files
-from harness.messages import call, ping, pong, request, tool_success_reply
-from harness.targets import Installation
+from harness.audit_calls import ServerWithOutputFile, in_server, in_worker
+from harness.messages import ping, pong, tool_success_reply
 from harness.tool_calls import filtered
-from harness.waiting import TIMEOUT
 
 LISTED = filtered(["ORDERS", "ITEMS"])
-
-
-def in_server(number: int) -> "tuple[bytes, str]":
-    """A call whose id has too many escapes for a worker; the server runs it itself."""
-    request_id = f"in-server-call-{number:03}"
-    escaped = "".join(f"\\u{ord(character):04x}" for character in request_id)
-    return (call("ID", "kova_list_tables").replace(b'"ID"', f'"{escaped}"'.encode()),
-            f'"{request_id}"')
-
-
-def in_worker(number: int) -> "tuple[bytes, str]":
-    return call(number, "kova_list_tables"), str(number)
 
 
 @pytest.mark.parametrize("made", [in_worker, in_server])
@@ -74,30 +58,12 @@ def test_a_full_disk_changes_no_reply(start, policy, made):
     assert (len(result.lines), result.stderr, result.code) == (2, b"", 0)
 
 
-def replies_of(target, executable: Path, env, messages: bytes, output: Path) -> bytes:
-    """What a server writes whose standard output is that file."""
-    with open(output, "ab") as file:
-        subprocess.run([str(executable)], input=messages, stdout=file, timeout=TIMEOUT, check=True,
-                       env=target.environment(env), cwd=output.parent)
-    return output.read_bytes()
-
-
-@pytest.mark.parametrize("name", ["/dev/stdout", "/proc/self/fd/1", "output", "link", "hard"])
-def test_no_record_goes_into_the_protocol(target, policy, tmp_path, name):
-    """Neither the server's own nor one of a worker, whose standard output is another one."""
-    executable = Installation(target, tmp_path / "installed").executable(None)
-    output = tmp_path / "output"
-    output.touch()
-    (tmp_path / "link").symlink_to(output)
-    os.link(output, tmp_path / "hard")
-    audit = name if name.startswith("/") else tmp_path / name
-    env = {**policy(), "KOVA_MCP_AUDIT": audit}
-    # One call a server: a second one that comes while the first runs is refused as busy.
+@pytest.mark.parametrize("name", ["/dev/stdout", "/proc/self/fd/1"])
+def test_no_record_goes_into_the_protocol_by_its_descriptor(target, policy, tmp_path, name):
+    server = ServerWithOutputFile(target, tmp_path)
+    env = {**policy(), "KOVA_MCP_AUDIT": name}
     for message, raw_id in (in_worker(1), in_server(2)):
-        output.write_bytes(b"")
-        got = replies_of(target, executable, env, request("initialize", "init", {}) + message,
-                         output)
-        assert got.partition(b"\n")[2] == tool_success_reply(raw_id, LISTED)
+        assert server.replies(env, message) == tool_success_reply(raw_id, LISTED)
 
 
 def test_no_record_goes_into_a_protocol_pipe(start, policy):
