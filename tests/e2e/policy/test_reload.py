@@ -11,6 +11,7 @@ import json
 
 import pytest
 
+from harness.http_client import HttpListener
 from harness.messages import (call, error_reply, request, tool_error_reply, tool_success_reply)
 from harness.scripted_library import Script
 from harness.tool_calls import INVALID_PARAMS, UNKNOWN_TOOL, result_json
@@ -106,3 +107,38 @@ def test_a_server_that_was_started_with_an_invalid_policy_refuses(start, policy,
     refused = tool_error_reply(echoed(2), "MCP policy identity/version is invalid")
     assert server.ask(call_in_server(2, "kova_list_tables")) == refused
     assert server.ask(request("tools/list", 3)).count(b'"name"') == 0
+
+
+TABLES = {"old": b'[["ORDERS"],["ITEMS"]]', "new": b'[["OTHER"]]'}
+
+
+class HttpSession:
+    """A session whose calls run in its server process."""
+
+    def __init__(self, listener: HttpListener) -> None:
+        self.listener = listener
+        self.id = listener.open_session()
+        self.count = 0
+
+    def policy(self) -> str:
+        """Which of the two policies the calls run under."""
+        self.count += 1
+        got = self.listener.post_message(call_in_server(self.count, "kova_list_tables"), self.id)
+        [found] = [name for name, rows in TABLES.items() if rows in got]
+        return found
+
+
+def test_over_http_a_new_session_follows_the_edited_policy(http, policy):
+    """An open session does not, and goes on as it was beside the new one."""
+    env = policy()
+    listener = http(env)
+    before = HttpSession(listener)
+    assert before.policy() == "old"
+    unused = HttpSession(listener)
+    edit(policy, env, allowed_tables=["OTHER"])
+    after = HttpSession(listener)
+    assert [before.policy(), unused.policy(), after.policy()] == ["old", "old", "new"]
+    in_worker = listener.post_message(call(1, "kova_list_tables"), before.id)
+    assert TABLES["new"] in in_worker
+    assert HttpSession(http(env)).policy() == "new"
+    assert [before.policy(), after.policy()] == ["old", "new"]
