@@ -7,7 +7,7 @@ readonly -a BUILD=(g++ cmake ninja-build libsodium-dev libsqlite3-dev libcli11-d
 readonly -a WINDOWS=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64)
 readonly -a TEST=(googletest python3-pytest python3-pytest-timeout python3-pytest-xdist
   clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev libsimdjson-dev rapidjson-dev
-  curl jq haproxy locales systemd chromium lnav minisign btrfs-progs)
+  curl jq haproxy locales netbase systemd chromium lnav minisign btrfs-progs)
 readonly -a MODELS=(spin)
 readonly -a COVERAGE=(gcovr)
 readonly -a BENCH=(python3-matplotlib)

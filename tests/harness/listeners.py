@@ -15,8 +15,8 @@ LOOPBACK = "127.0.0.1"
 class Listener:
     """Accepts every connection, counts it and closes it."""
 
-    def __init__(self) -> None:
-        self._socket = socket.create_server((LOOPBACK, 0), backlog=64)
+    def __init__(self, port: int = 0) -> None:
+        self._socket = socket.create_server((LOOPBACK, port), backlog=64)
         self.port = str(self._socket.getsockname()[1])
         self.connections = 0
         self._thread = threading.Thread(target=self._accept, daemon=True)

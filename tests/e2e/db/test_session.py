@@ -158,6 +158,41 @@ def test_a_port_is_what_the_resolver_knows(run, engine, form, accepted):
     assert (len(engine.calls()) > 0) == accepted
 
 
+@contextlib.contextmanager
+def service(length: int) -> Iterator["tuple[str, Listener]"]:
+    """A name of so many characters that this machine has for a port, and a listener there."""
+    for text in Path("/etc/services").read_text(encoding="utf-8").splitlines():
+        name, place = (text.partition("#")[0].split() + ["", ""])[:2]
+        port, _, protocol = place.partition("/")
+        if len(name) != length or protocol != "tcp" or int(port) < 1024:
+            continue
+        try:
+            listener = Listener(int(port))
+        except OSError:
+            continue  # somebody else listens there
+        with contextlib.closing(listener):
+            yield name, listener
+            return
+    raise AssertionError("no service of this machine can be listened for")
+
+
+def test_a_port_by_its_name(run, engine):
+    """The library gets the name, as it was given."""
+    with service(5) as (name, listener):
+        assert socket.getservbyname(name, "tcp") == int(listener.port)
+        assert check(run, {**engine.env, "KOVA_MCP_PORT": name})
+        assert connections(listener) == 1
+    assert engine.calls()[2].arguments == (b"instance", b"0", b"127.0.0.1", name.encode())
+
+
+def test_a_port_by_a_name_of_6_characters(run, engine):
+    with service(6) as (name, listener):
+        assert socket.getservbyname(name, "tcp") == int(listener.port)
+        assert not check(run, {**engine.env, "KOVA_MCP_PORT": name})
+        assert connections(listener) == 0
+    assert engine.calls() == []
+
+
 @pytest.mark.parametrize("server", ["no-such-host.invalid", "256.0.0.1", " ", "127.0.0.1;"])
 def test_a_server_that_has_no_address(run, engine, server):
     assert not check(run, {**engine.env, "KOVA_MCP_SERVER": server})
