@@ -1,4 +1,4 @@
-#include "support/posix/flush_watch.h"
+#include "support/flush_watch.h"
 
 #include <functional>
 #include <utility>

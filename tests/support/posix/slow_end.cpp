@@ -1,4 +1,4 @@
-#include "support/posix/slow_end.h"
+#include "support/slow_end.h"
 
 #include <sys/wait.h>
 
@@ -16,19 +16,24 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now);
 namespace kova::testing {
 namespace {
 
+/// By how much a look at a child moves the monotonic clock on.
+constexpr std::uint64_t kStepMs = 1000;
+
 std::atomic<std::uint64_t> step{0};
 std::atomic<std::uint64_t> moved_ms{0};
 
 }  // namespace
 
-SlowEnd::SlowEnd(std::uint64_t step_ms) {
+SlowEnd::SlowEnd() {
   moved_ms = 0;
-  step = step_ms;
+  step = kStepMs;
 }
 
 SlowEnd::~SlowEnd() {
   step = 0;
   moved_ms = 0;
+  while (waitpid(-1, nullptr, 0) > 0) {
+  }
 }
 
 std::uint64_t SlowEnd::waited_ms() {

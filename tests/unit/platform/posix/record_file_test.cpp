@@ -19,8 +19,8 @@
 
 #include "platform/clock.h"
 #include "platform/console.h"
+#include "support/flush_watch.h"
 #include "support/posix/file_mode.h"
-#include "support/posix/flush_watch.h"
 #include "support/posix/system_call_failure.h"
 #include "support/shortest.h"
 #include "support/temporary_directory.h"

@@ -11,7 +11,7 @@
 #include "platform/clock.h"
 #include "platform/thread.h"
 #include "support/captured_output.h"
-#include "support/posix/flush_watch.h"
+#include "support/flush_watch.h"
 #include "tools/tool.h"
 #include "tools/tool_call.h"
 #include "unit/tools/tool_fixture.h"

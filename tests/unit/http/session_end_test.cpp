@@ -1,6 +1,5 @@
 // The end of a session whose process does not end.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdint>
 #include <memory>
@@ -9,7 +8,8 @@
 #include "http/session_process.h"
 #include "platform/console.h"
 #include "support/child_modes.h"
-#include "support/posix/slow_end.h"
+#include "support/child_watch.h"
+#include "support/slow_end.h"
 
 namespace kova {
 namespace {
@@ -26,16 +26,16 @@ TEST(SessionEnd, AProcessThatDoesNotEndIsWaitedForTwoSecondsAndLeft) {
   ASSERT_TRUE(starter.run());
   const auto session = std::make_unique<SessionProcess>();
   ASSERT_TRUE(session->start(starter));
+  const int started = testing::uncollected_children();
   session->terminate();
   {
-    const SlowEnd slow(1000);
+    const SlowEnd slow;
     session->finish();
     EXPECT_GE(SlowEnd::waited_ms(), kGraceMs);
     EXPECT_LE(SlowEnd::waited_ms(), kGraceMs + 1000);
   }
   EXPECT_FALSE(session->has_ended());
-  while (waitpid(-1, nullptr, 0) > 0) {
-  }
+  EXPECT_EQ(testing::uncollected_children(), started);
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 // What holds at the moment when a file is flushed. The unit test binary is linked so that its calls
-// of fdatasync pass through here.
+// of fdatasync, or of FlushFileBuffers, pass through here.
 #pragma once
 
 #include <functional>
 
 namespace kova::testing {
 
-/// While it lives, every fdatasync asks the question first. One at a time.
+/// While it lives, every flush asks the question first. One at a time.
 class FlushWatch {
  public:
   explicit FlushWatch(std::function<bool()> question);
