@@ -78,11 +78,20 @@ int be_an_orphan() {
   return kOrphanWentOn;
 }
 
+int echo_with_pipe_size() {
+  std::string text;
+  char block[65536];
+  while (const std::size_t got = read_stdin(block, sizeof block)) text.append(block, got);
+  write_stdout(std::to_string(fcntl(STDIN_FILENO, F_GETPIPE_SZ)) + "\n" + text);
+  return 0;
+}
+
 }  // namespace
 
 ChildMode find_platform_child_mode(std::string_view argument) {
   if (argument == kChildOrphaning) return leave_an_orphan;
   if (argument == kChildOrphan) return be_an_orphan;
+  if (argument == kChildPipeSize) return echo_with_pipe_size;
   return nullptr;
 }
 

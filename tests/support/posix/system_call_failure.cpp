@@ -1,10 +1,12 @@
 #include "support/posix/system_call_failure.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/syscall.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 
 // The names that the linker's --wrap gives to the functions and to their stand-ins.
 extern "C" {
@@ -12,6 +14,8 @@ int __real_close_range(unsigned first, unsigned last, int flags);
 int __wrap_close_range(unsigned first, unsigned last, int flags);
 int __real_dup2(int from, int to);
 int __wrap_dup2(int from, int to);
+int __real_fcntl(int descriptor, int command, ...);
+int __wrap_fcntl(int descriptor, int command, ...);
 int __real_flock(int descriptor, int operation);
 int __wrap_flock(int descriptor, int operation);
 long __real_syscall(long number, long a, long b, long c, long d, long e, long f);
@@ -77,6 +81,16 @@ int __wrap_close_range(unsigned first, unsigned last, int flags) {
 
 int __wrap_dup2(int from, int to) {
   return fails(SystemCall::kDup2) ? -1 : __real_dup2(from, to);
+}
+
+// Whatever the argument is, it goes on as it came, as in the C library.
+int __wrap_fcntl(int descriptor, int command, ...) {
+  std::va_list arguments;
+  va_start(arguments, command);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  if (command == F_SETPIPE_SZ && fails(SystemCall::kSetPipeSize)) return -1;
+  return __real_fcntl(descriptor, command, argument);
 }
 
 int __wrap_flock(int descriptor, int operation) {

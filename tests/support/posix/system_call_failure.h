@@ -4,7 +4,16 @@
 
 namespace kova::testing {
 
-enum class SystemCall { kCloseRange, kDup2, kFlock, kPidfdOpen, kPipe2, kPoll, kPrctl };
+enum class SystemCall {
+  kCloseRange,
+  kDup2,
+  kFlock,
+  kPidfdOpen,
+  kPipe2,
+  kPoll,
+  kPrctl,
+  kSetPipeSize,  ///< fcntl with F_SETPIPE_SZ
+};
 
 /// While it lives, calls of one function from the `first`-th on (1 is the next one) fail with
 /// `error`, `count` of them; all others are the system's. One at a time. Also counts for a child
