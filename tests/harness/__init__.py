@@ -18,7 +18,7 @@
 | audit_files, audit_calls | reads audit files; calls that leave a record |
 | tool_calls, write_calls, ai_calls | one tool call with its reply, its statements, its records |
 | approval_tokens, write_generator | tokens that are signed here; random writes |
-| listeners | ports for the server's reachability probe |
+| listeners, sessions | ports for the server's reachability probe; whether a session is made |
 | processes | finds the processes of a test |
 | sockets | the kernel's view of connections |
 | waiting | waits for a condition |
