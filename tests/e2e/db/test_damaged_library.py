@@ -17,7 +17,7 @@ from harness.tool_calls import result_json
 UNAVAILABLE = tool_error_reply("1", "authenticated Vantreo profile is unavailable")
 
 ARM_64 = {True: b"\x64\xaa", False: b"\xb7\x00"}
-"""A machine that has 64 bits, too, as the format of Windows libraries numbers it, and as ELF does."""
+"""A machine of 64 bits, too: as libraries of Windows number it, and as ELF does."""
 
 
 def machine_at(target: Target, library: bytes) -> int:
