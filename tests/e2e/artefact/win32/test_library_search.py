@@ -20,6 +20,9 @@ from harness.audit_files import records
 from harness.deployments import SECRET, Admin, environment_file, report_of
 from harness.targets import Target
 
+# They share a setting of the machine.
+pytestmark = pytest.mark.xdist_group("library search")
+
 SESSION_MANAGER = "HKLM\\System\\CurrentControlSet\\Control\\Session Manager"
 
 LOADED_LATE = ["bcrypt.dll", "kovadll.dll", "advapi32.dll", "mswsock.dll"]
