@@ -23,7 +23,7 @@ usage: bench/run [--build DIR] [--rounds N] [linux] [windows] [http] [peers] [gr
   peers    start, ping, query and memory next to two servers that npm installs into DIR/peers
   growth   how cost grows with keys, tokens, cells, bytes, sessions and listeners, next to the
            same two servers
-  audit    what an audit record costs, with one session and with sixteen
+  audit    what an audit record costs, with one session and with sixteen, on both targets
   account  where the time of a call of the Linux server goes, stage by stage, from the kernel's
            trace of its processes (as root)
   costs    what docs/scale.md plans with: memory, processor time and connections of sessions,
