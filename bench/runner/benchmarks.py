@@ -147,6 +147,14 @@ def audit(run: Run) -> None:
     run.tables("audit")
 
 
+def hardening(run: Run) -> None:
+    run.module("hardening.program", "--build", run.asked.build, "--policy", run.stage.policy,
+               "--rounds", str(run.asked.value("hardening", "rounds")),
+               "--data", run.asked.data_file("hardening"),
+               variables=run.stage.environment())
+    run.tables("hardening")
+
+
 def costs(run: Run) -> None:
     run.module("session_costs.program", "--build", run.linux,
                "--data", run.asked.data_file("costs"))
@@ -188,5 +196,8 @@ BENCHMARKS = {
                          (*SERVICE, "empty-program", "floor-on-demand")),
     "audit": Benchmark("audit records, Linux and Wine", audit, ("kova-mcp",), ("kova-mcp",),
                        needs_stage=False),
+    "hardening": Benchmark("hardening options, Linux and Wine", hardening,
+                           ("kova-mcp", "kova-sample-engine", "compare-workers"),
+                           ("kova-mcp", "compare-workers")),
     "costs": Benchmark("sessions, calls and proxies, Linux", costs, SERVICE, needs_stage=False),
     "scale": Benchmark("many sessions behind HAProxy, Linux", scale, SERVICE, needs_stage=False)}
