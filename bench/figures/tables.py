@@ -8,8 +8,8 @@ from __future__ import annotations
 from typing import Callable
 
 from figures import (account_tables, aims, audit_tables, capacity_tables, growth_tables,
-                     http_tables, limit_tables, micro_tables, peer_tables, plot_pictures,
-                     process_tables, scale_tables)
+                     hardening_tables, http_tables, limit_tables, micro_tables, peer_tables,
+                     plot_pictures, process_tables, scale_tables)
 from figures.dataset import Dataset, NoData
 from figures.markdown import BadDocument
 from figures.run_line import run_line
@@ -38,6 +38,7 @@ TABLES: "dict[str, Maker]" = {
     "account-query": lambda data: account_tables.stages(data, account_tables.QUERY),
     "growth": growth_tables.summary,
     "growth-checks": growth_tables.checks,
+    "hardening": hardening_tables.summary,
     "costs": capacity_tables.measured,
     "kept": capacity_tables.kept,
     "capacity": capacity_tables.formulas,
@@ -51,6 +52,7 @@ OF_BENCHMARK = {"linux": ["linux-calls", "linux-starts"],
                 "micro": [name for name in TABLES if name.startswith("micro-")],
                 "http": ["http-memory", "http-throughput"], "peers": ["peers", "peers-http"],
                 "growth": ["growth", "growth-checks"], "audit": ["audit"], "costs": ["costs"],
+                "hardening": ["hardening"],
                 "scale": ["scale"],
                 "account": [name for name in TABLES if name.startswith("account-")]}
 """What a benchmark prints at its end."""

@@ -13,30 +13,33 @@ from figures.parameters import DEFAULTS
 HELP = """Builds the benchmarks, runs them and prints their tables; results.md says what they mean.
 
 usage: bench/run [--build DIR] [--rounds N] [linux] [windows] [http] [peers] [growth] [account]
-                 [audit] [micro] [costs]
+                 [audit] [micro] [costs] [hardening]
        bench/run [--build DIR] [--seconds N] [--listeners N] scale
 
-  linux    a tool call of the Linux server next to the spawn of an empty program
-  windows  the same of the Windows server, under Wine
-  micro    parsing and escaping next to simdjson and RapidJSON
-  http     the Linux HTTP listener next to a server written with the official SDK
-  peers    start, ping, query and memory next to two servers that npm installs into DIR/peers
-  growth   how cost grows with keys, tokens, cells, bytes, sessions and listeners, next to the
-           same two servers
-  audit    what an audit record costs, with one session and with sixteen
-  account  where the time of a call of the Linux server goes, stage by stage, from the kernel's
-           trace of its processes (as root)
-  costs    what docs/scale.md plans with: memory, processor time and connections of sessions,
-           calls and proxies, Linux (as one who may make namespaces)
-  scale    sixteen sessions at each of many Linux listeners behind HAProxy: idle, then used by
-           clients that call, cancel and leave
+  linux      a tool call of the Linux server next to the spawn of an empty program
+  windows    the same of the Windows server, under Wine
+  micro      parsing and escaping next to simdjson and RapidJSON
+  http       the Linux HTTP listener next to a server written with the official SDK
+  peers      start, ping, query and memory next to two servers that npm installs into DIR/peers
+  growth     how cost grows with keys, tokens, cells, bytes, sessions and listeners, next to the
+             same two servers
+  audit      what an audit record costs, with one session and with sixteen, on both targets
+  account    where the time of a call of the Linux server goes, stage by stage, from the kernel's
+             trace of its processes (as root)
+  costs      what docs/scale.md plans with: memory, processor time and connections of sessions,
+             calls and proxies, Linux (as one who may make namespaces)
+  hardening  what each hardening option of the executables costs, on both targets: builds without
+             one of them
+  scale      sixteen sessions at each of many Linux listeners behind HAProxy: idle, then used by
+             clients that call, cancel and leave
 
 Without a name linux, windows, http and micro run. Each writes its data to bench/data/NAME.json,
 from which bench/plot and bench/tables --write make plots and tables. --rounds is the number of
-measurements of each subject (default: 1000 for linux, 200 for windows and account, 30 for http,
-20 for peers, growth and audit; micro and costs take none). scale takes --seconds of use (default:
-600) with --listeners (default: 64). With other values than the default ones the data goes to
-DIR/NAME.json. The builds go to DIR/linux and DIR/windows; DIR is build/ by default.
+measurements of each subject (default: 3000 for hardening, 1000 for linux, 200 for windows and
+account, 30 for http, 20 for peers, growth and audit; micro and costs take none). scale takes
+--seconds of use (default: 600) with --listeners (default: 64). With other values than the default
+ones the data goes to DIR/NAME.json. The builds go to DIR/linux and DIR/windows; DIR is build/ by
+default.
 Exit codes: 0 done, 1 failed, 2 bad arguments."""
 
 WITHOUT_A_NAME = ["linux", "windows", "http", "micro"]
@@ -44,7 +47,8 @@ OPTIONS = {"rounds": 9_999_999, "seconds": 999_999, "listeners": 99}
 """The most that each takes."""
 ROUNDS = {"rounds": "rounds"}
 TAKES: "dict[str, dict[str, str]]" = {
-    **{name: ROUNDS for name in ("linux", "windows", "http", "peers", "growth", "audit")},
+    **{name: ROUNDS for name in ("linux", "windows", "http", "peers", "growth", "audit",
+                                    "hardening")},
     "account": {"rounds": "calls"}, "micro": {}, "costs": {},
     "scale": {"seconds": "seconds", "listeners": "listeners"}}
 """The options of each benchmark, and what its data file calls them."""

@@ -141,10 +141,18 @@ def account(run: Run) -> None:
 
 
 def audit(run: Run) -> None:
-    run.module("audit.program", "--server", run.linux / "kova-mcp",
+    run.module("audit.program", "--build", run.asked.build,
                "--rounds", str(run.asked.value("audit", "rounds")),
                "--data", run.asked.data_file("audit"))
     run.tables("audit")
+
+
+def hardening(run: Run) -> None:
+    run.module("hardening.program", "--build", run.asked.build, "--policy", run.stage.policy,
+               "--rounds", str(run.asked.value("hardening", "rounds")),
+               "--data", run.asked.data_file("hardening"),
+               variables=run.stage.environment())
+    run.tables("hardening")
 
 
 def costs(run: Run) -> None:
@@ -186,6 +194,10 @@ BENCHMARKS = {
     "growth": Benchmark("growth, Linux", growth, (*SERVICE, "growth-bench"), needs_peers=True),
     "account": Benchmark("where the time of a call goes, Linux", account,
                          (*SERVICE, "empty-program", "floor-on-demand")),
-    "audit": Benchmark("audit records, Linux", audit, ("kova-mcp",), needs_stage=False),
+    "audit": Benchmark("audit records, Linux and Wine", audit, ("kova-mcp",), ("kova-mcp",),
+                       needs_stage=False),
+    "hardening": Benchmark("hardening options, Linux and Wine", hardening,
+                           ("kova-mcp", "kova-sample-engine", "compare-workers"),
+                           ("kova-mcp", "compare-workers")),
     "costs": Benchmark("sessions, calls and proxies, Linux", costs, SERVICE, needs_stage=False),
     "scale": Benchmark("many sessions behind HAProxy, Linux", scale, SERVICE, needs_stage=False)}

@@ -13,10 +13,10 @@ from figures.dataset import ROOT
 PACKAGES = ROOT / "bench" / "peers"
 
 
-def build(folder: Path, preset: str, targets: "list[str]") -> None:
+def build(folder: Path, preset: str, targets: "list[str]", *options: str) -> None:
     """Configures also where it is built already: it may have been without the benchmarks. What the
     tools say goes to standard error."""
-    for command in (["cmake", "--preset", preset, "-B", str(folder / preset)],
+    for command in (["cmake", "--preset", preset, "-B", str(folder / preset), *options],
                     ["cmake", "--build", str(folder / preset), "--target", *targets]):
         subprocess.run(command, cwd=ROOT, stdout=sys.stderr, check=True)
 

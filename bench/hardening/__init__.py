@@ -1,0 +1,1 @@
+"""What the hardening options cost."""
