@@ -14,6 +14,8 @@ class FlushWatch {
   FlushWatch(const FlushWatch&) = delete;
   FlushWatch& operator=(const FlushWatch&) = delete;
 
+  /// What each flush calls first; without a FlushWatch nothing is asked.
+  static void ask();
   /// How often a file was flushed, and whether the last check returned true.
   [[nodiscard]] static int calls();
   [[nodiscard]] static bool result();
