@@ -5,16 +5,11 @@
 #include <bcrypt.h>
 
 #include "base/secret.h"
+#include "platform/win32/system_library.h"
 
 namespace kova {
 
 namespace {
-
-template <typename Function>
-bool find(HMODULE library, const char* name, Function*& function) {
-  function = reinterpret_cast<Function*>(reinterpret_cast<void*>(::GetProcAddress(library, name)));
-  return function != nullptr;
-}
 
 /// CNG, loaded when it is first needed: a tool call that signs nothing does not pay for it.
 struct Cng {
@@ -28,15 +23,15 @@ struct Cng {
   decltype(&::BCryptGenRandom) random;
 
   [[nodiscard]] bool load() {
-    const HMODULE library = ::LoadLibraryExW(L"bcrypt.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    return library != nullptr && find(library, "BCryptOpenAlgorithmProvider", open) &&
-           find(library, "BCryptGetProperty", get_property) &&
-           find(library, "BCryptCreateHash", create_hash) &&
-           find(library, "BCryptHashData", hash_data) &&
-           find(library, "BCryptFinishHash", finish_hash) &&
-           find(library, "BCryptDestroyHash", destroy_hash) &&
-           find(library, "BCryptCloseAlgorithmProvider", close) &&
-           find(library, "BCryptGenRandom", random);
+    const SystemLibrary library(L"bcrypt.dll");
+    return library.find("BCryptOpenAlgorithmProvider", open) &&
+           library.find("BCryptGetProperty", get_property) &&
+           library.find("BCryptCreateHash", create_hash) &&
+           library.find("BCryptHashData", hash_data) &&
+           library.find("BCryptFinishHash", finish_hash) &&
+           library.find("BCryptDestroyHash", destroy_hash) &&
+           library.find("BCryptCloseAlgorithmProvider", close) &&
+           library.find("BCryptGenRandom", random);
   }
 };
 

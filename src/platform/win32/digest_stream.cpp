@@ -4,17 +4,9 @@
 // After windows.h, whose types it uses.
 #include <bcrypt.h>
 
+#include "platform/win32/system_library.h"
+
 namespace kova {
-
-namespace {
-
-template <typename Function>
-bool find(HMODULE library, const char* name, Function*& function) {
-  function = reinterpret_cast<Function*>(reinterpret_cast<void*>(::GetProcAddress(library, name)));
-  return function != nullptr;
-}
-
-}  // namespace
 
 /// The system's library is loaded when the first digest begins.
 struct Sha256Stream::State {
@@ -29,13 +21,13 @@ struct Sha256Stream::State {
 
   [[nodiscard]] bool load() {
     if (provider != nullptr) return true;
-    const HMODULE library = ::LoadLibraryExW(L"bcrypt.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    return library != nullptr && find(library, "BCryptOpenAlgorithmProvider", open) &&
-           find(library, "BCryptCloseAlgorithmProvider", close) &&
-           find(library, "BCryptCreateHash", create_hash) &&
-           find(library, "BCryptHashData", hash_data) &&
-           find(library, "BCryptFinishHash", finish_hash) &&
-           find(library, "BCryptDestroyHash", destroy_hash) &&
+    const SystemLibrary library(L"bcrypt.dll");
+    return library.find("BCryptOpenAlgorithmProvider", open) &&
+           library.find("BCryptCloseAlgorithmProvider", close) &&
+           library.find("BCryptCreateHash", create_hash) &&
+           library.find("BCryptHashData", hash_data) &&
+           library.find("BCryptFinishHash", finish_hash) &&
+           library.find("BCryptDestroyHash", destroy_hash) &&
            BCRYPT_SUCCESS(open(&provider, BCRYPT_SHA256_ALGORITHM, nullptr, 0));
   }
 

@@ -19,6 +19,10 @@ constexpr std::size_t kPipeNameCapacity = 64;
 constexpr DWORD kPipeSize = 65536;
 /// Room for the two start attributes.
 constexpr std::size_t kAttributeListCapacity = 256;
+/// For handles that a child may be given; it is given those on its list.
+constexpr SECURITY_ATTRIBUTES kInheritable{.nLength = sizeof(SECURITY_ATTRIBUTES),
+                                           .lpSecurityDescriptor = nullptr,
+                                           .bInheritHandle = TRUE};
 
 HANDLE handle_of(std::intptr_t handle) {
   return reinterpret_cast<HANDLE>(handle);
@@ -57,9 +61,10 @@ bool open_pipe(Pipe& pipe, DWORD access) {
       PIPE_TYPE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, kPipeSize, kPipeSize, 0, nullptr);
   if (own_end == INVALID_HANDLE_VALUE) return false;
   *pipe.own_end.out() = own_end;
+  SECURITY_ATTRIBUTES inheritable = kInheritable;
   const HANDLE child_end =
-      ::CreateFileW(name, access == PIPE_ACCESS_INBOUND ? GENERIC_WRITE : GENERIC_READ, 0, nullptr,
-                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+      ::CreateFileW(name, access == PIPE_ACCESS_INBOUND ? GENERIC_WRITE : GENERIC_READ, 0,
+                    &inheritable, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (child_end == INVALID_HANDLE_VALUE) return false;
   *pipe.child_end.out() = child_end;
   return true;
@@ -84,10 +89,12 @@ class Transfer {
   /// Returns the bytes that the request has moved; 0 after an error or a cancellation. `started` is
   /// what the call that started the request returned.
   [[nodiscard]] DWORD finish(BOOL started, HANDLE pipe, HANDLE process) {
-    if (started == 0 && ::GetLastError() != ERROR_IO_PENDING) return 0;
-    const HANDLE events[] = {done_.get(), process};
-    if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0) {
-      ::CancelIoEx(pipe, &request_);
+    if (started == 0) {
+      if (::GetLastError() != ERROR_IO_PENDING) return 0;
+      const HANDLE events[] = {done_.get(), process};
+      if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0) {
+        ::CancelIoEx(pipe, &request_);
+      }
     }
     DWORD moved = 0;
     return ::GetOverlappedResult(pipe, &request_, &moved, TRUE) != 0 ? moved : 0;
@@ -97,10 +104,6 @@ class Transfer {
   Handle done_;
   OVERLAPPED request_{};
 };
-
-bool make_inheritable(HANDLE handle) {
-  return ::SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) != 0;
-}
 
 // A duplicate of this process's standard error for the child, so that the handle list never names
 // one handle twice; the null device where there is none.
@@ -112,11 +115,10 @@ HANDLE standard_error_for_child() {
       ::DuplicateHandle(self, own, self, &duplicate, 0, TRUE, DUPLICATE_SAME_ACCESS) != 0) {
     return duplicate;
   }
-  const HANDLE null_device = ::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_WRITE, nullptr,
+  SECURITY_ATTRIBUTES inheritable = kInheritable;
+  const HANDLE null_device = ::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_WRITE, &inheritable,
                                            OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (null_device == INVALID_HANDLE_VALUE) return nullptr;
-  static_cast<void>(make_inheritable(null_device));
-  return null_device;
+  return null_device != INVALID_HANDLE_VALUE ? null_device : nullptr;
 }
 
 // This process alone holds a handle of the job: however it ends, the job's processes end too.
@@ -219,8 +221,7 @@ bool ChildProcess::start(const char* argument) {
   const Handle child_error(standard_error_for_child());
   Handle job(kill_on_close_job());
   wchar_t line[kWideCapacity];
-  if (child_error.get() == nullptr || job.get() == nullptr || !command_line(argument, line) ||
-      !make_inheritable(input.child_end.get()) || !make_inheritable(output.child_end.get())) {
+  if (child_error.get() == nullptr || job.get() == nullptr || !command_line(argument, line)) {
     return false;
   }
   HANDLE streams[3] = {input.child_end.get(), output.child_end.get(), child_error.get()};

@@ -10,6 +10,7 @@
 
 #include "base/text.h"
 #include "platform/win32/handle.h"
+#include "platform/win32/system_library.h"
 #include "platform/win32/wide.h"
 
 namespace kova {
@@ -22,12 +23,6 @@ constexpr std::size_t kSddlCapacity = 256;
 /// Room for a TOKEN_USER and the longest account identifier behind it.
 constexpr std::size_t kTokenUserCapacity = sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE;
 
-template <typename Function>
-bool find(HMODULE library, const char* name, Function*& function) {
-  function = reinterpret_cast<Function*>(reinterpret_cast<void*>(::GetProcAddress(library, name)));
-  return function != nullptr;
-}
-
 /// What the mutex's protection needs of the system's security library, which is loaded for a
 /// record alone.
 struct Security {
@@ -37,12 +32,11 @@ struct Security {
   decltype(&::ConvertStringSecurityDescriptorToSecurityDescriptorW) descriptor;
 
   [[nodiscard]] bool load() {
-    const HMODULE library =
-        ::LoadLibraryExW(L"advapi32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    return library != nullptr && find(library, "OpenProcessToken", open_token) &&
-           find(library, "GetTokenInformation", token_information) &&
-           find(library, "ConvertSidToStringSidW", sid_text) &&
-           find(library, "ConvertStringSecurityDescriptorToSecurityDescriptorW", descriptor);
+    const SystemLibrary library(L"advapi32.dll");
+    return library.find("OpenProcessToken", open_token) &&
+           library.find("GetTokenInformation", token_information) &&
+           library.find("ConvertSidToStringSidW", sid_text) &&
+           library.find("ConvertStringSecurityDescriptorToSecurityDescriptorW", descriptor);
   }
 };
 

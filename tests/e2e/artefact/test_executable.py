@@ -14,11 +14,12 @@ from harness.targets import Target
 pytestmark = pytest.mark.shipped_build
 
 SYSTEM_LIBRARIES = {
-    "windows": {"KERNEL32.dll", "msvcrt.dll", "WS2_32.dll", "ADVAPI32.dll", "bcrypt.dll"},
+    "windows": {"KERNEL32.dll", "msvcrt.dll"},
     "linux": {"libc.so.6", "ld-linux-x86-64.so.2"},
 }
-ADMIN_LIBRARIES = {"windows": set(), "linux": {"libm.so.6"}}
-"""What kova-admin needs beside these: the other half of the C library."""
+"""Each library more would be loaded for each call. What few calls need is loaded by them."""
+ADMIN_LIBRARIES = {"windows": {"ADVAPI32.dll"}, "linux": {"libm.so.6"}}
+"""What kova-admin needs beside these: services and rights; the other half of the C library."""
 NEEDED = {"windows": r"DLL Name: (\S+)", "linux": r"\(NEEDED\).*\[(\S+)\]"}
 HARDENING = {
     "windows": {
