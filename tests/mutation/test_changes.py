@@ -171,6 +171,9 @@ def test_survivors_are_counted_apart_by_the_list(source):
     assert not verdicts.Verdicts(outcomes, {}, possible).passed()
     listed = verdicts.Verdicts(outcomes, {survivor.key: "reason"}, possible)
     assert listed.passed() and listed.survivors() == [] and listed.stale() == []
+    again = verdicts.Verdicts({survivor: Outcome(SURVIVED)}, {survivor.key: "reason"}, possible)
+    assert again.passed()
+    assert not verdicts.Verdicts({}, {}, possible).passed()
     stale = verdicts.Verdicts(outcomes, {others[0].key: "reason"}, possible)
     assert stale.stale() == [others[0].key] and not stale.passed()
 

@@ -76,9 +76,11 @@ class Verdicts:
 
 
 def share(counts: Counter) -> float:
-    """Of the changes that were built and are not equivalent, those that a test has found."""
+    """Of the changes that were built and are not equivalent, those that a test has found. Where all
+    that were built are equivalent, none was left to be found."""
     found = counts[KILLED] + counts[TIMED_OUT]
-    return found / max(1, found + counts[SURVIVED])
+    judged = found + counts[SURVIVED]
+    return found / judged if judged else float(counts[EQUIVALENT] > 0)
 
 
 def table(verdicts: Verdicts) -> list[str]:
