@@ -8,6 +8,7 @@
 | stage | what runs: engine, listener, HAProxy; folders that can be filled; the servers' files |
 | clock, moved_clock.c | a clock that the run moves for the processes under test alone |
 | acts | the calls that clients make, and what a right reply to each is |
+| wine_server | the end of Wine's own server |
 | stdio_client, http_client | clients that call, cancel, send garbage, vanish and come back |
 | hand | the faults; two hands do them, one after the other each |
 | ledger | every request with its replies; times in which a record may be lost; violations; counts |

@@ -8,8 +8,12 @@ import struct
 import subprocess
 from pathlib import Path
 
+from harness import processes
+
 SOURCE = Path(__file__).with_name("moved_clock.c")
 
+FILE = "CHAOS_CLOCK"
+"""The variable with the file that tells a process how far its clock is moved."""
 SECOND = 1_000_000_000
 
 
@@ -30,7 +34,11 @@ class Clock:
 
     @property
     def env(self) -> dict[str, str]:
-        return {"LD_PRELOAD": str(self._object), "CHAOS_CLOCK": str(self._file)}
+        return {"LD_PRELOAD": str(self._object), FILE: str(self._file)}
+
+    def processes(self) -> list[int]:
+        """Those whose clock it is."""
+        return processes.marked(str(self._file), FILE)
 
     def set_wall(self, seconds: float) -> None:
         """Lets the wall clock differ from the machine's by so much, in either direction."""

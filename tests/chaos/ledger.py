@@ -131,6 +131,15 @@ class Ledger:
         self.kills: list[Kill] = []
         self.approved: list[tuple[str, str]] = []  # statements with their tokens, to send again
 
+    def kept(self) -> tuple[Counter[str], list[str]]:
+        """What was counted and found until now, for `restore`."""
+        with self._lock:
+            return Counter(self.counts), list(self.violations)
+
+    def restore(self, kept: tuple[Counter[str], list[str]]) -> None:
+        """Forgets what came since. No thread may be at work."""
+        self.counts, self.violations = kept
+
     def count(self, what: str, number: int = 1) -> None:
         with self._lock:
             self.counts[what] += number

@@ -6,11 +6,15 @@
 Exit codes: 0 when everything held; 1 when something did not, with each violation and its round; 2
 for bad arguments, or when Wine cannot be had; 3 when no call was judged, no write was done or no
 fault was.
+
+A round in which Wine's own server ends is not judged: everything is started anew, and the round is
+played again.
 """
 
 from __future__ import annotations
 
 import argparse
+import contextlib
 import os
 import random
 import shutil
@@ -19,7 +23,9 @@ import sys
 import tempfile
 import time
 from contextlib import ExitStack
+from dataclasses import dataclass
 from pathlib import Path
+from typing import Iterator
 
 import wine
 from chaos.checks import Checks
@@ -30,26 +36,51 @@ from chaos.ledger import Ledger
 from chaos.report import report
 from chaos.stage import Stage, own_mounts
 from chaos.stdio_client import StdioClient
+from chaos.wine_server import WineEnded, WineServer
 from harness.targets import ROOT, Target
 
 ROUND_SECONDS = 8.0
 WINE_LIMIT = 60.0
 CLIENTS_LIMIT = 180.0
 """Seconds in which the clients end after a round; each has one request under way at most."""
+WINE_ENDS_LIMIT = 5
+WINE_ENDED = "rounds played again because Wine's own server ended"
 
 # How many clients of each kind, and pauses in seconds. Under Wine a call takes ten times as long.
 PACE = {"linux": {"stdio": 2, "http": 4, "pause": 0.04, "hand": 0.25},
         "windows": {"stdio": 1, "http": 3, "pause": 0.15, "hand": 0.6}}
 
 
+@dataclass
+class Plan:
+    """Which round is next, and whether there is one."""
+
+    rounds: int
+    seconds: float  # to be played, when `rounds` is 0
+    next: int = 0
+    done: int = 0
+    played: float = 0.0
+
+    @property
+    def goes_on(self) -> bool:
+        return self.done < self.rounds if self.rounds else self.played < self.seconds
+
+    def has_played(self, seconds: float) -> None:
+        self.next += 1
+        self.done += 1
+        self.played += seconds
+
+
 class Run:
-    def __init__(self, options: argparse.Namespace, target: Target, folder: Path,
-                 mounts: bool, clock: "Clock | None") -> None:
+    """Rounds with the same servers."""
+
+    def __init__(self, options: argparse.Namespace, stage: Stage, ledger: Ledger,
+                 wine_server: WineServer | None) -> None:
         self.options = options
-        self.ledger = Ledger()
-        self.pace = PACE[target.name]
-        self.stage = Stage(target, options.engine, folder, mounts=mounts,
-                           clock=clock)
+        self.ledger = ledger
+        self.wine_server = wine_server
+        self.pace = PACE[stage.target.name]
+        self.stage = stage
         self.checks = Checks(self.stage, self.ledger)
         self.caller = HttpClient("check", "check", self.stage, self.ledger, 0)
         self.checks.measure_rest(self.caller)
@@ -68,14 +99,22 @@ class Run:
         for path in self.stage.audit.path.iterdir():
             path.unlink()
 
-    def play(self) -> None:
-        end = time.monotonic() + self.options.seconds
-        number = self.options.round
-        while (number < self.options.round + self.options.rounds if self.options.rounds
-               else time.monotonic() < end):
-            self.round(number)
-            number += 1
-        self.ledger.count("rounds", number - self.options.round)
+    def play(self, plan: Plan) -> None:
+        """Plays what the plan has left. Raises WineEnded when that cannot be judged."""
+        while plan.goes_on:
+            began, kept = time.monotonic(), self.ledger.kept()
+            try:
+                self.round(plan.next)
+            except Exception:  # pylint: disable=broad-except
+                if not self._is_lost():
+                    raise
+            if self._is_lost():
+                self.ledger.restore(kept)
+                raise WineEnded
+            plan.has_played(time.monotonic() - began)
+
+    def _is_lost(self) -> bool:
+        return self.wine_server is not None and self.wine_server.has_ended
 
     def round(self, number: int) -> None:
         began, before = time.monotonic(), len(self.ledger.violations)
@@ -102,6 +141,9 @@ class Run:
     def _tell(self, number: int, before: int, played: float, checked: float) -> None:
         """What has happened in a round, when something did not hold. `before` is how many
         violations there were."""
+        if self._is_lost():
+            print(f"round {number}: not judged, since Wine's own server ended", flush=True)
+            return
         found = self.ledger.violations[before:]
         if self.options.verbose or found:
             faults = ", ".join(self.ledger.faults)
@@ -169,14 +211,14 @@ def main(arguments: list[str]) -> int:
         return 2
 
 
-def play(options: argparse.Namespace) -> int:
+@contextlib.contextmanager
+def started(options: argparse.Namespace, folder: Path, mounts: bool, clock: Clock,
+            ledger: Ledger) -> Iterator[Run]:
+    """Everything that rounds need. Raises WineEnded when Wine's own server ends meanwhile."""
     build = (options.build_dir or ROOT / "build" / options.target).resolve()
     target = Target(options.target, build, wine.default_prefix())
-    folder = Path(tempfile.mkdtemp(prefix="chaos-"))
-    print(f"seed {options.seed}", flush=True)
-    mounts = own_mounts()
+    folder.mkdir()
     with ExitStack() as stack:
-        clock = Clock(folder)
         # Wine's server opens the files and keeps the time, so it has to be one of this run.
         if target.windows:
             wait_for_wine(target)
@@ -184,10 +226,35 @@ def play(options: argparse.Namespace) -> int:
         stack.enter_context(target.ready())
         for variable in clock.env:
             os.environ.pop(variable, None)
-        run = Run(options, target, folder, mounts, clock)
-        stack.callback(run.stage.close)
-        run.play()
-        code = report(run.ledger, run.stage, options.seed, options.fault)
+        server = stack.enter_context(WineServer(clock.processes)) if target.windows else None
+        try:
+            stage = Stage(target, options.engine, folder, mounts=mounts, clock=clock)
+            stack.callback(stage.close)
+            run = Run(options, stage, ledger, server)
+        except Exception:
+            if server is not None and server.has_ended:
+                raise WineEnded from None
+            raise
+        yield run
+
+
+def play(options: argparse.Namespace) -> int:
+    folder = Path(tempfile.mkdtemp(prefix="chaos-"))
+    print(f"seed {options.seed}", flush=True)
+    mounts, clock = own_mounts(), Clock(folder)
+    ledger, plan = Ledger(), Plan(options.rounds, options.seconds, next=options.round)
+    while True:
+        try:
+            place = folder / f"servers{ledger.counts[WINE_ENDED]}"
+            with started(options, place, mounts, clock, ledger) as run:
+                run.play(plan)
+            break
+        except WineEnded:
+            ledger.count(WINE_ENDED)
+            if ledger.counts[WINE_ENDED] > WINE_ENDS_LIMIT:
+                raise wine.WineFailure("Wine's own server ends again and again") from None
+    ledger.count("rounds", plan.done)
+    code = report(ledger, run.stage, options.seed, options.fault)
     shutil.rmtree(folder, ignore_errors=True)
     return code
 
