@@ -13,8 +13,8 @@ inline constexpr std::size_t kSafeNameCapacity = 64;
 /// At most 64 safe names in file order, no two equal ignoring case.
 struct NameList {
   static constexpr std::uint32_t kCapacity = 64;
-  std::uint32_t count;
   char names[kCapacity][kSafeNameCapacity];
+  std::uint32_t count;
 };
 
 /// 1 to 63 ASCII letters, digits or "_": the only form in which a name enters a statement.

@@ -255,10 +255,9 @@ bool load_file(const char* path, McpPolicy& policy, TextOut error) {
   return load_text({bytes.data(), size}, policy, reading, error);
 }
 
-/// What holds where a file says nothing. A record that was filled before is cleared; a new one is
-/// not, since each tool call loads one and would touch all of its pages.
+/// What holds where a file says nothing.
 void set_defaults(McpPolicy& policy) {
-  if (policy.configured || policy.valid) policy = {};
+  policy = {};
   policy.reads_enabled = true;
   policy.provider_reads_enabled = true;
   policy.approval_ttl_seconds = kDefaultTtlSeconds;

@@ -16,8 +16,7 @@ inline constexpr int kPolicyTokenCapacity = 1024;
 
 /// Fills the record from the environment and the file that it names. Without a file the record is
 /// valid, unconfigured and has its defaults. False leaves it invalid, with the message of the
-/// first check that failed in `error`. Called once, before anything is served; the record is new
-/// (`McpPolicy policy{}`) or was filled before.
+/// first check that failed in `error`. Called once, before anything is served.
 [[nodiscard]] bool policy_load(McpPolicy& policy);
 
 /// What a tool for the authors of policies wants and learns beside the verdict.
