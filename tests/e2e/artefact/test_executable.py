@@ -17,7 +17,7 @@ SYSTEM_LIBRARIES = {
     "windows": {"KERNEL32.dll", "msvcrt.dll"},
     "linux": {"libc.so.6", "ld-linux-x86-64.so.2"},
 }
-"""Each library more would be loaded for each call. What few calls need is loaded by them."""
+"""Each further library would be loaded for each call. What few calls need is loaded by them."""
 ADMIN_LIBRARIES = {"windows": {"ADVAPI32.dll"}, "linux": {"libm.so.6"}}
 """What kova-admin needs beside these: services and rights; the other half of the C library."""
 NEEDED = {"windows": r"DLL Name: (\S+)", "linux": r"\(NEEDED\).*\[(\S+)\]"}

@@ -25,9 +25,9 @@ pytestmark = pytest.mark.xdist_group("library search")
 
 SESSION_MANAGER = "HKLM\\System\\CurrentControlSet\\Control\\Session Manager"
 
-LOADED_LATE = ["bcrypt.dll", "kovadll.dll", "advapi32.dll", "mswsock.dll"]
-"""What is loaded at run time: the cryptography, the client library, what a record needs, and what a
-server could load by way of the system's own libraries."""
+LOADED_LATE = ["bcrypt.dll", "kovadll.dll", "advapi32.dll", "ws2_32.dll", "mswsock.dll"]
+"""What is loaded at run time: the cryptography, the client library, what a record needs, the
+sockets, and what a server could load by way of the system's own libraries."""
 
 DIGEST = b"0123456789abcdef" * 4
 
