@@ -42,4 +42,6 @@ threads. So the reply of a worker that was killed before its record is passed on
 a server of which a worker is killed need no record there. Wine's server now and then keeps a socket
 open whose process has been killed, which Windows does not: such connections are counted, and are no
 violation.
+
+A round in which Wine's own server ends is played again, after everything was started anew.
 """

@@ -8,8 +8,6 @@ import struct
 import subprocess
 from pathlib import Path
 
-from harness import processes
-
 SOURCE = Path(__file__).with_name("moved_clock.c")
 
 FILE = "CHAOS_CLOCK"
@@ -36,9 +34,10 @@ class Clock:
     def env(self) -> dict[str, str]:
         return {"LD_PRELOAD": str(self._object), FILE: str(self._file)}
 
-    def processes(self) -> list[int]:
-        """Those whose clock it is."""
-        return processes.marked(str(self._file), FILE)
+    @property
+    def mark(self) -> tuple[str, str]:
+        """The value and the variable by which the processes are known whose clock it is."""
+        return str(self._file), FILE
 
     def set_wall(self, seconds: float) -> None:
         """Lets the wall clock differ from the machine's by so much, in either direction."""

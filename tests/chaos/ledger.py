@@ -115,6 +115,7 @@ class Ledger:
         self.requests: dict[str, Request] = {}
         self.round = 0
         self.began = time.monotonic()
+        self.mark()
 
     def in_round(self, moment: float) -> float:
         """Seconds since the round began."""
@@ -131,14 +132,15 @@ class Ledger:
         self.kills: list[Kill] = []
         self.approved: list[tuple[str, str]] = []  # statements with their tokens, to send again
 
-    def kept(self) -> tuple[Counter[str], list[str]]:
-        """What was counted and found until now, for `restore`."""
+    def mark(self) -> None:
+        """What was counted and found until now stays."""
         with self._lock:
-            return Counter(self.counts), list(self.violations)
+            self._kept = Counter(self.counts), list(self.violations)
 
-    def restore(self, kept: tuple[Counter[str], list[str]]) -> None:
-        """Forgets what came since. No thread may be at work."""
-        self.counts, self.violations = kept
+    def forget(self) -> None:
+        """Takes back what came since the mark. No thread may be at work."""
+        counts, violations = self._kept
+        self.counts, self.violations = Counter(counts), list(violations)
 
     def count(self, what: str, number: int = 1) -> None:
         with self._lock:

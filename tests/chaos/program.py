@@ -100,21 +100,26 @@ class Run:
             path.unlink()
 
     def play(self, plan: Plan) -> None:
-        """Plays what the plan has left. Raises WineEnded when that cannot be judged."""
+        """Plays what the plan has left. Raises WineEnded when a round cannot be judged."""
         while plan.goes_on:
-            began, kept = time.monotonic(), self.ledger.kept()
+            began = time.monotonic()
             try:
                 self.round(plan.next)
-            except Exception:  # pylint: disable=broad-except
-                if not self._is_lost():
-                    raise
-            if self._is_lost():
-                self.ledger.restore(kept)
-                raise WineEnded
+            except wine.WineFailure:
+                raise
+            except Exception as failure:
+                if self._is_lost():
+                    raise WineEnded from failure
+                raise
             plan.has_played(time.monotonic() - began)
+            self.ledger.mark()
 
     def _is_lost(self) -> bool:
         return self.wine_server is not None and self.wine_server.has_ended
+
+    def _expect_wine(self) -> None:
+        if self._is_lost():
+            raise WineEnded
 
     def round(self, number: int) -> None:
         began, before = time.monotonic(), len(self.ledger.violations)
@@ -134,24 +139,26 @@ class Run:
         self._stop(hands, [*stdio, *http])
         worked = time.monotonic()
         try:
+            self._expect_wine()
             self.checks.after_round(self.caller)
+            self._expect_wine()
         finally:
             self._tell(number, before, worked - began, time.monotonic() - worked)
 
     def _tell(self, number: int, before: int, played: float, checked: float) -> None:
         """What has happened in a round, when something did not hold. `before` is how many
         violations there were."""
-        if self._is_lost():
-            print(f"round {number}: not judged, since Wine's own server ended", flush=True)
-            return
         found = self.ledger.violations[before:]
-        if self.options.verbose or found:
+        lost = self._is_lost()
+        if lost:
+            print(f"round {number}: not judged, since Wine's own server ended", flush=True)
+        elif self.options.verbose or found:
             faults = ", ".join(self.ledger.faults)
             print(f"round {number}: {faults}; {len(self.ledger.requests)} requests, "
                   f"{played:.1f} + {checked:.1f} s", flush=True)
         for violation in found:
-            print(f"VIOLATION {violation} (--seed {self.options.seed} --round {number})",
-                  flush=True)
+            print(f"{'not judged:' if lost else 'VIOLATION'} {violation} "
+                  f"(--seed {self.options.seed} --round {number})", flush=True)
 
     def _faults(self, possible: list[str]) -> list[str]:
         chosen = self.options.fault
@@ -171,6 +178,8 @@ class Run:
             client.join(max(0, end - time.monotonic()))
             if client.is_alive():
                 self.ledger.violation(f"{client.name} does not come to its end")
+        if self._is_lost() and any(thread.is_alive() for thread in (*hands, *clients)):
+            raise wine.WineFailure("clients of a round without Wine's server do not end")
 
 
 def parse(arguments: list[str]) -> argparse.Namespace:
@@ -226,7 +235,7 @@ def started(options: argparse.Namespace, folder: Path, mounts: bool, clock: Cloc
         stack.enter_context(target.ready())
         for variable in clock.env:
             os.environ.pop(variable, None)
-        server = stack.enter_context(WineServer(clock.processes)) if target.windows else None
+        server = stack.enter_context(WineServer(*clock.mark)) if target.windows else None
         try:
             stage = Stage(target, options.engine, folder, mounts=mounts, clock=clock)
             stack.callback(stage.close)
@@ -250,7 +259,9 @@ def play(options: argparse.Namespace) -> int:
                 run.play(plan)
             break
         except WineEnded:
+            ledger.forget()
             ledger.count(WINE_ENDED)
+            ledger.mark()
             if ledger.counts[WINE_ENDED] > WINE_ENDS_LIMIT:
                 raise wine.WineFailure("Wine's own server ends again and again") from None
     ledger.count("rounds", plan.done)

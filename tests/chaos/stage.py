@@ -283,8 +283,9 @@ class Stage:
         if not self.target.windows:
             return 0
         helper = self.target.build / "tests" / "support" / "handle-count.exe"
+        env = self.target.environment(self.clock.env if self.clock else {})
         told = subprocess.run(wine.command(helper, executable.name), stdout=subprocess.PIPE,
-                              env=self.target.environment({}), check=True, timeout=TIMEOUT)
+                              env=env, check=True, timeout=TIMEOUT)
         return int(told.stdout)
 
     def close(self) -> None:

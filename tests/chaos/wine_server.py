@@ -1,7 +1,7 @@
 """Wine's own server, without which every Windows program of a run stands still.
 
-Seldom, when many processes have just been killed, one of its own assertions ends it. Nothing can
-be said of the round in which that happens.
+Seldom, when processes have just been killed, it ends itself with an abort. Nothing can be said of
+the round in which that happens.
 """
 
 from __future__ import annotations
@@ -9,10 +9,9 @@ from __future__ import annotations
 import contextlib
 import os
 import select
-import signal
 import threading
-from typing import Callable
 
+import wine
 from harness import processes
 
 KILL_PAUSE = 0.5
@@ -24,14 +23,17 @@ class WineEnded(Exception):
 
 
 class WineServer(contextlib.AbstractContextManager["WineServer"]):
-    """Watches the one server among the processes of a run, which `find` returns. When it ends, they
-    are killed again and again until this is closed: those that wait for it would wait for ever, and
-    a new one would start another server."""
+    """Watches the one server among the processes of a run, whose environment has the variable with
+    this value. When it ends, they are killed again and again until this is closed: those that wait
+    for it would wait for ever, and a new one would start another server."""
 
-    def __init__(self, find: Callable[[], list[int]]) -> None:
-        self._find = find
-        (server,) = (pid for pid in find() if processes.name(pid).startswith("wineserver"))
-        self._server = os.pidfd_open(server)
+    def __init__(self, value: str, variable: str) -> None:
+        self._mark = value, variable
+        servers = [pid for pid in processes.marked(*self._mark)
+                   if processes.name(pid).startswith("wineserver")]
+        if len(servers) != 1:
+            raise wine.WineFailure(f"there is not one server of Wine's, but {len(servers)}")
+        self._server = os.pidfd_open(servers[0])
         self._closing, self._closed = os.pipe()
         self._thread = threading.Thread(target=self._watch, name="wine server")
         self._thread.start()
@@ -49,6 +51,4 @@ class WineServer(contextlib.AbstractContextManager["WineServer"]):
     def _watch(self) -> None:
         select.select([self._server, self._closing], [], [])
         while not select.select([self._closing], [], [], KILL_PAUSE)[0]:
-            for pid in self._find():
-                with contextlib.suppress(ProcessLookupError):
-                    os.kill(pid, signal.SIGKILL)
+            processes.kill_marked(*self._mark)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import signal
 
 MARKER = "E2E_SERVER"
 """The environment variable that marks a server and every process that it starts."""
@@ -10,8 +11,27 @@ MARKER = "E2E_SERVER"
 
 def marked(marker: str, variable: str = MARKER) -> list[int]:
     """The processes that have the variable with this value in their environment."""
-    wanted = f"\0{variable}={marker}\0".encode()
-    return sorted(pid for pid in _all() if wanted in b"\0" + _read(pid, "environ"))
+    return sorted(pid for pid in _all() if _has(pid, marker, variable))
+
+
+def _has(pid: int, marker: str, variable: str) -> bool:
+    return f"\0{variable}={marker}\0".encode() in b"\0" + _read(pid, "environ")
+
+
+def kill_marked(marker: str, variable: str = MARKER) -> None:
+    """Kills them, and never another one that has got the number of one meanwhile."""
+    for pid in marked(marker, variable):
+        try:
+            descriptor = os.pidfd_open(pid)
+        except ProcessLookupError:
+            continue
+        try:
+            if _has(pid, marker, variable):
+                signal.pidfd_send_signal(descriptor, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        finally:
+            os.close(descriptor)
 
 
 def naming(text: str) -> list[int]:
