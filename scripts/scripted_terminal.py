@@ -45,6 +45,8 @@ class ScriptedTerminal:
         prepare = streams.pop("prepare", None)
 
         def take_terminal() -> None:
+            # Whoever has started all this may ignore it, as nohup does.
+            signal.signal(signal.SIGHUP, signal.SIG_DFL)
             os.setsid()
             fcntl.ioctl(slave, termios.TIOCSCTTY, 0)
             if prepare is not None:

@@ -195,14 +195,14 @@ def test_the_fourth_act(played: Played, target: Target) -> None:
     text = played.text[played.text.index("\n24. "):played.text.index("\n30. ")]
     tool = re.escape("kova-admin.exe" if target.windows else "kova-admin")
     appear_in_order(text, [
-        rf"^\$ {tool} init --folder ", "--writes approval", "Wrote ", "Next: kova-admin doctor",
-        rf"^\$ {tool} doctor --env ",
+        rf"^\$ {tool} init --folder\b", "--writes approval", "Wrote ", "Next: kova-admin doctor",
+        rf"^\$ {tool} doctor --env\b",
         'KOVA_MCP_CLIENT_ID is "desk-clent", the policy\'s client_id is "desk-client"',
         r"^  and \d+ of 18 checks are ok$",
-        "# The name is mended.", rf"^\$ {tool} doctor --env ", r"^  and \d+ of 18 checks are ok$",
+        "# The name is mended.", rf"^\$ {tool} doctor --env\b", r"^  and \d+ of 18 checks are ok$",
         '"args": ["serve", "--env",',
         '"text": "operator approval is required for this exact normalized operation"',
-        rf"^\$ {tool} approve --env ", "--digest", "The canonical statement", "Reason: ",
+        rf"^\$ {tool} approve --env\b", "--digest", "The canonical statement", "Reason: ",
         "Type yes: yes", "^  exit code 0$", r"^  .*token: v1\.\d+\.[0-9a-f]{32}\.",
         '"status": "1 row inserted"',
         '"text": "approval token was already used or replay state is unavailable"',
@@ -221,11 +221,11 @@ def test_the_fifth_act(played: Played, target: Target) -> None:
     text = played.text[played.text.index("\n30. "):]
     tool = re.escape("kova-admin.exe" if target.windows else "kova-admin")
     appear_in_order(text, [
-        rf"^\$ {tool} policy explain ", "^  exit code 0$", rf"^\$ {tool} policy explain ",
+        rf"^\$ {tool} policy explain\b", "^  exit code 0$", rf"^\$ {tool} policy explain\b",
         "column is denied by MCP policy", "^  exit code 1$",
-        rf"^\$ {tool} policy test ", "^  1..3$", "^  ok 3 - no writes$", "^  exit code 0$",
-        rf"^\$ {tool} policy diff ", "MAINTAINER", "^  exit code 1$",
-        rf"^\$ {tool} audit report ", "^  exit code 0$"])
+        rf"^\$ {tool} policy test\b", "^  1..3$", "^  ok 3 - no writes$", "^  exit code 0$",
+        rf"^\$ {tool} policy diff\b", "MAINTAINER", "^  exit code 1$",
+        rf"^\$ {tool} audit report\b", "^  exit code 0$"])
     place = re.search(r"^The report of this session: (.*)$", text, re.M)
     assert place is not None
     page = Path(place[1]).read_text("utf-8")
