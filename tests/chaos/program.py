@@ -57,16 +57,19 @@ class Plan:
 
     rounds: int
     seconds: float  # to be played, when `rounds` is 0
-    next: int = 0
+    first: int = 0
     done: int = 0
     played: float = 0.0
+
+    @property
+    def next(self) -> int:
+        return self.first + self.done
 
     @property
     def goes_on(self) -> bool:
         return self.done < self.rounds if self.rounds else self.played < self.seconds
 
     def has_played(self, seconds: float) -> None:
-        self.next += 1
         self.done += 1
         self.played += seconds
 
@@ -251,7 +254,7 @@ def play(options: argparse.Namespace) -> int:
     folder = Path(tempfile.mkdtemp(prefix="chaos-"))
     print(f"seed {options.seed}", flush=True)
     mounts, clock = own_mounts(), Clock(folder)
-    ledger, plan = Ledger(), Plan(options.rounds, options.seconds, next=options.round)
+    ledger, plan = Ledger(), Plan(options.rounds, options.seconds, first=options.round)
     while True:
         try:
             place = folder / f"servers{ledger.counts[WINE_ENDED]}"

@@ -110,7 +110,7 @@ class Rounds(Run):
 
 @pytest.mark.parametrize("fails", [False, True])
 def test_a_lost_round_is_next_again(fails):
-    rounds, plan = Rounds(Ledger(), lost=[7], fails=fails), Plan(rounds=4, seconds=0, next=5)
+    rounds, plan = Rounds(Ledger(), lost=[7], fails=fails), Plan(rounds=4, seconds=0, first=5)
     with pytest.raises(WineEnded):
         rounds.play(plan)
     assert rounds.played == [5, 6, 7] and plan.next == 7 and plan.done == 2 and plan.goes_on
@@ -124,7 +124,7 @@ def test_a_failure_while_the_server_runs_is_one():
     rounds.wine_server = None
     rounds.round = lambda number: 1 / 0  # type: ignore[method-assign]
     with pytest.raises(ZeroDivisionError):
-        rounds.play(Plan(rounds=2, seconds=0, next=1))
+        rounds.play(Plan(rounds=2, seconds=0, first=1))
 
 
 def play(monkeypatch: pytest.MonkeyPatch, rounds: int, lost: list[int]) -> tuple[Ledger, list[str]]:
