@@ -1,10 +1,10 @@
 // What one build of the server costs next to another: a call that the policy decides, in a worker
-// of its own, each build in turn.
+// of its own, all builds in each round.
 //
 //   compare-workers ROUNDS SERVER SERVER...     KOVA_MCP_POLICY names the policy
 //
-// The ratio is the median over the rounds of a build's time to that of the first build. Naming the
-// first one twice shows how much of a difference is noise.
+// The ratio is the median over the rounds of a build's time to that of the first build. A copy of
+// the first one shows how much of a difference is noise.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>

@@ -8,9 +8,9 @@
 //   sessions   open sessions when memory is measured; 0 leaves that out
 //   subjects   {name, command, environment}: the argument "PORT" becomes a free port
 //   workloads  {name, requests, calls: {SUBJECT: {method, params}}}; requests are those of one client
-// DATA gets a JSON object, which `http` of bench/figures/raw.py reads. The subjects are measured in
-// turn, round by round, forwards and backwards, so that other load meets all; ratios are to the last
-// subject.
+// DATA gets a JSON object, which `http` of bench/figures/raw.py reads. The subjects are measured
+// round by round, so that other load meets all, and each round begins with the next one; ratios are
+// to the last subject.
 import { readFileSync, writeFileSync } from 'node:fs';
 
 import { HttpClient } from './http_client.mjs';
@@ -55,9 +55,8 @@ async function measure(subject, workload, count) {
 async function compare(subjects, workload, count) {
   const found = subjects.map(() => ({ perSecond: [], latencies: [], busy: 0 }));
   for (let round = -WARM_UP_ROUNDS; round < plan.rounds; round += 1) {
-    const order = subjects.map((_, index) => index);
-    if (round % 2 !== 0) order.reverse();
-    for (const index of order) {
+    for (let turn = 0; turn < subjects.length; turn += 1) {
+      const index = (turn + round + WARM_UP_ROUNDS) % subjects.length;
       const batch = await measure(subjects[index], workload, count);
       if (round < 0) continue;
       found[index].perSecond.push(Number(batch.perSecond.toFixed(1)));

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
+#include <numeric>
+#include <random>
 
 namespace kova_bench {
 
@@ -21,9 +23,12 @@ Samples ratios(const Samples& samples, const Samples& floor) {
 
 std::vector<Samples> run_rounds(const std::vector<Subject>& subjects, int rounds) {
   std::vector<Samples> samples(subjects.size());
+  std::vector<std::size_t> order(subjects.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::minstd_rand random;
   for (int round = -kWarmUpRounds; round < rounds; ++round) {
-    for (std::size_t turn = 0; turn < subjects.size(); ++turn) {
-      const std::size_t index = round % 2 == 0 ? turn : subjects.size() - 1 - turn;
+    std::shuffle(order.begin(), order.end(), random);
+    for (const std::size_t index : order) {
       const double milliseconds = subjects[index].run();
       if (milliseconds < 0) {
         std::fprintf(stderr, "%s has failed\n", subjects[index].name.c_str());

@@ -1,4 +1,4 @@
-// Measuring several subjects in turn, so that a change in the machine's load meets them all.
+// Measuring several subjects round by round, so that a change in the machine's load meets them all.
 #pragma once
 
 #include <functional>
@@ -17,8 +17,9 @@ struct Subject {
 /// The milliseconds of one subject, by round.
 using Samples = std::vector<double>;
 
-/// Runs every subject once a round, first to last and last to first in turn, after some rounds
-/// that do not count. Returns the samples by subject; empty when a run has failed.
+/// Runs every subject once a round, in an order drawn anew for each round (the same ones in every
+/// run), so that none always follows itself or the same other one, after some rounds that do not
+/// count. Returns the samples by subject; empty when a run has failed.
 [[nodiscard]] std::vector<Samples> run_rounds(const std::vector<Subject>& subjects, int rounds);
 
 /// The value below which this share of the samples lies; 0.5 is the median.

@@ -3,7 +3,7 @@
 record.py       what every data file says of its run: machine, date, commit, load
 conditions.py   what else the machine did meanwhile
 samples.py      quantiles, ratios of paired samples, latency histograms
-turns.py        measuring several subjects in turn
+turns.py        measuring several subjects round by round
 raw.py          what programs that are no Python write, made smaller
 dataset.py      reading the data files
 parameters.py   the default parameters of the benchmarks

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+from functools import partial
 from pathlib import Path
 from typing import Any
 
@@ -40,11 +41,20 @@ def test_histogram_buckets() -> None:
         "up_to_ms": [0.001, 1.0, 1.122], "counts": [2, 1, 2]}
 
 
-def test_turns_go_forwards_and_backwards() -> None:
+def played(rounds: int) -> "tuple[list[str], dict[str, int]]":
+    """The subjects of each round in their order, and how many samples each of them has."""
     order: "list[str]" = []
-    found = turns.by_turns({"a": lambda: order.append("a"), "b": lambda: order.append("b")}, 2)
-    assert "".join(order) == "baabba"
-    assert {name: len(values) for name, values in found.items()} == {"a": 2, "b": 2}
+    found = turns.by_turns({name: partial(order.append, name) for name in "abc"}, rounds)
+    return (["".join(order[at:at + 3]) for at in range(0, len(order), 3)],
+            {name: len(values) for name, values in found.items()})
+
+
+def test_turns_are_drawn_for_each_round() -> None:
+    rounds, samples_of = played(60)
+    assert samples_of == dict.fromkeys("abc", 60)
+    assert len(rounds) == 61  # one more, which does not count
+    assert set(rounds) == {"abc", "acb", "bac", "bca", "cab", "cba"}
+    assert played(60)[0] == rounds
 
 
 # Data files
