@@ -29,5 +29,7 @@ def summary(data: Dataset) -> str:
     targets: "dict[str, Any]" = data["hardening"]["targets"]
     rows = [(option, *(cost(targets[name]["without"][option]) if name in against else "–"
                        for name in BOTH)) for option, against in OPTIONS.items()]
-    rows.append(("nothing (the same file twice)", *(cost(targets[name]["again"]) for name in BOTH)))
-    return table(("percent of a call: median / undisturbed", "Linux", "Windows, Wine"), rows)
+    rows.append(("nothing (a copy of the file)", *(cost(targets[name]["again"]) for name in BOTH)))
+    heads = [f"{name}, {targets[target]['rounds']:,} rounds"
+             for target, name in zip(BOTH, ("Linux", "Wine"))]
+    return table(("percent of a call: median / undisturbed", *heads), rows)

@@ -35,11 +35,11 @@ usage: bench/run [--build DIR] [--rounds N] [linux] [windows] [http] [peers] [gr
 
 Without a name linux, windows, http and micro run. Each writes its data to bench/data/NAME.json,
 from which bench/plot and bench/tables --write make plots and tables. --rounds is the number of
-measurements of each subject (default: 3000 for hardening, 1000 for linux, 200 for windows and
-account, 30 for http, 20 for peers, growth and audit; micro and costs take none). scale takes
---seconds of use (default: 600) with --listeners (default: 64). With other values than the default
-ones the data goes to DIR/NAME.json. The builds go to DIR/linux and DIR/windows; DIR is build/ by
-default.
+measurements of each subject (default: 3000 for hardening, of which Wine takes a third, 1000 for
+linux, 200 for windows and account, 30 for http, 20 for peers, growth and audit; micro and costs
+take none). scale takes --seconds of use (default: 600) with --listeners (default: 64). With other
+values than the default ones the data goes to DIR/NAME.json. The builds go to DIR/linux and
+DIR/windows; DIR is build/ by default.
 Exit codes: 0 done, 1 failed, 2 bad arguments."""
 
 WITHOUT_A_NAME = ["linux", "windows", "http", "micro"]

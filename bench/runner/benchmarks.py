@@ -63,9 +63,9 @@ class Run:
 
 def linux(run: Run) -> None:
     rounds, part = run.asked.value("linux", "rounds"), run.folder / "linux.json"
-    server, began = run.stage.installed("linux"), Moment.now()
+    server, began = run.stage.installed("linux", "empty-program"), Moment.now()
     run.program([run.linux / "bench" / "whole-process-bench", str(rounds),
-                 run.linux / "bench" / "empty-program", server, SELECT_ONE, part],
+                 server.with_name("empty-program"), server, SELECT_ONE, part],
                 run.stage.environment())
     run.record("linux", "plain", began, f"rounds={rounds}", part)
 
@@ -106,9 +106,10 @@ def http(run: Run) -> None:
 
 def peers(run: Run) -> None:
     modules = installing.peers(run.asked.build / "peers")
-    run.module("peers.program", "--server", run.stage.installed("peers"),
-               "--floor", run.linux / "bench" / "empty-program",
-               "--floor-calls", run.linux / "bench" / "floor-on-demand",
+    server = run.stage.installed("peers", "empty-program", "floor-on-demand")
+    run.module("peers.program", "--server", server,
+               "--floor", server.with_name("empty-program"),
+               "--floor-calls", server.with_name("floor-on-demand"),
                "--http-floor", run.linux / "bench" / "empty-listener",
                "--database", run.stage.database, "--modules", modules,
                "--rounds", str(run.asked.value("peers", "rounds")),
@@ -129,10 +130,10 @@ def growth(run: Run) -> None:
 
 
 def account(run: Run) -> None:
-    server = run.stage.installed("account")
+    server = run.stage.installed("account", "empty-program", "floor-on-demand")
     run.module("call_account.program", "--server", server,
-               "--floor", run.linux / "bench" / "floor-on-demand",
-               run.linux / "bench" / "empty-program", "--engine", str(run.stage.engine.pid),
+               "--floor", server.with_name("floor-on-demand"),
+               server.with_name("empty-program"), "--engine", str(run.stage.engine.pid),
                "--query", SELECT_ONE, "--calls", str(run.asked.value("account", "rounds")),
                "--data", run.asked.data_file("account"),
                variables={**run.stage.environment(),

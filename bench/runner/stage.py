@@ -71,9 +71,12 @@ class Stage:
                 "KOVA_MCP_HTTP_ALLOW_PLAINTEXT_LOOPBACK": "1",
                 "KOVA_MCP_HTTP_BEARER_TOKEN": secrets.token_hex(32)}
 
-    def installed(self, name: str) -> Path:
-        """The Linux server in a folder of this name, with its client library."""
-        return self._copied(name, "linux", "kova-mcp", "sample/libkovadll.so")
+    def installed(self, name: str, *floors: str) -> Path:
+        """The Linux server in a folder of this name, with its client library and what it is
+        compared with: the kernel loads a copied file a little faster than one that the linker has
+        written."""
+        return self._copied(name, "linux", "kova-mcp", "sample/libkovadll.so",
+                            *(f"bench/{floor}" for floor in floors))
 
     def installed_for_windows(self) -> Path:
         return self._copied("windows", "windows", "kova-mcp.exe", "sample/kovadll.dll",
