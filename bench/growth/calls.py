@@ -1,4 +1,4 @@
-"""Calls over the standard streams: how their time grows with cells and bytes."""
+"""Calls over the standard streams: how their time grows with cells, keys, tokens and bytes."""
 
 from __future__ import annotations
 
@@ -17,14 +17,19 @@ ROWS = [1, 16, 32, 64, 128, 256]
 COLUMNS = [1, 4, 8, 16, 32, 64]
 """Both to the limit of a result; with the most of the other. Fewer cells cost less than the call
 itself."""
+MEMBERS = [125, 250, 500, 1000, 2000]
+"""The longest is what one message to ours may hold: 4,096 tokens."""
 BYTES = [62_500, 125_000, 250_000, 500_000, 1_000_000]
 IDS = 240
 """A server takes 256 requests that are no tool calls."""
 PADDING = "The quick brown fox jumps over the lazy dog. "
+POLICY_ANSWERED = {"name": "kova_list_tables", "arguments": {}}
 CELL = b"cell 0"
 """What the first column holds; a reply may have it more than once for each row."""
 Subjects = dict[tuple[str, str, int], Callable[[], float]]
 """By server, kind and size."""
+Sized = Callable[[str, int, "dict[str, Any]", int], bytes]
+"""Makes a line of a method, an id and params that holds so many items in its member `_meta`."""
 
 
 def select(rows: int, columns: int) -> str:
@@ -37,6 +42,18 @@ def padded(method: str, number: int, params: "dict[str, Any]", size: int) -> byt
     bare = len(line(method, number, {**params, "_meta": {"pad": ""}}))
     pad = (PADDING * (size // len(PADDING) + 1))[:size - bare]
     return line(method, number, {**params, "_meta": {"pad": pad}})
+
+
+def keyed(method: str, number: int, params: "dict[str, Any]", keys: int) -> bytes:
+    """Keys in no order, and others in each message."""
+    members = {f"key_{number}_{key * 7919 % keys}": key for key in range(keys)}
+    return line(method, number, {**params, "_meta": members})
+
+
+def listed(method: str, number: int, params: "dict[str, Any]", pairs: int) -> bytes:
+    """A list of numbers and nulls: two tokens for each pair."""
+    items = [item for pair in range(pairs) for item in ((pair + number) * 7919 % pairs, None)]
+    return line(method, number, {**params, "_meta": {"list": items}})
 
 
 def started(stack: ExitStack, peer: Peer) -> Program:
@@ -72,26 +89,35 @@ def check_rows(name: str, reply: bytes, rows: int, of_one_row: int) -> None:
         raise Failed(f"{name}: not {rows} rows: {reply[:200]!r}")
 
 
-def of_bytes(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
-    """A ping of all servers, and a call that the policy of ours, the first of them, answers, as
-    lines of the same length."""
+def of_pings(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
+    """A ping of all servers with more and more keys, tokens and bytes, and a call of ours with
+    more and more bytes."""
+    return [*_of_pings("keys", "keys of a ping", MEMBERS, keyed, all_peers, rounds),
+            *_of_pings("pairs of tokens", "pairs of tokens in a ping", MEMBERS, listed, all_peers,
+                       rounds),
+            *_of_pings("bytes", "bytes of a ping", BYTES, padded, all_peers, rounds,
+                       "bytes of a call")]
+
+
+def _of_pings(kind: str, of: str, sizes: "list[int]", sized: Sized, all_peers: "list[Peer]",
+              rounds: int, of_call: str = "") -> "list[Series]":
+    """With `of_call`, what its items are, also a call of those sizes that the policy of ours, the
+    first of the servers, answers."""
     ours, numbers = all_peers[0], itertools.count(1)
-    call = {"name": "kova_list_tables", "arguments": {}}
 
     def ping(program: Program, size: int) -> float:
-        return program.asked(padded("ping", next(numbers), {}, size))
+        return program.asked(sized("ping", next(numbers), {}, size))
 
     with ExitStack() as stack:
         programs = {peer.name: started(stack, peer) for peer in all_peers}
-        subjects: Subjects = {}
-        for size in BYTES:
-            for name, program in programs.items():
-                subjects[name, "ping", size] = partial(ping, program, size)
-            request = padded("tools/call", next(numbers), call, size)
+        subjects: Subjects = {(name, "ping", size): partial(ping, program, size)
+                              for size in sizes for name, program in programs.items()}
+        for size in sizes if of_call else []:
+            request = sized("tools/call", next(numbers), POLICY_ANSWERED, size)
             subjects[ours.name, "call", size] = partial(programs[ours.name].asked, request)
-        found = by_turns(subjects, min(rounds, IDS // len(BYTES) - 1))
-    return [*_series("bytes: ping", "bytes of a ping", "ping", all_peers, found),
-            *_series("bytes: call", "bytes of a call", "call", [ours], found)]
+        found = by_turns(subjects, min(rounds, IDS // len(sizes) - 1))
+    calls = _series(f"{kind}: call", of_call, "call", [ours], found) if of_call else []
+    return [*_series(f"{kind}: ping", of, "ping", all_peers, found), *calls]
 
 
 def _series(name: str, of: str, kind: str, of_peers: "list[Peer]",

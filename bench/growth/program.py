@@ -53,9 +53,9 @@ def main(arguments: "list[str]") -> int:
     try:
         found = [*of_messages(asked.parser, asked.rounds * PARSER_ROUNDS),
                  *calls.of_results(all_peers, asked.rounds * CALL_ROUNDS),
-                 *calls.of_bytes(all_peers, asked.rounds * CALL_ROUNDS),
+                 *calls.of_pings(all_peers, asked.rounds * CALL_ROUNDS),
                  *sessions.of_sessions(all_peers, asked.rounds),
-                 *sessions.of_listeners(all_peers[0], max(2, asked.rounds // 4))]
+                 *sessions.of_listeners(all_peers, max(2, asked.rounds // 4))]
     except (Failed, OSError, subprocess.CalledProcessError) as failure:
         print(f"bench/run growth: {failure}", file=sys.stderr)
         return 1

@@ -10,6 +10,7 @@ import time
 from contextlib import ExitStack
 from functools import partial
 from pathlib import Path
+from typing import Callable
 
 from common import measure
 from common.messages import INITIALIZE
@@ -21,6 +22,10 @@ from peers.subjects import Peer
 SESSIONS = [1, 2, 4, 8, 16]
 """To the limit of a listener."""
 LISTENERS = [1, 2, 4, 8, 16, 32]
+LISTENERS_OF_PEERS = [1, 2, 4, 8]
+"""Each takes more than ten times the memory of one of ours."""
+Work = Callable[[Peer, int], "tuple[float, float]"]
+"""Measures a server with so many items: milliseconds, and MiB."""
 START_LIMIT = 30.0
 LOOK_SECONDS = 0.002
 
@@ -101,18 +106,26 @@ def _series(kind: str, of: str, found: "dict[int, list[tuple[float, float]]]",
             for what, unit, place in units]
 
 
-def of_sessions(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
-    """Of ours, the first, and of the others that have sessions."""
+def _of_all(kind: str, of: str, all_peers: "list[Peer]", rounds: int, work: Work,
+              counts: "list[int]", counts_of_peers: "list[int]") -> "list[Series]":
     chosen = [peer for peer in all_peers if peer.session_processes is not None]
-    found = by_turns({(peer.name, count): partial(measured, peer, 1, count)
-                      for peer in chosen for count in SESSIONS}, rounds)
+    sizes = {peer.name: counts_of_peers for peer in chosen} | {chosen[0].name: counts}
+    found = by_turns({(peer.name, count): partial(work, peer, count)
+                      for peer in chosen for count in sizes[peer.name]}, rounds)
     return [one for peer in chosen
-            for one in _series("sessions", "open sessions of one listener",
-                               {count: found[peer.name, count] for count in SESSIONS},
+            for one in _series(kind, of,
+                               {count: found[peer.name, count] for count in sizes[peer.name]},
                                "" if peer is chosen[0] else peer.name)]
 
 
-def of_listeners(ours: Peer, rounds: int) -> "list[Series]":
-    subjects = {count: partial(measured, ours, count, SESSIONS[-1]) for count in LISTENERS}
-    return _series("listeners", f"listeners with {SESSIONS[-1]} open sessions each",
-                   by_turns(subjects, rounds))
+def of_sessions(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
+    """Of ours, the first, and of the others that have sessions."""
+    return _of_all("sessions", "open sessions of one listener", all_peers, rounds,
+                     lambda peer, count: measured(peer, 1, count), SESSIONS, SESSIONS)
+
+
+def of_listeners(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
+    """Of ours, the first, and fewer of the others that have sessions."""
+    return _of_all("listeners", f"listeners with {SESSIONS[-1]} open sessions each", all_peers,
+                     rounds, lambda peer, count: measured(peer, count, SESSIONS[-1]),
+                     LISTENERS, LISTENERS_OF_PEERS)

@@ -12,7 +12,7 @@ from common.messages import line
 from common.stdio import Failed
 from figures import plot_series, tables
 from figures.dataset import Dataset
-from growth import calls
+from growth import calls, sessions
 from peers.subjects import SELECT, Peer
 from runner import installing
 from runner.benchmarks import BENCHMARKS
@@ -87,6 +87,47 @@ def test_a_padded_line_is_of_its_size(size: int) -> None:
     message = json.loads(padded)
     del message["params"]["_meta"]["pad"]
     assert message == json.loads(line("ping", 12, {"_meta": {}}))
+
+
+def member_of(made: bytes) -> "dict[str, Any]":
+    """Its `_meta`, after a look at the rest."""
+    message = json.loads(made)
+    meta = message["params"].pop("_meta")
+    assert made.endswith(b"\n") and message == json.loads(line("ping", 12, {}))
+    return meta
+
+
+@pytest.mark.parametrize("keys", calls.MEMBERS)
+def test_a_line_of_keys(keys: int) -> None:
+    names = list(member_of(calls.keyed("ping", 12, {}, keys)))
+    assert all(name.startswith("key_12_") for name in names)  # others in each message
+    numbers = [int(name[len("key_12_"):]) for name in names]
+    assert numbers != sorted(numbers) and sorted(numbers) == list(range(keys))
+
+
+@pytest.mark.parametrize("pairs", calls.MEMBERS)
+def test_a_line_of_pairs(pairs: int) -> None:
+    items = member_of(calls.listed("ping", 12, {}, pairs))["list"]
+    assert len(items) == 2 * pairs and set(items[1::2]) == {None}
+    assert sorted(items[::2]) == list(range(pairs))
+
+
+def test_listeners_of_those_that_have_sessions(monkeypatch: pytest.MonkeyPatch) -> None:
+    asked: "list[tuple[str, int, int]]" = []
+
+    def measured(one: Peer, listeners: int, of_each: int) -> "tuple[float, float]":
+        asked.append((one.name, listeners, of_each))
+        return listeners * 10.0, listeners * 2.0
+
+    monkeypatch.setattr(sessions, "measured", measured)
+    servers = [Peer(name, "1", [], {}, "query", session_processes=processes)
+               for name, processes in (("ours", 1), ("with", 0), ("without", None))]
+    opening, memory, of_peer, _ = sessions.of_listeners(servers, 2)
+    assert (opening.peer, memory.peer, of_peer.peer) == ("", "", "with")
+    assert opening.samples == {count: [count * 10.0] * 2 for count in sessions.LISTENERS}
+    assert memory.samples[32] == [64.0, 64.0] and max(of_peer.samples) == 8
+    assert {of_each for _, _, of_each in asked} == {sessions.SESSIONS[-1]}
+    assert {name for name, *_ in asked} == {"ours", "with"}
 
 
 @pytest.mark.parametrize("cells, rows, of_one_row, good", [
