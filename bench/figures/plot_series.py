@@ -107,6 +107,8 @@ PANELS = [
     Panel("keys of one object", "key", {"parse": "keys: parse",
                                         "check for duplicates, which sorts": growth_tables.SORTS}),
     Panel("pairs of tokens in a list", "pair", {"parse": "pairs of tokens: parse"}),
+    Panel("keys of one object in a ping", "key", {ALL: "keys: ping"}),
+    Panel("pairs of tokens of a list in a ping", "pair", {ALL: "pairs of tokens: ping"}),
     Panel("bytes of one message", "byte", {"ping": "bytes: ping",
                                            "policy-answered call": "bytes: call"}),
     Panel("cells of a query: 64 columns, or 256 rows", "cell",

@@ -39,6 +39,6 @@ PLOTS = [
     Plot("scale", plot_series.scale, "scale",
          "The time of calls among a thousand sessions, and the memory while they are made"),
     Plot("growth", plot_series.growth, "growth",
-         "Cost against the number of keys, tokens, bytes, cells, sessions and listeners, "
-         "beside two other servers"),
+         "Cost against the number of keys, tokens, bytes, rows, columns, sessions and listeners, "
+         "with other servers where they have the same"),
 ]
