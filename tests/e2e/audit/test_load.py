@@ -171,3 +171,10 @@ def test_no_record_is_lost_while_the_file_is_renamed_again_and_again(asks, load,
         load.run(asks)
     assert len(rotation.files) > 0
     load.expect_every_record(rotation.all_files())
+
+
+def test_a_quiet_session_loses_none_while_the_file_is_renamed(asks, load, audit):
+    with Rotation(audit) as rotation:
+        assert load.run_beside(asks[0], asks[1:]) > 0
+    assert len(rotation.files) > 0
+    load.expect_every_record(rotation.all_files())

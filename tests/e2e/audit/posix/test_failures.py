@@ -10,8 +10,9 @@ import pytest
 
 from harness import audit_files
 from harness.audit_calls import ServerWithOutputFile, in_server, in_worker
-from harness.messages import ping, pong, tool_success_reply
-from harness.tool_calls import filtered
+from harness.messages import call, ping, pong, tool_success_reply
+from harness.tool_calls import filtered, result_json
+from harness.write_calls import TOOL, WRITES, write_arguments
 
 LISTED = filtered(["ORDERS", "ITEMS"])
 
@@ -46,6 +47,20 @@ def test_a_file_size_limit_changes_no_reply(start, policy, tmp_path, made):
         result = server.finish()
         assert (len(result.lines), result.stderr, result.code) == (4, b"", 0)
         assert audit.stat().st_size == full  # a part of a record is taken back
+
+
+def test_a_write_is_done_and_reported_under_a_file_size_limit(start, policy, engine, tmp_path):
+    audit = tmp_path / "audit"
+    earlier = b"x" * 998 + b"\r\n"
+    audit.write_bytes(earlier)
+    env = {**engine.env, **policy(**WRITES), "KOVA_MCP_AUDIT": audit}
+    server = start(env=env, prepare=lambda: (
+        resource.setrlimit(resource.RLIMIT_FSIZE, (len(earlier), len(earlier)))))
+    server.initialize()
+    reply = server.ask(call(1, TOOL, write_arguments("DELETE FROM T")))
+    assert reply == tool_success_reply("1", result_json())
+    assert engine.queries() == [b"DELETE FROM T;"]
+    assert audit.read_bytes() == earlier
 
 
 @pytest.mark.parametrize("made", [in_worker, in_server])
