@@ -28,8 +28,9 @@ add_library(kova_hardening INTERFACE)
 target_compile_definitions(kova_hardening INTERFACE _GLIBCXX_ASSERTIONS)
 target_compile_options(kova_hardening INTERFACE
   $<$<CXX_COMPILER_ID:GNU>:-ftrivial-auto-var-init=zero>)
-# With it bench/run hardening takes one of the options back.
+# With them bench/run hardening takes one of the options back.
 set(KOVA_LAST_OPTIONS "" CACHE STRING "compiler options behind all others")
+set(KOVA_LAST_LINK_OPTIONS "" CACHE STRING "linker options behind all others")
 if(WIN32)
   # The runtime formats numbers as C does, so that both targets print the same digits.
   target_compile_definitions(kova_hardening INTERFACE
@@ -52,3 +53,4 @@ else()
   endif()
 endif()
 target_compile_options(kova_hardening INTERFACE ${KOVA_LAST_OPTIONS})
+target_link_options(kova_hardening INTERFACE ${KOVA_LAST_LINK_OPTIONS})

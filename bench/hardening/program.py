@@ -15,7 +15,7 @@ import wine
 from common.stdio import Failed
 from figures import record
 from figures.conditions import Moment
-from figures.hardening_tables import OPTIONS
+from figures.hardening_tables import OPTIONS, Without
 from harness.targets import Target
 from runner import installing
 
@@ -25,10 +25,10 @@ LINE = re.compile(r" ms +ratio +([\d.]+) +undisturbed +([\d.]+) ")
 """A line of compare-workers."""
 
 
-def built(build: Path, target: str, number: int, against: str) -> Path:
-    """The executable without one option: `against` takes it back."""
+def built(build: Path, target: str, number: int, without: Without) -> Path:
     folder = build / "hardening" / str(number)
-    installing.build(folder, target, ["kova-mcp"], f"-DKOVA_LAST_OPTIONS={against}")
+    installing.build(folder, target, ["kova-mcp"], f"-DKOVA_LAST_OPTIONS={without.compiler}",
+                     f"-DKOVA_LAST_LINK_OPTIONS={without.linker}")
     return Target(target, folder / target, wine.default_prefix()).executable
 
 
