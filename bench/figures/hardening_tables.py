@@ -11,7 +11,7 @@ BOTH = ("linux", "windows")
 
 
 class Without(NamedTuple):
-    """The options that take one back."""
+    """The compiler's and the linker's options that take a hardening option back."""
 
     compiler: str = ""
     linker: str = ""

@@ -92,17 +92,15 @@ def check_rows(name: str, reply: bytes, rows: int, of_one_row: int) -> None:
 def of_pings(all_peers: "list[Peer]", rounds: int) -> "list[Series]":
     """A ping of all servers with more and more keys, tokens and bytes, and a call of ours with
     more and more bytes."""
-    return [*_of_pings("keys", "keys of a ping", MEMBERS, keyed, all_peers, rounds),
-            *_of_pings("pairs of tokens", "pairs of tokens in a ping", MEMBERS, listed, all_peers,
-                       rounds),
-            *_of_pings("bytes", "bytes of a ping", BYTES, padded, all_peers, rounds,
-                       "bytes of a call")]
+    return [*_of_pings("keys", MEMBERS, keyed, all_peers, rounds),
+            *_of_pings("pairs of tokens", MEMBERS, listed, all_peers, rounds),
+            *_of_pings("bytes", BYTES, padded, all_peers, rounds, with_calls=True)]
 
 
-def _of_pings(kind: str, of: str, sizes: "list[int]", sized: Sized, all_peers: "list[Peer]",
-              rounds: int, of_call: str = "") -> "list[Series]":
-    """With `of_call`, what its items are, also a call of those sizes that the policy of ours, the
-    first of the servers, answers."""
+def _of_pings(items: str, sizes: "list[int]", sized: Sized, all_peers: "list[Peer]", rounds: int,
+              with_calls: bool = False) -> "list[Series]":
+    """With calls, also those of the same sizes that the policy of ours, the first of the servers,
+    answers."""
     ours, numbers = all_peers[0], itertools.count(1)
 
     def ping(program: Program, size: int) -> float:
@@ -112,12 +110,14 @@ def _of_pings(kind: str, of: str, sizes: "list[int]", sized: Sized, all_peers: "
         programs = {peer.name: started(stack, peer) for peer in all_peers}
         subjects: Subjects = {(name, "ping", size): partial(ping, program, size)
                               for size in sizes for name, program in programs.items()}
-        for size in sizes if of_call else []:
+        for size in sizes if with_calls else []:
             request = sized("tools/call", next(numbers), POLICY_ANSWERED, size)
             subjects[ours.name, "call", size] = partial(programs[ours.name].asked, request)
         found = by_turns(subjects, min(rounds, IDS // len(sizes) - 1))
-    calls = _series(f"{kind}: call", of_call, "call", [ours], found) if of_call else []
-    return [*_series(f"{kind}: ping", of, "ping", all_peers, found), *calls]
+    pings = _series(f"{items}: ping", f"{items} of a ping", "ping", all_peers, found)
+    if not with_calls:
+        return pings
+    return [*pings, *_series(f"{items}: call", f"{items} of a call", "call", [ours], found)]
 
 
 def _series(name: str, of: str, kind: str, of_peers: "list[Peer]",

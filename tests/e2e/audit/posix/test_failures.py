@@ -54,13 +54,22 @@ def test_a_write_is_done_and_reported_under_a_file_size_limit(start, policy, eng
     earlier = b"x" * 998 + b"\r\n"
     audit.write_bytes(earlier)
     env = {**engine.env, **policy(**WRITES), "KOVA_MCP_AUDIT": audit}
+    _, most = resource.getrlimit(resource.RLIMIT_FSIZE)
     server = start(env=env, prepare=lambda: (
-        resource.setrlimit(resource.RLIMIT_FSIZE, (len(earlier), len(earlier)))))
+        resource.setrlimit(resource.RLIMIT_FSIZE, (len(earlier), most))))
     server.initialize()
-    reply = server.ask(call(1, TOOL, write_arguments("DELETE FROM T")))
-    assert reply == tool_success_reply("1", result_json())
-    assert engine.queries() == [b"DELETE FROM T;"]
+
+    def delete(number: int) -> None:
+        reply = server.ask(call(number, TOOL, write_arguments("DELETE FROM T")))
+        assert reply == tool_success_reply(str(number), result_json())
+        assert engine.queries() == [b"DELETE FROM T;"] * number
+
+    delete(1)
     assert audit.read_bytes() == earlier
+    resource.prlimit(server.process.pid, resource.RLIMIT_FSIZE, (most, most))
+    delete(2)
+    record = audit.read_bytes().removeprefix(earlier)
+    assert json.loads(record)["correlation_id"] == "2"
 
 
 @pytest.mark.parametrize("made", [in_worker, in_server])
