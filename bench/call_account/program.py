@@ -9,7 +9,8 @@ import time
 from pathlib import Path
 from typing import Any, Callable
 
-from call_account.stages import FIGURES, Stage, cut, marks_of_call, marks_of_floor
+from call_account.stages import (FIGURES, ServerThreads, Stage, cut, marks_of_call,
+                                 marks_of_floor)
 from call_account.tracing import Event, Trace, Unavailable
 from common.messages import line
 from common.stdio import Failed, Program
@@ -111,6 +112,11 @@ class Account:
         self.engine = asked.engine
         self.driver = os.getpid()
         lists = tool_call("kova_list_tables", {})
+        # The first call starts the thread of the calls.
+        self.server.asked(lists)
+        reads = self.server.process.pid
+        (calls,) = threads_of(reads) - {reads}
+        self.threads = ServerThreads(reads, calls)
         query = tool_call("kova_query", {"sql": asked.query})
         self.subjects = [
             Subject("empty program", lambda: float(self.floor.exchange(lists)), self._cut_floor),
@@ -118,7 +124,7 @@ class Account:
             Subject("kova_query", lambda: self.server.asked(query), self._cut_call)]
 
     def run(self, calls: int) -> None:
-        trace = Trace([self.driver, self.server.process.pid, self.floor.process.pid,
+        trace = Trace([self.driver, *self.threads, self.floor.process.pid,
                        *threads_of(self.engine)])
         try:
             for _ in range(0, calls, BLOCK):
@@ -138,9 +144,9 @@ class Account:
 
     def _cut_call(self, events: "list[Event]") -> "list[Stage]":
         assert self.server.process.stdin is not None
-        marks = marks_of_call(events, self.driver, self.server.process.pid,
+        marks = marks_of_call(events, self.driver, self.threads,
                               self.server.process.stdin.fileno())
-        return cut(events, marks, pids_of(events, {self.server.process.pid}),
+        return cut(events, marks, pids_of(events, set(self.threads)),
                    pids_of(events, threads_of(self.engine)))
 
 

@@ -8,7 +8,7 @@ of the two: then a wake is on its way, or something else runs.
 from __future__ import annotations
 
 from dataclasses import dataclass
-from typing import Callable, Iterable
+from typing import Callable, Iterable, NamedTuple
 
 from call_account.tracing import Event
 
@@ -47,6 +47,12 @@ class Stage:
 FIGURES = ("product", "engine", "neither", "product_processor", "engine_processor", "faults")
 Mark = tuple[str, float]
 """A stage, and when it ends."""
+
+
+class ServerThreads(NamedTuple):
+    reads: int
+    calls: int
+    """The one that runs the tool calls."""
 
 
 class Finder:
@@ -102,15 +108,14 @@ def marks_of_floor(events: "list[Event]", starter: int) -> "list[Mark]":
     return found.marks
 
 
-def marks_of_call(events: "list[Event]", driver: int, server: int,
+def marks_of_call(events: "list[Event]", driver: int, server: ServerThreads,
                   descriptor: int) -> "list[Mark]":
     """`descriptor` is the one into which this process writes the request."""
     found = Finder(events, 0)
     found.mark("", found.find(driver, "sys_enter", WRITE, _is_first(descriptor)))
-    found.mark("the server's wake", found.find(server, "sys_exit", READ))
-    thread = child_of(events, server)
-    child = child_of(events, thread)
-    found.mark("look at the message, thread", found.find(thread, "sys_enter", PIPE2))
+    found.mark("the server's wake", found.find(server.reads, "sys_exit", READ))
+    child = child_of(events, server.calls)
+    found.mark("look at the message, hand over", found.find(server.calls, "sys_enter", PIPE2))
     _until_main(found, child)
     found.mark("loading, relocating", found.find(child, "sys_enter", PRCTL))
     policy = found.mark("own start-up", found.find(
@@ -125,8 +130,9 @@ def marks_of_call(events: "list[Event]", driver: int, server: int,
     found.mark("reply", found.find(child, "sys_exit", WRITE))
     _audit_record(found, child)
     found.mark("disconnect", found.find(child, "sys_enter", EXIT_GROUP))
-    _end(found, child, found.find(thread, "sys_exit", WAITID))
-    found.mark("collect, pass the reply on", found.find(thread, "sys_enter", WRITE, _is_first(1)))
+    _end(found, child, found.find(server.calls, "sys_exit", WAITID))
+    found.mark("collect, pass the reply on",
+               found.find(server.calls, "sys_enter", WRITE, _is_first(1)))
     found.mark("the client's wake", found.find(driver, "sys_exit", READ))
     return found.marks
 

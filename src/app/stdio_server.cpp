@@ -4,11 +4,11 @@
 #include <string_view>
 
 #include "app/prescan.h"
+#include "app/tool_thread.h"
 #include "app/tool_worker.h"
 #include "app/trace.h"
 #include "base/text.h"
 #include "json/reply.h"
-#include "platform/thread.h"
 #include "tools/tool.h"
 
 namespace kova {
@@ -17,8 +17,8 @@ namespace {
 
 constexpr std::uint32_t kBusyWaitMs = 50;
 
-/// The reading thread: frames messages, serves those that need no tool, starts the one tool call
-/// that may run at a time and cancels it.
+/// The reading thread: frames messages, serves those that need no tool, hands the one tool call
+/// that may run at a time to its thread and cancels it. Destruction waits for that call.
 class StdioServer {
  public:
   StdioServer(LineReader& lines, ProtocolState& state, ToolContext& tools)
@@ -30,7 +30,6 @@ class StdioServer {
       RpcError error;
       if (!serve(line, error)) write_error_reply({}, error.code, error.message);
     }
-    worker_.join();
   }
 
  private:
@@ -57,14 +56,12 @@ class StdioServer {
 
   [[nodiscard]] bool handle(std::string_view message, RpcError& error) {
     const Prescan found = prescan(message);
-    collect_worker(0);
     if (found.is_cancel && is_active() &&
         std::string_view(found.cancelled_id) == tool_.ActiveRequestId) {
       cancel();
       return true;
     }
-    if (is_active()) collect_worker(kBusyWaitMs);
-    if (is_active()) {
+    if (is_active() && !thread_.idle_within(kBusyWaitMs)) {
       refuse_as_busy(found);
       return true;
     }
@@ -74,10 +71,6 @@ class StdioServer {
   }
 
   [[nodiscard]] bool is_active() const { return tool_.ToolActive.load() != 0; }
-
-  void collect_worker(std::uint32_t wait_ms) {
-    if (worker_.joinable() && worker_.join_within(wait_ms)) tool_.ToolActive.store(0);
-  }
 
   void cancel() {
     trace("MCP_TRACE event=cancel_matched request_id=%s\n", tool_.ActiveRequestId);
@@ -102,12 +95,10 @@ class StdioServer {
   [[nodiscard]] bool start_tool(std::string_view message, const Prescan& found, RpcError& error) {
     ToolJob* const job = make_tool_job(tool_, message, found.raw_id);
     if (job == nullptr) return refuse(error, kInternalError, kServerMemoryLimit);
-    // The last call's thread clears ToolActive before it ends.
-    worker_.join();
     set_active_request_id(found.raw_id);
     tool_.CancelRequested.store(0);
     tool_.ToolActive.store(1);
-    if (worker_.start(run_tool_job, job)) return true;
+    if (thread_.run(job)) return true;
     tool_.ToolActive.store(0);
     std::free(job);
     return refuse(error, kInternalError, "worker creation failed");
@@ -129,7 +120,7 @@ class StdioServer {
   ProtocolState& protocol_;
   ToolContext& context_;
   ToolState tool_;
-  Thread worker_;
+  ToolThread thread_{tool_};
   bool first_line_ = true;
 };
 

@@ -89,8 +89,7 @@ ToolJob* make_tool_job(ToolState& state, std::string_view message, std::string_v
   return job;
 }
 
-void* run_tool_job(void* argument) {
-  auto* const job = static_cast<ToolJob*>(argument);
+void run_tool_job(ToolJob* job) {
   ToolState& state = *job->state;
   trace("MCP_TRACE event=tool_worker_start request_id=%s isolation=process\n",
         state.ActiveRequestId);
@@ -111,7 +110,6 @@ void* run_tool_job(void* argument) {
         static_cast<unsigned long>(exit_code));
   std::free(job);
   state.ToolActive.store(0);
-  return nullptr;
 }
 
 }  // namespace kova

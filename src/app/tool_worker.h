@@ -1,4 +1,4 @@
-// The thread of the stdio server that runs one tool call in a child process and writes its reply.
+// One tool call of the stdio server, in a child process: what the thread of the calls does.
 #pragma once
 
 #include <atomic>
@@ -19,7 +19,7 @@ struct ToolState {
   /// collected is never signalled.
   SpinLock worker_process_lock;
   ChildProcess* WorkerProcess = nullptr;
-  /// Written by the reading thread while no worker exists.
+  /// Written by the reading thread while no call is active.
   char ActiveRequestId[kIdCapacity] = {};
 };
 
@@ -35,9 +35,8 @@ struct ToolJob {
 [[nodiscard]] ToolJob* make_tool_job(ToolState& state, std::string_view message,
                                      std::string_view raw_id);
 
-/// The worker thread: starts the child, writes the message to it, writes its reply line, the
+/// Runs one call: starts the child, writes the message to it, writes its reply line, the
 /// cancelled result or an error to standard output, frees the job and clears ToolActive last.
-/// Returns null.
-void* run_tool_job(void* job);
+void run_tool_job(ToolJob* job);
 
 }  // namespace kova

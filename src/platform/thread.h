@@ -21,8 +21,7 @@ class Thread {
   [[nodiscard]] bool start(Entry entry, void* argument);
   /// Whether a thread was started and not yet joined.
   [[nodiscard]] bool joinable() const { return joinable_; }
-  /// Waits at most so long for the thread to end and joins it then; true when none is left.
-  [[nodiscard]] bool join_within(std::uint32_t milliseconds);
+  /// Waits for its end, if there is one.
   void join();
 
  private:
@@ -131,6 +130,8 @@ class Condition {
   /// Releases the held mutex until notified. May return without a notification: the caller checks
   /// its condition again.
   void wait(Mutex& mutex);
+  /// As `wait`, for at most so long.
+  void wait_within(Mutex& mutex, std::uint32_t milliseconds);
   void notify_all();
 
  private:

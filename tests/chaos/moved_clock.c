@@ -74,12 +74,11 @@ int gettimeofday(struct timeval* restrict at, void* restrict zone) {
 }
 
 // A deadline was reckoned from the moved clock; the kernel waits by its own.
-int pthread_clockjoin_np(pthread_t thread, void** result, clockid_t clock,
-                         const struct timespec* until) {
-  int (*const join)(pthread_t, void**, clockid_t, const struct timespec*) =
-      (int (*)(pthread_t, void**, clockid_t, const struct timespec*))dlsym(RTLD_NEXT,
-                                                                           "pthread_clockjoin_np");
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                           const struct timespec* until) {
+  typedef int Wait(pthread_cond_t*, pthread_mutex_t*, clockid_t, const struct timespec*);
+  Wait* const wait = (Wait*)dlsym(RTLD_NEXT, "pthread_cond_clockwait");
   struct timespec real = *until;
   add(&real, -move_of(clock));
-  return join(thread, result, clock, &real);
+  return wait(condition, mutex, clock, &real);
 }

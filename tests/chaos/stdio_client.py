@@ -136,8 +136,8 @@ class _Life:
         self._settle()
 
     def rest(self) -> bool:
-        """Lets the server collect the last worker, and its threads end. False when nobody reads its
-        replies, or it has ended."""
+        """Lets the server finish with the last worker. False when nobody reads its replies, or it
+        has ended."""
         if self.deaf or self.has_ended:
             return False
         self._ping()

@@ -1,14 +1,15 @@
 /* A tool call of the stdio server, its child process and its cancel.
  *
  * Mirrors, one step per access to what the threads share:
- *   src/app/stdio_server.cpp   handle, collect_worker, cancel, terminate_worker_process,
- *                              refuse_as_busy, start_tool, and the join at the end of run
+ *   src/app/stdio_server.cpp   handle, cancel, terminate_worker_process, refuse_as_busy, start_tool
+ *   src/app/tool_thread.cpp    all of it: the calls' thread, started by the first one and kept
  *   src/app/tool_worker.cpp    publish, withdraw, read_reply, run_child, pass_on, run_tool_job
+ *   src/platform/thread.h      Mutex and Condition, which only those who wait hear
  *   src/platform/process.h     what ChildProcess promises about terminate, wait and collect
  *   src/json/output_lock.h     one line at a time on standard output
  *
- * Calls and threads have the same numbers, 1 to CALLS; 0 is none. A child replies and ends, fails,
- * or hangs until it is terminated.
+ * Calls have the numbers 1 to CALLS; 0 is none. A child replies and ends, fails, or hangs until it
+ * is terminated.
  *
  * Shown for every interleaving: each call has exactly one reply; only a running or ended child is
  * signalled, never a collected one; a cancel that matched ends a child that would never end, and
@@ -30,8 +31,12 @@ bool ToolActive, CancelRequested;
 bool worker_process_lock, OutputLock;
 byte WorkerProcess, ActiveRequestId;
 
-/* What the system keeps: threads and children. */
-bool thread_ended[CALLS + 1];
+/* ToolThread, and who waits for a notification. */
+bool mutex, ending, thread_runs, thread_ended;
+bool reader_waits, thread_waits;
+byte job;
+
+/* What the system keeps: children. */
 mtype child[CALLS + 1] = NotStarted;
 bool hangs[CALLS + 1], succeeds[CALLS + 1], terminated[CALLS + 1];
 
@@ -42,6 +47,16 @@ bool writing_line;
 
 inline spin_lock(lock) { atomic { !lock -> lock = true } }
 inline spin_unlock(lock) { lock = false }
+
+inline lock_mutex() { atomic { !mutex -> mutex = true } }
+inline unlock_mutex() { mutex = false }
+inline notify_all() { atomic { reader_waits = false; thread_waits = false } }
+
+/* Condition::wait: lets the mutex go and sleeps in one step. */
+inline wait(waits) {
+  atomic { mutex = false; waits = true };
+  atomic { !waits && !mutex -> mutex = true }
+}
 
 inline write_line(call) {
 #ifndef NO_OUTPUT_LOCK
@@ -76,9 +91,8 @@ proctype child_process(byte call) {
   child[call] = Ended
 }
 
-/* run_tool_job. */
-proctype worker_thread(byte call) {
-  bool succeeded = false;
+inline run_tool_job(call) {
+  succeeded = false;
   if
   :: child[call] = Running; run child_process(call)
   :: goto reply /* the child does not start */
@@ -119,43 +133,80 @@ reply:
   fi;
   assert(job_allocated[call]); /* freed once */
   job_allocated[call] = false;
-  ToolActive = false;
-  thread_ended[call] = true
+  ToolActive = false
 }
 
-/* collect_worker(0) and the join_within of collect_worker(50), which may come back too early. */
-inline collect_worker(may_give_up) {
-  if
-  :: joinable == 0
-  :: joinable != 0 ->
+/* ToolThread::serve and next_job. */
+proctype tool_thread() {
+  byte call = 0;
+  bool succeeded = false;
+  do
+  :: lock_mutex();
+#ifndef NO_NOTICE_OF_THE_END
+    notify_all();
+#endif
+    do
+    :: job == 0 && !ending -> wait(thread_waits)
+    :: else -> break
+    od;
+    call = job;
+    job = 0;
+    unlock_mutex();
     if
-    :: thread_ended[joinable] -> joinable = 0; ToolActive = false
-    :: !thread_ended[joinable] && may_give_up
-    fi
-  fi
+    :: call == 0 -> break
+    :: else
+    fi;
+    run_tool_job(call)
+  od;
+  thread_ended = true
 }
 
-inline join() {
+/* ToolThread::idle_within, which may give up. */
+inline idle_within(idle) {
+  lock_mutex();
+  idle = !ToolActive;
+  do
+  :: !ToolActive -> idle = true; break
+  :: ToolActive -> break /* the time is over */
+  :: ToolActive -> wait(reader_waits)
+  od;
+  unlock_mutex()
+}
+
+/* The destruction of ToolThread. */
+inline end_thread() {
+  lock_mutex();
+  ending = true;
+  unlock_mutex();
+  notify_all();
   if
-  :: joinable == 0
-  :: joinable != 0 -> thread_ended[joinable]; joinable = 0
+  :: thread_runs -> thread_ended
+  :: else
   fi
 }
 
 inline start_tool(call) {
   job_allocated[call] = true;
-#ifndef NO_JOIN_BEFORE_START
-  join();
-#endif
   ActiveRequestId = call;
 #ifndef NO_RESET_OF_THE_CANCEL
   CancelRequested = false;
 #endif
   ToolActive = true;
-  assert(joinable == 0); /* Thread::start needs an object whose last thread was joined */
   if
-  :: run worker_thread(call); joinable = call
-  :: ToolActive = false; job_allocated[call] = false; write_line(call) /* no thread to be had */
+  :: !thread_runs -> thread_runs = true; run tool_thread()
+  :: !thread_runs /* no thread to be had */
+  :: thread_runs
+  fi;
+  if
+  :: thread_runs ->
+    lock_mutex();
+    assert(job == 0);
+    job = call;
+    unlock_mutex();
+#ifndef NO_NOTICE_OF_A_JOB
+    notify_all()
+#endif
+  :: else -> ToolActive = false; job_allocated[call] = false; write_line(call)
   fi
 }
 
@@ -185,7 +236,8 @@ inline cancel() {
 /* The reading thread: up to MESSAGES messages, each a call with a fresh id, a cancel of any call
  * so far, or a ping, which is replied to like a call that is refused. */
 active proctype reading_thread() {
-  byte received = 0, calls = 0, joinable = 0, target = 0, cancelled = 0, i = 0;
+  byte received = 0, calls = 0, target = 0, cancelled = 0, i = 0;
+  bool idle = false;
   do
   :: received < MESSAGES && calls < CALLS -> /* tools/call */
     received++;
@@ -196,31 +248,30 @@ active proctype reading_thread() {
     :: succeeds[calls] = true
     :: skip
     fi;
-    collect_worker(true);
+    idle = true;
     if
-    :: ToolActive -> collect_worker(true)
+    :: ToolActive -> idle_within(idle)
     :: else
     fi;
     if
-    :: ToolActive -> write_line(calls) /* refuse_as_busy */
-    :: else -> start_tool(calls)
+    :: !idle -> write_line(calls) /* refuse_as_busy */
+    :: idle -> start_tool(calls)
     fi
   :: received < MESSAGES && calls > 0 -> /* notifications/cancelled, no reply */
     received++;
     select(cancelled : 1 .. calls);
-    collect_worker(true);
     if
     :: ToolActive ->
       if
       :: ActiveRequestId == cancelled -> cancel()
-      :: else -> collect_worker(true)
+      :: else -> idle_within(idle)
       fi
     :: else
     fi;
     cancelled = 0
   :: break /* end of input, at any time */
   od;
-  join();
+  end_thread();
   for (i : 1 .. calls) {
     assert(replies[i] == 1); /* exactly one reply per call */
     assert(!job_allocated[i]);

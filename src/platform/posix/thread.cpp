@@ -29,20 +29,6 @@ bool Thread::start(Entry entry, void* argument) {
   return joinable_;
 }
 
-bool Thread::join_within(std::uint32_t milliseconds) {
-  if (!joinable_) return true;
-  timespec until{};
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec += milliseconds / 1000;
-  until.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
-  if (until.tv_nsec >= 1000000000) {
-    until.tv_nsec -= 1000000000;
-    ++until.tv_sec;
-  }
-  joinable_ = ::pthread_clockjoin_np(handle_, nullptr, CLOCK_MONOTONIC, &until) != 0;
-  return !joinable_;
-}
-
 void Thread::join() {
   if (joinable_) ::pthread_join(handle_, nullptr);
   joinable_ = false;
@@ -73,6 +59,18 @@ void Mutex::unlock() {
 void Condition::wait(Mutex& mutex) {
   static_assert(sizeof(pthread_cond_t) <= kSize);
   ::pthread_cond_wait(condition_of(state_), mutex_of(mutex.state_));
+}
+
+void Condition::wait_within(Mutex& mutex, std::uint32_t milliseconds) {
+  timespec until{};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_sec += milliseconds / 1000;
+  until.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
+  if (until.tv_nsec >= 1000000000) {
+    until.tv_nsec -= 1000000000;
+    ++until.tv_sec;
+  }
+  ::pthread_cond_clockwait(condition_of(state_), mutex_of(mutex.state_), CLOCK_MONOTONIC, &until);
 }
 
 void Condition::notify_all() {

@@ -50,16 +50,11 @@ bool Thread::start(Entry entry, void* argument) {
   return joinable_;
 }
 
-bool Thread::join_within(std::uint32_t milliseconds) {
-  if (!joinable_) return true;
-  if (::WaitForSingleObject(handle_of(handle_), milliseconds) == WAIT_TIMEOUT) return false;
+void Thread::join() {
+  if (!joinable_) return;
+  ::WaitForSingleObject(handle_of(handle_), INFINITE);
   ::CloseHandle(handle_of(handle_));
   joinable_ = false;
-  return true;
-}
-
-void Thread::join() {
-  static_cast<void>(join_within(INFINITE));
 }
 
 bool start_detached(Thread::Entry entry, void* argument) {
@@ -86,7 +81,11 @@ void Mutex::unlock() {
 
 void Condition::wait(Mutex& mutex) {
   static_assert(sizeof(CONDITION_VARIABLE) <= kSize);
-  ::SleepConditionVariableSRW(condition_of(state_), lock_of(mutex.state_), INFINITE, 0);
+  wait_within(mutex, INFINITE);
+}
+
+void Condition::wait_within(Mutex& mutex, std::uint32_t milliseconds) {
+  ::SleepConditionVariableSRW(condition_of(state_), lock_of(mutex.state_), milliseconds, 0);
 }
 
 void Condition::notify_all() {

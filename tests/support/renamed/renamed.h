@@ -2,7 +2,7 @@
 // library: a function that the test program defines takes the place of the library's whole object
 // file. The files of this folder compile that object's source once more, with the functions that
 // are to be replaced under the names below; digest_failure.cpp, random_failure.cpp,
-// thread_failure.cpp, join_watch.cpp and child_watch.cpp define the replaced ones and call these.
+// thread_failure.cpp, wait_watch.cpp and child_watch.cpp define the replaced ones and call these.
 #pragma once
 
 #include <cstddef>
@@ -24,7 +24,7 @@ namespace kova {
 namespace testing {
 
 [[nodiscard]] bool real_thread_start(Thread& thread, Thread::Entry entry, void* argument);
-[[nodiscard]] bool real_thread_join_within(Thread& thread, std::uint32_t milliseconds);
+void real_wait_within(Condition& condition, Mutex& mutex, std::uint32_t milliseconds);
 [[nodiscard]] bool real_child_start(ChildProcess& child, const char* argument);
 [[nodiscard]] std::uint32_t real_child_collect(ChildProcess& child);
 

@@ -1,13 +1,13 @@
 // The product's threads with some functions under other names (see renamed.h).
 #define start real_start
 #define start_detached real_start_detached
-#define join_within real_join_within
+#define wait_within real_wait_within
 
 #include KOVA_THREAD_SOURCE
 
 #undef start
 #undef start_detached
-#undef join_within
+#undef wait_within
 #include "support/renamed/renamed.h"
 
 namespace kova::testing {
@@ -16,8 +16,8 @@ bool real_thread_start(Thread& thread, Thread::Entry entry, void* argument) {
   return thread.real_start(entry, argument);
 }
 
-bool real_thread_join_within(Thread& thread, std::uint32_t milliseconds) {
-  return thread.real_join_within(milliseconds);
+void real_wait_within(Condition& condition, Mutex& mutex, std::uint32_t milliseconds) {
+  condition.real_wait_within(mutex, milliseconds);
 }
 
 }  // namespace kova::testing

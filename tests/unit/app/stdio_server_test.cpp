@@ -20,8 +20,8 @@
 #include "support/captured_output.h"
 #include "support/child_modes.h"
 #include "support/environment.h"
-#include "support/join_watch.h"
 #include "support/thread_failure.h"
+#include "support/wait_watch.h"
 
 namespace kova {
 namespace {
@@ -354,10 +354,10 @@ TEST_F(StdioServer, WhileACallRunsEverythingElseIsRefused) {
 
 TEST_F(StdioServer, AMessageWaitsFor50MsForTheCallsEnd) {
   mode_.set(testing::kChildHang);
-  const testing::JoinWatch waits;
+  const testing::WaitWatch waits;
   std::uint32_t waited_ms = 0;
   EXPECT_EQ(serve({send(call("1") + "\n"), send(ping("2") + "\n"), await_output(busy("2")),
-                   then([&] { waited_ms = testing::JoinWatch::longest_ms(); }), send(cancel("1"))}),
+                   then([&] { waited_ms = testing::WaitWatch::longest_ms(); }), send(cancel("1"))}),
             busy("2") + cancelled_reply("1"));
   EXPECT_EQ(waited_ms, 50U);
 }

@@ -29,46 +29,7 @@ void* pass_gate(void* argument) {
 TEST(Thread, NothingToJoin) {
   Thread thread;
   EXPECT_FALSE(thread.joinable());
-  EXPECT_TRUE(thread.join_within(0));
-  EXPECT_TRUE(thread.join_within(1000));
   thread.join();
-  EXPECT_FALSE(thread.joinable());
-}
-
-TEST(Thread, JoinWithinWaitsAsLongAsItMay) {
-  Gate gate;
-  Thread thread;
-  ASSERT_TRUE(thread.start(pass_gate, &gate));
-  EXPECT_TRUE(thread.joinable());
-  EXPECT_FALSE(thread.join_within(0));
-  const std::uint64_t start = tick_ms();
-  EXPECT_FALSE(thread.join_within(60));
-  EXPECT_GE(tick_ms() - start + 20, 60U);
-  EXPECT_TRUE(thread.joinable());
-  EXPECT_FALSE(gate.left);
-  gate.open = true;
-  EXPECT_TRUE(thread.join_within(60000));
-  EXPECT_TRUE(gate.left);
-  EXPECT_FALSE(thread.joinable());
-  EXPECT_TRUE(thread.join_within(0));
-}
-
-TEST(Thread, JoinWithinWaitsNoLongerThanItMay) {
-  Gate gate;
-  Thread thread;
-  ASSERT_TRUE(thread.start(pass_gate, &gate));
-  const auto wait = [&thread] { EXPECT_FALSE(thread.join_within(10)); };
-  EXPECT_LT(testing::shortest_ms(1000, wait), 1000U);
-  gate.open = true;
-}
-
-TEST(Thread, AnEndedThreadIsFoundByPolling) {
-  Gate gate;
-  gate.open = true;
-  Thread thread;
-  ASSERT_TRUE(thread.start(pass_gate, &gate));
-  while (!thread.join_within(0)) yield_thread();
-  EXPECT_TRUE(gate.left);
   EXPECT_FALSE(thread.joinable());
 }
 
@@ -78,11 +39,8 @@ TEST(Thread, TheObjectIsUsedAgain) {
     Gate gate;
     gate.open = true;
     ASSERT_TRUE(thread.start(pass_gate, &gate));
-    if (round % 2 == 0) {
-      thread.join();
-    } else {
-      ASSERT_TRUE(thread.join_within(60000));
-    }
+    EXPECT_TRUE(thread.joinable());
+    thread.join();
     EXPECT_TRUE(gate.left);
     EXPECT_FALSE(thread.joinable());
   }
@@ -216,6 +174,39 @@ TEST(Condition, WakesEveryWaiter) {
   for (Thread& thread : threads) ASSERT_TRUE(thread.start(wait, &counter));
   add_many(&counter);
   for (Thread& thread : threads) thread.join();
+}
+
+TEST(Condition, WaitsAsLongAsItMay) {
+  WaitedCounter counter;
+  const MutexGuard guard(counter.mutex);
+  const std::uint64_t start = tick_ms();
+  // A wait may end early.
+  for (int i = 0; i < 1000 && tick_ms() - start + 20 < 60; ++i) {
+    counter.changed.wait_within(counter.mutex, 60);
+  }
+  EXPECT_GE(tick_ms() - start + 20, 60U);
+}
+
+TEST(Condition, WaitsNoLongerThanItMay) {
+  WaitedCounter counter;
+  const MutexGuard guard(counter.mutex);
+  for (const std::uint32_t milliseconds : {0U, 10U}) {
+    const auto wait = [&] { counter.changed.wait_within(counter.mutex, milliseconds); };
+    EXPECT_LT(testing::shortest_ms(milliseconds + 1000, wait), milliseconds + 1000U);
+  }
+}
+
+TEST(Condition, ANotificationEndsAWaitWithALimit) {
+  WaitedCounter counter;
+  Thread thread;
+  const std::uint64_t start = tick_ms();
+  {
+    const MutexGuard guard(counter.mutex);
+    ASSERT_TRUE(thread.start(add_many, &counter));
+    while (counter.count < kAdditions) counter.changed.wait_within(counter.mutex, 600000);
+  }
+  thread.join();
+  EXPECT_LT(tick_ms() - start, 600000U);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@ import pytest
 
 pytestmark = pytest.mark.shipped_build
 
-CALLED_BY_POINTER = ["main", "kova::run_tool_job(void*)",
+CALLED_BY_POINTER = ["main", "kova::ToolThread::serve(void*)",
                      "kova::tool_worker_mode(kova::Startup const&)"]
 
 

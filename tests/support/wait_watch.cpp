@@ -1,4 +1,4 @@
-#include "support/join_watch.h"
+#include "support/wait_watch.h"
 
 #include <atomic>
 
@@ -11,20 +11,20 @@ std::atomic<std::uint32_t> longest{0};
 
 }  // namespace
 
-bool Thread::join_within(std::uint32_t milliseconds) {
+void Condition::wait_within(Mutex& mutex, std::uint32_t milliseconds) {
   for (std::uint32_t before = longest;
        milliseconds > before && !longest.compare_exchange_weak(before, milliseconds);) {
   }
-  return testing::real_thread_join_within(*this, milliseconds);
+  testing::real_wait_within(*this, mutex, milliseconds);
 }
 
 namespace testing {
 
-JoinWatch::JoinWatch() {
+WaitWatch::WaitWatch() {
   longest = 0;
 }
 
-std::uint32_t JoinWatch::longest_ms() {
+std::uint32_t WaitWatch::longest_ms() {
   return longest;
 }
 
