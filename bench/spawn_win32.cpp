@@ -39,7 +39,7 @@ std::wstring wide(const char* text) {
 
 std::wstring command_line(const char* path, const char* argument) {
   const std::wstring program = L"\"" + wide(path) + L"\"";
-  return argument != nullptr ? program + L" " + wide(argument) : program;
+  return argument != nullptr ? program + L" \"" + wide(argument) + L"\"" : program;
 }
 
 }  // namespace

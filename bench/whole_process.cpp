@@ -24,6 +24,8 @@ constexpr std::string_view kListTables =
     R"("arguments":{}}})"
     "\n";
 constexpr std::string_view kSucceeded = R"("isError":false)";
+/// What the empty program replies.
+constexpr std::string_view kEmptyReply = "{}";
 
 using Clock = std::chrono::steady_clock;
 
@@ -34,6 +36,7 @@ double milliseconds_since(Clock::time_point start) {
 struct Options {
   int rounds = 0;
   const char* floor = nullptr;
+  const char* relay = nullptr;
   const char* server = nullptr;
   std::string query;
   const char* data = nullptr;
@@ -53,12 +56,12 @@ double spawn_to_exit(const char* path, const char* argument = nullptr) {
 }
 
 /// A call through the running server; the reply stands for the end of the worker.
-double call(Spawned& server, std::string_view request) {
+double call(Spawned& server, std::string_view request, std::string_view wanted = kSucceeded) {
   const auto start = Clock::now();
   std::string line;
   if (!server.write(request) || !server.read_line(line)) return -1;
   const double milliseconds = milliseconds_since(start);
-  if (line.find(kSucceeded) != std::string::npos) return milliseconds;
+  if (line.find(wanted) != std::string::npos) return milliseconds;
   std::fprintf(stderr, "%s\n", line.c_str());
   return -1;
 }
@@ -100,7 +103,12 @@ void record_resident(const char* when, const Spawned& server, SampleFile& data) 
 
 bool measure_calls(const Options& options, SampleFile& data) {
   Spawned server;
+  Spawned relay;
   std::string line;
+  if (!relay.start(options.relay, options.floor) || call(relay, kListTables, kEmptyReply) < 0) {
+    std::fprintf(stderr, "the relay does not answer\n");
+    return false;
+  }
   if (!server.start(options.server) || !server.write(kInitialize) || !server.read_line(line)) {
     std::fprintf(stderr, "the server does not answer\n");
     return false;
@@ -109,6 +117,7 @@ bool measure_calls(const Options& options, SampleFile& data) {
   const std::string query = query_request(options.query);
   const std::vector<Subject> subjects{
       {"floor: spawn, line, line, exit", [&] { return spawn_to_exit(options.floor); }},
+      {"the floor through a relay", [&] { return call(relay, kListTables, kEmptyReply); }},
       {"(a) kova_list_tables by policy", [&] { return call(server, kListTables); }},
       {"its worker alone, without the server",
        [&] { return spawn_to_exit(options.server, "--tool-worker"); }},
@@ -138,12 +147,16 @@ bool run(const Options& options) {
 }  // namespace kova_bench
 
 int main(int count, char** arguments) {
-  if (count != 6) {
-    std::fprintf(stderr, "usage: %s ROUNDS FLOOR SERVER SELECT DATA\n", arguments[0]);
+  if (count != 7) {
+    std::fprintf(stderr, "usage: %s ROUNDS FLOOR RELAY SERVER SELECT DATA\n", arguments[0]);
     return 2;
   }
   const kova_bench::Options options{static_cast<int>(std::strtol(arguments[1], nullptr, 10)),
-                                    arguments[2], arguments[3], arguments[4], arguments[5]};
+                                    arguments[2],
+                                    arguments[3],
+                                    arguments[4],
+                                    arguments[5],
+                                    arguments[6]};
   if (options.rounds < 1) {
     std::fprintf(stderr, "the number of rounds is at least 1\n");
     return 2;

@@ -63,9 +63,10 @@ class Run:
 
 def linux(run: Run) -> None:
     rounds, part = run.asked.value("linux", "rounds"), run.folder / "linux.json"
-    server, began = run.stage.installed("linux", "empty-program"), Moment.now()
+    server, began = run.stage.installed("linux", "empty-program", "relay"), Moment.now()
     run.program([run.linux / "bench" / "whole-process-bench", str(rounds),
-                 server.with_name("empty-program"), server, SELECT_ONE, part],
+                 server.with_name("empty-program"), server.with_name("relay"), server, SELECT_ONE,
+                 part],
                 run.stage.environment())
     run.record("linux", "plain", began, f"rounds={rounds}", part)
 
@@ -73,7 +74,8 @@ def linux(run: Run) -> None:
 def windows(run: Run) -> None:
     rounds, part = run.asked.value("windows", "rounds"), run.folder / "windows.json"
     server, began = run.stage.installed_for_windows(), Moment.now()
-    paths = [wine.windows_path(path) for path in (server.with_name("empty-program.exe"), server)]
+    paths = [wine.windows_path(server.with_name(name))
+             for name in ("empty-program.exe", "relay.exe", server.name)]
     prefix = os.environ.get("WINEPREFIX", str(run.asked.build / "wineprefix"))
     run.program([ROOT / "scripts" / "wine.py", "run",
                  run.asked.build / "windows" / "bench" / "whole-process-bench.exe", str(rounds),
@@ -181,12 +183,13 @@ class Benchmark:
 
 
 SERVICE = ("kova-mcp", "kovadll", "kova-sample-engine")
-CALLS = (*SERVICE, "empty-program", "whole-process-bench")
+CALLS = (*SERVICE, "empty-program", "relay", "whole-process-bench")
 BENCHMARKS = {
     "linux": Benchmark("whole process, Linux", linux, CALLS),
     "windows": Benchmark("whole process, Windows executable under Wine", windows,
                          ("kova-sample-engine",),
-                         ("kova-mcp", "kovadll", "empty-program", "whole-process-bench")),
+                         ("kova-mcp", "kovadll", "empty-program", "relay",
+                          "whole-process-bench")),
     "micro": Benchmark("parsing and escaping", micro, ("json-bench",), needs_stage=False),
     "http": Benchmark("HTTP, Linux", http, SERVICE),
     "peers": Benchmark("peers, Linux", peers,

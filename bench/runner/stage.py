@@ -80,7 +80,7 @@ class Stage:
 
     def installed_for_windows(self) -> Path:
         return self._copied("windows", "windows", "kova-mcp.exe", "sample/kovadll.dll",
-                            "bench/empty-program.exe")
+                            "bench/empty-program.exe", "bench/relay.exe")
 
     def _copied(self, name: str, preset: str, *files: str) -> Path:
         """The first of the files."""
