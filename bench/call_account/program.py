@@ -7,21 +7,24 @@ import os
 import sys
 import time
 from pathlib import Path
-from typing import Any, Callable
+from typing import Any, Callable, Mapping
 
+from call_account.processor import microseconds_a_call
 from call_account.stages import (FIGURES, ServerThreads, Stage, cut, marks_of_call,
                                  marks_of_floor)
 from call_account.tracing import Event, Trace, Unavailable
 from common.messages import line
 from common.stdio import Failed, Program
 from figures import record, samples
+from figures.account_tables import FLOOR, LIST, QUERY
 from figures.conditions import Moment
 
 BLOCK = 10
 """Calls of a subject before the next one's turn."""
 PAUSE_SECONDS = 0.002
 """After a call: what its processes do after the reply ends before the next one begins."""
-AGREEMENT = 0.1
+AGREEMENT = 0.15
+"""Of a call's time; tracing itself takes up to a tenth."""
 
 Call = Callable[[], float]
 Cut = Callable[["list[Event]"], "list[Stage]"]
@@ -105,23 +108,40 @@ class Account:
     """The subjects of one run."""
 
     def __init__(self, asked: argparse.Namespace) -> None:
-        self.server = Program([str(asked.server)])
-        self.server.initialize()
-        # It starts the empty program for each line, and replies with the microseconds.
-        self.floor = Program([str(program) for program in asked.floor])
+        self._asked = asked
+        self.server = self._start_server()
+        self.floor = self._start_floor()
         self.engine = asked.engine
         self.driver = os.getpid()
-        lists = tool_call("kova_list_tables", {})
+        lists = self.lists = tool_call("kova_list_tables", {})
         # The first call starts the thread of the calls.
         self.server.asked(lists)
         reads = self.server.process.pid
         (calls,) = threads_of(reads) - {reads}
         self.threads = ServerThreads(reads, calls)
-        query = tool_call("kova_query", {"sql": asked.query})
+        query = self.query = tool_call("kova_query", {"sql": asked.query})
         self.subjects = [
-            Subject("empty program", lambda: float(self.floor.exchange(lists)), self._cut_floor),
-            Subject("kova_list_tables", lambda: self.server.asked(lists), self._cut_call),
-            Subject("kova_query", lambda: self.server.asked(query), self._cut_call)]
+            Subject(FLOOR, lambda: float(self.floor.exchange(lists)), self._cut_floor),
+            Subject(LIST, lambda: self.server.asked(lists), self._cut_call),
+            Subject(QUERY, lambda: self.server.asked(query), self._cut_call)]
+
+    def _start_server(self, environment: "Mapping[str, str]" = {}) -> Program:
+        server = Program([str(self._asked.server)], environment)
+        server.initialize()
+        return server
+
+    def _start_floor(self) -> Program:
+        """It starts the empty program for each line, and replies with the microseconds."""
+        return Program([str(program) for program in self._asked.floor])
+
+    def processor_times(self) -> "dict[str, list[float]]":
+        """By round, without audit records."""
+        def server() -> Program:
+            return self._start_server({"KOVA_MCP_AUDIT": ""})
+        return microseconds_a_call({
+            FLOOR: (self._start_floor, lambda program: program.exchange(self.lists)),
+            LIST: (server, lambda program: program.asked(self.lists)),
+            QUERY: (server, lambda program: program.asked(self.query))})
 
     def run(self, calls: int) -> None:
         trace = Trace([self.driver, *self.threads, self.floor.process.pid,
@@ -168,6 +188,7 @@ def main(arguments: "list[str]") -> int:
     try:
         account = Account(asked)
         try:
+            processor = account.processor_times()
             account.run(asked.calls)
         finally:
             account.close()
@@ -175,7 +196,8 @@ def main(arguments: "list[str]") -> int:
         print(f"bench/run account: {failure}", file=sys.stderr)
         return 1
     found = {subject.name: subject.account() for subject in account.subjects}
-    record.write(asked.data, record.document(began, {"calls": asked.calls}, {"subjects": found}))
+    record.write(asked.data, record.document(began, {"calls": asked.calls},
+                                         {"subjects": found, "processor_us": processor}))
     apart = [name for name, subject in found.items() if abs(subject["ratio"] - 1) > AGREEMENT]
     if not apart:
         return 0

@@ -6,6 +6,7 @@ from typing import Any, Sequence
 
 from figures.dataset import Dataset
 from figures.markdown import table
+from figures.samples import Ratio, quantile, ratio
 
 DATA = "account"
 HEAD = ("microseconds", "whole", "product runs", "engine runs", "neither", "processor: product",
@@ -31,23 +32,23 @@ def total(subject: "dict[str, Any]", *figures: str) -> float:
 
 
 def totals(data: Dataset) -> str:
-    """The stages' sum next to the calls that nobody traced, and processor time next to the
-    floor's."""
-    subjects = data[DATA]["subjects"]
-    floor = total(subjects[FLOOR], "product_processor")
-    rows = [(name, f"{one['undisturbed_us']:.0f}", f"{one['stages_us']:.0f}",
-             f"{one['ratio']:.2f}", f"{total(one, 'product_processor') / floor:.2f}")
-            for name, one in subjects.items()]
-    return table(("", "not traced, µs", "sum of the stages", "ratio",
-                  "product's processor time to the floor's"), rows)
+    """The stages' sum next to the calls that nobody traced, and the processor time without tracing
+    and records next to the floor's."""
+    processor = data[DATA]["processor_us"]
+    rows = []
+    for name, one in data[DATA]["subjects"].items():
+        of_floor = ratio(processor[name], processor[FLOOR])
+        rows.append((name, f"{one['undisturbed_us']:.0f}", f"{one['stages_us']:.0f}",
+                     f"{one['ratio']:.2f}", f"{quantile(processor[name], 0.5):.0f}",
+                     f"{of_floor.median:.2f}", f"{of_floor.undisturbed:.2f}"))
+    return table(("", "not traced, µs", "sum of the stages", "ratio", "processor time, µs",
+                  "ratio to the floor's", "undisturbed"), rows)
 
 
-def processor_ratio(data: Dataset) -> float:
-    """Of a call that the policy answers to the floor's; the audit record apart, which is the
-    disk's."""
-    subjects = data[DATA]["subjects"]
-    return (_total_without(subjects[LIST], [AUDIT], "product_processor")
-            / total(subjects[FLOOR], "product_processor"))
+def processor_ratio(data: Dataset) -> Ratio:
+    """Of a call that the policy answers to the floor's, without records."""
+    processor = data[DATA]["processor_us"]
+    return ratio(processor[LIST], processor[FLOOR])
 
 
 def own_share_ms(data: Dataset) -> float:

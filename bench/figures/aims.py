@@ -48,7 +48,7 @@ CALL_WINE = Aim("policy-answered call to the floor, Wine", 1.1, _call_ratio("win
 LONG_CALL = Aim("million-byte call to a ping of that size", 2.0, growth_tables.long_call_ratio)
 DUPLICATE_KEYS = Aim("check for duplicate keys to the parse, 2,000 keys", 5.0,
                      growth_tables.check_ratio)
-PROCESSOR_TIME = Aim("processor time of that call, its record apart, to the floor's", 1.3,
+PROCESSOR_TIME = Aim("processor time of that call, without a record, to the floor's", 1.3,
                      account_tables.processor_ratio)
 OWN_SHARE = Aim("query: server and worker beyond floor, record, client library, ms", 0.2,
                 account_tables.own_share_ms)

@@ -8,8 +8,9 @@
 
 namespace kova {
 
-/// Runs jobs on a thread of its own, which the first one starts and which is kept: to start one for
-/// each call would make a call that the policy answers 5 to 10 % slower. Used by one thread.
+/// Runs jobs on a thread of its own, which the first one starts and which is kept: where calls
+/// follow each other closely, a new thread for each would cost 5 to 10 % of a call that the policy
+/// answers. Used by one thread.
 class ToolThread {
  public:
   explicit ToolThread(ToolState& state) : state_(state) {}

@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 
-from call_account import stages
+from call_account import processor, stages
 from call_account.stages import ServerThreads, Stage, cut, marks_of_call, marks_of_floor
 from call_account.tracing import Event, _events
 from figures import account_tables
@@ -204,6 +204,34 @@ def test_a_trace_with_a_gap(left_out: "tuple[int, str, int, tuple[int, ...]]",
         call_marks(lines)
 
 
+# processor time
+
+
+def test_processor_time_is_divided_by_the_calls(monkeypatch: pytest.MonkeyPatch) -> None:
+    """The first round does not count. A program is asked for each call, and has ended before the
+    time is looked at again."""
+    spent, seen = iter([10.0, 10.5, 20.0, 20.3, 30.0, 30.1]), []
+
+    class Told:
+        def __enter__(self) -> "Told":
+            return self
+
+        def __exit__(self, *_: object) -> None:
+            seen.append("end")
+
+    def look() -> float:
+        seen.append("look")
+        return next(spent)
+
+    monkeypatch.setattr(processor, "_spent", look)
+    monkeypatch.setattr(processor, "CALLS", 2)
+    monkeypatch.setattr(processor, "ROUNDS", 2)
+    found = processor.microseconds_a_call({"one": (
+        Told, lambda program: seen.append("call"))})  # type: ignore[dict-item]
+    assert found == {"one": [150000.0, 50000.0]}
+    assert seen == 3 * ["look", "call", "call", "end", "look"]
+
+
 # tables
 
 
@@ -216,9 +244,10 @@ def stage(name: str, product: float, neither: float, processor: float) -> "dict[
 def _data(tmp_path: Path) -> Dataset:
     subjects = {"empty program": [stage("execve", 100, 10, 200)],
                 "kova_list_tables": [stage("execve", 100, 20, 240), stage("reply", 50, 1, 60)]}
+    processor = {"empty program": [200.0, 100.0], "kova_list_tables": [240.0, 140.0]}
     (tmp_path / "account.json").write_text(json.dumps({"subjects": {
         name: {"undisturbed_us": 150.0, "stages_us": 160.0, "ratio": 1.067, "stages": found}
-        for name, found in subjects.items()}}))
+        for name, found in subjects.items()}, "processor_us": processor}))
     return Dataset(tmp_path)
 
 
@@ -235,5 +264,5 @@ def test_table_of_stages(data: Dataset) -> None:
 
 def test_table_of_totals(data: Dataset) -> None:
     assert rows(account_tables.totals(data))[2:] == [
-        ["empty program", "150", "160", "1.07", "1.00"],
-        ["kova_list_tables", "150", "160", "1.07", "1.50"]]
+        ["empty program", "150", "160", "1.07", "100", "1.00", "1.00"],
+        ["kova_list_tables", "150", "160", "1.07", "140", "1.20", "1.40"]]
