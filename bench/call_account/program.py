@@ -24,7 +24,7 @@ BLOCK = 10
 PAUSE_SECONDS = 0.002
 """After a call: what its processes do after the reply ends before the next one begins."""
 AGREEMENT = 0.15
-"""Of a call's time; tracing itself takes up to a tenth."""
+"""Of a call's time; tracing itself takes up to an eighth."""
 
 Call = Callable[[], float]
 Cut = Callable[["list[Event]"], "list[Stage]"]
@@ -117,8 +117,10 @@ class Account:
         # The first call starts the thread of the calls.
         self.server.asked(lists)
         reads = self.server.process.pid
-        (calls,) = threads_of(reads) - {reads}
-        self.threads = ServerThreads(reads, calls)
+        others = threads_of(reads) - {reads}
+        if len(others) != 1:
+            raise Failed(f"{self.server.name} has {len(others)} threads beside the first")
+        self.threads = ServerThreads(reads, *others)
         query = self.query = tool_call("kova_query", {"sql": asked.query})
         self.subjects = [
             Subject(FLOOR, lambda: float(self.floor.exchange(lists)), self._cut_floor),
@@ -196,8 +198,8 @@ def main(arguments: "list[str]") -> int:
         print(f"bench/run account: {failure}", file=sys.stderr)
         return 1
     found = {subject.name: subject.account() for subject in account.subjects}
-    record.write(asked.data, record.document(began, {"calls": asked.calls},
-                                         {"subjects": found, "processor_us": processor}))
+    record.write(asked.data, record.document(
+        began, {"calls": asked.calls}, {"subjects": found, "processor_us": processor}))
     apart = [name for name, subject in found.items() if abs(subject["ratio"] - 1) > AGREEMENT]
     if not apart:
         return 0

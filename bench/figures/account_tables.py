@@ -27,10 +27,6 @@ def stages(data: Dataset, subject: str) -> str:
     return table(HEAD, [*(_row(stage["name"], [stage]) for stage in found), _row("sum", found)])
 
 
-def total(subject: "dict[str, Any]", *figures: str) -> float:
-    return sum(stage[figure] for stage in subject["stages"] for figure in figures)
-
-
 def totals(data: Dataset) -> str:
     """The stages' sum next to the calls that nobody traced, and the processor time without tracing
     and records next to the floor's."""
@@ -55,12 +51,12 @@ def own_share_ms(data: Dataset) -> float:
     """Of a one-row query: the wall time in which server or worker run, beyond the floor, the audit
     record and what the engine's client library does."""
     subjects = data[DATA]["subjects"]
-    beyond = _total_without(subjects[QUERY], [AUDIT, *CLIENT_LIBRARY], "product")
-    return (beyond - total(subjects[FLOOR], "product")) / 1000
+    beyond = _product_runs(subjects[QUERY], [AUDIT, *CLIENT_LIBRARY])
+    return (beyond - _product_runs(subjects[FLOOR])) / 1000
 
 
-def _total_without(subject: "dict[str, Any]", names: "Sequence[str]", figure: str) -> float:
-    return sum(stage[figure] for stage in subject["stages"] if stage["name"] not in names)
+def _product_runs(subject: "dict[str, Any]", without: "Sequence[str]" = ()) -> float:
+    return sum(stage["product"] for stage in subject["stages"] if stage["name"] not in without)
 
 
 def _row(name: str, found: "Sequence[dict[str, Any]]") -> "tuple[str, ...]":

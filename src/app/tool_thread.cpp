@@ -26,12 +26,13 @@ bool ToolThread::run(ToolJob* job) {
 }
 
 bool ToolThread::idle_within(std::uint32_t milliseconds) {
-  const std::uint64_t until = tick_ms() + milliseconds;
+  const std::uint64_t start = tick_ms();
+  std::uint64_t passed = 0;
   const MutexGuard guard(mutex_);
   while (state_.ToolActive.load() != 0) {
-    const std::uint64_t now = tick_ms();
-    if (now >= until) return false;
-    changed_.wait_within(mutex_, static_cast<std::uint32_t>(until - now));
+    if (passed >= milliseconds) return false;
+    changed_.wait_within(mutex_, static_cast<std::uint32_t>(milliseconds - passed));
+    passed = tick_ms() - start;
   }
   return true;
 }

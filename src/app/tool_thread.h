@@ -19,8 +19,8 @@ class ToolThread {
   ToolThread(const ToolThread&) = delete;
   ToolThread& operator=(const ToolThread&) = delete;
 
-  /// Hands the job over to `run_tool_job`. Needs that no call is active but this one. False, and
-  /// the job is still the caller's, when no thread can be started.
+  /// Hands the job over to `run_tool_job`. ToolActive is already set for it, and no other call is
+  /// active. False, and the job is still the caller's, when no thread can be started.
   [[nodiscard]] bool run(ToolJob* job);
   /// Waits at most so long for the end of the active call; whether none is active then.
   [[nodiscard]] bool idle_within(std::uint32_t milliseconds);

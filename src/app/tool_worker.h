@@ -11,7 +11,7 @@
 
 namespace kova {
 
-/// What the reading thread and the worker thread share. At most one call is active.
+/// What the reading thread and the thread of the calls share. At most one call is active.
 struct ToolState {
   std::atomic<std::uint32_t> ToolActive{0};
   std::atomic<std::uint32_t> CancelRequested{0};
@@ -23,7 +23,7 @@ struct ToolState {
   char ActiveRequestId[kIdCapacity] = {};
 };
 
-/// One call on its way to a child; freed with `free` by the worker thread.
+/// One call on its way to a child; freed with `free` by the thread of the calls.
 struct ToolJob {
   ToolState* state;
   char raw_id[kRawIdCapacity];

@@ -4,7 +4,7 @@
  *   src/app/stdio_server.cpp   handle, cancel, terminate_worker_process, refuse_as_busy, start_tool
  *   src/app/tool_thread.cpp    all of it: the calls' thread, started by the first one and kept
  *   src/app/tool_worker.cpp    publish, withdraw, read_reply, run_child, pass_on, run_tool_job
- *   src/platform/thread.h      Mutex and Condition, which only those who wait hear
+ *   src/platform/thread.h      Mutex and Condition: a notification reaches those who wait already
  *   src/platform/process.h     what ChildProcess promises about terminate, wait and collect
  *   src/json/output_lock.h     one line at a time on standard output
  *
@@ -178,7 +178,9 @@ inline end_thread() {
   lock_mutex();
   ending = true;
   unlock_mutex();
+#ifndef NO_NOTICE_OF_THE_ENDING
   notify_all();
+#endif
   if
   :: thread_runs -> thread_ended
   :: else
@@ -199,10 +201,14 @@ inline start_tool(call) {
   fi;
   if
   :: thread_runs ->
+#ifndef JOB_WITHOUT_MUTEX
     lock_mutex();
+#endif
     assert(job == 0);
     job = call;
+#ifndef JOB_WITHOUT_MUTEX
     unlock_mutex();
+#endif
 #ifndef NO_NOTICE_OF_A_JOB
     notify_all()
 #endif

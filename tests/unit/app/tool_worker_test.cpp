@@ -141,8 +141,8 @@ TEST_F(RunToolJob, ACancelledCallIsAnsweredWithItsRawId) {
   EXPECT_EQ(run("a message", ""), cancelled("null"));
 }
 
-// The cancel comes while the child starts: the reading thread and the worker thread may both find
-// that they have to end it.
+// The cancel comes while the child starts: the reading thread and the thread of the calls may both
+// find that they have to end it.
 TEST_F(RunToolJob, ACancelWhileTheChildStarts) {
   mode_.set(testing::kChildHang);
   for (int round = 0; round < 10; ++round) {
