@@ -31,10 +31,7 @@ double call(const char* server) {
   const auto start = Clock::now();
   Spawned worker;
   std::string line;
-  if (!worker.start(server, "--tool-worker") || !worker.write(kListTables) ||
-      !worker.read_line(line) || !worker.wait()) {
-    return -1;
-  }
+  if (!worker.run(server, "--tool-worker", kListTables, line)) return -1;
   const double milliseconds =
       std::chrono::duration<double, std::milli>(Clock::now() - start).count();
   worker.wait_for_companions();

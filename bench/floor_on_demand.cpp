@@ -19,9 +19,7 @@ double microseconds_of(const char* program, const char* line) {
   const auto start = Clock::now();
   Spawned child;
   std::string reply;
-  if (!child.start(program) || !child.write(line) || !child.read_line(reply) || !child.wait()) {
-    return -1;
-  }
+  if (!child.run(program, nullptr, line, reply)) return -1;
   return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
 

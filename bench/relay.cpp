@@ -58,9 +58,7 @@ class Relay {
   [[nodiscard]] bool pass_on(const std::string& line) const {
     Spawned child;
     std::string reply;
-    if (!child.start(program_) || !child.write(line) || !child.read_line(reply) || !child.wait()) {
-      return false;
-    }
+    if (!child.run(program_, nullptr, line, reply)) return false;
     reply += '\n';
     return std::fwrite(reply.data(), 1, reply.size(), stdout) == reply.size() &&
            std::fflush(stdout) == 0;

@@ -2,6 +2,11 @@
 
 namespace kova_bench {
 
+bool Spawned::run(const char* path, const char* argument, std::string_view line,
+                  std::string& reply) {
+  return start(path, argument) && write(line) && read_line(reply) && wait();
+}
+
 bool Spawned::read_line(std::string& line) {
   line.clear();
   for (;;) {

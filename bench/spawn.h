@@ -19,6 +19,9 @@ class Spawned {
   /// Starts the program, with one argument if that is not null; it inherits this process's
   /// environment and standard error. Not to be called again before `wait`.
   [[nodiscard]] bool start(const char* path, const char* argument = nullptr);
+  /// `start`, then one line to the program, one line from it, and its end.
+  [[nodiscard]] bool run(const char* path, const char* argument, std::string_view line,
+                         std::string& reply);
   [[nodiscard]] bool write(std::string_view bytes);
   /// Reads until a line feed, which stays out of the line. False at the end of output before one.
   /// What follows the line feed in the same read is dropped: a program replies to one line at a

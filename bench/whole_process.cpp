@@ -46,10 +46,7 @@ double spawn_to_exit(const char* path, const char* argument = nullptr) {
   const auto start = Clock::now();
   Spawned program;
   std::string line;
-  if (!program.start(path, argument) || !program.write(kListTables) || !program.read_line(line) ||
-      !program.wait()) {
-    return -1;
-  }
+  if (!program.run(path, argument, kListTables, line)) return -1;
   const double milliseconds = milliseconds_since(start);
   program.wait_for_companions();
   return milliseconds;

@@ -113,19 +113,19 @@ class Account:
         self.floor = self._start_floor()
         self.engine = asked.engine
         self.driver = os.getpid()
-        lists = self.lists = tool_call("kova_list_tables", {})
+        self.lists = tool_call("kova_list_tables", {})
+        self.query = tool_call("kova_query", {"sql": asked.query})
         # The first call starts the thread of the calls.
-        self.server.asked(lists)
+        self.server.asked(self.lists)
         reads = self.server.process.pid
         others = threads_of(reads) - {reads}
         if len(others) != 1:
             raise Failed(f"{self.server.name} has {len(others)} threads beside the first")
         self.threads = ServerThreads(reads, *others)
-        query = self.query = tool_call("kova_query", {"sql": asked.query})
         self.subjects = [
-            Subject(FLOOR, lambda: float(self.floor.exchange(lists)), self._cut_floor),
-            Subject(LIST, lambda: self.server.asked(lists), self._cut_call),
-            Subject(QUERY, lambda: self.server.asked(query), self._cut_call)]
+            Subject(FLOOR, lambda: float(self.floor.exchange(self.lists)), self._cut_floor),
+            Subject(LIST, lambda: self.server.asked(self.lists), self._cut_call),
+            Subject(QUERY, lambda: self.server.asked(self.query), self._cut_call)]
 
     def _start_server(self, environment: "Mapping[str, str]" = {}) -> Program:
         server = Program([str(self._asked.server)], environment)

@@ -164,7 +164,7 @@ proctype tool_thread() {
 /* ToolThread::idle_within, which may give up. */
 inline idle_within(idle) {
   lock_mutex();
-  idle = !ToolActive;
+  idle = false;
   do
   :: !ToolActive -> idle = true; break
   :: ToolActive -> break /* the time is over */
